@@ -1,0 +1,18 @@
+# Asio and CLI11 are header-only packages under /usr/include. The cross compiler must see these headers
+# and none of the machine's own, so it is given a folder of links to just them.
+set(linked_headers ${CMAKE_BINARY_DIR}/linked_headers)
+file(MAKE_DIRECTORY ${linked_headers})
+foreach(name IN ITEMS asio asio.hpp CLI)
+  if(NOT EXISTS /usr/include/${name})
+    message(FATAL_ERROR "/usr/include/${name} is missing: run scripts/setup")
+  endif()
+  file(CREATE_LINK /usr/include/${name} ${linked_headers}/${name} SYMBOLIC)
+endforeach()
+
+add_library(asio INTERFACE)
+target_include_directories(asio SYSTEM INTERFACE ${linked_headers})
+target_compile_definitions(asio INTERFACE ASIO_STANDALONE)
+target_link_libraries(asio INTERFACE ws2_32 mswsock)
+
+add_library(cli11 INTERFACE)
+target_include_directories(cli11 SYSTEM INTERFACE ${linked_headers})
