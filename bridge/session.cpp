@@ -31,7 +31,7 @@ using asio::use_awaitable;
 using asio::ip::tcp;
 using namespace std::chrono_literals;
 
-constexpr size_t kBufferSize = 64 * 1024;
+constexpr size_t kBufferSize = 128 * 1024;
 
 // The client waits 20 s for its reply: before that all servers must have had their chance.
 constexpr Clock::duration kConnectLimit = 3s;       // one server
