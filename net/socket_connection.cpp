@@ -25,7 +25,9 @@ bool SocketConnection::LayerStarted() {
     return g_layer_started;
 }
 
-SocketConnection::SocketConnection() { LayerStarted(); }
+SocketConnection::SocketConnection() {
+    LayerStarted();
+}
 
 SocketConnection::~SocketConnection() {
     Drop();
