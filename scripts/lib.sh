@@ -18,8 +18,8 @@ build() { # PRESET
 start_wine() { # NAME
   export WINEPREFIX="$top/build/wine-$1" WINEARCH=win32 WINEDEBUG="${WINEDEBUG:--all}"
   mkdir -p "$WINEPREFIX"
-  "$top/scripts/wine" wineboot >/dev/null 2>&1
   wineserver -p
+  "$top/scripts/wine" wineboot >/dev/null 2>&1
 }
 
 # Assembled only here: a file that holds the whole string is quarantined on many machines.
@@ -36,13 +36,24 @@ clamd_answers() { # PORT
   [ "$reply" = PONG ]
 }
 
+# Waits up to 30 s for an engine, or for the process PID to end.
+wait_for_engine() { # PORT [PID]
+  local tries
+  for tries in $(seq 300); do
+    if (clamd_answers "$1") 2>/dev/null; then return 0; fi
+    if [ $# -gt 1 ] && ! kill -0 "$2" 2>/dev/null; then return 1; fi
+    sleep 0.1
+  done
+  return 1
+}
+
 # Starts a clamd that knows one signature, the EICAR test string, on a free loopback port and sets
 # clamd_port.
 start_clamd() {
   clamd_folder=$(mktemp -d)
   mkdir "$clamd_folder/db"
   echo "Eicar-Test-Signature:0:0:$(eicar | od -An -v -tx1 | tr -d ' \n')" >"$clamd_folder/db/eicar.ndb"
-  local attempt tries
+  local attempt
   for attempt in 1 2 3 4 5; do
     clamd_port=$((20000 + RANDOM % 10000))
     cat >"$clamd_folder/clamd.conf" <<CONF
@@ -54,11 +65,7 @@ SelfCheck 0
 CONF
     clamd --foreground --config-file="$clamd_folder/clamd.conf" >"$clamd_folder/log" 2>&1 &
     clamd_pid=$!
-    for tries in $(seq 300); do
-      if (clamd_answers "$clamd_port") 2>/dev/null; then return 0; fi
-      kill -0 "$clamd_pid" 2>/dev/null || break
-      sleep 0.1
-    done
+    if wait_for_engine "$clamd_port" "$clamd_pid"; then return 0; fi
     kill "$clamd_pid" 2>/dev/null || true
     wait "$clamd_pid" 2>/dev/null || true
     clamd_pid=
