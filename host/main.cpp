@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "host/check.h"
 #include "host/exit_status.h"
 #include "host/file_list.h"
 #include "host/interrupt.h"
@@ -28,6 +29,7 @@ struct Options {
     bool json = false;
     bool version = false;
     bool update = false;
+    bool check = false;
 };
 
 std::wstring ProgramFolder() {
@@ -65,6 +67,7 @@ void Describe(CLI::App& app, Options& options) {
         ->excludes(json);
     tasks->add_flag("--update", options.update, "update the signatures as the mail server does")
         ->excludes(json);
+    tasks->add_flag("--check", options.check, "diagnose the installation and say what to do");
     tasks->require_option(0, 1);
 }
 
@@ -137,13 +140,16 @@ int Run(int count, wchar_t** wide_arguments) {
         PrintError("kestoscan: " + std::string(error.what()) + "\nkestoscan --help lists what it takes.\n");
         return kExitError;
     }
-    if (options.paths.empty() && !options.version && !options.update) {
+    if (options.paths.empty() && !options.version && !options.update && !options.check) {
         PrintError("kestoscan: no files named\nkestoscan --help lists what it takes.\n");
         return kExitError;
     }
     const std::wstring folder = options.folder.empty() ? ProgramFolder() : FullPath(options.folder);
     const std::wstring library =
         options.library.empty() ? ProgramFolder() + L"\\CLAMDLL.dll" : FullPath(options.library);
+    if (options.check) {
+        return CheckInstallation(library, folder, options.json);
+    }
     std::string error;
     const std::optional<PluginLibrary> plugin = LoadPlugin(library, error);
     if (!plugin) {
