@@ -31,7 +31,7 @@ void CheckReport::Add(CheckState state, std::string_view check, std::string_view
     line += ": ";
     line += Printable(text);
     if (!remedy.empty()) {
-        line += " - ";
+        line += " -> ";
         line += Printable(remedy);
     }
     PrintOut(line + "\n");

@@ -62,22 +62,25 @@ bool Is(const std::optional<ScanVerdict>& verdict, VerdictKind kind) {
     return verdict && verdict->kind == kind;
 }
 
+std::string Quoted(std::string_view reply) {
+    return "\"" + Utf8FromAnsi(reply.substr(0, 200)) + "\"";
+}
+
 std::string Describe(const std::optional<ScanVerdict>& verdict) {
     if (!verdict) {
         return "no further connection was accepted";
     }
     switch (verdict->kind) {
         case VerdictKind::Clean:
-            return "it was found clean";
+            return "found clean";
         case VerdictKind::Infected:
-            return "it was found infected with " + Utf8FromAnsi(verdict->text);
+            return "found infected with " + Utf8FromAnsi(verdict->text);
         case VerdictKind::SendFailed:
             return "the connection broke while sending";
         case VerdictKind::UnexpectedReply:
             break;
     }
-    return verdict->text.empty() ? "no reply came"
-                                 : "the reply was \"" + Utf8FromAnsi(verdict->text.substr(0, 200)) + "\"";
+    return verdict->text.empty() ? "no reply came" : "the reply was " + Quoted(verdict->text);
 }
 
 class ServerCheck {
@@ -86,100 +89,105 @@ class ServerCheck {
         : report_(report),
           server_(server),
           encrypt_(encrypt),
-          name_("server " + Utf8FromAnsi(server.host) + ":" + std::to_string(server.port)) {}
+          name_("server " + Utf8FromAnsi(server.host) + ":" + std::to_string(server.port) + " ") {}
 
     void Run() {
-        if (!CheckConnect() || !CheckPing()) {
+        if (!CheckConnection() || !CheckPing()) {
             return;
         }
         CheckVersion();
-        CheckSamples();
+        CheckCleanSample();
+        CheckEicar();
     }
 
  private:
-    bool CheckConnect() {
+    bool CheckConnection() {
+        const std::string check = name_ + "connection";
         const auto start = std::chrono::steady_clock::now();
         SocketConnection connection;
         if (!Connect(connection, server_)) {
-            report_.Failed(name_, "not reachable: " + ConnectFailure(connection),
+            report_.Failed(check, "not made: " + ConnectFailure(connection),
                            "start what listens there, open the firewall for it, or correct servers= in "
                            "kestoav.ini");
             return false;
         }
         const auto taken =
             std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-        const std::string text = "reachable in " + std::to_string(taken.count()) + " ms";
+        const std::string text = "made in " + std::to_string(taken.count()) + " ms";
         if (taken.count() > kSlowConnectMs) {
-            report_.Warning(name_, text, "a server that takes over 1000 ms is passed over: use a nearer one");
+            report_.Warning(check, text, "a server that takes over 1000 ms is passed over: use a nearer one");
         } else {
-            report_.Ok(name_, text);
+            report_.Ok(check, text);
         }
         return true;
     }
 
     bool CheckPing() {
+        const std::string check = name_ + "zPING";
         const std::optional<std::string> reply = Ask(server_, "zPING");
         if (!reply) {
-            report_.Failed(name_, "accepts connections but does not answer zPING",
-                           "see the engine's log: its own scan server may be down or still loading");
+            report_.Failed(check, "no answer",
+                           "see the engine's log: the clamd behind it may be down or still loading");
             return false;
         }
         if (*reply == "PONG") {
-            report_.Ok(name_, "answers zPING");
+            report_.Ok(check, "answered");
         } else {
-            report_.Warning(name_, "answers zPING with \"" + Utf8FromAnsi(reply->substr(0, 200)) + "\"",
+            report_.Warning(check, "answered " + Quoted(*reply),
                             "check that a clamd listens there, or the engine in front of one");
         }
         return true;
     }
 
     void CheckVersion() {
+        const std::string check = name_ + "zVERSION";
         const std::optional<std::string> reply = Ask(server_, "zVERSION");
         if (!reply) {
-            report_.Warning(name_, "does not answer zVERSION", "see the engine's log");
+            report_.Warning(check, "no answer: the age of its signatures is unknown", "see the engine's log");
             return;
         }
-        const std::string version = "answers zVERSION with \"" + Utf8FromAnsi(reply->substr(0, 200)) + "\"";
+        const std::string remedy = "run the signature updater on the engine's machine";
         const auto today = std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now());
         const std::optional<int> age = DatabaseAgeDays(*reply, today);
-        const std::string remedy = "run the signature updater on the engine's machine";
         if (!age) {
-            report_.Warning(name_, version + ": the age of its signatures is unknown", remedy);
+            report_.Warning(check, Quoted(*reply) + ": the age of its signatures is unknown", remedy);
         } else if (*age > kOldDays) {
-            report_.Warning(name_, version + ": its signatures are " + std::to_string(*age) + " days old",
-                            remedy);
-        } else if (*age < -1) {
-            report_.Warning(name_, version + ": its signatures are from the future",
+            report_.Warning(
+                check, Quoted(*reply) + ": its signatures are " + std::to_string(*age) + " days old", remedy);
+        } else if (*age < -1) {  // a day may be the time zone
+            report_.Warning(check, Quoted(*reply) + ": its signatures are of a day to come",
                             "set the clocks of both machines");
         } else {
-            report_.Ok(name_, version);
+            report_.Ok(check, Quoted(*reply));
         }
     }
 
-    void CheckSamples() {
-        const auto clean = Scan(server_, kCleanSample, encrypt_);
-        if (Is(clean, VerdictKind::Clean)) {
-            report_.Ok(name_, "finds a clean sample clean");
+    void CheckCleanSample() {
+        const std::string check = name_ + "clean sample";
+        const auto verdict = Scan(server_, kCleanSample, encrypt_);
+        if (Is(verdict, VerdictKind::Clean)) {
+            report_.Ok(check, "found clean");
         } else {
-            report_.Failed(name_, "a clean sample does not come back clean: " + Describe(clean),
-                           "see the engine's log");
+            report_.Failed(check, Describe(verdict), "see the engine's log");
         }
+    }
+
+    void CheckEicar() {
+        const std::string check = name_ + "EICAR";
         const std::string eicar = EicarTestString();
-        const auto infected = Scan(server_, eicar, encrypt_);
-        if (Is(infected, VerdictKind::Infected)) {
-            report_.Ok(name_, std::string("finds the EICAR test string with encrypt=") +
-                                  (encrypt_ ? "1" : "0") + ": " + Utf8FromAnsi(infected->text));
-        } else if (Is(infected, VerdictKind::Clean) &&
+        const auto verdict = Scan(server_, eicar, encrypt_);
+        if (Is(verdict, VerdictKind::Infected)) {
+            report_.Ok(check, Describe(verdict) + ", with encrypt=" + (encrypt_ ? "1" : "0"));
+        } else if (Is(verdict, VerdictKind::Clean) &&
                    Is(Scan(server_, eicar, !encrypt_), VerdictKind::Infected)) {
-            report_.Failed(
-                name_,
-                std::string("the EICAR test string is found only with encrypt=") + (encrypt_ ? "0" : "1") +
-                    ": plug-in and engine do not agree, and every virus passes",
-                encrypt_ ? "set encrypt=0 in kestoav.ini, or have the engine undo the byte shift"
-                         : "set encrypt=1 in kestoav.ini, or have the engine leave the bytes alone");
+            report_.Failed(check,
+                           std::string("found only with encrypt=") + (encrypt_ ? "0" : "1") +
+                               ": plug-in and engine do not agree, and every virus passes",
+                           encrypt_
+                               ? "set encrypt=0 in kestoav.ini, or have the engine undo the byte shift"
+                               : "set encrypt=1 in kestoav.ini, or have the engine leave the bytes alone");
         } else {
-            report_.Failed(name_, "the EICAR test string is not found: " + Describe(infected),
-                           "check that the engine has loaded its signatures");
+            report_.Failed(check, Describe(verdict), "check that the engine has loaded its signatures");
         }
     }
 

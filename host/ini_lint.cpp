@@ -274,11 +274,13 @@ class Linter {
                     "put the comment on a line of its own");
             return false;
         }
+        if (server.find_first_of(",;\t") != std::string_view::npos) {
+            Misread(Quoted(server) + " is read as one server", "separate servers by single blanks only");
+            return true;
+        }
         if (host.empty()) {
             Misread("servers holds an empty host, which never answers",
                     "write host:port, with single blanks between servers");
-        } else if (host.find_first_of(",;\t") != std::string_view::npos) {
-            Misread(Quoted(host) + " is read as one server", "separate servers by single blanks only");
         } else if (host.find_first_of("[]/") != std::string_view::npos) {
             Misread(Quoted(host) + " is read as the name of a host",
                     "write an IPv4 address or a name, then :port");
