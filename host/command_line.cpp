@@ -79,7 +79,7 @@ std::optional<Options> ParseCommandLine(int count, wchar_t** arguments, int& sta
         return WrongUsage(error.what(), status);
     }
 
-    if (!!*files + !!version + !!update + !!check != 1) {
+    if (!paths.empty() + version + update + check != 1) {
         return WrongUsage("name files to scan, or one of --version, --update and --check", status);
     }
     if (options.json && (version || update)) {
