@@ -1,0 +1,24 @@
+// What an engine's reply to a stream scan means.
+#pragma once
+
+#include <string>
+
+namespace kesto {
+
+enum class VerdictKind {
+    Clean,
+    Infected,         // text: the virus name
+    UnexpectedReply,  // text: the reply
+    SendFailed,       // the connection broke or stalled while sending
+};
+
+struct ScanVerdict {
+    VerdictKind kind;
+    std::string text;
+};
+
+// `reply` is one whole reply without its NUL, or empty when none came. Any reply that begins
+// "stream: " and does not end " FOUND" counts as clean.
+ScanVerdict VerdictOfReply(std::string reply);
+
+}  // namespace kesto

@@ -1,0 +1,18 @@
+// One scan for the host: finding an engine server, the scan, and the verdict in the host's records.
+#pragma once
+
+#include <cstdint>
+
+#include "plugin/host_records.h"
+
+namespace kesto {
+
+// Returns 1 for a scanned or empty file, and 0 on failure with `error_code` set to 1001, 1002 or 1003.
+// `result` is written only when a virus is found. Without the records that it needs, the scan fails with
+// 1002; without `error_code` the code is not written.
+uint32_t ScanFile(const ScanFileInput* input, ScanFileResult* result, uint32_t* error_code);
+
+// Writes `code` for the host, unless `error_code` is null, and returns the result of a failed scan.
+uint32_t FailScan(uint32_t* error_code, uint32_t code);
+
+}  // namespace kesto

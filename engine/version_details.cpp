@@ -1,0 +1,59 @@
+#include "engine/version_details.h"
+
+#include <string>
+#include <string_view>
+
+#include "engine/stream_scan.h"
+#include "plugin/bounded_text.h"
+#include "plugin/server_list.h"
+
+namespace kesto {
+
+static constexpr uint32_t kConnectMs = 20000;
+static constexpr char kUnknown[] = "AV Engine version unknown";
+
+// "engine/database/date" becomes words, without the engine's own version; any other form is shown as
+// it is.
+static void DescribeReply(const std::string& reply, char (&detail)[kMessageSize]) {
+    size_t first = reply.find('/');
+    size_t second = first == std::string::npos ? first : reply.find('/', first + 1);
+    if (second == std::string::npos || reply.find('/', second + 1) != std::string::npos) {
+        CopyText(detail, sizeof detail, reply.c_str());
+        return;
+    }
+    FormatText(detail, sizeof detail, "AV Database %s - Updated %s",
+               reply.substr(first + 1, second - first - 1).c_str(), reply.c_str() + second + 1);
+}
+
+static void DescribeEngine(char (&detail)[kMessageSize]) {
+    CopyText(detail, sizeof detail, kUnknown);
+    if (Servers().empty()) {  // not started yet
+        return;
+    }
+    const ServerEntry& server = Servers().front();
+    SocketConnection connection;
+    if (!connection.Connect(server.host.c_str(), server.port, false, kConnectMs)) {
+        return;
+    }
+    connection.MaxReadIdleMs(kIdleLimitMs);
+    connection.MaxSendIdleMs(kIdleLimitMs);
+    std::string reply;
+    if (SendCommand(connection, "zVERSION")) {
+        if (connection.ReceiveStringUntilByte(0, reply)) {
+            DescribeReply(reply, detail);
+        } else {
+            FormatText(detail, sizeof detail, "Error -%s", connection.LastErrorText());
+        }
+    }
+    connection.Close(kCloseWaitMs);
+}
+
+void WriteVersionDetails(char* buffer, int32_t size) {
+    char detail[kMessageSize];
+    DescribeEngine(detail);
+    if (buffer != nullptr && size >= 2) {
+        FormatText(buffer, static_cast<size_t>(size) - 1, "KESTOAV Version 1.0.4\n%s", detail);
+    }
+}
+
+}  // namespace kesto

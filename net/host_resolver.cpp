@@ -1,0 +1,189 @@
+#include "net/host_resolver.h"
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <atomic>
+#include <new>
+
+namespace kesto {
+
+bool ParseIpv4(const char* text, uint32_t& address) {
+    uint8_t bytes[4];
+    for (int i = 0; i < 4; ++i) {
+        if (i > 0 && *text++ != '.') {
+            return false;
+        }
+        const char* first = text;
+        unsigned value = 0;
+        while (*text >= '0' && *text <= '9' && text - first < 3) {
+            value = value * 10 + static_cast<unsigned>(*text++ - '0');
+        }
+        if (text == first || value > 255 || (*first == '0' && text - first > 1)) {
+            return false;
+        }
+        bytes[i] = static_cast<uint8_t>(value);
+    }
+    if (*text != '\0') {
+        return false;
+    }
+    address = htonl(uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3]);
+    return true;
+}
+
+static const addrinfo* Next(const addrinfo* entry) {
+    return entry->ai_next;
+}
+
+// The declaration of this link names another type than the one it leads to.
+static const ADDRINFOEXW* Next(const ADDRINFOEXW* entry) {
+    return reinterpret_cast<const ADDRINFOEXW*>(entry->ai_next);
+}
+
+template <typename AddressInfo>
+static void TakeAddresses(const AddressInfo* entry, HostAddresses& found) {
+    for (; entry != nullptr && found.count < kMostAddresses; entry = Next(entry)) {
+        if (entry->ai_family == AF_INET && entry->ai_addr != nullptr) {
+            found.addresses[found.count++] = reinterpret_cast<sockaddr_in*>(entry->ai_addr)->sin_addr.s_addr;
+        }
+    }
+}
+
+static Resolution Outcome(int& error, const HostAddresses& found) {
+    if (error == 0 && found.count == 0) {
+        error = WSANO_DATA;
+    }
+    return error == 0 ? Resolution::Found : Resolution::Failed;
+}
+
+// The resolver's call that runs beside ours and can be cancelled, from Windows 8 on.
+struct AsyncResolver {
+    decltype(&GetAddrInfoExW) start;
+    int(WSAAPI* outcome)(OVERLAPPED*);
+    int(WSAAPI* cancel)(HANDLE*);
+    decltype(&FreeAddrInfoExW) free;
+};
+
+static bool FindAsyncResolver(AsyncResolver& resolver) {
+    HMODULE sockets = GetModuleHandleA("ws2_32.dll");
+    auto find = [sockets](const char* name) {
+        return reinterpret_cast<void*>(GetProcAddress(sockets, name));
+    };
+    resolver.start = reinterpret_cast<decltype(resolver.start)>(find("GetAddrInfoExW"));
+    resolver.outcome = reinterpret_cast<decltype(resolver.outcome)>(find("GetAddrInfoExOverlappedResult"));
+    resolver.cancel = reinterpret_cast<decltype(resolver.cancel)>(find("GetAddrInfoExCancel"));
+    resolver.free = reinterpret_cast<decltype(resolver.free)>(find("FreeAddrInfoExW"));
+    return resolver.start != nullptr && resolver.outcome != nullptr && resolver.cancel != nullptr &&
+           resolver.free != nullptr;
+}
+
+// One resolution under way. The system writes into it until the event is set, which may be after we
+// stopped waiting: it therefore lives on the heap.
+struct Lookup {
+    OVERLAPPED overlapped = {};
+    HANDLE cancel_handle = nullptr;
+    ADDRINFOEXW hints = {};
+    ADDRINFOEXW* result = nullptr;
+    wchar_t name[1000];
+    Lookup* next = nullptr;
+};
+
+// Lookups that their cancelling did not end at once.
+static std::atomic<Lookup*> g_abandoned;
+
+static void Abandon(Lookup* lookup) {
+    lookup->next = g_abandoned.load();
+    while (!g_abandoned.compare_exchange_weak(lookup->next, lookup)) {
+    }
+}
+
+static void Destroy(const AsyncResolver& resolver, Lookup* lookup) {
+    if (lookup->result != nullptr) {
+        resolver.free(lookup->result);
+    }
+    CloseHandle(lookup->overlapped.hEvent);
+    delete lookup;
+}
+
+static bool Ended(const Lookup* lookup, DWORD wait_ms) {
+    return WaitForSingleObject(lookup->overlapped.hEvent, wait_ms) == WAIT_OBJECT_0;
+}
+
+static void DestroyEndedLookups(const AsyncResolver& resolver) {
+    Lookup* lookup = g_abandoned.exchange(nullptr);
+    while (lookup != nullptr) {
+        Lookup* next = lookup->next;
+        if (Ended(lookup, 0)) {
+            Destroy(resolver, lookup);
+        } else {
+            Abandon(lookup);
+        }
+        lookup = next;
+    }
+}
+
+static Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_t limit_ms,
+                               HostAddresses& found, int& error) {
+    DestroyEndedLookups(resolver);
+    auto* lookup = new (std::nothrow) Lookup;
+    if (lookup == nullptr) {
+        error = WSAENOBUFS;
+        return Resolution::Failed;
+    }
+    lookup->overlapped.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    lookup->hints.ai_family = AF_INET;
+    lookup->hints.ai_socktype = SOCK_STREAM;
+    if (lookup->overlapped.hEvent == nullptr ||
+        MultiByteToWideChar(CP_ACP, 0, host, -1, lookup->name,
+                            sizeof lookup->name / sizeof lookup->name[0]) == 0) {
+        delete lookup;
+        error = WSAEINVAL;
+        return Resolution::Failed;
+    }
+
+    error = resolver.start(lookup->name, nullptr, NS_DNS, nullptr, &lookup->hints, &lookup->result, nullptr,
+                           &lookup->overlapped, nullptr, &lookup->cancel_handle);
+    if (error == WSA_IO_PENDING) {
+        if (!Ended(lookup, limit_ms)) {
+            resolver.cancel(&lookup->cancel_handle);
+            // Not every system ends it upon that; it must not hold up the caller beyond the limit.
+            constexpr DWORD kCancelMs = 50;
+            if (Ended(lookup, kCancelMs)) {
+                Destroy(resolver, lookup);
+            } else {
+                Abandon(lookup);
+            }
+            return Resolution::TimedOut;
+        }
+        error = resolver.outcome(&lookup->overlapped);
+    }
+    if (error == 0) {
+        TakeAddresses(lookup->result, found);
+    }
+    Destroy(resolver, lookup);
+    return Outcome(error, found);
+}
+
+static Resolution ResolveBlocking(const char* host, HostAddresses& found, int& error) {
+    addrinfo hints = {};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* result = nullptr;
+    error = getaddrinfo(host, nullptr, &hints, &result);
+    if (error == 0) {
+        TakeAddresses(result, found);
+        freeaddrinfo(result);
+    }
+    return Outcome(error, found);
+}
+
+Resolution ResolveHost(const char* host, uint32_t limit_ms, HostAddresses& found, int& error) {
+    found.count = 0;
+    AsyncResolver resolver;
+    if (FindAsyncResolver(resolver)) {
+        return ResolveAsync(resolver, host, limit_ms, found, error);
+    }
+    return ResolveBlocking(host, found, error);
+}
+
+}  // namespace kesto

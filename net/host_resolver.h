@@ -1,0 +1,25 @@
+// Host names to IPv4 addresses, within a time limit.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kesto {
+
+inline constexpr size_t kMostAddresses = 16;  // further addresses of a name are left out
+
+struct HostAddresses {
+    uint32_t addresses[kMostAddresses];  // in network byte order, as the resolver listed them
+    size_t count;
+};
+
+enum class Resolution { Found, TimedOut, Failed };
+
+// Reads a dotted IPv4 address: four decimal numbers from 0 to 255 without leading zeros.
+bool ParseIpv4(const char* text, uint32_t& address);
+
+// Resolves `host` within `limit_ms`. On Failed, `error` is the Windows Sockets error. Where the system
+// is too old to end a resolution early, the limit is the system's own.
+Resolution ResolveHost(const char* host, uint32_t limit_ms, HostAddresses& found, int& error);
+
+}  // namespace kesto

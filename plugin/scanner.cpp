@@ -1,0 +1,52 @@
+#include "plugin/scanner.h"
+
+#include <windows.h>
+
+#include "net/socket_connection.h"
+#include "plugin/host_records.h"
+#include "plugin/log.h"
+#include "plugin/plugin_folder.h"
+#include "plugin/server_list.h"
+#include "plugin/settings.h"
+#include "process/engine_process.h"
+
+namespace kesto {
+
+int32_t InitializeScanner(int32_t interface_version, char* short_name, char* long_name, uint32_t* out_value,
+                          const char* folder) {
+    if (short_name != nullptr) {
+        CopyText(short_name, kShortNameSize, "KESTOAV");
+    }
+    if (long_name != nullptr) {
+        CopyText(long_name, kLongNameSize, "KESTO AV");
+    }
+    if (out_value != nullptr) {
+        *out_value = 0;
+    }
+    if (folder == nullptr) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    SetPluginFolder(folder);
+    char log_path[kPathSize] = {};
+    ReadSettings(PluginFolder(), log_path);
+    AppendServers(Servers(), Settings().servers);
+    OpenLog(log_path);
+    if (interface_version != kInterfaceVersion) {
+        LogMessage("API version mismatch %d != %d", static_cast<int>(interface_version),
+                   static_cast<int>(kInterfaceVersion));
+        return 1;
+    }
+    if (!SocketConnection::LayerStarted()) {
+        return -1;
+    }
+    if (Settings().autostart && FindEngineProcess() == 0) {
+        return static_cast<int32_t>(StartEngineProcess());
+    }
+    return 0;
+}
+
+void CloseScanner() {
+    CloseLog();
+}
+
+}  // namespace kesto

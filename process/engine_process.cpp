@@ -1,0 +1,124 @@
+#include "process/engine_process.h"
+
+#include <windows.h>
+#include <psapi.h>
+
+#include <cstring>
+
+#include "plugin/log.h"
+#include "plugin/settings.h"
+#include "process/child_program.h"
+#include "process/elapsed_seconds.h"
+
+namespace kesto {
+
+static constexpr char kEngineProgram[] = "kestoav.exe";
+static constexpr DWORD kMostProcesses = 10240;
+static constexpr DWORD kPollMs = 100;
+
+// Overwritten by each start, read by nothing, its handles never closed: the plug-in keeps no link to
+// the engine but its name, and that is meant.
+static PROCESS_INFORMATION g_started_engine;
+
+static char LowerAscii(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+static bool EqualIgnoringCase(const char* left, const char* right) {
+    while (*left != '\0' && LowerAscii(*left) == LowerAscii(*right)) {
+        ++left;
+        ++right;
+    }
+    return LowerAscii(*left) == LowerAscii(*right);
+}
+
+static bool IsEngine(HANDLE process) {
+    char image[520];
+    if (GetProcessImageFileNameA(process, image, sizeof image) == 0) {
+        return false;
+    }
+    const char* name = strrchr(image, '\\');
+    return name != nullptr && EqualIgnoringCase(name + 1, kEngineProgram);
+}
+
+uint32_t FindEngineProcess() {
+    DWORD ids[kMostProcesses];
+    DWORD bytes = 0;
+    if (!EnumProcesses(ids, sizeof ids, &bytes)) {
+        return 0;
+    }
+    for (DWORD i = 0; i < bytes / sizeof ids[0]; ++i) {
+        if (ids[i] == 0) {
+            continue;
+        }
+        // This right and no weaker one: an engine that it does not open counts as not running.
+        HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, ids[i]);
+        if (process == nullptr) {
+            continue;
+        }
+        bool found = IsEngine(process);
+        CloseHandle(process);
+        if (found) {
+            return ids[i];
+        }
+    }
+    return 0;
+}
+
+uint32_t StartEngineProcess() {
+    LogMessage("starting kestoav process");
+    DWORD error = StartHiddenProgram(kEngineProgram, g_started_engine);
+    if (error != 0) {
+        LogMessage("Error starting kestoav process - %d", static_cast<int>(error));
+    }
+    return error;
+}
+
+void StopEngineProcess() {
+    LogMessage("stopping kestoav");
+    uint32_t id = FindEngineProcess();
+    if (id == 0) {
+        LogMessage("couldn't find kestoav process");
+        return;
+    }
+    HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, id);
+    if (process == nullptr) {
+        return;
+    }
+    // Logged before the act: the line records the decision, not its outcome.
+    LogMessage("terminated kestoav process");
+    TerminateProcess(process, 0xFFFFFFFF);
+    // Without the right to synchronise this fails at once, and that is meant: a restart polls.
+    WaitForSingleObject(process, 1000);
+    CloseHandle(process);
+    LogMessage("kestoav process ended");
+}
+
+// Polls until an engine process exists, or until none does, for as long as the restart that began at
+// `began` may take. Writes `waiting` at each poll, and `given_up` when the time has passed.
+static void WaitForEngine(bool to_exist, uint32_t began, const char* waiting, const char* given_up) {
+    while ((FindEngineProcess() != 0) != to_exist) {
+        LogMessage("%s", waiting);
+        uint32_t elapsed = ElapsedSeconds(began, GetTickCount());
+        Sleep(kPollMs);
+        if (elapsed > Settings().startwait) {
+            LogMessage("%s", given_up);
+            return;
+        }
+    }
+}
+
+Restart RestartEngineProcess() {
+    const uint32_t began = GetTickCount();
+    LogMessage("restarting kestoav process");
+    StopEngineProcess();
+    WaitForEngine(false, began, "Waiting for kestoav process to end", "Unable to stop kestoav process");
+    if (FindEngineProcess() != 0) {
+        return {false, began};
+    }
+    StartEngineProcess();
+    WaitForEngine(true, began, "Waiting for kestoav process to start", "Unable to start kestoav process");
+    return {FindEngineProcess() != 0, began};
+}
+
+}  // namespace kesto
