@@ -21,6 +21,9 @@ house_test(plugin_tests
   version_details_tests.cpp
   support/fake_engine.cpp
   support/plugin_folder.cpp
-  support/plugin_library.cpp)
+  support/plugin_library.cpp
+  ${PROJECT_SOURCE_DIR}/net/host_resolver.cpp
+  ${PROJECT_SOURCE_DIR}/net/socket_connection.cpp
+  ${PROJECT_SOURCE_DIR}/net/socket_errors.cpp)
 target_link_libraries(plugin_tests PRIVATE ws2_32 version)
 add_dependencies(plugin_tests CLAMDLL engine_child)

@@ -96,7 +96,7 @@ bool FakeEngine::WaitReadable(SOCKET socket) const {
         fd_set readable;
         FD_ZERO(&readable);
         FD_SET(socket, &readable);
-        const timeval look_around{0, kLookAroundUs};
+        timeval look_around{0, kLookAroundUs};
         if (select(0, &readable, nullptr, nullptr, &look_around) != 0)
             return true;
     }

@@ -46,12 +46,22 @@ std::vector<DWORD> ProcessesNamed(std::string_view name) {
     return found;
 }
 
+bool EndProcesses(const std::string& name) {
+    for (const DWORD id : ProcessesNamed(name)) {
+        const HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, id);
+        TerminateProcess(process, 1);
+        CloseHandle(process);
+    }
+    return WaitUntil([&] { return ProcessesNamed(name).empty(); });
+}
+
 PluginFolder::PluginFolder(const std::string& name) {
     EXPECT_TRUE(WaitUntil([] { return ProcessesNamed("kestoav.exe").empty(); }))
         << "an engine process is running that is not this test's";
     char temp[MAX_PATH];
     GetTempPathA(sizeof temp, temp);
-    event_name_ = "kesto_test_" + std::to_string(GetCurrentProcessId());
+    static int folders = 0;
+    event_name_ = "kesto_test_" + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(++folders);
     parent_ = temp + event_name_;
     path_ = parent_ + "\\" + name;
     std::filesystem::create_directories(engine_folder());
@@ -61,12 +71,18 @@ PluginFolder::PluginFolder(const std::string& name) {
 
 PluginFolder::~PluginFolder() {
     SetEvent(end_);
-    // The programs hold their files as long as they live.
-    std::error_code error;
+    EXPECT_TRUE(WaitUntil([] { return ProcessesNamed("kestoav.exe").empty(); }));
+    // Programs hold their files as long as they live.
+    std::filesystem::filesystem_error error("", {});
     EXPECT_TRUE(WaitUntil([&] {
-        std::filesystem::remove_all(parent_, error);
-        return !error && ProcessesNamed("kestoav.exe").empty();
-    })) << error.message();
+        try {
+            std::filesystem::remove_all(parent_);
+            return true;
+        } catch (const std::filesystem::filesystem_error& thrown) {
+            error = thrown;
+            return false;
+        }
+    })) << error.what();
     CloseHandle(end_);
     CloseHandle(release_);
 }

@@ -21,6 +21,8 @@ void WriteFile(const std::string& path, std::string_view content);
 
 // Processes whose program file has this name, in any folder.
 std::vector<DWORD> ProcessesNamed(std::string_view name);
+// Terminates these processes; false when they do not end.
+bool EndProcesses(const std::string& name);
 
 // One start of a stand-in program.
 struct ProgramStart {
@@ -44,6 +46,8 @@ class PluginFolder {
     std::string parent() const { return parent_; }
     std::string engine_folder() const { return path_ + "\\plugins\\kestoav"; }
     std::string engine_program() const { return engine_folder() + "\\kestoav.exe"; }
+    // Where an engine program runs that the plug-in finds and stops, but never starts.
+    std::string elsewhere() const { return parent_ + "\\kestoav.exe"; }
     std::string log_path() const { return path_ + "\\kestoav.log"; }
 
     void WriteSettings(std::string_view lines) const;  // below [kestoav]

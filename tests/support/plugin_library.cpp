@@ -56,7 +56,7 @@ bool ScanOutcome::Infected(std::string_view file_name, std::string_view virus_na
     return result == 1 && error == kUntouched && reserved == kUntouched && infected == 1 &&
            detection.data() + kDetectionFileName == file_name &&
            detection.data() + kDetectionVirusName == virus_name &&
-           detection.compare(kDetectionSize, std::string::npos, 16, '\x5E') == 0;
+           detection.ends_with(std::string(16, '\x5E'));
 }
 
 ScanOutcome ScanWith(const PluginLibrary& plugin, std::string_view data, std::string_view name) {
