@@ -7,6 +7,8 @@
 namespace kesto {
 namespace {
 
+constexpr size_t kMostFolder = 259;
+
 template <typename Function>
 void Bind(HMODULE module, const char* name, Function& function) {
     function = reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
@@ -19,23 +21,6 @@ std::string LoadFailure(const std::wstring& path, DWORD code) {
         text += "; it is damaged, or not a 32-bit library";
     }
     return text;
-}
-
-// The interface takes the folder in the ANSI code page; the short name helps where that has no letters
-// for the long one.
-bool AnsiFolder(const std::wstring& folder, std::string& ansi) {
-    bool lossy = false;
-    ansi = AnsiFromWide(folder, &lossy);
-    if (!lossy) {
-        return true;
-    }
-    wchar_t short_name[MAX_PATH];
-    const DWORD length = GetShortPathNameW(folder.c_str(), short_name, MAX_PATH);
-    if (length == 0 || length >= MAX_PATH) {
-        return false;
-    }
-    ansi = AnsiFromWide(short_name, &lossy);
-    return !lossy;
 }
 
 }  // namespace
@@ -109,21 +94,14 @@ void ClosePlugin(const PluginLibrary& plugin) {
 
 StartOutcome StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, std::string& error) {
     std::string ansi_folder;
-    if (!AnsiFolder(folder, ansi_folder)) {
-        error = "the plug-in's interface cannot express the folder " + Utf8FromWide(folder) +
-                " in this system's code page: use a folder with plain letters";
+    if (!AnsiFolder(folder, ansi_folder, error)) {
         return StartOutcome::kRefused;
     }
-    if (ansi_folder.size() > 259) {
-        error = "the plug-in's folder has " + std::to_string(ansi_folder.size()) +
-                " characters and the interface takes 259: use a shorter one";
-        return StartOutcome::kRefused;
-    }
-    char short_name[32];
-    char long_name[256];
+    char short_name[kShortNameSize];
+    char long_name[kLongNameSize];
     uint32_t out_value;
     const int32_t result =
-        plugin.initialize_scanner(1, short_name, long_name, &out_value, ansi_folder.c_str());
+        plugin.initialize_scanner(kInterfaceVersion, short_name, long_name, &out_value, ansi_folder.c_str());
     if (result == 0) {
         return StartOutcome::kStarted;
     }
@@ -140,6 +118,27 @@ StartOutcome StartPlugin(const PluginLibrary& plugin, const std::wstring& folder
             "\\plugins\\kestoav\\kestoav.exe cannot be started: " + SystemErrorText(code) + " (" +
             std::to_string(code) + ")";
     return StartOutcome::kEngineNotStarted;
+}
+
+bool AnsiFolder(const std::wstring& folder, std::string& ansi, std::string& error) {
+    bool lossy = false;
+    ansi = AnsiFromWide(folder, &lossy);
+    wchar_t short_path[MAX_PATH];
+    const DWORD length = lossy ? GetShortPathNameW(folder.c_str(), short_path, MAX_PATH) : 0;
+    if (length > 0 && length < MAX_PATH) {
+        ansi = AnsiFromWide(short_path, &lossy);
+    }
+    if (lossy) {
+        error = "the folder " + Utf8FromWide(folder) +
+                " has letters that this system's code page lacks: use one with plain letters";
+        return false;
+    }
+    if (ansi.size() > kMostFolder) {
+        error = "the plug-in takes a folder of at most 259 characters, and this one has " +
+                std::to_string(ansi.size()) + ": use a shorter one";
+        return false;
+    }
+    return true;
 }
 
 std::string PluginErrorText(const PluginLibrary& plugin, uint32_t code) {

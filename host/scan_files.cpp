@@ -42,6 +42,7 @@ class ScanRun {
         std::vector<std::thread> threads;
         threads.emplace_back([this] { Work(); });
         const bool show_progress = ProgressShown();
+        auto drawn = start_;
         std::unique_lock guard(OutputLock());
         while (!AllDone()) {
             // One at a time until the engine has answered: threads that all find it unreachable would each
@@ -50,7 +51,9 @@ class ScanRun {
                 threads.emplace_back([this] { Work(); });
             }
             changed_.wait_for(guard, kProgressInterval);
-            if (show_progress && !AllDone()) {
+            const auto now = std::chrono::steady_clock::now();
+            if (show_progress && !AllDone() && now - drawn >= kProgressInterval) {
+                drawn = now;
                 DrawProgress(ProgressLine(CurrentProgress()));
             }
         }
