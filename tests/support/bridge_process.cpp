@@ -38,7 +38,7 @@ std::string Contents(const std::string& path) {
 }  // namespace
 
 BridgeProcess::BridgeProcess(const std::string& upstreams, const std::string& more_settings)
-    : port_(FreePort()) {
+    : port_(ClosedPort()) {
     Start("[bridge]\nlisten=127.0.0.1:" + std::to_string(port_) + "\nupstreams=" + upstreams + "\n" +
           more_settings + "\n");
     if (!WaitUntilListening()) {
@@ -142,11 +142,11 @@ std::string Ask(uint16_t port, const std::string& bytes) {
 }
 
 std::string Scan(uint16_t port, const std::string& data) {
-    return Ask(port, Z("zINSTREAM") + ChunkStreamOf(ShiftedDown(data)));
+    return Ask(port, WithNul("zINSTREAM") + ChunkStreamOf(ShiftedDown(data)));
 }
 
 std::string Stats(uint16_t port) {
-    return Ask(port, Z("zSTATS"));
+    return Ask(port, WithNul("zSTATS"));
 }
 
 unsigned StatsValue(uint16_t port, const std::string& name) {
@@ -157,10 +157,6 @@ unsigned StatsValue(uint16_t port, const std::string& name) {
     }
     stats >> value;
     return value;
-}
-
-std::string Z(std::string text) {
-    return text + '\0';
 }
 
 }  // namespace kesto
