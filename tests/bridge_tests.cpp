@@ -305,7 +305,12 @@ TEST(BridgeFleet, ScanWhoseDataWasSentIsNotRepeated) {
     FakeClamd dying([](Wire& wire) { wire.Receive(20000); });
     FakeClamd clamd(RealisticClamd());
     BridgeProcess bridge(dying.Address() + " " + clamd.Address());
-    EXPECT_EQ(Scan(bridge.Port(), std::string(50000, 'd')), "");
+    const std::string request = WithNul("zINSTREAM") + ChunkStreamOf(std::string(50000, 'd'));
+    Wire client(ConnectToLoopback(bridge.Port()));
+    client.Send(request.substr(0, 30000));
+    EXPECT_TRUE(WaitFor([&] { return dying.Ended() == 1; }));
+    client.Send(request.substr(30000));
+    EXPECT_EQ(client.ReceiveRest().bytes, "");
     EXPECT_EQ(clamd.Accepted(), 0u);
     EXPECT_EQ(Scan(bridge.Port(), "evil"), kFound);
 }
