@@ -329,6 +329,9 @@ asio::awaitable<Command> ReadCommand(SessionPtr session, std::string& text) {
             session->opening_size -= size;
             co_return command;
         }
+        if (session->bridge.stopping) {
+            co_return Command::Incomplete;
+        }
         session->bridge.awaiting_command.insert(&session->client);
         asio::error_code error;
         session->opening_size += co_await session->client.async_read_some(
