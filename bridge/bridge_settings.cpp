@@ -1,7 +1,7 @@
 #include "bridge/bridge_settings.h"
 
-#include <shlwapi.h>
 #include <windows.h>
+#include <shlwapi.h>
 
 #include <algorithm>
 #include <asio/ip/address_v4.hpp>

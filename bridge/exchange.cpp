@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "bridge/error_text.h"
+
 namespace kesto {
 
 namespace {
@@ -66,7 +68,7 @@ asio::awaitable<void> ReadReply(std::shared_ptr<Exchange> exchange) {
         exchange->whole = nul != std::string_view::npos;
         if (!exchange->whole && exchange->failure.empty()) {
             if (error) {
-                exchange->failure = "lost before its reply: " + error.message();
+                exchange->failure = "lost before its reply: " + ErrorText(error);
             } else if (exchange->reply.size() > kLongestReply) {
                 exchange->failure = "its reply is too long";
             }
@@ -106,7 +108,7 @@ asio::awaitable<bool> BeginExchange(std::shared_ptr<Exchange> exchange, Clock::d
     }
     if (error || !exchange->failure.empty()) {
         if (exchange->failure.empty()) {
-            exchange->failure = error.message();
+            exchange->failure = ErrorText(error);
         }
         EndExchange(*exchange);
         co_return false;

@@ -14,10 +14,10 @@ constexpr struct {
     std::string_view text;
     Command command;
 } kCommands[] = {
-    {"zINSTREAM\0"sv, Command::kScan},
-    {"zVERSION\0"sv, Command::kVersion},
-    {"zPING\0"sv, Command::kPing},
-    {"zSTATS\0"sv, Command::kStats},
+    {"zINSTREAM\0"sv, Command::Scan},
+    {"zVERSION\0"sv, Command::Version},
+    {"zPING\0"sv, Command::Ping},
+    {"zSTATS\0"sv, Command::Stats},
 };
 
 }  // namespace
@@ -33,7 +33,7 @@ CommandFound FindCommand(const uint8_t* bytes, size_t size) {
         }
         incomplete = true;
     }
-    return {incomplete ? Command::kIncomplete : Command::kUnknown, 0};
+    return {incomplete ? Command::Incomplete : Command::Unknown, 0};
 }
 
 ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bool unshift) {

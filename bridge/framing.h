@@ -11,14 +11,14 @@ namespace kesto {
 // held, so the limit costs no memory: it tells a length from text or noise read as one.
 constexpr uint32_t kMaxChunkSize = 64 * 1024 * 1024;
 
-enum class Command { kIncomplete, kUnknown, kScan, kVersion, kPing, kStats };
+enum class Command { Incomplete, Unknown, Scan, Version, Ping, Stats };
 
 struct CommandFound {
     Command command;
     size_t size;  // bytes of the command with its NUL; 0 when incomplete or unknown
 };
 
-// Looks for one whole command at the start of the bytes. kUnknown as soon as they cannot become one.
+// Looks for one whole command at the start of the bytes. Unknown as soon as they cannot become one.
 CommandFound FindCommand(const uint8_t* bytes, size_t size);
 
 // Where in the chunk stream the bytes seen so far end. A fresh one stands before the first length.

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "bridge/bridge_log.h"
+#include "bridge/error_text.h"
 #include "bridge/session.h"
 
 namespace kesto {
@@ -60,7 +61,7 @@ asio::awaitable<void> Accept(Bridge& bridge, tcp::acceptor& acceptor) {
             asio::co_spawn(bridge.io, ServeClient(bridge, std::move(client)), asio::detached);
         } else if (!bridge.stopping) {
             // Most likely out of sockets: some will be free again soon.
-            LogBridge("could not accept a client - " + error.message());
+            LogBridge("could not accept a client - " + ErrorText(error));
             asio::steady_timer pause(bridge.io, std::chrono::milliseconds(100));
             co_await pause.async_wait(use_awaitable);
         }
@@ -104,7 +105,7 @@ int Run() {
     const tcp::endpoint where(asio::ip::make_address_v4(settings.listen_host), settings.listen_port);
     const std::string where_text = settings.listen_host + ":" + std::to_string(settings.listen_port);
     if (const auto error = Listen(acceptor, where)) {
-        return Fail("cannot listen on " + where_text + " - " + error.message());
+        return Fail("cannot listen on " + where_text + " - " + ErrorText(error));
     }
     std::string servers;
     for (const Upstream& server : settings.upstreams) {

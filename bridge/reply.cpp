@@ -1,26 +1,24 @@
 #include "bridge/reply.h"
 
+#include "engine/reply_verdict.h"
+
 namespace kesto {
 
-namespace {
-
-constexpr std::string_view kPrefix = "stream: ";
-constexpr std::string_view kFound = " FOUND";
-
-}  // namespace
-
-ScanAnswer ReadScanAnswer(std::string_view reply) {
-    if (reply == "stream: OK") {
-        return ScanAnswer::kClean;
+ScanAnswer ReadScanAnswer(const std::string& reply) {
+    switch (VerdictOfReply(reply).kind) {
+        case VerdictKind::Clean:
+            return reply == "stream: OK" ? ScanAnswer::Clean : ScanAnswer::NoVerdict;
+        case VerdictKind::Infected:
+            return ScanAnswer::Infected;
+        default:
+            return ScanAnswer::NoVerdict;
     }
-    // The blank of " FOUND" is not the prefix's own: "stream: FOUND" names nothing.
-    const bool found = reply.starts_with(kPrefix) && reply.substr(kPrefix.size()).ends_with(kFound);
-    return found ? ScanAnswer::kInfected : ScanAnswer::kNoVerdict;
 }
 
-std::string ReplyForClient(std::string_view reply) {
-    const bool misleading = ReadScanAnswer(reply) == ScanAnswer::kNoVerdict && reply.starts_with(kPrefix);
-    return (misleading ? "no verdict: " : "") + std::string(reply);
+std::string ReplyForClient(const std::string& reply) {
+    const bool taken_for_clean = VerdictOfReply(reply).kind == VerdictKind::Clean;
+    const bool misleading = taken_for_clean && ReadScanAnswer(reply) != ScanAnswer::Clean;
+    return misleading ? "no verdict: " + reply : reply;
 }
 
 }  // namespace kesto

@@ -31,7 +31,7 @@ using asio::use_awaitable;
 using asio::ip::tcp;
 using namespace std::chrono_literals;
 
-constexpr size_t kBufferSize = 64 * 1024;
+constexpr size_t kBufferSize = 128 * 1024;
 
 // The client waits 20 s for its reply: before that all servers must have had their chance.
 constexpr Clock::duration kConnectLimit = 3s;       // one server
@@ -302,26 +302,26 @@ asio::awaitable<void> RelayScan(SessionPtr session, std::string command) {
     const Exchange& exchange = *session->exchange;
     const ScanAnswer answer = ReadScanAnswer(exchange.reply);
     const std::string server = "upstream " + AddressText(exchange.server);
-    if (answer == ScanAnswer::kClean && !saw_all) {
+    if (answer == ScanAnswer::Clean && !saw_all) {
         throw Ended(server + " called the file clean before its end");
     }
     ServerReplied(exchange);
     session->scanning = false;
-    if (answer == ScanAnswer::kNoVerdict) {
+    if (answer == ScanAnswer::NoVerdict) {
         LogBridge(server + " gave no verdict to " + session->peer + " - " + exchange.reply);
     }
-    ++(answer == ScanAnswer::kClean      ? metrics.clean
-       : answer == ScanAnswer::kInfected ? metrics.infected
-                                         : metrics.no_verdict);
+    ++(answer == ScanAnswer::Clean      ? metrics.clean
+       : answer == ScanAnswer::Infected ? metrics.infected
+                                        : metrics.no_verdict);
     co_await Reply(session, ReplyForClient(exchange.reply));
 }
 
-// Reads one command and leaves in `opening` what came behind it. kIncomplete when the client left, or the
+// Reads one command and leaves in `opening` what came behind it. Incomplete when the client left, or the
 // bridge is to end, before there was one.
 asio::awaitable<Command> ReadCommand(SessionPtr session, std::string& text) {
     while (true) {
         const auto [command, size] = FindCommand(session->opening.data(), session->opening_size);
-        if (command != Command::kIncomplete) {
+        if (command != Command::Incomplete) {
             const auto rest = session->opening.begin() + static_cast<ptrdiff_t>(size);
             text.assign(session->opening.begin(), rest);
             std::copy(rest, session->opening.begin() + static_cast<ptrdiff_t>(session->opening_size),
@@ -338,7 +338,7 @@ asio::awaitable<Command> ReadCommand(SessionPtr session, std::string& text) {
             throw Refused("sent no command in time");
         }
         if (error) {
-            co_return Command::kIncomplete;
+            co_return Command::Incomplete;
         }
     }
 }
@@ -346,22 +346,22 @@ asio::awaitable<Command> ReadCommand(SessionPtr session, std::string& text) {
 asio::awaitable<void> Serve(SessionPtr session) {
     std::string text;
     switch (co_await ReadCommand(session, text)) {
-        case Command::kScan:
+        case Command::Scan:
             co_await RelayScan(session, text);
             break;
-        case Command::kVersion:
-        case Command::kPing:
+        case Command::Version:
+        case Command::Ping:
             co_await RelayQuery(session, text);
             break;
-        case Command::kStats:
+        case Command::Stats:
             co_await Reply(session, MetricsText(session->bridge.metrics, session->bridge.settings.upstreams));
             break;
-        case Command::kUnknown:
+        case Command::Unknown:
             throw Refused(
                 "sent an unknown command: " +
                 std::string(session->opening.begin(),
                             session->opening.begin() + static_cast<ptrdiff_t>(session->opening_size)));
-        case Command::kIncomplete:
+        case Command::Incomplete:
             break;
     }
 }

@@ -1,0 +1,178 @@
+// Finding, starting, stopping and restarting the engine process, as scans make it happen.
+#include <algorithm>
+
+#include "tests/support/scanner_test.h"
+
+namespace kesto {
+namespace {
+
+using std::chrono::steady_clock;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsSubsetOf;
+using testing::Not;
+
+constexpr char kWaitingToEnd[] = "Waiting for kestoav process to end";
+constexpr char kWaitingToStart[] = "Waiting for kestoav process to start";
+
+class EngineProcessTest : public ScannerTest {
+   protected:
+    // The log without the lines before the restart, and with repeated lines only once.
+    std::vector<std::string> RestartMessages() const {
+        auto messages = folder.LogMessages();
+        messages.erase(messages.begin(),
+                       std::find(messages.begin(), messages.end(), "restarting kestoav process"));
+        messages.erase(std::unique(messages.begin(), messages.end()), messages.end());
+        return messages;
+    }
+
+    // Starts without an engine of its own, with a server on which nobody listens.
+    void StartAlone(const std::string& settings) {
+        folder.CreateLog();
+        ASSERT_EQ(Start(Servers(ClosedPort()) + "autostart=0\nconnectwait=0\n" + settings), 0);
+    }
+};
+
+TEST_F(EngineProcessTest, IsFoundByTheNameOfItsProgramFileAlone) {
+    const struct {
+        const char* program;
+        bool is_engine;
+    } cases[] = {
+        {"KESTOAV.EXE", true}, {"xkestoav.exe", false}, {"kestoav.exe.old", false}, {"kestoav", false},
+    };
+    folder.PlaceEngine("exit 0");
+    for (const auto& each : cases) {
+        const std::string program = folder.parent() + "\\" + each.program;
+        folder.PlaceProgram(program, "wait");
+        folder.StartProgram(program);
+        folder.CreateLog();
+        EXPECT_EQ(plugin.InitializeScanner(1, nullptr, nullptr, nullptr, folder.path().c_str()), 0);
+        EXPECT_EQ(folder.LogMessages().empty(), each.is_engine) << each.program;
+        plugin.CloseScanner();
+        EXPECT_TRUE(EndProcesses(each.program));
+        EXPECT_TRUE(EndProcesses("kestoav.exe"));
+    }
+}
+
+TEST_F(EngineProcessTest, RestartEndsTheRunningOneAndStartsAnother) {
+    const uint16_t port = ClosedPort();
+    StartWithIdleEngine(Servers(port) + "connectwait=0\nstartwait=5");
+    const DWORD id = folder.Starts(folder.engine_program()).at(0).process_id;
+    const HANDLE old = OpenProcess(PROCESS_QUERY_INFORMATION | SYNCHRONIZE, FALSE, id);
+    folder.PlaceEngine("listen " + std::to_string(port));
+    EXPECT_TRUE(Scan("x").Clean());
+    EXPECT_EQ(WaitForSingleObject(old, 0), WAIT_OBJECT_0);
+    DWORD exit_code = 0;
+    EXPECT_TRUE(GetExitCodeProcess(old, &exit_code));
+    EXPECT_EQ(exit_code, 0xFFFFFFFFu);
+    CloseHandle(old);
+
+    auto messages = RestartMessages();
+    std::erase(messages, kWaitingToEnd);  // none or more
+    std::erase_if(messages, [](const auto& each) { return each.starts_with("Couldn't connect"); });
+    EXPECT_THAT(messages, ElementsAre("restarting kestoav process", "stopping kestoav",
+                                      "terminated kestoav process", "kestoav process ended",
+                                      "starting kestoav process"));
+}
+
+TEST_F(EngineProcessTest, RestartWithoutARunningOneStartsIt) {
+    const uint16_t port = ClosedPort();
+    folder.CreateLog();
+    folder.PlaceEngine("listen " + std::to_string(port));
+    Start(Servers(port) + "autostart=0\nstartwait=5");
+    EXPECT_TRUE(Scan("x").Clean());
+    auto messages = folder.LogMessages();
+    ASSERT_GE(messages.size(), 5u);
+    messages.resize(5);
+    EXPECT_THAT(messages, ElementsAre("Scan file - mail.eml - 1", "restarting kestoav process",
+                                      "stopping kestoav", "couldn't find kestoav process",
+                                      "starting kestoav process"));
+}
+
+TEST_F(EngineProcessTest, MissingProgramEndsTheScanAfterStartwait) {
+    StartAlone("startwait=0");
+    const auto begin = steady_clock::now();
+    EXPECT_TRUE(Scan("x").Failed(1001));
+    const double seconds = std::chrono::duration<double>(steady_clock::now() - begin).count();
+    EXPECT_GT(seconds, 0.95);
+    EXPECT_LT(seconds, 2);
+    EXPECT_THAT(RestartMessages(),
+                ElementsAre("restarting kestoav process", "stopping kestoav", "couldn't find kestoav process",
+                            "starting kestoav process", "Error starting kestoav process - 2", kWaitingToStart,
+                            "Unable to start kestoav process",
+                            "unable to connect to kestoav process - permanent error"));
+    const auto messages = folder.LogMessages();
+    EXPECT_THAT(std::count(messages.begin(), messages.end(), kWaitingToStart),
+                testing::AllOf(testing::Ge(5), testing::Le(12)));  // ten polls a second
+}
+
+TEST_F(EngineProcessTest, ProgramThatEndsAtOnceEndsTheScanAfterStartwait) {
+    folder.PlaceEngine("exit 1");
+    StartAlone("startwait=1");
+    EXPECT_TRUE(Scan("x").Failed(1001));
+    EXPECT_THAT(folder.LogMessages(), Contains("Unable to start kestoav process"));
+}
+
+TEST_F(EngineProcessTest, OneThatSomeoneElseStartsEndsTheWait) {
+    folder.PlaceProgram(folder.elsewhere(), "wait");
+    const uint16_t port = ClosedPort();
+    folder.CreateLog();
+    Start(Servers(port) + "autostart=0\nstartwait=-1");
+    ScanOutcome outcome{};
+    std::thread scan([&] { outcome = Scan("x"); });
+    // A startwait that were signed would have passed at the first poll.
+    EXPECT_TRUE(folder.WaitForLog(kWaitingToStart, 2));
+    FakeEngine engine({}, port);
+    folder.StartProgram(folder.elsewhere());
+    scan.join();
+    EXPECT_TRUE(outcome.Clean());
+}
+
+TEST_F(EngineProcessTest, OfTwoOnlyOneIsEndedAndNoneStarted) {
+    folder.PlaceEngine("wait");
+    folder.PlaceProgram(folder.elsewhere(), "wait");
+    folder.StartProgram(folder.engine_program());
+    folder.StartProgram(folder.elsewhere());
+    StartAlone("startwait=0");
+    EXPECT_TRUE(Scan("x").Failed(1001));
+    EXPECT_EQ(ProcessesNamed("kestoav.exe").size(), 1u);
+    EXPECT_THAT(RestartMessages(),
+                ElementsAre("restarting kestoav process", "stopping kestoav", "terminated kestoav process",
+                            "kestoav process ended", kWaitingToEnd, "Unable to stop kestoav process",
+                            "unable to connect to kestoav process - permanent error"));
+}
+
+TEST_F(EngineProcessTest, OneThatMayNotBeEndedIsNot) {
+    constexpr DWORD kAllButTerminate = PROCESS_ALL_ACCESS & ~PROCESS_TERMINATE;
+    folder.PlaceProgram(folder.elsewhere(), "rights " + std::to_string(kAllButTerminate));
+    folder.StartProgram(folder.elsewhere());
+    const DWORD id = folder.Starts(folder.elsewhere()).at(0).process_id;
+    if (const HANDLE anyway = OpenProcess(PROCESS_TERMINATE, FALSE, id)) {
+        CloseHandle(anyway);
+        GTEST_SKIP() << "this user may end every process";
+    }
+    StartAlone("startwait=0");
+    EXPECT_TRUE(Scan("x").Failed(1001));
+    EXPECT_THAT(RestartMessages(),
+                ElementsAre("restarting kestoav process", "stopping kestoav", kWaitingToEnd,
+                            "Unable to stop kestoav process",
+                            "unable to connect to kestoav process - permanent error"));
+}
+
+TEST_F(EngineProcessTest, OneThatMayNotBeQueriedInFullIsNotSeen) {
+    constexpr DWORD kLimited = PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE | SYNCHRONIZE;
+    folder.PlaceProgram(folder.elsewhere(), "rights " + std::to_string(kLimited));
+    folder.StartProgram(folder.elsewhere());
+    const DWORD id = folder.Starts(folder.elsewhere()).at(0).process_id;
+    if (const HANDLE anyway = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, id)) {
+        CloseHandle(anyway);
+        GTEST_SKIP() << "this user may query every process";
+    }
+    StartAlone("startwait=0");
+    EXPECT_TRUE(Scan("x").Failed(1001));
+    EXPECT_THAT(RestartMessages(), Contains("couldn't find kestoav process"));
+    EXPECT_EQ(ProcessesNamed("kestoav.exe").size(), 1u);
+}
+
+}  // namespace
+}  // namespace kesto
