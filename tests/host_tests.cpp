@@ -87,7 +87,10 @@ TEST_F(HostScan, RecursiveWithJobsPrintsEveryFileOnceInWholeLines) {
         Sample(std::filesystem::path(name).wstring(), i % 8 == 0 ? "VIRUS" : "fine");
         expected.push_back(SampleText(name) + (i % 8 == 0 ? ": Test.Virus FOUND" : ": OK"));
     }
+    // No engine runs yet: four threads must not start four.
+    Configure(engine.port(), "autostart=0");
     const RunResult all = Run(L"-r -j 4" + AllSamples());
+    EXPECT_EQ(folder.Starts(folder.engine_program()).size(), 1u);
     EXPECT_EQ(all.status, 1u);
     std::vector<std::string> lines = Lines(all.out);
     lines.resize(std::min(lines.size(), expected.size()));
