@@ -76,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(
         Setting("RelativeLog", "logfile=av.log", "relative", false),
         Setting("LogInEnvironment", "logfile=C:\\%TEMP%\\av.log", "not replaced", false),
         Setting("LogTooLong", "logfile=C:\\" + std::string(300, 'a'), "cut")),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& test) { return std::string(test.param.name); });
 
 TEST(DatabaseAge, CountsDaysOfThreeFieldsOnly) {
     using namespace std::chrono;

@@ -138,8 +138,7 @@ bool FakeEngine::ReadRequest(SOCKET client, Conversation& conversation) {
     }
 }
 
-void FakeEngine::SendReply(SOCKET client) {
-    const std::string& reply = script_.reply;
+void FakeEngine::SendReply(SOCKET client, const std::string& reply) {
     for (size_t sent = 0; sent < reply.size();) {
         const size_t piece = std::min(script_.bytes_per_send, reply.size() - sent);
         const int taken = send(client, reply.data() + sent, static_cast<int>(piece), 0);
@@ -156,7 +155,7 @@ void FakeEngine::Converse(SOCKET client, Conversation& conversation) {
         while (!stop_)
             Sleep(kLookAroundUs / 1000);
     } else if (ReadRequest(client, conversation)) {
-        SendReply(client);
+        SendReply(client, script_.answer ? script_.answer(conversation) : script_.reply);
         if (script_.hangs_up && !script_.resets)
             shutdown(client, SD_SEND);
         // Whatever the client still sends belongs to the record; its close ends the conversation.

@@ -102,12 +102,6 @@ SOCKET ListenOnLoopback(uint16_t& port) {
     return listener;
 }
 
-uint16_t FreePort() {
-    uint16_t port = 0;
-    closesocket(ListenOnLoopback(port));
-    return port;
-}
-
 SOCKET ConnectToLoopback(uint16_t port) {
     const SOCKET client = OwnSocket();
     const sockaddr_in address = Loopback(port);

@@ -39,9 +39,8 @@ class Wire {
     SOCKET socket_;
 };
 
-// A listener on a port of its own choice, or on one that was free a moment ago.
+// Port 0 takes a free one.
 SOCKET ListenOnLoopback(uint16_t& port);
-uint16_t FreePort();
 SOCKET ConnectToLoopback(uint16_t port);  // INVALID_SOCKET when refused
 
 // Asks until the condition holds; false when the limit passes first.
