@@ -39,10 +39,9 @@ void WriteTable(std::ostream& out, const Rows& rows) {
                   row.beside_name.empty() ? "" : Number(row.beside) + " " + row.unit + " " + row.beside_name,
                   row.ratio ? Number(*row.ratio) : "", aim);
     }
-    out << "\nNotes\n";
     for (const Row& row : rows) {
         if (row.Missed()) {
-            out << "- " << row.name << ": " << row.explanation << ".\n";
+            out << "\nNote on " << row.name << ": " << row.explanation << ".\n";
         }
     }
 }
