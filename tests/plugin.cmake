@@ -25,5 +25,5 @@ house_test(plugin_tests
   ${PROJECT_SOURCE_DIR}/net/host_resolver.cpp
   ${PROJECT_SOURCE_DIR}/net/socket_connection.cpp
   ${PROJECT_SOURCE_DIR}/net/socket_errors.cpp)
-target_link_libraries(plugin_tests PRIVATE ws2_32 version)
+target_link_libraries(plugin_tests PRIVATE ws2_32 version ntdll)
 add_dependencies(plugin_tests CLAMDLL engine_child)

@@ -92,7 +92,7 @@ TEST_F(ScanRequestTest, TheRestartBeginsTheNextWindow) {
     EXPECT_TRUE(outcome.Clean());
     EXPECT_NEAR(std::chrono::duration<double>(first - begin).count(), 1, 0.5);
     EXPECT_NEAR(std::chrono::duration<double>(second - first).count(), 2, 0.5);
-    EXPECT_GE(folder.Starts(folder.engine_program()).size(), 3u);
+    EXPECT_TRUE(folder.WaitForStarts(folder.engine_program(), 3));
 }
 
 TEST_F(ScanRequestTest, PassesFollowEachOtherWithoutPauseAndEachIsLogged) {

@@ -60,7 +60,7 @@ DWORD Play(const std::string& program) {
     if (role == "rights")
         AllowOnly(number);
     if (role == "listen") {
-        engine = std::make_unique<FakeEngine>(EngineScript{}, static_cast<uint16_t>(number));
+        engine = std::make_unique<FakeEngine>(EngineScript{.keeps_record = false}, static_cast<uint16_t>(number));
         if (engine->port() == 0)
             return 98;
     }

@@ -5,8 +5,6 @@
 namespace kesto {
 namespace {
 
-constexpr long kLookAroundUs = 10'000;  // how often a waiting thread looks whether it should stop
-
 sockaddr_in Loopback(uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -33,6 +31,11 @@ SOCKET Bind(uint16_t& port) {
     }
     port = ntohs(address.sin_port);
     return bound;
+}
+
+void SetNonBlocking(SOCKET socket) {
+    u_long on = 1;
+    ioctlsocket(socket, FIONBIO, &on);
 }
 
 void Reset(SOCKET socket) {
@@ -72,6 +75,7 @@ std::string WithNul(std::string_view text) { return std::string(text) + '\0'; }
 
 FakeEngine::FakeEngine(EngineScript script, uint16_t port) : script_(std::move(script)), port_(port) {
     listener_ = Bind(port_);
+    SetNonBlocking(listener_);  // what it accepts is so, too
     if (listener_ == INVALID_SOCKET || listen(listener_, SOMAXCONN) != 0) {
         port_ = 0;
         return;
@@ -91,26 +95,26 @@ std::vector<Conversation> FakeEngine::Conversations() const {
     return {conversations_.begin(), conversations_.end()};
 }
 
-bool FakeEngine::WaitReadable(SOCKET socket) const {
+// The result of `call` once it no longer would block; negative on failure and at the end. It polls because
+// an engine must be fit to be killed at any moment: Wine keeps the sockets of a process that is killed
+// while it waits on them.
+template <class Call>
+int FakeEngine::WhenReady(Call call) const {
     while (!stop_) {
-        fd_set readable;
-        FD_ZERO(&readable);
-        FD_SET(socket, &readable);
-        timeval look_around{0, kLookAroundUs};
-        if (select(0, &readable, nullptr, nullptr, &look_around) != 0)
-            return true;
+        const int result = call();
+        if (result >= 0 || WSAGetLastError() != WSAEWOULDBLOCK)
+            return result;
+        Sleep(1);
     }
-    return false;
+    return -1;
 }
 
 void FakeEngine::AcceptAll() {
-    while (WaitReadable(listener_)) {
-        const SOCKET client = accept(listener_, nullptr, nullptr);
-        if (client == INVALID_SOCKET)
-            continue;
+    int client;
+    while ((client = WhenReady([this] { return static_cast<int>(accept(listener_, nullptr, nullptr)); })) >= 0) {
         std::lock_guard lock(mutex_);
         Conversation& conversation = conversations_.emplace_back();
-        talkers_.emplace_back([this, client, &conversation] { Converse(client, conversation); });
+        talkers_.emplace_back([this, client, &conversation] { Converse(static_cast<SOCKET>(client), conversation); });
     }
     for (std::thread& talker : talkers_)
         talker.join();
@@ -124,11 +128,9 @@ bool FakeEngine::ReadRequest(SOCKET client, Conversation& conversation) {
             return false;
         if (conversation.complete)
             return true;
-        if (!WaitReadable(client))
-            return false;
         // Not one byte more than wanted, so that an early end comes at the very byte that was asked for.
         const size_t room = std::min(buffer.size(), script_.close_after - conversation.raw.size());
-        const int got = recv(client, buffer.data(), static_cast<int>(room), 0);
+        const int got = WhenReady([&] { return recv(client, buffer.data(), static_cast<int>(room), 0); });
         if (got <= 0)
             return false;
         std::lock_guard lock(mutex_);
@@ -142,7 +144,8 @@ void FakeEngine::SendReply(SOCKET client) {
     const std::string& reply = script_.reply;
     for (size_t sent = 0; sent < reply.size();) {
         const size_t piece = std::min(script_.bytes_per_send, reply.size() - sent);
-        const int taken = send(client, reply.data() + sent, static_cast<int>(piece), 0);
+        const int taken =
+            WhenReady([&] { return send(client, reply.data() + sent, static_cast<int>(piece), 0); });
         if (taken <= 0)
             return;
         sent += static_cast<size_t>(taken);
@@ -154,7 +157,7 @@ void FakeEngine::Converse(SOCKET client, Conversation& conversation) {
     setsockopt(client, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&at_once), sizeof at_once);
     if (!script_.reads) {
         while (!stop_)
-            Sleep(kLookAroundUs / 1000);
+            Sleep(10);
     } else if (ReadRequest(client, conversation)) {
         SendReply(client);
         if (script_.hangs_up && !script_.resets)
@@ -162,12 +165,16 @@ void FakeEngine::Converse(SOCKET client, Conversation& conversation) {
         // Whatever the client still sends belongs to the record; its close ends the conversation.
         char rest[512];
         int got = 0;
-        while (!script_.resets && WaitReadable(client) && (got = recv(client, rest, sizeof rest, 0)) > 0) {
+        while (!script_.resets && (got = WhenReady([&] { return recv(client, rest, sizeof rest, 0); })) > 0) {
             std::lock_guard lock(mutex_);
             conversation.raw.append(rest, static_cast<size_t>(got));
         }
     }
     script_.resets ? Reset(client) : void(closesocket(client));
+    if (!script_.keeps_record) {
+        std::lock_guard lock(mutex_);
+        conversation = {};
+    }
 }
 
 UnansweredPort::UnansweredPort() {
@@ -177,8 +184,7 @@ UnansweredPort::UnansweredPort() {
     const sockaddr_in address = Loopback(port_);
     for (int queued = 0; queued < 8; ++queued) {
         const SOCKET client = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-        u_long non_blocking = 1;
-        ioctlsocket(client, FIONBIO, &non_blocking);
+        SetNonBlocking(client);
         connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address);
         sockets_.push_back(client);
     }

@@ -25,6 +25,7 @@ struct EngineScript {
     bool resets = false;            // whatever ends the connection is a reset
     bool reads = true;              // false: holds the connection and never reads
     bool hangs_up = true;           // false: after the reply, holds the connection until the client closes it
+    bool keeps_record = true;       // false: for very many conversations
 };
 
 // One connection as the engine saw it.
@@ -55,7 +56,8 @@ class FakeEngine {
     void Converse(SOCKET client, Conversation& conversation);
     bool ReadRequest(SOCKET client, Conversation& conversation);
     void SendReply(SOCKET client);
-    bool WaitReadable(SOCKET socket) const;
+    template <class Call>
+    int WhenReady(Call call) const;
 
     EngineScript script_;
     SOCKET listener_ = INVALID_SOCKET;

@@ -46,13 +46,12 @@ std::vector<DWORD> ProcessesNamed(std::string_view name) {
     return found;
 }
 
-bool EndProcesses(const std::string& name) {
+void EndProcesses(std::string_view name) {
     for (const DWORD id : ProcessesNamed(name)) {
         const HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, id);
         TerminateProcess(process, 1);
         CloseHandle(process);
     }
-    return WaitUntil([&] { return ProcessesNamed(name).empty(); });
 }
 
 PluginFolder::PluginFolder(const std::string& name) {

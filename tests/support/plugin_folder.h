@@ -21,8 +21,8 @@ void WriteFile(const std::string& path, std::string_view content);
 
 // Processes whose program file has this name, in any folder.
 std::vector<DWORD> ProcessesNamed(std::string_view name);
-// Terminates these processes; false when they do not end.
-bool EndProcesses(const std::string& name);
+// Terminates them, without waiting for their end.
+void EndProcesses(std::string_view name);
 
 // One start of a stand-in program.
 struct ProgramStart {
