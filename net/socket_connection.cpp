@@ -26,7 +26,6 @@ bool SocketConnection::LayerStarted() {
 }
 
 SocketConnection::SocketConnection() {
-    account_[0] = '\0';
     LayerStarted();
 }
 
@@ -263,10 +262,10 @@ bool SocketConnection::ReceiveStringUntilByte(int byte_value, std::string& text)
             char buffer[4096];
             int count = recv(socket_, buffer, sizeof buffer, 0);
             if (count > 0) {
-                const void* match = memchr(buffer, last, static_cast<size_t>(count));
-                const char* end = match != nullptr ? static_cast<const char*>(match) : buffer + count;
-                received.append(buffer, static_cast<size_t>(end - buffer));
-                if (match != nullptr) {
+                const std::string_view bytes(buffer, static_cast<size_t>(count));
+                const size_t match = bytes.find(static_cast<char>(last));
+                received.append(bytes.substr(0, match));
+                if (match != std::string_view::npos) {
                     text = std::move(received);
                     return true;
                 }

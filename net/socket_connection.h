@@ -67,9 +67,9 @@ class SocketConnection {
     SOCKET socket_ = INVALID_SOCKET;
     uint32_t max_read_idle_ms_ = 20000;
     uint32_t max_send_idle_ms_ = 20000;
-    char account_[kAccountSize];
+    char account_[kAccountSize] = {};
     size_t account_length_ = 0;
-    char ring_[kRingSlots][kAccountSize];
+    char ring_[kRingSlots][kAccountSize] = {};
     int ring_index_ = 0;
 };
 

@@ -1,0 +1,73 @@
+#include "bridge/framing.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+namespace kesto {
+
+namespace {
+
+using namespace std::string_view_literals;
+
+constexpr struct {
+    std::string_view text;
+    Command command;
+} kCommands[] = {
+    {"zINSTREAM\0"sv, Command::Scan},
+    {"zVERSION\0"sv, Command::Version},
+    {"zPING\0"sv, Command::Ping},
+    {"zSTATS\0"sv, Command::Stats},
+};
+
+}  // namespace
+
+CommandFound FindCommand(const uint8_t* bytes, size_t size) {
+    bool incomplete = false;
+    for (const auto& [text, command] : kCommands) {
+        if (size != 0 && std::memcmp(bytes, text.data(), std::min(size, text.size())) != 0) {
+            continue;
+        }
+        if (size >= text.size()) {
+            return {command, text.size()};
+        }
+        incomplete = true;
+    }
+    return {incomplete ? Command::Incomplete : Command::Unknown, 0};
+}
+
+ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bool unshift) {
+    size_t used = 0;
+    while (used < size && !stream.ended) {
+        if (stream.data_left != 0) {
+            const size_t run = std::min<size_t>(stream.data_left, size - used);
+            if (unshift) {
+                ShiftUp(bytes + used, run);
+            }
+            stream.data_left -= static_cast<uint32_t>(run);
+            stream.data_bytes += run;
+            used += run;
+            continue;
+        }
+        stream.length = stream.length << 8 | bytes[used++];
+        if (++stream.length_bytes < 4) {
+            continue;
+        }
+        if (stream.length > kMaxChunkSize) {
+            return {used, false};
+        }
+        stream.ended = stream.length == 0;
+        stream.data_left = stream.length;
+        stream.length = 0;
+        stream.length_bytes = 0;
+    }
+    return {used, true};
+}
+
+void ShiftUp(uint8_t* bytes, size_t size) {
+    for (size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<uint8_t>(bytes[i] + 1);
+    }
+}
+
+}  // namespace kesto

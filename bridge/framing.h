@@ -1,0 +1,45 @@
+// What a client sends to an engine: one command, and for a scan the chunk stream behind it. Knows no
+// sockets: it is handed bytes as they come, cut anywhere.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kesto {
+
+// A chunk whose length is above this ends the connection. Chunks are passed on as they come and never
+// held, so the limit costs no memory: it tells a length from text or noise read as one.
+constexpr uint32_t kMaxChunkSize = 64 * 1024 * 1024;
+
+enum class Command { Incomplete, Unknown, Scan, Version, Ping, Stats };
+
+struct CommandFound {
+    Command command;
+    size_t size;  // bytes of the command with its NUL; 0 when incomplete or unknown
+};
+
+// Looks for one whole command at the start of the bytes. Unknown as soon as they cannot become one.
+CommandFound FindCommand(const uint8_t* bytes, size_t size);
+
+// Where in the chunk stream the bytes seen so far end. A fresh one stands before the first length.
+struct ChunkStream {
+    uint32_t length = 0;  // of the current chunk, as far as its four bytes are known
+    unsigned length_bytes = 0;
+    uint32_t data_left = 0;   // of the current chunk
+    uint64_t data_bytes = 0;  // seen in all
+    bool ended = false;       // the zero length was seen
+};
+
+// Follows the stream through the next bytes and, with unshift, adds one to every data byte in place
+// (lengths stay as they are). Returns how many bytes belong to the stream: all of them, or fewer once it
+// has ended. False in `valid` when a length is above kMaxChunkSize; nothing may be passed on then.
+struct ChunksFollowed {
+    size_t used;
+    bool valid;
+};
+ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bool unshift);
+
+// Undoes the byte shift: adds one to every byte, wrapping.
+void ShiftUp(uint8_t* bytes, size_t size);
+
+}  // namespace kesto

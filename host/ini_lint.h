@@ -1,0 +1,21 @@
+// What in a settings file does not mean what its writer meant: the reader never complains, it silently
+// takes something else.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kesto {
+
+struct IniFinding {
+    size_t line;         // from 1
+    bool misread;        // the scanner runs with something else than was written; otherwise a mere doubt
+    std::string text;    // what is wrong
+    std::string remedy;  // what to write instead
+};
+
+// `text` is the whole file in the ANSI code page. Any bytes will do.
+std::vector<IniFinding> LintIni(std::string_view text);
+
+}  // namespace kesto

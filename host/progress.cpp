@@ -1,0 +1,41 @@
+#include "host/progress.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace kesto {
+
+std::string ByteText(uint64_t bytes) {
+    static constexpr const char* kUnits[] = {"B", "kB", "MB", "GB", "TB"};
+    auto amount = static_cast<double>(bytes);
+    size_t unit = 0;
+    while (amount >= 999.95 && unit + 1 < std::size(kUnits)) {
+        amount /= 1000;
+        ++unit;
+    }
+    char text[32];
+    std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", amount, kUnits[unit]);
+    return text;
+}
+
+std::string ProgressLine(const Progress& progress) {
+    std::string line = std::to_string(progress.files_done) + "/" + std::to_string(progress.files_total) +
+                       " files, " + ByteText(progress.bytes_done);
+    if (progress.seconds <= 0 || progress.bytes_done == 0) {
+        return line;
+    }
+    const double rate = static_cast<double>(progress.bytes_done) / progress.seconds;
+    const uint64_t bytes_left = std::max(progress.bytes_total, progress.bytes_done) - progress.bytes_done;
+    const auto left = static_cast<uint64_t>(static_cast<double>(bytes_left) / rate + 0.5);
+    char time[40];
+    if (left >= 3600) {
+        std::snprintf(time, sizeof time, "%u:%02u:%02u", static_cast<unsigned>(left / 3600),
+                      static_cast<unsigned>(left / 60 % 60), static_cast<unsigned>(left % 60));
+    } else {
+        std::snprintf(time, sizeof time, "%u:%02u", static_cast<unsigned>(left / 60),
+                      static_cast<unsigned>(left % 60));
+    }
+    return line + ", " + ByteText(static_cast<uint64_t>(rate)) + "/s, " + time + " left";
+}
+
+}  // namespace kesto

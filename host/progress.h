@@ -1,0 +1,23 @@
+// The line that tells how far a scan has come.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace kesto {
+
+struct Progress {
+    uint64_t files_done = 0;
+    uint64_t files_total = 0;
+    uint64_t bytes_done = 0;
+    uint64_t bytes_total = 0;  // as listed; a file may have changed since
+    double seconds = 0;        // since the start
+};
+
+// "12/40 files, 3.1 MB, 1.5 MB/s, 0:07 left"; the time left only once there is a rate to tell it from.
+std::string ProgressLine(const Progress& progress);
+
+// "512 B", "3.1 MB": powers of 1000.
+std::string ByteText(uint64_t bytes);
+
+}  // namespace kesto

@@ -1,0 +1,43 @@
+// What a scan found: one line or JSON member a file as it comes, and the summary.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace kesto {
+
+struct ReportOptions {
+    bool json = false;
+    bool infected_only = false;  // clean files are left out, and errors go to standard error
+};
+
+// Totals of one run. `not_scanned` counts the files left out because the run ended early.
+struct ScanTotals {
+    uint64_t scanned = 0;
+    uint64_t infected = 0;
+    uint64_t errors = 0;
+    uint64_t not_scanned = 0;
+    uint64_t bytes = 0;
+    double seconds = 0;
+    bool interrupted = false;
+};
+
+// One run's report, to be used under OutputLock by any thread: whole lines and a whole JSON document
+// even when the run is interrupted. Texts are UTF-8.
+class Report {
+ public:
+    explicit Report(const ReportOptions& options);
+
+    void Clean(const std::string& path, uint64_t size);
+    void Infected(const std::string& path, uint64_t size, const std::string& virus);
+    void Failed(const std::string& path, const std::string& error, uint32_t code);
+    void Summary(const ScanTotals& totals);
+
+ private:
+    void JsonFile(const std::string& object);
+
+    const ReportOptions options_;
+    bool first_ = true;
+};
+
+}  // namespace kesto

@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Packs the release, unpacks it into a folder whose name has a blank in it and scans there: through a Wine
+# prefix of its own, in which every process ends with the test.
+set -euo pipefail
+. "$(dirname "$0")/../scripts/lib.sh"
+
+fail() {
+  echo "FAILED: $*" >&2
+  exit 1
+}
+
+if [ -z "${KESTOAV_TEST_CLAMD_PORT:-}" ]; then
+  echo "skipped: KESTOAV_TEST_CLAMD_PORT names no clamd; scripts/test starts one"
+  exit 77
+fi
+
+work=$(mktemp -d)
+cleanup() {
+  finish
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+pack() { # UMASK
+  (umask "$1" && "$top/scripts/package") >"$work/packed" 2>&1 || fail "$(cat "$work/packed")"
+  sha256sum <"$(echo "$top"/build/release/kestoav-*-win32.zip)"
+}
+[ "$(pack 022)" = "$(pack 077)" ] || fail "two packings of one commit differ"
+
+installed="$work/KESTO AV"
+unzip -q "$top"/build/release/kestoav-*-win32.zip -d "$installed"
+cd "$installed"
+[ "$(find . -type f | sort | tr '\n' ' ')" = "./CLAMDLL.dll ./INSTALL.txt ./README.txt \
+./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe ./plugins/kestoav/bridge.ini \
+./plugins/kestoav/kestoav.exe " ] || fail "the zip holds $(find . -type f)"
+for text in *.txt *.ini plugins/kestoav/*.ini; do
+  if grep -qv $'\r$' "$text"; then fail "$text has lines that do not end in CR LF"; fi
+done
+if grep -l -F "$top" -r .; then fail "these tell where they were built"; fi
+
+# As shipped, but for the ports: nothing else on this machine may depend on them.
+port=$(perl -MIO::Socket::INET -e 'print IO::Socket::INET->new(Listen => 1, LocalAddr => "127.0.0.1:0")->sockport')
+sed -i "s/^servers=.*/servers=127.0.0.1:$port\r/" kestoav.ini
+sed -i "s/^listen=.*/listen=127.0.0.1:$port\r/
+  s/^upstreams=.*/upstreams=127.0.0.1:$KESTOAV_TEST_CLAMD_PORT\r/" plugins/kestoav/bridge.ini
+touch kestoav.log
+echo 'Nothing to see here.' >"$work/clean.txt"
+eicar >"$work/eicar.com"
+
+start_wine package
+cd "$work"
+status=0
+"$top/scripts/wine" "$installed/kestoscan.exe" clean.txt eicar.com >scanned || status=$?
+tr -d '\r' <scanned
+[ "$status" -eq 1 ] || fail "kestoscan ended with $status"
+grep -q '^clean.txt: OK' scanned || fail "the clean sample is not clean"
+grep -q '^eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND' scanned || fail "EICAR is not found"
+grep -q 'starting kestoav process' "$installed/kestoav.log" || fail "the engine was not started"
+if grep restarting "$installed/kestoav.log"; then fail "the engine was restarted"; fi
+
+"$top/scripts/wine" "$installed/kestoscan.exe" --check || fail "the check found a fault"
