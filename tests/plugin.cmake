@@ -8,6 +8,7 @@ target_link_libraries(engine_child PRIVATE house ws2_32)
 target_link_options(engine_child PRIVATE -s)  # it is copied for nearly every test
 
 house_test(plugin_tests
+  clamd_tests.cpp
   engine_process_tests.cpp
   exports_tests.cpp
   fault_tests.cpp
@@ -26,4 +27,4 @@ house_test(plugin_tests
   ${PROJECT_SOURCE_DIR}/net/socket_connection.cpp
   ${PROJECT_SOURCE_DIR}/net/socket_errors.cpp)
 target_link_libraries(plugin_tests PRIVATE ws2_32 version ntdll)
-add_dependencies(plugin_tests CLAMDLL engine_child)
+add_dependencies(plugin_tests CLAMDLL kestoav engine_child)
