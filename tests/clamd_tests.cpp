@@ -11,16 +11,18 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 class ClamdTest : public ScannerTest {
-   protected:
+ protected:
     void SetUp() override {
         const char* const clamd_port = getenv("KESTOAV_TEST_CLAMD_PORT");
         if (clamd_port == nullptr) {
             GTEST_SKIP() << "KESTOAV_TEST_CLAMD_PORT names no clamd; scripts/test starts one";
         }
-        const uint16_t port = ClosedPort();
-        ASSERT_TRUE(CopyFileA((TestProgramFolder() + "\\..\\kestoav.exe").c_str(), folder.engine_program().c_str(), TRUE));
-        WriteFile(folder.engine_folder() + "\\bridge.ini", "[bridge]\r\nlisten=127.0.0.1:" + std::to_string(port) +
-                                                               "\r\nupstreams=127.0.0.1:" + clamd_port + "\r\n");
+        const uint16_t port = FreePort();
+        ASSERT_TRUE(CopyFileA((TestProgramFolder() + "\\..\\kestoav.exe").c_str(),
+                              folder.engine_program().c_str(), TRUE));
+        WriteFile(folder.engine_folder() + "\\bridge.ini",
+                  "[bridge]\r\nlisten=127.0.0.1:" + std::to_string(port) +
+                      "\r\nupstreams=127.0.0.1:" + clamd_port + "\r\n");
         folder.CreateLog();
         folder.WriteSettings(Servers(port));  // and every default
         ASSERT_EQ(plugin.InitializeScanner(1, nullptr, nullptr, nullptr, folder.path().c_str()), 0);
@@ -52,7 +54,8 @@ TEST_F(ClamdTest, FindsWhatIsThereAndNothingElse) {
 TEST_F(ClamdTest, ReportsAFileBeyondTheEnginesLimit) {
     const std::string too_large(65 << 20, 'x');  // 64 MB is the limit of the clamd that the tests use
     EXPECT_TRUE(Scan(too_large).Failed(1003));
-    EXPECT_EQ(folder.LogMessages().back(), "Unexpected response from KESTOAV - INSTREAM size limit exceeded. ERROR");
+    EXPECT_EQ(folder.LogMessages().back(),
+              "Unexpected response from KESTOAV - INSTREAM size limit exceeded. ERROR");
     EXPECT_TRUE(Scan("small").Clean());
 }
 

@@ -16,7 +16,7 @@ constexpr char kWaitingToEnd[] = "Waiting for kestoav process to end";
 constexpr char kWaitingToStart[] = "Waiting for kestoav process to start";
 
 class EngineProcessTest : public ScannerTest {
-   protected:
+ protected:
     // The log without the lines before the restart, and with repeated lines only once.
     std::vector<std::string> RestartMessages() const {
         auto messages = folder.LogMessages();
@@ -29,7 +29,7 @@ class EngineProcessTest : public ScannerTest {
     // Starts without an engine of its own, with a server on which nobody listens.
     void StartAlone(const std::string& settings) {
         folder.CreateLog();
-        ASSERT_EQ(Start(settings + "\nautostart=0\nconnectwait=0\n" + Servers(ClosedPort())), 0);
+        ASSERT_EQ(Start(settings + "\nautostart=0\nconnectwait=0\n" + Servers(FreePort())), 0);
     }
 };
 
@@ -38,7 +38,10 @@ TEST_F(EngineProcessTest, IsFoundByTheNameOfItsProgramFileAlone) {
         const char* program;
         bool is_engine;
     } cases[] = {
-        {"KESTOAV.EXE", true}, {"xkestoav.exe", false}, {"kestoav.exe.old", false}, {"kestoav", false},
+        {"KESTOAV.EXE", true},
+        {"xkestoav.exe", false},
+        {"kestoav.exe.old", false},
+        {"kestoav", false},
     };
     folder.PlaceEngine("exit 0");
     for (const auto& each : cases) {
@@ -51,13 +54,13 @@ TEST_F(EngineProcessTest, IsFoundByTheNameOfItsProgramFileAlone) {
         plugin.CloseScanner();
         for (const char* name : {each.program, "kestoav.exe"}) {
             EndProcesses(name);
-            EXPECT_TRUE(WaitUntil([&] { return ProcessesNamed(name).empty(); }));
+            EXPECT_TRUE(WaitFor([&] { return ProcessesNamed(name).empty(); }));
         }
     }
 }
 
 TEST_F(EngineProcessTest, RestartEndsTheRunningOneAndStartsAnother) {
-    const uint16_t port = ClosedPort();
+    const uint16_t port = FreePort();
     StartWithIdleEngine(Servers(port) + "connectwait=0\nstartwait=5");
     const DWORD id = folder.Starts(folder.engine_program()).at(0).process_id;
     const HANDLE old = OpenProcess(PROCESS_QUERY_INFORMATION | SYNCHRONIZE, FALSE, id);
@@ -72,13 +75,13 @@ TEST_F(EngineProcessTest, RestartEndsTheRunningOneAndStartsAnother) {
     auto messages = RestartMessages();
     std::erase(messages, kWaitingToEnd);  // none or more
     std::erase_if(messages, [](const auto& each) { return each.starts_with("Couldn't connect"); });
-    EXPECT_THAT(messages, ElementsAre("restarting kestoav process", "stopping kestoav",
-                                      "terminated kestoav process", "kestoav process ended",
-                                      "starting kestoav process"));
+    EXPECT_THAT(messages,
+                ElementsAre("restarting kestoav process", "stopping kestoav", "terminated kestoav process",
+                            "kestoav process ended", "starting kestoav process"));
 }
 
 TEST_F(EngineProcessTest, RestartWithoutARunningOneStartsIt) {
-    const uint16_t port = ClosedPort();
+    const uint16_t port = FreePort();
     folder.CreateLog();
     folder.PlaceEngine("listen " + std::to_string(port));
     Start(Servers(port) + "autostart=0\nstartwait=5");
@@ -86,9 +89,9 @@ TEST_F(EngineProcessTest, RestartWithoutARunningOneStartsIt) {
     auto messages = folder.LogMessages();
     ASSERT_GE(messages.size(), 5u);
     messages.resize(5);
-    EXPECT_THAT(messages, ElementsAre("Scan file - mail.eml - 1", "restarting kestoav process",
-                                      "stopping kestoav", "couldn't find kestoav process",
-                                      "starting kestoav process"));
+    EXPECT_THAT(messages,
+                ElementsAre("Scan file - mail.eml - 1", "restarting kestoav process", "stopping kestoav",
+                            "couldn't find kestoav process", "starting kestoav process"));
 }
 
 TEST_F(EngineProcessTest, MissingProgramEndsTheScanAfterStartwait) {
@@ -109,7 +112,7 @@ TEST_F(EngineProcessTest, MissingProgramEndsTheScanAfterStartwait) {
 }
 
 TEST_F(EngineProcessTest, ProgramThatEndsAtOnceIsStartedAgainUntilAServerAccepts) {
-    const uint16_t port = ClosedPort();
+    const uint16_t port = FreePort();
     folder.PlaceEngine("exit 1");
     StartAlone("startwait=0\nservers=127.0.0.1:" + std::to_string(port));
     ScanOutcome outcome{kUntouched};
@@ -123,7 +126,7 @@ TEST_F(EngineProcessTest, ProgramThatEndsAtOnceIsStartedAgainUntilAServerAccepts
 
 TEST_F(EngineProcessTest, OneThatSomeoneElseStartsEndsTheWait) {
     folder.PlaceProgram(folder.elsewhere(), "wait");
-    const uint16_t port = ClosedPort();
+    const uint16_t port = FreePort();
     folder.CreateLog();
     Start(Servers(port) + "autostart=0\nstartwait=-1");
     ScanOutcome outcome{};
@@ -161,10 +164,9 @@ TEST_F(EngineProcessTest, OneThatMayNotBeEndedIsNot) {
     }
     StartAlone("startwait=0");
     EXPECT_TRUE(Scan("x").Failed(1001));
-    EXPECT_THAT(RestartMessages(),
-                ElementsAre("restarting kestoav process", "stopping kestoav", kWaitingToEnd,
-                            "Unable to stop kestoav process",
-                            "unable to connect to kestoav process - permanent error"));
+    EXPECT_THAT(RestartMessages(), ElementsAre("restarting kestoav process", "stopping kestoav",
+                                               kWaitingToEnd, "Unable to stop kestoav process",
+                                               "unable to connect to kestoav process - permanent error"));
 }
 
 TEST_F(EngineProcessTest, OneThatMayNotBeQueriedInFullIsNotSeen) {

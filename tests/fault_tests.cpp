@@ -12,7 +12,8 @@ namespace {
 using std::chrono::steady_clock;
 using testing::HasSubstr;
 
-// What this process holds: handles, sockets among them, and bytes of the heap that it shares with the plug-in.
+// What this process holds: handles, sockets among them, and bytes of the heap that it shares with the
+// plug-in.
 struct Holdings {
     int handles = 0;
     int64_t bytes = 0;
@@ -38,14 +39,16 @@ Holdings CountHoldings() {
         }));
     }
     _HEAPINFO block{};
-    while (_heapwalk(&block) == _HEAPOK)
-        if (block._useflag == _USEDENTRY)
+    while (_heapwalk(&block) == _HEAPOK) {
+        if (block._useflag == _USEDENTRY) {
             held.bytes += static_cast<int64_t>(block._size);
+        }
+    }
     return held;
 }
 
 class FaultTest : public ScannerTest {
-   protected:
+ protected:
     // Runs `fault` once for what is made only once, and then so often that a loss each time shows.
     template <class Fault>
     void ExpectNothingLost(int rounds, Fault fault) {
@@ -53,14 +56,15 @@ class FaultTest : public ScannerTest {
         const Holdings before = CountHoldings();
         EXPECT_GT(before.handles, 0);
         EXPECT_GT(before.bytes, 0);
-        for (int round = 0; round < rounds; ++round)
+        for (int round = 0; round < rounds; ++round) {
             fault();
+        }
         const Holdings after = CountHoldings();
         EXPECT_LT(after.handles - before.handles, rounds);
         EXPECT_LT(after.bytes - before.bytes, rounds * 64);
     }
 
-    uint16_t port_ = ClosedPort();
+    uint16_t port_ = FreePort();
 };
 
 TEST_F(FaultTest, EngineThatEndsAtAnyStageFailsTheScan) {
@@ -113,8 +117,9 @@ TEST_F(FaultTest, EngineThatStallsCostsTwentySeconds) {
         std::thread([&] { large = Scan(more_than_fits); }),
         std::thread([&] { plugin.GetVersionDetails(version.data(), static_cast<uint32_t>(version.size())); }),
     };
-    for (std::thread& each : threads)
+    for (std::thread& each : threads) {
         each.join();
+    }
     EXPECT_NEAR(std::chrono::duration<double>(steady_clock::now() - begin).count(), 21, 2);
     EXPECT_TRUE(small.Failed(1003));
     EXPECT_TRUE(large.Failed(1002));
@@ -133,35 +138,41 @@ TEST_F(FaultTest, EngineKilledUnderFourThreadsComesBack) {
     std::atomic<bool> stop = false;
     const Holdings before = CountHoldings();
     std::vector<std::thread> threads;
-    for (auto& clean : scans)
+    for (auto& clean : scans) {
         threads.emplace_back([&] {
             while (!stop) {
                 const auto begin = steady_clock::now();
                 const ScanOutcome outcome = Scan(data);
                 clean += outcome.Clean();
-                wrong += !outcome.Clean() && !outcome.Failed(1001) && !outcome.Failed(1002) && !outcome.Failed(1003);
+                wrong += !outcome.Clean() && !outcome.Failed(1001) && !outcome.Failed(1002) &&
+                         !outcome.Failed(1003);
                 const auto ms =
-                    std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - begin).count();
+                    std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - begin)
+                        .count();
                 longest_ms = std::max<int64_t>(longest_ms, ms);
             }
         });
+    }
     for (int kill = 0; kill < 3; ++kill) {
         int reached[kThreads];
         std::copy(std::begin(scans), std::end(scans), reached);
-        EXPECT_TRUE(WaitUntil(
+        EXPECT_TRUE(WaitFor(
             [&] {
-                for (int i = 0; i < kThreads; ++i)
+                for (int i = 0; i < kThreads; ++i) {
                     if (scans[i] < reached[i] + 5)
                         return false;
+                }
                 return true;
             },
             std::chrono::seconds(30)));
-        if (kill < 2)
+        if (kill < 2) {
             EndProcesses("kestoav.exe");
+        }
     }
     stop = true;
-    for (std::thread& each : threads)
+    for (std::thread& each : threads) {
         each.join();
+    }
     EXPECT_EQ(wrong, 0);
     EXPECT_LT(longest_ms, 20'000);
     // The two handles of every start are kept, by design.
@@ -176,7 +187,7 @@ TEST_F(FaultTest, EngineProgramThatIsReplacedIsStartedByALaterScan) {
     EXPECT_TRUE(Scan("x").Failed(1001));
     EXPECT_TRUE(ProcessesNamed("old.exe").empty());  // whatever it is called by now, it was ended
     folder.PlaceEngine("listen " + std::to_string(port_));
-    EXPECT_TRUE(WaitUntil([&] { return Scan("x").Clean(); }));
+    EXPECT_TRUE(WaitFor([&] { return Scan("x").Clean(); }));
 }
 
 TEST_F(FaultTest, LogThatCannotBeWrittenChangesNoVerdict) {
@@ -198,10 +209,13 @@ TEST_F(FaultTest, LogThatCannotBeWrittenChangesNoVerdict) {
 
 TEST_F(FaultTest, SettingsOfGarbageDoNoHarm) {
     std::string garbage;
-    for (int i = 0; i < 5000; ++i)
+    for (int i = 0; i < 5000; ++i) {
         garbage += static_cast<char>(i * 31);
+    }
     for (const std::string& settings :
-         {garbage, std::string("servers=") + std::string(70'000, ' ') + ":\nstartwait=99999999999999\nlogfile=%s%n",
+         {garbage,
+          std::string("servers=") + std::string(70'000, ' ') +
+              ":\nstartwait=99999999999999\nlogfile=" + folder.path() + "\\%s%n",
           std::string("servers=" + std::string(5000, 'x') + "\nconnectwait=-\nencrypt=\n")}) {
         Start("autostart=0\n" + settings);
         EXPECT_TRUE(Scan("").Clean());

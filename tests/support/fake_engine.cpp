@@ -2,36 +2,10 @@
 
 #include <algorithm>
 
+#include "tests/support/loopback.h"
+
 namespace kesto {
 namespace {
-
-sockaddr_in Loopback(uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
-
-// Binds to `port`, 0 for a free one, which `port` then holds. INVALID_SOCKET on failure.
-SOCKET Bind(uint16_t& port) {
-    static const int started = [] {
-        WSADATA data;
-        return WSAStartup(MAKEWORD(2, 2), &data);
-    }();
-    if (started != 0)
-        return INVALID_SOCKET;
-    SOCKET bound = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    sockaddr_in address = Loopback(port);
-    int length = sizeof address;
-    if (bind(bound, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        getsockname(bound, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        closesocket(bound);
-        return INVALID_SOCKET;
-    }
-    port = ntohs(address.sin_port);
-    return bound;
-}
 
 void SetNonBlocking(SOCKET socket) {
     u_long on = 1;
@@ -48,8 +22,9 @@ void Reset(SOCKET socket) {
 void Parse(Conversation& it) {
     if (it.command.empty()) {
         const size_t end = it.raw.find('\0');
-        if (end == std::string::npos)
+        if (end == std::string::npos) {
             return;
+        }
         it.command = it.raw.substr(0, end);
         it.parsed = end + 1;
         it.complete = it.command != "zINSTREAM";
@@ -58,23 +33,27 @@ void Parse(Conversation& it) {
         uint32_t length;
         std::copy_n(it.raw.data() + it.parsed, 4, reinterpret_cast<char*>(&length));
         length = ntohl(length);
-        if (it.raw.size() - it.parsed - 4 < length)
+        if (it.raw.size() - it.parsed - 4 < length) {
             return;
+        }
         it.data.append(it.raw, it.parsed + 4, length);
         it.parsed += 4 + size_t{length};
-        if (length == 0)
+        if (length == 0) {
             it.complete = true;
-        else
+        } else {
             it.chunk_lengths.push_back(length);
+        }
     }
 }
 
 }  // namespace
 
-std::string WithNul(std::string_view text) { return std::string(text) + '\0'; }
+std::string WithNul(std::string_view text) {
+    return std::string(text) + '\0';
+}
 
 FakeEngine::FakeEngine(EngineScript script, uint16_t port) : script_(std::move(script)), port_(port) {
-    listener_ = Bind(port_);
+    listener_ = BindToLoopback(port_);
     SetNonBlocking(listener_);  // what it accepts is so, too
     if (listener_ == INVALID_SOCKET || listen(listener_, SOMAXCONN) != 0) {
         port_ = 0;
@@ -85,8 +64,9 @@ FakeEngine::FakeEngine(EngineScript script, uint16_t port) : script_(std::move(s
 
 FakeEngine::~FakeEngine() {
     stop_ = true;
-    if (acceptor_.joinable())
+    if (acceptor_.joinable()) {
         acceptor_.join();
+    }
     closesocket(listener_);
 }
 
@@ -102,8 +82,9 @@ template <class Call>
 int FakeEngine::WhenReady(Call call) const {
     while (!stop_) {
         const int result = call();
-        if (result >= 0 || WSAGetLastError() != WSAEWOULDBLOCK)
+        if (result >= 0 || WSAGetLastError() != WSAEWOULDBLOCK) {
             return result;
+        }
         Sleep(1);
     }
     return -1;
@@ -111,28 +92,34 @@ int FakeEngine::WhenReady(Call call) const {
 
 void FakeEngine::AcceptAll() {
     int client;
-    while ((client = WhenReady([this] { return static_cast<int>(accept(listener_, nullptr, nullptr)); })) >= 0) {
+    while ((client = WhenReady([this] { return static_cast<int>(accept(listener_, nullptr, nullptr)); })) >=
+           0) {
         std::lock_guard lock(mutex_);
         Conversation& conversation = conversations_.emplace_back();
-        talkers_.emplace_back([this, client, &conversation] { Converse(static_cast<SOCKET>(client), conversation); });
+        talkers_.emplace_back(
+            [this, client, &conversation] { Converse(static_cast<SOCKET>(client), conversation); });
     }
-    for (std::thread& talker : talkers_)
+    for (std::thread& talker : talkers_) {
         talker.join();
+    }
 }
 
 // False when the connection is to end without a reply.
 bool FakeEngine::ReadRequest(SOCKET client, Conversation& conversation) {
     std::string buffer(65536, '\0');
     while (true) {
-        if (conversation.raw.size() >= script_.close_after)
+        if (conversation.raw.size() >= script_.close_after) {
             return false;
-        if (conversation.complete)
+        }
+        if (conversation.complete) {
             return true;
+        }
         // Not one byte more than wanted, so that an early end comes at the very byte that was asked for.
         const size_t room = std::min(buffer.size(), script_.close_after - conversation.raw.size());
         const int got = WhenReady([&] { return recv(client, buffer.data(), static_cast<int>(room), 0); });
-        if (got <= 0)
+        if (got <= 0) {
             return false;
+        }
         std::lock_guard lock(mutex_);
         conversation.raw.append(buffer, 0, static_cast<size_t>(got));
         Parse(conversation);
@@ -146,8 +133,9 @@ void FakeEngine::SendReply(SOCKET client) {
         const size_t piece = std::min(script_.bytes_per_send, reply.size() - sent);
         const int taken =
             WhenReady([&] { return send(client, reply.data() + sent, static_cast<int>(piece), 0); });
-        if (taken <= 0)
+        if (taken <= 0) {
             return;
+        }
         sent += static_cast<size_t>(taken);
     }
 }
@@ -156,12 +144,14 @@ void FakeEngine::Converse(SOCKET client, Conversation& conversation) {
     const BOOL at_once = TRUE;  // pieces go out as pieces
     setsockopt(client, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&at_once), sizeof at_once);
     if (!script_.reads) {
-        while (!stop_)
+        while (!stop_) {
             Sleep(10);
+        }
     } else if (ReadRequest(client, conversation)) {
         SendReply(client);
-        if (script_.hangs_up && !script_.resets)
+        if (script_.hangs_up && !script_.resets) {
             shutdown(client, SD_SEND);
+        }
         // Whatever the client still sends belongs to the record; its close ends the conversation.
         char rest[512];
         int got = 0;
@@ -178,10 +168,10 @@ void FakeEngine::Converse(SOCKET client, Conversation& conversation) {
 }
 
 UnansweredPort::UnansweredPort() {
-    const SOCKET listener = Bind(port_);
+    const SOCKET listener = BindToLoopback(port_);
     listen(listener, 1);
     sockets_.push_back(listener);
-    const sockaddr_in address = Loopback(port_);
+    const sockaddr_in address = LoopbackAddress(port_);
     for (int queued = 0; queued < 8; ++queued) {
         const SOCKET client = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
         SetNonBlocking(client);
@@ -191,14 +181,9 @@ UnansweredPort::UnansweredPort() {
 }
 
 UnansweredPort::~UnansweredPort() {
-    for (const SOCKET each : sockets_)
+    for (const SOCKET each : sockets_) {
         closesocket(each);
-}
-
-uint16_t ClosedPort() {
-    uint16_t port = 0;
-    closesocket(Bind(port));
-    return port;
+    }
 }
 
 }  // namespace kesto

@@ -39,7 +39,7 @@ struct Conversation {
 };
 
 class FakeEngine {
-   public:
+ public:
     // Listens on 127.0.0.1 at once; port 0 takes a free one.
     explicit FakeEngine(EngineScript script = {}, uint16_t port = 0);
     // Ends every connection and waits for its threads.
@@ -51,7 +51,7 @@ class FakeEngine {
     size_t bytes_received() const { return bytes_received_; }
     std::vector<Conversation> Conversations() const;  // in the order they were accepted
 
-   private:
+ private:
     void AcceptAll();
     void Converse(SOCKET client, Conversation& conversation);
     bool ReadRequest(SOCKET client, Conversation& conversation);
@@ -72,17 +72,14 @@ class FakeEngine {
 
 // Listens without ever accepting, with its queue already full: connection attempts get no answer at all.
 class UnansweredPort {
-   public:
+ public:
     UnansweredPort();
     ~UnansweredPort();
     uint16_t port() const { return port_; }
 
-   private:
+ private:
     uint16_t port_ = 0;
     std::vector<SOCKET> sockets_;
 };
-
-// A port on 127.0.0.1 on which nothing listens.
-uint16_t ClosedPort();
 
 }  // namespace kesto
