@@ -155,16 +155,18 @@ static int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
     if (ready == 0) {
         return WSAETIMEDOUT;
     }
-    int error = 0;
-    int size = sizeof error;
-    if (ready == SOCKET_ERROR ||
-        getsockopt(connecting, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &size) != 0) {
+    if (ready == SOCKET_ERROR) {
         return WSAGetLastError();
     }
-    if (error == 0 && !FD_ISSET(connecting, &made)) {
-        return WSAECONNREFUSED;
+    if (FD_ISSET(connecting, &made)) {
+        return 0;
     }
-    return error;
+    int error = 0;
+    int size = sizeof error;
+    if (getsockopt(connecting, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &size) != 0) {
+        return WSAGetLastError();
+    }
+    return error != 0 ? error : WSAECONNREFUSED;
 }
 
 // One address within the limit that all addresses of a name share; 0 or the error.
@@ -259,41 +261,40 @@ bool SocketConnection::ReceiveStringUntilByte(int byte_value, std::string& text)
     try {
         std::string received;
         for (;;) {
+            // The engine scans before it replies: a `recv` without waiting first would come too early.
+            int count = WaitUntilReady(socket_, false, max_read_idle_ms_);
+            if (count == 0) {
+                AddLine("WaitForData timed out.");
+                return false;
+            }
             char buffer[4096];
-            int count = recv(socket_, buffer, sizeof buffer, 0);
             if (count > 0) {
-                const std::string_view bytes(buffer, static_cast<size_t>(count));
-                const size_t match = bytes.find(static_cast<char>(last));
-                received.append(bytes.substr(0, match));
-                if (match != std::string_view::npos) {
-                    text = std::move(received);
-                    return true;
-                }
-                if (received.size() > kMostReplyBytes) {
-                    AddLine("The reply is too long");
-                    return false;
-                }
-                continue;
+                count = recv(socket_, buffer, sizeof buffer, 0);
             }
             if (count == 0) {
                 AddLine("The peer has closed the socket (TCP) connection");
                 return false;
             }
-            int error = WSAGetLastError();
-            if (error == WSAEWOULDBLOCK) {
-                int ready = WaitUntilReady(socket_, false, max_read_idle_ms_);
-                if (ready == 1) {
+            if (count < 0) {
+                int error = WSAGetLastError();
+                if (error == WSAEWOULDBLOCK) {
                     continue;
                 }
-                if (ready == 0) {
-                    AddLine("WaitForData timed out.");
-                    return false;
-                }
-                error = WSAGetLastError();
+                AddLine("Failed to receive on the TCP socket");
+                AddSocketError(error);
+                return false;
             }
-            AddLine("Failed to receive on the TCP socket");
-            AddSocketError(error);
-            return false;
+            const void* match = memchr(buffer, last, static_cast<size_t>(count));
+            const char* end = match != nullptr ? static_cast<const char*>(match) : buffer + count;
+            received.append(buffer, static_cast<size_t>(end - buffer));
+            if (match != nullptr) {
+                text = std::move(received);
+                return true;
+            }
+            if (received.size() > kMostReplyBytes) {
+                AddLine("The reply is too long");
+                return false;
+            }
         }
     } catch (const std::bad_alloc&) {
         AddLine("Not enough memory for the reply");

@@ -10,8 +10,8 @@ finish() {
   if [ -n "${WINEPREFIX:-}" ]; then wineserver -k 2>/dev/null || true; fi
 }
 
-build() { # PRESET
-  (cd "$top" && cmake --preset "$1" >/dev/null && cmake --build --preset "$1")
+build() { # PRESET [ARGUMENT...]
+  (cd "$top" && cmake --preset "$1" >/dev/null && cmake --build --preset "$@")
 }
 
 # Keeps a server alive for the prefix build/wine-NAME: programs then start in a fraction of the time.
@@ -49,7 +49,7 @@ wait_for_engine() { # PORT [PID]
 
 # Starts a clamd that knows one signature, the EICAR test string, on a free loopback port and sets
 # clamd_port.
-start_clamd() {
+start_clamd() { # [SETTING]
   clamd_folder=$(mktemp -d)
   mkdir "$clamd_folder/db"
   echo "Eicar-Test-Signature:0:0:$(eicar | od -An -v -tx1 | tr -d ' \n')" >"$clamd_folder/db/eicar.ndb"
@@ -62,6 +62,7 @@ TCPAddr 127.0.0.1
 DatabaseDirectory $clamd_folder/db
 StreamMaxLength 64M
 SelfCheck 0
+${1:-}
 CONF
     clamd --foreground --config-file="$clamd_folder/clamd.conf" >"$clamd_folder/log" 2>&1 &
     clamd_pid=$!

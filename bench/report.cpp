@@ -1,0 +1,70 @@
+#include "bench/report.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <ostream>
+
+namespace kesto {
+
+std::string Formatted(const char* format, ...) {
+    char text[500];
+    va_list values;
+    va_start(values, format);
+    vsnprintf(text, sizeof text, format, values);
+    va_end(values);
+    return text;
+}
+
+static std::string Number(double value) {
+    return Formatted(value < 10 ? "%.2f" : value < 100 ? "%.1f" : "%.0f", value);
+}
+
+static void WriteLine(std::ostream& out, const std::string& name, const std::string& figure,
+                      const std::string& beside, const std::string& ratio, const std::string& aim) {
+    std::string line = Formatted("%-44s %13s  %-32s %6s  %s", name.c_str(), figure.c_str(), beside.c_str(),
+                                 ratio.c_str(), aim.c_str());
+    line.erase(line.find_last_not_of(' ') + 1);
+    out << line << '\n';
+}
+
+void WriteTable(std::ostream& out, const Rows& rows) {
+    WriteLine(out, "measured", "figure", "beside", "ratio", "aim");
+    for (const Row& row : rows) {
+        std::string aim;
+        if (row.least_ratio || row.most) {
+            aim = (row.least_ratio ? ">= " + Number(*row.least_ratio) : "<= " + Number(*row.most)) +
+                  (row.Missed() ? " missed" : " met");
+        }
+        WriteLine(out, row.name, Number(row.value) + " " + row.unit,
+                  row.beside_name.empty() ? "" : Number(row.beside) + " " + row.unit + " " + row.beside_name,
+                  row.ratio ? Number(*row.ratio) : "", aim);
+    }
+    out << "\nNotes\n";
+    for (const Row& row : rows) {
+        if (row.Missed()) {
+            out << "- " << row.name << ": " << row.explanation << ".\n";
+        }
+    }
+}
+
+static std::string JsonNumber(const std::optional<double>& value) {
+    return value ? Formatted("%.6g", *value) : "null";
+}
+
+// The texts are the bench's own: none holds a character that JSON escapes.
+void WriteJson(std::ostream& out, const Rows& rows) {
+    const char* separator = "[\n";
+    for (const Row& row : rows) {
+        out << separator << R"({"name": ")" << row.name << R"(", "unit": ")" << row.unit << R"(", "value": )"
+            << JsonNumber(row.value) << R"(, "beside": ")" << row.beside_name << R"(", "beside_value": )"
+            << (row.beside_name.empty() ? "null" : JsonNumber(row.beside)) << R"(, "ratio": )"
+            << JsonNumber(row.ratio) << R"(, "least_ratio": )" << JsonNumber(row.least_ratio)
+            << R"(, "most": )" << JsonNumber(row.most) << R"(, "missed": )"
+            << (row.Missed() ? "true" : "false") << R"(, "explanation": ")"
+            << (row.Missed() ? row.explanation : "") << "\"}";
+        separator = ",\n";
+    }
+    out << "\n]\n";
+}
+
+}  // namespace kesto

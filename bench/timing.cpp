@@ -1,0 +1,74 @@
+#include "bench/timing.h"
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <thread>
+
+namespace kesto {
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+double SecondsFor(int calls, const Work& work, int threads) {
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    std::vector<std::exception_ptr> thrown(static_cast<size_t>(threads));
+    auto run = [&](std::exception_ptr& failure) {
+        try {
+            for (int i = 0; i < calls; ++i) {
+                work();
+            }
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    };
+    std::vector<std::thread> others;
+    for (size_t i = 1; i < thrown.size(); ++i) {
+        others.emplace_back(run, std::ref(thrown[i]));
+    }
+    run(thrown[0]);
+    for (std::thread& other : others) {
+        other.join();
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    for (const std::exception_ptr& failure : thrown) {
+        if (failure) {
+            std::rethrow_exception(failure);
+        }
+    }
+    return seconds;
+}
+
+Comparison Compare(int rounds, const Work& work, const Work& beside, int threads) {
+    constexpr double kSecondsPerSide = 0.25;
+    constexpr double kMostSeconds = 12;
+    const double once = SecondsFor(1, work, threads);
+    const double beside_once = SecondsFor(1, beside, threads);
+    const int calls = static_cast<int>(std::clamp(kSecondsPerSide / std::max(once, beside_once), 1.0, 1e6));
+    if (rounds * (once + beside_once) > kMostSeconds) {
+        rounds = std::max(3, static_cast<int>(kMostSeconds / (once + beside_once)));
+    }
+    std::vector<double> times;
+    std::vector<double> beside_times;
+    std::vector<double> speeds;
+    for (int round = 0; round < rounds; ++round) {
+        double seconds = 0;
+        if (round % 2 == 0) {
+            seconds = SecondsFor(calls, work, threads);
+        }
+        const double beside_seconds = SecondsFor(calls, beside, threads);
+        if (round % 2 == 1) {
+            seconds = SecondsFor(calls, work, threads);
+        }
+        times.push_back(seconds / calls);
+        beside_times.push_back(beside_seconds / calls);
+        speeds.push_back(beside_seconds / seconds);
+    }
+    return {Median(times), Median(beside_times), Median(speeds)};
+}
+
+}  // namespace kesto
