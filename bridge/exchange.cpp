@@ -56,12 +56,23 @@ asio::awaitable<std::shared_ptr<Lookup>> LookUp(const Upstream& server, asio::io
     co_return lookup;
 }
 
+// A server that replies early and closes resets the connection right behind its reply. The wait for data
+// then ends with the reset, while the reply may still be there to be read.
+size_t LastBytes(tcp::socket& socket, std::array<char, 1024>& bytes) {
+    asio::error_code error;
+    socket.non_blocking(true, error);
+    return error ? 0 : socket.read_some(asio::buffer(bytes), error);
+}
+
 asio::awaitable<void> ReadReply(std::shared_ptr<Exchange> exchange) {
     std::array<char, 1024> bytes;
     while (!exchange->whole && exchange->failure.empty()) {
         asio::error_code error;
-        const size_t size = co_await exchange->socket.async_read_some(asio::buffer(bytes),
-                                                                      redirect_error(use_awaitable, error));
+        size_t size = co_await exchange->socket.async_read_some(asio::buffer(bytes),
+                                                                redirect_error(use_awaitable, error));
+        if (error) {
+            size = LastBytes(exchange->socket, bytes);
+        }
         const std::string_view piece(bytes.data(), size);
         const size_t nul = piece.find('\0');
         exchange->reply.append(piece.substr(0, nul));

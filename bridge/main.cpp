@@ -92,7 +92,7 @@ asio::error_code Listen(tcp::acceptor& acceptor, const tcp::endpoint& where) {
 }
 
 int Run() {
-    Bridge bridge;
+    static Bridge bridge;  // a console event may still come while the process ends
     BridgeSettings& settings = bridge.settings;
     const std::string problem = ReadBridgeSettings(ProgramFolder(), settings);
     if (!OpenBridgeLog(settings.log_path, settings.log_only_if_present)) {
@@ -101,7 +101,7 @@ int Run() {
     if (!problem.empty()) {
         return Fail(problem);
     }
-    tcp::acceptor acceptor(bridge.io);
+    static tcp::acceptor acceptor(bridge.io);
     const tcp::endpoint where(asio::ip::make_address_v4(settings.listen_host), settings.listen_port);
     const std::string where_text = settings.listen_host + ":" + std::to_string(settings.listen_port);
     if (const auto error = Listen(acceptor, where)) {
@@ -122,7 +122,6 @@ int Run() {
     bridge.io.run();
     LogBridge("ended");
     SetEvent(g_ended);
-    SetConsoleCtrlHandler(OnConsoleEvent, FALSE);
     return 0;
 }
 

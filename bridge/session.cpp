@@ -168,7 +168,7 @@ asio::awaitable<void> WaitForExchange(SessionPtr session) {
     }
 }
 
-asio::awaitable<void> Reply(SessionPtr session, std::string text) {
+asio::awaitable<void> Reply(SessionPtr session, const std::string& text) {
     AllowIdle(*session);
     asio::error_code error;
     co_await asio::async_write(session->client, asio::buffer(text.c_str(), text.size() + 1),
@@ -194,7 +194,7 @@ std::string WhyNoReply(Session& session) {
 }
 
 // zVERSION or zPING: nothing of the client's is at stake, so every server may be asked in turn.
-asio::awaitable<void> RelayQuery(SessionPtr session, std::string command) {
+asio::awaitable<void> RelayQuery(SessionPtr session, const std::string& command) {
     std::deque<Upstream*> order = Order(session->bridge);
     while (co_await ConnectNext(session, order)) {
         asio::error_code failed;
@@ -215,7 +215,7 @@ asio::awaitable<void> RelayQuery(SessionPtr session, std::string command) {
 
 // Sends the client's stream on to the server while it comes. Returns when the exchange holds a whole reply
 // and the client has sent all of its stream. True when the server had got all of it, too.
-asio::awaitable<bool> RelayStream(SessionPtr session, std::string command) {
+asio::awaitable<bool> RelayStream(SessionPtr session, const std::string& command) {
     Bridge& bridge = session->bridge;
     std::deque<Upstream*> order = Order(bridge);
     const auto connect_next = [&order](SessionPtr to) -> asio::awaitable<void> {
@@ -294,7 +294,7 @@ asio::awaitable<bool> RelayStream(SessionPtr session, std::string command) {
     co_return all_sent;
 }
 
-asio::awaitable<void> RelayScan(SessionPtr session, std::string command) {
+asio::awaitable<void> RelayScan(SessionPtr session, const std::string& command) {
     Metrics& metrics = session->bridge.metrics;
     ++metrics.scans;
     session->scanning = true;
@@ -328,6 +328,9 @@ asio::awaitable<Command> ReadCommand(SessionPtr session, std::string& text) {
                       session->opening.begin());
             session->opening_size -= size;
             co_return command;
+        }
+        if (session->bridge.stopping) {
+            co_return Command::Incomplete;
         }
         session->bridge.awaiting_command.insert(&session->client);
         asio::error_code error;
@@ -364,6 +367,7 @@ asio::awaitable<void> Serve(SessionPtr session) {
         case Command::Incomplete:
             break;
     }
+    co_return;
 }
 
 }  // namespace

@@ -96,10 +96,10 @@ void CheckLog(CheckReport& report, const std::string& log_path, const std::wstri
         path = AnsiFromWide(default_path);
     }
     const bool exists = GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-    const HANDLE file = CreateFileA(path.c_str(), FILE_APPEND_DATA | (exists ? 0 : DELETE),
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                    exists ? OPEN_EXISTING : CREATE_NEW,
-                                    exists ? FILE_ATTRIBUTE_NORMAL : FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    HANDLE file = CreateFileA(path.c_str(), FILE_APPEND_DATA | (exists ? 0 : DELETE),
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                              exists ? OPEN_EXISTING : CREATE_NEW,
+                              exists ? FILE_ATTRIBUTE_NORMAL : FILE_FLAG_DELETE_ON_CLOSE, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
         report.Failed(
             "log", Utf8FromAnsi(path) + " cannot be written: " + CodeText(GetLastError()),

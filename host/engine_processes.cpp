@@ -10,7 +10,7 @@ namespace kesto {
 
 std::vector<EngineProcess> EngineProcesses() {
     std::vector<EngineProcess> engines;
-    const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
     if (snapshot == INVALID_HANDLE_VALUE) {
         return engines;
     }
@@ -22,7 +22,7 @@ std::vector<EngineProcess> EngineProcesses() {
         }
         EngineProcess engine = {entry.th32ProcessID, false, L""};
         // The right that the plug-in asks for.
-        if (const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, engine.id)) {
+        if (HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, engine.id)) {
             wchar_t path[1024];
             DWORD length = 1024;
             engine.visible = true;

@@ -9,6 +9,8 @@
 namespace kesto {
 namespace {
 
+constexpr DWORD kShortPath = MAX_PATH - 12;  // the system takes these as they are, folders included
+
 // The part of `path` up to and with its last separator.
 std::wstring FolderPart(const std::wstring& path) {
     const size_t end = path.find_last_of(L"\\/:");
@@ -28,6 +30,12 @@ class Lister {
     Lister(bool recursive, std::vector<ListedFile>& files) : recursive_(recursive), files_(files) {}
 
     void AddNamed(const std::wstring& path) {
+        if (path.find(L'"') != std::wstring::npos) {
+            files_.push_back(
+                {path, 0, "Quotation mark in the path (write \"C:\\folder\" without a backslash at its end)",
+                 ERROR_INVALID_NAME});
+            return;
+        }
         if (path.find_first_of(L"*?", FolderPart(path).size()) != std::wstring::npos) {
             AddMatches(path, FolderPart(path), true);
             return;
@@ -58,7 +66,7 @@ class Lister {
     // `named`: the pattern is the user's own, so that folders which it matches count as named.
     void AddMatches(const std::wstring& pattern, const std::wstring& folder, bool named) {
         WIN32_FIND_DATAW found;
-        const HANDLE search = FindFirstFileW(ExtendedPath(pattern).c_str(), &found);
+        HANDLE search = FindFirstFileW(ExtendedPath(pattern).c_str(), &found);
         if (search == INVALID_HANDLE_VALUE) {
             // An empty folder has no file, not even "." when it is a drive's root.
             if (named || GetLastError() != ERROR_FILE_NOT_FOUND) {
@@ -96,11 +104,8 @@ class Lister {
 }  // namespace
 
 std::wstring ExtendedPath(const std::wstring& path) {
-    if (path.size() < MAX_PATH - 12 || path.starts_with(L"\\\\?\\")) {
-        return path;
-    }
     const DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
-    if (size == 0) {
+    if (size < kShortPath || path.starts_with(L"\\\\?\\")) {
         return path;
     }
     std::wstring full(size, L'\0');

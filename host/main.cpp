@@ -83,6 +83,7 @@ int RunTask(const Options& options, const PluginLibrary& plugin) {
 }
 
 int Run(int count, wchar_t** arguments) {
+    SetErrorMode(SEM_FAILCRITICALERRORS);  // a damaged library or an empty drive: no dialogue, an error
     WatchForInterrupt();
     int status = kExitError;
     const std::optional<Options> options = ParseCommandLine(count, arguments, status);

@@ -19,7 +19,7 @@ bool IsTerminal(DWORD stream) {
 }
 
 bool Write(DWORD stream, std::string_view text) {
-    const HANDLE handle = GetStdHandle(stream);
+    HANDLE handle = GetStdHandle(stream);
     if (IsTerminal(stream)) {
         const std::wstring wide = WideFromUtf8(text);
         DWORD written;

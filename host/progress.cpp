@@ -1,6 +1,7 @@
 #include "host/progress.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 namespace kesto {
@@ -26,7 +27,7 @@ std::string ProgressLine(const Progress& progress) {
     }
     const double rate = static_cast<double>(progress.bytes_done) / progress.seconds;
     const uint64_t bytes_left = std::max(progress.bytes_total, progress.bytes_done) - progress.bytes_done;
-    const auto left = static_cast<uint64_t>(static_cast<double>(bytes_left) / rate + 0.5);
+    const auto left = static_cast<uint64_t>(std::llround(static_cast<double>(bytes_left) / rate));
     char time[40];
     if (left >= 3600) {
         std::snprintf(time, sizeof time, "%u:%02u:%02u", static_cast<unsigned>(left / 3600),

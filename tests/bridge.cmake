@@ -1,16 +1,11 @@
 set(bridge_portable ${PROJECT_SOURCE_DIR}/bridge/framing.cpp ${PROJECT_SOURCE_DIR}/bridge/upstreams.cpp)
-house_test(bridge_framing_test bridge_framing_test.cpp ${bridge_portable})
+house_test(bridge_framing_tests bridge_framing_tests.cpp ${bridge_portable})
 
 if(WIN32)
-  house_test(bridge_test bridge_test.cpp
-    support/bridge_process.cpp support/fake_clamd.cpp support/loopback.cpp)
-  target_link_libraries(bridge_test PRIVATE ws2_32)
-  add_dependencies(bridge_test kestoav)
+  house_test(bridge_tests bridge_tests.cpp
+    support/bridge_process.cpp support/fake_clamd.cpp support/fake_engine.cpp support/loopback.cpp)
+  target_link_libraries(bridge_tests PRIVATE ws2_32)
+  add_dependencies(bridge_tests kestoav)
 else()
-  add_executable(bridge_framing_fuzz fuzz/bridge_framing_fuzz.cpp ${bridge_portable})
-  target_link_libraries(bridge_framing_fuzz PRIVATE house)
-  target_compile_options(bridge_framing_fuzz PRIVATE -fsanitize=fuzzer)
-  target_link_options(bridge_framing_fuzz PRIVATE -fsanitize=fuzzer)
-  file(GLOB bridge_corpus CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/fuzz/corpus/bridge_framing/*)
-  add_test(NAME bridge_framing_corpus COMMAND bridge_framing_fuzz ${bridge_corpus})
+  house_fuzz(bridge_framing ${bridge_portable})
 endif()

@@ -25,7 +25,9 @@ pack() { # UMASK
   (umask "$1" && "$top/scripts/package") >"$work/packed" 2>&1 || fail "$(cat "$work/packed")"
   sha256sum <"$(echo "$top"/build/release/kestoav-*-win32.zip)"
 }
-[ "$(pack 022)" = "$(pack 077)" ] || fail "two packings of one commit differ"
+first=$(pack 022)
+second=$(pack 077)
+[ "$first" = "$second" ] || fail "two packings of one commit differ"
 
 installed="$work/KESTO AV"
 unzip -q "$top"/build/release/kestoav-*-win32.zip -d "$installed"

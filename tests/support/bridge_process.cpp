@@ -28,9 +28,6 @@ std::string NewFolder() {
     return folder;
 }
 
-// Ctrl-Break reaches a child through the console that it shares with us.
-[[maybe_unused]] const bool g_has_console = GetConsoleCP() != 0 || AllocConsole();
-
 std::string Contents(const std::string& path) {
     std::ifstream file(path);
     std::stringstream text;
@@ -80,8 +77,8 @@ void BridgeProcess::Start(const std::string& ini) {
     how.cb = sizeof how;
     how.dwFlags = STARTF_USESTDHANDLES;
     how.hStdError = errors;
-    const BOOL started = CreateProcessA(program.c_str(), nullptr, nullptr, nullptr, TRUE,
-                                        CREATE_NEW_PROCESS_GROUP, nullptr, "C:\\", &how, &process_);
+    const BOOL started =
+        CreateProcessA(program.c_str(), nullptr, nullptr, nullptr, TRUE, 0, nullptr, "C:\\", &how, &process_);
     CloseHandle(errors);
     if (!started) {
         throw std::runtime_error("cannot start " + program);
@@ -96,7 +93,11 @@ bool BridgeProcess::WaitUntilListening() const {
 }
 
 void BridgeProcess::PressCtrlBreak() const {
-    GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, process_.dwProcessId);
+    // The system's own way of telling a process. A test run has no console on which to press keys.
+    const auto routine = reinterpret_cast<LPTHREAD_START_ROUTINE>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernelbase.dll"), "CtrlRoutine")));
+    void* const event = reinterpret_cast<void*>(static_cast<uintptr_t>(CTRL_BREAK_EVENT));
+    CloseHandle(CreateRemoteThread(process_.hProcess, nullptr, 0, routine, event, 0, nullptr));
 }
 
 DWORD BridgeProcess::WaitForExit() const {
@@ -141,11 +142,11 @@ std::string Ask(uint16_t port, const std::string& bytes) {
 }
 
 std::string Scan(uint16_t port, const std::string& data) {
-    return Ask(port, Z("zINSTREAM") + ChunkStreamOf(ShiftedDown(data)));
+    return Ask(port, WithNul("zINSTREAM") + ChunkStreamOf(ShiftedDown(data)));
 }
 
 std::string Stats(uint16_t port) {
-    return Ask(port, Z("zSTATS"));
+    return Ask(port, WithNul("zSTATS"));
 }
 
 unsigned StatsValue(uint16_t port, const std::string& name) {
@@ -156,10 +157,6 @@ unsigned StatsValue(uint16_t port, const std::string& name) {
     }
     stats >> value;
     return value;
-}
-
-std::string Z(std::string text) {
-    return text + '\0';
 }
 
 }  // namespace kesto

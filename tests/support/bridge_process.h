@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/fake_engine.h"
 #include "tests/support/loopback.h"
 
 namespace kesto {
@@ -46,8 +47,5 @@ std::string Ask(uint16_t port, const std::string& bytes);
 std::string Scan(uint16_t port, const std::string& data);  // with the data shifted as the plug-in does
 std::string Stats(uint16_t port);
 unsigned StatsValue(uint16_t port, const std::string& name);
-
-// A command or reply with its NUL.
-std::string Z(std::string text);
 
 }  // namespace kesto

@@ -127,8 +127,7 @@ bool FakeEngine::ReadRequest(SOCKET client, Conversation& conversation) {
     }
 }
 
-void FakeEngine::SendReply(SOCKET client) {
-    const std::string& reply = script_.reply;
+void FakeEngine::SendReply(SOCKET client, const std::string& reply) {
     for (size_t sent = 0; sent < reply.size();) {
         const size_t piece = std::min(script_.bytes_per_send, reply.size() - sent);
         const int taken =
@@ -148,7 +147,7 @@ void FakeEngine::Converse(SOCKET client, Conversation& conversation) {
             Sleep(10);
         }
     } else if (ReadRequest(client, conversation)) {
-        SendReply(client);
+        SendReply(client, script_.answer ? script_.answer(conversation) : script_.reply);
         if (script_.hangs_up && !script_.resets) {
             shutdown(client, SD_SEND);
         }

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -17,9 +18,12 @@ namespace kesto {
 // Text with the NUL behind it that ends a reply or a command.
 std::string WithNul(std::string_view text);
 
+struct Conversation;
+
 // What an engine does with every connection: read one request, send `reply`, close.
 struct EngineScript {
     std::string reply = WithNul("stream: OK");  // sent as it stands
+    std::function<std::string(const Conversation&)> answer = nullptr;  // makes the reply instead
     size_t bytes_per_send = SIZE_MAX;
     size_t close_after = SIZE_MAX;  // closes without a reply as soon as this many bytes have come in
     bool resets = false;            // whatever ends the connection is a reset
@@ -55,7 +59,7 @@ class FakeEngine {
     void AcceptAll();
     void Converse(SOCKET client, Conversation& conversation);
     bool ReadRequest(SOCKET client, Conversation& conversation);
-    void SendReply(SOCKET client);
+    void SendReply(SOCKET client, const std::string& reply);
     template <class Call>
     int WhenReady(Call call) const;
 

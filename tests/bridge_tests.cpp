@@ -47,7 +47,7 @@ TEST(BridgeScan, ShiftIsUndoneInDataOnly) {
     Recorder recorder;
     FakeClamd clamd(recorder.Script());
     BridgeProcess bridge(clamd.Address());
-    EXPECT_EQ(Ask(bridge.Port(), Z("zINSTREAM") + ChunkStreamOf(ShiftedDown(AllBytes()), 100)), kOk);
+    EXPECT_EQ(Ask(bridge.Port(), WithNul("zINSTREAM") + ChunkStreamOf(ShiftedDown(AllBytes()), 100)), kOk);
     EXPECT_EQ(recorder.last.stream, ChunkStreamOf(AllBytes(), 100));
 
     EXPECT_EQ(Scan(bridge.Port(), ""), kOk);
@@ -58,7 +58,7 @@ TEST(BridgeScan, DecryptOffPassesDataAsItIs) {
     Recorder recorder;
     FakeClamd clamd(recorder.Script());
     BridgeProcess bridge(clamd.Address(), "decrypt=0");
-    EXPECT_EQ(Ask(bridge.Port(), Z("zINSTREAM") + ChunkStreamOf(AllBytes())), kOk);
+    EXPECT_EQ(Ask(bridge.Port(), WithNul("zINSTREAM") + ChunkStreamOf(AllBytes())), kOk);
     EXPECT_EQ(recorder.last.data, AllBytes());
 }
 
@@ -67,7 +67,7 @@ TEST(BridgeScan, StreamCutIntoSingleBytesArrivesWhole) {
     FakeClamd clamd(recorder.Script());
     BridgeProcess bridge(clamd.Address());
     Wire client(ConnectToLoopback(bridge.Port()));
-    for (const char c : Z("zINSTREAM") + ChunkStreamOf(ShiftedDown(AllBytes()), 90)) {
+    for (const char c : WithNul("zINSTREAM") + ChunkStreamOf(ShiftedDown(AllBytes()), 90)) {
         ASSERT_TRUE(client.Send({&c, 1}));
     }
     EXPECT_EQ(client.ReceiveRest().bytes, kOk);
@@ -94,7 +94,7 @@ TEST(BridgeScan, OnlyVerdictsKeepTheBeginningOfAVerdict) {
     FakeClamd clamd([&](Wire& wire) { Replying(cases[next].engine)(wire); });
     BridgeProcess bridge(clamd.Address());
     for (next = 0; next < std::size(cases); ++next) {
-        EXPECT_EQ(Scan(bridge.Port(), "data"), Z(cases[next].client));
+        EXPECT_EQ(Scan(bridge.Port(), "data"), WithNul(cases[next].client));
     }
     EXPECT_THAT(bridge.Log(), HasSubstr("stream: Can't allocate memory ERROR"));
 }
@@ -158,7 +158,7 @@ TEST(BridgeScan, EarlySizeLimitReplySurvivesTheRestOfTheData) {
     BridgeProcess bridge(clamd.Address());
     Wire client(ConnectToLoopback(bridge.Port()));
     const std::string stream = ChunkStreamOf(std::string(8'000'000, 'd'));
-    EXPECT_TRUE(client.Send(Z("zINSTREAM") + stream.substr(0, 200000)));
+    EXPECT_TRUE(client.Send(WithNul("zINSTREAM") + stream.substr(0, 200000)));
     EXPECT_TRUE(WaitFor([&] { return clamd.Ended() == 1; }));
     EXPECT_TRUE(client.Send(stream.substr(200000)));
     EXPECT_EQ(client.ReceiveRest().bytes, "INSTREAM size limit exceeded. ERROR\0"s);
@@ -167,7 +167,7 @@ TEST(BridgeScan, EarlySizeLimitReplySurvivesTheRestOfTheData) {
 TEST(BridgeClient, BadFramingEndsThatConnectionOnly) {
     FakeClamd clamd(RealisticClamd());
     BridgeProcess bridge(clamd.Address());
-    const std::string scan = Z("zINSTREAM");
+    const std::string scan = WithNul("zINSTREAM");
     const std::string requests[] = {
         "zFOO\0"s,
         "zINSTREAMX\0"s,
@@ -194,7 +194,7 @@ TEST(BridgeClient, LeavingInTheMiddleEndsTheEnginesConnection) {
         whole += ReceiveScanRequest(wire).has_value();
     });
     BridgeProcess bridge(clamd.Address());
-    const std::string request = Z("zINSTREAM") + ChunkStreamOf(std::string(20000, 'd'));
+    const std::string request = WithNul("zINSTREAM") + ChunkStreamOf(std::string(20000, 'd'));
     {
         Wire orderly(ConnectToLoopback(bridge.Port()));
         orderly.Send(request.substr(0, 9000));
@@ -213,7 +213,7 @@ TEST(BridgeClient, LeavingInTheMiddleEndsTheEnginesConnection) {
 TEST(BridgeClient, SilenceEndsTheConnection) {
     FakeClamd clamd([](Wire& wire) { wire.ReceiveRest(); });
     BridgeProcess bridge(clamd.Address(), "idle=1");
-    const std::string scan = Z("zINSTREAM");
+    const std::string scan = WithNul("zINSTREAM");
     for (const std::string& said :
          {""s, "zINS"s, scan, scan + "\0\0\0\5ab"s, scan + ChunkStreamOf("all of it")}) {
         EXPECT_EQ(Ask(bridge.Port(), said), "") << testing::PrintToString(said);
@@ -224,7 +224,8 @@ TEST(BridgeClient, SilenceEndsTheConnection) {
 TEST(BridgeClient, TwoHundredAtOnceAreServed) {
     FakeClamd clamd(RealisticClamd());
     BridgeProcess bridge(clamd.Address());
-    const std::string request = Z("zINSTREAM") + ChunkStreamOf(ShiftedDown(std::string(30000, 'd') + "evil"));
+    const std::string request =
+        WithNul("zINSTREAM") + ChunkStreamOf(ShiftedDown(std::string(30000, 'd') + "evil"));
     std::vector<Wire> clients;
     for (int i = 0; i < 200; ++i) {
         clients.emplace_back(ConnectToLoopback(bridge.Port()));
@@ -244,11 +245,12 @@ TEST(BridgeQuery, VersionAndPingComeFromTheFirstServerThatAnswers) {
     FakeClamd clamd(RealisticClamd());
     BridgeProcess bridge("127.0.0.1:" + std::to_string(FreePort()) + " " + mute.Address() + " " +
                          clamd.Address());
-    EXPECT_EQ(Ask(bridge.Port(), Z("zPING")), Z("PONG"));
+    EXPECT_EQ(Ask(bridge.Port(), WithNul("zPING")), WithNul("PONG"));
     EXPECT_EQ(mute.Accepted(), 1u);
-    EXPECT_EQ(Ask(bridge.Port(), Z("zVERSION")), Z("ClamAV 1.4.3/27000/Mon Jan  1 00:00:00 2024"));
+    EXPECT_EQ(Ask(bridge.Port(), WithNul("zVERSION")),
+              WithNul("ClamAV 1.4.3/27000/Mon Jan  1 00:00:00 2024"));
     clamd.Kill();
-    EXPECT_EQ(Ask(bridge.Port(), Z("zPING")), "");
+    EXPECT_EQ(Ask(bridge.Port(), WithNul("zPING")), "");
 }
 
 TEST(BridgeQuery, StatsTellScansAndServers) {
@@ -283,18 +285,32 @@ TEST(BridgeFleet, ServerThatEndsBeforeTheDataIsReplaced) {
     FakeClamd clamd(RealisticClamd());
     BridgeProcess bridge(dying.Address() + " " + clamd.Address());
     Wire client(ConnectToLoopback(bridge.Port()));
-    client.Send(Z("zINSTREAM") + "\0\0\0\4"s);
+    client.Send(WithNul("zINSTREAM") + "\0\0\0\4"s);
     EXPECT_TRUE(WaitFor([&] { return clamd.Accepted() == 1; }));
     client.Send(ShiftedDown("evil") + "\0\0\0\0"s);
     EXPECT_EQ(client.ReceiveRest().bytes, kFound);
     EXPECT_EQ(dying.Accepted(), 1u);
 }
 
+TEST(BridgeFleet, ServerThatDoesNotAnswerIsPassedOverInTime) {
+    UnansweredPort silent;
+    FakeClamd clamd(RealisticClamd());
+    BridgeProcess bridge("127.0.0.1:" + std::to_string(silent.port()) +
+                         " localhost:" + std::to_string(clamd.Port()));
+    EXPECT_EQ(Scan(bridge.Port(), "evil"), kFound);
+    EXPECT_THAT(bridge.Log(), HasSubstr("connect timed out; tried again in 1 s"));
+}
+
 TEST(BridgeFleet, ScanWhoseDataWasSentIsNotRepeated) {
     FakeClamd dying([](Wire& wire) { wire.Receive(20000); });
     FakeClamd clamd(RealisticClamd());
     BridgeProcess bridge(dying.Address() + " " + clamd.Address());
-    EXPECT_EQ(Scan(bridge.Port(), std::string(50000, 'd')), "");
+    const std::string request = WithNul("zINSTREAM") + ChunkStreamOf(std::string(50000, 'd'));
+    Wire client(ConnectToLoopback(bridge.Port()));
+    client.Send(request.substr(0, 30000));
+    EXPECT_TRUE(WaitFor([&] { return dying.Ended() == 1; }));
+    client.Send(request.substr(30000));
+    EXPECT_EQ(client.ReceiveRest().bytes, "");
     EXPECT_EQ(clamd.Accepted(), 0u);
     EXPECT_EQ(Scan(bridge.Port(), "evil"), kFound);
 }
@@ -357,11 +373,11 @@ TEST(BridgeStop, RunningScanIsFinishedFirst) {
     BridgeProcess bridge(clamd.Address());
     Wire idle(ConnectToLoopback(bridge.Port()));
     Wire scanning(ConnectToLoopback(bridge.Port()));
-    scanning.Send(Z("zINSTREAM") + ChunkStreamOf("data"));
+    scanning.Send(WithNul("zINSTREAM") + ChunkStreamOf("data"));
     EXPECT_TRUE(WaitFor([&] { return clamd.Accepted() == 1; }));
 
     bridge.PressCtrlBreak();
-    EXPECT_TRUE(WaitFor([&] { return ConnectToLoopback(bridge.Port()) == INVALID_SOCKET; }));
+    EXPECT_TRUE(WaitFor([&] { return Stats(bridge.Port()).empty(); }));
     EXPECT_TRUE(idle.ReceiveRest().ended);
     may_reply = true;
     EXPECT_EQ(scanning.ReceiveRest().bytes, kOk);
