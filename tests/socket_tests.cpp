@@ -130,6 +130,17 @@ TEST(SocketConnection, EndsIdleWaitsAtTheirLimits) {
                 AllOf(HasSubstr("Socket send idle timeout"), HasSubstr("Failed.")));
 }
 
+TEST(SocketConnection, ClosesWithTheObject) {
+    uint16_t port = 0;
+    const SOCKET listener = ListenOnLoopback(port);
+    auto connection = std::make_unique<SocketConnection>();
+    ASSERT_TRUE(connection->Connect("127.0.0.1", port, false, 1000));
+    Wire peer(accept(listener, nullptr, nullptr));
+    connection.reset();
+    EXPECT_TRUE(peer.ReceiveRest().ended);
+    closesocket(listener);
+}
+
 TEST(SocketConnection, HandsOutItsTextInARingOfTen) {
     SocketConnection connection;
     connection.Close(0);
