@@ -22,7 +22,7 @@ struct Conversation;
 
 // What an engine does with every connection: read one request, send `reply`, close.
 struct EngineScript {
-    std::string reply = WithNul("stream: OK");  // sent as it stands
+    std::string reply = WithNul("stream: OK");                         // sent as it stands
     std::function<std::string(const Conversation&)> answer = nullptr;  // makes the reply instead
     size_t bytes_per_send = SIZE_MAX;
     size_t close_after = SIZE_MAX;  // closes without a reply as soon as this many bytes have come in
