@@ -158,7 +158,7 @@ static int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
     if (ready == SOCKET_ERROR) {
         return WSAGetLastError();
     }
-    if (FD_ISSET(connecting, &made)) {
+    if (FD_ISSET(connecting, &made) && !FD_ISSET(connecting, &refused)) {
         return 0;
     }
     int error = 0;
@@ -284,10 +284,10 @@ bool SocketConnection::ReceiveStringUntilByte(int byte_value, std::string& text)
                 AddSocketError(error);
                 return false;
             }
-            const void* match = memchr(buffer, last, static_cast<size_t>(count));
-            const char* end = match != nullptr ? static_cast<const char*>(match) : buffer + count;
-            received.append(buffer, static_cast<size_t>(end - buffer));
-            if (match != nullptr) {
+            const std::string_view bytes(buffer, static_cast<size_t>(count));
+            const size_t match = bytes.find(static_cast<char>(last));
+            received.append(bytes.substr(0, match));
+            if (match != std::string_view::npos) {
                 text = std::move(received);
                 return true;
             }

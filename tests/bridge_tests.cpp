@@ -243,7 +243,7 @@ TEST(BridgeClient, TwoHundredAtOnceAreServed) {
 TEST(BridgeQuery, VersionAndPingComeFromTheFirstServerThatAnswers) {
     FakeClamd mute([](Wire& wire) { wire.Receive(5); });
     FakeClamd clamd(RealisticClamd());
-    BridgeProcess bridge("127.0.0.1:" + std::to_string(ClosedPort()) + " " + mute.Address() + " " +
+    BridgeProcess bridge("127.0.0.1:" + std::to_string(FreePort()) + " " + mute.Address() + " " +
                          clamd.Address());
     EXPECT_EQ(Ask(bridge.Port(), WithNul("zPING")), WithNul("PONG"));
     EXPECT_EQ(mute.Accepted(), 1u);
@@ -255,7 +255,7 @@ TEST(BridgeQuery, VersionAndPingComeFromTheFirstServerThatAnswers) {
 
 TEST(BridgeQuery, StatsTellScansAndServers) {
     FakeClamd clamd(RealisticClamd());
-    const std::string missing = "127.0.0.1:" + std::to_string(ClosedPort());
+    const std::string missing = "127.0.0.1:" + std::to_string(FreePort());
     BridgeProcess bridge(missing + " " + clamd.Address());
     Scan(bridge.Port(), "clean");
     Scan(bridge.Port(), "evil");

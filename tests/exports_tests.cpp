@@ -79,7 +79,7 @@ const struct {
 };
 
 class ExportsTest : public testing::Test {
-   protected:
+ protected:
     FARPROC Ordinal(int ordinal) const {
         return GetProcAddress(plugin.module, reinterpret_cast<const char*>(static_cast<uintptr_t>(ordinal)));
     }
@@ -98,7 +98,8 @@ class ExportsTest : public testing::Test {
 };
 
 TEST_F(ExportsTest, NamesOrdinalsAndAddressesAreTheHosts) {
-    const auto& directory = *At<IMAGE_EXPORT_DIRECTORY>(Directory(IMAGE_DIRECTORY_ENTRY_EXPORT).VirtualAddress);
+    const auto& directory =
+        *At<IMAGE_EXPORT_DIRECTORY>(Directory(IMAGE_DIRECTORY_ENTRY_EXPORT).VirtualAddress);
     EXPECT_STREQ(At<char>(directory.Name), "CLAMDLL.dll");
     EXPECT_EQ(directory.Base, 1u);
     EXPECT_EQ(directory.NumberOfFunctions, std::size(kExports));
@@ -119,7 +120,8 @@ TEST_F(ExportsTest, NamesOrdinalsAndAddressesAreTheHosts) {
 TEST_F(ExportsTest, RefuseNothingsAndRemoveTheirArguments) {
     const uint32_t nothings[6] = {};
     for (const auto& each : kExports) {
-        const StackCall call = CallOnStack(GetProcAddress(plugin.module, each.name), nothings, each.arguments, 0);
+        const StackCall call =
+            CallOnStack(GetProcAddress(plugin.module, each.name), nothings, each.arguments, 0);
         EXPECT_EQ(call.bytes_left, 0) << each.name;
         if (each.returns >= 0) {
             EXPECT_EQ(call.result, each.returns) << each.name;
@@ -133,7 +135,7 @@ TEST_F(ExportsTest, LibraryIsRelocatableGuardedAndNeedsOnlyTheSystem) {
     constexpr WORD kGuards = IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE | IMAGE_DLLCHARACTERISTICS_NX_COMPAT;
     EXPECT_EQ(headers.OptionalHeader.DllCharacteristics & kGuards, kGuards);
     EXPECT_NE(Directory(IMAGE_DIRECTORY_ENTRY_BASERELOC).Size, 0u);  // without it the first mark is empty
-    const std::set<std::string> system = {"kernel32.dll", "msvcrt.dll", "ws2_32.dll", "wsock32.dll",
+    const std::set<std::string> system = {"kernel32.dll", "msvcrt.dll", "ws2_32.dll",  "wsock32.dll",
                                           "psapi.dll",    "user32.dll", "advapi32.dll"};
     for (auto* import = At<IMAGE_IMPORT_DESCRIPTOR>(Directory(IMAGE_DIRECTORY_ENTRY_IMPORT).VirtualAddress);
          import->Name != 0; ++import) {
@@ -166,7 +168,9 @@ TEST_F(ScannerExportsTest, RunOnAnyStackThatIsAlignedToFourBytes) {
             return CallOnStack(GetProcAddress(plugin.module, name), arguments.data(), arguments.size(),
                                misalignment);
         };
-        const auto address = [](const void* of) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(of)); };
+        const auto address = [](const void* of) {
+            return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(of));
+        };
         ScanFileInput input{"odd", static_cast<uint32_t>(data.size()),
                             reinterpret_cast<const uint8_t*>(data.data())};
         char detection[kDetectionSize] = "";

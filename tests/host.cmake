@@ -15,6 +15,7 @@ house_test(host_tests
   host_tests.cpp
   support/fake_engine.cpp
   support/kestoscan_run.cpp
+  support/loopback.cpp
   support/plugin_folder.cpp
   support/plugin_library.cpp
   ${PROJECT_SOURCE_DIR}/host/test_samples.cpp)

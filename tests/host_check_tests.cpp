@@ -136,7 +136,7 @@ TEST_F(HostCheck, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
          L"",
          Reader(true, "Engine 1")},
     };
-    Install(ClosedPort());
+    Install(FreePort());
     for (const Broken& it : cases) {
         FakeEngine engine(it.script);
         Configure(engine.port(), it.settings);
@@ -170,7 +170,7 @@ TEST_F(HostCheck, TellsWhatIsWrongWithTheEngineProcess) {
 }
 
 TEST_F(HostCheck, WarnsOfProgramsThatWouldStartInPlaceOfTheEngine) {
-    Configure(ClosedPort());
+    Configure(FreePort());
     folder.PlaceEngine("wait");
     WriteFile(folder.parent() + "\\mail.exe", "not ours");
     const RunResult result = Run(L"--check");
@@ -178,7 +178,7 @@ TEST_F(HostCheck, WarnsOfProgramsThatWouldStartInPlaceOfTheEngine) {
 }
 
 TEST_F(HostCheck, PrintsTheSameAsJson) {
-    const uint16_t port = ClosedPort();
+    const uint16_t port = FreePort();
     Install(port);
     const RunResult result = Run(L"--check --json");
     EXPECT_EQ(result.status, 2u);

@@ -188,7 +188,7 @@ TEST_F(HostScan, InterruptedEndsWithWholeLinesAndTheErrorStatus) {
     Sample(L"slow", "slow one");
     KestoscanRun run(Named(L"fine") + Named(L"slow") + FolderOption(), BuiltKestoscan(), true);
     ASSERT_TRUE(
-        WaitUntil([&] { return slow.Conversations().size() == 2 && slow.Conversations()[1].complete; }));
+        WaitFor([&] { return slow.Conversations().size() == 2 && slow.Conversations()[1].complete; }));
     run.Interrupt();
     const RunResult result = run.Finish();
     EXPECT_EQ(result.status, 2u);
@@ -201,13 +201,13 @@ TEST_F(HostTest, StopsWhereNoScanCouldSucceed) {
     Sample(L"b", "b");
     const std::wstring both = Named(L"a") + Named(L"b");
 
-    Configure(ClosedPort());
+    Configure(FreePort());
     const RunResult not_started = Run(both);
     EXPECT_EQ(not_started.status, 2u);
     EXPECT_EQ(not_started.out, "");
     EXPECT_THAT(not_started.err, HasSubstr("kestoav.exe cannot be started: File not found (2)\n"));
 
-    Configure(ClosedPort(), "autostart=0\r\nstartwait=0");
+    Configure(FreePort(), "autostart=0\r\nstartwait=0");
     const RunResult fatal = Run(both);
     EXPECT_EQ(fatal.status, 2u);
     EXPECT_THAT(fatal.out, StartsWith(SampleText("a") + ": ERROR Error connecting to AV server (1001)\n\n"));
@@ -246,7 +246,7 @@ TEST_F(HostScan, PrintsTheVersionDetails) {
 }
 
 TEST_F(HostTest, UpdatesAsTheMailServerDoes) {
-    Configure(ClosedPort(), "autostart=0");
+    Configure(FreePort(), "autostart=0");
     const std::string updater = folder.engine_folder() + "\\kestoavu.exe";
     const std::string failed =
         "KESTO Antivirus Update Failed\nThe KESTO Antivirus Update attempt failed with error ";

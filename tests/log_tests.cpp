@@ -11,7 +11,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 class LogTest : public ScannerTest {
-   protected:
+ protected:
     // The one line that an empty file leaves.
     void LogALine() const { EXPECT_TRUE(Scan("").Clean()); }
 };
@@ -32,8 +32,9 @@ TEST_F(LogTest, AppendsWholeLinesWithTheLocalTime) {
     const std::string log = ReadFile(folder.log_path());
     ASSERT_TRUE(std::regex_match(
         log, parts,
-        std::regex("kept\r\n(\\d{4})/([1-9]\\d?)/([1-9]\\d?) (\\d|[12]\\d):(\\d\\d):(\\d\\d): Scan file - mail.eml "
-                   "- 0\r\n")))
+        std::regex(
+            "kept\r\n(\\d{4})/([1-9]\\d?)/([1-9]\\d?) (\\d|[12]\\d):(\\d\\d):(\\d\\d): Scan file - mail.eml "
+            "- 0\r\n")))
         << log;
     tm stamp{};
     stamp.tm_year = std::stoi(parts[1]) - 1900;

@@ -51,7 +51,7 @@ TEST_F(SettingsTest, WithoutServersAsksThisMachine) {
 }
 
 TEST_F(SettingsTest, WaitsAreUnsigned) {
-    const uint16_t port = ClosedPort();
+    const uint16_t port = FreePort();
     StartWithIdleEngine(Servers(port) + "connectwait=-1\nstartwait=-1");
     ScanOutcome outcome{};
     std::thread scan([&] { outcome = Scan("x"); });

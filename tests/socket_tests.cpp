@@ -1,7 +1,5 @@
 // Connecting and its account, first through scans and the log, then on the connection itself.
 #include "net/socket_connection.h"
-
-#include "net/socket_errors.h"
 #include "tests/support/scanner_test.h"
 
 namespace kesto {
@@ -17,11 +15,11 @@ double SecondsSince(steady_clock::time_point begin) {
 }
 
 class ConnectAccountTest : public ScannerTest {
-   protected:
+ protected:
     // The first account of a scan for which this server does not answer, with one that does behind it
     // once that account is written.
     std::string AccountOf(const std::string& server) {
-        const uint16_t port = ClosedPort();
+        const uint16_t port = FreePort();
         StartWithIdleEngine("servers=127.0.0.1:" + std::to_string(port) + " " + server);
         ScanOutcome outcome{};
         std::thread scan([&] { outcome = Scan("x"); });
@@ -29,27 +27,31 @@ class ConnectAccountTest : public ScannerTest {
         const FakeEngine late({}, port);
         scan.join();
         EXPECT_TRUE(outcome.Clean());
-        for (const std::string& each : folder.LogMessages())
-            if (each.starts_with("Couldn't connect"))
+        for (const std::string& each : folder.LogMessages()) {
+            if (each.starts_with("Couldn't connect")) {
                 return each;
+            }
+        }
         return {};
     }
 };
 
 TEST_F(ConnectAccountTest, TellsThatNobodyListens) {
-    const uint16_t port = ClosedPort();
-    EXPECT_THAT(AccountOf("127.0.0.1:" + std::to_string(port)),
-                AllOf(StartsWith("Couldn't connect to kestoav process - Connect_Socket\n"), HasSubstr("hostname"),
-                      HasSubstr("127.0.0.1"), HasSubstr(std::to_string(port)), HasSubstr("ssl"),
-                      HasSubstr("maxWaitMs"), HasSubstr("1000"), HasSubstr("\nThis is an IPV4 numeric address.\n"),
-                      HasSubstr("\nHostname to IP address resolution not needed.\n"),
-                      HasSubstr("\nConnect function failed.\nWSAECONNREFUSED No connection could be made because "
-                                "the target machine actively refused it."),
-                      Not(HasSubstr("firewall"))));
+    const uint16_t port = FreePort();
+    EXPECT_THAT(
+        AccountOf("127.0.0.1:" + std::to_string(port)),
+        AllOf(StartsWith("Couldn't connect to kestoav process - Connect_Socket\n"), HasSubstr("hostname"),
+              HasSubstr("127.0.0.1"), HasSubstr(std::to_string(port)), HasSubstr("ssl"),
+              HasSubstr("maxWaitMs"), HasSubstr("1000"), HasSubstr("\nThis is an IPV4 numeric address.\n"),
+              HasSubstr("\nHostname to IP address resolution not needed.\n"),
+              HasSubstr("\nConnect function failed.\nWSAECONNREFUSED No connection could be made because "
+                        "the target machine actively refused it."),
+              Not(HasSubstr("firewall"))));
     // The account's line feeds reach the disk like any other.
     const std::string log = ReadFile(folder.log_path());
-    for (size_t at = log.find('\n'); at != std::string::npos; at = log.find('\n', at + 1))
+    for (size_t at = log.find('\n'); at != std::string::npos; at = log.find('\n', at + 1)) {
         ASSERT_TRUE(at > 1 && log[at - 1] == '\r' && log[at - 2] != '\r') << at;
+    }
 }
 
 TEST_F(ConnectAccountTest, TellsOfAnEmptyName) {
@@ -73,13 +75,14 @@ TEST(SocketConnection, GivesUpOnASilentAddressAtItsLimit) {
     const auto begin = steady_clock::now();
     EXPECT_FALSE(connection.Connect("127.0.0.1", silent.port(), false, 700));
     EXPECT_NEAR(SecondsSince(begin), 0.7, 0.3);
-    EXPECT_THAT(connection.LastErrorText(), HasSubstr("\nConnect function failed.\nWSAETIMEDOUT A connection"));
+    EXPECT_THAT(connection.LastErrorText(),
+                HasSubstr("\nConnect function failed.\nWSAETIMEDOUT A connection"));
 }
 
 TEST(SocketConnection, ConnectsByNameAndAgainAfterAFailure) {
     FakeEngine engine;
     SocketConnection connection;
-    EXPECT_FALSE(connection.Connect("127.0.0.1", ClosedPort(), false, 1000));
+    EXPECT_FALSE(connection.Connect("127.0.0.1", FreePort(), false, 1000));
     std::string text = "as it was";
     EXPECT_FALSE(connection.ReceiveStringUntilByte(0, text));
     EXPECT_THAT(connection.LastErrorText(), HasSubstr("No connection is established"));
@@ -99,8 +102,9 @@ TEST(SocketConnection, ConnectsByNameAndAgainAfterAFailure) {
         EXPECT_THAT(connection.LastErrorText(), HasSubstr("No connection to close"));
         EXPECT_FALSE(connection.SendBytes("x", 1));
     }
-    for (const Conversation& each : engine.Conversations())
+    for (const Conversation& each : engine.Conversations()) {
         EXPECT_EQ(each.raw, WithNul("zPING"));
+    }
 }
 
 TEST(SocketConnection, EndsIdleWaitsAtTheirLimits) {
@@ -122,7 +126,19 @@ TEST(SocketConnection, EndsIdleWaitsAtTheirLimits) {
     begin = steady_clock::now();
     EXPECT_FALSE(connection.SendBytes(more_than_fits.data(), static_cast<uint32_t>(more_than_fits.size())));
     EXPECT_LT(SecondsSince(begin), 3);
-    EXPECT_THAT(connection.LastErrorText(), AllOf(HasSubstr("Socket send idle timeout"), HasSubstr("Failed.")));
+    EXPECT_THAT(connection.LastErrorText(),
+                AllOf(HasSubstr("Socket send idle timeout"), HasSubstr("Failed.")));
+}
+
+TEST(SocketConnection, ClosesWithTheObject) {
+    uint16_t port = 0;
+    const SOCKET listener = ListenOnLoopback(port);
+    auto connection = std::make_unique<SocketConnection>();
+    ASSERT_TRUE(connection->Connect("127.0.0.1", port, false, 1000));
+    Wire peer(accept(listener, nullptr, nullptr));
+    connection.reset();
+    EXPECT_TRUE(peer.ReceiveRest().ended);
+    closesocket(listener);
 }
 
 TEST(SocketConnection, HandsOutItsTextInARingOfTen) {
@@ -130,44 +146,12 @@ TEST(SocketConnection, HandsOutItsTextInARingOfTen) {
     connection.Close(0);
     const char* const first = connection.LastErrorText();
     connection.SendBytes("x", 1);
-    for (int i = 0; i < 9; ++i)
+    for (int i = 0; i < 9; ++i) {
         connection.LastErrorText();
+    }
     EXPECT_THAT(first, StartsWith("Close"));
     EXPECT_EQ(connection.LastErrorText(), first);
     EXPECT_THAT(first, StartsWith("SendBytes"));
-}
-
-TEST(SocketErrors, EachHasItsLine) {
-    const struct {
-        int error;
-        const char* begins;
-    } cases[] = {
-        {10093, "WSANOTINITIALISED A successful WSAStartup must occur"},
-        {10035, "WSAEWOULDBLOCK The socket would block."},
-        {10053, "WSAECONNABORTED An established connection was aborted"},
-        {10050, "WSAENETDOWN The network subsystem"},
-        {10047, "WSAEAFNOSUPPORT The specified address family is not supported."},
-        {10036, "WSAEINPROGRESS A blocking Windows Sockets 1.1 call"},
-        {10024, "WSAEMFILE No more socket descriptors are available."},
-        {10055, "WSAENOBUFS No buffer space is available. The socket cannot be created."},
-        {10043, "WSAEPROTONOSUPPORT The specified protocol is not supported."},
-        {10041, "WSAEPROTOTYPE The specified protocol is the wrong type"},
-        {10044, "WSAESOCKTNOSUPPORT The specified socket type is not supported"},
-        {10051, "WSAENETUNREACH A socket operation was attempted to an unreachable network."},
-        {10060, "WSAETIMEDOUT A connection attempt failed because the connected party"},
-        {10061, "WSAECONNREFUSED No connection could be made"},
-        {10054, "WSAECONNRESET An existing connection was forcibly closed"},
-        {10048, "WSAEADDRINUSE Only one usage of each socket address"},
-        {10013, "WSAEACCES An attempt was made to access a socket"},
-        {10022, "WSAEINVAL An invalid argument was supplied."},
-        {10049, "WSAEADDRNOTAVAIL Cannot assign requested address."},
-        {10106, "WSAEPROVIDERFAILEDINIT The requested service provider"},
-        {11001, "WSAHOST_NOT_FOUND No such host is known."},
-        {11004, "WSANO_DATA The requested name is valid"},
-    };
-    for (const auto& each : cases)
-        EXPECT_THAT(SocketErrorDescription(each.error), StartsWith(each.begins)) << each.error;
-    EXPECT_EQ(SocketErrorDescription(10038), nullptr);
 }
 
 }  // namespace

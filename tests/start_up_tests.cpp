@@ -14,9 +14,7 @@ class StartUpTest : public ScannerTest {};
 TEST_F(StartUpTest, FillsNamesAndOutValueWhateverTheVersion) {
     folder.CreateLog();
     folder.WriteSettings("autostart=0");
-    const struct {
-        int32_t version, status;
-    } cases[] = {{1, 0}, {2, 1}, {0, 1}, {-1, 1}};
+    const struct { int32_t version, status; } cases[] = {{1, 0}, {2, 1}, {0, 1}, {-1, 1}};
     for (const auto& each : cases) {
         std::string short_name(kShortNameSize, 'x'), long_name(kLongNameSize, 'x');
         uint32_t out_value = kUntouched;
@@ -99,7 +97,8 @@ TEST_F(StartUpTest, KeepsItsOwnCopyOfTheFolder) {
 
 TEST_F(StartUpTest, RefusesFoldersThatCannotBe) {
     EXPECT_EQ(plugin.InitializeScanner(1, nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
-    for (const std::string& each : {std::string(), "C:\\" + std::string(300, 'x'), std::string(100'000, '\\')}) {
+    for (const std::string& each :
+         {std::string(), "C:\\" + std::string(300, 'x'), std::string(100'000, '\\')}) {
         const int32_t status = plugin.InitializeScanner(1, nullptr, nullptr, nullptr, each.c_str());
         EXPECT_NE(status, 0) << each.size();  // what the system says of an engine program there
         EXPECT_NE(status, 1) << each.size();
@@ -111,8 +110,9 @@ TEST(StartUpInFolders, WithBlanksIsLeftToTheSystemsReadingOfAnUnquotedPath) {
         PluginFolder folder("with blank");
         const std::string shorter = folder.parent() + "\\with.exe";
         folder.PlaceEngine("wait");
-        if (decoy)
+        if (decoy) {
             folder.PlaceProgram(shorter, "wait");
+        }
         PluginLibrary plugin;
         EXPECT_EQ(plugin.InitializeScanner(1, nullptr, nullptr, nullptr, folder.path().c_str()), 0);
         EXPECT_TRUE(folder.WaitForStarts(decoy ? shorter : folder.engine_program(), 1));
@@ -143,8 +143,9 @@ TEST(ErrorTexts, AreBoundedAndTerminated) {
         std::string buffer(64, 'x');
         plugin.GetErrorText(each.code, buffer.data(), each.size);
         std::string expected(64, 'x');
-        if (!each.text.empty())
+        if (!each.text.empty()) {
             expected.replace(0, each.text.size() + 1, WithNul(each.text));
+        }
         EXPECT_EQ(buffer, expected) << each.code << ' ' << each.size;
     }
     std::string one(2, 'x');
@@ -152,8 +153,9 @@ TEST(ErrorTexts, AreBoundedAndTerminated) {
     EXPECT_EQ(one, std::string("\0x", 2));
     plugin.GetErrorText(1002, nullptr, 64);
 
-    for (const uint32_t code : {0u, 1u, 1000u, 1002u, 1003u, 0xFFFFFFFFu})
+    for (const uint32_t code : {0u, 1u, 1000u, 1002u, 1003u, 0xFFFFFFFFu}) {
         EXPECT_EQ(plugin.IsFatalError(code), 0u) << code;
+    }
     EXPECT_EQ(plugin.IsFatalError(1001), 1u);
 }
 

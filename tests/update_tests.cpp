@@ -8,7 +8,7 @@ namespace {
 constexpr char kTitle[] = "KESTO Antivirus Update Failed";
 
 class UpdateTest : public ScannerTest {
-   protected:
+ protected:
     void SetUp() override {
         folder.CreateLog();
         ASSERT_EQ(Start("autostart=0"), 0);
@@ -54,7 +54,7 @@ TEST_F(UpdateTest, ReportsHowTheUpdaterEnds) {
     plugin.GetExpiry2(1, 2, 3, 4, 5);
     std::filesystem::create_directories(folder.engine_folder() + "\\db");
     const struct {
-        const char* role;  // null: no updater
+        const char* role;    // null: no updater
         const char* reason;  // null: success
     } cases[] = {
         {nullptr, "with error 2"},
@@ -66,8 +66,9 @@ TEST_F(UpdateTest, ReportsHowTheUpdaterEnds) {
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(each.role ? each.role : "missing");
-        if (each.role)
+        if (each.role) {
             folder.PlaceProgram(updater, each.role);
+        }
         WriteFile(MirrorRecord(), "mirrors");
         const Outcome outcome = Update();
         if (each.reason) {

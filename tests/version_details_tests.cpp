@@ -10,7 +10,7 @@ using testing::StartsWith;
 const std::string kFirstLine = "KESTOAV Version 1.0.4\n";
 
 class VersionDetailsTest : public ScannerTest {
-   protected:
+ protected:
     std::string Details() const {
         std::string text(4096, '\x5E');
         plugin.GetVersionDetails(text.data(), static_cast<uint32_t>(text.size()));
@@ -21,7 +21,7 @@ class VersionDetailsTest : public ScannerTest {
 };
 
 TEST_F(VersionDetailsTest, ShowReplyInOneOfTwoForms) {
-    const uint16_t port = ClosedPort();
+    const uint16_t port = FreePort();
     StartWith(Servers(port));
     const struct {
         std::string reply, second_line;
@@ -44,7 +44,7 @@ TEST_F(VersionDetailsTest, ShowReplyInOneOfTwoForms) {
 }
 
 TEST_F(VersionDetailsTest, TellWhenTheEngineGivesNone) {
-    const uint16_t port = ClosedPort();
+    const uint16_t port = FreePort();
     FakeEngine second;
     folder.CreateLog();
     StartWith(Servers(port, second.port()));
@@ -75,8 +75,8 @@ TEST_F(VersionDetailsTest, NeverTouchTheLastByteOfTheBuffer) {
     FakeEngine engine({.reply = WithNul("a/1/2")});
     StartWith(Servers(engine.port()));
     const std::string whole = kFirstLine + "AV Database 1 - Updated 2";
-    for (const size_t size : {size_t{0}, size_t{1}, size_t{2}, size_t{3}, size_t{10}, whole.size(), whole.size() + 1,
-                              whole.size() + 2, whole.size() + 3}) {
+    for (const size_t size : {size_t{0}, size_t{1}, size_t{2}, size_t{3}, size_t{10}, whole.size(),
+                              whole.size() + 1, whole.size() + 2, whole.size() + 3}) {
         std::string buffer(whole.size() + 8, '\x5E');
         plugin.GetVersionDetails(buffer.data(), static_cast<uint32_t>(size));
         std::string expected(buffer.size(), '\x5E');

@@ -38,7 +38,7 @@ std::string Contents(const std::string& path) {
 }  // namespace
 
 BridgeProcess::BridgeProcess(const std::string& upstreams, const std::string& more_settings)
-    : port_(ClosedPort()) {
+    : port_(FreePort()) {
     Start("[bridge]\nlisten=127.0.0.1:" + std::to_string(port_) + "\nupstreams=" + upstreams + "\n" +
           more_settings + "\n");
     if (!WaitUntilListening()) {

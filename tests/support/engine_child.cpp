@@ -53,20 +53,25 @@ DWORD Play(const std::string& program) {
     const HANDLE end = OpenEventA(SYNCHRONIZE, FALSE, end_name.c_str());
     const HANDLE test = OpenProcess(SYNCHRONIZE, FALSE, test_process);
     const HANDLE release = OpenEventA(SYNCHRONIZE, FALSE, (end_name + "_release").c_str());
-    if (end == nullptr || test == nullptr || release == nullptr)
+    if (end == nullptr || test == nullptr || release == nullptr) {
         return 99;
+    }
 
     std::unique_ptr<FakeEngine> engine;
-    if (role == "rights")
+    if (role == "rights") {
         AllowOnly(number);
+    }
     if (role == "listen") {
-        engine = std::make_unique<FakeEngine>(EngineScript{}, static_cast<uint16_t>(number));
-        if (engine->port() == 0)
+        engine =
+            std::make_unique<FakeEngine>(EngineScript{.keeps_record = false}, static_cast<uint16_t>(number));
+        if (engine->port() == 0) {
             return 98;
+        }
     }
     RecordStart(program);
-    if (role == "exit")
+    if (role == "exit") {
         return number;
+    }
     const HANDLE ends[] = {end, test, release};
     const DWORD count = role == "release" ? 3 : 2;
     return WaitForMultipleObjects(count, ends, FALSE, kLongestLifeMs) == WAIT_OBJECT_0 + 2 ? number : 0;

@@ -22,13 +22,14 @@ struct Conversation;
 
 // What an engine does with every connection: read one request, send `reply`, close.
 struct EngineScript {
-    std::string reply = WithNul("stream: OK");  // sent as it stands
+    std::string reply = WithNul("stream: OK");                         // sent as it stands
     std::function<std::string(const Conversation&)> answer = nullptr;  // makes the reply instead
     size_t bytes_per_send = SIZE_MAX;
     size_t close_after = SIZE_MAX;  // closes without a reply as soon as this many bytes have come in
     bool resets = false;            // whatever ends the connection is a reset
     bool reads = true;              // false: holds the connection and never reads
     bool hangs_up = true;           // false: after the reply, holds the connection until the client closes it
+    bool keeps_record = true;       // false: for very many conversations
 };
 
 // One connection as the engine saw it.
@@ -42,7 +43,7 @@ struct Conversation {
 };
 
 class FakeEngine {
-   public:
+ public:
     // Listens on 127.0.0.1 at once; port 0 takes a free one.
     explicit FakeEngine(EngineScript script = {}, uint16_t port = 0);
     // Ends every connection and waits for its threads.
@@ -54,12 +55,13 @@ class FakeEngine {
     size_t bytes_received() const { return bytes_received_; }
     std::vector<Conversation> Conversations() const;  // in the order they were accepted
 
-   private:
+ private:
     void AcceptAll();
     void Converse(SOCKET client, Conversation& conversation);
     bool ReadRequest(SOCKET client, Conversation& conversation);
     void SendReply(SOCKET client, const std::string& reply);
-    bool WaitReadable(SOCKET socket) const;
+    template <class Call>
+    int WhenReady(Call call) const;
 
     EngineScript script_;
     SOCKET listener_ = INVALID_SOCKET;
@@ -74,17 +76,14 @@ class FakeEngine {
 
 // Listens without ever accepting, with its queue already full: connection attempts get no answer at all.
 class UnansweredPort {
-   public:
+ public:
     UnansweredPort();
     ~UnansweredPort();
     uint16_t port() const { return port_; }
 
-   private:
+ private:
     uint16_t port_ = 0;
     std::vector<SOCKET> sockets_;
 };
-
-// A port on 127.0.0.1 on which nothing listens.
-uint16_t ClosedPort();
 
 }  // namespace kesto

@@ -20,15 +20,15 @@ SOCKET OwnSocket() {
     return made;
 }
 
-sockaddr_in Loopback(uint16_t port) {
+}  // namespace
+
+sockaddr_in LoopbackAddress(uint16_t port) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(port);
     return address;
 }
-
-}  // namespace
 
 Wire::Wire(SOCKET connected) : socket_(connected) {
     const DWORD limit = static_cast<DWORD>(kTestLimit.count());
@@ -91,20 +91,34 @@ void Wire::Reset() {
     closesocket(std::exchange(socket_, INVALID_SOCKET));
 }
 
-SOCKET ListenOnLoopback(uint16_t& port) {
-    const SOCKET listener = OwnSocket();
-    sockaddr_in address = Loopback(port);
+SOCKET BindToLoopback(uint16_t& port) {
+    const SOCKET bound = OwnSocket();
+    sockaddr_in address = LoopbackAddress(port);
     int size = sizeof address;
-    bind(listener, reinterpret_cast<sockaddr*>(&address), size);
-    listen(listener, SOMAXCONN);
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+    if (bind(bound, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        getsockname(bound, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        closesocket(bound);
+        return INVALID_SOCKET;
+    }
     port = ntohs(address.sin_port);
+    return bound;
+}
+
+SOCKET ListenOnLoopback(uint16_t& port) {
+    const SOCKET listener = BindToLoopback(port);
+    listen(listener, SOMAXCONN);
     return listener;
+}
+
+uint16_t FreePort() {
+    uint16_t port = 0;
+    closesocket(ListenOnLoopback(port));
+    return port;
 }
 
 SOCKET ConnectToLoopback(uint16_t port) {
     const SOCKET client = OwnSocket();
-    const sockaddr_in address = Loopback(port);
+    const sockaddr_in address = LoopbackAddress(port);
     if (connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         return client;
     }

@@ -39,8 +39,12 @@ class Wire {
     SOCKET socket_;
 };
 
-// Port 0 takes a free one.
+sockaddr_in LoopbackAddress(uint16_t port);
+// A socket of that port, or of a free one for 0; `port` then holds it. INVALID_SOCKET if it is taken.
+SOCKET BindToLoopback(uint16_t& port);
+// A listener on a port of its own choice, or on one that was free a moment ago.
 SOCKET ListenOnLoopback(uint16_t& port);
+uint16_t FreePort();
 SOCKET ConnectToLoopback(uint16_t port);  // INVALID_SOCKET when refused
 
 // Asks until the condition holds; false when the limit passes first.

@@ -14,16 +14,6 @@
 
 namespace kesto {
 
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 std::string ReadFile(const std::string& path) {
     std::ostringstream content;
     content << std::ifstream(path, std::ios::binary).rdbuf();
@@ -39,24 +29,25 @@ std::vector<DWORD> ProcessesNamed(std::string_view name) {
     const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
     PROCESSENTRY32 entry{};
     entry.dwSize = sizeof entry;
-    for (BOOL more = Process32First(snapshot, &entry); more; more = Process32Next(snapshot, &entry))
-        if (_stricmp(entry.szExeFile, std::string(name).c_str()) == 0)
+    for (BOOL more = Process32First(snapshot, &entry); more; more = Process32Next(snapshot, &entry)) {
+        if (_stricmp(entry.szExeFile, std::string(name).c_str()) == 0) {
             found.push_back(entry.th32ProcessID);
+        }
+    }
     CloseHandle(snapshot);
     return found;
 }
 
-bool EndProcesses(const std::string& name) {
+void EndProcesses(std::string_view name) {
     for (const DWORD id : ProcessesNamed(name)) {
         const HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, id);
         TerminateProcess(process, 1);
         CloseHandle(process);
     }
-    return WaitUntil([&] { return ProcessesNamed(name).empty(); });
 }
 
 PluginFolder::PluginFolder(const std::string& name) {
-    EXPECT_TRUE(WaitUntil([] { return ProcessesNamed("kestoav.exe").empty(); }))
+    EXPECT_TRUE(WaitFor([] { return ProcessesNamed("kestoav.exe").empty(); }))
         << "an engine process is running that is not this test's";
     char temp[MAX_PATH];
     GetTempPathA(sizeof temp, temp);
@@ -71,10 +62,10 @@ PluginFolder::PluginFolder(const std::string& name) {
 
 PluginFolder::~PluginFolder() {
     SetEvent(end_);
-    EXPECT_TRUE(WaitUntil([] { return ProcessesNamed("kestoav.exe").empty(); }));
+    EXPECT_TRUE(WaitFor([] { return ProcessesNamed("kestoav.exe").empty(); }));
     // Programs hold their files as long as they live.
     std::filesystem::filesystem_error error("", {});
-    EXPECT_TRUE(WaitUntil([&] {
+    EXPECT_TRUE(WaitFor([&] {
         try {
             std::filesystem::remove_all(parent_);
             return true;
@@ -95,25 +86,27 @@ std::vector<std::string> PluginFolder::LogMessages() const {
     std::istringstream lines(ReadFile(log_path()));
     std::vector<std::string> messages;
     for (std::string line; std::getline(lines, line) && !lines.eof();) {
-        if (line.ends_with('\r'))
+        if (line.ends_with('\r')) {
             line.pop_back();
+        }
         int year, rest[5], stamp = 0;
         if (sscanf(line.c_str(), "%4d/%2d/%2d %2d:%2d:%2d: %n", &year, &rest[0], &rest[1], &rest[2], &rest[3],
                    &rest[4], &stamp) == 6 &&
-            stamp > 0)
+            stamp > 0) {
             messages.push_back(line.substr(static_cast<size_t>(stamp)));
-        else if (!messages.empty())
+        } else if (!messages.empty()) {
             messages.back() += '\n' + line;
+        }
     }
     return messages;
 }
 
 bool PluginFolder::WaitForLog(std::string_view message, size_t times) const {
-    return WaitUntil([&] {
+    return WaitFor([&] {
         const auto messages = LogMessages();
-        return std::count_if(messages.begin(), messages.end(),
-                             [&](const auto& each) { return each.starts_with(message); }) >=
-               static_cast<std::ptrdiff_t>(times);
+        return std::count_if(messages.begin(), messages.end(), [&](const auto& each) {
+                   return each.starts_with(message);
+               }) >= static_cast<std::ptrdiff_t>(times);
     });
 }
 
@@ -128,8 +121,8 @@ void PluginFolder::StartProgram(const std::string& program) const {
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process{};
-    ASSERT_TRUE(CreateProcessA(program.c_str(), nullptr, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                               &process))
+    ASSERT_TRUE(CreateProcessA(program.c_str(), nullptr, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                               &startup, &process))
         << GetLastError();
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
@@ -142,15 +135,16 @@ std::vector<ProgramStart> PluginFolder::Starts(const std::string& program) const
     std::string id, folder, command_line, show_state;
     while (std::getline(lines, id, '\t') && std::getline(lines, folder, '\t') &&
            std::getline(lines, command_line, '\t') && std::getline(lines, show_state) && !lines.eof()) {
-        if (show_state.ends_with('\r'))
+        if (show_state.ends_with('\r')) {
             show_state.pop_back();
+        }
         starts.push_back({std::stoul(id), folder, command_line, show_state});
     }
     return starts;
 }
 
 bool PluginFolder::WaitForStarts(const std::string& program, size_t count) const {
-    return WaitUntil([&] { return Starts(program).size() >= count; });
+    return WaitFor([&] { return Starts(program).size() >= count; });
 }
 
 }  // namespace kesto

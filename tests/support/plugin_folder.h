@@ -1,28 +1,23 @@
 // A plug-in folder of a test's own, with programs in it that play engine and updater.
 #pragma once
 
-#include <windows.h>
-
-#include <chrono>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "tests/support/loopback.h"
+// windows.h must come after winsock2.h.
+#include <windows.h>
+
 namespace kesto {
-
-inline constexpr std::chrono::milliseconds kSoon{10'000};  // longer than anything that a test waits for
-
-// Looks at `condition` until it holds; false when it does not within the limit.
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = kSoon);
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, std::string_view content);
 
 // Processes whose program file has this name, in any folder.
 std::vector<DWORD> ProcessesNamed(std::string_view name);
-// Terminates these processes; false when they do not end.
-bool EndProcesses(const std::string& name);
+// Terminates them, without waiting for their end.
+void EndProcesses(std::string_view name);
 
 // One start of a stand-in program.
 struct ProgramStart {
@@ -33,7 +28,7 @@ struct ProgramStart {
 };
 
 class PluginFolder {
-   public:
+ public:
     // `name` tells folders of one test program apart; blanks are allowed. Fails the test when an engine
     // process is still running from elsewhere.
     explicit PluginFolder(const std::string& name = "plugin");
@@ -69,7 +64,7 @@ class PluginFolder {
     bool WaitForStarts(const std::string& program, size_t count) const;
     void Release() const { SetEvent(release_); }
 
-   private:
+ private:
     std::string event_name_;
     std::string parent_;
     std::string path_;

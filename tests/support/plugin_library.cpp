@@ -9,8 +9,9 @@ namespace {
 template <class Routine>
 void Take(HMODULE module, const char* name, Routine& routine) {
     routine = reinterpret_cast<Routine>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-    if (routine == nullptr)
+    if (routine == nullptr) {
         throw std::runtime_error(std::string(name) + " is not exported");
+    }
 }
 
 // Whether the host's words that only an infected file changes are as they were.
@@ -28,8 +29,9 @@ std::string TestProgramFolder() {
 }
 
 PluginLibrary::PluginLibrary() : module(LoadLibraryA((TestProgramFolder() + "\\..\\CLAMDLL.dll").c_str())) {
-    if (module == nullptr)
+    if (module == nullptr) {
         throw std::runtime_error("CLAMDLL.dll does not load: error " + std::to_string(GetLastError()));
+    }
     Take(module, "INITIALIZESCANNER", InitializeScanner);
     Take(module, "CLOSESCANNER", CloseScanner);
     Take(module, "ISFATALERROR", IsFatalError);
@@ -46,7 +48,9 @@ PluginLibrary::~PluginLibrary() {
     FreeLibrary(module);
 }
 
-bool ScanOutcome::Clean() const { return result == 1 && error == kUntouched && ResultUntouched(*this); }
+bool ScanOutcome::Clean() const {
+    return result == 1 && error == kUntouched && ResultUntouched(*this);
+}
 
 bool ScanOutcome::Failed(uint32_t code) const {
     return result == 0 && error == code && ResultUntouched(*this);

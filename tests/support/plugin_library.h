@@ -23,13 +23,13 @@ struct PluginLibrary {
     PluginLibrary& operator=(const PluginLibrary&) = delete;
 
     HMODULE module;
-    int32_t(__stdcall* InitializeScanner)(int32_t version, char* short_name, char* long_name, uint32_t* out_value,
-                                          const char* folder);
+    int32_t(__stdcall* InitializeScanner)(int32_t version, char* short_name, char* long_name,
+                                          uint32_t* out_value, const char* folder);
     void(__stdcall* CloseScanner)();
     uint32_t(__stdcall* IsFatalError)(uint32_t code);
     void(__stdcall* GetErrorText)(uint32_t code, char* text, int32_t size);
-    uint32_t(__stdcall* ScanFile)(uint32_t, const ScanFileInput* input, ScanFileResult* result, uint32_t* error,
-                                  uint32_t, uint32_t);
+    uint32_t(__stdcall* ScanFile)(uint32_t, const ScanFileInput* input, ScanFileResult* result,
+                                  uint32_t* error, uint32_t, uint32_t);
     uint32_t(__stdcall* DoSimpleUpdate)(char* title, char* message);
     void(__stdcall* GetVersionDetails)(char* text, uint32_t size);
     uint32_t(__stdcall* GetExpiry)(uint32_t, uint32_t, uint32_t);

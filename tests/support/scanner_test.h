@@ -23,7 +23,7 @@ std::string Servers(Ports... ports) {
 }
 
 class ScannerTest : public testing::Test {
-   protected:
+ protected:
     // Writes the settings, starts the plug-in and, with autostart on, waits for the engine program.
     int32_t Start(const std::string& settings) {
         plugin.CloseScanner();  // a second start lets go of an open log without closing it
