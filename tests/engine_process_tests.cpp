@@ -158,6 +158,10 @@ struct Rights {
     const char* shown;  // by the restart
 };
 
+void PrintTo(const Rights& rights, std::ostream* out) {
+    *out << rights.shown;
+}
+
 class EngineRightsTest : public EngineProcessTest, public testing::WithParamInterface<Rights> {};
 
 TEST_P(EngineRightsTest, DecideWhatARestartSeesAndEnds) {
