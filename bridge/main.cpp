@@ -9,6 +9,7 @@
 #include <asio/use_awaitable.hpp>
 #include <chrono>
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <utility>
 
@@ -130,5 +131,10 @@ int Run() {
 }  // namespace kesto
 
 int main() {
-    return kesto::Run();
+    try {
+        return kesto::Run();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "kestoav: %s\n", error.what());
+        return 1;
+    }
 }

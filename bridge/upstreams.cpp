@@ -12,6 +12,7 @@ std::string AddressText(const Upstream& server) {
 
 std::vector<Upstream*> TryingOrder(std::vector<Upstream>& servers, Clock::time_point now) {
     std::vector<Upstream*> order;
+    order.reserve(servers.size());
     for (Upstream& server : servers) {
         order.push_back(&server);
     }
