@@ -3,6 +3,7 @@
 #include <winternl.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "tests/support/scanner_test.h"
 
@@ -61,7 +62,10 @@ class FaultTest : public ScannerTest {
         }
         const Holdings after = CountHoldings();
         EXPECT_LT(after.handles - before.handles, rounds);
-        EXPECT_LT(after.bytes - before.bytes, rounds * 64);
+        // With its heap checks on, Wine keeps freed blocks for a while, and they count as in use.
+        if (getenv("KESTOAV_TEST_HEAP_CHECKED") == nullptr) {
+            EXPECT_LT(after.bytes - before.bytes, rounds * 64);
+        }
     }
 
     uint16_t port_ = FreePort();
