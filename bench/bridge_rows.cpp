@@ -13,16 +13,18 @@
 #include "bench/plugin_copy.h"
 #include "bench/timing.h"
 #include "bench/wire.h"
+#include "tests/loopback/loopback.h"
 
 namespace kesto {
+namespace {
 
-static double WorkingSetKilobytes(HANDLE process) {
+double WorkingSetKilobytes(HANDLE process) {
     PROCESS_MEMORY_COUNTERS counters = {};
     GetProcessMemoryInfo(process, &counters, sizeof counters);
     return static_cast<double>(counters.WorkingSetSize) / 1024;
 }
 
-static void MeasureOpenConnections(Bench& bench, const BridgeProcess& bridge) {
+void MeasureOpenConnections(Bench& bench, const BridgeProcess& bridge) {
     constexpr int kConnections = 200;
     constexpr size_t kSent = 500'000;
     const double before = WorkingSetKilobytes(bridge.Handle());
@@ -43,6 +45,8 @@ static void MeasureOpenConnections(Bench& bench, const BridgeProcess& bridge) {
         closesocket(connection);
     }
 }
+
+}  // namespace
 
 void MeasureBridge(Bench& bench, uint16_t sink) {
     constexpr size_t kSize = 16'000'000;
@@ -70,11 +74,13 @@ void MeasureBridge(Bench& bench, uint16_t sink) {
     MeasureOpenConnections(bench, bridge);
 }
 
+namespace {
+
 // Runs a command of the Unix system below and returns what it prints. There is no handle to wait for: its
 // output goes to a connection, which ends with it.
-static std::string RunUnixCommand(const std::string& command) {
+std::string RunUnixCommand(const std::string& command) {
     uint16_t port = 0;
-    const SOCKET listener = Listen(port);
+    const SOCKET listener = ListenOnLoopback(port);
     const ChildProcess shell("/bin/bash",
                              "-c \"exec " + command + " >/dev/tcp/127.0.0.1/" + std::to_string(port) + "\"");
     const SOCKET connection = accept(listener, nullptr, nullptr);
@@ -87,6 +93,8 @@ static std::string RunUnixCommand(const std::string& command) {
     closesocket(listener);
     return output;
 }
+
+}  // namespace
 
 void MeasureClamd(Bench& bench, uint16_t clamd, const std::string& clamdscan) {
     constexpr int kFiles = 16;

@@ -23,10 +23,12 @@
 #include "bench/child_process.h"
 #include "bench/sink_engine.h"
 #include "bench/wire.h"
+#include "tests/loopback/loopback.h"
 
 namespace kesto {
+namespace {
 
-static void FillWithNoise(std::vector<uint8_t>& bytes) {
+void FillWithNoise(std::vector<uint8_t>& bytes) {
     uint32_t state = 1;
     for (uint8_t& byte : bytes) {
         state = state * 1664525 + 1013904223;
@@ -42,7 +44,7 @@ struct Options {
     std::string clamdscan;
 };
 
-static void Measure(const Options& options) {
+void Measure(const Options& options) {
     Bench bench = {.rounds = options.rounds, .file = std::vector<uint8_t>(256 * 1024 * 1024), .rows = {}};
     FillWithNoise(bench.file);
     const std::filesystem::path engine = "kestoav.exe";
@@ -70,6 +72,8 @@ static void Measure(const Options& options) {
     WriteJson(json, bench.rows);
 }
 
+}  // namespace
+
 }  // namespace kesto
 
 int main(int argc, char** argv) {
@@ -87,7 +91,6 @@ int main(int argc, char** argv) {
     CLI::App* idle = app.add_subcommand("idle", "Waits");
     CLI11_PARSE(app, argc, argv);
     try {
-        kesto::StartSockets();
         if (sink->parsed()) {
             return kesto::ServeSink(port);
         }
