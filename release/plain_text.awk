@@ -39,7 +39,7 @@ function plain(text,    shown, target) {
   gsub(/\*\*/, "", text)
   while (match(text, /`[^`]*`/)) {
     shown = substr(text, RSTART + 1, RLENGTH - 2)
-    if (shown ~ / / && shown !~ /"/) shown = "\"" shown "\""
+    if (shown ~ / |^[a-z]+$/ && shown !~ /"/) shown = "\"" shown "\""
     text = substr(text, 1, RSTART - 1) shown substr(text, RSTART + RLENGTH)
   }
   return text
@@ -54,7 +54,8 @@ function add_row(line,    cells, count, i) {
   columns = split(line, cells, / *\| */)
   for (i = 1; i <= columns; ++i) {
     gsub(/\002/, "|", cells[i])
-    cell[rows, i] = plain(cells[i])
+    if (cells[i] ~ /^`[^`]*`$/) cell[rows, i] = substr(cells[i], 2, length(cells[i]) - 2)
+    else cell[rows, i] = plain(cells[i])
     if (length(cell[rows, i]) > width[i]) width[i] = length(cell[rows, i])
   }
 }
@@ -63,7 +64,7 @@ function flush_table(    total, i, row, line) {
   if (rows == 0) return
   for (i = 1; i <= columns; ++i) total += width[i] + 2
   # The last column may be wrapped where enough is left for it.
-  if (total - width[columns] <= 40 || total <= 80) {
+  if (total - width[columns] <= 52 || total <= 80) {
     for (row = 1; row <= rows; ++row) {
       line = "  "
       for (i = 1; i < columns; ++i) line = line sprintf("%-" (width[i] + 2) "s", cell[row, i])

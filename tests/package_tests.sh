@@ -32,8 +32,8 @@ second=$(pack 077)
 installed="$work/KESTO AV"
 unzip -q "$top"/build/release/kestoav-*-win32.zip -d "$installed"
 cd "$installed"
-[ "$(find . -type f | sort | tr '\n' ' ')" = "./CLAMDLL.dll ./INSTALL.txt ./README.txt \
-./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe ./plugins/kestoav/bridge.ini \
+[ "$(find . -type f | sort | tr '\n' ' ')" = "./CHANGES.txt ./CLAMDLL.dll ./INSTALL.txt \
+./KESTOSCAN.txt ./OPERATIONS.txt ./README.txt ./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe ./plugins/kestoav/bridge.ini \
 ./plugins/kestoav/kestoav.exe " ] || fail "the zip holds $(find . -type f)"
 for text in *.txt *.ini plugins/kestoav/*.ini; do
   if grep -qv $'\r$' "$text"; then fail "$text has lines that do not end in CR LF"; fi
