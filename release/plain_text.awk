@@ -64,7 +64,7 @@ function flush_table(    total, i, row, line) {
   if (rows == 0) return
   for (i = 1; i <= columns; ++i) total += width[i] + 2
   # The last column may be wrapped where enough is left for it.
-  if (total - width[columns] <= 52 || total <= 80) {
+  if (total - width[columns] <= 54 || total <= 80) {
     for (row = 1; row <= rows; ++row) {
       line = "  "
       for (i = 1; i < columns; ++i) line = line sprintf("%-" (width[i] + 2) "s", cell[row, i])
