@@ -17,8 +17,11 @@
 #include "process/engine_process.h"
 
 namespace kesto {
+namespace {
 
-static constexpr uint32_t kSize = 1000;
+constexpr uint32_t kSize = 1000;
+
+}  // namespace
 
 void MeasureCall(Bench& bench, uint16_t sink) {
     using Clock = std::chrono::steady_clock;
@@ -64,12 +67,16 @@ void MeasureCall(Bench& bench, uint16_t sink) {
     }
 }
 
-static size_t ProcessCount() {
+namespace {
+
+size_t ProcessCount() {
     DWORD ids[4096];
     DWORD bytes = 0;
     EnumProcesses(ids, sizeof ids, &bytes);
     return bytes / sizeof ids[0];
 }
+
+}  // namespace
 
 // No engine runs here, so that every process is looked at: the longest walk there can be.
 void MeasureProcessWalks(Bench& bench) {

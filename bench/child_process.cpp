@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "bench/wire.h"
+#include "tests/loopback/loopback.h"
 
 namespace kesto {
 
@@ -32,13 +33,24 @@ ChildProcess::~ChildProcess() {
     CloseHandle(process_);
 }
 
-static std::filesystem::path PlaceBridge(uint16_t port, uint16_t upstream) {
+DWORD ChildProcess::WaitForEnd() const {
+    DWORD status = 0;
+    WaitForSingleObject(process_, INFINITE);
+    GetExitCodeProcess(process_, &status);
+    return status;
+}
+
+namespace {
+
+std::filesystem::path PlaceBridge(uint16_t port, uint16_t upstream) {
     std::filesystem::create_directory("bridge");
     CopyFileW((ProgramFolder() / "../kestoav.exe").c_str(), L"bridge\\kestoav.exe", FALSE);
     std::ofstream("bridge/bridge.ini")
         << "[bridge]\nlisten=127.0.0.1:" << port << "\nupstreams=127.0.0.1:" << upstream << '\n';
     return "bridge\\kestoav.exe";
 }
+
+}  // namespace
 
 BridgeProcess::BridgeProcess(uint16_t upstream) : port_(FreePort()), process_(PlaceBridge(port_, upstream)) {
     WaitForListener(port_);

@@ -11,6 +11,7 @@
 #include "bench/plugin_copy.h"
 
 namespace kesto {
+namespace {
 
 struct OpenHandles {
     int all = 0;
@@ -18,7 +19,7 @@ struct OpenHandles {
 };
 
 // The system's own list, since not every system answers GetProcessHandleCount.
-static OpenHandles CountHandles() {
+OpenHandles CountHandles() {
     struct Entry {
         void* object;
         ULONG_PTR process;
@@ -57,11 +58,13 @@ static OpenHandles CountHandles() {
     return open;
 }
 
-static PROCESS_MEMORY_COUNTERS MemoryCounters() {
+PROCESS_MEMORY_COUNTERS MemoryCounters() {
     PROCESS_MEMORY_COUNTERS counters = {};
     GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters);
     return counters;
 }
+
+}  // namespace
 
 void MeasureMemory(Bench& bench, uint16_t sink) {
     constexpr int kScans = 10'000;

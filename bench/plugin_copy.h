@@ -2,7 +2,7 @@
 #pragma once
 
 #include "bench/child_process.h"
-#include "host/plugin_library.h"
+#include "host/common/plugin_library.h"
 
 namespace kesto {
 

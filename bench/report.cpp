@@ -15,17 +15,21 @@ std::string Formatted(const char* format, ...) {
     return text;
 }
 
-static std::string Number(double value) {
+namespace {
+
+std::string Number(double value) {
     return Formatted(value < 10 ? "%.2f" : value < 100 ? "%.1f" : "%.0f", value);
 }
 
-static void WriteLine(std::ostream& out, const std::string& name, const std::string& figure,
-                      const std::string& beside, const std::string& ratio, const std::string& aim) {
+void WriteLine(std::ostream& out, const std::string& name, const std::string& figure,
+               const std::string& beside, const std::string& ratio, const std::string& aim) {
     std::string line = Formatted("%-44s %13s  %-32s %6s  %s", name.c_str(), figure.c_str(), beside.c_str(),
                                  ratio.c_str(), aim.c_str());
     line.erase(line.find_last_not_of(' ') + 1);
     out << line << '\n';
 }
+
+}  // namespace
 
 void WriteTable(std::ostream& out, const Rows& rows) {
     WriteLine(out, "measured", "figure", "beside", "ratio", "aim");
@@ -46,9 +50,13 @@ void WriteTable(std::ostream& out, const Rows& rows) {
     }
 }
 
-static std::string JsonNumber(const std::optional<double>& value) {
+namespace {
+
+std::string JsonNumber(const std::optional<double>& value) {
     return value ? Formatted("%.6g", *value) : "null";
 }
+
+}  // namespace
 
 // The texts are the bench's own: none holds a character that JSON escapes.
 void WriteJson(std::ostream& out, const Rows& rows) {

@@ -11,20 +11,21 @@
 #include "process/engine_process.h"
 
 namespace kesto {
+namespace {
 
-static constexpr double kMegabyte = 1e6;
+constexpr double kMegabyte = 1e6;
 
 // The scan without the search for the engine process.
-static void ConnectAndExchange(uint16_t port, const uint8_t* data, size_t size, bool encrypt) {
+void ConnectAndExchange(uint16_t port, const uint8_t* data, size_t size, bool encrypt) {
     const ScanFileInput input = {"bench.bin", static_cast<uint32_t>(size), data};
     SocketConnection connection;
     if (!connection.Connect("127.0.0.1", port, false, 1000) ||
-        StreamScan(connection, input, encrypt).kind != VerdictKind::Clean) {
+        StreamScan(connection, input, encrypt).kind != VerdictKind::kClean) {
         throw std::runtime_error("a scan failed");
     }
 }
 
-static Row Throughput(const std::string& name, double bytes, const Comparison& times) {
+Row Throughput(const std::string& name, double bytes, const Comparison& times) {
     return {.name = name,
             .unit = "MB/s",
             .value = bytes / times.seconds / kMegabyte,
@@ -32,6 +33,8 @@ static Row Throughput(const std::string& name, double bytes, const Comparison& t
             .beside = bytes / times.beside_seconds / kMegabyte,
             .ratio = times.speed};
 }
+
+}  // namespace
 
 void MeasureScans(Bench& bench, uint16_t sink) {
     struct {

@@ -6,12 +6,14 @@
 
 #include "bench/wire.h"
 #include "bridge/framing.h"
+#include "tests/loopback/loopback.h"
 
 namespace kesto {
+namespace {
 
 // Large reads and a thread that waits in `accept` already: the sink should cost less than what is
 // measured against it.
-static void ServeConnections(SOCKET listener) {
+void ServeConnections(SOCKET listener) {
     std::vector<uint8_t> buffer(256 * 1024);
     for (;;) {
         const SOCKET connection = accept(listener, nullptr, nullptr);
@@ -39,9 +41,11 @@ static void ServeConnections(SOCKET listener) {
     }
 }
 
+}  // namespace
+
 int ServeSink(uint16_t port) {
     constexpr int kThreads = 16;
-    const SOCKET listener = Listen(port);
+    const SOCKET listener = ListenOnLoopback(port);
     if (listener == INVALID_SOCKET) {
         return 1;
     }

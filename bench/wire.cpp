@@ -5,67 +5,25 @@
 #include <stdexcept>
 #include <string>
 
+#include "tests/loopback/loopback.h"
+
 namespace kesto {
 
-void StartSockets() {
-    WSADATA data;
-    if (WSAStartup(MAKEWORD(2, 2), &data) != 0) {
-        throw std::runtime_error("the socket layer does not start");
-    }
-}
-
-static sockaddr_in Loopback(uint16_t port) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-SOCKET Listen(uint16_t& port) {
-    SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    sockaddr_in address = Loopback(port);
-    int size = sizeof address;
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
-        listen(listener, SOMAXCONN) != 0) {
-        closesocket(listener);
-        return INVALID_SOCKET;
-    }
-    port = ntohs(address.sin_port);
-    return listener;
-}
-
-uint16_t FreePort() {
-    uint16_t port = 0;
-    closesocket(Listen(port));
-    return port;
-}
-
 SOCKET ConnectTo(uint16_t port) {
-    SOCKET connection = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    const sockaddr_in address = Loopback(port);
-    if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        const int error = WSAGetLastError();
-        closesocket(connection);
-        throw std::runtime_error("port " + std::to_string(port) + " does not accept: error " +
-                                 std::to_string(error));
+    const SOCKET connection = ConnectToLoopback(port);
+    if (connection == INVALID_SOCKET) {
+        throw std::runtime_error("port " + std::to_string(port) + " does not accept");
     }
     return connection;
 }
 
 void WaitForListener(uint16_t port) {
-    const ULONGLONG end = GetTickCount64() + 10000;
-    for (;;) {
-        try {
-            closesocket(ConnectTo(port));
-            return;
-        } catch (const std::runtime_error&) {
-            if (GetTickCount64() > end) {
-                throw;
-            }
-        }
-        Sleep(20);
+    const auto listens = [port] {
+        const SOCKET connection = ConnectToLoopback(port);
+        return connection != INVALID_SOCKET && closesocket(connection) == 0;
+    };
+    if (!WaitFor(listens)) {
+        throw std::runtime_error("nothing listens on port " + std::to_string(port));
     }
 }
 

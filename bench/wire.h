@@ -8,16 +8,6 @@
 
 namespace kesto {
 
-// Starts the socket layer.
-void StartSockets();
-
-// A listener on the loopback; port 0 is replaced by the free one that was taken. INVALID_SOCKET where the
-// port is not free.
-SOCKET Listen(uint16_t& port);
-
-// A loopback port that nothing listens on at the time of the call.
-uint16_t FreePort();
-
 // A connection to the loopback; throws where it is refused.
 SOCKET ConnectTo(uint16_t port);
 

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "base/bounded_text.h"
+#include "base/log_line.h"
+
 namespace kesto {
-
 namespace {
-
-constexpr size_t kLongestMessage = 999;
 
 FILE* g_log = nullptr;  // open until the process ends
 
@@ -27,14 +27,10 @@ void LogBridge(const std::string& message) {
     if (g_log == nullptr) {
         return;
     }
-    std::string text = message.substr(0, kLongestMessage);
+    std::string text = message.substr(0, kMessageSize - 1);
     std::replace_if(
         text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
-    SYSTEMTIME now;
-    GetLocalTime(&now);
-    std::fprintf(g_log, "%d/%d/%d %d:%02d:%02d: %s\n", now.wYear, now.wMonth, now.wDay, now.wHour,
-                 now.wMinute, now.wSecond, text.c_str());
-    std::fflush(g_log);
+    WriteLogLine(g_log, text.c_str());
 }
 
 }  // namespace kesto

@@ -10,7 +10,6 @@
 #include <sstream>
 
 namespace kesto {
-
 namespace {
 
 constexpr char kSection[] = "bridge";

@@ -13,7 +13,6 @@
 #include "bridge/error_text.h"
 
 namespace kesto {
-
 namespace {
 
 using asio::redirect_error;

@@ -5,7 +5,6 @@
 #include <string_view>
 
 namespace kesto {
-
 namespace {
 
 using namespace std::string_view_literals;
@@ -14,10 +13,10 @@ constexpr struct {
     std::string_view text;
     Command command;
 } kCommands[] = {
-    {"zINSTREAM\0"sv, Command::Scan},
-    {"zVERSION\0"sv, Command::Version},
-    {"zPING\0"sv, Command::Ping},
-    {"zSTATS\0"sv, Command::Stats},
+    {"zINSTREAM\0"sv, Command::kScan},
+    {"zVERSION\0"sv, Command::kVersion},
+    {"zPING\0"sv, Command::kPing},
+    {"zSTATS\0"sv, Command::kStats},
 };
 
 }  // namespace
@@ -33,7 +32,7 @@ CommandFound FindCommand(const uint8_t* bytes, size_t size) {
         }
         incomplete = true;
     }
-    return {incomplete ? Command::Incomplete : Command::Unknown, 0};
+    return {incomplete ? Command::kIncomplete : Command::kUnknown, 0};
 }
 
 ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bool unshift) {

@@ -11,7 +11,7 @@ namespace kesto {
 // held, so the limit costs no memory: it tells a length from text or noise read as one.
 constexpr uint32_t kMaxChunkSize = 64 * 1024 * 1024;
 
-enum class Command { Incomplete, Unknown, Scan, Version, Ping, Stats };
+enum class Command { kIncomplete, kUnknown, kScan, kVersion, kPing, kStats };
 
 struct CommandFound {
     Command command;

@@ -18,7 +18,6 @@
 #include "bridge/session.h"
 
 namespace kesto {
-
 namespace {
 
 using asio::redirect_error;

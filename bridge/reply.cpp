@@ -6,18 +6,18 @@ namespace kesto {
 
 ScanAnswer ReadScanAnswer(const std::string& reply) {
     switch (VerdictOfReply(reply).kind) {
-        case VerdictKind::Clean:
-            return reply == "stream: OK" ? ScanAnswer::Clean : ScanAnswer::NoVerdict;
-        case VerdictKind::Infected:
-            return ScanAnswer::Infected;
+        case VerdictKind::kClean:
+            return reply == "stream: OK" ? ScanAnswer::kClean : ScanAnswer::kNoVerdict;
+        case VerdictKind::kInfected:
+            return ScanAnswer::kInfected;
         default:
-            return ScanAnswer::NoVerdict;
+            return ScanAnswer::kNoVerdict;
     }
 }
 
 std::string ReplyForClient(const std::string& reply) {
-    const bool taken_for_clean = VerdictOfReply(reply).kind == VerdictKind::Clean;
-    const bool misleading = taken_for_clean && ReadScanAnswer(reply) != ScanAnswer::Clean;
+    const bool taken_for_clean = VerdictOfReply(reply).kind == VerdictKind::kClean;
+    const bool misleading = taken_for_clean && ReadScanAnswer(reply) != ScanAnswer::kClean;
     return misleading ? "no verdict: " + reply : reply;
 }
 

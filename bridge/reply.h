@@ -5,7 +5,7 @@
 
 namespace kesto {
 
-enum class ScanAnswer { Clean, Infected, NoVerdict };
+enum class ScanAnswer { kClean, kInfected, kNoVerdict };
 
 // The reply without its NUL.
 ScanAnswer ReadScanAnswer(const std::string& reply);

@@ -23,7 +23,6 @@
 #include "bridge/reply.h"
 
 namespace kesto {
-
 namespace {
 
 using asio::redirect_error;
@@ -302,17 +301,17 @@ asio::awaitable<void> RelayScan(SessionPtr session, const std::string& command) 
     const Exchange& exchange = *session->exchange;
     const ScanAnswer answer = ReadScanAnswer(exchange.reply);
     const std::string server = "upstream " + AddressText(exchange.server);
-    if (answer == ScanAnswer::Clean && !saw_all) {
+    if (answer == ScanAnswer::kClean && !saw_all) {
         throw Ended(server + " called the file clean before its end");
     }
     ServerReplied(exchange);
     session->scanning = false;
-    if (answer == ScanAnswer::NoVerdict) {
+    if (answer == ScanAnswer::kNoVerdict) {
         LogBridge(server + " gave no verdict to " + session->peer + " - " + exchange.reply);
     }
-    ++(answer == ScanAnswer::Clean      ? metrics.clean
-       : answer == ScanAnswer::Infected ? metrics.infected
-                                        : metrics.no_verdict);
+    ++(answer == ScanAnswer::kClean      ? metrics.clean
+       : answer == ScanAnswer::kInfected ? metrics.infected
+                                         : metrics.no_verdict);
     co_await Reply(session, ReplyForClient(exchange.reply));
 }
 
@@ -321,7 +320,7 @@ asio::awaitable<void> RelayScan(SessionPtr session, const std::string& command) 
 asio::awaitable<Command> ReadCommand(SessionPtr session, std::string& text) {
     while (true) {
         const auto [command, size] = FindCommand(session->opening.data(), session->opening_size);
-        if (command != Command::Incomplete) {
+        if (command != Command::kIncomplete) {
             const auto rest = session->opening.begin() + static_cast<ptrdiff_t>(size);
             text.assign(session->opening.begin(), rest);
             std::copy(rest, session->opening.begin() + static_cast<ptrdiff_t>(session->opening_size),
@@ -330,7 +329,7 @@ asio::awaitable<Command> ReadCommand(SessionPtr session, std::string& text) {
             co_return command;
         }
         if (session->bridge.stopping) {
-            co_return Command::Incomplete;
+            co_return Command::kIncomplete;
         }
         session->bridge.awaiting_command.insert(&session->client);
         asio::error_code error;
@@ -341,7 +340,7 @@ asio::awaitable<Command> ReadCommand(SessionPtr session, std::string& text) {
             throw Refused("sent no command in time");
         }
         if (error) {
-            co_return Command::Incomplete;
+            co_return Command::kIncomplete;
         }
     }
 }
@@ -349,22 +348,22 @@ asio::awaitable<Command> ReadCommand(SessionPtr session, std::string& text) {
 asio::awaitable<void> Serve(SessionPtr session) {
     std::string text;
     switch (co_await ReadCommand(session, text)) {
-        case Command::Scan:
+        case Command::kScan:
             co_await RelayScan(session, text);
             break;
-        case Command::Version:
-        case Command::Ping:
+        case Command::kVersion:
+        case Command::kPing:
             co_await RelayQuery(session, text);
             break;
-        case Command::Stats:
+        case Command::kStats:
             co_await Reply(session, MetricsText(session->bridge.metrics, session->bridge.settings.upstreams));
             break;
-        case Command::Unknown:
+        case Command::kUnknown:
             throw Refused(
                 "sent an unknown command: " +
                 std::string(session->opening.begin(),
                             session->opening.begin() + static_cast<ptrdiff_t>(session->opening_size)));
-        case Command::Incomplete:
+        case Command::kIncomplete:
             break;
     }
     co_return;

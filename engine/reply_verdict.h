@@ -6,10 +6,10 @@
 namespace kesto {
 
 enum class VerdictKind {
-    Clean,
-    Infected,         // text: the virus name
-    UnexpectedReply,  // text: the reply
-    SendFailed,       // the connection broke or stalled while sending
+    kClean,
+    kInfected,         // text: the virus name
+    kUnexpectedReply,  // text: the reply
+    kSendFailed,       // the connection broke or stalled while sending
 };
 
 struct ScanVerdict {

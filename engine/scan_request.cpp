@@ -2,28 +2,21 @@
 
 #include <windows.h>
 
+#include "base/bounded_text.h"
+#include "base/elapsed_seconds.h"
+#include "base/log.h"
+#include "base/server_list.h"
+#include "base/settings.h"
 #include "engine/stream_scan.h"
-#include "plugin/bounded_text.h"
-#include "plugin/log.h"
-#include "plugin/result_codes.h"
-#include "plugin/server_list.h"
-#include "plugin/settings.h"
-#include "process/elapsed_seconds.h"
 #include "process/engine_process.h"
 
 namespace kesto {
+namespace {
 
-static constexpr uint32_t kConnectMs = 1000;
-
-uint32_t FailScan(uint32_t* error_code, uint32_t code) {
-    if (error_code != nullptr) {
-        *error_code = code;
-    }
-    return 0;
-}
+constexpr uint32_t kConnectMs = 1000;
 
 // One pass: the first server that accepts.
-static bool ConnectToAnyServer(SocketConnection& connection) {
+bool ConnectToAnyServer(SocketConnection& connection) {
     for (const ServerEntry& server : Servers()) {
         if (connection.Connect(server.host.c_str(), server.port, false, kConnectMs)) {
             return true;
@@ -34,7 +27,7 @@ static bool ConnectToAnyServer(SocketConnection& connection) {
 
 // Passes until the limit is exceeded, without a pause between them. None is made while no engine process
 // runs, which is asked once: not between passes, and for servers on other machines, too.
-static bool ConnectWithin(SocketConnection& connection, uint32_t start, uint32_t limit_seconds) {
+bool ConnectWithin(SocketConnection& connection, uint32_t start, uint32_t limit_seconds) {
     if (FindEngineProcess() == 0) {
         return false;
     }
@@ -48,7 +41,7 @@ static bool ConnectWithin(SocketConnection& connection, uint32_t start, uint32_t
 }
 
 // Restarts the engine as often as it takes; false when a restart leaves none running.
-static bool ConnectToEngine(SocketConnection& connection) {
+bool ConnectToEngine(SocketConnection& connection) {
     uint32_t start = GetTickCount();
     uint32_t limit_seconds = Settings().connectwait;
     while (!ConnectWithin(connection, start, limit_seconds)) {
@@ -64,12 +57,21 @@ static bool ConnectToEngine(SocketConnection& connection) {
     return true;
 }
 
-static void ReportInfected(ScanFileResult& result, const ScanFileInput& input, const char* virus_name) {
+void ReportInfected(ScanFileResult& result, const ScanFileInput& input, const char* virus_name) {
     result.infected = 1;
     if (result.detection != nullptr) {
         CopyText(result.detection + kDetectionFileName, kFileNameSize, input.name);
         CopyText(result.detection + kDetectionVirusName, kVirusNameSize, virus_name);
     }
+}
+
+}  // namespace
+
+uint32_t FailScan(uint32_t* error_code, uint32_t code) {
+    if (error_code != nullptr) {
+        *error_code = code;
+    }
+    return 0;
 }
 
 uint32_t ScanFile(const ScanFileInput* input, ScanFileResult* result, uint32_t* error_code) {
@@ -90,14 +92,14 @@ uint32_t ScanFile(const ScanFileInput* input, ScanFileResult* result, uint32_t* 
     }
     ScanVerdict verdict = StreamScan(connection, *input, Settings().encrypt);
     switch (verdict.kind) {
-        case VerdictKind::Clean:
+        case VerdictKind::kClean:
             return 1;
-        case VerdictKind::Infected:
+        case VerdictKind::kInfected:
             ReportInfected(*result, *input, verdict.text.c_str());
             return 1;
-        case VerdictKind::SendFailed:
+        case VerdictKind::kSendFailed:
             return FailScan(error_code, kErrorCommunicate);
-        case VerdictKind::UnexpectedReply:
+        case VerdictKind::kUnexpectedReply:
             break;
     }
     LogMessage("Unexpected response from KESTOAV - %.900s", verdict.text.c_str());

@@ -16,12 +16,14 @@ bool SendCommand(SocketConnection& connection, std::string_view command) {
     return connection.SendBytes(bytes, static_cast<uint32_t>(length + 1));
 }
 
-static bool SendChunkLength(SocketConnection& connection, uint32_t length) {
+namespace {
+
+bool SendChunkLength(SocketConnection& connection, uint32_t length) {
     uint32_t prefix = htonl(length);
     return connection.SendBytes(&prefix, sizeof prefix);
 }
 
-static bool SendFile(SocketConnection& connection, const ScanFileInput& input, bool encrypt) {
+bool SendFile(SocketConnection& connection, const ScanFileInput& input, bool encrypt) {
     constexpr uint32_t kChunkSize = 8192;
     uint8_t chunk[kChunkSize];
     // 64 bits: the sum of a 32-bit offset and a chunk may pass 4 GiB.
@@ -43,12 +45,14 @@ static bool SendFile(SocketConnection& connection, const ScanFileInput& input, b
     }
 }
 
+}  // namespace
+
 ScanVerdict StreamScan(SocketConnection& connection, const ScanFileInput& input, bool encrypt) {
     connection.MaxReadIdleMs(kIdleLimitMs);
     connection.MaxSendIdleMs(kIdleLimitMs);
     if (!SendCommand(connection, "zINSTREAM") || !SendFile(connection, input, encrypt)) {
         connection.Close(kCloseWaitMs);
-        return {VerdictKind::SendFailed, {}};
+        return {VerdictKind::kSendFailed, {}};
     }
     std::string reply;
     // Whether it succeeded does not matter: a failed read leaves the reply empty, which is no verdict.

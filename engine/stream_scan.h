@@ -3,9 +3,9 @@
 
 #include <string_view>
 
+#include "base/host_records.h"
 #include "engine/reply_verdict.h"
 #include "net/socket_connection.h"
-#include "plugin/host_records.h"
 
 namespace kesto {
 

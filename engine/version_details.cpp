@@ -3,18 +3,19 @@
 #include <string>
 #include <string_view>
 
+#include "base/bounded_text.h"
+#include "base/server_list.h"
 #include "engine/stream_scan.h"
-#include "plugin/bounded_text.h"
-#include "plugin/server_list.h"
 
 namespace kesto {
+namespace {
 
-static constexpr uint32_t kConnectMs = 20000;
-static constexpr char kUnknown[] = "AV Engine version unknown";
+constexpr uint32_t kConnectMs = 20000;
+constexpr char kUnknown[] = "AV Engine version unknown";
 
 // "engine/database/date" becomes words, without the engine's own version; any other form is shown as
 // it is.
-static void DescribeReply(const std::string& reply, char (&detail)[kMessageSize]) {
+void DescribeReply(const std::string& reply, char (&detail)[kMessageSize]) {
     size_t first = reply.find('/');
     size_t second = first == std::string::npos ? first : reply.find('/', first + 1);
     if (second == std::string::npos || reply.find('/', second + 1) != std::string::npos) {
@@ -25,7 +26,7 @@ static void DescribeReply(const std::string& reply, char (&detail)[kMessageSize]
                reply.substr(first + 1, second - first - 1).c_str(), reply.c_str() + second + 1);
 }
 
-static void DescribeEngine(char (&detail)[kMessageSize]) {
+void DescribeEngine(char (&detail)[kMessageSize]) {
     CopyText(detail, sizeof detail, kUnknown);
     if (Servers().empty()) {  // not started yet
         return;
@@ -47,6 +48,8 @@ static void DescribeEngine(char (&detail)[kMessageSize]) {
     }
     connection.Close(kCloseWaitMs);
 }
+
+}  // namespace
 
 void WriteVersionDetails(char* buffer, int32_t size) {
     char detail[kMessageSize];

@@ -4,9 +4,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include "host/exit_status.h"
-#include "host/output.h"
-#include "host/text.h"
+#include "host/common/exit_status.h"
+#include "host/common/output.h"
+#include "host/common/text.h"
 
 namespace kesto {
 namespace {

@@ -4,12 +4,11 @@
 
 #include <string_view>
 
-#include "host/text.h"
+#include "host/common/extended_path.h"
+#include "host/common/text.h"
 
 namespace kesto {
 namespace {
-
-constexpr DWORD kShortPath = MAX_PATH - 12;  // the system takes these as they are, folders included
 
 // The part of `path` up to and with its last separator.
 std::wstring FolderPart(const std::wstring& path) {
@@ -102,19 +101,6 @@ class Lister {
 };
 
 }  // namespace
-
-std::wstring ExtendedPath(const std::wstring& path) {
-    const DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
-    if (size < kShortPath || path.starts_with(L"\\\\?\\")) {
-        return path;
-    }
-    std::wstring full(size, L'\0');
-    full.resize(GetFullPathNameW(path.c_str(), size, full.data(), nullptr));
-    if (full.starts_with(L"\\\\")) {
-        return L"\\\\?\\UNC" + full.substr(1);
-    }
-    return L"\\\\?\\" + full;
-}
 
 std::vector<ListedFile> ListFiles(const std::vector<std::wstring>& paths, bool recursive) {
     std::vector<ListedFile> files;

@@ -20,7 +20,4 @@ struct ListedFile {
 // with its error.
 std::vector<ListedFile> ListFiles(const std::vector<std::wstring>& paths, bool recursive);
 
-// The form in which the system takes a path longer than 259 characters.
-std::wstring ExtendedPath(const std::wstring& path);
-
 }  // namespace kesto

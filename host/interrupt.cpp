@@ -5,8 +5,8 @@
 #include <mutex>
 #include <utility>
 
-#include "host/exit_status.h"
-#include "host/output.h"
+#include "host/common/exit_status.h"
+#include "host/common/output.h"
 
 namespace kesto {
 namespace {

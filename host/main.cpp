@@ -5,17 +5,17 @@
 #include <optional>
 #include <string>
 
-#include "host/check.h"
+#include "host/check/check.h"
 #include "host/command_line.h"
-#include "host/engine_processes.h"
-#include "host/exit_status.h"
+#include "host/common/engine_processes.h"
+#include "host/common/exit_status.h"
+#include "host/common/json.h"
+#include "host/common/output.h"
+#include "host/common/plugin_library.h"
+#include "host/common/text.h"
 #include "host/file_list.h"
 #include "host/interrupt.h"
-#include "host/json.h"
-#include "host/output.h"
-#include "host/plugin_library.h"
 #include "host/scan_files.h"
-#include "host/text.h"
 
 namespace kesto {
 namespace {

@@ -2,10 +2,10 @@
 
 #include <cstdio>
 
-#include "host/json.h"
-#include "host/output.h"
+#include "host/common/json.h"
+#include "host/common/output.h"
+#include "host/common/text.h"
 #include "host/progress.h"
-#include "host/text.h"
 
 namespace kesto {
 namespace {

@@ -8,12 +8,12 @@
 #include <new>
 #include <thread>
 
-#include "host/exit_status.h"
-#include "host/file_bytes.h"
+#include "host/common/exit_status.h"
+#include "host/common/file_bytes.h"
+#include "host/common/output.h"
+#include "host/common/text.h"
 #include "host/interrupt.h"
-#include "host/output.h"
 #include "host/progress.h"
-#include "host/text.h"
 
 namespace kesto {
 namespace {

@@ -3,8 +3,8 @@
 
 #include <vector>
 
+#include "host/common/plugin_library.h"
 #include "host/file_list.h"
-#include "host/plugin_library.h"
 #include "host/report.h"
 
 namespace kesto {

@@ -1,8 +1,11 @@
 #include "licence/licence.h"
 
 namespace kesto {
+namespace {
 
-static bool g_licence_held = false;
+bool g_licence_held = false;
+
+}  // namespace
 
 void QueryLicence() {
     g_licence_held = true;

@@ -7,41 +7,19 @@
 #include <new>
 
 namespace kesto {
+namespace {
 
-bool ParseIpv4(const char* text, uint32_t& address) {
-    uint8_t bytes[4];
-    for (int i = 0; i < 4; ++i) {
-        if (i > 0 && *text++ != '.') {
-            return false;
-        }
-        const char* first = text;
-        unsigned value = 0;
-        while (*text >= '0' && *text <= '9' && text - first < 3) {
-            value = value * 10 + static_cast<unsigned>(*text++ - '0');
-        }
-        if (text == first || value > 255 || (*first == '0' && text - first > 1)) {
-            return false;
-        }
-        bytes[i] = static_cast<uint8_t>(value);
-    }
-    if (*text != '\0') {
-        return false;
-    }
-    address = htonl(uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3]);
-    return true;
-}
-
-static const addrinfo* Next(const addrinfo* entry) {
+const addrinfo* Next(const addrinfo* entry) {
     return entry->ai_next;
 }
 
 // The declaration of this link names another type than the one it leads to.
-static const ADDRINFOEXW* Next(const ADDRINFOEXW* entry) {
+const ADDRINFOEXW* Next(const ADDRINFOEXW* entry) {
     return reinterpret_cast<const ADDRINFOEXW*>(entry->ai_next);
 }
 
 template <typename AddressInfo>
-static void TakeAddresses(const AddressInfo* entry, HostAddresses& found) {
+void TakeAddresses(const AddressInfo* entry, HostAddresses& found) {
     for (; entry != nullptr && found.count < kMostAddresses; entry = Next(entry)) {
         if (entry->ai_family == AF_INET && entry->ai_addr != nullptr) {
             found.addresses[found.count++] = reinterpret_cast<sockaddr_in*>(entry->ai_addr)->sin_addr.s_addr;
@@ -49,11 +27,11 @@ static void TakeAddresses(const AddressInfo* entry, HostAddresses& found) {
     }
 }
 
-static Resolution Outcome(int& error, const HostAddresses& found) {
+Resolution Outcome(int& error, const HostAddresses& found) {
     if (error == 0 && found.count == 0) {
         error = WSANO_DATA;
     }
-    return error == 0 ? Resolution::Found : Resolution::Failed;
+    return error == 0 ? Resolution::kFound : Resolution::kFailed;
 }
 
 // The resolver's call that runs beside ours and can be cancelled, from Windows 8 on.
@@ -64,7 +42,7 @@ struct AsyncResolver {
     decltype(&FreeAddrInfoExW) free;
 };
 
-static bool FindAsyncResolver(AsyncResolver& resolver) {
+bool FindAsyncResolver(AsyncResolver& resolver) {
     HMODULE sockets = GetModuleHandleA("ws2_32.dll");
     auto find = [sockets](const char* name) {
         return reinterpret_cast<void*>(GetProcAddress(sockets, name));
@@ -89,15 +67,15 @@ struct Lookup {
 };
 
 // Lookups that their cancelling did not end at once.
-static std::atomic<Lookup*> g_abandoned;
+std::atomic<Lookup*> g_abandoned;
 
-static void Abandon(Lookup* lookup) {
+void Abandon(Lookup* lookup) {
     lookup->next = g_abandoned.load();
     while (!g_abandoned.compare_exchange_weak(lookup->next, lookup)) {
     }
 }
 
-static void Destroy(const AsyncResolver& resolver, Lookup* lookup) {
+void Destroy(const AsyncResolver& resolver, Lookup* lookup) {
     if (lookup->result != nullptr) {
         resolver.free(lookup->result);
     }
@@ -105,11 +83,11 @@ static void Destroy(const AsyncResolver& resolver, Lookup* lookup) {
     delete lookup;
 }
 
-static bool Ended(const Lookup* lookup, DWORD wait_ms) {
+bool Ended(const Lookup* lookup, DWORD wait_ms) {
     return WaitForSingleObject(lookup->overlapped.hEvent, wait_ms) == WAIT_OBJECT_0;
 }
 
-static void DestroyEndedLookups(const AsyncResolver& resolver) {
+void DestroyEndedLookups(const AsyncResolver& resolver) {
     Lookup* lookup = g_abandoned.exchange(nullptr);
     while (lookup != nullptr) {
         Lookup* next = lookup->next;
@@ -122,13 +100,13 @@ static void DestroyEndedLookups(const AsyncResolver& resolver) {
     }
 }
 
-static Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_t limit_ms,
-                               HostAddresses& found, int& error) {
+Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_t limit_ms,
+                        HostAddresses& found, int& error) {
     DestroyEndedLookups(resolver);
     auto* lookup = new (std::nothrow) Lookup;
     if (lookup == nullptr) {
         error = WSAENOBUFS;
-        return Resolution::Failed;
+        return Resolution::kFailed;
     }
     lookup->overlapped.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     lookup->hints.ai_family = AF_INET;
@@ -138,7 +116,7 @@ static Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, 
                             sizeof lookup->name / sizeof lookup->name[0]) == 0) {
         delete lookup;
         error = WSAEINVAL;
-        return Resolution::Failed;
+        return Resolution::kFailed;
     }
 
     error = resolver.start(lookup->name, nullptr, NS_DNS, nullptr, &lookup->hints, &lookup->result, nullptr,
@@ -153,7 +131,7 @@ static Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, 
             } else {
                 Abandon(lookup);
             }
-            return Resolution::TimedOut;
+            return Resolution::kTimedOut;
         }
         error = resolver.outcome(&lookup->overlapped);
     }
@@ -164,7 +142,7 @@ static Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, 
     return Outcome(error, found);
 }
 
-static Resolution ResolveBlocking(const char* host, HostAddresses& found, int& error) {
+Resolution ResolveBlocking(const char* host, HostAddresses& found, int& error) {
     addrinfo hints = {};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
@@ -176,6 +154,8 @@ static Resolution ResolveBlocking(const char* host, HostAddresses& found, int& e
     }
     return Outcome(error, found);
 }
+
+}  // namespace
 
 Resolution ResolveHost(const char* host, uint32_t limit_ms, HostAddresses& found, int& error) {
     found.count = 0;

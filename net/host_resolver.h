@@ -13,10 +13,7 @@ struct HostAddresses {
     size_t count;
 };
 
-enum class Resolution { Found, TimedOut, Failed };
-
-// Reads a dotted IPv4 address: four decimal numbers from 0 to 255 without leading zeros.
-bool ParseIpv4(const char* text, uint32_t& address);
+enum class Resolution { kFound, kTimedOut, kFailed };
 
 // Resolves `host` within `limit_ms`. On Failed, `error` is the Windows Sockets error. Where the system
 // is too old to end a resolution early, the limit is the system's own.

@@ -9,12 +9,16 @@
 #include <utility>
 
 #include "net/host_resolver.h"
+#include "net/ipv4_address.h"
 #include "net/socket_errors.h"
 
 namespace kesto {
+namespace {
 
 // Never stopped: connections of other threads may be open whenever one ends.
-static std::atomic<bool> g_layer_started;
+std::atomic<bool> g_layer_started;
+
+}  // namespace
 
 bool SocketConnection::LayerStarted() {
     if (!g_layer_started) {
@@ -82,14 +86,18 @@ void SocketConnection::AddSocketError(int error) {
     AddLine("Check to make sure the connection is not blocked by a firewall or anti-virus port filtering.");
 }
 
-static uint32_t RemainingMs(uint32_t start, uint32_t limit) {
+namespace {
+
+uint32_t RemainingMs(uint32_t start, uint32_t limit) {
     uint32_t elapsed = GetTickCount() - start;
     return elapsed < limit ? limit - elapsed : 0;
 }
 
-static timeval TimeValue(uint32_t ms) {
+timeval TimeValue(uint32_t ms) {
     return {static_cast<long>(ms / 1000), static_cast<long>(ms % 1000 * 1000)};
 }
+
+}  // namespace
 
 bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, uint32_t max_wait_ms) {
     const uint32_t start = GetTickCount();
@@ -117,12 +125,12 @@ bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, ui
     } else {
         int error = 0;
         switch (ResolveHost(hostname, max_wait_ms, found, error)) {
-            case Resolution::Found:
+            case Resolution::kFound:
                 break;
-            case Resolution::TimedOut:
+            case Resolution::kTimedOut:
                 AddLine("DNS timed out.");
                 return false;
-            case Resolution::Failed:
+            case Resolution::kFailed:
                 AddLine("DNS lookup failed.");
                 AddSocketError(error);
                 return false;
@@ -142,8 +150,10 @@ bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, ui
     return false;
 }
 
+namespace {
+
 // Waits until the connection is made, refused or the time has passed; 0 or the error.
-static int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
+int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
     fd_set made;
     fd_set refused;
     FD_ZERO(&made);
@@ -168,6 +178,8 @@ static int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
     }
     return error != 0 ? error : WSAECONNREFUSED;
 }
+
+}  // namespace
 
 // One address within the limit that all addresses of a name share; 0 or the error.
 int SocketConnection::ConnectTo(uint32_t address, uint16_t port, uint32_t start, uint32_t max_wait_ms) {
@@ -194,14 +206,18 @@ int SocketConnection::ConnectTo(uint32_t address, uint16_t port, uint32_t start,
     return error;
 }
 
+namespace {
+
 // 1 when the socket is ready, 0 when the time has passed, SOCKET_ERROR.
-static int WaitUntilReady(SOCKET waiting, bool to_send, uint32_t wait_ms) {
+int WaitUntilReady(SOCKET waiting, bool to_send, uint32_t wait_ms) {
     fd_set set;
     FD_ZERO(&set);
     FD_SET(waiting, &set);
     timeval wait = TimeValue(wait_ms);
     return to_send ? select(0, nullptr, &set, nullptr, &wait) : select(0, &set, nullptr, nullptr, &wait);
 }
+
+}  // namespace
 
 bool SocketConnection::SendBytes(const void* data, uint32_t byte_count) {
     StartAccount("SendBytes");

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "base/host_records.h"
 #include "engine/scan_request.h"
 #include "engine/version_details.h"
 #include "licence/licence.h"
@@ -10,22 +11,26 @@
 #include "plugin/scanner.h"
 #include "update/update_launcher.h"
 
-// Kept as the loader hands it over; nothing reads it.
-static HINSTANCE g_module;
+namespace {
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD, LPVOID) {
-    g_module = module;
-    return TRUE;
-}
+// Kept as the loader hands it over; nothing reads it.
+HINSTANCE g_module;
 
 // The result of `call`, or `failed` if it throws, as it does when memory runs out.
 template <typename Result, typename Call>
-static Result Guarded(Result failed, Call call) noexcept {
+Result Guarded(Result failed, Call call) noexcept {
     try {
         return call();
     } catch (...) {
         return failed;
     }
+}
+
+}  // namespace
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD, LPVOID) {
+    g_module = module;
+    return TRUE;
 }
 
 extern "C" {

@@ -1,6 +1,7 @@
 #include "plugin/result_codes.h"
 
-#include "plugin/bounded_text.h"
+#include "base/bounded_text.h"
+#include "base/host_records.h"
 
 namespace kesto {
 

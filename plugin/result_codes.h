@@ -1,13 +1,9 @@
-// The error codes that a failed scan hands to the host, and their texts.
+// What the error codes of a failed scan mean.
 #pragma once
 
 #include <cstdint>
 
 namespace kesto {
-
-inline constexpr uint32_t kErrorConnect = 1001;      // no engine reachable, even after a restart; fatal
-inline constexpr uint32_t kErrorCommunicate = 1002;  // sending to the engine failed
-inline constexpr uint32_t kErrorReply = 1003;        // the engine's reply was not understood
 
 bool IsFatal(uint32_t code);
 

@@ -2,12 +2,12 @@
 
 #include <windows.h>
 
+#include "base/host_records.h"
+#include "base/log.h"
+#include "base/plugin_folder.h"
+#include "base/server_list.h"
+#include "base/settings.h"
 #include "net/socket_connection.h"
-#include "plugin/host_records.h"
-#include "plugin/log.h"
-#include "plugin/plugin_folder.h"
-#include "plugin/server_list.h"
-#include "plugin/settings.h"
 #include "process/engine_process.h"
 
 namespace kesto {

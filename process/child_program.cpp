@@ -1,6 +1,6 @@
 #include "process/child_program.h"
 
-#include "plugin/plugin_folder.h"
+#include "base/plugin_folder.h"
 
 namespace kesto {
 

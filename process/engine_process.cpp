@@ -5,26 +5,27 @@
 
 #include <cstring>
 
-#include "plugin/log.h"
-#include "plugin/settings.h"
+#include "base/elapsed_seconds.h"
+#include "base/log.h"
+#include "base/settings.h"
 #include "process/child_program.h"
-#include "process/elapsed_seconds.h"
 
 namespace kesto {
+namespace {
 
-static constexpr char kEngineProgram[] = "kestoav.exe";
-static constexpr DWORD kMostProcesses = 10240;
-static constexpr DWORD kPollMs = 100;
+constexpr char kEngineProgram[] = "kestoav.exe";
+constexpr DWORD kMostProcesses = 10240;
+constexpr DWORD kPollMs = 100;
 
 // Overwritten by each start, read by nothing, its handles never closed: the plug-in keeps no link to
 // the engine but its name, and that is meant.
-static PROCESS_INFORMATION g_started_engine;
+PROCESS_INFORMATION g_started_engine;
 
-static char LowerAscii(char c) {
+char LowerAscii(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-static bool EqualIgnoringCase(const char* left, const char* right) {
+bool EqualIgnoringCase(const char* left, const char* right) {
     while (*left != '\0' && LowerAscii(*left) == LowerAscii(*right)) {
         ++left;
         ++right;
@@ -32,7 +33,7 @@ static bool EqualIgnoringCase(const char* left, const char* right) {
     return LowerAscii(*left) == LowerAscii(*right);
 }
 
-static bool IsEngine(HANDLE process) {
+bool IsEngine(HANDLE process) {
     char image[520];
     if (GetProcessImageFileNameA(process, image, sizeof image) == 0) {
         return false;
@@ -40,6 +41,8 @@ static bool IsEngine(HANDLE process) {
     const char* name = strrchr(image, '\\');
     return name != nullptr && EqualIgnoringCase(name + 1, kEngineProgram);
 }
+
+}  // namespace
 
 uint32_t FindEngineProcess() {
     DWORD ids[kMostProcesses];
@@ -94,9 +97,11 @@ void StopEngineProcess() {
     LogMessage("kestoav process ended");
 }
 
+namespace {
+
 // Polls until an engine process exists, or until none does, for as long as the restart that began at
 // `began` may take. Writes `waiting` at each poll, and `given_up` when the time has passed.
-static void WaitForEngine(bool to_exist, uint32_t began, const char* waiting, const char* given_up) {
+void WaitForEngine(bool to_exist, uint32_t began, const char* waiting, const char* given_up) {
     while ((FindEngineProcess() != 0) != to_exist) {
         LogMessage("%s", waiting);
         uint32_t elapsed = ElapsedSeconds(began, GetTickCount());
@@ -107,6 +112,8 @@ static void WaitForEngine(bool to_exist, uint32_t began, const char* waiting, co
         }
     }
 }
+
+}  // namespace
 
 Restart RestartEngineProcess() {
     const uint32_t began = GetTickCount();

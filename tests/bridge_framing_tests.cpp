@@ -20,11 +20,11 @@ TEST(BridgeFraming, CommandIsKnownAtItsNulAndNotBefore) {
     std::string scan = "zINSTREAM\0\0\0\0\1"s;
     for (size_t size = 0; size < scan.size(); ++size) {
         const auto found = FindCommand(Bytes(scan), size);
-        EXPECT_EQ(found.command, size < 10 ? Command::Incomplete : Command::Scan) << size;
+        EXPECT_EQ(found.command, size < 10 ? Command::kIncomplete : Command::kScan) << size;
         EXPECT_EQ(found.size, size < 10 ? 0u : 10u);
     }
     for (std::string wrong : {"x"s, "zI\0"s, "zPINGS"s, "zVERSIOn\0"s}) {
-        EXPECT_EQ(FindCommand(Bytes(wrong), wrong.size()).command, Command::Unknown) << wrong;
+        EXPECT_EQ(FindCommand(Bytes(wrong), wrong.size()).command, Command::kUnknown) << wrong;
     }
 }
 

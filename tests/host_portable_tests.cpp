@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 
-#include "host/database_age.h"
-#include "host/ini_lint.h"
-#include "host/json.h"
+#include "host/check/database_age.h"
+#include "host/check/ini_lint.h"
+#include "host/common/json.h"
 #include "host/progress.h"
 
 namespace kesto {

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "base/elapsed_seconds.h"
+#include "base/server_list.h"
 #include "engine/byte_shift.h"
 #include "engine/reply_verdict.h"
-#include "plugin/server_list.h"
-#include "process/elapsed_seconds.h"
 
 namespace kesto {
 namespace {
@@ -51,23 +51,23 @@ TEST(ReplyVerdict, TellsCleanInfectedAndUnexpected) {
         VerdictKind kind;
         const char* text;
     } cases[] = {
-        {"stream: OK", Clean, ""},
-        {"stream: OK ", Clean, ""},
-        {"stream: ", Clean, ""},
-        {"stream: FOUND", Clean, ""},  // the blank belongs to "stream: "
-        {"stream:  FOUND", Infected, ""},
-        {"stream: Eicar Test FOUND", Infected, "Eicar Test"},
-        {"stream:   padded  FOUND", Infected, "  padded "},
-        {"stream: X FOUND FOUND", Infected, "X FOUND"},
-        {"stream: X found", Clean, ""},
-        {"stream: X FOUND ", Clean, ""},
-        {"stream: INSTREAM size limit exceeded. ERROR", Clean, ""},
-        {"stream:", UnexpectedReply, "stream:"},
-        {"STREAM: OK", UnexpectedReply, "STREAM: OK"},
-        {" stream: OK", UnexpectedReply, " stream: OK"},
-        {"INSTREAM size limit exceeded. ERROR", UnexpectedReply, "INSTREAM size limit exceeded. ERROR"},
-        {"", UnexpectedReply, ""},
-        {"%s%n FOUND", UnexpectedReply, "%s%n FOUND"},
+        {"stream: OK", kClean, ""},
+        {"stream: OK ", kClean, ""},
+        {"stream: ", kClean, ""},
+        {"stream: FOUND", kClean, ""},  // the blank belongs to "stream: "
+        {"stream:  FOUND", kInfected, ""},
+        {"stream: Eicar Test FOUND", kInfected, "Eicar Test"},
+        {"stream:   padded  FOUND", kInfected, "  padded "},
+        {"stream: X FOUND FOUND", kInfected, "X FOUND"},
+        {"stream: X found", kClean, ""},
+        {"stream: X FOUND ", kClean, ""},
+        {"stream: INSTREAM size limit exceeded. ERROR", kClean, ""},
+        {"stream:", kUnexpectedReply, "stream:"},
+        {"STREAM: OK", kUnexpectedReply, "STREAM: OK"},
+        {" stream: OK", kUnexpectedReply, " stream: OK"},
+        {"INSTREAM size limit exceeded. ERROR", kUnexpectedReply, "INSTREAM size limit exceeded. ERROR"},
+        {"", kUnexpectedReply, ""},
+        {"%s%n FOUND", kUnexpectedReply, "%s%n FOUND"},
     };
     for (const auto& each : cases) {
         const ScanVerdict verdict = VerdictOfReply(each.reply);

@@ -2,29 +2,30 @@
 
 #include <windows.h>
 
+#include "base/host_records.h"
+#include "base/plugin_folder.h"
 #include "licence/licence.h"
-#include "plugin/host_records.h"
-#include "plugin/plugin_folder.h"
 #include "process/child_program.h"
 
 namespace kesto {
+namespace {
 
-static bool g_update_busy;
+bool g_update_busy;
 
-static void CopyToHost(char* buffer, size_t size, const char* text) {
+void CopyToHost(char* buffer, size_t size, const char* text) {
     if (buffer != nullptr) {
         CopyText(buffer, size, text);
     }
 }
 
-static uint32_t Fail(char* title, char* message, const char* reason) {
+uint32_t Fail(char* title, char* message, const char* reason) {
     CopyToHost(title, kUpdateTitleSize, "KESTO Antivirus Update Failed");
     CopyToHost(message, kUpdateMessageSize, reason);
     return 0;
 }
 
 // The updater's exit code, or the system error code with which it could not be started.
-static DWORD RunUpdater() {
+DWORD RunUpdater() {
     PROCESS_INFORMATION updater;
     DWORD outcome = StartHiddenProgram("kestoavu.exe", updater);
     if (outcome == 0) {
@@ -36,13 +37,15 @@ static DWORD RunUpdater() {
     return outcome;
 }
 
-static void DeleteMirrorRecord() {
+void DeleteMirrorRecord() {
     char folder[kMessageSize];
     FormatEngineFolder(folder);
     char path[kMessageSize];
     FormatText(path, sizeof path, "%s\\db\\mirrors.dat", folder);
     DeleteFileA(path);
 }
+
+}  // namespace
 
 uint32_t RunUpdate(char* title, char* message) {
     if (g_update_busy) {

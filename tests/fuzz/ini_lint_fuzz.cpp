@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <string>
 
-#include "host/ini_lint.h"
+#include "host/check/ini_lint.h"
 
 // Every finding has a line that the file has, and something to say.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

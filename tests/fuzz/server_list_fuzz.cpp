@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin/server_list.h"
+#include "base/server_list.h"
 
 // One entry more than there are blanks, and every host is the text before its token's first colon.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -7,7 +7,6 @@
 #include <stdexcept>
 
 namespace kesto {
-
 namespace {
 
 std::string BuiltBridge() {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/loopback/loopback.h"
 #include "tests/support/fake_engine.h"
-#include "tests/support/loopback.h"
 
 namespace kesto {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/support/loopback.h"
+#include "tests/loopback/loopback.h"
 
 namespace kesto {
 

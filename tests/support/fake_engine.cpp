@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tests/support/loopback.h"
+#include "tests/loopback/loopback.h"
 
 namespace kesto {
 namespace {

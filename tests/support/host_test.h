@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/test_samples.h"
+#include "host/check/test_samples.h"
 #include "tests/support/fake_engine.h"
 // windows.h, in what follows, must come after winsock2.h.
 #include "tests/support/kestoscan_run.h"

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/support/loopback.h"
+#include "tests/loopback/loopback.h"
 // windows.h must come after winsock2.h.
 #include <windows.h>
 

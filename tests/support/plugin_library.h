@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "plugin/host_records.h"
+#include "base/host_records.h"
 
 namespace kesto {
 

@@ -1,0 +1,11 @@
+// One line of a log file, as the plug-in and the bridge write them.
+#pragma once
+
+#include <cstdio>
+
+namespace kesto {
+
+// Writes "YEAR/MONTH/DAY HOUR:MINUTE:SECOND: MESSAGE" with the local time, and flushes. Errors are ignored.
+void WriteLogLine(FILE* log, const char* message);
+
+}  // namespace kesto

@@ -1,0 +1,25 @@
+// The settings, read once at start-up from the ini file in the plug-in folder.
+#pragma once
+
+#include <cstdint>
+
+#include "base/bounded_text.h"
+
+namespace kesto {
+
+struct ScannerSettings {
+    char servers[1000] = "127.0.0.1:3313";  // engine servers, separated by single blanks
+    bool encrypt = true;                    // shift every data byte down by one
+    bool autostart = true;                  // start the engine at start-up
+    uint32_t startwait = 120;               // seconds for an engine restart and the connecting after it
+    uint32_t connectwait = 10;              // seconds of connecting before the engine is restarted
+    uint32_t restartcount = 3;              // kept for the administrators' files; restarts are not limited
+};
+
+// Written only by ReadSettings, during start-up.
+const ScannerSettings& Settings();
+
+// Reads `folder`\kestoav.ini into the settings and `log_path`. Without that file both stay as they are.
+void ReadSettings(const char* folder, char (&log_path)[kPathSize]);
+
+}  // namespace kesto

@@ -1,0 +1,25 @@
+# The floors of the house. Each folder is one library, which names what it stands on with
+# target_link_libraries; a program or library sees the headers of what it links and of nothing else, so that
+# an include that runs upward does not compile.
+
+# What our own code is compiled with; libraries from elsewhere are not held to our warnings.
+add_library(house INTERFACE)
+target_compile_options(house INTERFACE -Wall -Wextra -Wshadow -Wformat=2 -Werror)
+if(WIN32)
+  # GCC 12 reports overlaps in "text" + std::string that cannot be.
+  target_compile_options(house INTERFACE -Wno-restrict)
+  target_compile_definitions(house INTERFACE _WIN32_WINNT=0x0601 NOMINMAX WIN32_LEAN_AND_MEAN)
+endif()
+
+# The library NAME of the current folder. Its headers are included by the folder's path below the top, which
+# is all that a folder of links shows of it.
+function(house_library name)
+  add_library(${name} STATIC ${ARGN})
+  cmake_path(RELATIVE_PATH CMAKE_CURRENT_SOURCE_DIR BASE_DIRECTORY ${PROJECT_SOURCE_DIR} OUTPUT_VARIABLE path)
+  set(shown ${CMAKE_BINARY_DIR}/include/${name})
+  cmake_path(GET path PARENT_PATH parent)
+  file(MAKE_DIRECTORY ${shown}/${parent})
+  file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${shown}/${path} SYMBOLIC)
+  target_include_directories(${name} PUBLIC ${shown})
+  target_link_libraries(${name} PRIVATE house)
+endfunction()

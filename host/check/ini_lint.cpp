@@ -1,0 +1,327 @@
+#include "host/check/ini_lint.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdint>
+#include <numeric>
+
+namespace kesto {
+namespace {
+
+enum class ValueKind { kServers, kSwitch, kSeconds, kCount, kPath };
+
+struct KnownKey {
+    std::string_view name;
+    ValueKind kind;
+};
+
+constexpr std::string_view kSection = "kestoav";
+constexpr std::array kKnownKeys = {
+    KnownKey{"servers", ValueKind::kServers},     KnownKey{"encrypt", ValueKind::kSwitch},
+    KnownKey{"autostart", ValueKind::kSwitch},    KnownKey{"startwait", ValueKind::kSeconds},
+    KnownKey{"connectwait", ValueKind::kSeconds}, KnownKey{"restartcount", ValueKind::kCount},
+    KnownKey{"logfile", ValueKind::kPath},
+};
+
+constexpr size_t kMostServersText = 999;  // characters that the reader takes
+constexpr size_t kMostPath = 259;
+constexpr size_t kMostTypos = 2;        // differences up to which a name counts as misspelt
+constexpr size_t kMostNameLength = 40;  // longer ones are no misspelling of ours
+constexpr long kLongWait = 3600;        // seconds; a mail that waits longer for its scan is lost anyway
+
+std::string Quoted(std::string_view text) {
+    return "\"" + std::string(text.substr(0, 100)) + "\"";
+}
+
+std::string Lower(std::string_view text) {
+    std::string lower(text);
+    for (char& c : lower) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return lower;
+}
+
+std::string_view Trimmed(std::string_view text) {
+    const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; };
+    while (!text.empty() && blank(text.front())) {
+        text.remove_prefix(1);
+    }
+    while (!text.empty() && blank(text.back())) {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
+bool AllDigits(std::string_view text) {
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// The number of single-character changes between two words (Levenshtein).
+size_t Distance(std::string_view from, std::string_view to) {
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < from.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i + 1;
+        for (size_t j = 0; j < to.size(); ++j) {
+            const size_t change = diagonal + (from[i] == to[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({change, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+bool Resembles(std::string_view name, std::string_view known) {
+    return name.size() <= kMostNameLength && Distance(Lower(name), known) <= kMostTypos;
+}
+
+class Linter {
+ public:
+    std::vector<IniFinding> Lint(std::string_view text) {
+        if (text.starts_with("\xEF\xBB\xBF")) {
+            text.remove_prefix(3);
+            line_ = 1;
+            Misread(
+                "the file begins with a UTF-8 byte order mark, which hides its first line from the reader",
+                "save it as ANSI text");
+        }
+        for (line_ = 1; !text.empty(); ++line_) {
+            const size_t end = std::min(text.find('\n'), text.size());
+            Line(Trimmed(text.substr(0, end)));
+            text.remove_prefix(std::min(end + 1, text.size()));
+        }
+        line_ = 1;
+        if (!section_seen_) {
+            Misread("there is no section [kestoav], so nothing in the file is read",
+                    "put [kestoav] above the settings");
+        }
+        return std::move(findings_);
+    }
+
+ private:
+    void Misread(std::string text, std::string remedy) {
+        findings_.push_back({line_, true, std::move(text), std::move(remedy)});
+    }
+
+    void Doubt(std::string text, std::string remedy) {
+        findings_.push_back({line_, false, std::move(text), std::move(remedy)});
+    }
+
+    void Line(std::string_view line) {
+        // "#" makes no comment, but a key that nobody asks for: as good.
+        if (line.empty() || line[0] == ';' || line[0] == '#') {
+            return;
+        }
+        if (line[0] == '[') {
+            Section(line);
+            return;
+        }
+        const size_t equals = line.find('=');
+        if (!in_section_) {
+            if (!section_seen_ && equals != std::string_view::npos &&
+                Nearest(Trimmed(line.substr(0, equals)))) {
+                Misread(Quoted(line) + " stands outside of the section [kestoav] and is not read",
+                        "move it below the line [kestoav]");
+            }
+            return;
+        }
+        if (equals == std::string_view::npos) {
+            Doubt(Quoted(line) + " is no setting and is not read",
+                  "write key=value, or ; in front of a comment");
+            return;
+        }
+        Setting(Trimmed(line.substr(0, equals)), Trimmed(line.substr(equals + 1)));
+    }
+
+    void Section(std::string_view line) {
+        const std::string_view name = line.substr(1, std::min(line.find(']'), line.size()) - 1);
+        in_section_ = Lower(name) == kSection;
+        if (in_section_ && section_seen_) {
+            in_section_ = false;
+            Misread("a second section [kestoav] is not read", "move its settings into the first");
+        } else if (in_section_) {
+            section_seen_ = true;
+            if (line.find(']') == std::string_view::npos) {
+                Doubt("the section's name has no ] at its end", "write [kestoav]");
+            }
+        } else if (Resembles(Trimmed(name), kSection)) {
+            Misread("the section " + Quoted(name) + " is not read", "write [kestoav]");
+        }
+    }
+
+    static const KnownKey* Nearest(std::string_view name) {
+        const auto resembles = [&](const KnownKey& key) { return Resembles(name, key.name); };
+        const auto found = std::find_if(kKnownKeys.begin(), kKnownKeys.end(), resembles);
+        return found == kKnownKeys.end() ? nullptr : &*found;
+    }
+
+    void Setting(std::string_view name, std::string_view value) {
+        const auto named = [&](const KnownKey& key) { return key.name == Lower(name); };
+        const auto key = std::find_if(kKnownKeys.begin(), kKnownKeys.end(), named);
+        if (key == kKnownKeys.end()) {
+            const KnownKey* nearest = Nearest(name);
+            if (nearest) {
+                Misread("the key " + Quoted(name) + " is not known, and its value not read",
+                        "write " + std::string(nearest->name) + "=");
+            } else {
+                Doubt("the key " + Quoted(name) + " is not known, and its value not read", "remove the line");
+            }
+            return;
+        }
+        bool& seen = seen_[static_cast<size_t>(key - kKnownKeys.begin())];
+        if (seen) {
+            Misread("the key " + Quoted(name) + " stands here for the second time: only the first is read",
+                    "remove one of the two lines");
+            return;
+        }
+        seen = true;
+        Value(*key, Unquoted(value));
+    }
+
+    // The reader takes away one pair of quotes around a value.
+    static std::string_view Unquoted(std::string_view value) {
+        if (value.size() >= 2 && (value[0] == '"' || value[0] == '\'') && value.back() == value[0]) {
+            return value.substr(1, value.size() - 2);
+        }
+        return value;
+    }
+
+    void Value(const KnownKey& key, std::string_view value) {
+        switch (key.kind) {
+            case ValueKind::kServers:
+                ServersValue(value);
+                break;
+            case ValueKind::kPath:
+                PathValue(value);
+                break;
+            case ValueKind::kSwitch:
+            case ValueKind::kSeconds:
+            case ValueKind::kCount:
+                NumberValue(key, value);
+                break;
+        }
+    }
+
+    void NumberValue(const KnownKey& key, std::string_view value) {
+        const std::string name(key.name);
+        const bool is_switch = key.kind == ValueKind::kSwitch;
+        const std::string remedy =
+            is_switch ? "write " + name + "=1 or " + name + "=0" : "write " + name + "= and a whole number";
+        if (AllDigits(value) && value.size() <= 9) {
+            if (key.kind == ValueKind::kSeconds && std::stol(std::string(value)) > kLongWait) {
+                Doubt(name + " is over an hour, for which a mail may have to wait",
+                      "write a number of seconds such as 120");
+            }
+            return;
+        }
+        // The reader stops at the first character that is no digit.
+        const size_t digits = value.find_first_not_of("0123456789");
+        const bool minus = value.starts_with('-') && AllDigits(value.substr(1));
+        if (minus && key.kind == ValueKind::kSeconds) {
+            Misread(name + "=" + std::string(value.substr(0, 20)) + " is read as a limit of over a century",
+                    remedy);
+        } else if (minus || (digits == std::string_view::npos && !value.empty())) {
+            Doubt(Quoted(value) + " is an odd value for " + name, remedy);
+        } else if (value.empty() || digits == 0) {
+            Misread(name + "=" + Quoted(value) + " is no number and is read as 0" +
+                        (is_switch ? ", which is off" : ""),
+                    remedy);
+        } else {
+            Misread(name + "=" + Quoted(value) +
+                        " is read as a number that ends before the first other character",
+                    remedy);
+        }
+    }
+
+    void PathValue(std::string_view value) {
+        if (value.empty()) {
+            return;
+        }
+        const bool on_drive = value.size() > 2 && value[1] == ':' && (value[2] == '\\' || value[2] == '/');
+        if (value.size() > kMostPath) {
+            Misread("logfile is longer than 259 characters and is cut", "write a shorter path");
+        } else if (!on_drive && !value.starts_with("\\\\")) {
+            Doubt("logfile is relative: where it lies depends on the mail server's working folder",
+                  "write the whole path, with its drive");
+        }
+        if (value.find('%') != std::string_view::npos) {
+            Doubt("logfile holds a %: environment variables are not replaced", "write the path itself");
+        }
+    }
+
+    void ServersValue(std::string_view value) {
+        if (value.size() > kMostServersText) {
+            Misread("servers is longer than 999 characters and is cut", "name fewer servers");
+            value = value.substr(0, kMostServersText);
+        }
+        for (;;) {
+            const size_t end = std::min(value.find(' '), value.size());
+            if (!Server(value.substr(0, end)) || end == value.size()) {
+                return;
+            }
+            value.remove_prefix(end + 1);
+        }
+    }
+
+    // False when the rest of the line is a comment, about which enough has been said.
+    bool Server(std::string_view server) {
+        const size_t colon = server.find(':');
+        const std::string_view host = server.substr(0, colon);
+        if (server.starts_with(';') || server.starts_with('#')) {
+            Misread("what stands behind the servers is no comment to the reader, but further servers",
+                    "put the comment on a line of its own");
+            return false;
+        }
+        if (server.find_first_of(",;\t") != std::string_view::npos) {
+            Misread(Quoted(server) + " is read as one server", "separate servers by single blanks only");
+            return true;
+        }
+        if (host.empty()) {
+            Misread("servers holds an empty host, which never answers",
+                    "write host:port, with single blanks between servers");
+        } else if (host.find_first_of("[]/") != std::string_view::npos) {
+            Misread(Quoted(host) + " is read as the name of a host",
+                    "write an IPv4 address or a name, then :port");
+        } else if (Lower(host) == "localhost") {
+            Doubt("a refused connection to localhost can cost two seconds", "write 127.0.0.1");
+        }
+        if (colon != std::string_view::npos) {
+            Port(server.substr(colon + 1), server);
+        }
+        return true;
+    }
+
+    void Port(std::string_view port, std::string_view server) {
+        const std::string remedy = "write host:port with a port from 1 to 65535";
+        if (!AllDigits(port)) {
+            Misread("the port of " + Quoted(server) +
+                        " is no number: it is read up to the first other character, "
+                        "and as 0 without a digit",
+                    remedy);
+            return;
+        }
+        const size_t zeros = std::min(port.find_first_not_of('0'), port.size());
+        const std::string_view significant = port.substr(zeros);
+        if (significant.empty()) {
+            Misread("the port of " + Quoted(server) + " is 0, on which nothing can listen", remedy);
+        } else if (significant.size() > 5 || std::stol(std::string(significant)) > UINT16_MAX) {
+            Misread("the port of " + Quoted(server) + " is above 65535 and becomes another one", remedy);
+        }
+    }
+
+    std::vector<IniFinding> findings_;
+    std::array<bool, kKnownKeys.size()> seen_ = {};
+    size_t line_ = 1;
+    bool section_seen_ = false;
+    bool in_section_ = false;
+};
+
+}  // namespace
+
+std::vector<IniFinding> LintIni(std::string_view text) {
+    return Linter().Lint(text);
+}
+
+}  // namespace kesto

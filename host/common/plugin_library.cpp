@@ -1,0 +1,150 @@
+#include "host/common/plugin_library.h"
+
+#include <windows.h>
+
+#include "host/common/text.h"
+
+namespace kesto {
+namespace {
+
+constexpr size_t kMostFolder = 259;
+
+template <typename Function>
+void Bind(HMODULE module, const char* name, Function& function) {
+    function = reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+}
+
+std::string LoadFailure(const std::wstring& path, DWORD code) {
+    std::string text = "cannot load " + Utf8FromWide(path) + ": " + SystemErrorText(code) + " (" +
+                       std::to_string(code) + ")";
+    if (code == ERROR_BAD_EXE_FORMAT) {
+        text += "; it is damaged, or not a 32-bit library";
+    }
+    return text;
+}
+
+}  // namespace
+
+const std::array<const char*, 31> kExportNames = {"CHECKLICENCE",
+                                                  "CLOSEINSTANCE",
+                                                  "CLOSESCANNER",
+                                                  "DOSIMPLEUPDATE",
+                                                  "DOUPDATE",
+                                                  "GETERRORTEXT",
+                                                  "GETEXPIRY",
+                                                  "GETVERSIONDETAILS",
+                                                  "INITIALIZEINSTANCE",
+                                                  "INITIALIZESCANNER",
+                                                  "ISFATALERROR",
+                                                  "PROCESSWINDOWSMESSAGE",
+                                                  "RELOADSCANNER",
+                                                  "SCANFILE",
+                                                  "UNLOADSCANNER",
+                                                  "_CheckLicence@8",
+                                                  "_CloseInstance@4",
+                                                  "_CloseScanner@0",
+                                                  "_DoSimpleUpdate@8",
+                                                  "_DoUpdate@16",
+                                                  "_GetErrorText@12",
+                                                  "_GetExpiry2@20",
+                                                  "_GetExpiry@12",
+                                                  "_GetVersionDetails@8",
+                                                  "_InitializeInstance@4",
+                                                  "_InitializeScanner@20",
+                                                  "_IsFatalError@4",
+                                                  "_ProcessWindowsMessage@12",
+                                                  "_ReloadScanner@0",
+                                                  "_ScanFile@24",
+                                                  "_UnloadScanner@0"};
+
+std::optional<PluginLibrary> LoadPlugin(const std::wstring& path, std::string& error) {
+    const HMODULE module = LoadLibraryW(path.c_str());
+    if (!module) {
+        error = LoadFailure(path, GetLastError());
+        return std::nullopt;
+    }
+    std::string missing;
+    for (const char* name : kExportNames) {
+        if (!GetProcAddress(module, name)) {
+            missing += std::string(missing.empty() ? "" : ", ") + name;
+        }
+    }
+    if (!missing.empty()) {
+        error = Utf8FromWide(path) + " is not this plug-in, or damaged: it lacks " + missing;
+        FreeLibrary(module);
+        return std::nullopt;
+    }
+    PluginLibrary plugin;
+    plugin.module = module;
+    Bind(module, "INITIALIZESCANNER", plugin.initialize_scanner);
+    Bind(module, "CLOSESCANNER", plugin.close_scanner);
+    Bind(module, "ISFATALERROR", plugin.is_fatal_error);
+    Bind(module, "GETERRORTEXT", plugin.get_error_text);
+    Bind(module, "SCANFILE", plugin.scan_file);
+    Bind(module, "DOSIMPLEUPDATE", plugin.do_simple_update);
+    Bind(module, "GETVERSIONDETAILS", plugin.get_version_details);
+    Bind(module, "GETEXPIRY", plugin.get_expiry);
+    return plugin;
+}
+
+void ClosePlugin(const PluginLibrary& plugin) {
+    plugin.close_scanner();
+    FreeLibrary(static_cast<HMODULE>(plugin.module));
+}
+
+StartOutcome StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, std::string& error) {
+    std::string ansi_folder;
+    if (!AnsiFolder(folder, ansi_folder, error)) {
+        return StartOutcome::kRefused;
+    }
+    char short_name[kShortNameSize];
+    char long_name[kLongNameSize];
+    uint32_t out_value;
+    const int32_t result =
+        plugin.initialize_scanner(kInterfaceVersion, short_name, long_name, &out_value, ansi_folder.c_str());
+    if (result == 0) {
+        return StartOutcome::kStarted;
+    }
+    if (result == 1) {
+        error = "the plug-in refuses this interface version (1): program and library do not belong together";
+        return StartOutcome::kRefused;
+    }
+    if (result == -1) {
+        error = "the plug-in cannot start the Windows Sockets layer (-1)";
+        return StartOutcome::kRefused;
+    }
+    const auto code = static_cast<uint32_t>(result);
+    error = "the engine program " + Utf8FromWide(folder) +
+            "\\plugins\\kestoav\\kestoav.exe cannot be started: " + SystemErrorText(code) + " (" +
+            std::to_string(code) + ")";
+    return StartOutcome::kEngineNotStarted;
+}
+
+bool AnsiFolder(const std::wstring& folder, std::string& ansi, std::string& error) {
+    bool lossy = false;
+    ansi = AnsiFromWide(folder, &lossy);
+    wchar_t short_path[MAX_PATH];
+    const DWORD length = lossy ? GetShortPathNameW(folder.c_str(), short_path, MAX_PATH) : 0;
+    if (length > 0 && length < MAX_PATH) {
+        ansi = AnsiFromWide(short_path, &lossy);
+    }
+    if (lossy) {
+        error = "the folder " + Utf8FromWide(folder) +
+                " has letters that this system's code page lacks: use one with plain letters";
+        return false;
+    }
+    if (ansi.size() > kMostFolder) {
+        error = "the plug-in takes a folder of at most 259 characters, and this one has " +
+                std::to_string(ansi.size()) + ": use a shorter one";
+        return false;
+    }
+    return true;
+}
+
+std::string PluginErrorText(const PluginLibrary& plugin, uint32_t code) {
+    char text[256] = "";
+    plugin.get_error_text(code, text, sizeof text);
+    return Utf8FromAnsi(text);
+}
+
+}  // namespace kesto

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/host_records.h"
+
+// The plug-in as the mail server meets it: a library loaded at run time and called through its exports.
+namespace kesto {
+
+struct PluginLibrary {
+    void* module;
+    int32_t(__stdcall* initialize_scanner)(int32_t version, char* short_name, char* long_name,
+                                           uint32_t* out_value, const char* folder);
+    void(__stdcall* close_scanner)();
+    int32_t(__stdcall* is_fatal_error)(uint32_t code);
+    void(__stdcall* get_error_text)(uint32_t code, char* text, int32_t size);
+    int32_t(__stdcall* scan_file)(uint32_t host_value, const ScanFileInput* input, ScanFileResult* result,
+                                  uint32_t* error_code, uint32_t unused1, uint32_t unused2);
+    int32_t(__stdcall* do_simple_update)(char* title, char* message);
+    void(__stdcall* get_version_details)(char* text, uint32_t size);
+    int32_t(__stdcall* get_expiry)(uint32_t a, uint32_t b, uint32_t c);
+};
+
+// Every name that the mail server may ask for.
+extern const std::array<const char*, 31> kExportNames;
+
+// None with `error` set (one line, UTF-8) when the library cannot be loaded or lacks an export.
+std::optional<PluginLibrary> LoadPlugin(const std::wstring& path, std::string& error);
+
+// CLOSESCANNER, then the library leaves memory.
+void ClosePlugin(const PluginLibrary& plugin);
+
+enum class StartOutcome { kStarted, kEngineNotStarted, kRefused };
+
+// INITIALIZESCANNER. Other than kStarted sets `error`: kEngineNotStarted leaves a plug-in that can update
+// and tell its version, but whose scans have no engine; kRefused leaves nothing to call but ClosePlugin.
+StartOutcome StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, std::string& error);
+
+// The folder as the interface takes it: in the ANSI code page, at most 259 characters. False with `error`
+// set when it cannot be had so.
+bool AnsiFolder(const std::wstring& folder, std::string& ansi, std::string& error);
+
+std::string PluginErrorText(const PluginLibrary& plugin, uint32_t code);
+
+}  // namespace kesto

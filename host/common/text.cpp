@@ -1,0 +1,73 @@
+#include "host/common/text.h"
+
+#include <windows.h>
+
+#include <algorithm>
+
+namespace kesto {
+namespace {
+
+std::string Narrow(UINT code_page, std::wstring_view wide, bool* lossy) {
+    const int length = static_cast<int>(wide.size());
+    BOOL replaced = FALSE;
+    const int size = WideCharToMultiByte(code_page, 0, wide.data(), length, nullptr, 0, nullptr,
+                                         lossy ? &replaced : nullptr);
+    std::string text(static_cast<size_t>(size), '\0');
+    WideCharToMultiByte(code_page, 0, wide.data(), length, text.data(), size, nullptr, nullptr);
+    if (lossy) {
+        *lossy = replaced != FALSE;
+    }
+    return text;
+}
+
+std::wstring Widen(UINT code_page, std::string_view narrow) {
+    const int length = static_cast<int>(narrow.size());
+    const int size = MultiByteToWideChar(code_page, 0, narrow.data(), length, nullptr, 0);
+    std::wstring text(static_cast<size_t>(size), L'\0');
+    MultiByteToWideChar(code_page, 0, narrow.data(), length, text.data(), size);
+    return text;
+}
+
+}  // namespace
+
+std::string Utf8FromWide(std::wstring_view wide) {
+    return Narrow(CP_UTF8, wide, nullptr);
+}
+
+std::wstring WideFromUtf8(std::string_view utf8) {
+    return Widen(CP_UTF8, utf8);
+}
+
+std::string Utf8FromAnsi(std::string_view ansi) {
+    return Utf8FromWide(Widen(CP_ACP, ansi));
+}
+
+std::string AnsiFromWide(std::wstring_view wide, bool* lossy) {
+    // Where UTF-8 is the ANSI code page the system refuses to tell about replacements: there are none.
+    if (lossy && GetACP() == CP_UTF8) {
+        *lossy = false;
+        lossy = nullptr;
+    }
+    return Narrow(CP_ACP, wide, lossy);
+}
+
+std::string SystemErrorText(unsigned long code) {
+    wchar_t buffer[512];
+    const DWORD length = FormatMessageW(
+        FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK, nullptr,
+        code, 0, buffer, 512, nullptr);
+    std::wstring_view text(buffer, length);
+    while (!text.empty() && (text.back() == L' ' || text.back() == L'.')) {
+        text.remove_suffix(1);
+    }
+    return text.empty() ? "System error" : Utf8FromWide(text);
+}
+
+std::string Printable(std::string_view text) {
+    std::string printable(text);
+    std::replace_if(
+        printable.begin(), printable.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    return printable;
+}
+
+}  // namespace kesto
