@@ -61,13 +61,17 @@ alone() {
   echo "${0##*/}" >"$top/build/lock"
 }
 
-build() { # PRESET [TARGET...]
-  local folder=$top/build/$1
-  step "configuring $folder"
+configure() { # PRESET
+  step "configuring build/$1"
   run cmake -S "$top" --preset "$1" >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log" >&2 && return 1; }
-  step "building $folder"
+}
+
+build() { # PRESET [TARGET...]
+  local preset=$1
   shift
-  run cmake --build "$folder" ${1:+--target "$@"} >&2
+  configure "$preset"
+  step "building build/$preset"
+  run cmake --build "$top/build/$preset" ${1:+--target "$@"} >&2
 }
 
 # Readies the prefix build/wine/NAME, for the first NAME as the one in which programs run, and keeps a server
