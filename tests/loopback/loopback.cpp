@@ -19,23 +19,21 @@ SOCKET OwnSocket() {
     return made;
 }
 
+void SetNonBlocking(SOCKET socket) {
+    u_long on = 1;
+    ioctlsocket(socket, FIONBIO, &on);
+}
+
 }  // namespace
 
-sockaddr_in LoopbackAddress(uint16_t port) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
+Wire::Wire(SOCKET connected, WireWatch* watch) : socket_(connected), watch_(watch) {
+    SetNonBlocking(socket_);
+    const BOOL at_once = TRUE;  // pieces go out as pieces
+    setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&at_once), sizeof at_once);
 }
 
-Wire::Wire(SOCKET connected) : socket_(connected) {
-    const DWORD limit = static_cast<DWORD>(kTestLimit.count());
-    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&limit), sizeof limit);
-    setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&limit), sizeof limit);
-}
-
-Wire::Wire(Wire&& other) noexcept : socket_(std::exchange(other.socket_, INVALID_SOCKET)) {}
+Wire::Wire(Wire&& other) noexcept
+    : socket_(std::exchange(other.socket_, INVALID_SOCKET)), watch_(other.watch_) {}
 
 Wire::~Wire() {
     if (socket_ != INVALID_SOCKET) {
@@ -43,9 +41,25 @@ Wire::~Wire() {
     }
 }
 
+// The result of `call` once it no longer would block; -1 on failure, -2 when cut or past the limit.
+template <class Call>
+int Wire::WhenReady(Call call) {
+    const auto until = std::chrono::steady_clock::now() + kTestLimit;
+    while (watch_ != nullptr ? !watch_->cut : std::chrono::steady_clock::now() < until) {
+        const int result = call();
+        if (result >= 0 || WSAGetLastError() != WSAEWOULDBLOCK) {
+            return result;
+        }
+        Sleep(1);
+    }
+    return -2;
+}
+
 bool Wire::Send(std::string_view bytes) {
     while (!bytes.empty()) {
-        const int sent = send(socket_, bytes.data(), static_cast<int>(bytes.size()), 0);
+        const int sent = WhenReady([&] {
+            return send(socket_, bytes.data(), static_cast<int>(std::min<size_t>(bytes.size(), 1 << 20)), 0);
+        });
         if (sent <= 0) {
             return false;
         }
@@ -54,30 +68,45 @@ bool Wire::Send(std::string_view bytes) {
     return true;
 }
 
-std::string Wire::Receive(size_t size) {
-    std::string bytes(size, '\0');
-    size_t got = 0;
-    while (got < size) {
-        const int n =
-            recv(socket_, bytes.data() + got, static_cast<int>(std::min<size_t>(size - got, 1 << 20)), 0);
-        if (n <= 0) {
-            break;
+// Not one byte more than wanted, so that a script that ends early ends at the very byte it means.
+int Wire::ReceiveSome(std::string& bytes, size_t most) {
+    char piece[65536];
+    const int got =
+        WhenReady([&] { return recv(socket_, piece, static_cast<int>(std::min(most, sizeof piece)), 0); });
+    if (got > 0) {
+        bytes.append(piece, static_cast<size_t>(got));
+        if (watch_ != nullptr) {
+            watch_->bytes += static_cast<size_t>(got);
+            const std::lock_guard lock(watch_->guard);
+            if (watch_->keeps_raw) {
+                watch_->raw.append(piece, static_cast<size_t>(got));
+            }
         }
-        got += static_cast<size_t>(n);
     }
-    bytes.resize(got);
+    return got;
+}
+
+std::string Wire::Receive(size_t size) {
+    std::string bytes;
+    while (bytes.size() < size && ReceiveSome(bytes, size - bytes.size()) > 0) {
+    }
     return bytes;
 }
 
 Wire::Rest Wire::ReceiveRest() {
     Rest rest = {"", false};
-    char piece[4096];
-    int n = 0;
-    while ((n = recv(socket_, piece, sizeof piece, 0)) > 0) {
-        rest.bytes.append(piece, static_cast<size_t>(n));
+    int got = 0;
+    while ((got = ReceiveSome(rest.bytes, SIZE_MAX)) > 0) {
     }
-    rest.ended = n == 0 || WSAGetLastError() != WSAETIMEDOUT;
+    rest.ended = got != -2;
     return rest;
+}
+
+void Wire::Hold() {
+    WhenReady([] {
+        WSASetLastError(WSAEWOULDBLOCK);
+        return -1;
+    });
 }
 
 void Wire::FinishSending() {
@@ -88,6 +117,14 @@ void Wire::Reset() {
     const linger hard = {1, 0};
     setsockopt(socket_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&hard), sizeof hard);
     closesocket(std::exchange(socket_, INVALID_SOCKET));
+}
+
+sockaddr_in LoopbackAddress(uint16_t port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
 }
 
 SOCKET BindToLoopback(uint16_t& port) {
@@ -123,6 +160,25 @@ SOCKET ConnectToLoopback(uint16_t port) {
     }
     closesocket(client);
     return INVALID_SOCKET;
+}
+
+UnansweredPort::UnansweredPort() {
+    sockets_[0] = BindToLoopback(port_);
+    listen(sockets_[0], 1);
+    const sockaddr_in address = LoopbackAddress(port_);
+    for (SOCKET& queued : sockets_) {
+        if (&queued != sockets_) {
+            queued = OwnSocket();
+            SetNonBlocking(queued);
+            connect(queued, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        }
+    }
+}
+
+UnansweredPort::~UnansweredPort() {
+    for (const SOCKET each : sockets_) {
+        closesocket(each);
+    }
 }
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {

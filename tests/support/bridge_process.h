@@ -1,51 +1,41 @@
-// A real kestoav.exe in a folder of its own, and what clients say to it.
+// A real kestoav.exe that the test itself runs, beside its bridge.ini and in no plug-in's folder. It runs
+// under another name, so that no plug-in of a test beside this one takes it for its engine; for the road
+// through the plug-in see Installation::PlaceBridge.
 #pragma once
 
-#include <windows.h>
-
+#include <memory>
 #include <string>
-#include <vector>
 
-#include "tests/loopback/loopback.h"
-#include "tests/support/fake_engine.h"
+#include "tests/support/installation.h"
+#include "tests/support/scripted_engine.h"
 
 namespace kesto {
 
 class BridgeProcess {
  public:
-    // Starts it on a free port, from another working folder, with these upstreams and further ini lines.
-    // A log file is present.
-    explicit BridgeProcess(const std::string& upstreams, const std::string& more_settings = "");
-    // Starts it with exactly this ini text and does not wait for it to listen.
+    // Starts it on a free port with these upstreams and further ini lines, and waits until it listens.
+    explicit BridgeProcess(const std::string& upstreams, const std::string& more_lines = "");
+    // Starts it with exactly this ini text and does not wait: for settings that it refuses.
     static BridgeProcess WithIni(const std::string& ini);
-    ~BridgeProcess();
 
     uint16_t Port() const { return port_; }
+    const std::filesystem::path& Folder() const { return home_->engine_folder; }
+    std::string Log() const;  // with bare line feeds
+    void WriteIni(const std::string& ini) const { WriteFile(Folder() / "bridge.ini", ini); }
+    const ProgramRun& Run() const { return *run_; }  // console events, exit status, standard error
+    void Restart();                                  // ends it hard and starts it anew
     bool WaitUntilListening() const;
-    void PressCtrlBreak() const;
-    DWORD WaitForExit() const;  // its exit code, or STILL_ACTIVE after the limit
-    std::string Log() const;
-    std::string ErrorOutput() const;
+
+    // The reply to a scan of `data`, shifted as the plug-in does, with its NUL; empty for none.
+    std::string Scan(const std::string& data) const { return Ask(port_, ScanRequestOf(data)); }
+    std::string Command(const char* command) const { return Ask(port_, WithNul(command)); }
 
  private:
     BridgeProcess() = default;
-    void Start(const std::string& ini);
 
+    std::unique_ptr<Installation> home_ = std::make_unique<Installation>(L"bridge");
     uint16_t port_ = 0;
-    std::string folder_;
-    PROCESS_INFORMATION process_ = {};
+    std::unique_ptr<ProgramRun> run_;
 };
-
-// The stream of a scan: the data in chunks, each with its length, and the zero length. Data is not shifted.
-std::string ChunkStreamOf(const std::string& data, size_t chunk_size = 8192);
-std::string ShiftedDown(std::string data);
-
-// Sends bytes on a new connection and returns all that comes back until the end; "(no end)" is added when
-// the connection stays open past the limit.
-std::string Ask(uint16_t port, const std::string& bytes);
-
-std::string Scan(uint16_t port, const std::string& data);  // with the data shifted as the plug-in does
-std::string Stats(uint16_t port);
-unsigned StatsValue(uint16_t port, const std::string& name);
 
 }  // namespace kesto
