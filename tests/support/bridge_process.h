@@ -3,7 +3,9 @@
 // through the plug-in see Installation::PlaceBridge.
 #pragma once
 
-#include <memory>
+#include <gtest/gtest.h>
+
+#include <optional>
 #include <string>
 
 #include "tests/support/installation.h"
@@ -11,31 +13,41 @@
 
 namespace kesto {
 
-class BridgeProcess {
- public:
+struct BridgeProcess {
     // Starts it on a free port with these upstreams and further ini lines, and waits until it listens.
-    explicit BridgeProcess(const std::string& upstreams, const std::string& more_lines = "");
+    explicit BridgeProcess(const std::string& upstreams, const std::string& more_lines = "")
+        : port(home.PlaceBridge(upstreams, more_lines, kProgram)) {
+        Restart();
+        EXPECT_TRUE(WaitUntilListening()) << run->Err();
+    }
     // Starts it with exactly this ini text and does not wait: for settings that it refuses.
-    static BridgeProcess WithIni(const std::string& ini);
+    struct Ini {
+        std::string text;
+    };
+    explicit BridgeProcess(const Ini& ini) : port(home.PlaceBridge("", "", kProgram)) {
+        WriteIni(ini.text);
+        Restart();
+    }
 
-    uint16_t Port() const { return port_; }
-    const std::filesystem::path& Folder() const { return home_->engine_folder; }
-    std::string Log() const;  // with bare line feeds
-    void WriteIni(const std::string& ini) const { WriteFile(Folder() / "bridge.ini", ini); }
-    const ProgramRun& Run() const { return *run_; }  // console events, exit status, standard error
-    void Restart();                                  // ends it hard and starts it anew
-    bool WaitUntilListening() const;
-
+    void WriteIni(const std::string& text) const { WriteFile(home.engine_folder / "bridge.ini", text); }
+    // Ends it hard, if it runs, and starts it anew.
+    void Restart() {
+        run.reset();
+        run.emplace(home.engine_folder / kProgram);
+    }
+    bool WaitUntilListening() const {
+        return WaitFor([this] { return !run->Running() || !Command("zSTATS").empty(); }) && run->Running();
+    }
+    // bridge.log, with bare line feeds.
+    std::string Log() const { return ReadText(home.engine_folder / "bridge.log"); }
     // The reply to a scan of `data`, shifted as the plug-in does, with its NUL; empty for none.
-    std::string Scan(const std::string& data) const { return Ask(port_, ScanRequestOf(data)); }
-    std::string Command(const char* command) const { return Ask(port_, WithNul(command)); }
+    std::string Scan(const std::string& data) const { return Ask(port, ScanRequestOf(data)); }
+    std::string Command(const char* command) const { return Ask(port, WithNul(command)); }
 
- private:
-    BridgeProcess() = default;
-
-    std::unique_ptr<Installation> home_ = std::make_unique<Installation>(L"bridge");
-    uint16_t port_ = 0;
-    std::unique_ptr<ProgramRun> run_;
+    static constexpr char kProgram[] = "bridge_alone.exe";
+    Installation home{L"bridge"};
+    uint16_t port;
+    std::optional<ProgramRun> run;  // console events, exit status, standard error
 };
 
 }  // namespace kesto

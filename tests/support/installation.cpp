@@ -1,17 +1,16 @@
 #include "tests/support/installation.h"
 
-#include <tlhelp32.h>
+#include <psapi.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 
 namespace kesto {
 namespace {
-
-constexpr DWORD kEndMs = 10'000;
 
 // What is started here, and by what is started here, ends with this process, however that ends.
 [[maybe_unused]] const bool g_children_end_with_us = [] {
@@ -23,26 +22,33 @@ constexpr DWORD kEndMs = 10'000;
 }();
 
 std::filesystem::path NewFolder() {
-    static int folders = 0;
-    return std::filesystem::temp_directory_path() /
-           ("kesto" + std::to_string(GetCurrentProcessId()) + "." + std::to_string(++folders));
+    std::filesystem::path folder;
+    for (int number = 1; folder.empty() || !std::filesystem::create_directory(folder); ++number) {
+        folder = std::filesystem::temp_directory_path() /
+                 ("kesto" + std::to_string(GetCurrentProcessId()) + "." + std::to_string(number));
+    }
+    return folder;
 }
 
-std::vector<PROCESSENTRY32W> AllProcesses() {
-    std::vector<PROCESSENTRY32W> all;
-    const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    PROCESSENTRY32W entry = {};
-    entry.dwSize = sizeof entry;
-    for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry)) {
-        all.push_back(entry);
+// The paths of all processes' programs that this one can tell, with their IDs.
+std::vector<std::pair<DWORD, std::filesystem::path>> AllPrograms() {
+    std::vector<std::pair<DWORD, std::filesystem::path>> all;
+    DWORD ids[4096], bytes = 0;
+    EnumProcesses(ids, sizeof ids, &bytes);
+    for (const DWORD id : std::span(ids, bytes / sizeof *ids)) {
+        const HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id);
+        wchar_t path[MAX_PATH] = L"";
+        DWORD size = MAX_PATH;
+        QueryFullProcessImageNameW(process, 0, path, &size);
+        CloseHandle(process);
+        all.emplace_back(id, path);
     }
-    CloseHandle(snapshot);
     return all;
 }
 
 void End(HANDLE process) {
     TerminateProcess(process, 1);
-    WaitForSingleObject(process, kEndMs);
+    WaitForSingleObject(process, static_cast<DWORD>(kTestLimit.count()));
     CloseHandle(process);
 }
 
@@ -55,9 +61,9 @@ std::filesystem::path Beside(std::filesystem::path program, const char* ending) 
 
 std::vector<DWORD> ProcessesNamed(const char* name) {
     std::vector<DWORD> found;
-    for (const PROCESSENTRY32W& each : AllProcesses()) {
-        if (_wcsicmp(each.szExeFile, std::filesystem::path(name).c_str()) == 0) {
-            found.push_back(each.th32ProcessID);
+    for (const auto& [id, program] : AllPrograms()) {
+        if (_wcsicmp(program.filename().c_str(), std::filesystem::path(name).c_str()) == 0) {
+            found.push_back(id);
         }
     }
     return found;
@@ -84,16 +90,9 @@ Installation::~Installation() {
 }
 
 void Installation::EndPrograms() const {
-    for (const PROCESSENTRY32W& each : AllProcesses()) {
-        const HANDLE process = OpenProcess(
-            PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE | SYNCHRONIZE, FALSE, each.th32ProcessID);
-        wchar_t path[MAX_PATH] = L"";
-        DWORD size = MAX_PATH;
-        QueryFullProcessImageNameW(process, 0, path, &size);
-        if (std::wstring(path).starts_with(top.wstring() + L"\\")) {
-            End(process);
-        } else {
-            CloseHandle(process);
+    for (const auto& [id, program] : AllPrograms()) {
+        if (program.wstring().starts_with(top.wstring() + L"\\")) {
+            End(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id));
         }
     }
 }
@@ -103,16 +102,12 @@ void Installation::WriteSettings(std::string_view lines) const {
 }
 
 std::vector<std::string> Installation::LogMessages() const {
-    std::istringstream lines(ReadFile(log));
+    std::istringstream lines(ReadText(log));
     std::vector<std::string> messages;
     for (std::string line; std::getline(lines, line) && !lines.eof();) {
-        if (line.ends_with('\r')) {
-            line.pop_back();
-        }
-        int year, rest[5], stamp = 0;
-        if (sscanf(line.c_str(), "%4d/%2d/%2d %2d:%2d:%2d: %n", &year, &rest[0], &rest[1], &rest[2], &rest[3],
-                   &rest[4], &stamp) == 6 &&
-            stamp > 0) {
+        int stamp = 0;
+        sscanf(line.c_str(), "%*4d/%*2d/%*2d %*2d:%*2d:%*2d: %n", &stamp);
+        if (stamp > 0) {
             messages.push_back(line.substr(static_cast<size_t>(stamp)));
         } else if (!messages.empty()) {
             messages.back() += '\n' + line;
@@ -136,11 +131,13 @@ void Installation::PlaceStandIn(const std::filesystem::path& program, const std:
     CopyFileW((BuiltFolder() / "tests" / "engine_child.exe").c_str(), program.c_str(), TRUE);
 }
 
-uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::string& more_lines) const {
+uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::string& more_lines,
+                                   const char* program) const {
     const uint16_t port = FreePort();
     WriteFile(engine_folder / "bridge.ini", "[bridge]\r\nlisten=127.0.0.1:" + std::to_string(port) +
                                                 "\r\nupstreams=" + upstreams + "\r\n" + more_lines + "\r\n");
-    CopyFileW((BuiltFolder() / "kestoav.exe").c_str(), engine.c_str(), FALSE);
+    WriteFile(engine_folder / "bridge.log", "");
+    CopyFileW((BuiltFolder() / "kestoav.exe").c_str(), (engine_folder / program).c_str(), FALSE);
     return port;
 }
 
@@ -161,10 +158,12 @@ void Installation::StartStandIn(const std::filesystem::path& program) {
 std::vector<ProgramStart> Installation::Starts(const std::filesystem::path& program) const {
     std::istringstream lines(ReadFile(Beside(program, ".started")));
     std::vector<ProgramStart> starts;
-    std::string id, folder_text, command_line, show_state;
-    while (std::getline(lines, id, '\t') && std::getline(lines, folder_text, '\t') &&
-           std::getline(lines, command_line, '\t') && std::getline(lines, show_state) && !lines.eof()) {
-        starts.push_back({std::stoul(id), folder_text, command_line, show_state});
+    ProgramStart start = {};
+    for (std::string id; std::getline(lines, id, '\t') && std::getline(lines, start.folder, '\t') &&
+                         std::getline(lines, start.command_line, '\t') &&
+                         std::getline(lines, start.show_state) && !lines.eof();) {
+        start.process_id = std::stoul(id);
+        starts.push_back(start);
     }
     return starts;
 }

@@ -57,8 +57,10 @@ class Installation {
     // (others have only these to its process), "engine PORT SCRIPT" (a ScriptedEngine, see ScriptNamed).
     // A program that is there already takes up the new role at its next start.
     void PlaceStandIn(const std::filesystem::path& program, const std::string& role) const;
-    // Puts the real bridge there as the engine, with a bridge.ini of a free port, which is returned.
-    uint16_t PlaceBridge(const std::string& upstreams, const std::string& more_lines = "") const;
+    // Puts the real bridge there as the engine, with an empty bridge.log and a bridge.ini of a free port,
+    // which is returned.
+    uint16_t PlaceBridge(const std::string& upstreams, const std::string& more_lines = "",
+                         const char* program = "kestoav.exe") const;
     // Starts a stand-in from the test itself and waits until it has taken up its role.
     void StartStandIn(const std::filesystem::path& program);
     std::vector<ProgramStart> Starts(const std::filesystem::path& program) const;

@@ -11,6 +11,7 @@ namespace kesto {
 // Where the programs were built: kestoscan.exe, CLAMDLL.dll, kestoav.exe, tests\engine_child.exe.
 std::filesystem::path BuiltFolder();
 std::string ReadFile(const std::filesystem::path& path);  // empty when there is none
+std::string ReadText(const std::filesystem::path& path);  // with bare line feeds
 void WriteFile(const std::filesystem::path& path, std::string_view content);
 
 struct RunResult {

@@ -1,7 +1,6 @@
 #include "tests/support/scripted_engine.h"
 
 #include <algorithm>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -10,114 +9,146 @@
 namespace kesto {
 namespace {
 
-uint32_t ReadLength(std::string_view four_bytes) {
-    uint32_t length = 0;
-    for (const char c : four_bytes) {
-        length = length << 8 | static_cast<unsigned char>(c);
-    }
-    return length;
+void SetNonBlocking(SOCKET socket) {
+    u_long on = 1;
+    ioctlsocket(socket, FIONBIO, &on);
 }
 
-EngineRequest Parse(const std::string& raw) {
-    EngineRequest request;
-    request.raw = raw;
-    size_t at = raw.find('\0');
-    request.command = raw.substr(0, at);
-    if (at == std::string::npos || request.command != "zINSTREAM") {
-        request.whole = at != std::string::npos;
-        return request;
+// Takes in what has newly arrived.
+void Parse(EngineRequest& it) {
+    if (const size_t end = it.raw.find('\0'); it.parsed == 0 && end != std::string::npos) {
+        it.command = it.raw.substr(0, end);
+        it.parsed = end + 1;
+        it.whole = it.command != "zINSTREAM";
     }
-    for (++at; raw.size() - at >= 4; at += request.chunk_lengths.back()) {
-        const uint32_t length = ReadLength({raw.data() + at, 4});
-        at += 4;
-        if (length == 0) {
-            request.whole = true;
-            return request;
+    while (it.parsed > 0 && !it.whole && it.raw.size() - it.parsed >= 4) {
+        uint32_t length = 0;
+        std::copy_n(it.raw.data() + it.parsed, 4, reinterpret_cast<char*>(&length));
+        length = ntohl(length);
+        if (it.raw.size() - it.parsed - 4 < length) {
+            return;
         }
-        if (raw.size() - at < length) {
-            return request;
+        it.data.append(it.raw, it.parsed + 4, length);
+        it.parsed += 4 + size_t{length};
+        it.whole = length == 0;
+        if (!it.whole) {
+            it.chunk_lengths.push_back(length);
         }
-        request.chunk_lengths.push_back(length);
-        request.data.append(raw, at, length);
     }
-    return request;
 }
 
 }  // namespace
 
-std::string ReceiveCommand(Wire& wire) {
-    std::string command;
-    for (std::string c = wire.Receive(1); !c.empty() && c[0] != '\0'; c = wire.Receive(1)) {
-        command += c;
-    }
-    return command;
+Wire::Wire(SOCKET connected, Script* script) : socket_(connected), script_(script) {
+    SetNonBlocking(socket_);
+    const BOOL at_once = TRUE;  // pieces go out as pieces
+    setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&at_once), sizeof at_once);
 }
 
-std::optional<std::string> ReceiveStream(Wire& wire) {
-    std::string data;
-    while (true) {
-        const std::string length = wire.Receive(4);
-        const uint32_t size = ReadLength(length);
-        const std::string chunk = wire.Receive(size);
-        if (length.size() < 4 || chunk.size() < size) {
-            return std::nullopt;
+// The result of `call` once it no longer would block; -1 on failure, -2 when cut or past the limit.
+template <class Call>
+int Wire::WhenReady(Call call) {
+    const auto until = std::chrono::steady_clock::now() + kTestLimit;
+    while (script_ != nullptr ? !script_->cut : std::chrono::steady_clock::now() < until) {
+        const int result = call();
+        if (result >= 0 || WSAGetLastError() != WSAEWOULDBLOCK) {
+            return result;
         }
-        if (size == 0) {
-            return data;
+        Sleep(1);
+    }
+    return -2;
+}
+
+bool Wire::Send(std::string_view bytes) {
+    for (int sent = 0; !bytes.empty(); bytes.remove_prefix(static_cast<size_t>(sent))) {
+        const int most = static_cast<int>(std::min<size_t>(bytes.size(), 1 << 20));
+        sent = WhenReady([&] { return send(socket_, bytes.data(), most, 0); });
+        if (sent <= 0) {
+            return false;
         }
-        data += chunk;
     }
+    return true;
 }
 
-std::string ReceiveRequest(Wire& wire) {
-    std::string command = ReceiveCommand(wire);
-    if (command == "zINSTREAM") {
-        ReceiveStream(wire);
+// Not one byte more than wanted, so that a script that ends early ends at the very byte it means.
+bool Wire::ReceiveSome(std::string& bytes, size_t most) {
+    char piece[65536];
+    const int size = static_cast<int>(std::min(most, sizeof piece));
+    const int got = WhenReady([&] { return recv(socket_, piece, size, 0); });
+    ended_ = got == 0 || got == -1;
+    if (got > 0) {
+        bytes.append(piece, static_cast<size_t>(got));
+        if (script_ != nullptr) {
+            const std::lock_guard lock(script_->guard);
+            script_->request.raw.append(piece, static_cast<size_t>(got));
+            Parse(script_->request);
+        }
     }
-    return command;
+    return got > 0;
 }
 
-void ReplyAndHangUp(Wire& wire, std::string_view text) {
-    wire.Send(WithNul(text));
-    wire.FinishSending();
-    wire.ReceiveRest();
+std::string Wire::Receive(size_t size) {
+    std::string bytes;
+    while (bytes.size() < size && ReceiveSome(bytes, size - bytes.size())) {
+    }
+    return bytes;
 }
 
-EngineScript Replying(std::string text) {
-    return ReplyingBytes(std::move(text) + '\0');
+const EngineRequest& Wire::ReceiveRequest() {
+    std::string bytes;
+    while (!script_->request.whole && ReceiveSome(bytes, SIZE_MAX)) {
+    }
+    return script_->request;
 }
 
-EngineScript ReplyingBytes(std::string bytes, size_t piece, bool resets) {
+void Wire::ReplyAndHangUp(std::string_view text) {
+    Send(WithNul(text));
+    FinishSending();
+    Receive();
+}
+
+void Wire::Hold() {
+    WhenReady([] {
+        WSASetLastError(WSAEWOULDBLOCK);
+        return -1;
+    });
+}
+
+void Wire::Reset() {
+    const linger hard = {1, 0};
+    setsockopt(socket_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&hard), sizeof hard);
+    closesocket(std::exchange(socket_, INVALID_SOCKET));
+}
+
+EngineScript ReplyingBytes(std::string bytes, Then then, size_t piece) {
     return [=](Wire& wire) {
-        ReceiveRequest(wire);
+        wire.ReceiveRequest();
         for (size_t sent = 0; sent < bytes.size(); sent += std::min(piece, bytes.size() - sent)) {
             wire.Send(std::string_view(bytes).substr(sent, piece));
         }
-        if (resets) {
+        if (then == Then::kHangsUp) {
+            wire.FinishSending();
+        } else if (then == Then::kResets) {
             wire.Reset();
-            return;
         }
-        wire.FinishSending();
-        wire.ReceiveRest();
+        wire.Receive();
     };
 }
 
-EngineScript DyingAfter(size_t bytes) {
-    return [=](Wire& wire) { wire.Receive(bytes); };
-}
-
-EngineScript ResettingAfter(size_t bytes) {
-    return [=](Wire& wire) {
-        wire.Receive(bytes);
-        wire.Reset();
-    };
+EngineScript Replying(std::string_view text) {
+    return ReplyingBytes(WithNul(text));
 }
 
 EngineScript Silent(std::string beginning) {
+    return ReplyingBytes(std::move(beginning), Then::kHolds);
+}
+
+EngineScript DyingAfter(size_t bytes, bool resets) {
     return [=](Wire& wire) {
-        ReceiveRequest(wire);
-        wire.Send(beginning);
-        wire.ReceiveRest();
+        wire.Receive(bytes);
+        if (resets) {
+            wire.Reset();
+        }
     };
 }
 
@@ -127,7 +158,7 @@ EngineScript Deaf() {
 
 EngineScript Endless(std::string beginning) {
     return [=](Wire& wire) {
-        ReceiveRequest(wire);
+        wire.ReceiveRequest();
         for (std::string next = beginning; wire.Send(next); next.assign(65536, 'x')) {
         }
     };
@@ -135,46 +166,34 @@ EngineScript Endless(std::string beginning) {
 
 EngineScript Realistic(ClamdTraits traits) {
     return [=](Wire& wire) {
-        const std::string command = ReceiveCommand(wire);
-        if (command == "zPING") {
-            ReplyAndHangUp(wire, "PONG");
-        } else if (command == "zVERSION") {
-            ReplyAndHangUp(wire, traits.version);
-        } else if (auto data = command == "zINSTREAM" ? ReceiveStream(wire) : std::nullopt) {
-            for (char& c : *data) {
-                c = static_cast<char>(c + (traits.shifted ? 1 : 0));
-            }
-            const auto holds = [&](const char* word) { return data->find(word) != std::string::npos; };
-            const bool infected = traits.signatures && (*data == EicarTestString() || holds("VIRUS"));
-            ReplyAndHangUp(wire, holds("GARBLE") ? "what?"
-                                 : infected      ? "stream: Test.Virus FOUND"
-                                                 : "stream: OK");
+        const EngineRequest& request = wire.ReceiveRequest();
+        const std::string data = traits.shifted ? ShiftedDown(request.data, -1) : request.data;
+        const auto holds = [&](const char* word) { return data.find(word) != std::string::npos; };
+        const bool infected = traits.signatures && (data == EicarTestString() || holds("VIRUS"));
+        if (request.whole) {
+            wire.ReplyAndHangUp(request.command == "zPING"       ? "PONG"
+                                : request.command == "zVERSION"  ? traits.version
+                                : request.command != "zINSTREAM" ? "UNKNOWN COMMAND"
+                                : holds("GARBLE")                ? "what?"
+                                : infected                       ? "stream: Test.Virus FOUND"
+                                                                 : "stream: OK");
         }
     };
 }
 
 EngineScript ScriptNamed(const std::string& words) {
-    std::istringstream stream(words);
-    std::string name, rest;
-    std::getline(stream >> name >> std::ws, rest);
-    const size_t number = strtoul(rest.c_str(), nullptr, 10);
-    return name == "die"         ? DyingAfter(number)
-           : name == "reset"     ? ResettingAfter(number)
-           : name == "silent"    ? Silent()
-           : name == "deaf"      ? Deaf()
-           : name == "endless"   ? Endless("stream: ")
-           : name == "realistic" ? Realistic()
-           : name == "shifted"   ? Realistic({.shifted = true})
-                                 : Replying(rest);
+    return words == "silent"           ? Silent()
+           : words == "deaf"           ? Deaf()
+           : words == "endless"        ? Endless("stream: ")
+           : words.starts_with("die ") ? DyingAfter(std::stoul(words.substr(4)))
+           : words == "realistic"      ? Realistic()
+           : words == "shifted"        ? Realistic({.shifted = true})
+                                       : Replying(words);
 }
 
 ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port, bool keeps_requests)
     : script_(std::move(script)), port_(port), keeps_requests_(keeps_requests) {
     Revive();
-}
-
-ScriptedEngine::~ScriptedEngine() {
-    Kill();
 }
 
 void ScriptedEngine::Play(EngineScript script) {
@@ -187,91 +206,85 @@ void ScriptedEngine::Revive() {
     if (listener == INVALID_SOCKET) {
         throw std::runtime_error("port " + std::to_string(port_) + " is taken");
     }
+    SetNonBlocking(listener);
     killed_ = false;
     accepting_ = std::thread([this, listener] { Accept(listener); });
 }
 
 void ScriptedEngine::Kill() {
-    if (killed_.exchange(true)) {
-        return;
-    }
-    accepting_.join();
-    for (Connection& each : connections_) {
-        each.watch.cut = true;
-    }
-    for (Connection& each : connections_) {
-        if (each.thread.joinable()) {
-            each.thread.join();
+    if (!killed_.exchange(true)) {
+        accepting_.join();
+        for (Connection& each : connections_) {
+            if (each.thread.joinable()) {
+                each.thread.join();
+            }
         }
     }
 }
 
 void ScriptedEngine::Accept(SOCKET listener) {
-    u_long on = 1;
-    ioctlsocket(listener, FIONBIO, &on);
-    while (!killed_) {
-        const SOCKET accepted = accept(listener, nullptr, nullptr);
-        if (accepted == INVALID_SOCKET) {
-            Sleep(1);
-            continue;
-        }
-        SetHandleInformation(reinterpret_cast<HANDLE>(accepted), HANDLE_FLAG_INHERIT, 0);
-        const std::lock_guard lock(guard_);
-        WireWatch& watch = connections_.emplace_back().watch;
-        watch.keeps_raw = keeps_requests_;
-        ++accepted_;
-        connections_.back().thread = std::thread([this, accepted, &watch, script = script_] {
-            {
-                Wire wire(accepted, &watch);
-                script(wire);
-                if (watch.cut) {
-                    wire.Reset();
+    for (; !killed_; Sleep(1)) {
+        SOCKET accepted = INVALID_SOCKET;
+        while ((accepted = accept(listener, nullptr, nullptr)) != INVALID_SOCKET) {
+            SetHandleInformation(reinterpret_cast<HANDLE>(accepted), HANDLE_FLAG_INHERIT, 0);
+            const std::lock_guard lock(guard_);
+            Connection& it = connections_.emplace_back(killed_);
+            ++accepted_;
+            it.thread = std::thread([this, &it, accepted, play = script_] {
+                {
+                    Wire wire(accepted, &it);
+                    play(wire);
+                    if (killed_) {
+                        wire.Reset();
+                    }
                 }
-            }
-            ++ended_;
-        });
+                if (!keeps_requests_) {
+                    it.request = {};
+                }
+                ++ended_;
+            });
+        }
     }
     closesocket(listener);
-}
-
-size_t ScriptedEngine::BytesReceived() const {
-    const std::lock_guard lock(guard_);
-    size_t bytes = 0;
-    for (const Connection& each : connections_) {
-        bytes += each.watch.bytes;
-    }
-    return bytes;
 }
 
 std::vector<EngineRequest> ScriptedEngine::Requests() const {
     const std::lock_guard lock(guard_);
     std::vector<EngineRequest> requests;
     for (const Connection& each : connections_) {
-        const std::lock_guard raw_lock(each.watch.guard);
-        requests.push_back(Parse(each.watch.raw));
+        const std::lock_guard of_request(each.guard);
+        requests.push_back(each.request);
     }
     return requests;
+}
+
+size_t ScriptedEngine::BytesReceived() const {
+    const std::lock_guard lock(guard_);
+    size_t bytes = 0;
+    for (const Connection& each : connections_) {
+        const std::lock_guard of_request(each.guard);
+        bytes += each.request.raw.size();
+    }
+    return bytes;
 }
 
 std::string WithNul(std::string_view text) {
     return std::string(text) + '\0';
 }
 
-std::string ShiftedDown(std::string data) {
+std::string ShiftedDown(std::string data, int by) {
     for (char& c : data) {
-        c = static_cast<char>(c - 1);
+        c = static_cast<char>(c - by);
     }
     return data;
 }
 
 std::string ChunkStreamOf(std::string_view data, size_t chunk_size) {
     std::string stream;
-    for (size_t at = 0; at < data.size(); at += chunk_size) {
-        const size_t size = std::min(chunk_size, data.size() - at);
-        for (int shift = 24; shift >= 0; shift -= 8) {
-            stream += static_cast<char>(size >> shift & 0xFF);
-        }
-        stream.append(data, at, size);
+    for (; !data.empty(); data.remove_prefix(std::min(chunk_size, data.size()))) {
+        const std::string_view chunk = data.substr(0, chunk_size);
+        const uint32_t length = htonl(static_cast<uint32_t>(chunk.size()));
+        stream.append(reinterpret_cast<const char*>(&length), 4).append(chunk);
     }
     return stream + std::string(4, '\0');
 }
@@ -283,8 +296,8 @@ std::string ScanRequestOf(const std::string& data, bool shifted) {
 std::string Ask(uint16_t port, const std::string& bytes) {
     Wire wire(ConnectToLoopback(port));
     wire.Send(bytes);
-    const auto [reply, ended] = wire.ReceiveRest();
-    return ended ? reply : reply + "(no end)";
+    const std::string reply = wire.Receive();
+    return wire.Ended() ? reply : reply + "(no end)";
 }
 
 }  // namespace kesto

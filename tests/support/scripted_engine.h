@@ -10,30 +10,76 @@
 #include <functional>
 #include <list>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/loopback/loopback.h"
 
 namespace kesto {
 
+// One connection as the engine saw it.
+struct EngineRequest {
+    std::string raw;                      // every byte that came, also behind the request
+    std::string command;                  // without its NUL
+    std::vector<uint32_t> chunk_lengths;  // without the zero at the end
+    std::string data;                     // of the chunks, whole ones only
+    bool whole = false;                   // the command with its NUL, of a scan the stream to its end
+    size_t parsed = 0;                    // bytes of `raw` that the fields above hold
+};
+
+// A connection, of a script or of a client; closed with the object. Calls after the other side has gone are
+// harmless. Everything waits by polling: Wine keeps the sockets of a process that is ended while it waits on
+// them, and an engine must be fit to be ended at any moment. A client waits kTestLimit at most; a script's
+// waits end with its engine.
+class Wire {
+ public:
+    struct Script {  // what a script's connection shares with its engine
+        explicit Script(const std::atomic<bool>& engine_killed) : cut(engine_killed) {}
+        const std::atomic<bool>& cut;
+        mutable std::mutex guard;
+        EngineRequest request;
+    };
+    explicit Wire(SOCKET connected, Script* script = nullptr);
+    Wire(Wire&& other) noexcept : socket_(std::exchange(other.socket_, INVALID_SOCKET)) {}  // of clients
+    ~Wire() { closesocket(socket_); }
+
+    bool Send(std::string_view bytes);
+    // Exactly this many bytes, or fewer when the other side ended or the limit passed before.
+    std::string Receive(size_t size = SIZE_MAX);
+    bool Ended() const { return ended_; }  // whether Receive has seen the other side end
+    // For scripts: a whole request, or as much of one as came.
+    const EngineRequest& ReceiveRequest();
+    // For scripts: sends a text with its NUL, then waits for the client to close.
+    void ReplyAndHangUp(std::string_view text);
+    void Hold();  // neither reads nor writes until the end
+    void FinishSending() { shutdown(socket_, SD_SEND); }
+    void Reset();  // ends the connection the hard way
+
+ private:
+    template <class Call>
+    int WhenReady(Call call);
+    bool ReceiveSome(std::string& bytes, size_t most);
+
+    SOCKET socket_;
+    Script* script_ = nullptr;
+    bool ended_ = false;
+};
+
 // What an engine does with a connection, which is closed when it returns. Runs for each connection in a
-// thread of its own, so that what it shares with the test must be atomic. Its waits end with the engine.
+// thread of its own, so that what it shares with the test must be atomic.
 using EngineScript = std::function<void(Wire&)>;
 
-// Scripts. "Request" is a whole one: a command with its NUL and, for zINSTREAM, the stream to its zero
-// length.
-EngineScript Replying(std::string text);  // to each request with this and a NUL
-// To each request with exactly these bytes, in pieces of this size; then it hangs up, or resets.
-EngineScript ReplyingBytes(std::string bytes, size_t piece = SIZE_MAX, bool resets = false);
-EngineScript DyingAfter(size_t bytes);  // closes as soon as it has received so many
-EngineScript ResettingAfter(size_t bytes);
-EngineScript Silent(std::string beginning = "");  // reads everything, sends that after the request, no more
-EngineScript Deaf();                              // never reads
-EngineScript Endless(std::string beginning);      // the beginning and then x after x, without a NUL
+enum class Then { kHangsUp, kResets, kHolds };
+// To each request with exactly these bytes, in pieces of this size.
+EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp, size_t piece = SIZE_MAX);
+EngineScript Replying(std::string_view text);                // the same with a NUL behind it
+EngineScript Silent(std::string beginning = "");             // the same without an end
+EngineScript DyingAfter(size_t bytes, bool resets = false);  // as soon as it has received so many
+EngineScript Deaf();                                         // never reads
+EngineScript Endless(std::string beginning);  // the beginning and then x after x, without a NUL
 // As clamd does: PONG, its version, and to a scan FOUND when the data is the EICAR string or holds VIRUS,
 // "what?" when it holds GARBLE, else OK.
 struct ClamdTraits {
@@ -42,31 +88,16 @@ struct ClamdTraits {
     bool signatures = true;  // false: everything is clean
 };
 EngineScript Realistic(ClamdTraits traits = {});
-// For the engine program: "reply TEXT", "die BYTES", "reset BYTES", "silent", "deaf", "endless",
-// "realistic", "shifted" (realistic, and undoes the shift).
+// For the engine program: "silent", "deaf", "endless", "die BYTES", "realistic", "shifted" (realistic, and
+// undoes the shift); any other words are the reply.
 EngineScript ScriptNamed(const std::string& words);
-
-// Parts of scripts.
-std::string ReceiveCommand(Wire& wire);                  // without its NUL
-std::optional<std::string> ReceiveStream(Wire& wire);    // its data; none when it ended before its end
-std::string ReceiveRequest(Wire& wire);                  // command and stream; returns the command
-void ReplyAndHangUp(Wire& wire, std::string_view text);  // with a NUL; waits for the client to close
-
-// One connection as the engine saw it.
-struct EngineRequest {
-    std::string raw;                      // every byte that came, also behind the request
-    std::string command;                  // without its NUL
-    std::vector<uint32_t> chunk_lengths;  // without the zero at the end
-    std::string data;                     // of the chunks, whole ones only
-    bool whole = false;
-};
 
 class ScriptedEngine {
  public:
     // Listens on 127.0.0.1 at once; port 0 takes a free one. Throws when the port is taken.
     explicit ScriptedEngine(EngineScript script = Replying("stream: OK"), uint16_t port = 0,
                             bool keeps_requests = true);
-    ~ScriptedEngine();  // as Kill does
+    ~ScriptedEngine() { Kill(); }
     ScriptedEngine(const ScriptedEngine&) = delete;
     ScriptedEngine& operator=(const ScriptedEngine&) = delete;
 
@@ -77,14 +108,14 @@ class ScriptedEngine {
     void Kill();                     // refuses, and resets what is under way
     void Revive();                   // listens on the same port again
 
-    unsigned Accepted() const { return accepted_; }
-    unsigned Ended() const { return ended_; }     // connections whose script has returned
-    size_t BytesReceived() const;                 // over all connections
-    std::vector<EngineRequest> Requests() const;  // in the order in which they were accepted
+    unsigned Accepted() const { return accepted_; }  // connections so far
+    unsigned Ended() const { return ended_; }        // connections whose script has returned
+    size_t BytesReceived() const;                    // over all connections
+    std::vector<EngineRequest> Requests() const;     // in the order in which they were accepted
 
  private:
-    struct Connection {
-        WireWatch watch;
+    struct Connection : Wire::Script {
+        using Script::Script;
         std::thread thread;
     };
     void Accept(SOCKET listener);
@@ -102,7 +133,7 @@ class ScriptedEngine {
 
 // What clients say.
 std::string WithNul(std::string_view text);
-std::string ShiftedDown(std::string data);  // as the plug-in's encrypt setting does
+std::string ShiftedDown(std::string data, int by = 1);  // 1: as the plug-in's encrypt setting does
 // The stream of a scan: the data in chunks, each with its length, and the zero length. Nothing is shifted.
 std::string ChunkStreamOf(std::string_view data, size_t chunk_size = 8192);
 // All the bytes of a scan as the plug-in sends it.
