@@ -32,7 +32,7 @@ std::string ConnectFailure(SocketConnection& connection) {
 }
 
 bool Connect(SocketConnection& connection, const ServerEntry& server) {
-    return connection.Connect(server.host.c_str(), server.port, false, kConnectMs);
+    return connection.Connect(server.host, server.port, false, kConnectMs);
 }
 
 // None: no reply came.
