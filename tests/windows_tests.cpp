@@ -31,7 +31,12 @@ class RealEngineTest : public testing::Test {
     RealEngineTest() {
         installed.PlaceStandIn(installed.elsewhere, "engine " + std::to_string(port) + " shifted");
         installed.StartStandIn(installed.elsewhere);
-        installed.WriteSettings(Servers(port) + "autostart=0");
+        // Servers enough that a list lost at each load shows.
+        std::string servers = Servers(port);
+        for (int i = 0; i < 50; ++i) {
+            servers.insert(servers.size() - 1, " not:asked");
+        }
+        installed.WriteSettings(servers + "autostart=0");
     }
     const uint16_t port = FreePort();
     Installation installed;
@@ -111,6 +116,11 @@ int WSAAPI RecordOption(SOCKET, int level, int option, const char* value, int) {
     g_asked.push_back("option " + std::to_string(level) + " " + std::to_string(option) + " = " +
                       std::to_string(*value));
     return 0;
+}
+
+DWORD WINAPI RecordWait(HANDLE, DWORD) {
+    g_asked.push_back("wait");
+    return WAIT_FAILED;
 }
 
 BOOL WINAPI RecordDeletion(const char* path) {
@@ -234,7 +244,9 @@ TEST_F(WindowsTest, UpdaterThatCannotBeStartedIsNotWaitedForWhateverTheErrorCode
     Start("autostart=0");
     plugin.get_expiry(0, 0, 0);
     system.Become({.starts = false, .start_error = 0});
+    const ImportPatch waits(plugin.module, "WaitForSingleObject", RecordWait);
     EXPECT_EQ(Update(plugin), "untouched");
+    EXPECT_THAT(g_asked, IsEmpty());
     const std::string folder = installed.engine_folder.string();
     EXPECT_THAT(system.calls, ElementsAre("start " + folder + "\\kestoavu.exe in " + folder));
 }
