@@ -112,55 +112,16 @@ int WSAAPI RecordRequest(SOCKET socket, DWORD code, void* in, DWORD in_size, voi
     return SOCKET_ERROR;
 }
 
-int WSAAPI RecordOption(SOCKET, int level, int option, const char* value, int) {
-    g_asked.push_back("option " + std::to_string(level) + " " + std::to_string(option) + " = " +
-                      std::to_string(*value));
-    return 0;
-}
-
-DWORD WINAPI RecordWait(HANDLE, DWORD) {
-    g_asked.push_back("wait");
-    return WAIT_FAILED;
-}
-
-BOOL WINAPI RecordDeletion(const char* path) {
-    g_asked.push_back(std::string("delete ") + path);
-    return TRUE;
-}
-
-class WindowsTest : public PluginTest {
- protected:
-    WindowsTest() { g_asked.clear(); }
-};
+class WindowsTest : public PluginTest {};
 
 TEST_F(WindowsTest, ConnectOnLoopbackAsksOnceAndNoOtherDoes) {
     const ImportPatch requests(plugin.module, "WSAIoctl", RecordRequest);
-    const ImportPatch options(plugin.module, "setsockopt", RecordOption);
     ScriptedEngine engine;
     Start("servers=192.0.2.1:9 128.0.0.1:9 127.9.9.9:9 " + engine.Address());
     system.accepts_from = 3000;  // nothing goes to the first three
     EXPECT_TRUE(Scan("x").Clean());
     // SIO_TCP_INITIAL_RTO with the round trip unspecified and no SYN repeated; the fourth byte fills up.
     EXPECT_THAT(g_asked, ElementsAre("2550136849 of 4: 255 255 254", "2550136849 of 4: 255 255 254"));
-}
-
-TEST_F(WindowsTest, NoDelayIsAnOptionThatIsOff) {
-    ScriptedEngine engine(ReplyingBytes("abc\xFF"));
-    const ImportPatch options(GetModuleHandleA(nullptr), "setsockopt", RecordOption);
-    SocketConnection connection;
-    ReceivedText text;
-    for (const bool on : {false, true}) {
-        connection.NoDelay(on);
-        ASSERT_TRUE(connection.Connect("127.0.0.1", engine.Port(), false, 1000));
-        EXPECT_EQ(strstr(connection.LastErrorText(), "\nSetting TCP_NODELAY\n") != nullptr, on);
-        EXPECT_EQ(g_asked.size(), on ? 1u : 0u);
-    }
-    EXPECT_THAT(g_asked, ElementsAre("option 6 1 = 1"));
-    // The account has the value as it was given.
-    EXPECT_TRUE(connection.SendBytes("zPING", 6));
-    EXPECT_TRUE(connection.ReceiveStringUntilByte(300, text));
-    EXPECT_EQ(text.View(), "abc");
-    EXPECT_THAT(connection.LastErrorText(), HasSubstr("byteValue: 300"));
 }
 
 uint32_t* g_clock;
@@ -189,66 +150,6 @@ TEST_F(WindowsTest, AnswerOfALookupThatCannotBeCancelledComesInTimeOrNotAtAll) {
     EXPECT_THAT(installed.LogMessages(), ElementsAre("Scan file - mail.eml - 1", "Scan file - mail.eml - 1",
                                                      testing::AllOf(HasSubstr("\nDNS timed out."),
                                                                     Not(HasSubstr("Connect function")))));
-}
-
-TEST_F(WindowsTest, LookupOfANameThatCannotBeConvertedLosesNothing) {
-    ExpectNothingLost(50, [] {
-        SocketConnection connection;
-        EXPECT_FALSE(connection.Connect(std::string(1100, 'n').c_str(), 9, false, 100));
-        EXPECT_THAT(connection.LastErrorText(), HasSubstr("\nDNS lookup failed.\nWSAEINVAL"));
-    });
-}
-
-__time64_t __cdecl After2038(__time64_t*) {
-    return 2'219'832'000;  // 5 May 2040
-}
-
-TEST_F(WindowsTest, LogKnowsTheYearAfter2038) {
-    const ImportPatch clock(plugin.module, "_time64", After2038);
-    installed.CreateLog();
-    Start("autostart=0");
-    Scan("");
-    EXPECT_THAT(ReadText(installed.log), testing::StartsWith("2040/5/"));
-}
-
-std::string Update(const PluginLibrary& plugin) {
-    char title[kUpdateTitleSize] = "untouched", message[kUpdateMessageSize] = "untouched";
-    const int32_t result = plugin.do_simple_update(title, message);
-    EXPECT_STREQ(title, result == 1 ? "untouched" : "KESTO Antivirus Update Failed");
-    return message;
-}
-
-TEST(WindowsUpdate, WithoutAFolderStartsAndDeletesNothing) {
-    for (const char* const folder : {"none", static_cast<const char*>(nullptr), ""}) {
-        DrivenPlugin it;
-        const ImportPatch deletions(it.plugin.module, "DeleteFileA", RecordDeletion);
-        g_asked.clear();
-        it.system.Become({.processes = {}});
-        if (folder == nullptr || *folder == '\0') {
-            EXPECT_EQ(it.plugin.initialize_scanner(1, nullptr, nullptr, nullptr, folder),
-                      folder == nullptr ? ERROR_INVALID_PARAMETER : ERROR_PATH_NOT_FOUND);
-        }
-        it.plugin.get_expiry(0, 0, 0);
-        for (int i = 0; i < 2; ++i) {  // the first leaves no update under way
-            EXPECT_EQ(Update(it.plugin), "The KESTO Antivirus Update attempt failed with error 3");
-        }
-        EXPECT_THAT(it.system.calls, Not(testing::Contains(testing::StartsWith("start"))));
-        EXPECT_THAT(g_asked, IsEmpty());
-    }
-    DrivenPlugin unlicensed;
-    EXPECT_THAT(Update(unlicensed.plugin), HasSubstr("because you do not have a valid licence"));
-    EXPECT_EQ(Update(unlicensed.plugin), "untouched");
-}
-
-TEST_F(WindowsTest, UpdaterThatCannotBeStartedIsNotWaitedForWhateverTheErrorCode) {
-    Start("autostart=0");
-    plugin.get_expiry(0, 0, 0);
-    system.Become({.starts = false, .start_error = 0});
-    const ImportPatch waits(plugin.module, "WaitForSingleObject", RecordWait);
-    EXPECT_EQ(Update(plugin), "untouched");
-    EXPECT_THAT(g_asked, IsEmpty());
-    const std::string folder = installed.engine_folder.string();
-    EXPECT_THAT(system.calls, ElementsAre("start " + folder + "\\kestoavu.exe in " + folder));
 }
 
 int g_spare = 0;  // calls that still find memory; below 0 all others do, too
