@@ -145,7 +145,7 @@ Task Attempt::Send(std::shared_ptr<Attempt> self) {
         if (self->sending_ == 0) {
             co_return;
         }
-        if (self->sent_ != 0) {
+        if (self->sent_ != 0 && !std::exchange(self->no_delay_, true)) {
             asio::error_code ignored;
             self->socket_.set_option(tcp::no_delay(true), ignored);
         }

@@ -60,7 +60,8 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
     uint64_t sent_ = 0;
     uint64_t sending_ = 0;  // bytes of the send under way
     bool connected_ = false;
-    bool replied_ = false;  // the whole reply has come
+    bool no_delay_ = false;  // asked for with the second send, which many scans do not have
+    bool replied_ = false;   // the whole reply has come
     bool over_ = false;
     bool timed_out_ = false;
     Time step_until_ = Time::max();  // of the connect or send under way

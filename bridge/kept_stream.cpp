@@ -7,12 +7,34 @@
 namespace kesto {
 namespace {
 
-// A client that has sent nothing yet costs this much, and a small scan no more.
-constexpr size_t kFirstBlock = 4096;
-constexpr size_t kBlock = 64 * 1024;
+// A client that has sent nothing yet costs one of these; the blocks grow, for few large reads of a large
+// file.
+constexpr size_t kFirstBlock = 4 * 1024;
+constexpr size_t kLargestBlock = 256 * 1024;
+constexpr size_t kGrowth = 4;
 constexpr size_t kWindow = 128 * 1024;
+constexpr size_t kSmallestOfWindow = 16 * 1024;
 
 }  // namespace
+
+std::unique_ptr<uint8_t[]> KeepRoom::NewBlock(size_t size) {
+    if (size == kLargestBlock && !spare_.empty()) {
+        auto block = std::move(spare_.back());
+        spare_.pop_back();
+        return block;
+    }
+    return std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[size]);
+}
+
+void KeepRoom::TakeBack(std::unique_ptr<uint8_t[]> block, size_t size) {
+    if (size == kLargestBlock && used + (spare_.size() + 1) * kLargestBlock <= limit) {
+        spare_.push_back(std::move(block));
+    }
+}
+
+void KeepRoom::ShrinkSpare() {
+    spare_.resize(spare_.size() - (spare_.size() + 7) / 8);
+}
 
 KeptStream::~KeptStream() {
     while (!blocks_.empty()) {
@@ -21,17 +43,17 @@ KeptStream::~KeptStream() {
 }
 
 bool KeptStream::AddBlock() {
-    const bool first = size_ == 0 && blocks_.empty();
-    bool in_room = false;
-    if (!first && !window_) {
-        in_room = room_.used + kBlock <= room_.limit;
-        window_ = !in_room;
+    const bool first = size_ == 0;
+    size_t capacity = first ? kFirstBlock : std::min(next_block_, kLargestBlock);
+    const bool in_room = !first && !window_ && room_.used + capacity <= room_.limit;
+    if (!first && !in_room) {
+        window_ = true;
+        capacity = std::min(capacity, kWindow - std::min(held_, kWindow));
+        if (capacity < kSmallestOfWindow) {
+            return false;
+        }
     }
-    if (window_ && held_ >= kWindow) {
-        return false;
-    }
-    const size_t capacity = first ? kFirstBlock : kBlock;
-    std::unique_ptr<uint8_t[]> bytes(new (std::nothrow) uint8_t[capacity]);
+    auto bytes = room_.NewBlock(capacity);
     if (!bytes) {
         window_ = true;
         return false;
@@ -39,12 +61,14 @@ bool KeptStream::AddBlock() {
     blocks_.push_back({std::move(bytes), capacity, 0, in_room});
     room_.used += in_room ? capacity : 0;
     held_ += capacity;
+    next_block_ = capacity * kGrowth;
     return true;
 }
 
 void KeptStream::DropFirst() {
-    const Block& block = blocks_.front();
+    Block& block = blocks_.front();
     room_.used -= block.in_room ? block.capacity : 0;
+    room_.TakeBack(std::move(block.bytes), block.capacity);
     held_ -= block.capacity;
     first_ += block.size;
     blocks_.pop_front();

@@ -7,12 +7,23 @@
 #include <deque>
 #include <memory>
 #include <span>
+#include <vector>
 
 namespace kesto {
 
-struct KeepRoom {
+// Memory is given back to the system with a delay: what is fresh from there costs more than what is copied
+// into it.
+class KeepRoom {
+ public:
     size_t limit = 0;  // bytes
     size_t used = 0;
+
+    std::unique_ptr<uint8_t[]> NewBlock(size_t size);  // null: out of memory
+    void TakeBack(std::unique_ptr<uint8_t[]> block, size_t size);
+    void ShrinkSpare();  // to be called every now and then
+
+ private:
+    std::vector<std::unique_ptr<uint8_t[]>> spare_;
 };
 
 class KeptStream {
@@ -51,6 +62,7 @@ class KeptStream {
     uint64_t first_ = 0;  // position of the first block
     uint64_t size_ = 0;
     size_t held_ = 0;  // capacity of all blocks
+    size_t next_block_ = 0;
     bool window_ = false;
     bool ended_ = false;
 };

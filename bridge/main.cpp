@@ -84,6 +84,7 @@ Task KeepTime(Bridge& bridge, Reload& reload) {
         }
         LookUpAndProbe(bridge, now);
         reload.Tick(bridge, now);
+        bridge.room.ShrinkSpare();
         LogLeftOut();
     }
 }
