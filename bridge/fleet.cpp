@@ -32,6 +32,11 @@ void NoteChange(Fleet& fleet, Time now) {
     }
 }
 
+std::chrono::seconds PauseOf(const Fleet& fleet, const Server& server) {
+    const bool hurry = fleet.scans_wait && fleet.down_since;
+    return std::min(server.pause, hurry ? kLongestPauseWhileScansWait : kLongestPause);
+}
+
 // Down, or down for longer.
 void Pause(Fleet& fleet, Server& server, const std::string& reason, Time now) {
     server.up = false;
@@ -39,9 +44,9 @@ void Pause(Fleet& fleet, Server& server, const std::string& reason, Time now) {
     server.pause = std::clamp(server.pause * 2, kFirstPause, kLongestPause);
     server.paused_at = now;
     server.look_up_at = std::min(server.look_up_at, now);
-    fleet.tell("upstream " + AddressText(server.name) + " down - " + reason + "; tried again in " +
-               std::to_string(server.pause.count()) + " s");
     NoteChange(fleet, now);
+    fleet.tell("upstream " + AddressText(server.name) + " down - " + reason + "; tried again in " +
+               std::to_string(PauseOf(fleet, server).count()) + " s");
 }
 
 }  // namespace
@@ -182,12 +187,11 @@ void NoteAlive(Server& server) {
     server.paused_at = Time{};
 }
 
-std::vector<ServerPtr> ProbesDue(Fleet& fleet, bool scans_wait, Time now) {
+std::vector<ServerPtr> ProbesDue(Fleet& fleet, Time now) {
     std::vector<ServerPtr> due;
     for (const ServerPtr& server : fleet.servers) {
-        const auto longest = scans_wait && fleet.down_since ? kLongestPauseWhileScansWait : kLongestPause;
         const bool wanted =
-            server->up ? server->suspected : server->paused_at + std::min(server->pause, longest) <= now;
+            server->up ? server->suspected : server->paused_at + PauseOf(fleet, *server) <= now;
         if (wanted && !server->probing && !server->addresses.empty()) {
             server->probing = true;
             server->last_probe = now;

@@ -60,6 +60,7 @@ class MinuteCount {
 struct Fleet {
     std::vector<ServerPtr> servers;
     std::optional<Time> down_since;  // when the last one went down; nothing while one is up
+    bool scans_wait = false;         // for any server
     uint64_t turns = 0;
     MinuteCount scans;   // whose stream has ended
     MinuteCount beside;  // that were given to a second server beside a silent one
@@ -99,7 +100,7 @@ void NoteAlive(Server& server);
 
 // Servers to be probed now; they count as being probed from then on. Probes come after 1, 2, 4 ... 32 s, or
 // at least every four while scans wait for any server.
-std::vector<ServerPtr> ProbesDue(Fleet& fleet, bool scans_wait, Time now);
+std::vector<ServerPtr> ProbesDue(Fleet& fleet, Time now);
 void NoteProbe(Fleet& fleet, Server& server, bool clean, const std::string& reason, Time now);
 
 // Whether one more scan may be given to a second server beside a silent one: one in ten of the last minute.

@@ -95,7 +95,8 @@ void LookUpAndProbe(Bridge& bridge, Time now) {
     for (const ServerPtr& server : LookupsDue(bridge.fleet, now)) {
         BeginLookup(bridge, server);
     }
-    for (const ServerPtr& server : ProbesDue(bridge.fleet, bridge.metrics.waiting != 0, now)) {
+    bridge.fleet.scans_wait = bridge.metrics.waiting != 0;
+    for (const ServerPtr& server : ProbesDue(bridge.fleet, now)) {
         BeginProbe(bridge, server);
     }
 }

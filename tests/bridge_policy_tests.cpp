@@ -39,7 +39,8 @@ struct World {
     }
     std::string Probes(double seconds, bool scans_wait = false) {
         std::string names;
-        for (const ServerPtr& server : ProbesDue(fleet, scans_wait, At(seconds))) {
+        fleet.scans_wait = scans_wait;
+        for (const ServerPtr& server : ProbesDue(fleet, At(seconds))) {
             names += Name(server);
         }
         return names;
