@@ -195,8 +195,8 @@ int CheckInstallation(const std::wstring& library, const std::wstring& folder, b
     const std::wstring engine_folder = folder + L"\\plugins\\kestoav";
     CheckEngineProgram(report, engine_folder + L"\\kestoav.exe");
     CheckEngineProcess(report, engine_folder + L"\\kestoav.exe");
-    std::vector<ServerEntry> servers;
-    AppendServers(servers, Settings().servers);
+    ServerList servers;
+    servers.Append(Settings().servers);
     for (const ServerEntry& server : servers) {
         CheckServer(report, server, Settings().encrypt);
     }
