@@ -88,7 +88,7 @@ Task Attempt::Converse(std::shared_ptr<Attempt> self) {
         }
     }
     if (!self->connected_) {
-        self->End(AttemptEnd::kBroken, self->timed_out_ ? "connect timed out" : Words(error));
+        self->End(AttemptEnd::kUnreached, self->timed_out_ ? "connect timed out" : Words(error));
         co_return;
     }
     self->More();

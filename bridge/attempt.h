@@ -14,9 +14,10 @@ namespace kesto {
 // How an attempt ended.
 struct AttemptEnd {
     enum Kind {
-        kReplied,  // text: the reply, without its NUL
-        kBroken,   // not reached, or lost; text: the reason
-        kSilent,   // took or gave nothing for too long; text: the reason
+        kReplied,    // text: the reply, without its NUL
+        kUnreached,  // text, here and below: the reason
+        kBroken,     // lost, or not to be believed
+        kSilent,     // took or gave nothing for too long
     };
     Kind kind;
     std::string text;

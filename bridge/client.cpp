@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 // A server is taken for a scan when so much of it is there, or all of it.
 constexpr uint64_t kEnough = 64 * 1024;
 
-constexpr auto kQueryLimit = 5s;  // one server's reply to zPING or zVERSION
+constexpr auto kQueryLimit = 5s;  // one server's reply to zPING or zVERSION, and the look-up of all names
 
 // After the reply the client has this long to close first, so that what it still had under way does not
 // turn our close into a reset that takes the reply with it.
@@ -247,6 +247,7 @@ void Client::AttemptEnded(size_t number, const AttemptEnd& end) {
         case AttemptEnd::kReplied:
             policy_->Replied(number, end.text, now);
             break;
+        case AttemptEnd::kUnreached:
         case AttemptEnd::kBroken:
             policy_->Broken(number, end.text, now);
             break;
@@ -287,8 +288,8 @@ void Client::BeginQuery(size_t command_size) {
     phase_ = Phase::kAnswer;
     stream_->Append(command_size);
     stream_->End();
+    look_up_until_ = Clock::now() + kQueryLimit;
     to_ask_ = bridge_.fleet.servers;
-    std::erase_if(to_ask_, [](const ServerPtr& server) { return server->addresses.empty(); });
     std::sort(to_ask_.begin(), to_ask_.end(), [](const ServerPtr& a, const ServerPtr& b) {
         return std::tuple(a->up, b->open, b->last_turn) < std::tuple(b->up, a->open, a->last_turn);
     });
@@ -296,12 +297,16 @@ void Client::BeginQuery(size_t command_size) {
 }
 
 void Client::AskNext() {
-    if (to_ask_.empty()) {
-        NoReply("no upstream server answered");
+    const auto next = std::find_if(to_ask_.rbegin(), to_ask_.rend(),
+                                   [](const ServerPtr& server) { return !server->addresses.empty(); });
+    if (next == to_ask_.rend()) {
+        if (to_ask_.empty() || Clock::now() >= look_up_until_) {
+            NoReply("no upstream server answered");
+        }
         return;
     }
-    const ServerPtr server = to_ask_.back();
-    to_ask_.pop_back();
+    const ServerPtr server = *next;
+    to_ask_.erase(std::next(next).base());
     const auto self = shared_from_this();
     const auto attempt = Attempt::Begin(
         bridge_, server, stream_, [] {},
@@ -313,10 +318,10 @@ void Client::AskNext() {
                 self->Reply(end.text);
                 return;
             }
-            if (end.kind == AttemptEnd::kBroken) {
-                NoteBroken(self->bridge_.fleet, *server, end.text, now);
-            } else {
+            if (end.kind == AttemptEnd::kSilent) {
                 Suspect(self->bridge_.fleet, *server, now);
+            } else {
+                NoteBroken(self->bridge_.fleet, *server, end.text, now);
             }
             self->AskNext();
         });
@@ -424,6 +429,8 @@ void Client::Tick(Time now) {
         Refuse("silence", phase_ == Phase::kCommand
                               ? "sent no command in time"
                               : "sent nothing for " + std::to_string(bridge_.settings.idle) + " s");
+    } else if (phase_ == Phase::kAnswer && !policy_ && attempts_.empty()) {
+        AskNext();
     } else {
         Advance();
     }

@@ -81,6 +81,7 @@ class Client : public std::enable_shared_from_this<Client> {
     Time scan_began_{};
     std::vector<std::shared_ptr<Attempt>> attempts_;  // by the policy's numbers, null when ended
     std::vector<ServerPtr> to_ask_;                   // of a query, the next one last
+    Time look_up_until_{};                            // those whose names are being looked up
 };
 
 // Scans that wait for a server may have found one.

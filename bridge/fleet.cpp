@@ -11,7 +11,7 @@ using namespace std::chrono_literals;
 
 constexpr std::chrono::seconds kFirstPause = 1s;
 constexpr std::chrono::seconds kLongestPause = 32s;
-constexpr std::chrono::seconds kLongestPauseWhileScansWait = 4s;
+constexpr std::chrono::seconds kLongestPauseWhileScansWait = 2s;
 constexpr std::chrono::seconds kLookupPause = 60s;
 constexpr std::chrono::seconds kLookupPauseWithoutAddress = 2s;
 constexpr std::chrono::seconds kLongLookup = 5s;
@@ -201,10 +201,11 @@ std::vector<ServerPtr> ProbesDue(Fleet& fleet, Time now) {
     return due;
 }
 
-void NoteProbe(Fleet& fleet, Server& server, bool clean, const std::string& reason, Time now) {
+void NoteProbe(Fleet& fleet, Server& server, Health health, const std::string& reason, Time now) {
     server.probing = false;
     server.suspected = false;
-    if (!clean) {
+    server.last_sick = health == Health::kSick ? now : Time{};
+    if (health != Health::kWell) {
         ++server.failures;
         Pause(fleet, server, reason, now);
     } else if (!std::exchange(server.up, true)) {
@@ -212,6 +213,12 @@ void NoteProbe(Fleet& fleet, Server& server, bool clean, const std::string& reas
         fleet.tell("upstream " + AddressText(server.name) + " up");
         NoteChange(fleet, now);
     }
+}
+
+bool AllSick(const Fleet& fleet, Time since) {
+    return std::all_of(fleet.servers.begin(), fleet.servers.end(), [since](const ServerPtr& server) {
+        return !server->up && server->last_sick >= since;
+    });
 }
 
 bool MayAskBeside(Fleet& fleet, Time now) {

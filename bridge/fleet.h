@@ -32,6 +32,7 @@ struct Server {
     bool probing = false;
     bool suspected = false;  // up, but to be probed
     Time last_probe{};
+    Time last_sick{};  // when a probe found it to accept, but to give no verdict
 
     bool looking_up = false;
     Time look_up_at{};         // when next
@@ -99,9 +100,13 @@ void Suspect(Fleet& fleet, Server& server, Time now);
 void NoteAlive(Server& server);
 
 // Servers to be probed now; they count as being probed from then on. Probes come after 1, 2, 4 ... 32 s, or
-// at least every four while scans wait for any server.
+// at least every two while scans wait for any server.
 std::vector<ServerPtr> ProbesDue(Fleet& fleet, Time now);
-void NoteProbe(Fleet& fleet, Server& server, bool clean, const std::string& reason, Time now);
+enum class Health { kUnreached, kSick, kWell };
+void NoteProbe(Fleet& fleet, Server& server, Health health, const std::string& reason, Time now);
+
+// All servers are down, and probes since then have found that every one accepts: waiting is of no use.
+bool AllSick(const Fleet& fleet, Time since);
 
 // Whether one more scan may be given to a second server beside a silent one: one in ten of the last minute.
 bool MayAskBeside(Fleet& fleet, Time now);

@@ -90,7 +90,7 @@ void KeptStream::Append(size_t size) {
 std::span<const uint8_t> KeptStream::Piece(uint64_t position) const {
     uint64_t start = first_;
     for (const Block& block : blocks_) {
-        if (position < start + block.size) {
+        if (position >= start && position < start + block.size) {
             const size_t skipped = static_cast<size_t>(position - start);
             return {block.bytes.get() + skipped, block.size - skipped};
         }

@@ -40,7 +40,7 @@ class KeptStream {
     bool Ended() const { return ended_; }
     uint64_t Size() const { return size_; }
 
-    // The bytes from this position on as far as they lie together; empty when there are none yet.
+    // The bytes from this position on as far as they lie together; empty when there are none yet, or no more.
     std::span<const uint8_t> Piece(uint64_t position) const;
 
     // There was no room: bytes go as they are released.

@@ -9,6 +9,8 @@ namespace {
 
 class Text {
  public:
+    Text() { out_.precision(12); }  // sums grow, and shall still show what a short scan adds
+
     // Values of this name follow.
     void Name(std::string_view name, std::string_view type, std::string_view help) {
         name_ = "kestoav_" + std::string(name);

@@ -83,6 +83,7 @@ void Reload::Tick(Bridge& bridge, Time now) {
     if (restart_wanted) {
         LogBridge("reload", "listen and decrypt are taken up by a restart only");
     }
+    bridge.place.Open();
     AdvanceWaiting(bridge);
 }
 

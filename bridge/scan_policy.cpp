@@ -15,8 +15,8 @@ constexpr auto kSilence = 10s;
 constexpr auto kTrickle = 15s;
 
 // A client that has closed its side may only have finished sending, or have left: the answer to these bytes
-// tells, where no reply comes at once.
-constexpr auto kTrickleToFinished = 1s;
+// tells, where no reply comes soon.
+constexpr auto kTrickleToFinished = 3s;
 constexpr size_t kTricklesToFinished = 2;
 
 // A file that ends its engine must not end the fleet.
@@ -169,7 +169,7 @@ bool ScanPolicy::MayBegin(Time now) {
     if (running == 0) {
         return true;
     }
-    return all_late && (all_down || asked_beside_ || MayAskBeside(fleet_, now));
+    return all_late && repeatable_ && (all_down || asked_beside_ || MayAskBeside(fleet_, now));
 }
 
 ScanStep ScanPolicy::Begin(const ServerPtr& server, Time now) {
@@ -180,6 +180,7 @@ ScanStep ScanPolicy::Begin(const ServerPtr& server, Time now) {
         fleet_.beside.Add(now);
     }
     waits_ = false;
+    waits_since_.reset();
     TakeTurn(fleet_, *server);
     ++server->open;
     attempts_.push_back({server, now, now});
@@ -219,10 +220,12 @@ ScanStep ScanPolicy::Next(Time now) {
                 return Begin(server, now);
             }
             if (nobody && !ServerIsLeft()) {
+                waits_since_ = waits_since_.value_or(now);
                 const bool last_word = last_reply_ && !fleet_.down_since;
-                waits_ = !last_word && now < fleet_.down_since.value_or(now) + limits_.wait;
+                const bool sick = AllSick(fleet_, *waits_since_);
+                waits_ = !last_word && !sick && now < fleet_.down_since.value_or(now) + limits_.wait;
                 if (!waits_) {
-                    DecideWithoutVerdict("no upstream server could be reached");
+                    DecideWithoutVerdict(sick ? last_failure_ : "no upstream server could be reached");
                 }
             } else {
                 waits_ = nobody;
@@ -231,17 +234,17 @@ ScanStep ScanPolicy::Next(Time now) {
             DecideWithoutVerdict(last_failure_);
         }
     }
-    if (!ended_ || told_) {
+    if (told_) {
         return {};
     }
-    if (decided_) {
+    if (decided_ && (ended_ || end_.kind == ScanStep::kNoReply)) {
         told_ = true;
         if (end_.kind == ScanStep::kReply) {
             end_.text.erase(0, trickled_);
         }
         return std::exchange(end_, {});
     }
-    return Trickle(now);
+    return ended_ && !decided_ ? Trickle(now) : ScanStep{};
 }
 
 }  // namespace kesto

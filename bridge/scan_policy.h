@@ -53,7 +53,7 @@ class ScanPolicy {
 
     ScanStep Next(Time now);
 
-    // The end is known, though it is not told before the stream's end: no more of the stream is needed.
+    // The end is known, though a reply is not told before the stream's end: no more of the stream is needed.
     bool Decided() const { return decided_; }
     // No server has the scan, and there is none to take it.
     bool Waits() const { return waits_; }
@@ -93,6 +93,7 @@ class ScanPolicy {
     bool waits_ = false;
     std::optional<Time> ended_;
     std::optional<Time> finished_sending_;
+    std::optional<Time> waits_since_;
     size_t trickled_ = 0;
     Time trickle_at_;
     std::optional<std::string> last_reply_;  // without a verdict

@@ -82,8 +82,11 @@ void BeginProbe(Bridge& bridge, const ServerPtr& server) {
         [&bridge, server](const AttemptEnd& end) {
             const bool replied = end.kind == AttemptEnd::kReplied;
             const bool clean = replied && ReadScanAnswer(end.text) == ScanAnswer::kClean;
-            NoteProbe(bridge.fleet, *server, clean, replied ? "gave no verdict: " + end.text : end.text,
-                      Clock::now());
+            const Health health = clean                                ? Health::kWell
+                                  : end.kind == AttemptEnd::kUnreached ? Health::kUnreached
+                                                                       : Health::kSick;
+            NoteProbe(bridge.fleet, *server, health,
+                      replied ? "did not call a clean file clean: " + end.text : end.text, Clock::now());
             AdvanceWaiting(bridge);
         });
     attempt->LimitReply(kProbeLimit, Clock::now());

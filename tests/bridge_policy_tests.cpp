@@ -240,10 +240,10 @@ TEST(BridgeFleet, PausesDoubleUntilAVerdict) {
         EXPECT_EQ(world.Probes(at + pause - 0.1), "") << pause;
         EXPECT_EQ(world.Probes(at += pause), "a") << pause;
         EXPECT_EQ(world.Probes(at + 1), "");  // under way
-        NoteProbe(world.fleet, world['a'], false, "refused", world.At(at));
+        NoteProbe(world.fleet, world['a'], Health::kUnreached, "refused", world.At(at));
     }
     EXPECT_THAT(world.told, testing::Contains("upstream 10.0.0.1:1 down - refused; tried again in 16 s"));
-    NoteProbe(world.fleet, world['a'], true, "", world.now);
+    NoteProbe(world.fleet, world['a'], Health::kWell, "", world.now);
     EXPECT_TRUE(IsUp(world['a']));
     EXPECT_EQ(world.told.back(), "upstream 10.0.0.1:1 up");
     NoteVerdict(world['a']);
@@ -257,10 +257,10 @@ TEST(BridgeFleet, ScansThatWaitAreProbedForMoreOften) {
     NoteBroken(world.fleet, world['a'], "refused", world.At(0));
     for (const int at : {1, 3, 7}) {
         EXPECT_EQ(world.Probes(at), "a");
-        NoteProbe(world.fleet, world['a'], false, "refused", world.now);
+        NoteProbe(world.fleet, world['a'], Health::kUnreached, "refused", world.now);
     }
-    EXPECT_EQ(world.Probes(11), "");
-    EXPECT_EQ(world.Probes(11, true), "a");
+    EXPECT_EQ(world.Probes(9), "");
+    EXPECT_EQ(world.Probes(9, true), "a");
 }
 
 TEST(BridgeFleet, FewestOpenThenLongestUnused) {
@@ -345,8 +345,8 @@ TEST(BridgeScan, WhatIsNoVerdictGoesToTheNextServer) {
     EXPECT_EQ(poison.Broken(1, true, 0), "c");
     EXPECT_EQ(poison.Broken(2, true, 0), "");  // waits: nobody is left
     EXPECT_TRUE(poison.policy.Waits());
-    NoteProbe(world.fleet, world['a'], true, "", world.now);
-    NoteProbe(world.fleet, world['d'], true, "", world.now);
+    NoteProbe(world.fleet, world['a'], Health::kWell, "", world.now);
+    NoteProbe(world.fleet, world['d'], Health::kWell, "", world.now);
     EXPECT_EQ(poison.Next(1), "a");
     EXPECT_EQ(poison.Broken(3, true, 1), "!upstream 10.0.0.1:1 lost");
 }
@@ -382,7 +382,7 @@ TEST(BridgeScan, SecondServerIsAskedBesideASilentOne) {
     EXPECT_EQ(scan.Next(14), "");
     EXPECT_EQ(scan.Replied(1, kOk, 14), "=" + kOk);
     EXPECT_EQ(world['a'].failed_in_row, 1u);
-    NoteProbe(world.fleet, world['a'], false, "gave no reply", world.now);
+    NoteProbe(world.fleet, world['a'], Health::kSick, "gave no reply", world.now);
     EXPECT_FALSE(world['a'].up);
 }
 
@@ -416,8 +416,22 @@ TEST(BridgeScan, WaitCountsFromWhenTheLastServerWentDown) {
     EXPECT_EQ(first.Next(69.9).find('!'), std::string::npos);
     EXPECT_EQ(second.Next(70), "!no upstream server could be reached");
     EXPECT_EQ(Scan(world).Next(71), "!no upstream server could be reached");
-    NoteProbe(world.fleet, world['b'], true, "", world.now);
+    NoteProbe(world.fleet, world['b'], Health::kWell, "", world.now);
     EXPECT_EQ(Scan(world).Next(72), "b");
+}
+
+TEST(BridgeScan, WaitsForNoServerThatAcceptsAndIsSick) {
+    World world(2);
+    Scan scan(world);
+    EXPECT_EQ(scan.Next(0), "a");
+    EXPECT_EQ(scan.Broken(0, true, 0), "b");
+    EXPECT_EQ(scan.Broken(1, true, 0), "");
+    NoteProbe(world.fleet, world['a'], Health::kSick, "lost", world.At(1));
+    NoteProbe(world.fleet, world['b'], Health::kUnreached, "refused", world.now);
+    EXPECT_EQ(scan.Next(1), "");
+    NoteProbe(world.fleet, world['b'], Health::kSick, "lost", world.At(3));
+    EXPECT_EQ(scan.Next(3), "!upstream 10.0.0.2:1 lost");
+    EXPECT_EQ(Scan(world).Next(3.5), "");  // until the next probes
 }
 
 // Whoever has been told the beginning of a verdict gets a verdict, or an end.
@@ -460,9 +474,13 @@ TEST(BridgeScan, WindowIsNotRepeated) {
     EXPECT_EQ(scan.Next(0), "a");
     EXPECT_EQ(scan.Broken(0, false, 0), "b");
     scan.policy.NotRepeatable();
-    EXPECT_EQ(scan.Broken(1, false, 0), "");
-    scan.policy.StreamEnded(world.At(1));
-    EXPECT_EQ(scan.Next(1), "!upstream 10.0.0.2:1 lost");
+    EXPECT_EQ(scan.Broken(1, false, 0), "!upstream 10.0.0.2:1 lost");
+
+    world['a'].up = world['b'].up = true;
+    Scan late(world);
+    EXPECT_EQ(late.Next(0), "a");
+    late.policy.NotRepeatable();
+    EXPECT_EQ(late.Next(11), "");
 }
 
 TEST(BridgeScan, ClientThatHasFinishedSendingIsTried) {
@@ -470,11 +488,11 @@ TEST(BridgeScan, ClientThatHasFinishedSendingIsTried) {
     Scan scan(world);
     scan.Next(0);
     scan.policy.FinishedSending(world.At(0.5));
-    EXPECT_EQ(scan.Next(1.4), "");
-    EXPECT_EQ(scan.Next(1.5), "+s");
-    EXPECT_EQ(scan.Next(2.5), "+t");
-    EXPECT_EQ(scan.Next(16), "");
-    EXPECT_EQ(scan.Next(17.5), "+r");
+    EXPECT_EQ(scan.Next(3.4), "");
+    EXPECT_EQ(scan.Next(3.5), "+s");
+    EXPECT_EQ(scan.Next(6.5), "+t");
+    EXPECT_EQ(scan.Next(21), "");
+    EXPECT_EQ(scan.Next(21.5), "+r");
 }
 
 TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
