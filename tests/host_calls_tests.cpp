@@ -151,7 +151,10 @@ TEST_F(UpdateTest, NeedsAFolder) {
     EXPECT_EQ(Update(), failed + "with error 3");
     EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(Update(), failed + "with error 3");
-    EXPECT_THAT(system.calls, IsEmpty());
+    system.processes = {};
+    EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, ""), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(Update(), failed + "with error 3");
+    EXPECT_THAT(system.calls, ElementsAre("enumerate"));
 }
 
 TEST_F(VersionTest, ErrorTextsAreBoundedAndTerminated) {

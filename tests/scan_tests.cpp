@@ -149,12 +149,12 @@ TEST_F(ScanTest, ReadsTheSizeAgainBeforeEveryChunk) {
     uint32_t error = 0;
     int32_t scanned = 0;
     std::thread scan([&] { scanned = plugin.scan_file(0, &input, &result, &error, 0, 0); });
-    EXPECT_TRUE(WaitFor([&] { return engine.BytesReceived() > 8192; }));
+    EXPECT_TRUE(WaitFor([&] { return engine.Accepted() == 1 && engine.Requests().at(0).raw.size() > 8192; }));
     *static_cast<volatile uint32_t*>(&input.size) = 1;
     scan.join();
     EXPECT_EQ(scanned, 1);
     EXPECT_TRUE(engine.Requests().at(0).whole);
-    EXPECT_LT(engine.BytesReceived(), data.size());
+    EXPECT_LT(engine.Requests().at(0).raw.size(), data.size());
 }
 
 TEST_F(ScanTest, OfAnEmptyFileNeedsNoEngine) {

@@ -78,9 +78,7 @@ Installation::Installation(const std::wstring& name) : top(NewFolder()), folder(
 }
 
 Installation::~Installation() {
-    for (const HANDLE each : started_) {
-        End(each);
-    }
+    started_.clear();
     EndPrograms();
     // In its exact form, for the names in it that Windows would read as others. A program's file may be held
     // for a moment after its end.
@@ -144,16 +142,8 @@ uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::stri
 
 void Installation::StartStandIn(const std::filesystem::path& program) {
     const size_t starts = Starts(program).size();
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(program.c_str(), nullptr, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &process) ||
-        !WaitForStarts(program, starts + 1)) {
-        throw std::runtime_error(program.string() + " does not start: " + std::to_string(GetLastError()));
-    }
-    CloseHandle(process.hThread);
-    started_.push_back(process.hProcess);
+    started_.emplace_back(program);
+    EXPECT_TRUE(WaitForStarts(program, starts + 1));
 }
 
 std::vector<ProgramStart> Installation::Starts(const std::filesystem::path& program) const {
@@ -161,8 +151,7 @@ std::vector<ProgramStart> Installation::Starts(const std::filesystem::path& prog
     std::vector<ProgramStart> starts;
     ProgramStart start = {};
     for (std::string id; std::getline(lines, id, '\t') && std::getline(lines, start.folder, '\t') &&
-                         std::getline(lines, start.command_line, '\t') &&
-                         std::getline(lines, start.show_state) && !lines.eof();) {
+                         std::getline(lines, start.command_line) && !lines.eof();) {
         start.process_id = std::stoul(id);
         starts.push_back(start);
     }

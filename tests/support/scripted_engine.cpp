@@ -31,9 +31,6 @@ void Parse(EngineRequest& it) {
         it.data.append(it.raw, it.parsed + 4, length);
         it.parsed += 4 + size_t{length};
         it.whole = length == 0;
-        if (!it.whole) {
-            it.chunk_lengths.push_back(length);
-        }
     }
 }
 
@@ -101,12 +98,6 @@ const EngineRequest& Wire::ReceiveRequest() {
     return script_->request;
 }
 
-void Wire::ReplyAndHangUp(std::string_view text) {
-    Send(WithNul(text));
-    FinishSending();
-    Receive();
-}
-
 void Wire::Hold() {
     WhenReady([] {
         WSASetLastError(WSAEWOULDBLOCK);
@@ -171,12 +162,14 @@ EngineScript Realistic(ClamdTraits traits) {
         const auto holds = [&](const char* word) { return data.find(word) != std::string::npos; };
         const bool infected = traits.signatures && (data == EicarTestString() || holds("VIRUS"));
         if (request.whole) {
-            wire.ReplyAndHangUp(request.command == "zPING"       ? "PONG"
-                                : request.command == "zVERSION"  ? traits.version
-                                : request.command != "zINSTREAM" ? "UNKNOWN COMMAND"
-                                : holds("GARBLE")                ? "what?"
-                                : infected                       ? "stream: Test.Virus FOUND"
-                                                                 : "stream: OK");
+            wire.Send(WithNul(request.command == "zPING"       ? "PONG"
+                              : request.command == "zVERSION"  ? traits.version
+                              : request.command != "zINSTREAM" ? "UNKNOWN COMMAND"
+                              : holds("GARBLE")                ? "what?"
+                              : infected                       ? "stream: Test.Virus FOUND"
+                                                               : "stream: OK"));
+            wire.FinishSending();
+            wire.Receive();
         }
     };
 }
@@ -191,8 +184,7 @@ EngineScript ScriptNamed(const std::string& words) {
                                        : Replying(words);
 }
 
-ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port, bool keeps_requests)
-    : script_(std::move(script)), port_(port), keeps_requests_(keeps_requests) {
+ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port) : script_(std::move(script)), port_(port) {
     Revive();
 }
 
@@ -238,9 +230,6 @@ void ScriptedEngine::Accept(SOCKET listener) {
                         wire.Reset();
                     }
                 }
-                if (!keeps_requests_) {
-                    it.request = {};
-                }
                 ++ended_;
             });
         }
@@ -256,16 +245,6 @@ std::vector<EngineRequest> ScriptedEngine::Requests() const {
         requests.push_back(each.request);
     }
     return requests;
-}
-
-size_t ScriptedEngine::BytesReceived() const {
-    const std::lock_guard lock(guard_);
-    size_t bytes = 0;
-    for (const Connection& each : connections_) {
-        const std::lock_guard of_request(each.guard);
-        bytes += each.request.raw.size();
-    }
-    return bytes;
 }
 
 std::string WithNul(std::string_view text) {

@@ -22,12 +22,11 @@ namespace kesto {
 
 // One connection as the engine saw it.
 struct EngineRequest {
-    std::string raw;                      // every byte that came, also behind the request
-    std::string command;                  // without its NUL
-    std::vector<uint32_t> chunk_lengths;  // without the zero at the end
-    std::string data;                     // of the chunks, whole ones only
-    bool whole = false;                   // the command with its NUL, of a scan the stream to its end
-    size_t parsed = 0;                    // bytes of `raw` that the fields above hold
+    std::string raw;      // every byte that came, also behind the request
+    std::string command;  // without its NUL
+    std::string data;     // of the chunks, whole ones only
+    bool whole = false;   // the command with its NUL, of a scan the stream to its end
+    size_t parsed = 0;    // bytes of `raw` that the fields above hold
 };
 
 // A connection, of a script or of a client; closed with the object. Calls after the other side has gone are
@@ -52,8 +51,6 @@ class Wire {
     bool Ended() const { return ended_; }  // whether Receive has seen the other side end
     // For scripts: a whole request, or as much of one as came.
     const EngineRequest& ReceiveRequest();
-    // For scripts: sends a text with its NUL, then waits for the client to close.
-    void ReplyAndHangUp(std::string_view text);
     void Hold();  // neither reads nor writes until the end
     void FinishSending() { shutdown(socket_, SD_SEND); }
     void Reset();  // ends the connection the hard way
@@ -95,8 +92,7 @@ EngineScript ScriptNamed(const std::string& words);
 class ScriptedEngine {
  public:
     // Listens on 127.0.0.1 at once; port 0 takes a free one. Throws when the port is taken.
-    explicit ScriptedEngine(EngineScript script = Replying("stream: OK"), uint16_t port = 0,
-                            bool keeps_requests = true);
+    explicit ScriptedEngine(EngineScript script = Replying("stream: OK"), uint16_t port = 0);
     ~ScriptedEngine() { Kill(); }
     ScriptedEngine(const ScriptedEngine&) = delete;
     ScriptedEngine& operator=(const ScriptedEngine&) = delete;
@@ -110,7 +106,6 @@ class ScriptedEngine {
 
     unsigned Accepted() const { return accepted_; }  // connections so far
     unsigned Ended() const { return ended_; }        // connections whose script has returned
-    size_t BytesReceived() const;                    // over all connections
     std::vector<EngineRequest> Requests() const;     // in the order in which they were accepted
 
  private:
@@ -124,7 +119,6 @@ class ScriptedEngine {
     EngineScript script_;
     std::list<Connection> connections_;
     uint16_t port_;
-    bool keeps_requests_;
     std::atomic<bool> killed_ = true;
     std::atomic<unsigned> accepted_ = 0;
     std::atomic<unsigned> ended_ = 0;
