@@ -13,10 +13,7 @@ namespace kesto {
 namespace {
 
 using std::chrono::steady_clock;
-using testing::AllOf;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace testing;
 
 double SecondsSince(steady_clock::time_point begin) {
     return std::chrono::duration<double>(steady_clock::now() - begin).count();

@@ -4,8 +4,7 @@
 namespace kesto {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace testing;
 
 // The log in words, repeated ones once and counted.
 std::string InWords(const std::vector<std::string>& messages) {
@@ -104,7 +103,7 @@ TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
         it.system.Become(each.state);
         const ScanOutcome outcome = it.Scan("x");
         EXPECT_TRUE(strstr(each.log, "gave-up") ? outcome.Failed(1001) : outcome.Clean())
-            << testing::PrintToString(outcome);
+            << PrintToString(outcome);
         EXPECT_EQ(InWords(it.installed.LogMessages()), each.log);
         // The two handles of every start are kept, by design.
         const size_t starts = it.system.processes.size() - each.state.processes.size();

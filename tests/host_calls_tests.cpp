@@ -5,12 +5,7 @@
 namespace kesto {
 namespace {
 
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::StartsWith;
+using namespace testing;
 
 const std::string kFirstLine = "KESTOAV Version 1.0.4\n";
 

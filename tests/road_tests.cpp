@@ -11,9 +11,7 @@
 namespace kesto {
 namespace {
 
-using testing::Contains;
-using testing::Not;
-using testing::StartsWith;
+using namespace testing;
 
 class RoadTest : public testing::Test {
  protected:

@@ -7,8 +7,7 @@ namespace kesto {
 namespace {
 
 using std::chrono::steady_clock;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace testing;
 
 class ScanTest : public PluginTest {};
 
@@ -89,10 +88,10 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
             const auto messages = installed.LogMessages();
             if (each.error == 0) {
                 EXPECT_TRUE(each.virus_name ? outcome.Infected("mail.eml", each.virus_name) : outcome.Clean())
-                    << testing::PrintToString(outcome);
+                    << PrintToString(outcome);
             } else {
                 EXPECT_TRUE(outcome.Failed(1003) || (each.error == kEither && outcome.Failed(1002)))
-                    << testing::PrintToString(outcome);
+                    << PrintToString(outcome);
             }
             EXPECT_EQ(messages.back(), outcome.error == 1003
                                            ? "Unexpected response from KESTOAV - " + each.reply
@@ -115,9 +114,10 @@ TEST_F(ScanTest, CutsTheFileNameToEachField) {
 
 TEST_F(ScanTest, FollowsNoNullPointerOfTheHosts) {
     ScriptedEngine engine(Replying("stream: V FOUND"));
+    installed.CreateLog();
     Start(Servers(engine.Port()));
     const ScanFileInput data{"n", 1, reinterpret_cast<const uint8_t*>("x")};
-    const ScanFileInput no_data{"n", 1, nullptr};
+    const ScanFileInput no_data{"n", 4'294'967'295, nullptr};
     const ScanFileInput empty{"n", 0, nullptr};
     ScanFileResult no_detection{kUntouched, kUntouched, nullptr};
     const struct {
@@ -137,6 +137,7 @@ TEST_F(ScanTest, FollowsNoNullPointerOfTheHosts) {
     }
     EXPECT_EQ(no_detection.reserved, kUntouched);
     EXPECT_EQ(no_detection.infected, 1u);
+    EXPECT_THAT(installed.LogMessages(), Contains("Scan file - n - 4294967295"));
 }
 
 TEST_F(ScanTest, ReadsTheSizeAgainBeforeEveryChunk) {

@@ -7,13 +7,7 @@
 namespace kesto {
 namespace {
 
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
+using namespace testing;
 
 const std::string kLogged =
     "Scan file - mail.eml - 0";  // by the scan of an empty file, which needs no engine

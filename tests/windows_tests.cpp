@@ -9,10 +9,7 @@
 namespace kesto {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
+using namespace testing;
 
 int FreeThreadSlots() {
     std::vector<DWORD> slots;
@@ -147,9 +144,9 @@ TEST_F(WindowsTest, AnswerOfALookupThatCannotBeCancelledComesInTimeOrNotAtAll) {
         g_lookup_ms = ms;
         EXPECT_TRUE(Scan("x").Clean());
     }
-    EXPECT_THAT(installed.LogMessages(), ElementsAre("Scan file - mail.eml - 1", "Scan file - mail.eml - 1",
-                                                     testing::AllOf(HasSubstr("\nDNS timed out."),
-                                                                    Not(HasSubstr("Connect function")))));
+    EXPECT_THAT(installed.LogMessages(),
+                ElementsAre("Scan file - mail.eml - 1", "Scan file - mail.eml - 1",
+                            AllOf(HasSubstr("\nDNS timed out."), Not(HasSubstr("Connect function")))));
 }
 
 int g_spare = 0;  // calls that still find memory; below 0 all others do, too
@@ -181,7 +178,7 @@ TEST(WindowsMemory, LackOfItAtAnyPointIsAnErrorAndNoMore) {
                                        {it.plugin.module, "realloc", Reallocate}};
         g_spare = spare;
         const ScanOutcome outcome = it.Scan("x");
-        EXPECT_TRUE(spare < 2 ? outcome.Clean() : outcome.Failed(1003)) << testing::PrintToString(outcome);
+        EXPECT_TRUE(spare < 2 ? outcome.Clean() : outcome.Failed(1003)) << PrintToString(outcome);
         EXPECT_THAT(ReadText(it.installed.log), HasSubstr(logged[spare]));
         g_spare = 1;
         EXPECT_THAT(it.plugin.VersionDetails(), HasSubstr("\nError -ReceiveStringUntilByte\nbyteValue: 0\n"
