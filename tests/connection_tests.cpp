@@ -24,12 +24,8 @@ TEST(Connection, AccountsForEachFailureAndLosesNothing) {
     const UnansweredPort silent;
     const std::string numeric =
         "\nThis is an IPV4 numeric address.\nHostname to IP address resolution not needed.\n";
-    const struct {
-        const char* host;
-        uint16_t port;
-        double seconds;
-        std::string account;  // a part of it
-    } cases[] = {
+    // `account`: a part of it
+    const std::tuple<const char*, uint16_t, double, std::string> cases[] = {
         {"127.0.0.1", closed, 0,
          numeric + "Connect function failed.\nWSAECONNREFUSED No connection could be made because the target "
                    "machine "
@@ -39,25 +35,26 @@ TEST(Connection, AccountsForEachFailureAndLosesNothing) {
         {"", 1, 0, "\nCannot connect, hostname is zero length"},
         {nullptr, 1, 0, "\nCannot connect, hostname is NULL"},
         {"no-such-host.invalid", 1, 0, "maxWaitMs: 300\nDNS "},
-        {"256.0.0.1", 1, 0, "maxWaitMs: 300\nDNS "},  // a name
+        {"256.0.0.1", 1, 0, "maxWaitMs: 300\nDNS "},  // a name, as the next
+        {"08.0.0.1", 1, 0, "maxWaitMs: 300\nDNS "},
+        {"127.0.0.1.test", 1, 0, "maxWaitMs: 300\nDNS "},
     };
     SocketConnection connection;
     const std::string too_long(1001, 'h');
-    for (const auto& each : cases) {
-        SCOPED_TRACE(each.account);
+    for (const auto& [host, port, seconds, account] : cases) {
+        SCOPED_TRACE(account);
         ExpectNothingLost(3, [&] {
             const auto begin = steady_clock::now();
-            EXPECT_FALSE(connection.Connect(each.host, each.port, false, 300));
-            if (each.seconds > 0) {
-                EXPECT_NEAR(SecondsSince(begin), each.seconds, 0.15);
+            EXPECT_FALSE(connection.Connect(host, port, false, 300));
+            if (seconds > 0) {
+                EXPECT_NEAR(SecondsSince(begin), seconds, 0.15);
             }
-            const std::string account = connection.LastErrorText();
-            EXPECT_THAT(account,
-                        StartsWith("Connect_Socket\nhostname: " + std::string(each.host ? each.host : "") +
-                                   "\nport: " + std::to_string(each.port) + "\nssl: 0\nmaxWaitMs: 300\n"));
-            EXPECT_THAT(account, HasSubstr(each.account));
-            EXPECT_EQ(account.find("firewall") != std::string::npos,
-                      account.find("\nError 0x") != std::string::npos);
+            const std::string told = connection.LastErrorText();
+            EXPECT_THAT(told, StartsWith("Connect_Socket\nhostname: " + std::string(host ? host : "") +
+                                         "\nport: " + std::to_string(port) + "\nssl: 0\nmaxWaitMs: 300\n"));
+            EXPECT_THAT(told, HasSubstr(account));
+            EXPECT_EQ(told.find("firewall") != std::string::npos,
+                      told.find("\nError 0x") != std::string::npos);
             EXPECT_FALSE(connection.Connect(too_long.c_str(), 1, false, 300));  // not even looked up
             EXPECT_THAT(connection.LastErrorText(), HasSubstr("\nDNS lookup failed.\nWSAEINVAL"));
         });

@@ -24,10 +24,7 @@ std::string Listed(std::string_view text) {
 }
 
 TEST(ServerList, SplitsAtSingleBlanksAndReadsPortsAsNumbersOf16Bits) {
-    const struct {
-        const char* text;
-        const char* list;
-    } cases[] = {
+    const std::tuple<const char*, const char*> cases[] = {
         {"a:1 b", "<a|1><b|3313>"},
         {"a:1  b", "<a|1><|3313><b|3313>"},
         {" a ", "<|3313><a|3313><|3313>"},
@@ -39,18 +36,14 @@ TEST(ServerList, SplitsAtSingleBlanksAndReadsPortsAsNumbersOf16Bits) {
         {"[::1]:3310", "<[|0>"},
         {"h:1:2", "<h|1>"},
     };
-    for (const auto& each : cases) {
-        EXPECT_EQ(Listed(each.text), each.list) << each.text;
+    for (const auto& [text, list] : cases) {
+        EXPECT_EQ(Listed(text), list) << text;
     }
 }
 
 TEST(ReplyVerdict, TellsCleanInfectedAndUnexpected) {
     using enum VerdictKind;
-    const struct {
-        const char* reply;
-        VerdictKind kind;
-        const char* text;
-    } cases[] = {
+    const std::tuple<const char*, VerdictKind, const char*> cases[] = {
         {"stream: OK", kClean, ""},
         {"stream: OK ", kClean, ""},
         {"stream: ", kClean, ""},
@@ -69,10 +62,10 @@ TEST(ReplyVerdict, TellsCleanInfectedAndUnexpected) {
         {"", kUnexpectedReply, ""},
         {"%s%n FOUND", kUnexpectedReply, "%s%n FOUND"},
     };
-    for (const auto& each : cases) {
-        const ScanVerdict verdict = VerdictOfReply(each.reply);
-        EXPECT_EQ(verdict.kind, each.kind) << each.reply;
-        EXPECT_EQ(verdict.text, each.text) << each.reply;
+    for (const auto& [reply, kind, text] : cases) {
+        const ScanVerdict verdict = VerdictOfReply(reply);
+        EXPECT_EQ(verdict.kind, kind) << reply;
+        EXPECT_EQ(verdict.text, text) << reply;
     }
 }
 

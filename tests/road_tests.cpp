@@ -62,13 +62,14 @@ TEST_F(RoadTest, EngineKilledUnderFourThreadsComesBack) {
     std::atomic<int> scans[4] = {}, wrong = 0;
     std::atomic<bool> stop = false;
     std::vector<std::thread> threads;
-    for (auto& infected : scans) {
-        threads.emplace_back([&] {
+    for (auto& right : scans) {
+        threads.emplace_back([&, infected = threads.size() % 2 == 1, name = std::to_string(threads.size())] {
             while (!stop) {
-                const ScanOutcome outcome = Scan(std::string(200'000, 'x') + "VIRUS");
-                const bool right = outcome.Infected("mail.eml", "Test.Virus");
-                infected += right;
-                wrong += !right && !outcome.Failed(1001) && !outcome.Failed(1002) && !outcome.Failed(1003);
+                const auto outcome =
+                    ScanWith(plugin, std::string(200'000, 'x') + (infected ? "VIRUS" : ""), name);
+                const bool as_it_is = infected ? outcome.Infected(name, "Test.Virus") : outcome.Clean();
+                right += as_it_is;
+                wrong += !as_it_is && !outcome.Failed(1001) && !outcome.Failed(1002) && !outcome.Failed(1003);
             }
         });
     }
@@ -83,6 +84,9 @@ TEST_F(RoadTest, EngineKilledUnderFourThreadsComesBack) {
         each.join();
     }
     EXPECT_EQ(wrong, 0);
+    for (const std::string& each : installed.LogMessages()) {  // whole lines, whoever wrote them
+        EXPECT_TRUE(each.size() == 22 || !each.starts_with("Scan")) << each;
+    }
 }
 
 TEST_F(RoadTest, UpdaterRunsHiddenInTheEngineFolderOneAtATime) {

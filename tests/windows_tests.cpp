@@ -124,10 +124,17 @@ TEST_F(WindowsTest, ConnectOnLoopbackAsksOnceAndNoOtherDoes) {
 uint32_t* g_clock;
 uint32_t g_lookup_ms;  // that the next one takes
 
-int WSAAPI SlowLookup(const char*, const char* service, const addrinfo* hints, addrinfo** result) {
+// The name has two addresses, of which only the second one serves.
+int WSAAPI SlowLookup(const char*, const char*, const addrinfo*, addrinfo** result) {
+    static sockaddr_in none = LoopbackAddress(0), serves = none;
+    none.sin_addr.s_addr = htonl(0x7F090909);
+    static addrinfo second = {0, AF_INET, 0, 0, 0, nullptr, reinterpret_cast<sockaddr*>(&serves), nullptr};
+    static addrinfo first = {0, AF_INET, 0, 0, 0, nullptr, reinterpret_cast<sockaddr*>(&none), &second};
+    *result = &first;
     *g_clock += std::exchange(g_lookup_ms, 0);
-    return getaddrinfo("127.0.0.1", service, hints, result);
+    return 0;
 }
+void WSAAPI KeepAnswer(addrinfo*) {}
 
 FARPROC WINAPI HideCancelling(HMODULE module, const char* name) {
     return strcmp(name, "GetAddrInfoExCancel") == 0 ? nullptr : GetProcAddress(module, name);
@@ -135,6 +142,7 @@ FARPROC WINAPI HideCancelling(HMODULE module, const char* name) {
 
 TEST_F(WindowsTest, AnswerOfALookupThatCannotBeCancelledComesInTimeOrNotAtAll) {
     const ImportPatch resolver(plugin.module, "getaddrinfo", SlowLookup);
+    const ImportPatch freeing(plugin.module, "freeaddrinfo", KeepAnswer);
     const ImportPatch system7(plugin.module, "GetProcAddress", HideCancelling);
     g_clock = &system.clock;
     ScriptedEngine engine;

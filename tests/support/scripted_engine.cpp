@@ -98,6 +98,12 @@ const EngineRequest& Wire::ReceiveRequest() {
     return script_->request;
 }
 
+void Wire::ReplyAndHangUp(std::string_view text) {
+    Send(WithNul(text));
+    FinishSending();
+    Receive();
+}
+
 void Wire::Hold() {
     WhenReady([] {
         WSASetLastError(WSAEWOULDBLOCK);
@@ -162,14 +168,12 @@ EngineScript Realistic(ClamdTraits traits) {
         const auto holds = [&](const char* word) { return data.find(word) != std::string::npos; };
         const bool infected = traits.signatures && (data == EicarTestString() || holds("VIRUS"));
         if (request.whole) {
-            wire.Send(WithNul(request.command == "zPING"       ? "PONG"
-                              : request.command == "zVERSION"  ? traits.version
-                              : request.command != "zINSTREAM" ? "UNKNOWN COMMAND"
-                              : holds("GARBLE")                ? "what?"
-                              : infected                       ? "stream: Test.Virus FOUND"
-                                                               : "stream: OK"));
-            wire.FinishSending();
-            wire.Receive();
+            wire.ReplyAndHangUp(request.command == "zPING"       ? "PONG"
+                                : request.command == "zVERSION"  ? traits.version
+                                : request.command != "zINSTREAM" ? "UNKNOWN COMMAND"
+                                : holds("GARBLE")                ? "what?"
+                                : infected                       ? "stream: Test.Virus FOUND"
+                                                                 : "stream: OK");
         }
     };
 }
@@ -184,7 +188,8 @@ EngineScript ScriptNamed(const std::string& words) {
                                        : Replying(words);
 }
 
-ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port) : script_(std::move(script)), port_(port) {
+ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port, bool keeps_requests)
+    : script_(std::move(script)), port_(port), keeps_requests_(keeps_requests) {
     Revive();
 }
 
@@ -229,6 +234,9 @@ void ScriptedEngine::Accept(SOCKET listener) {
                     if (killed_) {
                         wire.Reset();
                     }
+                }
+                if (!keeps_requests_) {
+                    it.request = {};
                 }
                 ++ended_;
             });

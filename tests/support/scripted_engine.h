@@ -51,6 +51,8 @@ class Wire {
     bool Ended() const { return ended_; }  // whether Receive has seen the other side end
     // For scripts: a whole request, or as much of one as came.
     const EngineRequest& ReceiveRequest();
+    // For scripts: sends a text with its NUL, then waits for the client to close.
+    void ReplyAndHangUp(std::string_view text);
     void Hold();  // neither reads nor writes until the end
     void FinishSending() { shutdown(socket_, SD_SEND); }
     void Reset();  // ends the connection the hard way
@@ -92,7 +94,8 @@ EngineScript ScriptNamed(const std::string& words);
 class ScriptedEngine {
  public:
     // Listens on 127.0.0.1 at once; port 0 takes a free one. Throws when the port is taken.
-    explicit ScriptedEngine(EngineScript script = Replying("stream: OK"), uint16_t port = 0);
+    explicit ScriptedEngine(EngineScript script = Replying("stream: OK"), uint16_t port = 0,
+                            bool keeps_requests = true);
     ~ScriptedEngine() { Kill(); }
     ScriptedEngine(const ScriptedEngine&) = delete;
     ScriptedEngine& operator=(const ScriptedEngine&) = delete;
@@ -119,6 +122,7 @@ class ScriptedEngine {
     EngineScript script_;
     std::list<Connection> connections_;
     uint16_t port_;
+    bool keeps_requests_;
     std::atomic<bool> killed_ = true;
     std::atomic<unsigned> accepted_ = 0;
     std::atomic<unsigned> ended_ = 0;
