@@ -65,39 +65,37 @@ TEST(Connection, AccountsForEachFailureAndLosesNothing) {
     }));
 }
 
+// Whether an operation had this result, with this in its account.
+bool Came(bool result, bool expected, SocketConnection& from, const std::string& account) {
+    const std::string told = WithNul(from.LastErrorText());
+    EXPECT_THAT(told, HasSubstr(account));
+    return result == expected;
+}
+
 TEST(Connection, ConversesAndCanBeMadeAgain) {
-    ScriptedEngine engine(
-        ReplyingBytes("before\xFF"
-                      "behind"));
-    SocketConnection connection;
+    ScriptedEngine engine(ReplyingBytes(std::string("before\xFF") + "behind"));
+    SocketConnection it;
     ReceivedText text;
-    EXPECT_FALSE(connection.ReceiveStringUntilByte(0, text));
-    EXPECT_THAT(connection.LastErrorText(), HasSubstr("\nNo connection is established"));
+    EXPECT_TRUE(Came(it.ReceiveStringUntilByte(0, text), false, it, "\nNo connection is established"));
     for (const char* host : {"localhost", "127.0.0.1"}) {
-        ASSERT_TRUE(connection.Connect(host, engine.Port(), false, 2000)) << connection.LastErrorText();
-        EXPECT_THAT(connection.LastErrorText(), Not(HasSubstr("NODELAY")));
-        EXPECT_FALSE(connection.SendBytes("x", 0));
-        EXPECT_THAT(connection.LastErrorText(), HasSubstr("\nSize of data to send is zero."));
-        EXPECT_FALSE(connection.SendBytes(nullptr, 1));
-        EXPECT_TRUE(connection.SendBytes("zPING", 6));
-        EXPECT_THAT(connection.LastErrorText(),
-                    AllOf(StartsWith("SendBytes\nNumBytes: 6\n"), EndsWith("\nSuccess.")));
-        EXPECT_TRUE(connection.ReceiveStringUntilByte(300, text));  // is taken as 255
-        EXPECT_THAT(connection.LastErrorText(), StartsWith("ReceiveStringUntilByte\nbyteValue: 300"));
-        EXPECT_EQ(text.View(), "before");
-        EXPECT_TRUE(connection.Close(200));
-        EXPECT_FALSE(connection.Close(200));
-        EXPECT_THAT(connection.LastErrorText(),
-                    AllOf(StartsWith("Close\n"), HasSubstr("\nNo connection to close")));
-        EXPECT_FALSE(connection.SendBytes("x", 1));
-        EXPECT_THAT(connection.LastErrorText(), HasSubstr("\nNo connection is established"));
+        ASSERT_TRUE(it.Connect(host, engine.Port(), false, 2000)) << it.LastErrorText();
+        EXPECT_THAT(it.LastErrorText(), Not(HasSubstr("NODELAY")));
+        EXPECT_TRUE(Came(it.SendBytes("x", 0), false, it, "\nSize of data to send is zero."));
+        EXPECT_TRUE(Came(it.SendBytes(nullptr, 1), false, it, "\nSize of data to send is zero."));
+        EXPECT_TRUE(Came(it.SendBytes("zPING", 6), true, it, WithNul("SendBytes\nNumBytes: 6\nSuccess.")));
+        EXPECT_TRUE(
+            Came(it.ReceiveStringUntilByte(300, text), true, it, "ReceiveStringUntilByte\nbyteValue: 300"));
+        EXPECT_EQ(text.View(), "before");  // 300 is taken as 255
+        EXPECT_TRUE(it.Close(200));
+        EXPECT_TRUE(Came(it.Close(200), false, it, "Close\nmaxWaitMs: 200\nNo connection to close"));
+        EXPECT_TRUE(Came(it.SendBytes("x", 1), false, it, "\nNo connection is established"));
     }
     engine.Play(Replying("to its NUL"));
-    connection.NoDelay(true);
-    ASSERT_TRUE(connection.Connect("127.0.0.1", engine.Port(), false, 2000));
-    EXPECT_THAT(connection.LastErrorText(), HasSubstr("\nSetting TCP_NODELAY\n"));
-    EXPECT_TRUE(connection.SendBytes("zPING", 6));
-    EXPECT_TRUE(connection.ReceiveStringUntilByte(-5, text));  // is taken as 0
+    it.NoDelay(true);
+    ASSERT_TRUE(
+        Came(it.Connect("127.0.0.1", engine.Port(), false, 2000), true, it, "\nSetting TCP_NODELAY\n"));
+    EXPECT_TRUE(it.SendBytes("zPING", 6));
+    EXPECT_TRUE(it.ReceiveStringUntilByte(-5, text));  // is taken as 0
     EXPECT_EQ(text.View(), "to its NUL");
     for (const EngineRequest& each : engine.Requests()) {
         EXPECT_EQ(each.raw, WithNul("zPING"));
@@ -106,34 +104,34 @@ TEST(Connection, ConversesAndCanBeMadeAgain) {
 
 TEST(Connection, EndsItsWaitsAtTheirLimits) {
     ScriptedEngine silent(Silent("stream: ")), deaf(Deaf()), leaving(ReplyingBytes("stream: "));
-    SocketConnection connection;
-    connection.MaxReadIdleMs(300);
-    connection.MaxSendIdleMs(600);
+    const std::string more_than_fits(32 << 20, 'x');
+    SocketConnection it;
+    it.MaxReadIdleMs(300);
+    it.MaxSendIdleMs(600);
     ReceivedText text;
     text.Append("as it was");
-    ASSERT_TRUE(connection.Connect("127.0.0.1", silent.Port(), false, 1000));
-    ASSERT_TRUE(connection.SendBytes("zPING", 6));
+    const auto ask = [&](const ScriptedEngine& engine) {
+        return it.Connect("127.0.0.1", engine.Port(), false, 1000) && it.SendBytes("zPING", 6);
+    };
+    ASSERT_TRUE(ask(silent));
     auto begin = steady_clock::now();
-    EXPECT_FALSE(connection.ReceiveStringUntilByte(0, text));
+    EXPECT_TRUE(Came(it.ReceiveStringUntilByte(0, text), false, it, "\nWaitForData timed out."));
     EXPECT_NEAR(SecondsSince(begin), 0.3, 0.2);
-    EXPECT_THAT(connection.LastErrorText(), HasSubstr("\nWaitForData timed out."));
 
-    ASSERT_TRUE(connection.Connect("127.0.0.1", deaf.Port(), false, 1000));
-    const std::string more_than_fits(32 << 20, 'x');
+    ASSERT_TRUE(ask(deaf));
     begin = steady_clock::now();
-    EXPECT_FALSE(connection.SendBytes(more_than_fits.data(), static_cast<uint32_t>(more_than_fits.size())));
+    EXPECT_TRUE(Came(it.SendBytes(more_than_fits.data(), 32 << 20), false, it,
+                     WithNul("\nSocket send idle timeout\nFailed.")));
     EXPECT_NEAR(SecondsSince(begin), 0.8, 0.3);
-    EXPECT_THAT(connection.LastErrorText(), EndsWith("\nSocket send idle timeout\nFailed."));
 
-    ASSERT_TRUE(connection.Connect("127.0.0.1", leaving.Port(), false, 1000));
-    ASSERT_TRUE(connection.SendBytes("zPING", 6));
-    EXPECT_FALSE(connection.ReceiveStringUntilByte(0, text));
-    EXPECT_THAT(connection.LastErrorText(), HasSubstr("\nThe peer has closed the socket (TCP) connection"));
+    ASSERT_TRUE(ask(leaving));
+    EXPECT_TRUE(
+        Came(it.ReceiveStringUntilByte(0, text), false, it, "\nThe peer has closed the socket (TCP)"));
     EXPECT_EQ(text.View(), "as it was");
     leaving.Kill();
-    EXPECT_TRUE(WaitFor([&] { return !connection.SendBytes("x", 1); }));
-    EXPECT_THAT(connection.LastErrorText(), AllOf(HasSubstr("\nError sending on socket\nWSAE"),
-                                                  EndsWith("\nSocket send failed\nFailed.")));
+    EXPECT_TRUE(WaitFor([&] { return !it.SendBytes("x", 1); }));
+    EXPECT_THAT(it.LastErrorText(), AllOf(HasSubstr("\nError sending on socket\nWSAE"),
+                                          EndsWith("\nSocket send failed\nFailed.")));
 }
 
 TEST(Connection, ClosesWithTheObjectAndHandsOutItsTextInARingOfTen) {

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "base/elapsed_seconds.h"
 #include "base/server_list.h"
@@ -70,24 +69,19 @@ TEST(ReplyVerdict, TellsCleanInfectedAndUnexpected) {
 }
 
 TEST(ByteShift, WrapsAndStaysWithinTheCount) {
-    // Every length and alignment that a vectorised loop could treat apart.
+    std::string all, shifted;
+    for (int i = 0; i < 600; ++i) {
+        all += static_cast<char>(i);
+        shifted += static_cast<char>(i + 255);
+    }
     for (size_t first = 0; first < 16; ++first) {
-        for (size_t count = 0; count < 70; ++count) {
-            std::vector<uint8_t> bytes(first + count + 1);
-            for (size_t i = 0; i < bytes.size(); ++i) {
-                bytes[i] = static_cast<uint8_t>(i * 5);
-            }
-            std::vector<uint8_t> expected = bytes;
-            for (size_t i = first; i < first + count; ++i) {
-                expected[i] = static_cast<uint8_t>(expected[i] + 255);
-            }
-            ShiftBytesDown(bytes.data() + first, count);
-            ASSERT_EQ(bytes, expected) << first << ' ' << count;
+        for (size_t count = 0; count < 580; ++count) {
+            std::string bytes = all;
+            ShiftBytesDown(reinterpret_cast<uint8_t*>(bytes.data()) + first, count);
+            ASSERT_EQ(bytes, std::string(all).replace(first, count, shifted, first, count))
+                << first << ' ' << count;
         }
     }
-    uint8_t bytes[] = {0x00, 0x01, 0xFF};
-    ShiftBytesDown(bytes, 3);
-    EXPECT_EQ(std::string(bytes, bytes + 3), std::string("\xFF\x00\xFE", 3));
 }
 
 TEST(ElapsedSeconds, RoundsDownAndSeesThroughTheWrapOfTheTickCount) {

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <psapi.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <fstream>
 #include <span>
 #include <sstream>
@@ -113,15 +111,6 @@ std::vector<std::string> Installation::LogMessages() const {
         }
     }
     return messages;
-}
-
-bool Installation::WaitForLog(std::string_view beginning, size_t times) const {
-    return WaitFor([&] {
-        const auto messages = LogMessages();
-        return std::count_if(messages.begin(), messages.end(), [&](const auto& each) {
-                   return each.starts_with(beginning);
-               }) >= static_cast<std::ptrdiff_t>(times);
-    });
 }
 
 void Installation::PlaceStandIn(const std::filesystem::path& program, const std::string& role) const {

@@ -51,7 +51,6 @@ class Installation {
     // The messages of the log so far, without their time stamps; lines without one belong to the message
     // above them.
     std::vector<std::string> LogMessages() const;
-    bool WaitForLog(std::string_view beginning, size_t times = 1) const;
 
     // Puts the stand-in there. Roles: "wait", "exit CODE", "release CODE" (ends after Release), "engine
     // PORT SCRIPT" (a ScriptedEngine, see ScriptNamed).
