@@ -115,6 +115,7 @@ TEST(Settings, AreThoseOfTheSectionAndElseTheDefaults) {
         it.installed.CreateLog();
         WriteFile(it.installed.folder / "kestoav.ini", file);
         EXPECT_EQ(it.plugin.Initialize(it.installed.folder), 0);
+        it.installed.WriteSettings("servers=127.0.0.9");  // read at the start only
         it.system.Become(
             {.processes = {{.ends = 1001}}, .accepts_from = kNever, .starts = false, .look_takes = 1000});
         EXPECT_TRUE(it.Scan("x").Failed(1001));
@@ -137,6 +138,7 @@ TEST_F(LogTest, IsWrittenWhereTheSettingSaysOrElseIfItExists) {
         {true, other, false, true},
         {true, folder, false, false},  // what cannot be opened is not made up for
         {true, folder + "\\none\\x.log", false, false},
+        {true, "Z:\\dev\\full", false, false},
         {true, std::string(500, 'x'), false, false},
     };
     for (const auto& [exists, setting, in_default, in_other] : cases) {
