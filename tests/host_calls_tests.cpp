@@ -5,12 +5,7 @@
 namespace kesto {
 namespace {
 
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::StartsWith;
+using namespace testing;
 
 const std::string kFirstLine = "KESTOAV Version 1.0.4\n";
 
@@ -46,19 +41,6 @@ TEST_F(VersionTest, ShowsTheFirstServersReplyInOneOfTwoForms) {
     EXPECT_EQ(second.Accepted(), 0u);
     EXPECT_THAT(system.calls, IsEmpty());  // no engine is looked for
     EXPECT_THAT(installed.LogMessages(), IsEmpty());
-}
-
-TEST_F(VersionTest, WaitsLongerForTheConnectionThanAScanDoes) {
-    auto busy = std::make_unique<UnansweredPort>();
-    const uint16_t port = busy->Port();
-    Start(Servers(port));
-    std::string details;
-    std::thread call([&] { details = plugin.VersionDetails(); });
-    Sleep(1500);  // a scan's limit has passed; there is no event to wait for
-    busy.reset();
-    ScriptedEngine engine(Replying("late"), port);
-    call.join();
-    EXPECT_EQ(details, kFirstLine + "late");
 }
 
 TEST_F(VersionTest, NeverTouchesTheLastByteOfTheBuffer) {
@@ -108,10 +90,7 @@ TEST_F(UpdateTest, IsRefusedWithoutALicenceAndEverAfter) {
 }
 
 TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
-    const struct {
-        SystemState state;
-        std::string outcome;
-    } cases[] = {
+    const std::tuple<SystemState, std::string> cases[] = {
         {{.exit_code = 0}, "done"},
         {{.exit_code = 3}, "with error 3"},
         {{.exit_code = 259}, "with error 259"},  // also what a running process reports
@@ -128,17 +107,17 @@ TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
     const std::string folder = installed.engine_folder.string();
     const std::string start = "start " + folder + "\\kestoavu.exe in " + folder;
     std::filesystem::create_directory(mirrors.parent_path());
-    for (const auto& each : cases) {
-        const bool fails = each.outcome != "done";
+    for (const auto& [state, outcome] : cases) {
+        const bool fails = outcome != "done";
         for (const bool mirrored : {true, false}) {
-            SCOPED_TRACE(each.outcome);
+            SCOPED_TRACE(outcome);
             mirrored ? WriteFile(mirrors, "") : void(std::filesystem::remove(mirrors));
-            system.Become(each.state);
+            system.Become(state);
             system.calls.clear();
-            EXPECT_EQ(Update(), fails ? failed + each.outcome : "done");
+            EXPECT_EQ(Update(), fails ? failed + outcome : "done");
             EXPECT_EQ(std::filesystem::exists(mirrors), mirrored && !fails);
-            EXPECT_EQ(system.calls[0], start);
-            EXPECT_EQ(system.calls.back(), each.state.starts ? "wait 4294967295" : start);
+            const std::vector<std::string> calls = {start, "wait 4294967295"};
+            EXPECT_EQ(system.calls, std::vector(calls.begin(), calls.end() - !state.starts));
             EXPECT_EQ(system.open_handles, 0);
         }
     }
@@ -151,15 +130,15 @@ TEST_F(UpdateTest, NeedsAFolder) {
     EXPECT_EQ(Update(), failed + "with error 3");
     EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(Update(), failed + "with error 3");
-    EXPECT_THAT(system.calls, IsEmpty());
+    system.processes = {};
+    EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, ""), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(Update(), failed + "with error 3");
+    EXPECT_THAT(system.calls, ElementsAre("enumerate"));
 }
 
 TEST_F(VersionTest, ErrorTextsAreBoundedAndTerminated) {
-    const struct {
-        uint32_t code;
-        int32_t size;
-        std::string text;  // with its NUL; empty: the buffer is untouched
-    } cases[] = {
+    // `text`: with its NUL; empty: the buffer is untouched
+    const std::tuple<uint32_t, int32_t, std::string> cases[] = {
         {1001, 64, WithNul("Error connecting to AV server")},
         {1002, 64, WithNul("Error communicating with AV server")},
         {1003, 64, WithNul("Error 1003")},
@@ -175,12 +154,11 @@ TEST_F(VersionTest, ErrorTextsAreBoundedAndTerminated) {
         {1001, -1, ""},
         {5, INT32_MIN, ""},
     };
-    for (const auto& each : cases) {
+    for (const auto& [code, size, text] : cases) {
         std::string buffer(64, 'x');
-        plugin.get_error_text(each.code, buffer.data(), each.size);
-        EXPECT_EQ(buffer, each.text + std::string(64 - each.text.size(), 'x'))
-            << each.code << ' ' << each.size;
-        EXPECT_EQ(plugin.is_fatal_error(each.code), each.code == 1001 ? 1 : 0);
+        plugin.get_error_text(code, buffer.data(), size);
+        EXPECT_EQ(buffer, text + std::string(64 - text.size(), 'x')) << code << ' ' << size;
+        EXPECT_EQ(plugin.is_fatal_error(code), code == 1001 ? 1 : 0);
     }
     plugin.get_error_text(1002, nullptr, 64);
 }
