@@ -22,7 +22,7 @@ constexpr auto kQueryLimit = 5s;  // one server's reply to zPING or zVERSION, an
 constexpr auto kLingering = 2s;
 
 // Silence that is borne while others wait for a place: of one that has sent no data, and of one that has.
-constexpr auto kPatience = 2s;
+constexpr auto kPatience = 1s;
 constexpr auto kPatienceWithData = 5s;
 
 }  // namespace
@@ -442,11 +442,13 @@ void Client::Stop() {
     }
 }
 
-void Client::MakeWay(Time now) {
+bool Client::MakeWay(Time now) {
     const bool hears = phase_ <= Phase::kStream && !blocked_;
-    if (hears && now >= heard_ + (chunks_.data_bytes == 0 ? kPatience : kPatienceWithData)) {
-        Refuse("others wait", "silent while others wait for a place");
+    if (!hears || now < heard_ + (chunks_.data_bytes == 0 ? kPatience : kPatienceWithData)) {
+        return false;
     }
+    Refuse("others wait", "silent while others wait for a place");
+    return true;
 }
 
 void AdvanceWaiting(Bridge& bridge) {

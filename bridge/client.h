@@ -27,8 +27,8 @@ class Client : public std::enable_shared_from_this<Client> {
     void Advance();
     // The bridge is to end: who has asked nothing yet goes at once.
     void Stop();
-    // Others wait for its place: ends it if it has been silent for too long to keep them waiting.
-    void MakeWay(Time now);
+    // Others wait for its place: ends it if it has been silent for too long to keep them waiting. True if so.
+    bool MakeWay(Time now);
 
     bool Waits() const { return waits_; }
 

@@ -76,11 +76,10 @@ Task KeepTime(Bridge& bridge, Reload& reload) {
             attempt->Tick(now);
         }
         const auto clients = bridge.clients;
+        unsigned places = bridge.crowded ? 1 + bridge.settings.clients / 4 : 0;
         for (const auto& client : clients) {
             client->Tick(now);
-            if (bridge.crowded) {
-                client->MakeWay(now);
-            }
+            places -= places != 0 && client->MakeWay(now);
         }
         LookUpAndProbe(bridge, now);
         reload.Tick(bridge, now);

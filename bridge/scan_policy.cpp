@@ -225,7 +225,9 @@ ScanStep ScanPolicy::Next(Time now) {
                 const bool sick = AllSick(fleet_, *waits_since_);
                 waits_ = !last_word && !sick && now < fleet_.down_since.value_or(now) + limits_.wait;
                 if (!waits_) {
-                    DecideWithoutVerdict(sick ? last_failure_ : "no upstream server could be reached");
+                    DecideWithoutVerdict(last_word ? ""
+                                         : sick    ? last_failure_
+                                                   : "no upstream server could be reached");
                 }
             } else {
                 waits_ = nobody;
