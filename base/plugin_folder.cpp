@@ -15,8 +15,12 @@ const char* PluginFolder() {
     return g_plugin_folder;
 }
 
-void FormatEngineFolder(char (&folder)[kMessageSize]) {
+bool FormatEngineFolder(char (&folder)[kMessageSize]) {
+    if (g_plugin_folder[0] == '\0') {
+        return false;
+    }
     FormatText(folder, sizeof folder, "%s\\plugins\\kestoav", g_plugin_folder);
+    return true;
 }
 
 }  // namespace kesto

@@ -50,7 +50,8 @@ void MeasureCall(Bench& bench, uint16_t sink) {
             SocketConnection connection;
             connection.Connect("127.0.0.1", sink, false, 1000);
             stop(2);
-            StreamScan(connection, input, true);
+            ReceivedText reply;
+            StreamScan(connection, input, true, reply);
             stop(3);
             const SOCKET bare = ConnectTo(sink);
             stop(4);

@@ -1,4 +1,5 @@
-// The routines behind the exported names: the call, and the guard that keeps exceptions from the host.
+// The routines behind the exported names. Only start-up, which builds the list of servers, can throw and is
+// guarded: a scan, a version query and an update take no memory that throws where there is none.
 #include <windows.h>
 
 #include <cstdint>
@@ -11,20 +12,21 @@
 #include "plugin/scanner.h"
 #include "update/update_launcher.h"
 
+// Its header does not declare it.
+namespace __gnu_cxx {
+void __freeres();
+}
+
 namespace {
 
 // Kept as the loader hands it over; nothing reads it.
 HINSTANCE g_module;
 
-// The result of `call`, or `failed` if it throws, as it does when memory runs out.
-template <typename Result, typename Call>
-Result Guarded(Result failed, Call call) noexcept {
-    try {
-        return call();
-    } catch (...) {
-        return failed;
-    }
-}
+// The run-time library keeps memory for throwing when there is no other left, and does not give it back by
+// itself when the plug-in is unloaded.
+struct FreesRuntimeMemory {
+    ~FreesRuntimeMemory() { __gnu_cxx::__freeres(); }
+} g_frees_runtime_memory;
 
 }  // namespace
 
@@ -37,9 +39,11 @@ extern "C" {
 
 int32_t __stdcall InitializeScanner(int32_t interface_version, char* short_name, char* long_name,
                                     uint32_t* out_value, const char* folder) {
-    return Guarded<int32_t>(ERROR_NOT_ENOUGH_MEMORY, [&] {
+    try {
         return kesto::InitializeScanner(interface_version, short_name, long_name, out_value, folder);
-    });
+    } catch (...) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
 }
 
 void __stdcall CloseScanner() {
@@ -62,12 +66,7 @@ void __stdcall GetErrorText(uint32_t code, char* buffer, int32_t size) {
 
 uint32_t __stdcall ScanFile(uint32_t, const kesto::ScanFileInput* input, kesto::ScanFileResult* result,
                             uint32_t* error_code, uint32_t, uint32_t) {
-    try {
-        return kesto::ScanFile(input, result, error_code);
-    } catch (...) {
-        // Only the reply takes memory; one that could not be looked at was not understood.
-        return kesto::FailScan(error_code, kesto::kErrorReply);
-    }
+    return kesto::ScanFile(input, result, error_code);
 }
 
 int32_t __stdcall DoUpdate(uint32_t, uint32_t, uint32_t, uint32_t) {
@@ -83,10 +82,7 @@ int32_t __stdcall ReloadScanner() {
 }
 
 void __stdcall GetVersionDetails(char* buffer, int32_t size) {
-    Guarded(0, [&] {
-        kesto::WriteVersionDetails(buffer, size);
-        return 0;
-    });
+    kesto::WriteVersionDetails(buffer, size);
 }
 
 int32_t __stdcall ProcessWindowsMessage(uint32_t, uint32_t, uint32_t) {

@@ -83,10 +83,11 @@ TEST(SocketConnection, ConnectsByNameAndAgainAfterAFailure) {
     FakeEngine engine;
     SocketConnection connection;
     EXPECT_FALSE(connection.Connect("127.0.0.1", FreePort(), false, 1000));
-    std::string text = "as it was";
+    ReceivedText text;
+    ASSERT_TRUE(text.Append("as it was"));
     EXPECT_FALSE(connection.ReceiveStringUntilByte(0, text));
     EXPECT_THAT(connection.LastErrorText(), HasSubstr("No connection is established"));
-    EXPECT_EQ(text, "as it was");
+    EXPECT_EQ(text.View(), "as it was");
     for (const char* host : {"localhost", "127.0.0.1"}) {
         ASSERT_TRUE(connection.Connect(host, engine.port(), false, 2000)) << connection.LastErrorText();
         EXPECT_FALSE(connection.SendBytes("x", 0));
@@ -96,7 +97,7 @@ TEST(SocketConnection, ConnectsByNameAndAgainAfterAFailure) {
         EXPECT_THAT(connection.LastErrorText(),
                     AllOf(StartsWith("SendBytes"), HasSubstr("NumBytes"), HasSubstr("Success.")));
         EXPECT_TRUE(connection.ReceiveStringUntilByte(-5, text));  // is taken as 0
-        EXPECT_EQ(text, "stream: OK");
+        EXPECT_EQ(text.View(), "stream: OK");
         EXPECT_TRUE(connection.Close(200));
         EXPECT_FALSE(connection.Close(200));
         EXPECT_THAT(connection.LastErrorText(), HasSubstr("No connection to close"));
@@ -114,12 +115,13 @@ TEST(SocketConnection, EndsIdleWaitsAtTheirLimits) {
     connection.MaxSendIdleMs(300);
     ASSERT_TRUE(connection.Connect("127.0.0.1", silent.port(), false, 1000));
     ASSERT_TRUE(connection.SendBytes("zPING", 6));
-    std::string text = "as it was";
+    ReceivedText text;
+    ASSERT_TRUE(text.Append("as it was"));
     auto begin = steady_clock::now();
     EXPECT_FALSE(connection.ReceiveStringUntilByte(0, text));
     EXPECT_NEAR(SecondsSince(begin), 0.3, 0.25);
     EXPECT_THAT(connection.LastErrorText(), HasSubstr("WaitForData timed out."));
-    EXPECT_EQ(text, "as it was");
+    EXPECT_EQ(text.View(), "as it was");
 
     ASSERT_TRUE(connection.Connect("127.0.0.1", deaf.port(), false, 1000));
     const std::string more_than_fits(64 << 20, 'x');

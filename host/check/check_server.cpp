@@ -38,16 +38,21 @@ bool Connect(SocketConnection& connection, const ServerEntry& server) {
 // None: no reply came.
 std::optional<std::string> Ask(const ServerEntry& server, std::string_view command) {
     SocketConnection connection;
-    std::string reply;
+    ReceivedText reply;
     connection.MaxReadIdleMs(kReplyMs);
     if (!Connect(connection, server) || !SendCommand(connection, command) ||
         !connection.ReceiveStringUntilByte(0, reply)) {
         return std::nullopt;
     }
-    return reply;
+    return std::string(reply.View());
 }
 
-std::optional<ScanVerdict> Scan(const ServerEntry& server, std::string_view sample, bool encrypt) {
+struct SampleVerdict {
+    VerdictKind kind;
+    std::string text;  // as ScanVerdict has it
+};
+
+std::optional<SampleVerdict> Scan(const ServerEntry& server, std::string_view sample, bool encrypt) {
     SocketConnection connection;
     if (!Connect(connection, server)) {
         return std::nullopt;
@@ -55,10 +60,12 @@ std::optional<ScanVerdict> Scan(const ServerEntry& server, std::string_view samp
     ScanFileInput input = {};
     input.size = static_cast<uint32_t>(sample.size());
     input.data = reinterpret_cast<const uint8_t*>(sample.data());
-    return StreamScan(connection, input, encrypt);
+    ReceivedText reply;
+    const ScanVerdict verdict = StreamScan(connection, input, encrypt, reply);
+    return SampleVerdict{verdict.kind, std::string(verdict.text)};
 }
 
-bool Is(const std::optional<ScanVerdict>& verdict, VerdictKind kind) {
+bool Is(const std::optional<SampleVerdict>& verdict, VerdictKind kind) {
     return verdict && verdict->kind == kind;
 }
 
@@ -66,7 +73,7 @@ std::string Quoted(std::string_view reply) {
     return "\"" + Utf8FromAnsi(reply.substr(0, 200)) + "\"";
 }
 
-std::string Describe(const std::optional<ScanVerdict>& verdict) {
+std::string Describe(const std::optional<SampleVerdict>& verdict) {
     if (!verdict) {
         return "no further connection was accepted";
     }

@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 __builtin_trap();
             break;
         case kesto::VerdictKind::kInfected:
-            if (reply != "stream: " + verdict.text + " FOUND")
+            if (reply != "stream: " + std::string(verdict.text) + " FOUND")
                 __builtin_trap();
             break;
         case kesto::VerdictKind::kUnexpectedReply:
