@@ -113,7 +113,7 @@ bool PluginFolder::WaitForLog(std::string_view message, size_t times) const {
 void PluginFolder::PlaceProgram(const std::string& program, const std::string& role) const {
     WriteFile(program + ".role", event_name_ + '\n' + std::to_string(GetCurrentProcessId()) + '\n' + role);
     // A program that runs cannot be written over, and need not be.
-    CopyFileA((TestProgramFolder() + "\\engine_child.exe").c_str(), program.c_str(), TRUE);
+    CopyFileA((TestProgramFolder() + "\\old_engine_child.exe").c_str(), program.c_str(), TRUE);
 }
 
 void PluginFolder::StartProgram(const std::string& program) const {
