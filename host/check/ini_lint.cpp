@@ -53,6 +53,11 @@ std::string_view Trimmed(std::string_view text) {
     return text;
 }
 
+// "#" makes no comment, but a key that nobody asks for: as good.
+bool IsComment(std::string_view line) {
+    return line.empty() || line[0] == ';' || line[0] == '#';
+}
+
 bool AllDigits(std::string_view text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
@@ -80,19 +85,29 @@ bool Resembles(std::string_view name, std::string_view known) {
 class Linter {
  public:
     std::vector<IniFinding> Lint(std::string_view text) {
-        if (text.starts_with("\xEF\xBB\xBF")) {
+        const bool marked = text.starts_with("\xEF\xBB\xBF");
+        if (marked) {
             text.remove_prefix(3);
-            line_ = 1;
-            Misread(
-                "the file begins with a UTF-8 byte order mark, which hides its first line from the reader",
-                "save it as ANSI text");
         }
+        bool bare_returns = false;
         for (line_ = 1; !text.empty(); ++line_) {
-            const size_t end = std::min(text.find('\n'), text.size());
-            Line(Trimmed(text.substr(0, end)));
-            text.remove_prefix(std::min(end + 1, text.size()));
+            const size_t end = std::min(text.find_first_of("\r\n"), text.size());
+            const std::string_view line = Trimmed(text.substr(0, end));
+            text.remove_prefix(end);
+            bare_returns = bare_returns || (text.starts_with('\r') && !text.starts_with("\r\n"));
+            text.remove_prefix(text.starts_with("\r\n") ? 2 : std::min<size_t>(1, text.size()));
+            if (marked && line_ == 1 && !IsComment(line)) {
+                Misread(
+                    "the file begins with a UTF-8 byte order mark, which hides its first line from the reader",
+                    "save it as ANSI text");
+            }
+            Line(line);
         }
         line_ = 1;
+        if (bare_returns) {
+            Doubt("lines end with a carriage return alone, which not every reader takes for an end",
+                  "save the file with the line ends of Windows");
+        }
         if (!section_seen_) {
             Misread("there is no section [kestoav], so nothing in the file is read",
                     "put [kestoav] above the settings");
@@ -110,8 +125,7 @@ class Linter {
     }
 
     void Line(std::string_view line) {
-        // "#" makes no comment, but a key that nobody asks for: as good.
-        if (line.empty() || line[0] == ';' || line[0] == '#') {
+        if (IsComment(line)) {
             return;
         }
         if (line[0] == '[') {
