@@ -9,7 +9,8 @@ ScanVerdict VerdictOfReply(std::string_view reply) {
         return {VerdictKind::kUnexpectedReply, reply};
     }
     // Behind the prefix: its own blank is no part of " FOUND".
-    std::string_view rest = reply.substr(kPrefix.size());
+    std::string_view rest = reply;
+    rest.remove_prefix(kPrefix.size());
     if (!rest.ends_with(kFound)) {
         return {VerdictKind::kClean, {}};
     }

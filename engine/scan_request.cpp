@@ -22,7 +22,7 @@ constexpr size_t kMostLoggedReply = 900;  // characters
 // One pass: the first server that accepts.
 bool ConnectToAnyServer(SocketConnection& connection) {
     for (const ServerEntry& server : Servers()) {
-        if (connection.Connect(server.host.c_str(), server.port, false, kConnectMs)) {
+        if (connection.Connect(server.host, server.port, false, kConnectMs)) {
             return true;
         }
     }

@@ -22,8 +22,8 @@ void DescribeReply(std::string_view reply, char (&detail)[kMessageSize]) {
         FormatText(detail, sizeof detail, "%.*s", length(reply), reply.data());
         return;
     }
-    const std::string_view database = reply.substr(first + 1, second - first - 1);
-    const std::string_view date = reply.substr(second + 1);
+    const std::string_view database(reply.data() + first + 1, second - first - 1);
+    const std::string_view date(reply.data() + second + 1, reply.size() - second - 1);
     FormatText(detail, sizeof detail, "AV Database %.*s - Updated %.*s", length(database), database.data(),
                length(date), date.data());
 }
@@ -33,9 +33,9 @@ void DescribeEngine(char (&detail)[kMessageSize]) {
     if (Servers().empty()) {  // not started yet
         return;
     }
-    const ServerEntry& server = Servers().front();
+    const ServerEntry& server = *Servers().begin();
     SocketConnection connection;
-    if (!connection.Connect(server.host.c_str(), server.port, false, kConnectMs)) {
+    if (!connection.Connect(server.host, server.port, false, kConnectMs)) {
         return;
     }
     connection.MaxReadIdleMs(kIdleLimitMs);

@@ -25,6 +25,10 @@ bool SocketConnection::LayerStarted() {
         // Two threads at once start it twice, which the system counts and allows.
         WSADATA data;
         g_layer_started = WSAStartup(MAKEWORD(2, 2), &data) == 0;
+        // Nor may it be unloaded while it is started, as it would be with us in a host that has no sockets of
+        // its own: what it holds would be lost, and the next one to load it would find it broken.
+        HMODULE pinned = nullptr;
+        GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN, "ws2_32.dll", &pinned);
     }
     return g_layer_started;
 }
@@ -104,7 +108,8 @@ bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, ui
     Drop();
     StartAccount("Connect_Socket");
     // A long name is cut here so that the reason below it stays within one log line.
-    AddEntry("hostname", std::string_view(hostname != nullptr ? hostname : "").substr(0, 200));
+    const char* const name = hostname != nullptr ? hostname : "";
+    AddEntry("hostname", std::string_view(name, strnlen(name, 200)));
     AddEntry("port", port);
     AddEntry("ssl", ssl);
     AddEntry("maxWaitMs", max_wait_ms);
@@ -317,18 +322,18 @@ bool SocketConnection::ReceiveStringUntilByte(int byte_value, ReceivedText& text
             AddSocketError(error);
             return false;
         }
-        const std::string_view bytes(buffer, static_cast<size_t>(count));
-        const size_t match = bytes.find(last);
-        const std::string_view more = bytes.substr(0, match);
-        if (received.View().size() + more.size() > kMostReplyBytes) {
+        const char* const end = buffer + count;
+        const char* const match = std::find(static_cast<const char*>(buffer), end, last);
+        const auto length = static_cast<size_t>(match - buffer);
+        if (received.View().size() + length > kMostReplyBytes) {
             AddLine("The reply is too long");
             return false;
         }
-        if (!received.Append(more)) {
+        if (!received.Append({buffer, length})) {
             AddLine("Not enough memory for the reply");
             return false;
         }
-        if (match != std::string_view::npos) {
+        if (match != end) {
             text.Swap(received);
             return true;
         }

@@ -1,5 +1,4 @@
-// The routines behind the exported names. Only start-up, which builds the list of servers, can throw and is
-// guarded: a scan, a version query and an update take no memory that throws where there is none.
+// The routines behind the exported names.
 #include <windows.h>
 
 #include <cstdint>
@@ -12,21 +11,10 @@
 #include "plugin/scanner.h"
 #include "update/update_launcher.h"
 
-// Its header does not declare it.
-namespace __gnu_cxx {
-void __freeres();
-}
-
 namespace {
 
 // Kept as the loader hands it over; nothing reads it.
 HINSTANCE g_module;
-
-// The run-time library keeps memory for throwing when there is no other left, and does not give it back by
-// itself when the plug-in is unloaded.
-struct FreesRuntimeMemory {
-    ~FreesRuntimeMemory() { __gnu_cxx::__freeres(); }
-} g_frees_runtime_memory;
 
 }  // namespace
 
@@ -39,11 +27,7 @@ extern "C" {
 
 int32_t __stdcall InitializeScanner(int32_t interface_version, char* short_name, char* long_name,
                                     uint32_t* out_value, const char* folder) {
-    try {
-        return kesto::InitializeScanner(interface_version, short_name, long_name, out_value, folder);
-    } catch (...) {
-        return ERROR_NOT_ENOUGH_MEMORY;
-    }
+    return kesto::InitializeScanner(interface_version, short_name, long_name, out_value, folder);
 }
 
 void __stdcall CloseScanner() {

@@ -14,13 +14,6 @@ if [ -z "${KESTOAV_TEST_CLAMD_PORT:-}" ]; then
   exit 77
 fi
 
-work=$(mktemp -d)
-cleanup() {
-  finish
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
 pack() { # UMASK
   (umask "$1" && "$top/scripts/package") >"$work/packed" 2>&1 || fail "$(cat "$work/packed")"
   sha256sum <"$(echo "$top"/build/release/kestoav-*-win32.zip)"

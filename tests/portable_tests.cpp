@@ -14,11 +14,11 @@ namespace kesto {
 namespace {
 
 std::string Listed(std::string_view text) {
-    std::vector<ServerEntry> servers;
-    AppendServers(servers, text);
+    ServerList servers;
+    servers.Append(text);
     std::string list;
     for (const ServerEntry& each : servers) {
-        list += "<" + each.host + "|" + std::to_string(each.port) + ">";
+        list += std::string("<") + each.host + "|" + std::to_string(each.port) + ">";
     }
     return list;
 }

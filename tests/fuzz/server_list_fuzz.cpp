@@ -1,16 +1,17 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "base/server_list.h"
 
 // One entry more than there are blanks, and every host is the text before its token's first colon.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string text(data, data + size);
-    std::vector<kesto::ServerEntry> servers;
-    kesto::AppendServers(servers, text);
-    if (servers.size() != static_cast<size_t>(std::count(text.begin(), text.end(), ' ')) + 1)
+    const std::string text(data, std::find(data, data + size, 0));
+    kesto::ServerList servers;
+    if (!servers.Append(text))
+        __builtin_trap();
+    if (servers.end() - servers.begin() !=
+        static_cast<ptrdiff_t>(std::count(text.begin(), text.end(), ' ')) + 1)
         __builtin_trap();
     size_t start = 0;
     for (const kesto::ServerEntry& each : servers) {

@@ -71,17 +71,4 @@ ScanOutcome ScanWith(const PluginLibrary& plugin, std::string_view data, std::st
     return outcome;
 }
 
-int32_t PluginTest::Start(const std::string& settings) {
-    plugin.close_scanner();  // a second start lets go of an open log without closing it
-    installed.WriteSettings(settings);
-    return plugin.Initialize(installed.folder);
-}
-
-void PluginTest::StartWithEngine(const std::string& settings) {
-    installed.CreateLog();
-    installed.PlaceStandIn(installed.engine, "wait");
-    installed.StartStandIn(installed.engine);
-    ASSERT_EQ(Start(settings + "\nautostart=0"), 0);
-}
-
 }  // namespace kesto

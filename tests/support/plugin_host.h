@@ -1,9 +1,7 @@
-// The plug-in as its host drives it, and the fixture of the tests that do so.
+// The plug-in as its host drives it.
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include <ostream>
 #include <string>
 #include <string_view>
 
@@ -57,19 +55,5 @@ std::string Servers(Ports... ports) {
     line.back() = '\n';
     return line;
 }
-
-class PluginTest : public testing::Test {
- protected:
-    // Writes the settings and starts the plug-in with them. Does not wait for an engine that it starts.
-    int32_t Start(const std::string& settings);
-    // The same with a log, autostart off and an engine process that only exists.
-    void StartWithEngine(const std::string& settings);
-    ScanOutcome Scan(std::string_view data, std::string_view name = "mail.eml") const {
-        return ScanWith(plugin, data, name);
-    }
-
-    Installation installed;
-    LoadedPlugin plugin{installed};
-};
 
 }  // namespace kesto
