@@ -91,6 +91,7 @@ void MeasureProcessWalks(Bench& bench) {
         }
         constexpr int kCalls = 20;
         std::vector<double> seconds;
+        seconds.reserve(bench.rounds);
         for (int round = 0; round < bench.rounds; ++round) {
             seconds.push_back(SecondsFor(kCalls, [] { FindEngineProcess(); }) / kCalls);
         }

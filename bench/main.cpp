@@ -85,21 +85,21 @@ void Measure(const Options& options) {
 }  // namespace kesto
 
 int main(int argc, char** argv) {
-    CLI::App app("Measures the plug-in and the bridge; works in the current folder");
-    kesto::Options options;
-    app.add_option("--rounds", options.rounds, "Rounds a comparison");
-    app.add_option("--only", options.only,
-                   "One group: shift, walk, scan, threads, call, memory, host, bridge, delay, clamd");
-    app.add_option("--json", options.json, "Where to write the figures");
-    app.add_option("--delaying-sink", options.delaying_sink, "The port of a sink that delays");
-    app.add_option("--clamd", options.clamd, "The port of a clamd");
-    app.add_option("--clamdscan", options.clamdscan, "The command line of clamd's client");
-    uint16_t port = 0;
-    CLI::App* sink = app.add_subcommand("sink", "Serves as the sink engine");
-    sink->add_option("port", port)->required();
-    CLI::App* idle = app.add_subcommand("idle", "Waits");
-    CLI11_PARSE(app, argc, argv);
     try {
+        CLI::App app("Measures the plug-in and the bridge; works in the current folder");
+        kesto::Options options;
+        app.add_option("--rounds", options.rounds, "Rounds a comparison");
+        app.add_option("--only", options.only,
+                       "One group: shift, walk, scan, threads, call, memory, host, bridge, delay, clamd");
+        app.add_option("--json", options.json, "Where to write the figures");
+        app.add_option("--delaying-sink", options.delaying_sink, "The port of a sink that delays");
+        app.add_option("--clamd", options.clamd, "The port of a clamd");
+        app.add_option("--clamdscan", options.clamdscan, "The command line of clamd's client");
+        uint16_t port = 0;
+        CLI::App* sink = app.add_subcommand("sink", "Serves as the sink engine");
+        sink->add_option("port", port)->required();
+        CLI::App* idle = app.add_subcommand("idle", "Waits");
+        CLI11_PARSE(app, argc, argv);
         if (sink->parsed()) {
             return kesto::ServeSink(port);
         }
