@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "bridge/settings/error_words.h"
+
 namespace kesto {
 namespace {
 
@@ -51,7 +53,7 @@ BridgeIni ReadBridgeIni(const std::wstring& program_folder) {
         ini.settings = std::move(settings);
         ini.problems = std::move(problems);
     } else if (error != ERROR_FILE_NOT_FOUND) {
-        ini.problems = {"bridge.ini cannot be read - " + SystemErrorWords(error)};
+        ini.problems = {"bridge.ini cannot be read - " + ErrorWords(error)};
     }
     const std::string& log = ini.settings.logfile;
     ini.log_only_if_present = log.empty();
@@ -92,16 +94,6 @@ std::vector<ServerAddress> OwnAddresses() {
         }
     }
     return addresses;
-}
-
-std::string SystemErrorWords(unsigned long code) {
-    char words[512] = "";
-    const DWORD length = FormatMessageA(
-        FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK, nullptr,
-        code, 0, words, sizeof words, nullptr);
-    std::string text(words, length);
-    text.erase(text.find_last_not_of(" .\r\n") + 1);
-    return (text.empty() ? "system error" : text) + " (" + std::to_string(code) + ")";
 }
 
 }  // namespace kesto

@@ -24,7 +24,4 @@ std::wstring DefaultBridgeLog(const std::wstring& program_folder);
 // Addresses of this machine, for ReadBridgeSettings.
 std::vector<ServerAddress> OwnAddresses();
 
-// What the system says of an error, and its number: "connection refused (10061)".
-std::string SystemErrorWords(unsigned long code);
-
 }  // namespace kesto

@@ -196,12 +196,7 @@ class Reader {
         const BridgeSettings& settings = read_.settings;
         line_ = upstreams_line_;
         for (const ServerAddress& server : settings.upstreams) {
-            ServerAddress host = server;
-            host.port = 0;
-            const bool own = host.host == "localhost" || server == settings.listen ||
-                             (host.kind == HostKind::kIpv4 && host.bytes[0] == 127) ||
-                             std::find(own_.begin(), own_.end(), host) != own_.end();
-            if (own && server.port == settings.listen.port) {
+            if (IsBridgeItself(server, settings, own_)) {
                 Problem("upstreams: '" + AddressText(server) + "' is the bridge itself");
             }
         }
@@ -217,6 +212,15 @@ class Reader {
 };
 
 }  // namespace
+
+bool IsBridgeItself(const ServerAddress& server, const BridgeSettings& settings,
+                    const std::vector<ServerAddress>& own) {
+    ServerAddress host = server;
+    host.port = 0;
+    const bool here = host.host == "localhost" || (host.kind == HostKind::kIpv4 && host.bytes[0] == 127) ||
+                      std::find(own.begin(), own.end(), host) != own.end();
+    return server == settings.listen || (here && server.port == settings.listen.port);
+}
 
 BridgeSettingsRead ReadBridgeSettings(std::string_view text, const std::vector<ServerAddress>& own) {
     return Reader(own).Read(text);

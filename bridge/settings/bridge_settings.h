@@ -27,8 +27,13 @@ struct BridgeSettingsRead {
     std::vector<std::string> problems;  // in the bridge's words; not empty: it does not start
 };
 
-// `text` is the whole file in the ANSI code page; any bytes will do. `own` are the addresses of this machine
-// (ParseHost): a server must not be one of them with the port on which the bridge listens.
+// Whether a server is what the bridge itself listens on: scans would go round in circles. `own` are the
+// addresses of this machine (ParseHost).
+bool IsBridgeItself(const ServerAddress& server, const BridgeSettings& settings,
+                    const std::vector<ServerAddress>& own);
+
+// `text` is the whole file in the ANSI code page; any bytes will do. No server may be the bridge
+// itself.
 BridgeSettingsRead ReadBridgeSettings(std::string_view text, const std::vector<ServerAddress>& own);
 
 }  // namespace kesto

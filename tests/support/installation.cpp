@@ -1,5 +1,6 @@
 #include "tests/support/installation.h"
 
+#include <gtest/gtest.h>
 #include <psapi.h>
 
 #include <algorithm>
@@ -84,9 +85,9 @@ Installation::~Installation() {
     // In its exact form, for the names in it that Windows would read as others. A program's file may be held
     // for a moment after its end.
     std::error_code error;
-    if (!WaitFor([&] { return std::filesystem::remove_all(L"\\\\?\\" + top.wstring(), error), !error; })) {
-        std::fprintf(stderr, "%s stays: %s\n", top.string().c_str(), error.message().c_str());
-    }
+    EXPECT_TRUE(WaitFor([&] {
+        return std::filesystem::remove_all(L"\\\\?\\" + top.wstring(), error), !error;
+    })) << error.message();
 }
 
 void Installation::EndPrograms() const {

@@ -1,0 +1,189 @@
+// The host's other calls: the engine's version, updates, error texts.
+#include "tests/support/fake_system.h"
+#include "tests/support/losses.h"
+
+namespace kesto {
+namespace {
+
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+const std::string kFirstLine = "KESTOAV Version 1.0.4\n";
+
+class VersionTest : public PluginTest {};
+
+TEST_F(VersionTest, ShowsTheFirstServersReplyInOneOfTwoForms) {
+    const uint16_t port = FreePort();
+    ScriptedEngine second;
+    installed.CreateLog();
+    Start("servers=localhost:" + std::to_string(port) + " " + second.Address());
+    EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");
+    system.calls.clear();
+    const std::pair<EngineScript, std::string> cases[] = {
+        {Replying("Engine 9.8/27000/Mon Jan  5 2026"), "AV Database 27000 - Updated Mon Jan  5 2026"},
+        {Replying("//"), "AV Database  - Updated "},
+        {Replying("%s/%n/%d"), "AV Database %n - Updated %d"},
+        {Replying("Engine 9.8"), "Engine 9.8"},
+        {Replying("a/b"), "a/b"},
+        {Replying("a/b/c/d"), "a/b/c/d"},
+        {Replying(""), ""},
+        {Replying(std::string(5000, 'x')), std::string(999, 'x')},
+        {Replying("e/" + std::string(5000, 'v') + "/d"), "AV Database " + std::string(987, 'v')},
+        {ReplyingBytes("Engine/1/today"),
+         "Error -ReceiveStringUntilByte\nbyteValue: 0\nThe peer has closed the socket (TCP) connection"},
+    };
+    for (const auto& [script, line] : cases) {
+        ExpectNothingLost(4, [&] {
+            const ScriptedEngine engine(script, port);
+            EXPECT_EQ(plugin.VersionDetails(), kFirstLine + line);
+            EXPECT_EQ(engine.Requests().at(0).raw, WithNul("zVERSION"));
+        });
+    }
+    EXPECT_EQ(second.Accepted(), 0u);
+    EXPECT_THAT(system.calls, IsEmpty());  // no engine is looked for
+    EXPECT_THAT(installed.LogMessages(), IsEmpty());
+}
+
+TEST_F(VersionTest, WaitsLongerForTheConnectionThanAScanDoes) {
+    auto busy = std::make_unique<UnansweredPort>();
+    const uint16_t port = busy->Port();
+    Start(Servers(port));
+    std::string details;
+    std::thread call([&] { details = plugin.VersionDetails(); });
+    Sleep(1500);  // a scan's limit has passed; there is no event to wait for
+    busy.reset();
+    ScriptedEngine engine(Replying("late"), port);
+    call.join();
+    EXPECT_EQ(details, kFirstLine + "late");
+}
+
+TEST_F(VersionTest, NeverTouchesTheLastByteOfTheBuffer) {
+    ScriptedEngine engine(Replying("a/1/2"));
+    EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");  // before the start
+    Start(Servers(engine.Port()));
+    const std::string whole = kFirstLine + "AV Database 1 - Updated 2";
+    for (const size_t size : {size_t{0}, size_t{1}, size_t{2}, size_t{3}, size_t{10}, whole.size(),
+                              whole.size() + 1, whole.size() + 2, whole.size() + 3}) {
+        std::string buffer(whole.size() + 8, '\x5E'), expected = buffer;
+        plugin.get_version_details(buffer.data(), static_cast<uint32_t>(size));
+        if (size >= 2) {
+            const std::string text = WithNul(whole.substr(0, size - 2));
+            expected.replace(0, text.size(), text);
+        }
+        EXPECT_EQ(buffer, expected) << size;
+    }
+    plugin.get_version_details(nullptr, 100);
+}
+
+class UpdateTest : public PluginTest {
+ protected:
+    // The result and, of a failure, the title and message; of a success, that both are as they were.
+    std::string Update() const {
+        // Sizes as agreed, and guard bytes behind them.
+        std::string title(kUpdateTitleSize + 8, '\x5E'), message(kUpdateMessageSize + 8, '\x5E');
+        const std::string no_title = title, no_message = message;
+        if (plugin.do_simple_update(title.data(), message.data()) == 1) {
+            return title == no_title && message == no_message ? "done" : "done, and buffers written";
+        }
+        return title.ends_with(std::string(8, '\x5E')) && message.ends_with(std::string(8, '\x5E')) &&
+                       title.c_str() == std::string("KESTO Antivirus Update Failed")
+                   ? message.c_str()
+                   : "wrong title or written too far";
+    }
+    const std::string failed = "The KESTO Antivirus Update attempt failed ";
+    const std::filesystem::path mirrors = installed.engine_folder / "db" / "mirrors.dat";
+};
+
+TEST_F(UpdateTest, IsRefusedWithoutALicenceAndEverAfter) {
+    Start("autostart=0");
+    EXPECT_EQ(Update(), failed + "because you do not have a valid licence");
+    plugin.get_expiry(0, 0, 0);
+    Start("autostart=0");
+    EXPECT_EQ(Update(), "done");
+    EXPECT_THAT(system.calls, IsEmpty());
+}
+
+TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
+    const struct {
+        SystemState state;
+        std::string outcome;
+    } cases[] = {
+        {{.exit_code = 0}, "done"},
+        {{.exit_code = 3}, "with error 3"},
+        {{.exit_code = 259}, "with error 259"},  // also what a running process reports
+        {{.exit_code = 0xFFFFFFFF}, "with error 4294967295"},
+        {{.starts = false, .start_error = 2}, "with error 2"},
+        {{.starts = false, .start_error = 0}, "done"},  // but nothing is waited for
+        {{.start_error = 5, .exit_code = 0}, "done"},
+    };
+    installed.CreateLog();
+    Start("autostart=0");
+    // Arguments are the host's own: they must never be followed.
+    reinterpret_cast<int32_t(__stdcall*)(int, int, int, int, int)>(reinterpret_cast<void*>(
+        GetProcAddress(static_cast<HMODULE>(plugin.module), "_GetExpiry2@20")))(1, 2, 3, 4, 5);
+    const std::string folder = installed.engine_folder.string();
+    const std::string start = "start " + folder + "\\kestoavu.exe in " + folder;
+    std::filesystem::create_directory(mirrors.parent_path());
+    for (const auto& each : cases) {
+        const bool fails = each.outcome != "done";
+        for (const bool mirrored : {true, false}) {
+            SCOPED_TRACE(each.outcome);
+            mirrored ? WriteFile(mirrors, "") : void(std::filesystem::remove(mirrors));
+            system.Become(each.state);
+            system.calls.clear();
+            EXPECT_EQ(Update(), fails ? failed + each.outcome : "done");
+            EXPECT_EQ(std::filesystem::exists(mirrors), mirrored && !fails);
+            EXPECT_EQ(system.calls[0], start);
+            EXPECT_EQ(system.calls.back(), each.state.starts ? "wait 4294967295" : start);
+            EXPECT_EQ(system.open_handles, 0);
+        }
+    }
+    EXPECT_EQ(plugin.do_simple_update(nullptr, nullptr), 1);
+    EXPECT_THAT(installed.LogMessages(), IsEmpty());
+}
+
+TEST_F(UpdateTest, NeedsAFolder) {
+    plugin.get_expiry(1, 2, 3);
+    EXPECT_EQ(Update(), failed + "with error 3");
+    EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(Update(), failed + "with error 3");
+    EXPECT_THAT(system.calls, IsEmpty());
+}
+
+TEST_F(VersionTest, ErrorTextsAreBoundedAndTerminated) {
+    const struct {
+        uint32_t code;
+        int32_t size;
+        std::string text;  // with its NUL; empty: the buffer is untouched
+    } cases[] = {
+        {1001, 64, WithNul("Error connecting to AV server")},
+        {1002, 64, WithNul("Error communicating with AV server")},
+        {1003, 64, WithNul("Error 1003")},
+        {0, 64, WithNul("Error 0")},
+        {0xFFFFFFFF, 64, WithNul("Error 4294967295")},
+        {1001, 10, WithNul("Error con")},
+        {1002, 1, WithNul("")},
+        {5, 4, WithNul("Err")},
+        {5, 7, WithNul("Error ")},
+        {5, 8, WithNul("Error 5")},
+        {5, 0, ""},
+        {1001, 0, ""},
+        {1001, -1, ""},
+        {5, INT32_MIN, ""},
+    };
+    for (const auto& each : cases) {
+        std::string buffer(64, 'x');
+        plugin.get_error_text(each.code, buffer.data(), each.size);
+        EXPECT_EQ(buffer, each.text + std::string(64 - each.text.size(), 'x'))
+            << each.code << ' ' << each.size;
+        EXPECT_EQ(plugin.is_fatal_error(each.code), each.code == 1001 ? 1 : 0);
+    }
+    plugin.get_error_text(1002, nullptr, 64);
+}
+
+}  // namespace
+}  // namespace kesto
