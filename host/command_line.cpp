@@ -71,15 +71,18 @@ struct Given {
 };
 
 void AddOptions(CLI::App& app, Given& given, Options& options) {
-    app.add_option("FILE", given.paths, "Files to scan; * and ? stand for what they match, - for standard input")
+    app.add_option("FILE", given.paths,
+                   "Files to scan; * and ? stand for what they match, - for standard input")
         ->type_name("");
-    app.add_option("--file-list", given.file_list, "Scan what this file names, one path a line; - reads standard input")
+    app.add_option("--file-list", given.file_list,
+                   "Scan what this file names, one path a line; - reads standard input")
         ->type_name("FILE");
     app.add_flag("-r,--recursive", options.list.recursive, "Scan the files in and below named folders");
     app.add_option("--exclude", given.excluded_files, "Leave out files of such a name; may be repeated")
         ->type_name("PATTERN")
         ->allow_extra_args(false);
-    app.add_option("--exclude-dir", given.excluded_folders, "Leave out folders of such a name; may be repeated")
+    app.add_option("--exclude-dir", given.excluded_folders,
+                   "Leave out folders of such a name; may be repeated")
         ->type_name("PATTERN")
         ->allow_extra_args(false);
     app.add_flag("-i,--infected", options.infected, "Print infected files only; errors go to standard error");
@@ -123,8 +126,7 @@ std::string Contradiction(const CLI::App& app, const Given& given, const Options
     if (options.json && !scan && !given.check) {
         return "--json goes with a scan or with --check";
     }
-    const bool standard_input =
-        std::find(given.paths.begin(), given.paths.end(), "-") != given.paths.end();
+    const bool standard_input = std::find(given.paths.begin(), given.paths.end(), "-") != given.paths.end();
     if (!given.move.empty() && !given.copy.empty()) {
         return "--move and --copy exclude each other";
     }
@@ -169,10 +171,10 @@ std::optional<Options> ParseCommandLine(int count, wchar_t** arguments, int& sta
         return WrongUsage(contradiction, status);
     }
 
-    options.task = given.version  ? Task::kVersion
-                   : given.update ? Task::kUpdate
-                   : given.check  ? Task::kCheck
-                   : given.stats  ? Task::kStats
+    options.task = given.version                                    ? Task::kVersion
+                   : given.update                                   ? Task::kUpdate
+                   : given.check                                    ? Task::kCheck
+                   : given.stats                                    ? Task::kStats
                    : given.paths.empty() && given.file_list.empty() ? Task::kPing
                                                                     : Task::kScan;
     options.paths = AllWide(given.paths);

@@ -17,9 +17,11 @@ namespace {
 constexpr DWORD kSettleMs = 1000;
 constexpr DWORD kPollMs = 50;
 
-constexpr DWORD kEndedByPlugin = 0xFFFFFFFF;  // the exit code that the plug-in gives an engine that it restarts
+constexpr DWORD kEndedByPlugin =
+    0xFFFFFFFF;  // the exit code that the plug-in gives an engine that it restarts
 
-std::atomic<HANDLE> g_engine = nullptr;  // the last that was started; no handle is closed, since there are few
+std::atomic<HANDLE> g_engine =
+    nullptr;  // the last that was started; no handle is closed, since there are few
 
 bool EngineVisible() {
     const auto engines = EngineProcesses();

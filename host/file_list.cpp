@@ -92,7 +92,8 @@ class Lister {
         }
     }
 
-    void AddFolder(const std::wstring& path, const std::wstring& exact, std::wstring_view name, bool matched) {
+    void AddFolder(const std::wstring& path, const std::wstring& exact, std::wstring_view name,
+                   bool matched) {
         if (Excluded(options_.excluded_folders, path, name)) {
             return;
         }
@@ -158,8 +159,7 @@ std::vector<ListedFile> ListFiles(const std::vector<std::wstring>& paths, const 
 }
 
 bool ReadPathList(const std::wstring& file, std::vector<std::wstring>& paths, std::string& error) {
-    const FileBytes bytes =
-        file == kStandardInput ? ReadStandardInput() : ReadWholeFile(ExactPath(file));
+    const FileBytes bytes = file == kStandardInput ? ReadStandardInput() : ReadWholeFile(ExactPath(file));
     if (!bytes.error.empty()) {
         error = "the list " + Utf8FromWide(file) + " cannot be read: " + bytes.error + " (" +
                 std::to_string(bytes.code) + ")";

@@ -31,8 +31,8 @@ inline constexpr wchar_t kStandardInput[] = L"-";  // as a path
 // with its error, and so are devices.
 std::vector<ListedFile> ListFiles(const std::vector<std::wstring>& paths, const ListOptions& options);
 
-// The lines of `file`, or of standard input, that are not empty, as WideFromFile reads them. False with `error`
-// set (UTF-8) when it cannot be read.
+// The lines of `file`, or of standard input, that are not empty, as WideFromFile reads them. False with
+// `error` set (UTF-8) when it cannot be read.
 bool ReadPathList(const std::wstring& file, std::vector<std::wstring>& paths, std::string& error);
 
 }  // namespace kesto

@@ -68,7 +68,8 @@ std::optional<std::vector<ListedFile>> FilesToScan(const Options& options, std::
 }
 
 // With the plug-in loaded. `stays`: it must not be unloaded.
-int RunTask(const Options& options, const InstalledPlugin& installed, const PluginLibrary& plugin, bool& stays) {
+int RunTask(const Options& options, const InstalledPlugin& installed, const PluginLibrary& plugin,
+            bool& stays) {
     const bool scan = options.task == Task::kScan;
     std::string error;
     std::optional<std::vector<ListedFile>> files;
@@ -104,10 +105,12 @@ int RunTask(const Options& options, const InstalledPlugin& installed, const Plug
     if (options.task == Task::kUpdate) {
         return Update(plugin, installed);
     }
-    const ScanOutcome scanned =
-        ScanFiles(plugin, installed, std::move(*files),
-                  {options.jobs, options.timeout, options.quarantine, options.move,
-                   {options.json, options.infected, options.summary}});
+    const ScanOutcome scanned = ScanFiles(plugin, installed, std::move(*files),
+                                          {options.jobs,
+                                           options.timeout,
+                                           options.quarantine,
+                                           options.move,
+                                           {options.json, options.infected, options.summary}});
     stays = scanned.threads_left;
     return scanned.status;
 }

@@ -14,8 +14,9 @@ bool MatchesPattern(std::wstring_view name, std::wstring_view pattern) {
         if (wanted == L'*') {
             star = in_pattern++;
             star_end = in_name;
-        } else if (wanted != L'\0' && (wanted == L'?' || std::towlower(static_cast<wint_t>(wanted)) ==
-                                                             std::towlower(static_cast<wint_t>(name[in_name])))) {
+        } else if (wanted != L'\0' &&
+                   (wanted == L'?' || std::towlower(static_cast<wint_t>(wanted)) ==
+                                          std::towlower(static_cast<wint_t>(name[in_name])))) {
             ++in_pattern;
             ++in_name;
         } else if (star != std::wstring_view::npos) {

@@ -22,9 +22,9 @@ constexpr auto kOneTry = std::chrono::milliseconds(kIdleLimitMs);
 
 // The answer of the first server that accepts the connection; `words` begins with its address.
 ServerAnswer AskFirst(const InstalledPlugin& installed, std::string& words,
-                      const std::function<ServerAnswer(const ServerEntry&)>& ask) {
+                      const std::function<ServerAnswer(const Server&)>& ask) {
     ServerAnswer answer;
-    for (const ServerEntry& server : installed.servers) {
+    for (const Server& server : installed.servers) {
         answer = ask(server);
         words = AddressText(server) + ": ";
         if (answer.connected) {
@@ -39,9 +39,9 @@ ServerAnswer AskFirst(const InstalledPlugin& installed, std::string& words,
 bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words) {
     const Deadline end = Clock::now() + std::chrono::seconds(wait_seconds);
     for (;;) {
-        const Deadline deadline = wait_seconds == 0 ? Clock::now() + kOneTry
-                                                    : std::min<Deadline>(Clock::now() + kOneTry, end);
-        const ServerAnswer answer = AskFirst(installed, words, [&](const ServerEntry& server) {
+        const Deadline deadline =
+            wait_seconds == 0 ? Clock::now() + kOneTry : std::min<Deadline>(Clock::now() + kOneTry, end);
+        const ServerAnswer answer = AskFirst(installed, words, [&](const Server& server) {
             return ScanAtServer(server, kCleanSample, installed.settings.encrypt, deadline);
         });
         if (answer.reply == "stream: OK") {
@@ -68,7 +68,7 @@ int Ping(const InstalledPlugin& installed, unsigned wait_seconds) {
 
 int PrintStats(const InstalledPlugin& installed) {
     std::string words;
-    const ServerAnswer answer = AskFirst(installed, words, [](const ServerEntry& server) {
+    const ServerAnswer answer = AskFirst(installed, words, [](const Server& server) {
         return AskServer(server, "zSTATS", Clock::now() + kOneTry);
     });
     if (!answer.reply || answer.reply->starts_with("UNKNOWN")) {

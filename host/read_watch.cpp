@@ -17,7 +17,8 @@ LONG CALLBACK OnException(EXCEPTION_POINTERS* raised) {
     if (record.ExceptionCode == STATUS_GUARD_PAGE_VIOLATION && record.NumberParameters >= 2) {
         for (const auto& each : g_watches) {
             ReadWatch* const watch = each;
-            if (watch != nullptr && watch->Reach(reinterpret_cast<const void*>(record.ExceptionInformation[1]))) {
+            if (watch != nullptr &&
+                watch->Reach(reinterpret_cast<const void*>(record.ExceptionInformation[1]))) {
                 return EXCEPTION_CONTINUE_EXECUTION;
             }
         }
@@ -59,7 +60,8 @@ bool ReadWatch::Reach(const void* address) {
 // Only pages that hold nothing but these bytes.
 void ReadWatch::Protect(unsigned long protection) const {
     for (uint64_t offset = kStep; offset + 2 * kPage < size_; offset += kStep) {
-        const uintptr_t page = (reinterpret_cast<uintptr_t>(bytes_) + static_cast<uint32_t>(offset)) & ~(kPage - 1);
+        const uintptr_t page =
+            (reinterpret_cast<uintptr_t>(bytes_) + static_cast<uint32_t>(offset)) & ~(kPage - 1);
         DWORD before;
         VirtualProtect(reinterpret_cast<void*>(page), kPage, protection, &before);
     }

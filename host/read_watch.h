@@ -6,8 +6,8 @@
 
 namespace kesto {
 
-// Puts a guard on a page of every MB, which the system takes away again when it is first read, and counts what
-// was reached. The guards go with the object.
+// Puts a guard on a page of every MB, which the system takes away again when it is first read, and counts
+// what was reached. The guards go with the object.
 class ReadWatch {
  public:
     ReadWatch(uint8_t* bytes, uint32_t size);

@@ -42,9 +42,9 @@ struct Lane {
     const ListedFile* file = nullptr;  // none between two
     size_t index = 0;
     LaneState state = LaneState::kReading;
-    Clock::time_point began;        // of the state
-    Clock::duration reading = {};   // how long that took
-    bool given_up = false;          // its call may return or not; nobody waits for it
+    Clock::time_point began;       // of the state
+    Clock::duration reading = {};  // how long that took
+    bool given_up = false;         // its call may return or not; nobody waits for it
     ReadWatch* watch = nullptr;
 };
 
@@ -214,8 +214,8 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         return file.exact.empty() ? ReadStandardInput() : ReadWholeFile(file.exact);
     }
 
-    // Scans begin in the order in which the files were listed. Several run at a time only as long as the engine
-    // answers: threads that all find it unreachable would each restart it, and end one another's.
+    // Scans begin in the order in which the files were listed. Several run at a time only as long as the
+    // engine answers: threads that all find it unreachable would each restart it, and end one another's.
     bool WaitForTurn(Guard& guard, Lane& lane) {
         lane.reading = Clock::now() - lane.began;
         lane.state = LaneState::kWaiting;
@@ -289,24 +289,25 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
             return logged;
         }
         return PluginErrorText(plugin_, code) +
-               (code == kErrorReply ? ": no verdict in the engine's reply, which kestoav.log would tell" : "");
+               (code == kErrorReply ? ": no verdict in the engine's reply, which kestoav.log would tell"
+                                    : "");
     }
 
     void Infected(const Lane& lane, uint32_t size, const std::string& virus) {
         ++totals_.infected;
         const std::string path = Utf8FromWide(lane.file->path);
         std::wstring where;
-        const unsigned long code =
-            options_.quarantine.empty()
-                ? 0
-                : PutAway(lane.file->exact, options_.quarantine, options_.move, where);
+        const unsigned long code = options_.quarantine.empty()
+                                       ? 0
+                                       : PutAway(lane.file->exact, options_.quarantine, options_.move, where);
         const char* const done = where.empty() ? "" : options_.move ? "moved" : "copied";
         report_.Infected(path, size, virus, done, Utf8FromWide(where));
         if (code != 0) {
             ++totals_.errors;
-            report_.Failed(path, std::string("Not ") + (options_.move ? "moved" : "copied") + ": " +
-                                     SystemErrorText(code),
-                           code);
+            report_.Failed(
+                path,
+                std::string("Not ") + (options_.move ? "moved" : "copied") + ": " + SystemErrorText(code),
+                code);
         }
     }
 

@@ -15,7 +15,8 @@
 namespace kesto {
 namespace {
 
-constexpr std::chrono::seconds kServersLimit(27);  // from the check's start; the rest takes no time to speak of
+constexpr std::chrono::seconds kServersLimit(
+    27);  // from the check's start; the rest takes no time to speak of
 
 Findings CheckLibrary(const std::wstring& path) {
     Findings findings;
@@ -46,7 +47,7 @@ Findings CheckFolder(const InstalledPlugin& installed) {
 Findings CheckPorts(const InstalledPlugin& installed, const std::vector<Findings>& of_servers) {
     Findings findings;
     for (size_t i = 0; i < of_servers.size(); ++i) {
-        const ServerEntry& server = installed.servers[i];
+        const Server& server = installed.servers[i];
         const auto owner = of_servers[i].Any(CheckState::kFailed) ? ListenerOn(server.host, server.port)
                                                                   : std::optional<PortOwner>();
         if (owner && !owner->program.empty() && owner->program != "kestoav.exe") {
@@ -90,15 +91,14 @@ class Check {
  private:
     void CheckAllServers(const InstalledBridge& bridge) {
         std::vector<CheckedServer> asked;
-        for (const ServerEntry& server : installed_.servers) {
-            asked.push_back(
-                {"server " + AddressText(server), server, true, installed_.settings.encrypt});
+        for (const Server& server : installed_.servers) {
+            asked.push_back({"server " + AddressText(server), server, true, installed_.settings.encrypt});
         }
         const size_t servers = asked.size();
         if (bridge.used && bridge.ini.problems.empty()) {
             for (const ServerAddress& server : bridge.ini.settings.upstreams) {
-                asked.push_back({"upstream " + kesto::AddressText(server), {server.host, server.port}, false,
-                                 false});
+                asked.push_back(
+                    {"upstream " + kesto::AddressText(server), {server.host, server.port}, false, false});
             }
         }
         std::vector<Findings> all = CheckServers(asked, start_ + kServersLimit, [&](size_t done) {
@@ -127,7 +127,8 @@ class Check {
         }
         Findings findings;
         const std::string listen = kesto::AddressText(bridge.ini.settings.listen);
-        const std::string text = "listen=" + listen + " is none of servers= in kestoav.ini: scans pass the bridge by";
+        const std::string text =
+            "listen=" + listen + " is none of servers= in kestoav.ini: scans pass the bridge by";
         if (all_well) {
             findings.Ok("bridge settings", text);
         } else {

@@ -15,10 +15,10 @@
 namespace kesto {
 namespace {
 
-constexpr unsigned kLeastIdle = 20;        // seconds for which the plug-in waits for a byte
-constexpr unsigned kMostUsefulWait = 120;  // seconds; a scan ends after little more, whatever comes then
+constexpr unsigned kLeastIdle = 20;          // seconds for which the plug-in waits for a byte
+constexpr unsigned kMostUsefulWait = 120;    // seconds; a scan ends after little more, whatever comes then
 constexpr unsigned kMostSensibleKeep = 512;  // MB of the 2 GB that a 32-bit program has, with all else in it
-constexpr uint32_t kLogTail = 4096;        // bytes; holds the last line
+constexpr uint32_t kLogTail = 4096;          // bytes; holds the last line
 
 bool Runs64Bit() {
     SYSTEM_INFO machine;
@@ -49,7 +49,7 @@ void CheckBlanks(Findings& findings, const std::wstring& program) {
 }
 
 // Whether the plug-in reaches the bridge by this entry of its list. A name may be any address.
-bool Meets(const ServerEntry& server, const ServerAddress& listen, const std::vector<ServerAddress>& own) {
+bool Meets(const Server& server, const ServerAddress& listen, const std::vector<ServerAddress>& own) {
     if (server.port != listen.port) {
         return false;
     }
@@ -81,7 +81,8 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
     const std::string check = "bridge settings";
     if (bridge.used && settings.decrypt != installed.settings.encrypt) {
         const std::string value = installed.settings.encrypt ? "1" : "0";
-        findings.Failed(check, "decrypt differs from encrypt=" + value + " in kestoav.ini: every virus passes",
+        findings.Failed(check,
+                        "decrypt differs from encrypt=" + value + " in kestoav.ini: every virus passes",
                         "write decrypt=" + value + " into bridge.ini, and end kestoav.exe to have it read");
     }
     if (!settings.listen.host.starts_with("127.")) {
@@ -98,9 +99,9 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
                          "write idle=30");
     }
     if (settings.keep > kMostSensibleKeep) {
-        findings.Warning(check,
-                         "keep=" + std::to_string(settings.keep) + " may be more memory than kestoav.exe gets",
-                         "write keep=128, or 512 at most");
+        findings.Warning(
+            check, "keep=" + std::to_string(settings.keep) + " may be more memory than kestoav.exe gets",
+            "write keep=128, or 512 at most");
     }
     for (const auto& [key, value] : {std::pair{"wait", settings.wait}, {"verdict", settings.verdict}}) {
         if (value > kMostUsefulWait) {
@@ -116,13 +117,13 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
 
 InstalledBridge ReadBridge(const InstalledPlugin& installed) {
     InstalledBridge bridge;
-    bridge.has_ini = GetFileAttributesW((installed.engine_folder + L"\\bridge.ini").c_str()) !=
-                     INVALID_FILE_ATTRIBUTES;
+    bridge.has_ini =
+        GetFileAttributesW((installed.engine_folder + L"\\bridge.ini").c_str()) != INVALID_FILE_ATTRIBUTES;
     bridge.ini = ReadBridgeIni(installed.engine_folder);
     const auto own = OwnAddresses();
-    bridge.used = std::any_of(
-        installed.servers.begin(), installed.servers.end(),
-        [&](const ServerEntry& server) { return Meets(server, bridge.ini.settings.listen, own); });
+    bridge.used = std::any_of(installed.servers.begin(), installed.servers.end(), [&](const Server& server) {
+        return Meets(server, bridge.ini.settings.listen, own);
+    });
     bridge.last_end = LastEnd(bridge.ini.log_path);
     return bridge;
 }
@@ -168,11 +169,10 @@ Findings CheckBridgeSettings(const InstalledPlugin& installed, const InstalledBr
         findings.Ok("bridge settings",
                     std::string(bridge.has_ini ? "in effect" : "bridge.ini is missing, in effect") +
                         ": listen=" + AddressText(settings.listen) + " upstreams=" + upstreams.substr(1) +
-                        " decrypt=" + (settings.decrypt ? "1" : "0") + " idle=" +
-                        std::to_string(settings.idle) + " keep=" + std::to_string(settings.keep) +
-                        " wait=" + std::to_string(settings.wait) +
-                        " verdict=" + std::to_string(settings.verdict) +
-                        " clients=" + std::to_string(settings.clients));
+                        " decrypt=" + (settings.decrypt ? "1" : "0") +
+                        " idle=" + std::to_string(settings.idle) + " keep=" + std::to_string(settings.keep) +
+                        " wait=" + std::to_string(settings.wait) + " verdict=" +
+                        std::to_string(settings.verdict) + " clients=" + std::to_string(settings.clients));
     }
     const std::wstring& log = bridge.ini.log_path;
     const bool off =

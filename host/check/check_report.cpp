@@ -62,8 +62,7 @@ int CheckReport::Finish() {
         const CheckState worst = failed != 0     ? CheckState::kFailed
                                  : warnings != 0 ? CheckState::kWarning
                                                  : CheckState::kOk;
-        const Json summary = {
-            {"state", Name(worst)}, {"ok", ok}, {"warnings", warnings}, {"failed", failed}};
+        const Json summary = {{"state", Name(worst)}, {"ok", ok}, {"warnings", warnings}, {"failed", failed}};
         PrintOut("{\"checks\": [" + json_checks_ + "\n], \"summary\": " + JsonLine(summary) + "}\n");
     } else {
         PrintOut("\n" + std::to_string(ok) + " ok, " + std::to_string(warnings) + " warnings, " +

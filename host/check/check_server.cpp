@@ -142,11 +142,11 @@ class ServerCheck {
             server_.of_plugin ? "servers= in kestoav.ini" : "upstreams= in bridge.ini";
         if (!failure.empty()) {
             const bool name = failure.find("DNS ") == 0 || failure.find("the name was") == 0;
-            findings_.Failed(check, "not made: " + failure,
-                             name ? "write an address in place of the name into " + setting +
-                                        ", or have the name service know it"
-                                  : "start what listens there, open the firewall for it, or correct " +
-                                        setting);
+            findings_.Failed(
+                check, "not made: " + failure,
+                name ? "write an address in place of the name into " + setting +
+                           ", or have the name service know it"
+                     : "start what listens there, open the firewall for it, or correct " + setting);
             return false;
         }
         const std::string text = "made in " + DurationText(seconds);
@@ -162,10 +162,11 @@ class ServerCheck {
     bool TellPing(const ServerAnswer& answer) {
         const std::string check = Check("zPING");
         if (!answer.reply) {
-            findings_.Failed(check, "no answer: " + answer.failure,
-                             server_.of_plugin
-                                 ? "see the engine's log: the clamd behind it may be down or still loading"
-                                 : "see clamd's log: it may still be loading, or another program may have the port");
+            findings_.Failed(
+                check, "no answer: " + answer.failure,
+                server_.of_plugin
+                    ? "see the engine's log: the clamd behind it may be down or still loading"
+                    : "see clamd's log: it may still be loading, or another program may have the port");
             return false;
         }
         if (*answer.reply == "PONG") {
@@ -181,7 +182,8 @@ class ServerCheck {
         const std::string check = Check("zVERSION");
         const std::string remedy = "run the signature updater on the engine's machine";
         if (!answer.reply) {
-            findings_.Warning(check, "no answer: the age of its signatures is unknown", "see the engine's log");
+            findings_.Warning(check, "no answer: the age of its signatures is unknown",
+                              "see the engine's log");
             return;
         }
         const std::string& reply = *answer.reply;
@@ -224,8 +226,9 @@ class ServerCheck {
                                 Verdict::kInfected) {
             TellOtherShift(check);
         } else {
-            findings_.Failed(check, Describe(answer),
-                             clean ? "check that the engine has loaded its signatures" : "see the engine's log");
+            findings_.Failed(
+                check, Describe(answer),
+                clean ? "check that the engine has loaded its signatures" : "see the engine's log");
         }
     }
 

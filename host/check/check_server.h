@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "base/server_list.h"
 #include "host/check/check_report.h"
 #include "host/common/server_talk.h"
 
@@ -13,7 +12,7 @@ namespace kesto {
 
 struct CheckedServer {
     std::string name;  // for the report: "server 127.0.0.1:3313"
-    ServerEntry address;
+    Server address;
     bool of_plugin;  // connected to as the plug-in does; otherwise a clamd behind the bridge
     bool encrypt;    // the samples' bytes are shifted
 };

@@ -23,7 +23,8 @@ void CheckIni(Findings& findings, const std::wstring& path) {
         return;
     }
     if (!bytes.error.empty()) {
-        findings.Failed("settings", Utf8FromWide(path) + " cannot be read: " + SystemErrorWithCode(bytes.code),
+        findings.Failed("settings",
+                        Utf8FromWide(path) + " cannot be read: " + SystemErrorWithCode(bytes.code),
                         "create the folder, or give the mail server's account the right to read the file");
         return;
     }

@@ -10,8 +10,8 @@ Findings CheckSettings(const InstalledPlugin& installed);
 
 Findings CheckLog(const InstalledPlugin& installed);
 
-// Why a log file at this path cannot be appended to, by this account; empty when it can. What was not there is
-// not there afterwards either.
+// Why a log file at this path cannot be appended to, by this account; empty when it can. What was not there
+// is not there afterwards either.
 std::string LogFault(const std::wstring& path);
 
 }  // namespace kesto

@@ -98,7 +98,8 @@ class Linter {
             text.remove_prefix(text.starts_with("\r\n") ? 2 : std::min<size_t>(1, text.size()));
             if (marked && line_ == 1 && !IsComment(line)) {
                 Misread(
-                    "the file begins with a UTF-8 byte order mark, which hides its first line from the reader",
+                    "the file begins with a UTF-8 byte order mark, which hides its first line from the "
+                    "reader",
                     "save it as ANSI text");
             }
             Line(line);

@@ -53,9 +53,8 @@ bool Listens(uint32_t process_id) {
 }
 
 std::string OwnerText(const PortOwner& owner) {
-    return owner.program.empty()
-               ? "another program"
-               : owner.program + " (process " + std::to_string(owner.process_id) + ")";
+    return owner.program.empty() ? "another program"
+                                 : owner.program + " (process " + std::to_string(owner.process_id) + ")";
 }
 
 }  // namespace kesto

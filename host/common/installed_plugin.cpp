@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include "base/server_list.h"
 #include "host/common/plugin_library.h"
 #include "host/common/text.h"
 
@@ -19,7 +20,11 @@ InstalledPlugin ReadInstalledPlugin(const std::wstring& folder) {
         ReadSettings(ansi_folder.c_str(), log_path);
     }
     installed.settings = Settings();
-    AppendServers(installed.servers, installed.settings.servers);
+    ServerList servers;
+    servers.Append(installed.settings.servers);
+    for (const ServerEntry& server : servers) {
+        installed.servers.push_back({server.host, server.port});
+    }
     const std::wstring default_log = folder + L"\\kestoav.log";
     if (log_path[0] != '\0') {
         installed.log = WideFromAnsi(log_path);
@@ -38,7 +43,7 @@ bool HoldsPlugin(const InstalledPlugin& installed) {
     return false;
 }
 
-std::string AddressText(const ServerEntry& server) {
+std::string AddressText(const Server& server) {
     return Utf8FromAnsi(server.host) + ":" + std::to_string(server.port);
 }
 

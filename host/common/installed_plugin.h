@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "base/server_list.h"
 #include "base/settings.h"
+#include "host/common/server_talk.h"
 
 namespace kesto {
 
@@ -16,7 +16,7 @@ struct InstalledPlugin {
     std::wstring updater;        // kestoavu.exe
     std::wstring log;            // the plug-in's; empty: off
     ScannerSettings settings;
-    std::vector<ServerEntry> servers;
+    std::vector<Server> servers;
     std::string folder_fault;  // not empty: the plug-in cannot take the folder, and the settings are defaults
 };
 
@@ -26,7 +26,7 @@ InstalledPlugin ReadInstalledPlugin(const std::wstring& folder);
 bool HoldsPlugin(const InstalledPlugin& installed);
 
 // "127.0.0.1:3313"
-std::string AddressText(const ServerEntry& server);
+std::string AddressText(const Server& server);
 
 bool IsFile(const std::wstring& path);
 

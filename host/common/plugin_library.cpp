@@ -134,9 +134,10 @@ bool AnsiFolder(const std::wstring& folder, std::string& ansi, std::string& erro
         return false;
     }
     if (ansi.size() > kMostFolder) {
-        error = "the plug-in takes a folder of at most 231 characters, since paths below it may have "
-                "at most 259 characters, and this one has " +
-                std::to_string(ansi.size());
+        error =
+            "the plug-in takes a folder of at most 231 characters, since paths below it may have "
+            "at most 259 characters, and this one has " +
+            std::to_string(ansi.size());
         return false;
     }
     return true;

@@ -36,7 +36,7 @@ class Talk {
     Talk(const Talk&) = delete;
     Talk& operator=(const Talk&) = delete;
 
-    bool Connect(const ServerEntry& server) {
+    bool Connect(const Server& server) {
         addrinfo wanted = {};
         wanted.ai_socktype = SOCK_STREAM;
         addrinfo* found = nullptr;
@@ -174,7 +174,7 @@ double SecondsSince(Clock::time_point start) {
 
 // `send` puts the question.
 template <typename Send>
-ServerAnswer Converse(const ServerEntry& server, Deadline deadline, Send send) {
+ServerAnswer Converse(const Server& server, Deadline deadline, Send send) {
     const auto start = Clock::now();
     ServerAnswer answer;
     Talk talk(deadline);
@@ -197,7 +197,7 @@ ServerAnswer Converse(const ServerEntry& server, Deadline deadline, Send send) {
 
 }  // namespace
 
-ServerAnswer ConnectToServer(const ServerEntry& server, Deadline deadline) {
+ServerAnswer ConnectToServer(const Server& server, Deadline deadline) {
     const auto start = Clock::now();
     Talk talk(deadline);
     ServerAnswer answer;
@@ -210,19 +210,18 @@ ServerAnswer ConnectToServer(const ServerEntry& server, Deadline deadline) {
     return answer;
 }
 
-ServerAnswer AskServer(const ServerEntry& server, std::string_view command, Deadline deadline) {
-    return Converse(server, deadline,
-                    [&](Talk& talk) { return talk.Send(std::string(command) + '\0'); });
+ServerAnswer AskServer(const Server& server, std::string_view command, Deadline deadline) {
+    return Converse(server, deadline, [&](Talk& talk) { return talk.Send(std::string(command) + '\0'); });
 }
 
-ServerAnswer ScanAtServer(const ServerEntry& server, std::string_view bytes, bool shifted,
-                          Deadline deadline) {
+ServerAnswer ScanAtServer(const Server& server, std::string_view bytes, bool shifted, Deadline deadline) {
     return Converse(server, deadline, [&](Talk& talk) { return SendStream(talk, bytes, shifted); });
 }
 
 std::string DurationText(double seconds) {
     char text[32];
-    std::snprintf(text, sizeof text, seconds < 1 ? "%.0f ms" : "%.1f s", seconds < 1 ? seconds * 1000 : seconds);
+    std::snprintf(text, sizeof text, seconds < 1 ? "%.0f ms" : "%.1f s",
+                  seconds < 1 ? seconds * 1000 : seconds);
     return text;
 }
 

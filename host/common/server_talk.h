@@ -2,36 +2,40 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include "base/server_list.h"
 
 namespace kesto {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
+struct Server {
+    std::string host;  // a name, or an IPv4 or IPv6 address without brackets; in the ANSI code page
+    uint16_t port;
+};
+
 struct ServerAnswer {
     std::optional<std::string> reply;  // whole, without its NUL
     std::string failure;               // where there is none: why, one line (UTF-8)
     bool connected = false;
-    double seconds = 0;                // from the start of connecting to the end
+    double seconds = 0;  // from the start of connecting to the end
 };
 
-// A host may be a name, or an IPv4 or IPv6 address without brackets. Each of these ends by the deadline, except
+// Each of these ends by the deadline, except
 // for the lookup of a name, which nothing can end; and at the latest when nothing came for as long as the
 // plug-in waits.
 
 // Connects and says nothing; the reply is then empty.
-ServerAnswer ConnectToServer(const ServerEntry& server, Deadline deadline);
+ServerAnswer ConnectToServer(const Server& server, Deadline deadline);
 
 // Sends a command and its NUL.
-ServerAnswer AskServer(const ServerEntry& server, std::string_view command, Deadline deadline);
+ServerAnswer AskServer(const Server& server, std::string_view command, Deadline deadline);
 
 // Has the bytes scanned, each shifted down by one with `shifted`, as the plug-in does with encrypt=1. Unlike
 // the plug-in, takes a reply that comes before all of them are sent.
-ServerAnswer ScanAtServer(const ServerEntry& server, std::string_view bytes, bool shifted, Deadline deadline);
+ServerAnswer ScanAtServer(const Server& server, std::string_view bytes, bool shifted, Deadline deadline);
 
 // "10 ms" or "2.3 s".
 std::string DurationText(double seconds);
