@@ -8,7 +8,6 @@
 #include "host/check/check_report.h"
 #include "host/check/check_server.h"
 #include "host/check/check_settings.h"
-#include "host/check/port_owner.h"
 #include "host/common/plugin_library.h"
 #include "host/common/text.h"
 
@@ -39,21 +38,6 @@ Findings CheckFolder(const InstalledPlugin& installed) {
     } else if (!HoldsPlugin(installed)) {
         findings.Failed("folder", Utf8FromWide(installed.folder) + " holds no part of the plug-in",
                         "name the folder in which kestoav.ini and plugins lie");
-    }
-    return findings;
-}
-
-// A server that did not answer may be another program's port.
-Findings CheckPorts(const InstalledPlugin& installed, const std::vector<Findings>& of_servers) {
-    Findings findings;
-    for (size_t i = 0; i < of_servers.size(); ++i) {
-        const Server& server = installed.servers[i];
-        const auto owner = of_servers[i].Any(CheckState::kFailed) ? ListenerOn(server.host, server.port)
-                                                                  : std::optional<PortOwner>();
-        if (owner && !owner->program.empty() && owner->program != "kestoav.exe") {
-            findings.Failed("engine port", AddressText(server) + " belongs to " + OwnerText(*owner),
-                            "if that is no scan engine, end it, or give the engine another port");
-        }
     }
     return findings;
 }
@@ -110,7 +94,6 @@ class Check {
         for (const Findings& each : all) {
             report_.Add(each);
         }
-        report_.Add(CheckPorts(installed_, all));
         TellWhetherTheyMeet(bridge, AllWell(all));
         // Where no bridge.ini is, another engine than the bridge may be in its place: as long as that scans,
         // what lies behind it is its own affair.

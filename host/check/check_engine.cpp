@@ -152,7 +152,7 @@ Findings CheckEngineProgram(const InstalledPlugin& installed) {
 
 Findings CheckBridgeSettings(const InstalledPlugin& installed, const InstalledBridge& bridge) {
     Findings findings;
-    if (!bridge.has_ini && !bridge.used) {
+    if (!bridge.has_ini && (!bridge.used || !IsFile(installed.engine))) {
         return findings;
     }
     for (const std::string& problem : bridge.ini.problems) {
@@ -195,18 +195,22 @@ Findings CheckEngineProcess(const InstalledPlugin& installed, const InstalledBri
     const std::vector<ProgramProcess> engines = EngineProcesses();
     const auto hidden =
         std::count_if(engines.begin(), engines.end(), [](const auto& e) { return !e.visible; });
+    const ServerAddress& listen = bridge.ini.settings.listen;
+    const auto owner = bridge.used ? ListenerOn(listen.host, listen.port) : std::nullopt;
+    const std::string taken =
+        owner ? "its port " + AddressText(listen) + " is taken by " + OwnerText(*owner) : "";
+    const std::string free_port =
+        "end that program, or change listen= in bridge.ini and servers= in kestoav.ini";
     if (engines.empty()) {
         std::string text = "kestoav.exe does not run: no scan connects before it does";
         std::string remedy = "start the mail server, or " + Utf8FromWide(installed.engine);
-        const ServerAddress& listen = bridge.ini.settings.listen;
         if (!bridge.last_end.empty()) {
             text += "; the last line of its log is \"" + bridge.last_end + "\"";
             remedy = "mend what its log says, then " + remedy;
         }
-        if (const auto owner = ListenerOn(listen.host, listen.port); owner && bridge.used) {
-            text += "; its port " + AddressText(listen) + " is taken by " + OwnerText(*owner);
-            remedy = "end that program, or change listen= in bridge.ini and servers= in kestoav.ini; then " +
-                     remedy;
+        if (owner) {
+            text += "; " + taken;
+            remedy = free_port + "; then " + remedy;
         }
         findings.Failed(check, text, remedy);
     } else if (hidden == static_cast<int64_t>(engines.size())) {
@@ -220,6 +224,10 @@ Findings CheckEngineProcess(const InstalledPlugin& installed, const InstalledBri
     } else if (!engines[0].path.empty() && !SameFile(engines[0].path, installed.engine)) {
         findings.Warning(check, "kestoav.exe runs from elsewhere: " + Utf8FromWide(engines[0].path),
                          "end it unless it is meant to be this plug-in's engine");
+    } else if (bridge.has_ini && owner && !owner->program.empty() && owner->process_id != engines[0].id) {
+        findings.Failed(check,
+                        "kestoav.exe runs as process " + std::to_string(engines[0].id) + ", but " + taken,
+                        free_port);
     } else {
         findings.Ok(check, "kestoav.exe runs as process " + std::to_string(engines[0].id));
     }

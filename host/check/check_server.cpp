@@ -11,6 +11,7 @@
 
 #include "engine/reply_verdict.h"
 #include "host/check/database_age.h"
+#include "host/check/port_owner.h"
 #include "host/check/test_samples.h"
 #include "host/common/text.h"
 #include "net/socket_connection.h"
@@ -26,6 +27,8 @@ constexpr double kToldReply = 1;             // seconds from which on a scan's t
 constexpr double kSlowReply = 15;            // seconds; near enough to the plug-in's limit of 20
 constexpr int kOldDays = 7;                  // signatures appear daily
 constexpr size_t kLongStream = 2 << 20;
+constexpr int kTries = 5;  // for a question to a server that hangs up: an engine that starts does
+constexpr auto kTriesPause = std::chrono::milliseconds(500);
 constexpr size_t kMostThreads = 16;  // servers asked at a time, each with several questions
 
 // The account's reason without the call's arguments above it.
@@ -38,7 +41,13 @@ std::string ConnectFailure(SocketConnection& connection) {
             break;
         }
     }
-    std::string text = Utf8FromAnsi(account.substr(reason));
+    account.remove_prefix(reason);
+    const bool name = account.starts_with("DNS ");
+    if (name) {
+        // The firewall that the account then suspects is not at fault.
+        account = account.substr(0, account.find("\nCheck to make sure"));
+    }
+    std::string text = (name ? kNameFailure : "") + Utf8FromAnsi(account);
     std::replace(text.begin(), text.end(), '\n', ' ');
     return text;
 }
@@ -91,8 +100,7 @@ class ServerCheck {
             long_text += kCleanSample;
         }
         const auto ask = [this](std::string_view command) {
-            return std::async(std::launch::async,
-                              [=, this] { return AskServer(server_.address, command, deadline_); });
+            return std::async(std::launch::async, [=, this] { return AskStartingServer(command); });
         };
         const auto scan = [this](const std::string& bytes) {
             return std::async(std::launch::async, [&, this] {
@@ -121,6 +129,20 @@ class ServerCheck {
  private:
     std::string Check(const char* what) const { return server_.name + " " + what; }
 
+    ServerAnswer AskStartingServer(std::string_view command) const {
+        ServerAnswer answer;
+        for (int i = 0; i < kTries && !answer.reply; ++i) {
+            if (i > 0) {
+                std::this_thread::sleep_for(kTriesPause);
+            }
+            answer = AskServer(server_.address, command, deadline_);
+            if (answer.seconds > kToldReply) {
+                break;
+            }
+        }
+        return answer;
+    }
+
     bool CheckConnection() {
         const std::string check = Check("connection");
         const auto start = Clock::now();
@@ -141,7 +163,7 @@ class ServerCheck {
         const std::string setting =
             server_.of_plugin ? "servers= in kestoav.ini" : "upstreams= in bridge.ini";
         if (!failure.empty()) {
-            const bool name = failure.find("DNS ") == 0 || failure.find("the name was") == 0;
+            const bool name = failure.starts_with(kNameFailure);
             findings_.Failed(
                 check, "not made: " + failure,
                 name ? "write an address in place of the name into " + setting +
@@ -172,7 +194,7 @@ class ServerCheck {
         if (*answer.reply == "PONG") {
             findings_.Ok(check, "answered");
         } else {
-            findings_.Warning(check, "answered " + Quoted(*answer.reply),
+            findings_.Warning(check, "answered " + Quoted(*answer.reply) + Owner(),
                               "check that a clamd listens there, or the engine in front of one");
         }
         return true;

@@ -104,6 +104,13 @@ class Linter {
             }
             Line(line);
         }
+        for (const Elsewhere& setting : elsewhere_) {
+            if (!seen_[setting.key]) {
+                line_ = setting.line;
+                Doubt(setting.text + " stands outside of the section [kestoav] and is not read",
+                      "move it below the line [kestoav], if it is meant for the plug-in");
+            }
+        }
         line_ = 1;
         if (bare_returns) {
             Doubt("lines end with a carriage return alone, which not every reader takes for an end",
@@ -135,11 +142,7 @@ class Linter {
         }
         const size_t equals = line.find('=');
         if (!in_section_) {
-            if (!section_seen_ && equals != std::string_view::npos &&
-                Nearest(Trimmed(line.substr(0, equals)))) {
-                Misread(Quoted(line) + " stands outside of the section [kestoav] and is not read",
-                        "move it below the line [kestoav]");
-            }
+            SettingElsewhere(line, Trimmed(line.substr(0, std::min(equals, line.size()))));
             return;
         }
         if (equals == std::string_view::npos) {
@@ -150,9 +153,21 @@ class Linter {
         Setting(Trimmed(line.substr(0, equals)), Trimmed(line.substr(equals + 1)));
     }
 
+    // Other programs may have sections of their own in the file.
+    void SettingElsewhere(std::string_view line, std::string_view name) {
+        const KnownKey* const key = line.find('=') == std::string_view::npos ? nullptr : Nearest(name);
+        if (key && !other_section_ && !section_seen_) {
+            Misread(Quoted(line) + " stands outside of the section [kestoav] and is not read",
+                    "move it below the line [kestoav]");
+        } else if (key && other_section_) {
+            elsewhere_.push_back({line_, static_cast<size_t>(key - kKnownKeys.data()), Quoted(line)});
+        }
+    }
+
     void Section(std::string_view line) {
         const std::string_view name = line.substr(1, std::min(line.find(']'), line.size()) - 1);
         in_section_ = Lower(name) == kSection;
+        other_section_ = !in_section_;
         if (in_section_ && section_seen_) {
             in_section_ = false;
             Misread("a second section [kestoav] is not read", "move its settings into the first");
@@ -326,11 +341,19 @@ class Linter {
         }
     }
 
+    struct Elsewhere {
+        size_t line;
+        size_t key;  // its index
+        std::string text;
+    };
+
     std::vector<IniFinding> findings_;
+    std::vector<Elsewhere> elsewhere_;
     std::array<bool, kKnownKeys.size()> seen_ = {};
     size_t line_ = 1;
     bool section_seen_ = false;
     bool in_section_ = false;
+    bool other_section_ = false;
 };
 
 }  // namespace

@@ -43,7 +43,7 @@ class Talk {
         const int error =
             getaddrinfo(server.host.c_str(), std::to_string(server.port).c_str(), &wanted, &found);
         if (error != 0) {
-            return Fail("the name was not found: " + SocketErrorText(error));
+            return Fail(kNameFailure + SocketErrorText(error));
         }
         for (const addrinfo* each = found; each != nullptr && socket_ == INVALID_SOCKET;
              each = each->ai_next) {

@@ -11,6 +11,9 @@ namespace kesto {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
+// How a failure to connect begins when it was the name's.
+inline const std::string kNameFailure = "the name does not resolve: ";
+
 struct Server {
     std::string host;  // a name, or an IPv4 or IPv6 address without brackets; in the ANSI code page
     uint16_t port;
