@@ -181,11 +181,20 @@ class ServerCheck {
         return true;
     }
 
+    // Names the program of this machine that has the port, unless it is an engine.
+    std::string Owner() const {
+        const auto owner = server_.address.host.starts_with("127.")
+                               ? ListenerOn(server_.address.host, server_.address.port)
+                               : std::nullopt;
+        const bool told = owner && !owner->program.empty() && owner->program != "kestoav.exe";
+        return told ? "; the port belongs to " + OwnerText(*owner) : "";
+    }
+
     bool TellPing(const ServerAnswer& answer) {
         const std::string check = Check("zPING");
         if (!answer.reply) {
             findings_.Failed(
-                check, "no answer: " + answer.failure,
+                check, "no answer: " + answer.failure + Owner(),
                 server_.of_plugin
                     ? "see the engine's log: the clamd behind it may be down or still loading"
                     : "see clamd's log: it may still be loading, or another program may have the port");

@@ -22,11 +22,16 @@ using std::chrono::milliseconds;
 constexpr milliseconds kConnectLimit(3000);  // for each address
 constexpr milliseconds kIdleLimit(kIdleLimitMs);
 constexpr size_t kMostReply = 1 << 20;
+constexpr size_t kToldReply = 60;  // bytes of one that did not end
 constexpr size_t kChunkSize = 8192;
 
 std::string SocketErrorText(int error) {
     const char* description = SocketErrorDescription(error);
     return description != nullptr ? description : SystemErrorWithCode(static_cast<DWORD>(error));
+}
+
+std::string Begun(const std::string& reply) {
+    return "\"" + Utf8FromAnsi(reply.substr(0, kToldReply)) + (reply.size() > kToldReply ? "...\"" : "\"");
 }
 
 class Talk {
@@ -82,11 +87,11 @@ class Talk {
                 }
             } else if (count == 0) {
                 return Fail(reply.empty() ? "the connection was closed without a reply"
-                                          : "the connection was closed within the reply");
+                                          : "the connection was closed within the reply " + Begun(reply));
             } else if (WSAGetLastError() != WSAEWOULDBLOCK) {
                 return Fail("the connection broke before the reply: " + SocketErrorText(WSAGetLastError()));
             } else if (!WaitUntilReady(kIdleLimit, false)) {
-                return Fail(reply.empty() ? "no reply came" : "the reply did not end");
+                return Fail(reply.empty() ? "no reply came" : "no end came of the reply " + Begun(reply));
             }
         }
     }
