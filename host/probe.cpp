@@ -18,6 +18,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kPause = std::chrono::milliseconds(250);
+constexpr auto kConnectLimit = std::chrono::seconds(3);
 constexpr auto kOneTry = std::chrono::milliseconds(kIdleLimitMs);
 
 // The answer of the first server that accepts the connection; `words` begins with its address.
@@ -54,6 +55,14 @@ bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std:
         }
         std::this_thread::sleep_for(kPause);
     }
+}
+
+std::string NoServerAccepts(const InstalledPlugin& installed) {
+    std::string words;
+    const ServerAnswer answer = AskFirst(installed, words, [](const Server& server) {
+        return ConnectToServer(server, Clock::now() + kConnectLimit);
+    });
+    return answer.connected ? "" : "no server accepts a connection - " + words + answer.failure + "\n";
 }
 
 int Ping(const InstalledPlugin& installed, unsigned wait_seconds) {

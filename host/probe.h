@@ -11,7 +11,10 @@ namespace kesto {
 // and at least once. True when they were found clean; `words` tells of the last try (UTF-8).
 bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words);
 
-// Prints what that came to and returns the exit status.
+// Why a scan would wait for a server for ever; empty when one accepts a connection.
+std::string NoServerAccepts(const InstalledPlugin& installed);
+
+// Prints what asking the engine came to and returns the exit status.
 int Ping(const InstalledPlugin& installed, unsigned wait_seconds);
 
 // Prints the engine's counters and returns the exit status.

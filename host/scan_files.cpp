@@ -17,6 +17,7 @@
 #include "host/engine_start.h"
 #include "host/interrupt.h"
 #include "host/plugin_log.h"
+#include "host/probe.h"
 #include "host/progress.h"
 #include "host/quarantine.h"
 #include "host/read_watch.h"
@@ -75,7 +76,12 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         while (!AllDone()) {
             changed_.wait_for(guard, kWatchInterval);
             const auto now = Clock::now();
-            GiveUpLateLanes(now);
+            if (GiveUpLateLanes(now) && stop_words_.empty()) {
+                guard.unlock();
+                const std::string words = NoServerAccepts(installed_);
+                guard.lock();
+                stop_words_ = words;
+            }
             if (!engine_answered_ && stop_words_.empty() && StartedEngineIsGone()) {
                 stop_words_ = EngineEndsText(installed_);
             }
@@ -137,8 +143,9 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         }).detach();
     }
 
-    // A thread that reads ahead of its turn holds nobody up.
-    void GiveUpLateLanes(Clock::time_point now) {
+    // Returns whether there was a scan among them. A thread that reads ahead of its turn holds nobody up.
+    bool GiveUpLateLanes(Clock::time_point now) {
+        bool scans = false;
         for (size_t i = 0; i < lanes_.size(); ++i) {
             Lane& lane = *lanes_[i];
             const bool counts = lane.state == LaneState::kScanning ||
@@ -147,6 +154,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
                 now - lane.began + lane.reading < std::chrono::seconds(options_.timeout)) {
                 continue;
             }
+            scans = scans || lane.state == LaneState::kScanning;
             if (lane.state == LaneState::kReading) {
                 ++turn_;
             }
@@ -156,6 +164,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
             engine_answered_ = false;
             AddLane();
         }
+        return scans;
     }
 
     // Returns where the run or the lane ends.
