@@ -208,17 +208,15 @@ TEST_F(CheckTest, TakesSettingsInUtf16) {
     EXPECT_THAT(Check().out, HasSubstr("kestoav.ini line 3: encrypt=\"yes\" is no number"));
 }
 
-class OddFolderCheck : public CheckTest {
- protected:
-    OddFolderCheck() : CheckTest(L"\u0436 mail") {}
-};
-
-TEST_F(OddFolderCheck, WorksByTheShortNameAndWarnsOfBlanks) {
-    const RunResult result = Check();
-    EXPECT_EQ(result.status, 0u) << result.out;
-    EXPECT_THAT(result.out, HasSubstr("warning  folder: its path holds a blank"));
-    WriteFile(installed.top / L"\u0436.exe", "not ours");
-    EXPECT_THAT(Check().out, HasSubstr(".exe would be started in place of the engine"));
+TEST_F(CheckTest, WorksByTheShortNameAndWarnsOfBlanks) {
+    const Installation odd(L"\u0436 mail");
+    odd.PlaceStandIn(odd.engine, "wait");
+    odd.WriteSettings("servers=" + engine.Address());
+    const auto check = [&] { return ProgramRun(odd.folder / "kestoscan.exe", L"--check").Finish(); };
+    EXPECT_EQ(check().status, 0u);
+    EXPECT_THAT(check().out, HasSubstr("warning  folder: its path holds a blank"));
+    WriteFile(odd.top / L"\u0436.exe", "not ours");
+    EXPECT_THAT(check().out, HasSubstr(".exe would be started in place of the engine"));
 }
 
 // A file that holds the test string whole would be quarantined on many machines.
