@@ -4,11 +4,13 @@ namespace kesto {
 namespace {
 
 char g_plugin_folder[kPathSize];
+bool g_given;  // by the host, which may give an empty text
 
 }  // namespace
 
 void SetPluginFolder(const char* folder) {
     CopyText(g_plugin_folder, sizeof g_plugin_folder, folder);
+    g_given = true;
 }
 
 const char* PluginFolder() {
@@ -16,7 +18,7 @@ const char* PluginFolder() {
 }
 
 bool FormatEngineFolder(char (&folder)[kMessageSize]) {
-    if (g_plugin_folder[0] == '\0') {
+    if (!g_given) {
         return false;
     }
     FormatText(folder, sizeof folder, "%s\\plugins\\kestoav", g_plugin_folder);

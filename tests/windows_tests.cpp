@@ -92,7 +92,8 @@ TEST_F(RealEngineTest, CleanScanTakesLessThan24KilobytesOfStack) {
     EXPECT_LT(scanned, 24 * 1024);
 }
 
-std::vector<std::string> g_asked;  // of the system, by the patches below
+// Of the system, by the patches below: by the test itself, not by the engine beside it.
+thread_local std::vector<std::string> g_asked;
 
 int WSAAPI RecordRequest(SOCKET socket, DWORD code, void* in, DWORD in_size, void*, DWORD, DWORD*,
                          OVERLAPPED*, LPWSAOVERLAPPED_COMPLETION_ROUTINE) {
