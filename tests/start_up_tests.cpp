@@ -192,8 +192,8 @@ TEST_F(LogTest, AppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
 }
 
 TEST_F(StartUpTest, SettingsOfGarbageDoNoHarm) {
-    std::string garbage =
-        "servers=" + std::string(70'000, ' ') + ":\nstartwait=99999999999999\nlogfile=%s%n\n";
+    std::string garbage = "servers=" + std::string(70'000, ' ') +
+                          ":\nstartwait=99999999999999\nlogfile=" + installed.folder.string() + "\\%s%n\n";
     for (int i = 0; i < 5000; ++i) {
         garbage += static_cast<char>(i * 31);
     }

@@ -137,15 +137,24 @@ int WSAAPI SlowLookup(const char*, const char*, const addrinfo*, addrinfo** resu
 }
 void WSAAPI KeepAnswer(addrinfo*) {}
 
+int WSAAPI RecordConnect(int, fd_set* read, fd_set* send, fd_set* refused, timeval* limit) {
+    if (refused != nullptr) {
+        g_asked.push_back(std::to_string(limit->tv_sec * 1000 + limit->tv_usec / 1000) + " ms");
+    }
+    return select(0, read, send, refused, limit);
+}
+
 FARPROC WINAPI HideCancelling(HMODULE module, const char* name) {
     return strcmp(name, "GetAddrInfoExCancel") == 0 ? nullptr : GetProcAddress(module, name);
 }
 
 TEST_F(WindowsTest, AnswerOfALookupThatCannotBeCancelledComesInTimeOrNotAtAll) {
     const ImportPatch resolver(plugin.module, "getaddrinfo", SlowLookup);
+    const ImportPatch connecting(plugin.module, "select", RecordConnect);
     const ImportPatch freeing(plugin.module, "freeaddrinfo", KeepAnswer);
     const ImportPatch system7(plugin.module, "GetProcAddress", HideCancelling);
     g_clock = &system.clock;
+    g_asked.clear();
     ScriptedEngine engine;
     installed.CreateLog();
     Start("servers=mail.test:" + std::to_string(engine.Port()));
@@ -156,6 +165,7 @@ TEST_F(WindowsTest, AnswerOfALookupThatCannotBeCancelledComesInTimeOrNotAtAll) {
     EXPECT_THAT(installed.LogMessages(),
                 ElementsAre("Scan file - mail.eml - 1", "Scan file - mail.eml - 1",
                             AllOf(HasSubstr("\nDNS timed out."), Not(HasSubstr("Connect function")))));
+    EXPECT_EQ(g_asked.front(), "1 ms");  // what the lookup has left of the limit
 }
 
 int g_spare = 0;  // calls that still find memory; below 0 all others do, too
