@@ -11,7 +11,6 @@
 namespace kesto {
 namespace {
 
-using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -75,15 +74,14 @@ class CheckTest : public testing::Test {
 TEST_F(CheckTest, HealthyInstallationPassesEveryCheckAndIsLeftAsItIs) {
     const RunResult result = Check();
     EXPECT_EQ(result.status, 0u);
-    std::vector<std::string> checks;
+    std::string checks;
     for (const std::string& line : LinesOf("ok", result.out, engine.Port())) {
-        checks.push_back(line.substr(0, line.find(": ")));
+        checks += line.substr(0, line.find(": ")) + ", ";
     }
-    EXPECT_THAT(checks,
-                ElementsAreArray({"library", "settings", "log", "engine program", "engine process",
-                                  "server 127.0.0.1:PORT connection", "server 127.0.0.1:PORT zPING",
-                                  "server 127.0.0.1:PORT zVERSION", "server 127.0.0.1:PORT clean sample",
-                                  "server 127.0.0.1:PORT EICAR", "updater"}));
+    const std::string server = ", server 127.0.0.1:PORT ";
+    EXPECT_EQ(checks, "library, settings, log, engine program, engine process" + server + "connection" +
+                          server + "zPING" + server + "zVERSION" + server + "clean sample" + server +
+                          "EICAR, updater, ");
     EXPECT_THAT(result.out, HasSubstr("\n11 ok, 0 warnings, 0 failed\n"));
     EXPECT_THAT(installed.LogMessages(), IsEmpty());
     EXPECT_EQ(installed.Starts(installed.engine).size(), 1u);
@@ -91,37 +89,26 @@ TEST_F(CheckTest, HealthyInstallationPassesEveryCheckAndIsLeftAsItIs) {
 
 TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
     const std::string server = "server 127.0.0.1:PORT ";
+    const EngineScript well = Clamd(true);
     const struct {
-        std::string state;
-        std::vector<std::string> beginnings;  // of the lines with it
+        std::string state, beginning;  // of the first line with it; empty: there is none
         EngineScript script;
         std::string settings = "";
         std::wstring arguments = L"";
     } cases[] = {
-        {"failed", {"library: "}, Clamd(true), "", L" --library C:\\windows\\system32\\version.dll"},
-        {"failed",
-         {"settings: kestoav.ini line 3: the key \"encrpyt\" is not known"},
-         Clamd(true),
-         "encrpyt=0"},
-        {"failed", {server + "EICAR: found only with encrypt=1"}, Clamd(true), "encrypt=0"},
-        {"failed", {server + "EICAR: found only with encrypt=0"}, Clamd(false)},
-        {"failed",
-         {server + "EICAR: found clean -> check that the engine has loaded its sig"},
-         ScansSaying("stream: OK")},
-        {"failed", {server + "clean sample: found infected with X"}, ScansSaying("stream: X FOUND")},
-        {"failed",
-         {server + "clean sample: the reply was \"stream: no disk ERROR\", which the plug-in takes",
-          server + "EICAR: the reply was "},
-         ScansSaying("stream: no disk ERROR")},
-        {"failed", {server + "zPING: no answer: the connection was closed without a reply"}, DyingAfter(1)},
-        {"failed",
-         {"log: C:\\missing\\av.log cannot be written: Path not found"},
-         Clamd(true),
+        {"failed", "library: ", well, "", L" --library C:\\windows\\system32\\version.dll"},
+        {"failed", "settings: kestoav.ini line 3: the key \"encrpyt\" is not known", well, "encrpyt=0"},
+        {"failed", "log: C:\\missing\\av.log cannot be written: Path not", well,
          "logfile=C:\\missing\\av.log"},
-        {"warning", {server + "zVERSION: \"" + VersionOfDaysAgo(8).substr(0, 15)}, Clamd(true, 8)},
-        {"warning", {}, Clamd(true, 7)},
-        {"warning",
-         {server + "zVERSION: \"Engine 1\": the age of its signatures is unknown"},
+        {"failed", server + "EICAR: found only with encrypt=1", well, "encrypt=0"},
+        {"failed", server + "EICAR: found only with encrypt=0", Clamd(false)},
+        {"failed", server + "EICAR: found clean -> check that", ScansSaying("stream: OK")},
+        {"failed", server + "clean sample: found infected with X", ScansSaying("stream: X FOUND")},
+        {"failed", server + "clean sample: the reply was \"stream: disk\"", ScansSaying("stream: disk")},
+        {"failed", server + "zPING: no answer: the connection was closed", DyingAfter(1)},
+        {"warning", server + "zVERSION: \"Engine 1/27000/", Clamd(true, 8)},
+        {"warning", "", Clamd(true, 7)},
+        {"warning", server + "zVERSION: \"Engine 1\": the age of",
          Realistic({.shifted = true, .version = "Engine 1"})},
     };
     for (const auto& it : cases) {
@@ -129,11 +116,12 @@ TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
         Configure(it.settings);
         const RunResult result = Check(it.arguments);
         EXPECT_EQ(result.status, it.state == "failed" ? 2u : 0u) << result.out;
-        std::vector<std::string> lines = LinesOf(it.state, result.out, engine.Port());
-        for (size_t i = 0; i < std::min(lines.size(), it.beginnings.size()); ++i) {
-            lines[i].resize(std::min(lines[i].size(), it.beginnings[i].size()));
-        }
-        EXPECT_THAT(lines, ElementsAreArray(it.beginnings)) << result.out;
+        auto lines = LinesOf(it.state, result.out, engine.Port());
+        // A server that answers every scan alike fails with EICAR as well.
+        std::erase_if(lines,
+                      [](const std::string& line) { return line.find("EICAR: the reply") != line.npos; });
+        EXPECT_EQ(lines.size(), it.beginning.empty() ? 0u : 1u) << result.out;
+        EXPECT_EQ(lines.empty() ? "" : lines[0].substr(0, it.beginning.size()), it.beginning) << result.out;
     }
 }
 
