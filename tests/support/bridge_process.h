@@ -17,8 +17,10 @@ struct BridgeProcess {
     // Starts it on a free port with these upstreams and further ini lines, and waits until it listens.
     explicit BridgeProcess(const std::string& upstreams, const std::string& more_lines = "")
         : port(home.PlaceBridge(upstreams, more_lines, kProgram)) {
-        Restart();
-        EXPECT_TRUE(WaitUntilListening()) << run->Err();
+        run.emplace(home.engine_folder / kProgram);
+        EXPECT_TRUE(WaitFor([this] { return !run->Running() || !Command("zSTATS").empty(); }) &&
+                    run->Running())
+            << run->Err();
     }
     // Starts it with exactly this ini text and does not wait: for settings that it refuses.
     struct Ini {
@@ -26,18 +28,10 @@ struct BridgeProcess {
     };
     explicit BridgeProcess(const Ini& ini) : port(home.PlaceBridge("", "", kProgram)) {
         WriteIni(ini.text);
-        Restart();
+        run.emplace(home.engine_folder / kProgram);
     }
 
     void WriteIni(const std::string& text) const { WriteFile(home.engine_folder / "bridge.ini", text); }
-    // Ends it hard, if it runs, and starts it anew.
-    void Restart() {
-        run.reset();
-        run.emplace(home.engine_folder / kProgram);
-    }
-    bool WaitUntilListening() const {
-        return WaitFor([this] { return !run->Running() || !Command("zSTATS").empty(); }) && run->Running();
-    }
     // bridge.log, with bare line feeds.
     std::string Log() const { return ReadText(home.engine_folder / "bridge.log"); }
     // The reply to a scan of `data`, shifted as the plug-in does, with its NUL; empty for none.

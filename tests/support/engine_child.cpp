@@ -1,7 +1,7 @@
 // The stand-in for the engine and the updater: a program that is copied under whatever name a test needs.
 // PROGRAM.role beside it tells what to do (see Installation::PlaceStandIn); it runs until it is ended. Every
-// start adds a line to PROGRAM.started once the role is taken up: process ID, working folder, command line
-// and show state, with tabs between.
+// start adds a line to PROGRAM.started once the role is taken up: process ID, working folder and command
+// line, with tabs between.
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -17,29 +17,10 @@ namespace {
 constexpr int kLongestLifeMs = 120'000;  // when all else fails
 
 void RecordStart(const std::string& program) {
-    STARTUPINFOA startup;
-    GetStartupInfoA(&startup);
-    const bool hidden = (startup.dwFlags & STARTF_USESHOWWINDOW) != 0 && startup.wShowWindow == SW_HIDE;
     std::ostringstream line;
     line << GetCurrentProcessId() << '\t' << std::filesystem::current_path().string() << '\t'
-         << GetCommandLineA() << '\t' << (hidden ? "hidden" : "shown") << '\n';
+         << GetCommandLineA() << '\n';
     std::ofstream(program + ".started", std::ios::app | std::ios::binary) << line.str();
-}
-
-// Leaves everyone only these rights to this process.
-void AllowOnly(DWORD rights) {
-    SID_IDENTIFIER_AUTHORITY world = SECURITY_WORLD_SID_AUTHORITY;
-    PSID everyone = nullptr;
-    AllocateAndInitializeSid(&world, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &everyone);
-    alignas(ACL) char list[256];
-    ACL* const acl = reinterpret_cast<ACL*>(list);
-    InitializeAcl(acl, sizeof list, ACL_REVISION);
-    AddAccessAllowedAce(acl, ACL_REVISION, rights, everyone);
-    SECURITY_DESCRIPTOR descriptor;
-    InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
-    SetSecurityDescriptorDacl(&descriptor, TRUE, acl, FALSE);
-    SetKernelObjectSecurity(GetCurrentProcess(), DACL_SECURITY_INFORMATION, &descriptor);
-    FreeSid(everyone);
 }
 
 DWORD Play(const std::string& program) {
@@ -50,9 +31,7 @@ DWORD Play(const std::string& program) {
     std::getline(file, script);
 
     std::optional<ScriptedEngine> engine;
-    if (role == "rights") {
-        AllowOnly(number);
-    } else if (role == "engine") {
+    if (role == "engine") {
         engine.emplace(ScriptNamed(script), static_cast<uint16_t>(number), false);
     }
     RecordStart(program);

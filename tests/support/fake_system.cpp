@@ -29,7 +29,7 @@ void Record(const std::string& call) {
 }
 
 DWORD WINAPI TickCount() {
-    return kTickBase + g_system->clock;
+    return kTickBase + (g_system->clock += g_system->look_takes);
 }
 
 void WINAPI Pause(DWORD ms) {

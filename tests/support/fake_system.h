@@ -34,6 +34,7 @@ struct SystemState {
     DWORD start_error = 0;      // and leaves as the last error
     FakeProcess started = {};   // what it adds to the table
     DWORD exit_code = 0;        // of every process
+    uint32_t look_takes = 0;    // each look at the clock: for waits that nothing else would end
     uint32_t clock = 0;         // in ms; the tick count starts shortly before it wraps
 };
 

@@ -1,9 +1,8 @@
 #include "tests/support/installation.h"
 
+#include <gtest/gtest.h>
 #include <psapi.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <fstream>
 #include <span>
 #include <sstream>
@@ -77,16 +76,14 @@ Installation::Installation(const std::wstring& name) : top(NewFolder()), folder(
 }
 
 Installation::~Installation() {
-    for (const HANDLE each : started_) {
-        End(each);
-    }
+    started_.clear();
     EndPrograms();
     // In its exact form, for the names in it that Windows would read as others. A program's file may be held
     // for a moment after its end.
     std::error_code error;
-    if (!WaitFor([&] { return std::filesystem::remove_all(L"\\\\?\\" + top.wstring(), error), !error; })) {
-        std::fprintf(stderr, "%s stays: %s\n", top.string().c_str(), error.message().c_str());
-    }
+    EXPECT_TRUE(WaitFor([&] {
+        return std::filesystem::remove_all(L"\\\\?\\" + top.wstring(), error), !error;
+    })) << error.message();
 }
 
 void Installation::EndPrograms() const {
@@ -116,15 +113,6 @@ std::vector<std::string> Installation::LogMessages() const {
     return messages;
 }
 
-bool Installation::WaitForLog(std::string_view beginning, size_t times) const {
-    return WaitFor([&] {
-        const auto messages = LogMessages();
-        return std::count_if(messages.begin(), messages.end(), [&](const auto& each) {
-                   return each.starts_with(beginning);
-               }) >= static_cast<std::ptrdiff_t>(times);
-    });
-}
-
 void Installation::PlaceStandIn(const std::filesystem::path& program, const std::string& role) const {
     WriteFile(Beside(program, ".role"), role);
     // One that runs cannot be written over, and need not be.
@@ -143,16 +131,8 @@ uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::stri
 
 void Installation::StartStandIn(const std::filesystem::path& program) {
     const size_t starts = Starts(program).size();
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(program.c_str(), nullptr, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &process) ||
-        !WaitForStarts(program, starts + 1)) {
-        throw std::runtime_error(program.string() + " does not start: " + std::to_string(GetLastError()));
-    }
-    CloseHandle(process.hThread);
-    started_.push_back(process.hProcess);
+    started_.emplace_back(program);
+    EXPECT_TRUE(WaitForStarts(program, starts + 1));
 }
 
 std::vector<ProgramStart> Installation::Starts(const std::filesystem::path& program) const {
@@ -160,8 +140,7 @@ std::vector<ProgramStart> Installation::Starts(const std::filesystem::path& prog
     std::vector<ProgramStart> starts;
     ProgramStart start = {};
     for (std::string id; std::getline(lines, id, '\t') && std::getline(lines, start.folder, '\t') &&
-                         std::getline(lines, start.command_line, '\t') &&
-                         std::getline(lines, start.show_state) && !lines.eof();) {
+                         std::getline(lines, start.command_line) && !lines.eof();) {
         start.process_id = std::stoul(id);
         starts.push_back(start);
     }

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <filesystem>
+#include <list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,7 +27,6 @@ struct ProgramStart {
     DWORD process_id;
     std::string folder;
     std::string command_line;
-    std::string show_state;  // "hidden" or "shown"
 };
 
 class Installation {
@@ -51,10 +51,9 @@ class Installation {
     // The messages of the log so far, without their time stamps; lines without one belong to the message
     // above them.
     std::vector<std::string> LogMessages() const;
-    bool WaitForLog(std::string_view beginning, size_t times = 1) const;
 
-    // Puts the stand-in there. Roles: "wait", "exit CODE", "release CODE" (ends after Release), "rights MASK"
-    // (others have only these to its process), "engine PORT SCRIPT" (a ScriptedEngine, see ScriptNamed).
+    // Puts the stand-in there. Roles: "wait", "exit CODE", "release CODE" (ends after Release), "engine
+    // PORT SCRIPT" (a ScriptedEngine, see ScriptNamed).
     // A program that is there already takes up the new role at its next start.
     void PlaceStandIn(const std::filesystem::path& program, const std::string& role) const;
     // Puts the real bridge there as the engine, with an empty bridge.log and a bridge.ini of a free port,
@@ -70,7 +69,7 @@ class Installation {
     void EndPrograms() const;
 
  private:
-    std::vector<HANDLE> started_;  // also of those that others may not end
+    std::list<ProgramRun> started_;
 };
 
 }  // namespace kesto

@@ -31,9 +31,6 @@ void Parse(EngineRequest& it) {
         it.data.append(it.raw, it.parsed + 4, length);
         it.parsed += 4 + size_t{length};
         it.whole = length == 0;
-        if (!it.whole) {
-            it.chunk_lengths.push_back(length);
-        }
     }
 }
 
@@ -256,16 +253,6 @@ std::vector<EngineRequest> ScriptedEngine::Requests() const {
         requests.push_back(each.request);
     }
     return requests;
-}
-
-size_t ScriptedEngine::BytesReceived() const {
-    const std::lock_guard lock(guard_);
-    size_t bytes = 0;
-    for (const Connection& each : connections_) {
-        const std::lock_guard of_request(each.guard);
-        bytes += each.request.raw.size();
-    }
-    return bytes;
 }
 
 std::string WithNul(std::string_view text) {

@@ -22,12 +22,11 @@ namespace kesto {
 
 // One connection as the engine saw it.
 struct EngineRequest {
-    std::string raw;                      // every byte that came, also behind the request
-    std::string command;                  // without its NUL
-    std::vector<uint32_t> chunk_lengths;  // without the zero at the end
-    std::string data;                     // of the chunks, whole ones only
-    bool whole = false;                   // the command with its NUL, of a scan the stream to its end
-    size_t parsed = 0;                    // bytes of `raw` that the fields above hold
+    std::string raw;      // every byte that came, also behind the request
+    std::string command;  // without its NUL
+    std::string data;     // of the chunks, whole ones only
+    bool whole = false;   // the command with its NUL, of a scan the stream to its end
+    size_t parsed = 0;    // bytes of `raw` that the fields above hold
 };
 
 // A connection, of a script or of a client; closed with the object. Calls after the other side has gone are
@@ -110,7 +109,6 @@ class ScriptedEngine {
 
     unsigned Accepted() const { return accepted_; }  // connections so far
     unsigned Ended() const { return ended_; }        // connections whose script has returned
-    size_t BytesReceived() const;                    // over all connections
     std::vector<EngineRequest> Requests() const;     // in the order in which they were accepted
 
  private:
