@@ -13,7 +13,7 @@ using asio::ip::tcp;
 using namespace std::chrono_literals;
 
 // A server is taken for a scan when so much of it is there, or all of it.
-constexpr uint64_t kEnough = 64 * 1024;
+constexpr uint64_t kEnough = 64u << 10;
 
 constexpr auto kQueryLimit = 5s;  // one server's reply to zPING or zVERSION, and the look-up of all names
 

@@ -17,6 +17,9 @@ namespace {
 using asio::ip::tcp;
 using namespace std::chrono_literals;
 
+// A bridge that has just ended may still hold the port.
+constexpr auto kWaitForPort = 10s;
+
 // The plug-in sends a chunk's length and the chunk apart, and Windows holds the second back until the first
 // is acknowledged: which it delays by 40 to 200 ms, unless told to do so at once.
 template <typename Socket>
@@ -65,7 +68,7 @@ asio::error_code TryToListen(tcp::acceptor& acceptor, const tcp::endpoint& where
 
 asio::error_code Listen(tcp::acceptor& acceptor, const ServerAddress& where) {
     const tcp::endpoint endpoint(asio::ip::make_address(where.host), where.port);
-    const Time until = Clock::now() + 10s;
+    const Time until = Clock::now() + kWaitForPort;
     for (bool told = false;;) {
         const asio::error_code error = TryToListen(acceptor, endpoint);
         const bool may_pass = error.value() == WSAEADDRINUSE || error.value() == WSAEACCES;

@@ -215,25 +215,24 @@ ScanStep ScanPolicy::Next(Time now) {
             DecideWithoutVerdict("no verdict within " + std::to_string(limits_.verdict.count()) + " s");
         } else if (nobody && !attempts_.empty() && !repeatable_) {
             DecideWithoutVerdict(last_failure_);
-        } else if (MayBegin(now)) {
-            if (const ServerPtr server = NextServer()) {
-                return Begin(server, now);
+        } else if (!MayBegin(now)) {
+            if (nobody) {
+                DecideWithoutVerdict(last_failure_);
             }
-            if (nobody && !ServerIsLeft()) {
-                waits_since_ = waits_since_.value_or(now);
-                const bool last_word = last_reply_ && !fleet_.down_since;
-                const bool sick = AllSick(fleet_, *waits_since_);
-                waits_ = !last_word && !sick && now < fleet_.down_since.value_or(now) + limits_.wait;
-                if (!waits_) {
-                    DecideWithoutVerdict(last_word ? ""
-                                         : sick    ? last_failure_
-                                                   : "no upstream server could be reached");
-                }
-            } else {
-                waits_ = nobody;
+        } else if (const ServerPtr server = NextServer()) {
+            return Begin(server, now);
+        } else if (nobody && !ServerIsLeft()) {
+            waits_since_ = waits_since_.value_or(now);
+            const bool last_word = last_reply_ && !fleet_.down_since;
+            const bool sick = AllSick(fleet_, *waits_since_);
+            waits_ = !last_word && !sick && now < fleet_.down_since.value_or(now) + limits_.wait;
+            if (!waits_) {
+                DecideWithoutVerdict(last_word ? ""
+                                     : sick    ? last_failure_
+                                               : "no upstream server could be reached");
             }
-        } else if (nobody) {
-            DecideWithoutVerdict(last_failure_);
+        } else {
+            waits_ = nobody;
         }
     }
     if (told_) {

@@ -6,6 +6,7 @@
 #include <asio/buffer.hpp>
 #include <asio/error_code.hpp>
 #include <coroutine>
+#include <exception>
 #include <utility>
 
 namespace kesto {
@@ -17,7 +18,7 @@ struct Task {
         std::suspend_never initial_suspend() { return {}; }
         std::suspend_never final_suspend() noexcept { return {}; }
         void return_void() {}
-        void unhandled_exception() { throw; }
+        void unhandled_exception() { std::rethrow_exception(std::current_exception()); }
     };
 };
 

@@ -17,7 +17,7 @@ constexpr DWORD kLargestIni = 1 << 20;
 
 // Returns the system's error code.
 DWORD ReadText(const std::wstring& path, std::string& text) {
-    const HANDLE file =
+    HANDLE file =
         CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                     nullptr, OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
