@@ -84,7 +84,7 @@ TEST_F(StartUpTest, IsRefusedWithoutSockets) {
 TEST_F(StartUpTest, KeepsItsOwnCopyOf259CharactersOfTheFolder) {
     EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
     plugin.get_expiry(0, 0, 0);
-    for (const size_t length : {1, 259, 260, 100'000}) {
+    for (const size_t length : {0, 1, 259, 260, 100'000}) {  // an empty one counts, once given
         std::string hosts_text = ("C:\\" + std::string(length, 'x')).substr(0, length);
         const std::string kept = hosts_text.substr(0, 259) + "\\plugins\\kestoav";
         system.Become({.processes = {}});
