@@ -116,6 +116,8 @@ TEST(BridgeScan, Stories) {
     } cases[] = {
         // No server before enough of the stream, no reply before its end, nothing after the reply.
         {'a', "0 part > a | 1 reply 0 F > | 2 end > =F | 200 - >"},
+        // The longest unused of the idle ones.
+        {'c', "0 new > a | 0 reply 0 K > =K | 0 new > b | 0 reply 0 K > =K | 0 new > c"},
         // What is no verdict goes to the next server; three at most get the whole file.
         {'d', "0 new > a | 0 lost 0 > b | 0 reply 1 E > c | 0 reply 2 K > =K"},
         {'d', "0 new > a | 0 refused 0 > b | 0 lost 1 > c | 0 lost 2 > d | 0 lost 3 > !upstream d:1 lost"},
