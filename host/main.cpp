@@ -23,7 +23,7 @@
 namespace kesto {
 namespace {
 
-constexpr DWORD kEngineListensMs = 5000;  // a new engine gets this long before its version counts as unknown
+constexpr DWORD kEngineListensMs = 5000;  // a new engine gets this long to tell its version
 constexpr DWORD kPollMs = 100;
 
 int Fail(const Options& options, const std::string& error) {
@@ -40,16 +40,19 @@ std::string VersionText(const PluginLibrary& plugin) {
     return Utf8FromAnsi(text);
 }
 
+bool VersionKnown(const std::string& text) {
+    return !text.ends_with("unknown") && text.find("\nError -") == std::string::npos;
+}
+
 int PrintVersion(const PluginLibrary& plugin, bool engine_is_new) {
     std::string text = VersionText(plugin);
     const DWORD start = GetTickCount();
-    while (engine_is_new && text.ends_with("unknown") && GetTickCount() - start < kEngineListensMs) {
+    while (engine_is_new && !VersionKnown(text) && GetTickCount() - start < kEngineListensMs) {
         Sleep(kPollMs);
         text = VersionText(plugin);
     }
     PrintOut(text + "\n");
-    const bool known = !text.ends_with("unknown") && text.find("\nError -") == std::string::npos;
-    return known ? kExitClean : kExitError;
+    return VersionKnown(text) ? kExitClean : kExitError;
 }
 
 // The files to scan; none with `error` set.
