@@ -84,7 +84,8 @@ start_wine() { # NAME...
     prefixes+=("$WINEPREFIX")
     "$top/scripts/wine" wineserver -k 2>/dev/null || true  # of a run that was killed
     [ -e "$WINEPREFIX/ready" ] || rm -rf "$WINEPREFIX"     # half made
-    "$top/scripts/wine" wineserver -p
+    # What it says is of no interest: at its end it lists objects that outlived their processes.
+    "$top/scripts/wine" wineserver -p 2>/dev/null
     start "$top/scripts/wine" wineboot >"$work/wine-$name.log" 2>&1
     booting+=("$!")
   done
