@@ -169,7 +169,7 @@ TEST(BridgeClient, WhoeverBreaksTheRulesHurtsNobodyElse) {
         Realistic()(wire);
         whole += wire.ReceiveRequest().whole;
     });
-    const BridgeProcess bridge(clamd.Address(), "idle=1\nclients=40");
+    const BridgeProcess bridge(clamd.Address(), "idle=2\nclients=40");
     const std::string refused[] = {"zFOO\0"s,
                                    "zINSTREAMX\0"s,
                                    "nINSTREAM\n",
@@ -194,6 +194,7 @@ TEST(BridgeClient, WhoeverBreaksTheRulesHurtsNobodyElse) {
     }
     EXPECT_EQ(bridge.Scan("VIRUS"), kFound);
     EXPECT_EQ(clamd.Accepted(), 1u);
+    EXPECT_THAT(bridge.Log(), HasSubstr("silent while others wait for a place"));
 
     Wire leaving(ConnectToLoopback(bridge.port)), slow(ConnectToLoopback(bridge.port));
     const std::string request = ScanRequestOf(std::string(100'000, 'd') + "VIRUS");
