@@ -11,7 +11,8 @@ void SetPluginFolder(const char* folder);
 // Owned here; an empty text before start-up.
 const char* PluginFolder();
 
-// Formats "FOLDER\plugins\kestoav", where the engine, the updater and the signatures lie.
-void FormatEngineFolder(char (&folder)[kMessageSize]);
+// Formats "FOLDER\plugins\kestoav", where the engine, the updater and the signatures lie. False before the
+// host has given a folder: that would be the root of the current drive, where anybody may have put a program.
+bool FormatEngineFolder(char (&folder)[kMessageSize]);
 
 }  // namespace kesto

@@ -1,40 +1,61 @@
 #include "base/server_list.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 namespace kesto {
 namespace {
 
-std::vector<ServerEntry> g_servers;
-
-ServerEntry ParseServer(std::string_view token) {
-    size_t colon = token.find(':');
-    if (colon == std::string_view::npos) {
-        return {std::string(token), kDefaultPort};
-    }
-    std::string number(token.substr(colon + 1));
-    return {std::string(token.substr(0, colon)), static_cast<uint16_t>(atoi(number.c_str()))};
-}
+ServerList g_servers;
 
 }  // namespace
 
-std::vector<ServerEntry>& Servers() {
+ServerList& Servers() {
     return g_servers;
 }
 
-void AppendServers(std::vector<ServerEntry>& servers, std::string_view text) {
-    size_t start = 0;
+ServerList::~ServerList() {
+    for (const ServerEntry& each : *this) {
+        free(const_cast<char*>(each.host));
+    }
+    free(entries_);
+}
+
+bool ServerList::Append(std::string_view text) {
+    const char* token = text.data();
+    const char* const end = token + text.size();
     for (;;) {
-        size_t blank = text.find(' ', start);
-        servers.push_back(ParseServer(text.substr(start, blank - start)));
-        if (blank == std::string_view::npos) {
+        const char* const token_end = std::find(token, end, ' ');
+        if (!Add({token, static_cast<size_t>(token_end - token)})) {
+            return false;
+        }
+        if (token_end == end) {
             break;
         }
-        start = blank + 1;
+        token = token_end + 1;
     }
-    if (servers.empty()) {
-        servers.push_back({"127.0.0.1", kDefaultPort});
+    return !empty() || Add("127.0.0.1");
+}
+
+bool ServerList::Add(std::string_view token) {
+    auto* const entries = static_cast<ServerEntry*>(realloc(entries_, (count_ + 1) * sizeof(ServerEntry)));
+    if (entries == nullptr) {
+        return false;
     }
+    entries_ = entries;
+    auto* const host = static_cast<char*>(malloc(token.size() + 1));
+    if (host == nullptr) {
+        return false;
+    }
+    *std::copy(token.begin(), token.end(), host) = '\0';
+    uint16_t port = kDefaultPort;
+    if (char* const colon = strchr(host, ':')) {
+        *colon = '\0';
+        port = static_cast<uint16_t>(atoi(colon + 1));
+    }
+    entries_[count_++] = {host, port};
+    return true;
 }
 
 }  // namespace kesto

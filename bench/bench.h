@@ -27,6 +27,10 @@ void MeasureMemory(Bench& bench, uint16_t sink);
 // Starts a bridge of its own.
 void MeasureBridge(Bench& bench, uint16_t sink);
 
+// `delaying_sink` is the port of a sink that delays its acknowledgements.
+void MeasureDelayedAcknowledgements(Bench& bench, uint16_t delaying_sink);
+// The command-line host over many small files.
+void MeasureHost(Bench& bench, uint16_t sink);
 // `clamdscan` is the command line of clamd's own client, without files.
 void MeasureClamd(Bench& bench, uint16_t clamd, const std::string& clamdscan);
 

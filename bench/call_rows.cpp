@@ -50,7 +50,8 @@ void MeasureCall(Bench& bench, uint16_t sink) {
             SocketConnection connection;
             connection.Connect("127.0.0.1", sink, false, 1000);
             stop(2);
-            StreamScan(connection, input, true);
+            ReceivedText reply;
+            StreamScan(connection, input, true, reply);
             stop(3);
             const SOCKET bare = ConnectTo(sink);
             stop(4);
@@ -90,6 +91,7 @@ void MeasureProcessWalks(Bench& bench) {
         }
         constexpr int kCalls = 20;
         std::vector<double> seconds;
+        seconds.reserve(bench.rounds);
         for (int round = 0; round < bench.rounds; ++round) {
             seconds.push_back(SecondsFor(kCalls, [] { FindEngineProcess(); }) / kCalls);
         }

@@ -33,6 +33,13 @@ ChildProcess::~ChildProcess() {
     CloseHandle(process_);
 }
 
+DWORD ChildProcess::WaitForEnd() const {
+    DWORD status = 0;
+    WaitForSingleObject(process_, INFINITE);
+    GetExitCodeProcess(process_, &status);
+    return status;
+}
+
 namespace {
 
 std::filesystem::path PlaceBridge(uint16_t port, uint16_t upstream) {

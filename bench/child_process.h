@@ -21,6 +21,8 @@ class ChildProcess {
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     HANDLE Handle() const { return process_; }
+    // Waits for it to end by itself, and returns its exit status.
+    DWORD WaitForEnd() const;
 
  private:
     HANDLE process_;

@@ -19,8 +19,9 @@ constexpr double kMegabyte = 1e6;
 void ConnectAndExchange(uint16_t port, const uint8_t* data, size_t size, bool encrypt) {
     const ScanFileInput input = {"bench.bin", static_cast<uint32_t>(size), data};
     SocketConnection connection;
+    ReceivedText reply;
     if (!connection.Connect("127.0.0.1", port, false, 1000) ||
-        StreamScan(connection, input, encrypt).kind != VerdictKind::kClean) {
+        StreamScan(connection, input, encrypt, reply).kind != VerdictKind::kClean) {
         throw std::runtime_error("a scan failed");
     }
 }

@@ -50,6 +50,7 @@ int ServeSink(uint16_t port) {
         return 1;
     }
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back(ServeConnections, listener);
     }

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <exception>
+#include <mutex>
 #include <thread>
+#include <utility>
 
 namespace kesto {
 
@@ -69,6 +72,24 @@ Comparison Compare(int rounds, const Work& work, const Work& beside, int threads
         speeds.push_back(beside_seconds / seconds);
     }
     return {Median(times), Median(beside_times), Median(speeds)};
+}
+
+Latency LatencyOf(int calls, const Work& work, int threads) {
+    using Clock = std::chrono::steady_clock;
+    std::vector<double> seconds;
+    std::mutex guard;
+    const Work timed = [&] {
+        const auto start = Clock::now();
+        work();
+        const double taken = std::chrono::duration<double>(Clock::now() - start).count();
+        const std::lock_guard lock(guard);
+        seconds.push_back(taken);
+    };
+    SecondsFor(calls, timed, threads);
+    const auto place = static_cast<std::ptrdiff_t>(seconds.size() * 99 / 100);
+    std::nth_element(seconds.begin(), seconds.begin() + place, seconds.end());
+    const double p99 = seconds[static_cast<size_t>(place)];
+    return {Median(std::move(seconds)), p99};
 }
 
 }  // namespace kesto

@@ -26,4 +26,12 @@ struct Comparison {
 // while does not count.
 Comparison Compare(int rounds, const Work& work, const Work& beside, int threads = 1);
 
+struct Latency {
+    double median;  // seconds of one call
+    double p99;     // 99 of 100 calls took no longer
+};
+
+// Of `calls` calls on each of `threads` threads at once, each timed by itself.
+Latency LatencyOf(int calls, const Work& work, int threads = 1);
+
 }  // namespace kesto

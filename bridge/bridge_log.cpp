@@ -4,33 +4,57 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <vector>
 
 #include "base/bounded_text.h"
 #include "base/log_line.h"
+#include "bridge/log_limit.h"
 
 namespace kesto {
 namespace {
 
-FILE* g_log = nullptr;  // open until the process ends
+std::wstring g_path;  // empty: off
+LogLimit g_limit;
+
+void Write(const std::vector<std::string>& lines) {
+    if (lines.empty() || g_path.empty()) {
+        return;
+    }
+    FILE* log = _wfopen(g_path.c_str(), L"at");
+    if (log == nullptr) {
+        return;
+    }
+    for (std::string line : lines) {
+        line.resize(std::min<size_t>(line.size(), kMessageSize - 1));
+        std::replace_if(
+            line.begin(), line.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+        WriteLogLine(log, line.c_str());
+    }
+    std::fclose(log);
+}
 
 }  // namespace
 
-bool OpenBridgeLog(const std::string& path, bool only_if_present) {
-    if (only_if_present && GetFileAttributesA(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
+bool UseBridgeLog(const std::wstring& path, bool only_if_present) {
+    g_path.clear();
+    if (only_if_present && GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
         return true;
     }
-    g_log = std::fopen(path.c_str(), "at");
-    return g_log != nullptr;
+    FILE* log = _wfopen(path.c_str(), L"at");
+    if (log == nullptr) {
+        return false;
+    }
+    std::fclose(log);
+    g_path = path;
+    return true;
 }
 
-void LogBridge(const std::string& message) {
-    if (g_log == nullptr) {
-        return;
-    }
-    std::string text = message.substr(0, kMessageSize - 1);
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
-    WriteLogLine(g_log, text.c_str());
+void LogBridge(const std::string& kind, const std::string& message) {
+    Write(g_limit.Take(kind, message, std::chrono::steady_clock::now()));
+}
+
+void LogLeftOut() {
+    Write(g_limit.Overdue(std::chrono::steady_clock::now()));
 }
 
 }  // namespace kesto

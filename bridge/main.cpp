@@ -1,28 +1,31 @@
 // kestoav.exe: stands between the plug-in and one or more clamd servers. Started without arguments.
 #include <windows.h>
 
-#include <asio/co_spawn.hpp>
-#include <asio/detached.hpp>
 #include <asio/post.hpp>
-#include <asio/redirect_error.hpp>
 #include <asio/steady_timer.hpp>
-#include <asio/use_awaitable.hpp>
 #include <chrono>
 #include <cstdio>
 #include <exception>
 #include <string>
 #include <utility>
 
+#include "bridge/bridge.h"
 #include "bridge/bridge_log.h"
-#include "bridge/error_text.h"
-#include "bridge/session.h"
+#include "bridge/client.h"
+#include "bridge/listener.h"
+#include "bridge/reload.h"
+#include "bridge/settings/bridge_ini.h"
+#include "bridge/settings/error_words.h"
+#include "bridge/upkeep.h"
 
 namespace kesto {
 namespace {
 
-using asio::redirect_error;
-using asio::use_awaitable;
 using asio::ip::tcp;
+using namespace std::chrono_literals;
+
+// One timer serves every time limit: limits of a session that moved with each byte would cost system calls.
+constexpr auto kTick = 250ms;
 
 // For the console's handler, which has no arguments and runs on a thread of its own.
 Bridge* g_bridge = nullptr;
@@ -33,16 +36,24 @@ void Stop() {
     if (std::exchange(g_bridge->stopping, true)) {
         return;
     }
-    LogBridge("ending after the running scans");
+    g_bridge->stopped_at = Clock::now();
+    LogBridge("end", "ending after the running scans");
     asio::error_code ignored;
     g_acceptor->close(ignored);
-    for (tcp::socket* idle : g_bridge->awaiting_command) {
-        idle->close(ignored);
+    const auto clients = g_bridge->clients;
+    for (const auto& client : clients) {
+        client->Stop();
+    }
+    if (g_bridge->clients.empty()) {
+        g_bridge->io.stop();
     }
 }
 
 BOOL WINAPI OnConsoleEvent(DWORD event) {
     static LONG asked = 0;
+    if (event == CTRL_LOGOFF_EVENT) {
+        return TRUE;  // services hear of it whenever anybody logs off
+    }
     if (InterlockedExchange(&asked, 1) != 0 && (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT)) {
         return FALSE;  // asked twice: end at once
     }
@@ -53,74 +64,89 @@ BOOL WINAPI OnConsoleEvent(DWORD event) {
     return TRUE;
 }
 
-asio::awaitable<void> Accept(Bridge& bridge, tcp::acceptor& acceptor) {
-    while (!bridge.stopping) {
-        asio::error_code error;
-        tcp::socket client = co_await acceptor.async_accept(redirect_error(use_awaitable, error));
-        if (!error) {
-            asio::co_spawn(bridge.io, ServeClient(bridge, std::move(client)), asio::detached);
-        } else if (!bridge.stopping) {
-            // Most likely out of sockets: some will be free again soon.
-            LogBridge("could not accept a client - " + ErrorText(error));
-            asio::steady_timer pause(bridge.io, std::chrono::milliseconds(100));
-            co_await pause.async_wait(use_awaitable);
+Task KeepTime(Bridge& bridge, Reload& reload) {
+    asio::steady_timer timer(bridge.io);
+    for (;;) {
+        timer.expires_after(kTick);
+        auto tick = Operation([&timer](auto handler) { timer.async_wait(std::move(handler)); });
+        co_await tick;
+        const Time now = Clock::now();
+        const auto attempts = bridge.attempts;
+        for (const auto& attempt : attempts) {
+            attempt->Tick(now);
         }
+        const auto clients = bridge.clients;
+        unsigned places = bridge.crowded ? 1 + bridge.settings.clients / 4 : 0;
+        for (const auto& client : clients) {
+            client->Tick(now);
+            places -= places != 0 && client->MakeWay(now);
+        }
+        LookUpAndProbe(bridge, now);
+        reload.Tick(bridge, now);
+        bridge.room.ShrinkSpare();
+        LogLeftOut();
     }
 }
 
 int Fail(const std::string& problem) {
-    LogBridge("cannot start - " + problem);
+    LogBridge("start", "cannot start - " + problem);
     std::fprintf(stderr, "kestoav: %s\n", problem.c_str());
     return 1;
 }
 
-// Nobody else may take the port as well while we listen on it.
-asio::error_code Listen(tcp::acceptor& acceptor, const tcp::endpoint& where) {
-    asio::error_code error;
-    acceptor.open(where.protocol(), error);
-    if (error) {
-        return error;
+// Runs what is to be done until the end. An exception, for want of memory, ends only what it came from.
+void RunToEnd(Bridge& bridge) {
+    for (;;) {
+        try {
+            bridge.io.run();
+            return;
+        } catch (const std::exception& error) {
+            LogBridge("exception", std::string("out of step - ") + error.what());
+        }
     }
-    const BOOL on = TRUE;
-    setsockopt(acceptor.native_handle(), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on),
-               sizeof on);
-    acceptor.bind(where, error);
-    if (!error) {
-        acceptor.listen(tcp::acceptor::max_listen_connections, error);
-    }
-    return error;
+}
+
+std::wstring ProgramFolder() {
+    std::wstring path(32768, L'\0');
+    path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+    return path.substr(0, path.find_last_of(L'\\'));
 }
 
 int Run() {
-    static Bridge bridge;  // a console event may still come while the process ends
-    BridgeSettings& settings = bridge.settings;
-    const std::string problem = ReadBridgeSettings(ProgramFolder(), settings);
-    if (!OpenBridgeLog(settings.log_path, settings.log_only_if_present)) {
-        std::fprintf(stderr, "kestoav: cannot write the log file %s\n", settings.log_path.c_str());
+    // Never destroyed: a console event or a lookup may still come while the process ends.
+    Bridge& bridge = *new Bridge;
+    const std::wstring folder = ProgramFolder();
+    BridgeIni ini = ReadBridgeIni(folder);
+    UseLogOf(ini, folder);
+    if (!ini.problems.empty()) {
+        for (const std::string& problem : ini.problems) {
+            Fail(problem);
+        }
+        return 1;
     }
-    if (!problem.empty()) {
-        return Fail(problem);
+    bridge.settings = std::move(ini.settings);
+    auto& acceptor = *new tcp::acceptor(bridge.io);
+    const std::string where = AddressText(bridge.settings.listen);
+    if (const auto error = Listen(acceptor, bridge.settings.listen)) {
+        return Fail("cannot listen on " + where + " - " +
+                    ErrorWords(static_cast<unsigned long>(error.value())));
     }
-    static tcp::acceptor acceptor(bridge.io);
-    const tcp::endpoint where(asio::ip::make_address_v4(settings.listen_host), settings.listen_port);
-    const std::string where_text = settings.listen_host + ":" + std::to_string(settings.listen_port);
-    if (const auto error = Listen(acceptor, where)) {
-        return Fail("cannot listen on " + where_text + " - " + ErrorText(error));
-    }
-    std::string servers;
-    for (const Upstream& server : settings.upstreams) {
-        servers.append(" ").append(AddressText(server));
-    }
-    LogBridge("listening on " + where_text + ", decrypt " + (settings.decrypt ? "on" : "off") +
-              ", upstreams" + servers);
+    LogBridge("start", "listening on " + where + ", " + SettingsText(bridge.settings));
+
+    bridge.own = OwnAddresses();
+    bridge.metrics.started = Clock::now();
+    bridge.fleet.tell = [](const std::string& line) { LogBridge(line.substr(0, line.find(" - ")), line); };
+    Apply(bridge, Clock::now());
 
     g_bridge = &bridge;
     g_acceptor = &acceptor;
     g_ended = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
-    asio::co_spawn(bridge.io, Accept(bridge, acceptor), asio::detached);
-    bridge.io.run();
-    LogBridge("ended");
+    Reload reload(folder);
+    LetIn(bridge, acceptor);
+    KeepTime(bridge, reload);
+    RunToEnd(bridge);
+    LogBridge("end", "ended");
     SetEvent(g_ended);
     return 0;
 }

@@ -1,29 +1,95 @@
 #include "bridge/metrics.h"
 
+#include <algorithm>
 #include <sstream>
+#include <string_view>
 
 namespace kesto {
+namespace {
 
-std::string MetricsText(const Metrics& metrics, const std::vector<Upstream>& upstreams) {
-    const Clock::time_point now = Clock::now();
-    const auto seconds = [](Clock::duration span) {
-        return std::chrono::duration_cast<std::chrono::seconds>(span).count();
-    };
-    std::ostringstream text;
-    text << "uptime " << seconds(now - metrics.started) << '\n'
-         << "connections " << metrics.connections << '\n'
-         << "scans " << metrics.scans << '\n'
-         << "clean " << metrics.clean << '\n'
-         << "infected " << metrics.infected << '\n'
-         << "no-verdict " << metrics.no_verdict << '\n'
-         << "no-reply " << metrics.no_reply << '\n'
-         << "bytes " << metrics.bytes << '\n'
-         << "refused " << metrics.refused << '\n';
-    for (const Upstream& server : upstreams) {
-        text << "upstream " << AddressText(server) << (server.failures == 0 ? " up" : " down") << " replies "
-             << server.replies << " failures " << server.failures_in_all << '\n';
+class Text {
+ public:
+    Text() { out_.precision(12); }  // sums grow, and shall still show what a short scan adds
+
+    // Values of this name follow.
+    void Name(std::string_view name, std::string_view type, std::string_view help) {
+        name_ = "kestoav_" + std::string(name);
+        out_ << "# HELP " << name_ << ' ' << help << "\n# TYPE " << name_ << ' ' << type << '\n';
     }
-    return text.str();
+
+    template <typename Number>
+    void Value(Number number, const std::string& labels = "", std::string_view suffix = "") {
+        out_ << name_ << suffix << labels << ' ' << number << '\n';
+    }
+
+    template <typename Number>
+    void Single(std::string_view name, std::string_view type, std::string_view help, Number number) {
+        Name(name, type, help);
+        Value(number);
+    }
+
+    std::string Take() { return out_.str(); }
+
+ private:
+    std::string name_;
+    std::ostringstream out_;
+};
+
+template <typename Number>
+std::string Label(std::string_view name, const Number& value) {
+    std::ostringstream label;
+    label << '{' << name << "=\"" << value << "\"}";
+    return label.str();
+}
+
+}  // namespace
+
+void CountSeconds(Metrics& metrics, double seconds) {
+    const auto* bound = std::lower_bound(kSecondsBounds.begin(), kSecondsBounds.end(), seconds);
+    ++metrics.seconds[static_cast<size_t>(bound - kSecondsBounds.begin())];
+    metrics.seconds_sum += seconds;
+}
+
+std::string MetricsText(const Metrics& metrics, const Fleet& fleet, const KeepRoom& room, Time now) {
+    Text text;
+    text.Single("uptime_seconds", "gauge", "Time since the start.",
+                std::chrono::duration_cast<std::chrono::seconds>(now - metrics.started).count());
+    text.Name("scans_total", "counter", "Scans that have ended, by outcome.");
+    text.Value(metrics.clean, Label("outcome", "clean"));
+    text.Value(metrics.infected, Label("outcome", "infected"));
+    text.Value(metrics.no_verdict, Label("outcome", "no_verdict"));
+    text.Value(metrics.no_reply, Label("outcome", "no_reply"));
+    text.Value(metrics.left, Label("outcome", "left"));
+    text.Name("scan_seconds", "histogram", "Time from a scan's command to its reply.");
+    uint64_t count = 0;
+    for (size_t i = 0; i < kSecondsBounds.size(); ++i) {
+        text.Value(count += metrics.seconds[i], Label("le", kSecondsBounds[i]), "_bucket");
+    }
+    text.Value(count += metrics.seconds.back(), Label("le", "+Inf"), "_bucket");
+    text.Value(metrics.seconds_sum, "", "_sum");
+    text.Value(count, "", "_count");
+    text.Single("bytes_total", "counter", "File data received.", metrics.bytes);
+    text.Single("repeats_total", "counter", "Scans given to a further server.", metrics.repeats);
+    text.Single("refused_total", "counter", "Clients that broke the rules.", metrics.refused);
+    text.Single("scans_waiting", "gauge", "Scans that wait for a server.", metrics.waiting);
+    text.Single("kept_bytes", "gauge", "Memory taken of the setting keep.", room.used);
+    text.Single("clients", "gauge", "Clients connected.", metrics.clients);
+    const auto of_each = [&](std::string_view name, std::string_view type, std::string_view help,
+                             auto value) {
+        text.Name(name, type, help);
+        for (const ServerPtr& server : fleet.servers) {
+            text.Value(value(*server), Label("upstream", AddressText(server->name)));
+        }
+    };
+    of_each("upstream_up", "gauge", "1: it takes scans.", [](const Server& s) { return IsUp(s) ? 1 : 0; });
+    of_each("upstream_scans", "gauge", "Scans under way there.", [](const Server& s) { return s.open; });
+    of_each("upstream_replies_total", "counter", "Its replies to scans.",
+            [](const Server& s) { return s.replies; });
+    of_each("upstream_failures_total", "counter", "Scans and probes that it failed.",
+            [](const Server& s) { return s.failures; });
+    of_each("upstream_seconds_total", "counter", "Time that its replies took.",
+            [](const Server& s) { return s.seconds; });
+    return text.Take();
 }
 
 }  // namespace kesto

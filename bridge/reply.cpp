@@ -1,24 +1,26 @@
 #include "bridge/reply.h"
 
-#include "engine/reply_verdict.h"
-
 namespace kesto {
 
-ScanAnswer ReadScanAnswer(const std::string& reply) {
-    switch (VerdictOfReply(reply).kind) {
-        case VerdictKind::kClean:
-            return reply == "stream: OK" ? ScanAnswer::kClean : ScanAnswer::kNoVerdict;
-        case VerdictKind::kInfected:
-            return ScanAnswer::kInfected;
-        default:
-            return ScanAnswer::kNoVerdict;
+ScanAnswer ReadScanAnswer(std::string_view reply) {
+    constexpr std::string_view kFound = " FOUND";
+    if (reply == "stream: OK") {
+        return ScanAnswer::kClean;
     }
+    // The blank at the beginning's end is not the one of " FOUND".
+    const bool infected =
+        reply.starts_with(kVerdictBeginning) && reply.substr(kVerdictBeginning.size()).ends_with(kFound);
+    return infected ? ScanAnswer::kInfected : ScanAnswer::kNoVerdict;
 }
 
-std::string ReplyForClient(const std::string& reply) {
-    const bool taken_for_clean = VerdictOfReply(reply).kind == VerdictKind::kClean;
-    const bool misleading = taken_for_clean && ReadScanAnswer(reply) != ScanAnswer::kClean;
-    return misleading ? "no verdict: " + reply : reply;
+bool IsSizeLimit(std::string_view reply) {
+    return reply == "INSTREAM size limit exceeded. ERROR";
+}
+
+std::string ReplyForClient(std::string_view reply) {
+    const bool misleading =
+        reply.starts_with(kVerdictBeginning) && ReadScanAnswer(reply) == ScanAnswer::kNoVerdict;
+    return (misleading ? "no verdict: " : "") + std::string(reply);
 }
 
 }  // namespace kesto

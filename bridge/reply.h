@@ -2,17 +2,24 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace kesto {
 
 enum class ScanAnswer { kClean, kInfected, kNoVerdict };
 
-// The reply without its NUL.
-ScanAnswer ReadScanAnswer(const std::string& reply);
+// How every verdict begins. The plug-in takes every reply that does, and does not end " FOUND", for a clean
+// file.
+inline constexpr std::string_view kVerdictBeginning = "stream: ";
 
-// The reply as it is passed on. The plug-in takes every reply that begins "stream: " and does not end
-// " FOUND" for a clean file, also an engine's "stream: ... ERROR". Only verdicts keep that beginning:
-// anything else that has it is put behind other words, so that the plug-in logs it as an unexpected reply.
-std::string ReplyForClient(const std::string& reply);
+// The reply without its NUL.
+ScanAnswer ReadScanAnswer(std::string_view reply);
+
+// The file is larger than this server takes: its size is at fault, not the server.
+bool IsSizeLimit(std::string_view reply);
+
+// The reply as it is passed on: only verdicts keep their beginning. Anything else that has it, as an engine's
+// "stream: ... ERROR", is put behind other words, so that the plug-in logs it as an unexpected reply.
+std::string ReplyForClient(std::string_view reply);
 
 }  // namespace kesto

@@ -1,8 +1,8 @@
-# Asio and CLI11 are header-only packages under /usr/include. The cross compiler must see these headers
-# and none of the machine's own, so it is given a folder of links to just them.
+# Asio, CLI11 and nlohmann-json are header-only packages under /usr/include. The cross compiler must see
+# these headers and none of the machine's own, so it is given a folder of links to just them.
 set(linked_headers ${CMAKE_BINARY_DIR}/linked_headers)
 file(MAKE_DIRECTORY ${linked_headers})
-foreach(name IN ITEMS asio asio.hpp CLI)
+foreach(name IN ITEMS asio asio.hpp CLI nlohmann)
   if(NOT EXISTS /usr/include/${name})
     message(FATAL_ERROR "/usr/include/${name} is missing: run scripts/setup")
   endif()
@@ -16,3 +16,6 @@ target_link_libraries(asio INTERFACE ws2_32 mswsock)
 
 add_library(cli11 INTERFACE)
 target_include_directories(cli11 SYSTEM INTERFACE ${linked_headers})
+
+add_library(nlohmann_json INTERFACE)
+target_include_directories(nlohmann_json SYSTEM INTERFACE ${linked_headers})

@@ -23,3 +23,24 @@ function(house_library name)
   target_include_directories(${name} PUBLIC ${shown})
   target_link_libraries(${name} PRIVATE house)
 endfunction()
+
+# The same for what the plug-in is made of. An exception must never reach its host: there are hosts whose
+# process ends even at one that the plug-in catches itself. So there are none here.
+function(plugin_library name)
+  house_library(${name} ${ARGN})
+  target_compile_options(${name} PRIVATE -fno-exceptions)
+endfunction()
+
+# The version resource of the program or library `target`.
+function(version_resource target description)
+  string(REPLACE "." "," version_numbers "${PROJECT_VERSION}.0")
+  set(file_type VFT_APP)
+  set(suffix .exe)
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL SHARED_LIBRARY)
+    set(file_type VFT_DLL)
+    set(suffix .dll)
+  endif()
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${target}.rc @ONLY)
+  target_sources(${target} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc)
+endfunction()

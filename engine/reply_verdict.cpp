@@ -1,23 +1,21 @@
 #include "engine/reply_verdict.h"
 
-#include <string_view>
-#include <utility>
-
 namespace kesto {
 
-ScanVerdict VerdictOfReply(std::string reply) {
+ScanVerdict VerdictOfReply(std::string_view reply) {
     static constexpr std::string_view kPrefix = "stream: ";
     static constexpr std::string_view kFound = " FOUND";
     if (!reply.starts_with(kPrefix)) {
-        return {VerdictKind::kUnexpectedReply, std::move(reply)};
+        return {VerdictKind::kUnexpectedReply, reply};
     }
     // Behind the prefix: its own blank is no part of " FOUND".
-    std::string_view rest = std::string_view(reply).substr(kPrefix.size());
+    std::string_view rest = reply;
+    rest.remove_prefix(kPrefix.size());
     if (!rest.ends_with(kFound)) {
         return {VerdictKind::kClean, {}};
     }
     rest.remove_suffix(kFound.size());
-    return {VerdictKind::kInfected, std::string(rest)};
+    return {VerdictKind::kInfected, rest};
 }
 
 }  // namespace kesto

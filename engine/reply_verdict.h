@@ -1,7 +1,7 @@
 // What an engine's reply to a stream scan means.
 #pragma once
 
-#include <string>
+#include <string_view>
 
 namespace kesto {
 
@@ -14,11 +14,11 @@ enum class VerdictKind {
 
 struct ScanVerdict {
     VerdictKind kind;
-    std::string text;
+    std::string_view text;  // a part of the reply, whose memory is the caller's
 };
 
 // `reply` is one whole reply without its NUL, or empty when none came. Any reply that begins
 // "stream: " and does not end " FOUND" counts as clean.
-ScanVerdict VerdictOfReply(std::string reply);
+ScanVerdict VerdictOfReply(std::string_view reply);
 
 }  // namespace kesto

@@ -2,6 +2,9 @@
 
 #include <windows.h>
 
+#include <algorithm>
+#include <string_view>
+
 #include "base/bounded_text.h"
 #include "base/elapsed_seconds.h"
 #include "base/log.h"
@@ -14,11 +17,12 @@ namespace kesto {
 namespace {
 
 constexpr uint32_t kConnectMs = 1000;
+constexpr size_t kMostLoggedReply = 900;  // characters
 
 // One pass: the first server that accepts.
 bool ConnectToAnyServer(SocketConnection& connection) {
     for (const ServerEntry& server : Servers()) {
-        if (connection.Connect(server.host.c_str(), server.port, false, kConnectMs)) {
+        if (connection.Connect(server.host, server.port, false, kConnectMs)) {
             return true;
         }
     }
@@ -57,15 +61,14 @@ bool ConnectToEngine(SocketConnection& connection) {
     return true;
 }
 
-void ReportInfected(ScanFileResult& result, const ScanFileInput& input, const char* virus_name) {
+void ReportInfected(ScanFileResult& result, const ScanFileInput& input, std::string_view virus_name) {
     result.infected = 1;
     if (result.detection != nullptr) {
         CopyText(result.detection + kDetectionFileName, kFileNameSize, input.name);
-        CopyText(result.detection + kDetectionVirusName, kVirusNameSize, virus_name);
+        FormatText(result.detection + kDetectionVirusName, kVirusNameSize, "%.*s",
+                   static_cast<int>(virus_name.size()), virus_name.data());
     }
 }
-
-}  // namespace
 
 uint32_t FailScan(uint32_t* error_code, uint32_t code) {
     if (error_code != nullptr) {
@@ -73,6 +76,8 @@ uint32_t FailScan(uint32_t* error_code, uint32_t code) {
     }
     return 0;
 }
+
+}  // namespace
 
 uint32_t ScanFile(const ScanFileInput* input, ScanFileResult* result, uint32_t* error_code) {
     if (input == nullptr) {
@@ -90,19 +95,21 @@ uint32_t ScanFile(const ScanFileInput* input, ScanFileResult* result, uint32_t* 
     if (Servers().empty() || !ConnectToEngine(connection)) {
         return FailScan(error_code, kErrorConnect);
     }
-    ScanVerdict verdict = StreamScan(connection, *input, Settings().encrypt);
+    ReceivedText reply;
+    ScanVerdict verdict = StreamScan(connection, *input, Settings().encrypt, reply);
     switch (verdict.kind) {
         case VerdictKind::kClean:
             return 1;
         case VerdictKind::kInfected:
-            ReportInfected(*result, *input, verdict.text.c_str());
+            ReportInfected(*result, *input, verdict.text);
             return 1;
         case VerdictKind::kSendFailed:
             return FailScan(error_code, kErrorCommunicate);
         case VerdictKind::kUnexpectedReply:
             break;
     }
-    LogMessage("Unexpected response from KESTOAV - %.900s", verdict.text.c_str());
+    LogMessage("Unexpected response from KESTOAV - %.*s",
+               static_cast<int>(std::min(verdict.text.size(), kMostLoggedReply)), verdict.text.data());
     return FailScan(error_code, kErrorReply);
 }
 

@@ -12,7 +12,4 @@ namespace kesto {
 // 1002; without `error_code` the code is not written.
 uint32_t ScanFile(const ScanFileInput* input, ScanFileResult* result, uint32_t* error_code);
 
-// Writes `code` for the host, unless `error_code` is null, and returns the result of a failed scan.
-uint32_t FailScan(uint32_t* error_code, uint32_t code);
-
 }  // namespace kesto

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <string>
-#include <utility>
 
 #include "engine/byte_shift.h"
 
@@ -47,18 +45,18 @@ bool SendFile(SocketConnection& connection, const ScanFileInput& input, bool enc
 
 }  // namespace
 
-ScanVerdict StreamScan(SocketConnection& connection, const ScanFileInput& input, bool encrypt) {
+ScanVerdict StreamScan(SocketConnection& connection, const ScanFileInput& input, bool encrypt,
+                       ReceivedText& reply) {
     connection.MaxReadIdleMs(kIdleLimitMs);
     connection.MaxSendIdleMs(kIdleLimitMs);
     if (!SendCommand(connection, "zINSTREAM") || !SendFile(connection, input, encrypt)) {
         connection.Close(kCloseWaitMs);
         return {VerdictKind::kSendFailed, {}};
     }
-    std::string reply;
     // Whether it succeeded does not matter: a failed read leaves the reply empty, which is no verdict.
     connection.ReceiveStringUntilByte(0, reply);
     connection.Close(kCloseWaitMs);
-    return VerdictOfReply(std::move(reply));
+    return VerdictOfReply(reply.View());
 }
 
 }  // namespace kesto

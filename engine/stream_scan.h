@@ -17,8 +17,10 @@ inline constexpr uint32_t kCloseWaitMs = 200;
 bool SendCommand(SocketConnection& connection, std::string_view command);
 
 // Streams the host's bytes over a connected `connection` with the "zINSTREAM" command, each byte shifted
-// down by one with `encrypt`, and reads the reply. The connection is closed upon return. The host's
-// memory is only read, and its size again before every chunk.
-ScanVerdict StreamScan(SocketConnection& connection, const ScanFileInput& input, bool encrypt);
+// down by one with `encrypt`, and reads the reply into `reply`, an empty text that the verdict's text is a
+// part of. The connection is closed upon return. The host's memory is only read, and its size again before
+// every chunk.
+ScanVerdict StreamScan(SocketConnection& connection, const ScanFileInput& input, bool encrypt,
+                       ReceivedText& reply);
 
 }  // namespace kesto

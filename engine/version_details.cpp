@@ -1,6 +1,5 @@
 #include "engine/version_details.h"
 
-#include <string>
 #include <string_view>
 
 #include "base/bounded_text.h"
@@ -15,15 +14,18 @@ constexpr char kUnknown[] = "AV Engine version unknown";
 
 // "engine/database/date" becomes words, without the engine's own version; any other form is shown as
 // it is.
-void DescribeReply(const std::string& reply, char (&detail)[kMessageSize]) {
-    size_t first = reply.find('/');
-    size_t second = first == std::string::npos ? first : reply.find('/', first + 1);
-    if (second == std::string::npos || reply.find('/', second + 1) != std::string::npos) {
-        CopyText(detail, sizeof detail, reply.c_str());
+void DescribeReply(std::string_view reply, char (&detail)[kMessageSize]) {
+    const auto length = [](std::string_view text) { return static_cast<int>(text.size()); };
+    const size_t first = reply.find('/');
+    const size_t second = first == reply.npos ? first : reply.find('/', first + 1);
+    if (second == reply.npos || reply.find('/', second + 1) != reply.npos) {
+        FormatText(detail, sizeof detail, "%.*s", length(reply), reply.data());
         return;
     }
-    FormatText(detail, sizeof detail, "AV Database %s - Updated %s",
-               reply.substr(first + 1, second - first - 1).c_str(), reply.c_str() + second + 1);
+    const std::string_view database(reply.data() + first + 1, second - first - 1);
+    const std::string_view date(reply.data() + second + 1, reply.size() - second - 1);
+    FormatText(detail, sizeof detail, "AV Database %.*s - Updated %.*s", length(database), database.data(),
+               length(date), date.data());
 }
 
 void DescribeEngine(char (&detail)[kMessageSize]) {
@@ -31,17 +33,17 @@ void DescribeEngine(char (&detail)[kMessageSize]) {
     if (Servers().empty()) {  // not started yet
         return;
     }
-    const ServerEntry& server = Servers().front();
+    const ServerEntry& server = *Servers().begin();
     SocketConnection connection;
-    if (!connection.Connect(server.host.c_str(), server.port, false, kConnectMs)) {
+    if (!connection.Connect(server.host, server.port, false, kConnectMs)) {
         return;
     }
     connection.MaxReadIdleMs(kIdleLimitMs);
     connection.MaxSendIdleMs(kIdleLimitMs);
-    std::string reply;
+    ReceivedText reply;
     if (SendCommand(connection, "zVERSION")) {
         if (connection.ReceiveStringUntilByte(0, reply)) {
-            DescribeReply(reply, detail);
+            DescribeReply(reply.View(), detail);
         } else {
             FormatText(detail, sizeof detail, "Error -%s", connection.LastErrorText());
         }

@@ -7,26 +7,29 @@
 
 #include "host/check/check.h"
 #include "host/command_line.h"
-#include "host/common/engine_processes.h"
 #include "host/common/exit_status.h"
-#include "host/common/json.h"
+#include "host/common/installed_plugin.h"
+#include "host/common/json_line.h"
 #include "host/common/output.h"
 #include "host/common/plugin_library.h"
 #include "host/common/text.h"
+#include "host/engine_start.h"
 #include "host/file_list.h"
 #include "host/interrupt.h"
+#include "host/probe.h"
 #include "host/scan_files.h"
+#include "host/update.h"
 
 namespace kesto {
 namespace {
 
-constexpr DWORD kEngineListensMs = 5000;  // a new engine gets this long before its version counts as unknown
+constexpr DWORD kEngineListensMs = 5000;  // a new engine gets this long to tell its version
 constexpr DWORD kPollMs = 100;
 
 int Fail(const Options& options, const std::string& error) {
-    PrintError("kestoscan: " + error + "\n");
+    PrintError("kestoscan: " + error + (error.ends_with('\n') ? "" : "\n"));
     if (options.json) {
-        PrintOut(JsonObject().Add("error", error).Text() + "\n");
+        PrintOut(JsonLine({{"error", error}}) + "\n");
     }
     return kExitError;
 }
@@ -37,49 +40,120 @@ std::string VersionText(const PluginLibrary& plugin) {
     return Utf8FromAnsi(text);
 }
 
+bool VersionKnown(const std::string& text) {
+    return !text.ends_with("unknown") && text.find("\nError -") == std::string::npos;
+}
+
 int PrintVersion(const PluginLibrary& plugin, bool engine_is_new) {
     std::string text = VersionText(plugin);
     const DWORD start = GetTickCount();
-    while (engine_is_new && text.ends_with("unknown") && GetTickCount() - start < kEngineListensMs) {
+    while (engine_is_new && !VersionKnown(text) && GetTickCount() - start < kEngineListensMs) {
         Sleep(kPollMs);
         text = VersionText(plugin);
     }
     PrintOut(text + "\n");
-    return kExitClean;
+    return VersionKnown(text) ? kExitClean : kExitError;
 }
 
-int Update(const PluginLibrary& plugin) {
-    plugin.get_expiry(0, 0, 0);  // as the mail server does: before it every update is refused
-    char title[kUpdateTitleSize] = "";
-    char message[kUpdateMessageSize] = "";
-    if (plugin.do_simple_update(title, message)) {
-        PrintOut("Update finished\n");
-        return kExitClean;
+// The files to scan; none with `error` set.
+std::optional<std::vector<ListedFile>> FilesToScan(const Options& options, std::string& error) {
+    std::vector<std::wstring> paths = options.paths;
+    if (!options.file_list.empty() && !ReadPathList(options.file_list, paths, error)) {
+        return std::nullopt;
     }
-    PrintError(Utf8FromAnsi(title) + "\n" + Utf8FromAnsi(message) + "\n");
-    return kExitError;
+    const DWORD attributes = GetFileAttributesW(options.quarantine.c_str());
+    if (!options.quarantine.empty() &&
+        (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY))) {
+        error = Utf8FromWide(options.quarantine) + " is no folder to put away into";
+        return std::nullopt;
+    }
+    return ListFiles(paths, options.list);
 }
 
-int RunTask(const Options& options, const PluginLibrary& plugin) {
-    const bool engine_is_new = EngineProcesses().empty();
+// With the plug-in loaded. `stays`: it must not be unloaded.
+int RunTask(const Options& options, const InstalledPlugin& installed, const PluginLibrary& plugin,
+            bool& stays) {
+    const bool scan = options.task == Task::kScan;
     std::string error;
+    std::optional<std::vector<ListedFile>> files;
+    if (scan && !(files = FilesToScan(options, error))) {
+        return Fail(options, error);
+    }
+    // A scan starts an engine sooner or later, whatever autostart says.
+    EngineStart engine = EngineStart::kRuns;
+    if (scan || installed.settings.autostart) {
+        engine = EnsureEngine(installed);
+    }
+    if (engine == EngineStart::kEndedAtOnce) {
+        const std::string words = EngineEndsText(installed);
+        if (scan) {
+            return Fail(options, words);
+        }
+        PrintError("kestoscan: " + words);
+    }
     const StartOutcome outcome = StartPlugin(plugin, options.folder, error);
     // Without an engine every single scan would wait for one in vain; the other tasks need none.
-    if (outcome == StartOutcome::kRefused ||
-        (outcome == StartOutcome::kEngineNotStarted && options.task == Task::kScan)) {
+    if (outcome == StartOutcome::kRefused || (outcome == StartOutcome::kEngineNotStarted && scan)) {
         return Fail(options, error);
     }
     if (outcome == StartOutcome::kEngineNotStarted) {
         PrintError("kestoscan: " + error + "\n");
     }
+    if (options.wait != 0 && !EngineAnswers(installed, options.wait, error)) {
+        return Fail(options, "the engine does not answer - " + error);
+    }
     if (options.task == Task::kVersion) {
-        return PrintVersion(plugin, engine_is_new && outcome == StartOutcome::kStarted);
+        return PrintVersion(plugin, engine == EngineStart::kStarted);
     }
     if (options.task == Task::kUpdate) {
-        return Update(plugin);
+        return Update(plugin, installed);
     }
-    return ScanFiles(plugin, ListFiles(options.paths, options.recursive), options.jobs,
-                     {options.json, options.infected});
+    const ScanOutcome scanned = ScanFiles(plugin, installed, std::move(*files),
+                                          {options.jobs,
+                                           options.timeout,
+                                           options.quarantine,
+                                           options.move,
+                                           {options.json, options.infected, options.summary}});
+    stays = scanned.threads_left;
+    return scanned.status;
+}
+
+int RunOptions(const Options& options) {
+    if (!options.log.empty()) {
+        if (const unsigned long code = PrintToFileToo(options.log)) {
+            return Fail(options, "the log " + Utf8FromWide(options.log) +
+                                     " cannot be written: " + SystemErrorWithCode(code));
+        }
+    }
+    if (options.task == Task::kCheck) {
+        return CheckInstallation(options.library, options.folder, options.json);
+    }
+    const InstalledPlugin installed = ReadInstalledPlugin(options.folder);
+    if (!installed.folder_fault.empty()) {
+        return Fail(options, installed.folder_fault);
+    }
+    if (!HoldsPlugin(installed)) {
+        return Fail(options, Utf8FromWide(options.folder) +
+                                 " holds no part of the plug-in: --folder names the folder in which "
+                                 "kestoav.ini and plugins lie");
+    }
+    if (options.task == Task::kPing) {
+        return Ping(installed, options.wait);
+    }
+    if (options.task == Task::kStats) {
+        return PrintStats(installed);
+    }
+    std::string error;
+    const std::optional<PluginLibrary> plugin = LoadPlugin(options.library, error);
+    if (!plugin) {
+        return Fail(options, error);
+    }
+    bool stays = false;
+    const int status = RunTask(options, installed, *plugin, stays);
+    if (!stays) {
+        ClosePlugin(*plugin);
+    }
+    return status;
 }
 
 int Run(int count, wchar_t** arguments) {
@@ -87,19 +161,13 @@ int Run(int count, wchar_t** arguments) {
     WatchForInterrupt();
     int status = kExitError;
     const std::optional<Options> options = ParseCommandLine(count, arguments, status);
-    if (!options) {
-        return status;
+    if (options) {
+        status = RunOptions(*options);
     }
-    if (options->task == Task::kCheck) {
-        return CheckInstallation(options->library, options->folder, options->json);
+    if (const std::string failure = OutputFailure(); !failure.empty()) {
+        PrintError("kestoscan: " + failure + "\n");
+        status = kExitError;
     }
-    std::string error;
-    const std::optional<PluginLibrary> plugin = LoadPlugin(options->library, error);
-    if (!plugin) {
-        return Fail(*options, error);
-    }
-    status = RunTask(*options, *plugin);
-    ClosePlugin(*plugin);
     return status;
 }
 
@@ -107,10 +175,13 @@ int Run(int count, wchar_t** arguments) {
 }  // namespace kesto
 
 int wmain(int count, wchar_t** arguments) {
+    int status = kesto::kExitError;
     try {
-        return kesto::Run(count, arguments);
+        status = kesto::Run(count, arguments);
     } catch (const std::exception& error) {
         kesto::PrintError("kestoscan: " + std::string(error.what()) + "\n");
-        return kesto::kExitError;
     }
+    // Nothing is buffered. An orderly end would pull the plug-in from under threads that are inside it.
+    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(status));
+    return status;
 }

@@ -2,7 +2,6 @@
 
 #include <cstdio>
 
-#include "host/common/json.h"
 #include "host/common/output.h"
 #include "host/common/text.h"
 #include "host/progress.h"
@@ -35,16 +34,14 @@ std::string SummaryText(const ScanTotals& totals) {
     return text;
 }
 
-std::string SummaryJson(const ScanTotals& totals) {
-    return JsonObject()
-        .Add("scanned", totals.scanned)
-        .Add("infected", totals.infected)
-        .Add("errors", totals.errors)
-        .Add("not_scanned", totals.not_scanned)
-        .Add("bytes", totals.bytes)
-        .Add("milliseconds", static_cast<uint64_t>(totals.seconds * 1000))
-        .Add("interrupted", totals.interrupted)
-        .Text();
+Json SummaryJson(const ScanTotals& totals) {
+    return {{"scanned", totals.scanned},
+            {"infected", totals.infected},
+            {"errors", totals.errors},
+            {"not_scanned", totals.not_scanned},
+            {"bytes", totals.bytes},
+            {"milliseconds", static_cast<uint64_t>(totals.seconds * 1000)},
+            {"interrupted", totals.interrupted}};
 }
 
 }  // namespace
@@ -56,51 +53,61 @@ void Report::Clean(const std::string& path, uint64_t size) {
         return;
     }
     if (options_.json) {
-        JsonFile(JsonObject().Add("path", path).Add("result", "clean").Add("size", size).Text());
+        PrintJson({{"path", path}, {"result", "clean"}, {"size", size}});
     } else {
         PrintOut(Printable(path) + ": OK\n");
     }
 }
 
-void Report::Infected(const std::string& path, uint64_t size, const std::string& virus) {
+void Report::Infected(const std::string& path, uint64_t size, const std::string& virus,
+                      const std::string& put_away, const std::string& where) {
     if (options_.json) {
-        JsonFile(JsonObject()
-                     .Add("path", path)
-                     .Add("result", "infected")
-                     .Add("size", size)
-                     .Add("name", virus)
-                     .Text());
-    } else {
-        PrintOut(Printable(path + ": " + (virus.empty() ? "(unnamed)" : virus)) + " FOUND\n");
+        Json object = {{"path", path}, {"result", "infected"}, {"size", size}, {"name", virus}};
+        if (!put_away.empty()) {
+            object[put_away + "_to"] = where;
+        }
+        PrintJson(object);
+        return;
+    }
+    PrintOut(Printable(path + ": " + (virus.empty() ? "(unnamed)" : virus)) + " FOUND\n");
+    if (!put_away.empty()) {
+        PrintOut(Printable(path + ": " + put_away + " to " + where) + "\n");
     }
 }
 
 void Report::Failed(const std::string& path, const std::string& error, uint32_t code) {
     const std::string line = Printable(path + ": ERROR " + error) + " (" + std::to_string(code) + ")\n";
-    if (options_.infected_only) {
+    if (options_.json) {
+        PrintJson({{"path", path}, {"result", "error"}, {"error", error}, {"code", code}});
+    } else if (options_.infected_only) {
         PrintError(line);
-    } else if (options_.json) {
-        JsonFile(JsonObject()
-                     .Add("path", path)
-                     .Add("result", "error")
-                     .Add("error", error)
-                     .Add("code", uint64_t{code})
-                     .Text());
     } else {
         PrintOut(line);
     }
 }
 
+void Report::Skipped(const std::string& path, const std::string& reason) {
+    if (options_.infected_only) {
+        return;
+    }
+    if (options_.json) {
+        PrintJson({{"path", path}, {"result", "skipped"}, {"reason", reason}});
+    } else {
+        PrintOut(Printable(path + ": SKIPPED " + reason) + "\n");
+    }
+}
+
 void Report::Summary(const ScanTotals& totals) {
     if (options_.json) {
-        PrintOut(std::string(first_ ? kJsonStart : "") + "\n], \"summary\": " + SummaryJson(totals) + "}\n");
-    } else {
+        PrintOut(std::string(first_ ? kJsonStart : "") + "\n]" +
+                 (options_.summary ? ", \"summary\": " + JsonLine(SummaryJson(totals)) : "") + "}\n");
+    } else if (options_.summary) {
         PrintOut(SummaryText(totals));
     }
 }
 
-void Report::JsonFile(const std::string& object) {
-    PrintOut((first_ ? std::string(kJsonStart) + "\n" : ",\n") + object);
+void Report::PrintJson(const Json& object) {
+    PrintOut((first_ ? std::string(kJsonStart) + "\n" : ",\n") + JsonLine(object));
     first_ = false;
 }
 

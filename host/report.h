@@ -4,11 +4,14 @@
 #include <cstdint>
 #include <string>
 
+#include "host/common/json_line.h"
+
 namespace kesto {
 
 struct ReportOptions {
     bool json = false;
-    bool infected_only = false;  // clean files are left out, and errors go to standard error
+    bool infected_only = false;  // clean files are left out, and without JSON errors go to standard error
+    bool summary = true;
 };
 
 // Totals of one run. `not_scanned` counts the files left out because the run ended early.
@@ -29,12 +32,15 @@ class Report {
     explicit Report(const ReportOptions& options);
 
     void Clean(const std::string& path, uint64_t size);
-    void Infected(const std::string& path, uint64_t size, const std::string& virus);
+    // `put_away`: what became of the file, "moved" or "copied", and where to; empty when it was left alone.
+    void Infected(const std::string& path, uint64_t size, const std::string& virus,
+                  const std::string& put_away = "", const std::string& where = "");
     void Failed(const std::string& path, const std::string& error, uint32_t code);
+    void Skipped(const std::string& path, const std::string& reason);
     void Summary(const ScanTotals& totals);
 
  private:
-    void JsonFile(const std::string& object);
+    void PrintJson(const Json& object);
 
     const ReportOptions options_;
     bool first_ = true;

@@ -4,183 +4,372 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <memory>
 #include <mutex>
-#include <new>
+#include <optional>
 #include <thread>
+#include <utility>
 
 #include "host/common/exit_status.h"
 #include "host/common/file_bytes.h"
 #include "host/common/output.h"
 #include "host/common/text.h"
+#include "host/engine_start.h"
 #include "host/interrupt.h"
+#include "host/plugin_log.h"
+#include "host/probe.h"
 #include "host/progress.h"
+#include "host/quarantine.h"
+#include "host/read_watch.h"
 
 namespace kesto {
 namespace {
 
-// Files above this are in memory one at a time: several at once could exhaust the address space though
-// each fits.
-constexpr uint64_t kLargeFile = 64u << 20;
+using Clock = std::chrono::steady_clock;
+using Guard = std::unique_lock<std::recursive_mutex>;
 
-constexpr auto kProgressInterval = std::chrono::milliseconds(250);
+// Of the files in memory together: several large ones at once could exhaust the address space though each
+// fits. A file above this is in memory alone.
+constexpr uint64_t kMostHeld = 128u << 20;
+constexpr uint32_t kWatchedFrom = 4u << 20;  // a file of this size shows how far its scan has come
+constexpr auto kWatchInterval = std::chrono::milliseconds(250);
+constexpr auto kThreadsLeave = std::chrono::milliseconds(500);  // what they take that need nothing more
+constexpr uint32_t kTimedOut = 1460;                            // the system's code for it
 
-class ScanRun {
+enum class LaneState { kReading, kWaiting, kScanning };
+
+// A thread that takes one file after the other.
+struct Lane {
+    const ListedFile* file = nullptr;  // none between two
+    size_t index = 0;
+    LaneState state = LaneState::kReading;
+    Clock::time_point began;       // of the state
+    Clock::duration reading = {};  // how long that took
+    bool given_up = false;         // its call may return or not; nobody waits for it
+    ReadWatch* watch = nullptr;
+};
+
+// Kept by every thread of it: one that was given up may outlast the run.
+class ScanRun : public std::enable_shared_from_this<ScanRun> {
  public:
-    ScanRun(const PluginLibrary& plugin, const std::vector<ListedFile>& files, const ReportOptions& options)
-        : plugin_(plugin), files_(files), report_(options) {
+    ScanRun(const PluginLibrary& plugin, const InstalledPlugin& installed, std::vector<ListedFile> files,
+            const ScanOptions& options)
+        : plugin_(plugin),
+          installed_(installed),
+          files_(std::move(files)),
+          options_(options),
+          report_(options.report) {
         for (const ListedFile& file : files_) {
             progress_.bytes_total += file.size;
         }
         progress_.files_total = files_.size();
     }
 
-    ScanTotals Run(unsigned jobs) {
-        {
-            const std::lock_guard guard(OutputLock());
-            SetLastWords([this] { Finish(true); });
+    ScanOutcome Run() {
+        Guard guard(OutputLock());
+        SetLastWords([this] { Finish(true); });
+        // One more than scans: while the others scan, it reads the next file.
+        for (size_t i = 0; i < std::min<size_t>(options_.jobs + 1, files_.size()); ++i) {
+            AddLane();
         }
-        std::vector<std::thread> threads;
-        threads.emplace_back([this] { Work(); });
-        const bool show_progress = ProgressShown();
         auto drawn = start_;
-        std::unique_lock guard(OutputLock());
         while (!AllDone()) {
-            // One at a time until the engine has answered: threads that all find it unreachable would each
-            // restart it, and end one another's.
-            while (engine_answered_ && threads.size() < std::min<size_t>(jobs, files_.size())) {
-                threads.emplace_back([this] { Work(); });
+            changed_.wait_for(guard, kWatchInterval);
+            const auto now = Clock::now();
+            if (GiveUpLateLanes(now) && stop_words_.empty()) {
+                guard.unlock();
+                const std::string words = NoServerAccepts(installed_);
+                guard.lock();
+                stop_words_ = words;
             }
-            changed_.wait_for(guard, kProgressInterval);
-            const auto now = std::chrono::steady_clock::now();
-            if (show_progress && !AllDone() && now - drawn >= kProgressInterval) {
+            if (!engine_answered_ && stop_words_.empty() && StartedEngineIsGone()) {
+                stop_words_ = EngineEndsText(installed_);
+            }
+            if (ProgressShown() && !AllDone() && now - drawn >= kWatchInterval) {
                 drawn = now;
                 DrawProgress(ProgressLine(CurrentProgress()));
             }
         }
+        stopped_ = true;
         Finish(false);
         SetLastWords(nullptr);
-        guard.unlock();
-        for (std::thread& thread : threads) {
-            thread.join();
+        if (!stop_words_.empty()) {
+            PrintError("kestoscan: " + stop_words_);
         }
-        return totals_;
+        changed_.notify_all();
+        changed_.wait_for(guard, kThreadsLeave, [this] { return threads_ == 0; });
+        return {Status(), threads_ != 0};
     }
 
  private:
-    bool AllDone() const { return working_ == 0 && (stopped_ || next_ == files_.size()); }
+    // Nothing is waited for once the run is of no use.
+    bool AllDone() const {
+        return done_ == files_.size() || (stopped_ && scanning_ == 0) || !stop_words_.empty() ||
+               !OutputFailure().empty();
+    }
 
-    Progress CurrentProgress() {
-        progress_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-        return progress_;
+    int Status() const {
+        if (totals_.infected != 0) {
+            return kExitInfected;
+        }
+        return totals_.errors != 0 || totals_.not_scanned != 0 ? kExitError : kExitClean;
+    }
+
+    Progress CurrentProgress() const {
+        Progress now = progress_;
+        now.seconds = std::chrono::duration<double>(Clock::now() - start_).count();
+        for (const auto& lane : lanes_) {
+            now.bytes_done += lane->watch != nullptr ? lane->watch->Reached() : 0;
+        }
+        return now;
     }
 
     void Finish(bool interrupted) {
         totals_.seconds = CurrentProgress().seconds;
         totals_.interrupted = interrupted;
-        totals_.not_scanned = files_.size() - totals_.scanned - totals_.errors;
+        totals_.not_scanned = files_.size() - done_;
         report_.Summary(totals_);
     }
 
-    const ListedFile* Next() {
-        const std::lock_guard guard(OutputLock());
-        if (stopped_ || next_ == files_.size()) {
-            return nullptr;
-        }
-        ++working_;
-        return &files_[next_++];
+    void AddLane() {
+        auto lane = std::make_shared<Lane>();
+        lanes_.push_back(lane);
+        ++threads_;
+        std::thread([run = shared_from_this(), lane] {
+            Guard guard(OutputLock());
+            run->Work(guard, *lane);
+            --run->threads_;
+            run->changed_.notify_all();
+        }).detach();
     }
 
-    void Work() {
-        while (const ListedFile* file = Next()) {
-            try {
-                ScanListed(*file);
-            } catch (const std::bad_alloc&) {
-                AddFailed(*file, "Out of memory", 8);
+    // Returns whether there was a scan among them. A thread that reads ahead of its turn holds nobody up.
+    bool GiveUpLateLanes(Clock::time_point now) {
+        bool scans = false;
+        for (size_t i = 0; i < lanes_.size(); ++i) {
+            Lane& lane = *lanes_[i];
+            const bool counts = lane.state == LaneState::kScanning ||
+                                (lane.state == LaneState::kReading && lane.index == turn_);
+            if (lane.given_up || lane.file == nullptr || !counts ||
+                now - lane.began + lane.reading < std::chrono::seconds(options_.timeout)) {
+                continue;
             }
-            const std::lock_guard guard(OutputLock());
-            --working_;
-            ++progress_.files_done;
-            changed_.notify_one();
+            scans = scans || lane.state == LaneState::kScanning;
+            if (lane.state == LaneState::kReading) {
+                ++turn_;
+            }
+            Fail(lane, "No verdict within " + std::to_string(options_.timeout) + " s", kTimedOut);
+            LetGo(lane);
+            lane.given_up = true;
+            engine_answered_ = false;
+            AddLane();
+        }
+        return scans;
+    }
+
+    // Returns where the run or the lane ends.
+    void Work(Guard& guard, Lane& lane) {
+        while (TakeFile(guard, lane)) {
+            const ListedFile& file = *lane.file;
+            guard.unlock();
+            const FileBytes bytes = Read(file);
+            guard.lock();
+            if (!WaitForTurn(guard, lane)) {
+                return;
+            }
+            if (!bytes.error.empty()) {
+                Fail(lane, bytes.error, bytes.code);
+            } else {
+                Scan(guard, lane, bytes);
+            }
+            if (lane.given_up) {
+                return;
+            }
+            LetGo(lane);
         }
     }
 
-    void ScanListed(const ListedFile& file) {
+    // False when the lane is to end.
+    template <typename Ready>
+    bool Wait(Guard& guard, const Lane& lane, Ready ready) {
+        changed_.wait(guard, [&] { return stopped_ || lane.given_up || ready(); });
+        return !stopped_ && !lane.given_up;
+    }
+
+    bool TakeFile(Guard& guard, Lane& lane) {
+        const auto fits = [this] {
+            return next_ == files_.size() || held_ == 0 || held_ + files_[next_].size <= kMostHeld;
+        };
+        if (!Wait(guard, lane, fits) || next_ == files_.size()) {
+            return false;
+        }
+        lane.index = next_++;
+        lane.file = &files_[lane.index];
+        lane.reading = {};
+        held_ += lane.file->size;
+        Enter(lane, LaneState::kReading);
+        return true;
+    }
+
+    static void Enter(Lane& lane, LaneState state) {
+        lane.state = state;
+        lane.began = Clock::now();
+    }
+
+    static FileBytes Read(const ListedFile& file) {
         if (!file.error.empty()) {
-            AddFailed(file, file.error, file.code);
-            return;
+            return {nullptr, 0, file.error, file.code};
         }
-        std::unique_lock large(large_file_, std::defer_lock);
-        if (file.size > kLargeFile) {
-            large.lock();
-        }
-        const FileBytes bytes = ReadWholeFile(file.path);
-        if (!bytes.error.empty()) {
-            AddFailed(file, bytes.error, bytes.code);
-            return;
-        }
-        ScanBytes(file, bytes);
+        return file.exact.empty() ? ReadStandardInput() : ReadWholeFile(file.exact);
     }
 
-    void ScanBytes(const ListedFile& file, const FileBytes& bytes) {
+    // Scans begin in the order in which the files were listed. Several run at a time only as long as the
+    // engine answers: threads that all find it unreachable would each restart it, and end one another's.
+    bool WaitForTurn(Guard& guard, Lane& lane) {
+        lane.reading = Clock::now() - lane.began;
+        lane.state = LaneState::kWaiting;
+        const auto ready = [&] {
+            return turn_ == lane.index && scanning_ < (engine_answered_ ? options_.jobs : 1);
+        };
+        if (!Wait(guard, lane, ready)) {
+            return false;
+        }
+        ++turn_;
+        changed_.notify_all();
+        return true;
+    }
+
+    void Scan(Guard& guard, Lane& lane, const FileBytes& bytes) {
+        Enter(lane, LaneState::kScanning);
+        ++scanning_;
+        std::optional<ReadWatch> watch;
+        if (bytes.size >= kWatchedFrom && ProgressShown()) {
+            lane.watch = &watch.emplace(bytes.data.get(), bytes.size);
+        }
+        const bool suspect = std::exchange(engine_suspect_, false);
+        const std::string name = AnsiFromWide(lane.file->path);
+        guard.unlock();
+        if (suspect && EnsureEngine(installed_) == EngineStart::kEndedAtOnce) {
+            const std::string words = EngineEndsText(installed_);
+            guard.lock();
+            stop_words_ = words;
+            if (!lane.given_up) {
+                Fail(lane, "The engine ends at once", kErrorConnect);
+            }
+            return;
+        }
         ScanFileInput input = {};
-        std::strncpy(input.name, AnsiFromWide(file.path).c_str(), sizeof input.name - 1);
+        std::strncpy(input.name, name.c_str(), sizeof input.name - 1);
         input.size = bytes.size;
         input.data = bytes.data.get();
         char detection[kDetectionSize] = "";
         ScanFileResult result = {0, 0, detection};
         uint32_t code = 0;
-        if (!plugin_.scan_file(0, &input, &result, &code, 0, 0)) {
-            AddFailed(file, PluginErrorText(plugin_, code), code, plugin_.is_fatal_error(code) != 0);
+        const bool scanned = plugin_.scan_file(0, &input, &result, &code, 0, 0) != 0;
+        const std::string error = scanned ? "" : ErrorText(code, name, bytes.size);
+        guard.lock();
+        lane.watch = nullptr;
+        if (lane.given_up) {
             return;
         }
-        detection[kDetectionSize - 1] = '\0';
-        const std::lock_guard guard(OutputLock());
+        engine_answered_ = scanned && (engine_answered_ || bytes.size != 0);
+        if (!scanned) {
+            engine_suspect_ = true;
+            stopped_ = stopped_ || plugin_.is_fatal_error(code) != 0;
+            Fail(lane, error, code);
+            return;
+        }
         ++totals_.scanned;
         totals_.bytes += bytes.size;
         progress_.bytes_done += bytes.size;
-        engine_answered_ = engine_answered_ || bytes.size != 0;
         if (result.infected) {
-            ++totals_.infected;
-            report_.Infected(Utf8FromWide(file.path), bytes.size,
-                             Utf8FromAnsi(detection + kDetectionVirusName));
+            detection[kDetectionSize - 1] = '\0';
+            Infected(lane, bytes.size, Utf8FromAnsi(detection + kDetectionVirusName));
         } else {
-            report_.Clean(Utf8FromWide(file.path), bytes.size);
+            report_.Clean(Utf8FromWide(lane.file->path), bytes.size);
         }
     }
 
-    void AddFailed(const ListedFile& file, const std::string& error, uint32_t code, bool fatal = false) {
-        const std::lock_guard guard(OutputLock());
-        ++totals_.errors;
-        progress_.bytes_total -= std::min(progress_.bytes_total, file.size);
-        stopped_ = stopped_ || fatal;
-        report_.Failed(Utf8FromWide(file.path), error, code);
+    // The plug-in's own words for 1003 say nothing.
+    std::string ErrorText(uint32_t code, const std::string& name, uint32_t size) const {
+        const std::string logged =
+            code == kErrorReply ? LoggedResponse(installed_.log, name, size) : std::string();
+        if (!logged.empty()) {
+            return logged;
+        }
+        return PluginErrorText(plugin_, code) +
+               (code == kErrorReply ? ": no verdict in the engine's reply, which kestoav.log would tell"
+                                    : "");
     }
 
-    const PluginLibrary& plugin_;
-    const std::vector<ListedFile>& files_;
-    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-    std::mutex large_file_;
+    void Infected(const Lane& lane, uint32_t size, const std::string& virus) {
+        ++totals_.infected;
+        const std::string path = Utf8FromWide(lane.file->path);
+        std::wstring where;
+        const unsigned long code = options_.quarantine.empty()
+                                       ? 0
+                                       : PutAway(lane.file->exact, options_.quarantine, options_.move, where);
+        const char* const done = where.empty() ? "" : options_.move ? "moved" : "copied";
+        report_.Infected(path, size, virus, done, Utf8FromWide(where));
+        if (code != 0) {
+            ++totals_.errors;
+            report_.Failed(
+                path,
+                std::string("Not ") + (options_.move ? "moved" : "copied") + ": " + SystemErrorText(code),
+                code);
+        }
+    }
+
+    void Fail(const Lane& lane, const std::string& error, uint32_t code) {
+        progress_.bytes_total -= std::min(progress_.bytes_total, lane.file->size);
+        if (lane.file->skipped) {
+            report_.Skipped(Utf8FromWide(lane.file->path), error);
+            return;
+        }
+        ++totals_.errors;
+        report_.Failed(Utf8FromWide(lane.file->path), error, code);
+    }
+
+    // The lane's file is done with.
+    void LetGo(Lane& lane) {
+        held_ -= lane.file->size;
+        scanning_ -= lane.state == LaneState::kScanning ? 1 : 0;
+        ++done_;
+        ++progress_.files_done;
+        lane.file = nullptr;
+        lane.watch = nullptr;
+        changed_.notify_all();
+    }
+
+    const PluginLibrary plugin_;
+    const InstalledPlugin installed_;
+    const std::vector<ListedFile> files_;
+    const ScanOptions options_;
+    const Clock::time_point start_ = Clock::now();
     std::condition_variable_any changed_;
 
-    // What follows is used under OutputLock.
+    // What follows, and all lanes, are used under OutputLock.
     Report report_;
     ScanTotals totals_;
     Progress progress_;
-    size_t next_ = 0;
-    size_t working_ = 0;
+    std::vector<std::shared_ptr<Lane>> lanes_;
+    std::string stop_words_;  // not empty: why the run is of no use any more
+    size_t threads_ = 0;
+    size_t next_ = 0;  // the file to be read next
+    size_t turn_ = 0;  // the file to be scanned next
+    size_t done_ = 0;
+    size_t scanning_ = 0;
+    uint64_t held_ = 0;  // bytes of the files in memory, as listed
     bool engine_answered_ = false;
+    bool engine_suspect_ = false;  // a scan has failed since it last answered
     bool stopped_ = false;
 };
 
 }  // namespace
 
-int ScanFiles(const PluginLibrary& plugin, const std::vector<ListedFile>& files, unsigned jobs,
-              const ReportOptions& options) {
-    const ScanTotals totals = ScanRun(plugin, files, options).Run(jobs);
-    if (totals.infected != 0) {
-        return kExitInfected;
-    }
-    return totals.errors != 0 || totals.not_scanned != 0 || OutputFailed() ? kExitError : kExitClean;
+ScanOutcome ScanFiles(const PluginLibrary& plugin, const InstalledPlugin& installed,
+                      std::vector<ListedFile> files, const ScanOptions& options) {
+    return std::make_shared<ScanRun>(plugin, installed, std::move(files), options)->Run();
 }
 
 }  // namespace kesto

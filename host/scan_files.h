@@ -1,18 +1,32 @@
 // Scans the listed files through the plug-in and reports each.
 #pragma once
 
+#include <string>
 #include <vector>
 
+#include "host/common/installed_plugin.h"
 #include "host/common/plugin_library.h"
 #include "host/file_list.h"
 #include "host/report.h"
 
 namespace kesto {
 
-// Scans with up to `jobs` threads and returns the exit status. A file that cannot be read does not stop
-// the rest; an error that the plug-in calls fatal does, since every further scan would wait for the
-// engine in vain.
-int ScanFiles(const PluginLibrary& plugin, const std::vector<ListedFile>& files, unsigned jobs,
-              const ReportOptions& options);
+struct ScanOptions {
+    unsigned jobs = 1;        // files scanned at a time
+    unsigned timeout = 300;   // seconds for a file
+    std::wstring quarantine;  // empty: what is found stays where it is
+    bool move = false;        // into the quarantine; otherwise copy
+    ReportOptions report;
+};
+
+struct ScanOutcome {
+    int status;
+    bool threads_left;  // calls were given up that have not returned: the plug-in must stay loaded
+};
+
+// A file that cannot be read does not stop the rest; an error that the plug-in calls fatal does, since every
+// further scan would wait for the engine in vain, and so does an engine that ends whenever it is started.
+ScanOutcome ScanFiles(const PluginLibrary& plugin, const InstalledPlugin& installed,
+                      std::vector<ListedFile> files, const ScanOptions& options);
 
 }  // namespace kesto

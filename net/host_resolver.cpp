@@ -4,7 +4,7 @@
 #include <ws2tcpip.h>
 
 #include <atomic>
-#include <new>
+#include <cstdlib>
 
 namespace kesto {
 namespace {
@@ -55,15 +55,15 @@ bool FindAsyncResolver(AsyncResolver& resolver) {
            resolver.free != nullptr;
 }
 
-// One resolution under way. The system writes into it until the event is set, which may be after we
-// stopped waiting: it therefore lives on the heap.
+// One resolution under way, all zero at first. The system writes into it until the event is set, which may
+// be after we stopped waiting: it therefore lives on the heap.
 struct Lookup {
-    OVERLAPPED overlapped = {};
-    HANDLE cancel_handle = nullptr;
-    ADDRINFOEXW hints = {};
-    ADDRINFOEXW* result = nullptr;
+    OVERLAPPED overlapped;
+    HANDLE cancel_handle;
+    ADDRINFOEXW hints;
+    ADDRINFOEXW* result;
     wchar_t name[1000];
-    Lookup* next = nullptr;
+    Lookup* next;
 };
 
 // Lookups that their cancelling did not end at once.
@@ -79,8 +79,10 @@ void Destroy(const AsyncResolver& resolver, Lookup* lookup) {
     if (lookup->result != nullptr) {
         resolver.free(lookup->result);
     }
-    CloseHandle(lookup->overlapped.hEvent);
-    delete lookup;
+    if (lookup->overlapped.hEvent != nullptr) {
+        CloseHandle(lookup->overlapped.hEvent);
+    }
+    free(lookup);
 }
 
 bool Ended(const Lookup* lookup, DWORD wait_ms) {
@@ -103,7 +105,7 @@ void DestroyEndedLookups(const AsyncResolver& resolver) {
 Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_t limit_ms,
                         HostAddresses& found, int& error) {
     DestroyEndedLookups(resolver);
-    auto* lookup = new (std::nothrow) Lookup;
+    auto* lookup = static_cast<Lookup*>(calloc(1, sizeof(Lookup)));
     if (lookup == nullptr) {
         error = WSAENOBUFS;
         return Resolution::kFailed;
@@ -114,7 +116,7 @@ Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_
     if (lookup->overlapped.hEvent == nullptr ||
         MultiByteToWideChar(CP_ACP, 0, host, -1, lookup->name,
                             sizeof lookup->name / sizeof lookup->name[0]) == 0) {
-        delete lookup;
+        Destroy(resolver, lookup);
         error = WSAEINVAL;
         return Resolution::kFailed;
     }
@@ -142,7 +144,9 @@ Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_
     return Outcome(error, found);
 }
 
-Resolution ResolveBlocking(const char* host, HostAddresses& found, int& error) {
+// The answer may take as long as the system likes, and one after the limit is none.
+Resolution ResolveBlocking(const char* host, uint32_t limit_ms, HostAddresses& found, int& error) {
+    const uint32_t start = GetTickCount();
     addrinfo hints = {};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
@@ -151,6 +155,9 @@ Resolution ResolveBlocking(const char* host, HostAddresses& found, int& error) {
     if (error == 0) {
         TakeAddresses(result, found);
         freeaddrinfo(result);
+    }
+    if (GetTickCount() - start >= limit_ms) {
+        return Resolution::kTimedOut;
     }
     return Outcome(error, found);
 }
@@ -163,7 +170,7 @@ Resolution ResolveHost(const char* host, uint32_t limit_ms, HostAddresses& found
     if (FindAsyncResolver(resolver)) {
         return ResolveAsync(resolver, host, limit_ms, found, error);
     }
-    return ResolveBlocking(host, found, error);
+    return ResolveBlocking(host, limit_ms, found, error);
 }
 
 }  // namespace kesto

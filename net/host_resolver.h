@@ -15,8 +15,8 @@ struct HostAddresses {
 
 enum class Resolution { kFound, kTimedOut, kFailed };
 
-// Resolves `host` within `limit_ms`. On Failed, `error` is the Windows Sockets error. Where the system
-// is too old to end a resolution early, the limit is the system's own.
+// Resolves `host` within `limit_ms`. On kFailed, `error` is the Windows Sockets error. Where the system
+// is too old to end a resolution early, it returns later than that, and then with kTimedOut.
 Resolution ResolveHost(const char* host, uint32_t limit_ms, HostAddresses& found, int& error);
 
 }  // namespace kesto

@@ -1,12 +1,12 @@
 #include "net/socket_connection.h"
 
+#include <mstcpip.h>
+
 #include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <new>
-#include <utility>
 
 #include "net/host_resolver.h"
 #include "net/ipv4_address.h"
@@ -25,6 +25,10 @@ bool SocketConnection::LayerStarted() {
         // Two threads at once start it twice, which the system counts and allows.
         WSADATA data;
         g_layer_started = WSAStartup(MAKEWORD(2, 2), &data) == 0;
+        // Nor may it be unloaded while it is started, as it would be with us in a host that has no sockets of
+        // its own: what it holds would be lost, and the next one to load it would find it broken.
+        HMODULE pinned = nullptr;
+        GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN, "ws2_32.dll", &pinned);
     }
     return g_layer_started;
 }
@@ -68,8 +72,8 @@ void SocketConnection::AddEntry(std::string_view name, std::string_view value) {
     AddText(value);
 }
 
-void SocketConnection::AddEntry(std::string_view name, uint32_t value) {
-    char digits[10];
+void SocketConnection::AddEntry(std::string_view name, int64_t value) {
+    char digits[20];
     auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
     AddEntry(name, std::string_view(digits, static_cast<size_t>(end - digits)));
 }
@@ -104,7 +108,8 @@ bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, ui
     Drop();
     StartAccount("Connect_Socket");
     // A long name is cut here so that the reason below it stays within one log line.
-    AddEntry("hostname", std::string_view(hostname != nullptr ? hostname : "").substr(0, 200));
+    const char* const name = hostname != nullptr ? hostname : "";
+    AddEntry("hostname", std::string_view(name, strnlen(name, 200)));
     AddEntry("port", port);
     AddEntry("ssl", ssl);
     AddEntry("maxWaitMs", max_wait_ms);
@@ -141,6 +146,11 @@ bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, ui
     for (size_t i = 0; i < found.count; ++i) {
         error = ConnectTo(found.addresses[i], port, start, max_wait_ms);
         if (error == 0) {
+            if (no_delay_) {
+                AddLine("Setting TCP_NODELAY");
+                const BOOL on = TRUE;
+                setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
+            }
             AddLine("Success.");
             return true;
         }
@@ -151,6 +161,18 @@ bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, ui
 }
 
 namespace {
+
+// Within this machine a refusal is final, but Windows asks again for about two seconds: a closed port would
+// show as a time-out. Systems before Windows 10 1709 do not know the request, and go on as they did.
+void AskOnceOnLoopback(SOCKET connecting, uint32_t address) {
+    if ((ntohl(address) >> 24) != 127) {
+        return;
+    }
+    TCP_INITIAL_RTO_PARAMETERS once = {TCP_INITIAL_RTO_UNSPECIFIED_RTT,
+                                       TCP_INITIAL_RTO_NO_SYN_RETRANSMISSIONS};
+    DWORD written = 0;
+    WSAIoctl(connecting, SIO_TCP_INITIAL_RTO, &once, sizeof once, nullptr, 0, &written, nullptr, nullptr);
+}
 
 // Waits until the connection is made, refused or the time has passed; 0 or the error.
 int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
@@ -187,6 +209,7 @@ int SocketConnection::ConnectTo(uint32_t address, uint16_t port, uint32_t start,
     if (socket_ == INVALID_SOCKET) {
         return WSAGetLastError();
     }
+    AskOnceOnLoopback(socket_, address);
     u_long non_blocking = 1;
     sockaddr_in server = {};
     server.sin_family = AF_INET;
@@ -266,55 +289,54 @@ bool SocketConnection::SendAll(const char* data, uint32_t byte_count) {
     return true;
 }
 
-bool SocketConnection::ReceiveStringUntilByte(int byte_value, std::string& text) {
+bool SocketConnection::ReceiveStringUntilByte(int byte_value, ReceivedText& text) {
     StartAccount("ReceiveStringUntilByte");
-    const int last = std::clamp(byte_value, 0, 255);
-    AddEntry("byteValue", static_cast<uint32_t>(last));
+    AddEntry("byteValue", byte_value);
+    const auto last = static_cast<char>(std::clamp(byte_value, 0, 255));
     if (socket_ == INVALID_SOCKET) {
         AddLine("No connection is established");
         return false;
     }
-    try {
-        std::string received;
-        for (;;) {
-            // The engine scans before it replies: a `recv` without waiting first would come too early.
-            int count = WaitUntilReady(socket_, false, max_read_idle_ms_);
-            if (count == 0) {
-                AddLine("WaitForData timed out.");
-                return false;
-            }
-            char buffer[4096];
-            if (count > 0) {
-                count = recv(socket_, buffer, sizeof buffer, 0);
-            }
-            if (count == 0) {
-                AddLine("The peer has closed the socket (TCP) connection");
-                return false;
-            }
-            if (count < 0) {
-                int error = WSAGetLastError();
-                if (error == WSAEWOULDBLOCK) {
-                    continue;
-                }
-                AddLine("Failed to receive on the TCP socket");
-                AddSocketError(error);
-                return false;
-            }
-            const std::string_view bytes(buffer, static_cast<size_t>(count));
-            const size_t match = bytes.find(static_cast<char>(last));
-            received.append(bytes.substr(0, match));
-            if (match != std::string_view::npos) {
-                text = std::move(received);
-                return true;
-            }
-            if (received.size() > kMostReplyBytes) {
-                AddLine("The reply is too long");
-                return false;
-            }
+    ReceivedText received;
+    for (;;) {
+        // The engine scans before it replies: a `recv` without waiting first would come too early.
+        int count = WaitUntilReady(socket_, false, max_read_idle_ms_);
+        if (count == 0) {
+            AddLine("WaitForData timed out.");
+            return false;
         }
-    } catch (const std::bad_alloc&) {
-        AddLine("Not enough memory for the reply");
-        return false;
+        char buffer[4096];
+        if (count > 0) {
+            count = recv(socket_, buffer, sizeof buffer, 0);
+        }
+        if (count == 0) {
+            AddLine("The peer has closed the socket (TCP) connection");
+            return false;
+        }
+        if (count < 0) {
+            int error = WSAGetLastError();
+            if (error == WSAEWOULDBLOCK) {
+                continue;
+            }
+            AddLine("Failed to receive on the TCP socket");
+            AddSocketError(error);
+            return false;
+        }
+        const char* const end = buffer + count;
+        const char* const match = std::find(static_cast<const char*>(buffer), end, last);
+        const auto length = static_cast<size_t>(match - buffer);
+        if (received.View().size() + length > kMostReplyBytes) {
+            AddLine("The reply is too long");
+            return false;
+        }
+        if (!received.Append({buffer, length})) {
+            AddLine("Not enough memory for the reply");
+            return false;
+        }
+        if (match != end) {
+            text.Swap(received);
+            return true;
+        }
     }
 }
 

@@ -4,8 +4,9 @@
 #include <winsock2.h>
 
 #include <cstdint>
-#include <string>
 #include <string_view>
+
+#include "net/received_text.h"
 
 namespace kesto {
 
@@ -24,6 +25,9 @@ class SocketConnection {
     // False when the system's socket layer cannot be started; every Connect then fails.
     static bool LayerStarted();
 
+    // Whether connections made from now on send small pieces at once, each in a packet of its own.
+    void NoDelay(bool on) { no_delay_ = on; }
+
     // Connects to a dotted IPv4 address or a host name; `max_wait_ms` bounds resolution and connecting
     // together. `ssl` appears in the account only: the connection is never secured.
     bool Connect(const char* hostname, uint16_t port, bool ssl, uint32_t max_wait_ms);
@@ -38,7 +42,7 @@ class SocketConnection {
     // Reads until a byte of this value (brought into 0..255) has arrived and stores the bytes before it
     // in `text`, which stays as it is on failure. What arrives behind that byte may be lost. A reply
     // beyond kMostReplyBytes is a failure.
-    bool ReceiveStringUntilByte(int byte_value, std::string& text);
+    bool ReceiveStringUntilByte(int byte_value, ReceivedText& text);
 
     // `max_wait_ms` is for secured connections, which there are none of: this never waits.
     bool Close(uint32_t max_wait_ms);
@@ -48,7 +52,7 @@ class SocketConnection {
     const char* LastErrorText();
 
     // An engine that sends without end must not exhaust the host's memory.
-    static constexpr size_t kMostReplyBytes = 32 * 1024 * 1024;
+    static constexpr size_t kMostReplyBytes = 1024 * 1024;
 
  private:
     static constexpr size_t kAccountSize = 1000;
@@ -58,13 +62,14 @@ class SocketConnection {
     void AddText(std::string_view text);
     void AddLine(std::string_view line);
     void AddEntry(std::string_view name, std::string_view value);
-    void AddEntry(std::string_view name, uint32_t value);
+    void AddEntry(std::string_view name, int64_t value);
     void AddSocketError(int error);
     int ConnectTo(uint32_t address, uint16_t port, uint32_t start, uint32_t max_wait_ms);
     bool SendAll(const char* data, uint32_t byte_count);
     void Drop();
 
     SOCKET socket_ = INVALID_SOCKET;
+    bool no_delay_ = false;
     uint32_t max_read_idle_ms_ = 20000;
     uint32_t max_send_idle_ms_ = 20000;
     char account_[kAccountSize] = {};

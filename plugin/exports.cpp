@@ -1,4 +1,4 @@
-// The routines behind the exported names: the call, and the guard that keeps exceptions from the host.
+// The routines behind the exported names.
 #include <windows.h>
 
 #include <cstdint>
@@ -16,16 +16,6 @@ namespace {
 // Kept as the loader hands it over; nothing reads it.
 HINSTANCE g_module;
 
-// The result of `call`, or `failed` if it throws, as it does when memory runs out.
-template <typename Result, typename Call>
-Result Guarded(Result failed, Call call) noexcept {
-    try {
-        return call();
-    } catch (...) {
-        return failed;
-    }
-}
-
 }  // namespace
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD, LPVOID) {
@@ -37,9 +27,7 @@ extern "C" {
 
 int32_t __stdcall InitializeScanner(int32_t interface_version, char* short_name, char* long_name,
                                     uint32_t* out_value, const char* folder) {
-    return Guarded<int32_t>(ERROR_NOT_ENOUGH_MEMORY, [&] {
-        return kesto::InitializeScanner(interface_version, short_name, long_name, out_value, folder);
-    });
+    return kesto::InitializeScanner(interface_version, short_name, long_name, out_value, folder);
 }
 
 void __stdcall CloseScanner() {
@@ -62,12 +50,7 @@ void __stdcall GetErrorText(uint32_t code, char* buffer, int32_t size) {
 
 uint32_t __stdcall ScanFile(uint32_t, const kesto::ScanFileInput* input, kesto::ScanFileResult* result,
                             uint32_t* error_code, uint32_t, uint32_t) {
-    try {
-        return kesto::ScanFile(input, result, error_code);
-    } catch (...) {
-        // Only the reply takes memory; one that could not be looked at was not understood.
-        return kesto::FailScan(error_code, kesto::kErrorReply);
-    }
+    return kesto::ScanFile(input, result, error_code);
 }
 
 int32_t __stdcall DoUpdate(uint32_t, uint32_t, uint32_t, uint32_t) {
@@ -83,10 +66,7 @@ int32_t __stdcall ReloadScanner() {
 }
 
 void __stdcall GetVersionDetails(char* buffer, int32_t size) {
-    Guarded(0, [&] {
-        kesto::WriteVersionDetails(buffer, size);
-        return 0;
-    });
+    kesto::WriteVersionDetails(buffer, size);
 }
 
 int32_t __stdcall ProcessWindowsMessage(uint32_t, uint32_t, uint32_t) {

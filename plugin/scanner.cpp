@@ -29,7 +29,9 @@ int32_t InitializeScanner(int32_t interface_version, char* short_name, char* lon
     SetPluginFolder(folder);
     char log_path[kPathSize] = {};
     ReadSettings(PluginFolder(), log_path);
-    AppendServers(Servers(), Settings().servers);
+    if (!Servers().Append(Settings().servers)) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
     OpenLog(log_path);
     if (interface_version != kInterfaceVersion) {
         LogMessage("API version mismatch %d != %d", static_cast<int>(interface_version),

@@ -4,9 +4,12 @@
 
 namespace kesto {
 
-DWORD StartHiddenProgram(const char* program, PROCESS_INFORMATION& started) {
+bool StartHiddenProgram(const char* program, PROCESS_INFORMATION& started, DWORD& error) {
     char folder[kMessageSize];
-    FormatEngineFolder(folder);
+    if (!FormatEngineFolder(folder)) {
+        error = ERROR_PATH_NOT_FOUND;
+        return false;
+    }
     char path[kMessageSize];
     FormatText(path, sizeof path, "%s\\%s", folder, program);
 
@@ -16,9 +19,10 @@ DWORD StartHiddenProgram(const char* program, PROCESS_INFORMATION& started) {
     startup.wShowWindow = SW_HIDE;
     // The bare path as the command line, unquoted even where it holds blanks: that is meant.
     if (CreateProcessA(nullptr, path, nullptr, nullptr, FALSE, 0, nullptr, folder, &startup, &started)) {
-        return 0;
+        return true;
     }
-    return GetLastError();
+    error = GetLastError();
+    return false;
 }
 
 }  // namespace kesto

@@ -5,8 +5,9 @@
 
 namespace kesto {
 
-// Starts `program` (a bare file name) in the engine folder, which is also its working folder. Returns 0
-// and fills `started`, whose two handles are then the caller's, or returns the system error code.
-DWORD StartHiddenProgram(const char* program, PROCESS_INFORMATION& started);
+// Starts `program` (a bare file name) in the engine folder, which is also its working folder. Returns whether
+// it was started: then `started` is filled, and its two handles are the caller's. Otherwise `error` is the
+// system error code, which may be 0.
+bool StartHiddenProgram(const char* program, PROCESS_INFORMATION& started, DWORD& error);
 
 }  // namespace kesto

@@ -3,6 +3,7 @@
 #include <windows.h>
 #include <psapi.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "base/elapsed_seconds.h"
@@ -42,12 +43,10 @@ bool IsEngine(HANDLE process) {
     return name != nullptr && EqualIgnoringCase(name + 1, kEngineProgram);
 }
 
-}  // namespace
-
-uint32_t FindEngineProcess() {
-    DWORD ids[kMostProcesses];
+// `ids` has room for kMostProcesses.
+uint32_t FirstEngine(DWORD* ids) {
     DWORD bytes = 0;
-    if (!EnumProcesses(ids, sizeof ids, &bytes)) {
+    if (!EnumProcesses(ids, kMostProcesses * sizeof ids[0], &bytes)) {
         return 0;
     }
     for (DWORD i = 0; i < bytes / sizeof ids[0]; ++i) {
@@ -68,10 +67,20 @@ uint32_t FindEngineProcess() {
     return 0;
 }
 
+}  // namespace
+
+uint32_t FindEngineProcess() {
+    // 40 KB are too much for the stack of a mail server's thread.
+    auto* const ids = static_cast<DWORD*>(malloc(kMostProcesses * sizeof(DWORD)));
+    const uint32_t found = ids != nullptr ? FirstEngine(ids) : 0;
+    free(ids);
+    return found;
+}
+
 uint32_t StartEngineProcess() {
     LogMessage("starting kestoav process");
-    DWORD error = StartHiddenProgram(kEngineProgram, g_started_engine);
-    if (error != 0) {
+    DWORD error = 0;
+    if (!StartHiddenProgram(kEngineProgram, g_started_engine, error)) {
         LogMessage("Error starting kestoav process - %d", static_cast<int>(error));
     }
     return error;

@@ -1,25 +1,100 @@
-# Sourced by the other scripts: a Wine server of our own and a real clamd, both ended with the script.
+# Sourced by the other scripts: steps told in a line each, a Wine server of our own and a real clamd. What a
+# script has started and made here ends with it, whatever ends it.
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-clamd_pid=
-clamd_folder=
+prefixes=()
+
+step() {
+  echo "${0##*/}: $*" >&2
+}
+
+complain() {
+  step "$@"
+  return 1
+}
+
+# Starts a command in a process group of its own, with which all that it starts is ended.
+start() {
+  set -m
+  "$@" </dev/null 9>&- &
+  set +m
+}
+
+# Runs a command so that a signal to the script counts at once, not only when the command has ended.
+run() {
+  start "$@"
+  wait "$!"
+}
 
 finish() {
-  if [ -n "$clamd_pid" ]; then kill "$clamd_pid" 2>/dev/null && wait "$clamd_pid" 2>/dev/null; fi
-  if [ -n "$clamd_folder" ]; then rm -rf "$clamd_folder"; fi
-  if [ -n "${WINEPREFIX:-}" ]; then wineserver -k 2>/dev/null || true; fi
+  set +e
+  trap '' INT TERM HUP PIPE ERR
+  local jobs job prefix
+  jobs=$(jobs -p)
+  for job in $jobs; do kill -- "-$job"; done
+  for prefix in "${prefixes[@]}"; do WINEPREFIX=$prefix "$top/scripts/wine" wineserver -k; done
+  for job in $jobs; do
+    for _ in {1..50}; do
+      kill -0 "$job" || break
+      sleep 0.1
+    done
+    kill -KILL -- "-$job"
+  done
+  # A program that was just starting has started a server for itself.
+  for prefix in "${prefixes[@]}"; do WINEPREFIX=$prefix "$top/scripts/wine" wineserver -k; done
+  rm -rf "$work"
+} 2>/dev/null
+
+work=$(mktemp -u -t kestoav.XXXXXXXX)  # named before it is made: no signal comes between the two
+trap finish EXIT
+trap 'exit 129' HUP
+trap 'exit 130' INT
+trap 'exit 141' PIPE
+trap 'exit 143' TERM
+mkdir -m 700 "$work"
+
+# Two of these scripts at a time would build into one folder and share the Wine prefixes' processes.
+alone() {
+  mkdir -p "$top/build"
+  exec 9<>"$top/build/lock"
+  flock -n 9 || complain "scripts/$(cat "$top/build/lock") is at work in $top: wait for its end, or use another checkout"
+  echo "${0##*/}" >"$top/build/lock"
 }
 
-build() { # PRESET [ARGUMENT...]
-  (cd "$top" && cmake --preset "$1" >/dev/null && cmake --build --preset "$@")
+configure() { # PRESET
+  step "configuring build/$1"
+  run cmake -S "$top" --preset "$1" >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log" >&2 && return 1; }
 }
 
-# Keeps a server alive for the prefix build/wine-NAME: programs then start in a fraction of the time.
-start_wine() { # NAME
-  export WINEPREFIX="$top/build/wine-$1" WINEARCH=win32 WINEDEBUG="${WINEDEBUG:--all}"
-  mkdir -p "$WINEPREFIX"
-  wineserver -p
-  "$top/scripts/wine" wineboot >/dev/null 2>&1
+build() { # PRESET [TARGET...]
+  local preset=$1
+  shift
+  configure "$preset"
+  step "building build/$preset"
+  run cmake --build "$top/build/$preset" ${1:+--target "$@"} >&2
+}
+
+# Readies the prefix build/wine/NAME, for the first NAME as the one in which programs run, and keeps a server
+# alive for it: programs then start in a fraction of the time.
+start_wine() { # NAME...
+  local name booting=()
+  step "starting Wine (the first time it makes its folders, build/wine)"
+  for name in "$@"; do
+    export WINEPREFIX="$top/build/wine/$name"
+    prefixes+=("$WINEPREFIX")
+    "$top/scripts/wine" wineserver -k 2>/dev/null || true  # of a run that was killed
+    [ -e "$WINEPREFIX/ready" ] || rm -rf "$WINEPREFIX"     # half made
+    # What it says is of no interest: at its end it lists objects that outlived their processes.
+    "$top/scripts/wine" wineserver -p 2>/dev/null
+    start "$top/scripts/wine" wineboot >"$work/wine-$name.log" 2>&1
+    booting+=("$!")
+  done
+  for name in "$@"; do
+    wait "${booting[0]}" || complain "Wine does not start: $(cat "$work/wine-$name.log")"
+    touch "$top/build/wine/$name/ready"
+    booting=("${booting[@]:1}")
+  done
+  export WINEPREFIX="$top/build/wine/$1"
 }
 
 # Assembled only here: a file that holds the whole string is quarantined on many machines.
@@ -36,10 +111,10 @@ clamd_answers() { # PORT
   [ "$reply" = PONG ]
 }
 
-# Waits up to 30 s for an engine, or for the process PID to end.
+# Waits up to 60 s for an engine, or for the process PID to end.
 wait_for_engine() { # PORT [PID]
-  local tries
-  for tries in $(seq 300); do
+  local end=$((SECONDS + 60))
+  while [ "$SECONDS" -lt "$end" ]; do
     if (clamd_answers "$1") 2>/dev/null; then return 0; fi
     if [ $# -gt 1 ] && ! kill -0 "$2" 2>/dev/null; then return 1; fi
     sleep 0.1
@@ -50,28 +125,24 @@ wait_for_engine() { # PORT [PID]
 # Starts a clamd that knows one signature, the EICAR test string, on a free loopback port and sets
 # clamd_port.
 start_clamd() { # [SETTING]
-  clamd_folder=$(mktemp -d)
-  mkdir "$clamd_folder/db"
-  echo "Eicar-Test-Signature:0:0:$(eicar | od -An -v -tx1 | tr -d ' \n')" >"$clamd_folder/db/eicar.ndb"
   local attempt
+  step "starting clamd"
+  mkdir "$work/clamd"
+  echo "Eicar-Test-Signature:0:0:$(eicar | od -An -v -tx1 | tr -d ' \n')" >"$work/clamd/eicar.ndb"
   for attempt in 1 2 3 4 5; do
     clamd_port=$((20000 + RANDOM % 10000))
-    cat >"$clamd_folder/clamd.conf" <<CONF
+    cat >"$work/clamd.conf" <<CONF
 TCPSocket $clamd_port
 TCPAddr 127.0.0.1
-DatabaseDirectory $clamd_folder/db
+DatabaseDirectory $work/clamd
+TemporaryDirectory $work
 StreamMaxLength 64M
 SelfCheck 0
 ${1:-}
 CONF
-    clamd --foreground --config-file="$clamd_folder/clamd.conf" >"$clamd_folder/log" 2>&1 &
-    clamd_pid=$!
-    if wait_for_engine "$clamd_port" "$clamd_pid"; then return 0; fi
-    kill "$clamd_pid" 2>/dev/null || true
-    wait "$clamd_pid" 2>/dev/null || true
-    clamd_pid=
+    start clamd --foreground --config-file="$work/clamd.conf" >"$work/clamd.log" 2>&1
+    if wait_for_engine "$clamd_port" "$!"; then return 0; fi
+    if kill "$!" 2>/dev/null; then break; fi  # it had no trouble with the port
   done
-  echo "clamd does not answer:" >&2
-  cat "$clamd_folder/log" >&2
-  return 1
+  complain "clamd does not answer: $(cat "$work/clamd.log")"
 }

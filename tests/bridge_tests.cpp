@@ -1,23 +1,17 @@
-// The bridge as a process, between scripted clamd servers and clients.
+// The bridge as a process, between scripted servers and clients.
 #include <gmock/gmock.h>
 
-#include <atomic>
-#include <mutex>
-#include <thread>
-
 #include "tests/support/bridge_process.h"
-#include "tests/support/fake_clamd.h"
+#include "tests/support/plugin_host.h"
 
 namespace kesto {
 namespace {
 
-using std::string_literals::operator""s;
-using testing::EndsWith;
+using namespace std::literals;
 using testing::HasSubstr;
-using testing::Not;
 
-const std::string kOk = "stream: OK\0"s;
-const std::string kFound = "stream: Evil.Test FOUND\0"s;
+const std::string kOk = WithNul("stream: OK"), kFound = WithNul("stream: Test.Virus FOUND");
+const std::string kScan = WithNul("zINSTREAM");
 
 std::string AllBytes() {
     std::string bytes;
@@ -27,398 +21,254 @@ std::string AllBytes() {
     return bytes;
 }
 
-// Records the last request it got.
-struct Recorder {
-    std::mutex guard;
-    ScanRequestSeen last;
-    ClamdScript Script() {
-        return [this](Wire& wire) {
-            ReceiveCommand(wire);
-            if (const auto request = ReceiveScanRequest(wire)) {
-                const std::lock_guard lock(guard);
-                last = *request;
-                wire.Send(kOk);
-            }
-        };
-    }
-};
+// To each connection what `reply` holds when it has read so much of the request.
+EngineScript Early(const std::string& reply, size_t read = 100000) {
+    return [=](Wire& wire) {
+        wire.Receive(read);
+        wire.Send(reply);
+        wire.Reset();
+    };
+}
 
 TEST(BridgeScan, ShiftIsUndoneInDataOnly) {
-    Recorder recorder;
-    FakeClamd clamd(recorder.Script());
-    BridgeProcess bridge(clamd.Address());
-    EXPECT_EQ(Ask(bridge.Port(), WithNul("zINSTREAM") + ChunkStreamOf(ShiftedDown(AllBytes()), 100)), kOk);
-    EXPECT_EQ(recorder.last.stream, ChunkStreamOf(AllBytes(), 100));
-
-    EXPECT_EQ(Scan(bridge.Port(), ""), kOk);
-    EXPECT_EQ(recorder.last.stream, ChunkStreamOf(""));
-}
-
-TEST(BridgeScan, DecryptOffPassesDataAsItIs) {
-    Recorder recorder;
-    FakeClamd clamd(recorder.Script());
-    BridgeProcess bridge(clamd.Address(), "decrypt=0");
-    EXPECT_EQ(Ask(bridge.Port(), WithNul("zINSTREAM") + ChunkStreamOf(AllBytes())), kOk);
-    EXPECT_EQ(recorder.last.data, AllBytes());
-}
-
-TEST(BridgeScan, StreamCutIntoSingleBytesArrivesWhole) {
-    Recorder recorder;
-    FakeClamd clamd(recorder.Script());
-    BridgeProcess bridge(clamd.Address());
-    Wire client(ConnectToLoopback(bridge.Port()));
-    for (const char c : WithNul("zINSTREAM") + ChunkStreamOf(ShiftedDown(AllBytes()), 90)) {
-        ASSERT_TRUE(client.Send({&c, 1}));
+    for (const bool decrypt : {true, false}) {
+        ScriptedEngine clamd(Realistic());
+        const BridgeProcess bridge(clamd.Address(), decrypt ? "" : "decrypt=0");
+        Wire client(ConnectToLoopback(bridge.port));
+        for (const char c : kScan + ChunkStreamOf(decrypt ? ShiftedDown(AllBytes()) : AllBytes(), 100)) {
+            ASSERT_TRUE(client.Send({&c, 1}));
+        }
+        EXPECT_EQ(client.Receive(), kOk);
+        EXPECT_TRUE(client.Ended());
+        EXPECT_EQ(clamd.Requests().at(0).raw, kScan + ChunkStreamOf(AllBytes(), 100));
     }
-    EXPECT_EQ(client.ReceiveRest().bytes, kOk);
-    EXPECT_EQ(recorder.last.data, AllBytes());
 }
 
-// A verdict is passed on as it is. What the plug-in would take for a clean file, but is none, is not.
-TEST(BridgeScan, OnlyVerdictsKeepTheBeginningOfAVerdict) {
+// What a client gets where no other server gives a verdict; where another one does, that counts.
+TEST(BridgeScan, OnlyWholeVerdictsAreVerdicts) {
     const struct {
-        std::string engine;
-        std::string client;
+        EngineScript engine;
+        std::string alone;
     } cases[] = {
-        {"stream: OK", "stream: OK"},
-        {"stream: A %s%n name FOUND", "stream: A %s%n name FOUND"},
-        {"stream:  FOUND", "stream:  FOUND"},
-        {"stream: FOUND", "no verdict: stream: FOUND"},
-        {"stream: OK ", "no verdict: stream: OK "},
-        {"stream: Can't allocate memory ERROR", "no verdict: stream: Can't allocate memory ERROR"},
-        {"stream: stream: OK", "no verdict: stream: stream: OK"},
-        {"UNKNOWN COMMAND", "UNKNOWN COMMAND"},
-        {"", ""},
+        {Replying("stream: no memory ERROR"), WithNul("no verdict: stream: no memory ERROR")},
+        {Replying("stream: OK "), WithNul("no verdict: stream: OK ")},
+        {Replying("UNKNOWN COMMAND"), WithNul("UNKNOWN COMMAND")},
+        {Early(WithNul("INSTREAM size limit exceeded. ERROR")),
+         WithNul("INSTREAM size limit exceeded. ERROR")},
+        {Early(kOk), ""},
+        {Early("", 0), ""},
+        {DyingAfter(10), ""},
+        {DyingAfter(100000, true), ""},
+        {ReplyingBytes("", Then::kHangsUp), ""},
+        {ReplyingBytes("stream: OK", Then::kResets), ""},
+        {Endless("stream: OK"), ""},
     };
-    std::atomic<size_t> next = 0;
-    FakeClamd clamd([&](Wire& wire) { Replying(cases[next].engine)(wire); });
-    BridgeProcess bridge(clamd.Address());
-    for (next = 0; next < std::size(cases); ++next) {
-        EXPECT_EQ(Scan(bridge.Port(), "data"), WithNul(cases[next].client));
+    const std::string data = std::string(3'000'000, 'd') + "VIRUS";
+    for (const auto& [engine, alone] : cases) {
+        ScriptedEngine sick(engine, 0, false), clamd(Realistic());
+        const BridgeProcess on_its_own(sick.Address(), "wait=0");
+        EXPECT_EQ(on_its_own.Scan(data), alone) << on_its_own.Log();
+        const BridgeProcess both(sick.Address() + " " + clamd.Address());
+        EXPECT_EQ(both.Scan(data), kFound) << alone << both.Log();
     }
-    EXPECT_THAT(bridge.Log(), HasSubstr("stream: Can't allocate memory ERROR"));
+    ScriptedEngine dying(DyingAfter(500'000)), clamd(Realistic());  // in the middle of what is not kept
+    EXPECT_EQ(BridgeProcess(dying.Address() + " " + clamd.Address(), "keep=0").Scan(data), "");
+    ScriptedEngine early(Early(kFound));
+    EXPECT_EQ(BridgeProcess(early.Address()).Scan(data), kFound);
 }
 
-TEST(BridgeScan, EngineDyingAtAnyStageMeansNoReply) {
-    const struct {
-        const char* stage;
-        ClamdScript script;
-    } cases[] = {
-        {"on accept", [](Wire& wire) { wire.Reset(); }},
-        {"after the command", [](Wire& wire) { ReceiveCommand(wire); }},
-        {"in the middle of the data",
-         [](Wire& wire) {
-             ReceiveCommand(wire);
-             wire.Receive(100000);
-             wire.Reset();
-         }},
-        {"before the reply",
-         [](Wire& wire) {
-             ReceiveCommand(wire);
-             ReceiveScanRequest(wire);
-         }},
-        {"in the middle of the reply",
-         [](Wire& wire) {
-             ReceiveCommand(wire);
-             ReceiveScanRequest(wire);
-             wire.Send("stream: OK");
-         }},
-        {"in a reply that never ends",
-         [](Wire& wire) {
-             ReceiveCommand(wire);
-             ReceiveScanRequest(wire);
-             while (wire.Send(std::string(65536, 'x'))) {
-             }
-         }},
-        {"after a clean verdict on half of the data",
-         [](Wire& wire) {
-             ReceiveCommand(wire);
-             wire.Receive(100000);
-             wire.Send(kOk);
-             wire.ReceiveRest();
-         }},
-    };
-    std::atomic<size_t> next = 0;
-    FakeClamd clamd([&](Wire& wire) { cases[next].script(wire); });
-    BridgeProcess bridge(clamd.Address());
-    for (next = 0; next < std::size(cases); ++next) {
-        EXPECT_EQ(Scan(bridge.Port(), std::string(4'000'000, 'd')), "") << cases[next].stage;
-    }
-    clamd.Kill();
-    EXPECT_EQ(Scan(bridge.Port(), "data"), "");
-    EXPECT_THAT(bridge.Log(), HasSubstr("no reply to 127.0.0.1:"));
-}
-
-TEST(BridgeScan, EarlySizeLimitReplySurvivesTheRestOfTheData) {
-    FakeClamd clamd([](Wire& wire) {
-        ReceiveCommand(wire);
-        wire.Receive(100000);
-        wire.Send("INSTREAM size limit exceeded. ERROR\0"s);
+// Through the plug-in, which waits 20 s for a byte: one server hangs, the other takes long.
+TEST(BridgeScan, VerdictAfterTwentyOneSecondsReachesThePlugIn) {
+    ScriptedEngine hanging(Deaf()), slow([](Wire&wire) {
+        Sleep(wire.ReceiveRequest().data.size() > 100 ? 11'500 : 0);  // not for a probe
+        wire.ReplyAndHangUp("stream: Slow FOUND");
     });
-    BridgeProcess bridge(clamd.Address());
-    Wire client(ConnectToLoopback(bridge.Port()));
-    const std::string stream = ChunkStreamOf(std::string(8'000'000, 'd'));
-    EXPECT_TRUE(client.Send(WithNul("zINSTREAM") + stream.substr(0, 200000)));
-    EXPECT_TRUE(WaitFor([&] { return clamd.Ended() == 1; }));
-    EXPECT_TRUE(client.Send(stream.substr(200000)));
-    EXPECT_EQ(client.ReceiveRest().bytes, "INSTREAM size limit exceeded. ERROR\0"s);
+    Installation installed;
+    const uint16_t port = installed.PlaceBridge(hanging.Address() + " " + slow.Address());
+    installed.WriteSettings(Servers(port));
+    LoadedPlugin plugin(installed);
+    ASSERT_EQ(plugin.Initialize(installed.folder), 0);
+    const DWORD start = GetTickCount();
+    EXPECT_TRUE(ScanWith(plugin, std::string(1'000'000, 'd')).Infected("mail.eml", "Slow"));
+    EXPECT_GE(GetTickCount() - start, 21'000u);
 }
 
-TEST(BridgeClient, BadFramingEndsThatConnectionOnly) {
-    FakeClamd clamd(RealisticClamd());
-    BridgeProcess bridge(clamd.Address());
-    const std::string scan = WithNul("zINSTREAM");
-    const std::string requests[] = {
-        "zFOO\0"s,
-        "zINSTREAMX\0"s,
-        "nINSTREAM\n",
-        "zinstream\0"s,
-        "\0"s,
-        "GET / HTTP/1.1\r\n\r\n",
-        std::string(100000, 'z'),
-        scan + "\x04\x00\x00\x01"s + std::string(1000, 'd'),  // one above the largest chunk
-        scan + "\xFF\xFF\xFF\xFF"s,
-        scan + "\x00\x00\x00\x01"s + "d" + "some text",
-    };
-    for (const std::string& request : requests) {
-        EXPECT_EQ(Ask(bridge.Port(), request), "") << testing::PrintToString(request.substr(0, 30));
-    }
-    EXPECT_EQ(StatsValue(bridge.Port(), "refused"), std::size(requests));
-    EXPECT_EQ(Scan(bridge.Port(), "some evil"), kFound);
-}
-
-TEST(BridgeClient, LeavingInTheMiddleEndsTheEnginesConnection) {
-    std::atomic<unsigned> whole = 0;
-    FakeClamd clamd([&](Wire& wire) {
-        ReceiveCommand(wire);
-        whole += ReceiveScanRequest(wire).has_value();
-    });
-    BridgeProcess bridge(clamd.Address());
-    const std::string request = WithNul("zINSTREAM") + ChunkStreamOf(std::string(20000, 'd'));
-    {
-        Wire orderly(ConnectToLoopback(bridge.Port()));
-        orderly.Send(request.substr(0, 9000));
-        orderly.FinishSending();
-        EXPECT_EQ(orderly.ReceiveRest().bytes, "");
-        Wire hard(ConnectToLoopback(bridge.Port()));
-        hard.Send(request.substr(0, 9000));
-        EXPECT_TRUE(WaitFor([&] { return clamd.Accepted() == 2; }));
-        hard.Reset();
-    }
-    EXPECT_TRUE(WaitFor([&] { return clamd.Ended() == 2; }));
-    EXPECT_EQ(whole, 0u);
-    EXPECT_EQ(StatsValue(bridge.Port(), "connections"), 1u);  // the one that asks
-}
-
-TEST(BridgeClient, SilenceEndsTheConnection) {
-    FakeClamd clamd([](Wire& wire) { wire.ReceiveRest(); });
-    BridgeProcess bridge(clamd.Address(), "idle=1");
-    const std::string scan = WithNul("zINSTREAM");
-    for (const std::string& said :
-         {""s, "zINS"s, scan, scan + "\0\0\0\5ab"s, scan + ChunkStreamOf("all of it")}) {
-        EXPECT_EQ(Ask(bridge.Port(), said), "") << testing::PrintToString(said);
-    }
-    EXPECT_EQ(StatsValue(bridge.Port(), "connections"), 1u);
-}
-
-TEST(BridgeClient, TwoHundredAtOnceAreServed) {
-    FakeClamd clamd(RealisticClamd());
-    BridgeProcess bridge(clamd.Address());
-    const std::string request =
-        WithNul("zINSTREAM") + ChunkStreamOf(ShiftedDown(std::string(30000, 'd') + "evil"));
-    std::vector<Wire> clients;
-    for (int i = 0; i < 200; ++i) {
-        clients.emplace_back(ConnectToLoopback(bridge.Port()));
-        ASSERT_TRUE(clients.back().Send(request.substr(0, 20000)));
-    }
-    EXPECT_EQ(StatsValue(bridge.Port(), "connections"), 201u);
-    for (Wire& client : clients) {
-        EXPECT_TRUE(client.Send(request.substr(20000)));
-    }
-    for (Wire& client : clients) {
-        EXPECT_EQ(client.ReceiveRest().bytes, kFound);
-    }
-}
-
-TEST(BridgeQuery, VersionAndPingComeFromTheFirstServerThatAnswers) {
-    FakeClamd mute([](Wire& wire) { wire.Receive(5); });
-    FakeClamd clamd(RealisticClamd());
-    BridgeProcess bridge("127.0.0.1:" + std::to_string(FreePort()) + " " + mute.Address() + " " +
-                         clamd.Address());
-    EXPECT_EQ(Ask(bridge.Port(), WithNul("zPING")), WithNul("PONG"));
-    EXPECT_EQ(mute.Accepted(), 1u);
-    EXPECT_EQ(Ask(bridge.Port(), WithNul("zVERSION")),
-              WithNul("ClamAV 1.4.3/27000/Mon Jan  1 00:00:00 2024"));
+TEST(BridgeScan, WaitsForAServer) {
+    ScriptedEngine clamd(Realistic());
+    BridgeProcess bridge(clamd.Address() + " localhost:" + std::to_string(FreePort()), "keep=0");
     clamd.Kill();
-    EXPECT_EQ(Ask(bridge.Port(), WithNul("zPING")), "");
+    Wire client(ConnectToLoopback(bridge.port)), gone(ConnectToLoopback(bridge.port));
+    client.Send(ScanRequestOf(std::string(300'000, 'd') + "VIRUS"));
+    gone.Send(ScanRequestOf("data"));
+    const auto stats = [&](const char* line) {
+        return WaitFor([&] { return bridge.Command("zSTATS").find(line) != std::string::npos; });
+    };
+    EXPECT_TRUE(stats("\nkestoav_scans_waiting 2\n"));
+    gone.Reset();
+    EXPECT_TRUE(stats("\nkestoav_scans_waiting 1\n"));
+    EXPECT_TRUE(stats("\nkestoav_scans_total{outcome=\"left\"} 1\n"));
+    bridge.run->SendConsoleEvent(CTRL_BREAK_EVENT);
+    EXPECT_TRUE(WaitFor([&] { return bridge.Log().find("ending") != std::string::npos; }));
+    clamd.Revive();
+    EXPECT_EQ(client.Receive(), kFound);
+    EXPECT_EQ(bridge.run->Finish().status, 0u);
+    EXPECT_THAT(bridge.Log(), HasSubstr("upstream " + clamd.Address() + " up"));
 }
 
-TEST(BridgeQuery, StatsTellScansAndServers) {
-    FakeClamd clamd(RealisticClamd());
-    const std::string missing = "127.0.0.1:" + std::to_string(FreePort());
-    BridgeProcess bridge(missing + " " + clamd.Address());
-    Scan(bridge.Port(), "clean");
-    Scan(bridge.Port(), "evil");
-    const std::string stats = Stats(bridge.Port());
-    for (const char* line :
-         {"\nscans 2\n", "\nclean 1\n", "\ninfected 1\n", "\nbytes 9\n", "\nconnections 1\n"}) {
-        EXPECT_THAT(stats, HasSubstr(line));
-    }
-    EXPECT_THAT(stats, HasSubstr("upstream " + missing + " down replies 0 failures 1\n"));
-    EXPECT_THAT(stats, HasSubstr("upstream " + clamd.Address() + " up replies 2 failures 0\n"));
-    EXPECT_THAT(stats, EndsWith("\n\0"s));
-}
-
-TEST(BridgeFleet, ScansGoRound) {
-    FakeClamd a(RealisticClamd()), b(RealisticClamd()), c(RealisticClamd());
-    BridgeProcess bridge(a.Address() + " " + b.Address() + " " + c.Address());
-    for (int i = 0; i < 9; ++i) {
-        EXPECT_EQ(Scan(bridge.Port(), "data"), kOk);
-    }
-    EXPECT_EQ(a.Accepted(), 3u);
-    EXPECT_EQ(b.Accepted(), 3u);
-    EXPECT_EQ(c.Accepted(), 3u);
-}
-
-TEST(BridgeFleet, ServerThatEndsBeforeTheDataIsReplaced) {
-    FakeClamd dying([](Wire&) {});
-    FakeClamd clamd(RealisticClamd());
-    BridgeProcess bridge(dying.Address() + " " + clamd.Address());
-    Wire client(ConnectToLoopback(bridge.Port()));
-    client.Send(WithNul("zINSTREAM") + "\0\0\0\4"s);
-    EXPECT_TRUE(WaitFor([&] { return clamd.Accepted() == 1; }));
-    client.Send(ShiftedDown("evil") + "\0\0\0\0"s);
-    EXPECT_EQ(client.ReceiveRest().bytes, kFound);
-    EXPECT_EQ(dying.Accepted(), 1u);
-}
-
-TEST(BridgeFleet, ServerThatDoesNotAnswerIsPassedOverInTime) {
-    UnansweredPort silent;
-    FakeClamd clamd(RealisticClamd());
-    BridgeProcess bridge("127.0.0.1:" + std::to_string(silent.port()) +
-                         " localhost:" + std::to_string(clamd.Port()));
-    EXPECT_EQ(Scan(bridge.Port(), "evil"), kFound);
-    EXPECT_THAT(bridge.Log(), HasSubstr("connect timed out; tried again in 1 s"));
-}
-
-TEST(BridgeFleet, ScanWhoseDataWasSentIsNotRepeated) {
-    FakeClamd dying([](Wire& wire) { wire.Receive(20000); });
-    FakeClamd clamd(RealisticClamd());
-    BridgeProcess bridge(dying.Address() + " " + clamd.Address());
-    const std::string request = WithNul("zINSTREAM") + ChunkStreamOf(std::string(50000, 'd'));
-    Wire client(ConnectToLoopback(bridge.Port()));
-    client.Send(request.substr(0, 30000));
-    EXPECT_TRUE(WaitFor([&] { return dying.Ended() == 1; }));
-    client.Send(request.substr(30000));
-    EXPECT_EQ(client.ReceiveRest().bytes, "");
-    EXPECT_EQ(clamd.Accepted(), 0u);
-    EXPECT_EQ(Scan(bridge.Port(), "evil"), kFound);
-}
-
-TEST(BridgeFleet, ServersInTheirPauseAreTriedWhenNoOtherIsLeft) {
-    FakeClamd a(RealisticClamd()), b(RealisticClamd());
-    BridgeProcess bridge(a.Address() + " " + b.Address());
-    a.Kill();
-    b.Kill();
-    // Enough failures for pauses that outlast this test.
-    EXPECT_TRUE(WaitFor([&] {
-        EXPECT_EQ(Scan(bridge.Port(), "evil"), "");
-        return bridge.Log().find("tried again in 2 s") != std::string::npos;
-    }));
-    b.Revive();
-    EXPECT_EQ(Scan(bridge.Port(), "evil"), kFound);
-    EXPECT_THAT(bridge.Log(), HasSubstr("upstream " + b.Address() + " up"));
-}
-
-TEST(BridgeFleet, MemberLostAndRegainedUnderLoadGivesNoWrongVerdict) {
-    FakeClamd a(RealisticClamd()), b(RealisticClamd()), c(RealisticClamd());
-    BridgeProcess bridge(a.Address() + " " + b.Address() + " " + c.Address());
-    constexpr unsigned kClients = 4;
+TEST(BridgeFleet, ServersLostAndRegainedUnderLoadLoseNoScan) {
+    ScriptedEngine clamds[] = {ScriptedEngine(Realistic(), 0, false), ScriptedEngine(Realistic(), 0, false),
+                               ScriptedEngine(Realistic(), 0, false)};
+    const BridgeProcess bridge(clamds[0].Address() + " " + clamds[1].Address() + " " + clamds[2].Address());
     const std::string filler(40000, 'd');
     std::atomic<bool> enough = false;
-    std::atomic<unsigned> done = 0, lost = 0, wrong = 0;
+    std::atomic<unsigned> done = 0, wrong = 0;
     std::vector<std::thread> clients;
-    for (unsigned i = 0; i < kClients; ++i) {
+    for (unsigned i = 0; i < 4; ++i) {
         clients.emplace_back([&, i] {
-            for (unsigned n = i; !enough; ++n) {
-                const std::string reply = Scan(bridge.Port(), n % 2 == 0 ? filler + "evil" : filler);
-                lost += reply.empty();
-                wrong += !reply.empty() && reply != (n % 2 == 0 ? kFound : kOk);
-                ++done;
+            for (unsigned n = i; !enough; ++n, ++done) {
+                const bool evil = n % 2 == 0;
+                wrong += bridge.Scan(evil ? filler + "VIRUS" : filler) != (evil ? kFound : kOk);
             }
         });
     }
-    EXPECT_TRUE(WaitFor([&] { return done >= 40; }));
-    b.Kill();
-    const unsigned before = b.Accepted(), done_then = done;
-    EXPECT_TRUE(WaitFor([&] { return done >= done_then + 40; }));
-    b.Revive();
-    EXPECT_TRUE(WaitFor([&] { return b.Accepted() >= before + 10; }));
+    for (ScriptedEngine& clamd : clamds) {
+        const auto more = [&] { return WaitFor([&, from = done.load()] { return done >= from + 40; }); };
+        EXPECT_TRUE(more());
+        clamd.Kill();
+        EXPECT_TRUE(more());
+        clamd.Revive();
+        EXPECT_TRUE(WaitFor([&, from = clamd.Accepted()] { return clamd.Accepted() >= from + 5; }));
+    }
     enough = true;
     for (std::thread& client : clients) {
         client.join();
     }
-    EXPECT_EQ(wrong, 0u);
-    EXPECT_LE(lost, kClients);  // at most the scan that each had under way there
+    EXPECT_EQ(wrong, 0u) << bridge.Log();
 }
 
-TEST(BridgeStop, RunningScanIsFinishedFirst) {
-    std::atomic<bool> may_reply = false;
-    FakeClamd clamd([&](Wire& wire) {
-        ReceiveCommand(wire);
-        ReceiveScanRequest(wire);
-        WaitFor([&] { return may_reply.load(); });
-        wire.Send(kOk);
-    });
-    BridgeProcess bridge(clamd.Address());
-    Wire idle(ConnectToLoopback(bridge.Port()));
-    Wire scanning(ConnectToLoopback(bridge.Port()));
-    scanning.Send(WithNul("zINSTREAM") + ChunkStreamOf("data"));
-    EXPECT_TRUE(WaitFor([&] { return clamd.Accepted() == 1; }));
-
-    bridge.PressCtrlBreak();
-    EXPECT_TRUE(WaitFor([&] { return Stats(bridge.Port()).empty(); }));
-    EXPECT_TRUE(idle.ReceiveRest().ended);
-    may_reply = true;
-    EXPECT_EQ(scanning.ReceiveRest().bytes, kOk);
-    EXPECT_EQ(bridge.WaitForExit(), 0u);
-    EXPECT_THAT(bridge.Log(), HasSubstr(": ended\n"));
-}
-
-TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
-    const struct {
-        const char* ini;
-        const char* problem;
-    } cases[] = {
-        {"[bridge]\nlisten=localhost:3313\n", "listen=localhost:3313 is not"},
-        {"[bridge]\nlisten=127.0.0.1:0\n", "listen=127.0.0.1:0 is not"},
-        {"[bridge]\nlisten=\n", "listen= is not"},
-        {"[bridge]\nupstreams=127.0.0.1:3310 127.0.0.1\n", "'127.0.0.1' is not host:port"},
-        {"[bridge]\nupstreams=10.0.0.300:3310\n", "'10.0.0.300:3310' is not host:port"},
-        {"[bridge]\nupstreams=host:65536\n", "'host:65536' is not host:port"},
-        {"[bridge]\nupstreams=\n", "names no server"},
-        {"[bridge]\ndecrypt=yes\n", "decrypt=yes is neither"},
-        {"[bridge]\nidle=0\n", "idle=0 is not"},
-        {"[bridge]\nidle=30s\n", "idle=30s is not"},
-        {"[bridge]\nupsteams=127.0.0.1:3310\n", "unknown setting 'upsteams'"},
-        {"listen=127.0.0.1:3313\n", "no [bridge] section"},
-    };
-    for (const auto& [ini, problem] : cases) {
-        const BridgeProcess bridge = BridgeProcess::WithIni(ini);
-        EXPECT_EQ(bridge.WaitForExit(), 1u) << ini;
-        EXPECT_THAT(bridge.ErrorOutput(), HasSubstr(problem));
-        EXPECT_THAT(bridge.Log(), HasSubstr(problem));
+TEST(BridgeFleet, QueriesGoToWhoeverAnswers) {
+    UnansweredPort unanswered;
+    ScriptedEngine mute(DyingAfter(5)), clamd(Realistic());
+    const BridgeProcess bridge("127.0.0.1:" + std::to_string(unanswered.Port()) + " " + mute.Address() +
+                               " localhost:" + std::to_string(clamd.Port()));
+    EXPECT_EQ(bridge.Command("zPING"), WithNul("PONG"));
+    EXPECT_EQ(bridge.Command("zVERSION"), WithNul(ClamdTraits().version));
+    EXPECT_EQ(bridge.Scan("VIRUS"), kFound);
+    EXPECT_THAT(bridge.Log(), HasSubstr("down - connect timed out; tried again in 1 s"));
+    const std::string stats = bridge.Command("zSTATS");
+    for (const std::string line :
+         {"scans_total{outcome=\"infected\"} 1\n", "bytes_total 5\n", "clients 1\n", "scan_seconds_count 1\n",
+          "upstream_replies_total{upstream=\"localhost:"}) {
+        EXPECT_THAT(stats, HasSubstr("\nkestoav_" + line));
     }
 }
 
-TEST(BridgeSettings, PortInUseIsRefused) {
-    FakeClamd clamd(RealisticClamd());
+TEST(BridgeClient, WhoeverBreaksTheRulesHurtsNobodyElse) {
+    std::atomic<unsigned> whole = 0;
+    ScriptedEngine clamd([&](Wire& wire) {
+        Realistic()(wire);
+        whole += wire.ReceiveRequest().whole;
+    });
+    const BridgeProcess bridge(clamd.Address(), "idle=2\nclients=40");
+    const std::string refused[] = {"zFOO\0"s,
+                                   "zINSTREAMX\0"s,
+                                   "nINSTREAM\n",
+                                   "GET / HTTP/1.1\r\n\r\n",
+                                   std::string(100000, 'z'),
+                                   kScan + "\4\0\0\1"s + std::string(1000, 'd'),
+                                   kScan + "\0\0\0\1dsome text"s,
+                                   "zINS"s,
+                                   ""s,
+                                   kScan,
+                                   kScan + "\0\0\0\5ab"s};
+    for (const std::string& request : refused) {
+        EXPECT_EQ(Ask(bridge.port, request), "") << testing::PrintToString(request.substr(0, 30));
+    }
+    EXPECT_THAT(bridge.Command("zSTATS"), HasSubstr("\nkestoav_refused_total 11\n"));
+    for (int i = 0; i < 30; ++i) {
+        Wire(ConnectToLoopback(bridge.port)).Reset();
+    }
+    std::vector<Wire> crowd;  // more than there are places
+    for (int i = 0; i < 60; ++i) {
+        crowd.emplace_back(ConnectToLoopback(bridge.port)).Send(kScan);
+    }
+    EXPECT_EQ(bridge.Scan("VIRUS"), kFound);
+    EXPECT_EQ(clamd.Accepted(), 1u);
+    EXPECT_THAT(bridge.Log(), HasSubstr("silent while others wait for a place"));
+
+    Wire leaving(ConnectToLoopback(bridge.port)), slow(ConnectToLoopback(bridge.port));
+    const std::string request = ScanRequestOf(std::string(100'000, 'd') + "VIRUS");
+    leaving.Send(request.substr(0, 90'000));
+    EXPECT_TRUE(WaitFor([&] { return clamd.Accepted() == 2; }));
+    leaving.FinishSending();
+    EXPECT_TRUE(WaitFor([&] { return clamd.Ended() == 2; }));
+    EXPECT_EQ(whole, 1u);
+    for (size_t at = 0; at < request.size(); at += 30'000, Sleep(600)) {  // twice as long as `idle` in all
+        EXPECT_TRUE(slow.Send(std::string_view(request).substr(at, 30'000)));
+    }
+    EXPECT_EQ(slow.Receive(), kFound);
+    EXPECT_TRUE(slow.Send("late"));
+    Sleep(100);
+    EXPECT_TRUE(slow.Send("later"));  // is still read: no reset overtakes a reply
+}
+
+TEST(BridgeEnd, ComesAfterTheRunningScans) {
+    ScriptedEngine clamd(Silent());
+    BridgeProcess bridge(clamd.Address(), "idle=1");
+    Wire scanning(ConnectToLoopback(bridge.port)), trickling(ConnectToLoopback(bridge.port));
+    scanning.Send(ScanRequestOf("data"));
+    trickling.Send(kScan);
+    EXPECT_TRUE(WaitFor([&] { return clamd.Accepted() == 1; }));
+    bridge.run->SendConsoleEvent(CTRL_LOGOFF_EVENT);
+    EXPECT_NE(bridge.Command("zSTATS"), "");
+    bridge.run->SendConsoleEvent(CTRL_BREAK_EVENT);
+    EXPECT_TRUE(WaitFor([&] { return !trickling.Send("\0\0\0\1d"s) || (Sleep(50), false); }));
+    EXPECT_EQ(bridge.Command("zSTATS"), "");
+    EXPECT_TRUE(bridge.run->Running());
+    bridge.run->SendConsoleEvent(CTRL_BREAK_EVENT);  // at once
+    EXPECT_NE(bridge.run->Finish().status, STILL_ACTIVE);
+}
+
+TEST(BridgeStart, TellsWhatItCannotFollow) {
+    BridgeProcess bridge(BridgeProcess::Ini{"[bridge]\nlisten=x\nidel=3\nlogfile=none\\x.log\n"});
+    EXPECT_EQ(bridge.run->Finish().status, 1u);
+    for (const std::string& text : {bridge.run->Err(), bridge.Log()}) {
+        for (const char* problem : {"x.log", "listen=x is not", "unknown setting 'idel'"}) {
+            EXPECT_THAT(text, HasSubstr(problem));
+        }
+    }
+}
+
+TEST(BridgeStart, TakesUpChangedSettings) {
+    ScriptedEngine clean, clamd(Realistic());
+    const BridgeProcess bridge(clean.Address());
+    const auto told = [&](const char* text) {
+        return WaitFor([&] { return bridge.Log().find(text) != std::string::npos; });
+    };
+    bridge.WriteIni("[bridge]\nidle=soon\nupstreams=" + clamd.Address());
+    EXPECT_TRUE(told("not followed - bridge.ini line 2: idle=soon is not"));
+    EXPECT_EQ(bridge.Scan("VIRUS"), kOk);
+    bridge.WriteIni("[bridge]\ndecrypt=0\nupstreams=" + clamd.Address());
+    EXPECT_TRUE(told("taken up by a restart only"));
+    EXPECT_EQ(bridge.Scan("VIRUS"), kFound);
+}
+
+TEST(BridgeStart, WaitsForThePortAndOpensItsLogAnew) {
+    ScriptedEngine clamd(Realistic());
     BridgeProcess first(clamd.Address());
-    const BridgeProcess second =
-        BridgeProcess::WithIni("[bridge]\nlisten=127.0.0.1:" + std::to_string(first.Port()) + "\n");
-    EXPECT_EQ(second.WaitForExit(), 1u);
-    EXPECT_THAT(second.ErrorOutput(), HasSubstr("cannot listen on 127.0.0.1:"));
-    EXPECT_EQ(Scan(first.Port(), "evil"), kFound);
+    BridgeProcess second(BridgeProcess::Ini{"[bridge]\nlogfile=own.log\nlisten=127.0.0.1:" +
+                                            std::to_string(first.port) + "\nupstreams=" + clamd.Address()});
+    const auto log = second.home.engine_folder / "own.log";
+    const auto told = [&](const char* text) {
+        return WaitFor([&] { return ReadText(log).find(text) != std::string::npos; });
+    };
+    EXPECT_TRUE(told("the port is in use (10048)"));
+    first.run.reset();
+    EXPECT_TRUE(told("listening on"));
+    std::filesystem::rename(log, second.home.top / "moved.log");
+    second.port = first.port;
+    second.Command("zWHAT");
+    EXPECT_TRUE(told("refused"));
 }
 
 }  // namespace

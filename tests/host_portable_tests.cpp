@@ -2,7 +2,6 @@
 
 #include "host/check/database_age.h"
 #include "host/check/ini_lint.h"
-#include "host/common/json.h"
 #include "host/progress.h"
 
 namespace kesto {
@@ -95,12 +94,6 @@ TEST(ProgressText, TellsCountBytesRateAndTimeLeft) {
     EXPECT_EQ(ProgressLine({1, 2, 5000, 1000, 1}), "1/2 files, 5.0 kB, 5.0 kB/s, 0:00 left");
     EXPECT_EQ(ByteText(999), "999 B");
     EXPECT_EQ(ByteText(999'960), "1.0 MB");
-}
-
-TEST(Json, EscapesWhatMustBe) {
-    EXPECT_EQ(JsonQuoted("a\"b\\c\n\x1f\xC3\xA4"), R"("a\"b\\c\u000a\u001fä")");
-    EXPECT_EQ(JsonObject().Add("n", uint64_t{18446744073709551615u}).Add("t", true).Add("s", "x").Text(),
-              R"({"n": 18446744073709551615, "t": true, "s": "x"})");
 }
 
 }  // namespace

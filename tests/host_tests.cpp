@@ -3,266 +3,295 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 
-#include "tests/support/host_test.h"
+#include "tests/support/installation.h"
+#include "tests/support/scripted_engine.h"
 
 namespace kesto {
 namespace {
 
 using testing::AllOf;
-using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
-using testing::UnorderedElementsAreArray;
+
+// Finds VIRUS, and never answers about "slow one".
+EngineScript Slow() {
+    return [answer = Realistic({.shifted = true})](Wire& wire) {
+        if (wire.ReceiveRequest().data.size() == 8) {
+            wire.Hold();
+        }
+        answer(wire);
+    };
+}
+
+class HostTest : public testing::Test {
+ protected:
+    HostTest() {
+        CreateDirectoryW(samples.c_str(), nullptr);
+        installed.PlaceStandIn(installed.engine, "wait");
+        installed.CreateLog();
+        Configure(engine.Port());
+    }
+    ~HostTest() override {
+        for (auto each = made_.rbegin(); each != made_.rend(); ++each) {
+            DeleteFileW(each->c_str());
+            RemoveDirectoryW(each->c_str());
+        }
+    }
+
+    // With limits so short that no test waits.
+    void Configure(uint16_t port, const std::string& more = "") const {
+        installed.WriteSettings("servers=127.0.0.1:" + std::to_string(port) +
+                                "\nconnectwait=0\nstartwait=1\n" + more);
+    }
+    // Names are taken as they stand, and may be of any length.
+    void Sample(const std::wstring& name, std::string_view content) {
+        for (size_t end = name.find(L'\\'); end != std::wstring::npos; end = name.find(L'\\', end + 1)) {
+            made_.push_back(L"\\\\?\\" + (samples / "").wstring() + name.substr(0, end));
+            CreateDirectoryW(made_.back().c_str(), nullptr);
+        }
+        made_.push_back(L"\\\\?\\" + (samples / "").wstring() + name);
+        WriteFile(made_.back(), content);
+    }
+    RunOptions InSamples(const std::string& input = "") const { return {input, false, samples}; }
+    RunResult Run(const std::wstring& arguments, const std::string& input = "") const {
+        return ProgramRun(program, arguments, InSamples(input)).Finish();
+    }
+
+    ScriptedEngine engine{Realistic({.shifted = true})};
+    Installation installed;
+    const std::filesystem::path samples = installed.top / "samples";
+    const std::filesystem::path program = installed.folder / "kestoscan.exe";
+
+ private:
+    std::vector<std::wstring> made_;
+};
 
 class HostScan : public HostTest {
  protected:
-    HostScan() {
-        folder.PlaceEngine("wait");
-        Configure(engine.port());
-    }
-
-    FakeEngine engine{Reader()};
+    HostScan() { installed.StartStandIn(installed.engine); }
 };
 
 TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
-    Sample(L"clean", "nothing");
+    const std::wstring part(100, L'x');
+    const std::wstring deep = L"deep\\" + part + L"\\" + part + L"\\" + part;
+    for (const wchar_t* name : {L"clean", L"odd\\dot", L"odd\\blank", L"odd\\sub\\in", L"in folder\\clean"}) {
+        Sample(name, "nothing");
+    }
+    for (const wchar_t* name : {L"infected", L"NUL.txt", L"odd\\dot.", L"odd\\blank ", L"odd\\sub.\\in",
+                                L"\u0436\u6F22", deep.c_str()}) {
+        Sample(name, "a VIRUS");
+    }
     Sample(L"empty", "");
-    Sample(L"infected", "a VIRUS");
     Sample(L"garble", "GARBLE");
-    const auto line = [&](const char* name, const char* verdict) { return SampleText(name) + verdict; };
-    const std::string clean = line("clean", ": OK");
-    const std::string infected = line("infected", ": Test.Virus FOUND");
-    const std::string missing = line("missing", ": ERROR File not found (2)");
-    const std::string garble = line("garble", ": ERROR Error 1003 (1003)");
-    const std::string a_folder = Samples().string() + ": ERROR Is a folder (--recursive scans it) (267)";
+    Sample(L"list", "clean\r\n\r\ninfected");
+    Sample(L"wide", std::string_view("\xFF\xFE\x36\x04\x22\x6F\r\0\n\0", 10));
+    Sample(L"huge", "");
+    std::filesystem::resize_file(samples / "huge", 5'000'000'000);
+    Sample(L"locked", "nothing");
+    const HANDLE lock =
+        CreateFileW((samples / "locked").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    Sample(L"loop\\clean", "nothing");
+    ProgramRun(L"Z:\\bin\\ln", L"-s . loop/again", InSamples()).Finish();
+    const std::string found = ": Test.Virus FOUND\n";
+    const std::string narrow_deep(deep.begin(), deep.end());
     const struct {
         std::wstring arguments;
-        std::vector<std::string> lines;
+        std::string out;
         DWORD status;
-        std::string totals;
+        std::string err = "";
+        std::string input = "";
     } cases[] = {
-        {Named(L"clean") + Named(L"empty"),
-         {clean, line("empty", ": OK")},
-         0,
-         "files: 2\nInfected files: 0\nErrors: 0"},
-        {Named(L"infected") + Named(L"clean"),
-         {infected, clean},
-         1,
-         "files: 2\nInfected files: 1\nErrors: 0"},
-        {Named(L"missing") + Named(L"clean"), {missing, clean}, 2, "files: 1\nInfected files: 0\nErrors: 1"},
-        {Named(L"missing") + Named(L"infected"),
-         {missing, infected},
-         1,
-         "files: 1\nInfected files: 1\nErrors: 1"},
-        {Named(L"garble") + Named(L"clean"), {garble, clean}, 2, "files: 1\nInfected files: 0\nErrors: 1"},
-        {AllSamples() + Named(L"clean"), {a_folder, clean}, 2, "files: 1\nInfected files: 0\nErrors: 1"},
-        {Named(L"c*n") + Named(L"x?"), {clean, line("x?", ": ERROR File not found (2)")}, 2, "files: 1"},
+        {L"clean empty", "clean: OK\nempty: OK\n", 0},
+        {L"missing infected", "missing: ERROR File not found (2)\ninfected" + found, 1},
+        {L"garble clean", "garble: ERROR Unexpected response from KESTOAV - what? (1003)\nclean: OK\n", 2},
+        {L"odd", "odd: ERROR Is a folder (--recursive scans it) (267)\n", 2},
+        {L"in*", "infected" + found + "in folder: SKIPPED Is a folder (--recursive scans it)\n", 1},
+        {L"c*n x?", "clean: OK\nx?: ERROR File not found (2)\n", 2},
+        {L"NUL NUL.txt", "NUL: ERROR File not found (2)\nNUL.txt" + found, 1},
+        {L"\\\\.\\NUL", "\\\\.\\NUL: ERROR Is a device, no file (123)\n", 2},
+        {L"-r o?d -i", "odd\\blank " + found + "odd\\dot." + found + "odd\\sub.\\in" + found, 1},
+        {L"-r --exclude BLANK* --exclude-dir sub* --exclude *\\dot odd", "odd\\dot." + found, 1},
+        {L"-r deep", narrow_deep + found, 1},
+        {L"-r loop", "loop\\clean: OK\n", 0},
+        {L"-i missing clean", "", 2, "missing: ERROR File not found (2)\n"},
+        {L"locked", "locked: ERROR Sharing violation (32)\n", 2},
+        {L"huge", "huge: ERROR File too large for a 32-bit process (223)\n", 2},
+        {L"-", "-" + found, 1, "", std::string(70'000, ' ') + "VIRUS"},
+        {L"--file-list list", "clean: OK\ninfected" + found, 1},
+        {L"--file-list wide", "\u0436\u6F22" + found, 1},
+        {L"--file-list - clean", "clean: OK\nempty: OK\n", 0, "", "empty\n"},
+        {L"--file-list missing", "", 2, "kestoscan: the list missing cannot be read: File not found (2)\n"},
     };
     for (const auto& it : cases) {
-        const RunResult result = Run(it.arguments);
-        EXPECT_EQ(result.status, it.status) << result.out << result.err;
-        std::string expected;
-        for (const std::string& each : it.lines) {
-            expected += each + "\n";
-        }
-        EXPECT_THAT(result.out, StartsWith(expected + "\n"));
-        EXPECT_THAT(result.out, HasSubstr("\nScanned " + it.totals + "\n"));
-        EXPECT_EQ(result.err, "");
+        const RunResult result = Run(L"--no-summary " + it.arguments, it.input);
+        EXPECT_EQ(result.out, it.out);
+        EXPECT_EQ(result.err, it.err);
+        EXPECT_EQ(result.status, it.status) << it.out;
     }
+    CloseHandle(lock);
+    ProgramRun(L"Z:\\bin\\rm", L"loop/again", InSamples()).Finish();
+    EXPECT_THAT(Run(L"missing infected clean").out,
+                HasSubstr("\n\nScanned files: 2\nInfected files: 1\nErrors: 1\nData scanned: 14 B\nTime: "));
 }
 
-TEST_F(HostScan, RecursiveWithJobsPrintsEveryFileOnceInWholeLines) {
-    std::vector<std::string> expected;
-    for (int i = 0; i < 40; ++i) {
-        const std::string name = (i % 3 == 0   ? "a\\"
-                                  : i % 3 == 1 ? "a\\b\\"
-                                               : "") +
-                                 std::to_string(i) + ".eml";
-        Sample(std::filesystem::path(name).wstring(), i % 8 == 0 ? "VIRUS" : "fine");
-        expected.push_back(SampleText(name) + (i % 8 == 0 ? ": Test.Virus FOUND" : ": OK"));
-    }
-    // No engine runs yet: four threads must not start four.
-    Configure(engine.port(), "autostart=0");
-    const RunResult all = Run(L"-r -j 4" + AllSamples());
-    EXPECT_EQ(folder.Starts(folder.engine_program()).size(), 1u);
-    EXPECT_EQ(all.status, 1u);
-    std::vector<std::string> lines = Lines(all.out);
-    lines.resize(std::min(lines.size(), expected.size()));
-    EXPECT_THAT(lines, UnorderedElementsAreArray(expected));
-
-    const RunResult infected = Run(L"--recursive --infected --jobs 4" + AllSamples() + Named(L"missing"));
-    EXPECT_EQ(infected.status, 1u);
-    EXPECT_THAT(infected.out, AllOf(Not(HasSubstr(": OK")), Not(HasSubstr("ERROR"))));
-    EXPECT_THAT(Lines(infected.out), testing::SizeIs(5 + 6));
-    EXPECT_EQ(infected.err, SampleText("missing") + ": ERROR File not found (2)\n");
-}
-
-TEST_F(HostScan, PrintsOneJsonDocument) {
-    Sample(L"clean", "nothing");
+TEST_F(HostScan, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
+    Sample(L"a\\clean", "nothing");
+    CreateDirectoryW((samples / "away").c_str(), nullptr);
     Sample(L"infected", "a VIRUS");
-    std::string text = SampleText("");
-    for (size_t at = 0; (at = text.find('\\', at)) != std::string::npos; at += 2) {
-        text.insert(at, "\\");
-    }
-    const RunResult result = Run(L"--json" + Named(L"clean") + Named(L"infected") + Named(L"missing"));
+    EXPECT_EQ(Run(L"--log log --move away infected").status, 1u);
+    EXPECT_THAT(ReadFile(samples / "log"),
+                HasSubstr("infected: moved to " + (samples / "away\\infected").string()));
+    Sample(L"infected", "b VIRUS");
+    const RunResult result = Run(L"--json --move away a\\clean infected missing");
     EXPECT_EQ(result.status, 1u);
-    EXPECT_THAT(
-        result.out,
-        StartsWith("{\"files\": [\n"
-                   "{\"path\": \"" +
-                   text +
-                   "clean\", \"result\": \"clean\", \"size\": 7},\n"
-                   "{\"path\": \"" +
-                   text +
-                   "infected\", \"result\": \"infected\", \"size\": 7, "
-                   "\"name\": \"Test.Virus\"},\n"
-                   "{\"path\": \"" +
-                   text +
-                   "missing\", \"result\": \"error\", "
-                   "\"error\": \"File not found\", \"code\": 2}\n"
-                   "], \"summary\": {\"scanned\": 2, \"infected\": 1, \"errors\": 1, \"not_scanned\": 0, "
-                   "\"bytes\": 14, \"milliseconds\": "));
+    EXPECT_THAT(result.out, StartsWith(R"({"files": [
+{"path": "a\\clean", "result": "clean", "size": 7},
+{"path": "infected", "result": "infected", "size": 7, "name": "Test.Virus", "moved_to": ")"));
+    EXPECT_THAT(result.out, HasSubstr(R"(\\away\\infected.001"},
+{"path": "missing", "result": "error", "error": "File not found", "code": 2}
+], "summary": {"scanned": 2, "infected": 1, "errors": 1, "not_scanned": 0, "bytes": 14, "milliseconds": )"));
     EXPECT_THAT(result.out, EndsWith(", \"interrupted\": false}}\n"));
+    EXPECT_EQ(ReadFile(samples / "away" / "infected") + ReadFile(samples / "away" / "infected.001"),
+              "a VIRUSb VIRUS");
+    EXPECT_FALSE(std::filesystem::exists(samples / "infected"));
 }
 
-TEST_F(HostScan, TakesPathsThatAnsiProgramsCannot) {
-    Sample(L"\u0436\u6F22.eml", "VIRUS");
-    const std::wstring part(100, L'x');
-    Sample(L"short", "");
-    const std::wstring deep = L"\\\\?\\" + Samples().wstring() + L"\\" + part + L"\\" + part;
-    std::filesystem::create_directory(Samples() / part);
-    std::filesystem::create_directory(deep);
-    std::ofstream(std::filesystem::path(deep + L"\\" + part), std::ios::binary) << "VIRUS";
-    const RunResult result = Run(L"-r" + AllSamples());
-    EXPECT_EQ(result.status, 1u);
-    EXPECT_THAT(result.out, HasSubstr("\\\u0436\u6F22.eml: Test.Virus FOUND\n"));
-    EXPECT_THAT(result.out, HasSubstr("\\xxx"));
-    EXPECT_THAT(result.out, HasSubstr("xxx: Test.Virus FOUND\n"));
-    // The test's own clean-up does not reach so deep.
-    std::filesystem::remove(std::filesystem::path(deep + L"\\" + part));
-    std::filesystem::remove(deep);
-}
-
-TEST_F(HostScan, ReportsFilesThatCannotBeHeldInMemory) {
-    Sample(L"clean", "nothing");
-    for (const auto& [name, size] :
-         {std::pair{L"huge", 5'000'000'000ull}, std::pair{L"large", 2'100'000'000ull}}) {
-        Sample(name, "");
-        std::filesystem::resize_file(Samples() / name, size);
-    }
-    const RunResult result = Run(Named(L"huge") + Named(L"large") + Named(L"clean"));
-    EXPECT_EQ(result.status, 2u);
-    EXPECT_EQ(Lines(result.out)[0], SampleText("huge") + ": ERROR File too large for a 32-bit process (223)");
-    EXPECT_EQ(Lines(result.out)[1],
-              SampleText("large") + ": ERROR File too large for a 32-bit process (223)");
-    EXPECT_EQ(Lines(result.out)[2], SampleText("clean") + ": OK");
-}
-
-TEST_F(HostScan, ByDefaultUsesTheLibraryAndTheFolderBesideIt) {
-    Sample(L"infected", "VIRUS");
-    const std::filesystem::path built = std::filesystem::path(BuiltKestoscan()).parent_path();
-    for (const char* file : {"kestoscan.exe", "CLAMDLL.dll"}) {
-        std::filesystem::copy_file(built / file, std::filesystem::path(folder.path()) / file);
-    }
-    const std::wstring program = (std::filesystem::path(folder.path()) / "kestoscan.exe").wstring();
-    const RunResult result = KestoscanRun(Named(L"infected"), program).Finish();
-    EXPECT_EQ(result.status, 1u) << result.out << result.err;
-    EXPECT_TRUE(folder.WaitForStarts(folder.engine_program(), 1));
-}
-
-TEST_F(HostScan, InterruptedEndsWithWholeLinesAndTheErrorStatus) {
-    EngineScript silent;
-    silent.answer = [](const Conversation& conversation) {
-        return conversation.data.size() == 4 ? WithNul("stream: OK") : std::string();
-    };
-    silent.hangs_up = false;
-    FakeEngine slow(silent);
-    Configure(slow.port());
-    Sample(L"fine", "fine");
+TEST_F(HostScan, GivesUpAFileThatTakesTooLongAndGoesOn) {
     Sample(L"slow", "slow one");
-    KestoscanRun run(Named(L"fine") + Named(L"slow") + FolderOption(), BuiltKestoscan(), true);
-    ASSERT_TRUE(
-        WaitFor([&] { return slow.Conversations().size() == 2 && slow.Conversations()[1].complete; }));
-    run.Interrupt();
-    const RunResult result = run.Finish();
+    Sample(L"clean", "nothing");
+    engine.Play(Slow());
+    const RunResult result = Run(L"--no-summary --timeout 1 slow clean");
+    EXPECT_EQ(result.out, "slow: ERROR No verdict within 1 s (1460)\nclean: OK\n");
     EXPECT_EQ(result.status, 2u);
-    EXPECT_THAT(result.out, StartsWith(SampleText("fine") + ": OK\n\nInterrupted\nScanned files: 1\n"));
-    EXPECT_THAT(result.out, AllOf(HasSubstr("\nNot scanned: 1\n"), EndsWith(" s\n")));
 }
 
-TEST_F(HostTest, StopsWhereNoScanCouldSucceed) {
-    Sample(L"a", "a");
-    Sample(L"b", "b");
-    const std::wstring both = Named(L"a") + Named(L"b");
+TEST_F(HostScan, JobsRestartAnEngineThatDoesNotAcceptOnce) {
+    Sample(L"clean", "nothing");
+    const uint16_t port = FreePort();
+    Configure(port);
+    installed.PlaceStandIn(installed.engine, "engine " + std::to_string(port) + " shifted");
+    const RunResult result = Run(L"-j 8 clean clean clean clean clean clean clean clean");
+    EXPECT_THAT(result.out, HasSubstr("\nScanned files: 8\nInfected files: 0\nErrors: 0\n"));
+    const auto log = installed.LogMessages();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "restarting kestoav process"), 1);
+}
 
-    Configure(FreePort());
-    const RunResult not_started = Run(both);
-    EXPECT_EQ(not_started.status, 2u);
-    EXPECT_EQ(not_started.out, "");
-    EXPECT_THAT(not_started.err, HasSubstr("kestoav.exe cannot be started: File not found (2)\n"));
+TEST_F(HostScan, StopsWhereNoScanCouldSucceed) {
+    Sample(L"clean", "nothing");
+    engine.Kill();
+    const RunResult refused = Run(L"--timeout 1 clean clean");
+    EXPECT_EQ(refused.status, 2u);
+    EXPECT_THAT(refused.err, StartsWith("kestoscan: no server accepts a connection - " + engine.Address()));
 
-    Configure(FreePort(), "autostart=0\r\nstartwait=0");
-    const RunResult fatal = Run(both);
+    installed.EndPrograms();
+    DeleteFileW(installed.engine.c_str());
+    installed.PlaceStandIn(installed.elsewhere, "wait");
+    installed.StartStandIn(installed.elsewhere);
+    const RunResult fatal = Run(L"clean clean");
     EXPECT_EQ(fatal.status, 2u);
-    EXPECT_THAT(fatal.out, StartsWith(SampleText("a") + ": ERROR Error connecting to AV server (1001)\n\n"));
+    EXPECT_THAT(fatal.out, StartsWith("clean: ERROR Error connecting to AV server (1001)\n\n"));
     EXPECT_THAT(fatal.out, HasSubstr("\nErrors: 1\nNot scanned: 1\n"));
 }
 
-TEST_F(HostTest, RefusesWhatIsNotThePlugIn) {
-    Sample(L"text.dll", "no library");
-    const struct {
-        std::wstring arguments;
-        const char* error;
-    } cases[] = {
-        {L"x --library" + Named(L"missing.dll"), "cannot load "},
-        {L"x --library" + Named(L"text.dll"), "cannot load "},
-        {L"x --library kernel32.dll", "cannot load "},
+TEST_F(HostTest, CtrlCEndsWithWholeLinesAndLeavesTheEngineThatItStarted) {
+    Sample(L"fine", "fine");
+    Sample(L"slow", "slow one");
+    engine.Play(Slow());
+    const ProgramRun run(program, L"fine slow", {"", true, samples});
+    ASSERT_TRUE(WaitFor([&] { return engine.Requests().size() == 2 && engine.Requests()[1].whole; }));
+    run.PressCtrlC();
+    const RunResult result = run.Finish();
+    EXPECT_EQ(result.status, 2u);
+    EXPECT_THAT(result.out, StartsWith("fine: OK\n\nInterrupted\nScanned files: 1\n"));
+    EXPECT_THAT(result.out, AllOf(HasSubstr("\nNot scanned: 1\n"), EndsWith(" s\n")));
+    EXPECT_EQ(result.err, "kestoscan: started " + installed.engine.string() + ", which goes on running\n");
+    EXPECT_EQ(ProcessesNamed("kestoav.exe").size(), 1u);
+}
+
+TEST_F(HostTest, AHopelessInstallationIsToldBeforeTheFirstScan) {
+    Sample(L"clean", "nothing");
+    installed.PlaceStandIn(installed.engine, "exit 1");
+    WriteFile(installed.engine_folder / "bridge.ini", "[bridge]\r\nidle=0\r\n");
+    const RunResult ends = Run(L"clean clean");
+    EXPECT_EQ(ends.out, "");
+    EXPECT_EQ(ends.status, 2u);
+    EXPECT_THAT(ends.err, StartsWith("kestoscan: the engine " + installed.engine.string() +
+                                     " ends at once\nfailed   bridge settings: bridge.ini line 2: idle=0 "));
+    EXPECT_EQ(installed.Starts(installed.engine).size(), 1u);
+
+    DeleteFileW(installed.engine.c_str());
+    const RunResult missing = Run(L"clean");
+    EXPECT_EQ(missing.out, "");
+    EXPECT_THAT(missing.err, HasSubstr("kestoav.exe cannot be started: File not found (2)\n"));
+    EXPECT_EQ(missing.status, 2u);
+}
+
+TEST_F(HostTest, RefusesWhatIsNotThePlugInOrNotUnderstood) {
+    const std::pair<const wchar_t*, const char*> cases[] = {
+        {L"x --library missing.dll", "cannot load "},
+        {L"x --library kestoav.ini", "cannot load "},
         {L"x --library C:\\windows\\system32\\version.dll", "it lacks CHECKLICENCE, CLOSEINSTANCE"},
-        {L"x --folder C:\\" + std::wstring(300, L'f'), "at most 259 characters"},
+        {L"x --library \"\"", "--library names nothing"},
+        {L"x --folder \"\"", "--folder names nothing"},
+        {L"x --folder C:\\windows", "C:\\windows holds no part of the plug-in"},
+        {L"x --move missing", "is no folder to put away into"},
         {L"x --check", "name files to scan"},
         {L"", "name files to scan"},
         {L"--jobs 0 x", "not in range 1 to 16"},
         {L"--colour x", "--colour"},
         {L"--json --version", "--json goes with"},
     };
-    for (const auto& it : cases) {
-        const RunResult result = KestoscanRun(it.arguments).Finish();
+    for (const auto& [arguments, error] : cases) {
+        const RunResult result = ProgramRun(program, arguments, {"", false, installed.folder}).Finish();
         EXPECT_EQ(result.status, 2u);
         EXPECT_EQ(result.out, "");
-        EXPECT_THAT(result.err, AllOf(StartsWith("kestoscan: "), HasSubstr(it.error)));
+        EXPECT_THAT(result.err, AllOf(StartsWith("kestoscan: "), HasSubstr(error)));
     }
 }
 
-TEST_F(HostScan, PrintsTheVersionDetails) {
-    const RunResult result = Run(L"--version");
-    EXPECT_EQ(result.status, 0u);
-    EXPECT_EQ(result.out, "KESTOAV Version 1.0.4\nAV Database 27000 - Updated Thu Jan  1 00:00:00 2015\n");
+TEST_F(HostTest, VersionWaitsForAnEngineThatItStarted) {
+    engine.Play([this, answer = Realistic()](Wire& wire) {
+        if (engine.Accepted() > 1) {  // at first it only hangs up, as one that starts does
+            answer(wire);
+        }
+    });
+    const RunResult known = Run(L"--version");
+    EXPECT_EQ(known.out, "KESTOAV Version 1.0.4\nAV Database 27000 - Updated Mon Jan  1 00:00:00 2024\n");
+    EXPECT_EQ(known.status, 0u);
+    engine.Kill();
+    EXPECT_EQ(Run(L"--version").status, 2u);
 }
 
-TEST_F(HostTest, UpdatesAsTheMailServerDoes) {
-    Configure(FreePort(), "autostart=0");
-    const std::string updater = folder.engine_folder() + "\\kestoavu.exe";
+TEST_F(HostTest, AsksTheEngineWithoutThePlugIn) {
+    const std::string server = engine.Address() + ": ";
+    EXPECT_THAT(Run(L"--ping").out, StartsWith(server + "answers, in "));
+    EXPECT_EQ(Run(L"--stats").err,
+              "kestoscan: no counters - " + server + "the reply was \"UNKNOWN COMMAND\"\n");
+    engine.Play(Replying("kestoav_clients 3\n"));
+    EXPECT_EQ(Run(L"--stats").out, "kestoav_clients 3\n");
+    engine.Kill();
+    const RunResult dead = Run(L"--wait 1");
+    EXPECT_THAT(dead.err, StartsWith("kestoscan: the engine does not answer - " + server));
+    EXPECT_EQ(dead.status, 2u);
+}
+
+TEST_F(HostTest, UpdatesAsTheMailServerDoesAndOnceAtATime) {
+    Configure(engine.Port(), "autostart=0");
     const std::string failed =
         "KESTO Antivirus Update Failed\nThe KESTO Antivirus Update attempt failed with error ";
-    const RunResult missing = Run(L"--update");
-    EXPECT_EQ(missing.status, 2u);
-    EXPECT_EQ(missing.err, failed + "2\n");
-
-    folder.PlaceProgram(updater, "exit 3");
-    const RunResult three = Run(L"--update");
-    EXPECT_EQ(three.status, 2u);
-    EXPECT_EQ(three.err, failed + "3\n");
-
-    folder.PlaceProgram(updater, "exit 0");
-    const RunResult good = Run(L"--update");
-    EXPECT_EQ(good.status, 0u) << good.err;
-    EXPECT_EQ(good.out, "Update finished\n");
+    EXPECT_EQ(Run(L"--update").err, failed + "2\n");
+    installed.PlaceStandIn(installed.updater, "exit 3");
+    EXPECT_EQ(Run(L"--update").err, failed + "3\n");
+    installed.PlaceStandIn(installed.updater, "release 0");
+    const ProgramRun first(program, L"--update", InSamples());
+    ASSERT_TRUE(installed.WaitForStarts(installed.updater, 2));
+    EXPECT_THAT(Run(L"--update").err, HasSubstr("under way already"));
+    installed.Release(installed.updater);
+    EXPECT_EQ(first.Finish().out, "Update finished\n");
+    EXPECT_EQ(installed.Starts(installed.updater).size(), 2u);
 }
 
 }  // namespace

@@ -14,13 +14,6 @@ if [ -z "${KESTOAV_TEST_CLAMD_PORT:-}" ]; then
   exit 77
 fi
 
-work=$(mktemp -d)
-cleanup() {
-  finish
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
 pack() { # UMASK
   (umask "$1" && "$top/scripts/package") >"$work/packed" 2>&1 || fail "$(cat "$work/packed")"
   sha256sum <"$(echo "$top"/build/release/kestoav-*-win32.zip)"
@@ -52,12 +45,12 @@ eicar >"$work/eicar.com"
 start_wine package
 cd "$work"
 status=0
-"$top/scripts/wine" "$installed/kestoscan.exe" clean.txt eicar.com >scanned || status=$?
+"$top/scripts/wine" "$installed/kestoscan.exe" clean.txt eicar.com >scanned 2>&1 || status=$?
 tr -d '\r' <scanned
 [ "$status" -eq 1 ] || fail "kestoscan ended with $status"
 grep -q '^clean.txt: OK' scanned || fail "the clean sample is not clean"
 grep -q '^eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND' scanned || fail "EICAR is not found"
-grep -q 'starting kestoav process' "$installed/kestoav.log" || fail "the engine was not started"
+grep -q 'started .*kestoav.exe' scanned || fail "the engine was not started"
 if grep restarting "$installed/kestoav.log"; then fail "the engine was restarted"; fi
 
 "$top/scripts/wine" "$installed/kestoscan.exe" --check || fail "the check found a fault"

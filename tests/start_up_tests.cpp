@@ -1,162 +1,205 @@
-#include <memory>
+// Start-up: what the host gets, the settings, the engine's start, the log.
+#include <cstdlib>
+#include <ctime>
 
-#include "tests/support/scanner_test.h"
+#include "tests/support/fake_system.h"
 
 namespace kesto {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StartsWith;
+using namespace testing;
 
-class StartUpTest : public ScannerTest {};
+const std::string kLogged =
+    "Scan file - mail.eml - 0";  // by the scan of an empty file, which needs no engine
 
-TEST_F(StartUpTest, FillsNamesAndOutValueWhateverTheVersion) {
-    folder.CreateLog();
-    folder.WriteSettings("autostart=0");
-    const struct { int32_t version, status; } cases[] = {{1, 0}, {2, 1}, {0, 1}, {-1, 1}};
-    for (const auto& each : cases) {
+class StartUpTest : public PluginTest {};
+
+TEST_F(StartUpTest, FillsTheHostsBuffersWhateverTheVersion) {
+    ScriptedEngine engine;
+    installed.CreateLog();
+    installed.WriteSettings(Servers(engine.Port()) + "encrypt=0");
+    system.processes = {};
+    for (const int32_t version : {2, 0, -1, 1}) {
         std::string short_name(kShortNameSize, 'x'), long_name(kLongNameSize, 'x');
         uint32_t out_value = kUntouched;
-        EXPECT_EQ(plugin.InitializeScanner(each.version, short_name.data(), long_name.data(), &out_value,
-                                           folder.path().c_str()),
-                  each.status);
-        EXPECT_STREQ(short_name.c_str(), "KESTOAV");
-        EXPECT_STREQ(long_name.c_str(), "KESTO AV");
+        EXPECT_EQ(plugin.initialize_scanner(version, short_name.data(), long_name.data(), &out_value,
+                                            installed.folder.string().c_str()),
+                  version == 1 ? 0 : 1);
+        EXPECT_EQ(short_name, WithNul("KESTOAV") + std::string(24, 'x'));
+        EXPECT_EQ(long_name, WithNul("KESTO AV") + std::string(247, 'x'));
         EXPECT_EQ(out_value, 0u);
-        plugin.CloseScanner();
-    }
-    EXPECT_THAT(folder.LogMessages(),
-                ElementsAre("API version mismatch 2 != 1", "API version mismatch 0 != 1",
-                            "API version mismatch -1 != 1"));
-}
-
-TEST_F(StartUpTest, IsInPlaceAfterAVersionMismatchButStartsNoEngine) {
-    FakeEngine engine;
-    folder.CreateLog();
-    folder.PlaceEngine("wait");
-    folder.WriteSettings(Servers(engine.port()) + "encrypt=0");
-    EXPECT_EQ(plugin.InitializeScanner(2, nullptr, nullptr, nullptr, folder.path().c_str()), 1);
-    EXPECT_THAT(ProcessesNamed("kestoav.exe"), IsEmpty());
-    folder.StartProgram(folder.engine_program());
-    EXPECT_TRUE(Scan("as it is").Clean());
-    EXPECT_EQ(engine.Conversations().at(0).data, "as it is");
-    EXPECT_THAT(folder.LogMessages(), ElementsAre(StartsWith("API"), "Scan file - mail.eml - 8"));
-}
-
-TEST_F(StartUpTest, StartsTheEngineHiddenInItsFolderAndOnlyOnce) {
-    StartWithIdleEngine("");
-    EXPECT_EQ(Start(""), 0);  // finds it running
-    plugin.CloseScanner();    // and leaves it running
-    EXPECT_EQ(ProcessesNamed("kestoav.exe").size(), 1u);
-    const auto starts = folder.Starts(folder.engine_program());
-    ASSERT_EQ(starts.size(), 1u);
-    EXPECT_STRCASEEQ(starts[0].folder.c_str(), folder.engine_folder().c_str());
-    EXPECT_EQ(starts[0].command_line, folder.engine_program());
-    EXPECT_EQ(starts[0].show_state, "hidden");
-    EXPECT_THAT(folder.LogMessages(), ElementsAre("starting kestoav process"));
-}
-
-TEST_F(StartUpTest, WithoutAutostartDoesNotLookForTheEngine) {
-    folder.CreateLog();
-    EXPECT_EQ(Start("autostart=0"), 0);
-    EXPECT_THAT(folder.LogMessages(), IsEmpty());
-}
-
-TEST_F(StartUpTest, ReturnsTheSystemsErrorWhenTheEngineDoesNotStart) {
-    folder.CreateLog();
-    EXPECT_EQ(Start(""), ERROR_FILE_NOT_FOUND);
-    WriteFile(folder.engine_program(), "no program at all");
-    EXPECT_EQ(Start(""), ERROR_BAD_EXE_FORMAT);
-    EXPECT_THAT(folder.LogMessages(),
-                ElementsAre("starting kestoav process", "Error starting kestoav process - 2",
-                            "starting kestoav process", "Error starting kestoav process - 193"));
-}
-
-TEST_F(StartUpTest, SecondStartAppendsItsServers) {
-    auto first = std::make_unique<FakeEngine>();
-    FakeEngine second;
-    StartWithIdleEngine(Servers(first->port()));
-    ASSERT_EQ(Start(Servers(second.port())), 0);
-    EXPECT_TRUE(Scan("1").Clean());
-    EXPECT_EQ(first->Conversations().size(), 1u);
-    first.reset();
-    EXPECT_TRUE(Scan("2").Clean());
-    EXPECT_EQ(second.Conversations().size(), 1u);
-}
-
-TEST_F(StartUpTest, KeepsItsOwnCopyOfTheFolder) {
-    folder.WriteSettings("autostart=0");
-    folder.PlaceProgram(folder.engine_folder() + "\\kestoavu.exe", "exit 0");
-    std::string hosts_text = folder.path();
-    EXPECT_EQ(plugin.InitializeScanner(1, nullptr, nullptr, nullptr, hosts_text.c_str()), 0);
-    std::fill(hosts_text.begin(), hosts_text.end(), '?');
-    plugin.GetExpiry(0, 0, 0);
-    EXPECT_EQ(plugin.DoSimpleUpdate(nullptr, nullptr), 1u);
-}
-
-TEST_F(StartUpTest, RefusesFoldersThatCannotBe) {
-    EXPECT_EQ(plugin.InitializeScanner(1, nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
-    for (const std::string& each :
-         {std::string(), "C:\\" + std::string(300, 'x'), std::string(100'000, '\\')}) {
-        const int32_t status = plugin.InitializeScanner(1, nullptr, nullptr, nullptr, each.c_str());
-        EXPECT_NE(status, 0) << each.size();  // what the system says of an engine program there
-        EXPECT_NE(status, 1) << each.size();
-    }
-}
-
-TEST(StartUpInFolders, WithBlanksIsLeftToTheSystemsReadingOfAnUnquotedPath) {
-    for (const bool decoy : {false, true}) {
-        PluginFolder folder("with blank");
-        const std::string shorter = folder.parent() + "\\with.exe";
-        folder.PlaceEngine("wait");
-        if (decoy) {
-            folder.PlaceProgram(shorter, "wait");
+        // Settings and log are in place; an engine is started only for the right version.
+        EXPECT_EQ(system.processes.size(), version == 1 ? 1u : 0u);
+        if (version == 1) {
+            EXPECT_TRUE(Scan("as it is").Clean());
+            EXPECT_EQ(engine.Requests().at(0).data, "as it is");
         }
-        PluginLibrary plugin;
-        EXPECT_EQ(plugin.InitializeScanner(1, nullptr, nullptr, nullptr, folder.path().c_str()), 0);
-        EXPECT_TRUE(folder.WaitForStarts(decoy ? shorter : folder.engine_program(), 1));
+        plugin.close_scanner();
+    }
+    EXPECT_THAT(
+        installed.LogMessages(),
+        ElementsAre("API version mismatch 2 != 1", "API version mismatch 0 != 1",
+                    "API version mismatch -1 != 1", "starting kestoav process", "Scan file - mail.eml - 8"));
+}
+
+TEST_F(StartUpTest, StartsTheEngineUnlessItRunsOrIsNotToBeStarted) {
+    const std::string folder = installed.engine_folder.string();
+    const std::string start = "start " + folder + "\\kestoav.exe in " + folder;
+    const std::tuple<const char*, SystemState, int32_t, std::vector<std::string>, std::vector<std::string>>
+        cases[] = {
+            {"autostart=0", {.processes = {}}, 0, {}, {}},
+            {"", {}, 0, {"enumerate", "open 1024 4"}, {}},
+            {"", {.processes = {}}, 0, {"enumerate", start}, {"starting kestoav process"}},
+            {"autostart=2",
+             {.processes = {}, .starts = false, .start_error = 193},
+             193,
+             {"enumerate", start},
+             {"starting kestoav process", "Error starting kestoav process - 193"}},
+            // Whether it was started is the call's own result, not its error.
+            {"", {.processes = {}, .start_error = 5}, 0, {"enumerate", start}, {"starting kestoav process"}},
+        };
+    for (const auto& [settings, state, status, calls, log] : cases) {
+        installed.CreateLog();
+        system.Become(state);
+        system.calls.clear();
+        EXPECT_EQ(Start(settings), status);
+        EXPECT_EQ(system.calls, calls);
+        plugin.close_scanner();
+        EXPECT_EQ(installed.LogMessages(), log);
     }
 }
 
-TEST(ErrorTexts, AreBoundedAndTerminated) {
-    const PluginLibrary plugin;
-    const struct {
-        uint32_t code;
-        int32_t size;
-        std::string text;  // empty: the buffer is untouched
-    } cases[] = {
-        {1001, 64, "Error connecting to AV server"},
-        {1002, 64, "Error communicating with AV server"},
-        {1003, 64, "Error 1003"},
-        {0, 64, "Error 0"},
-        {0xFFFFFFFF, 64, "Error 4294967295"},
-        {1001, 10, "Error con"},
-        {5, 4, "Err"},
-        {5, 8, "Error 5"},
-        {5, 0, ""},
-        {1001, 0, ""},
-        {1001, -1, ""},
-        {5, INT32_MIN, ""},
+int WINAPI NoSockets(WORD, WSADATA*) {
+    return WSASYSNOTREADY;
+}
+TEST_F(StartUpTest, IsRefusedWithoutSockets) {
+    const ImportPatch patch(plugin.module, "WSAStartup", NoSockets);
+    installed.CreateLog();
+    system.Become({.processes = {}});
+    EXPECT_EQ(Start(""), -1);
+    EXPECT_THAT(installed.LogMessages(), IsEmpty());
+    EXPECT_EQ(plugin.VersionDetails(), "KESTOAV Version 1.0.4\nAV Engine version unknown");
+}
+
+TEST_F(StartUpTest, KeepsItsOwnCopyOf259CharactersOfTheFolder) {
+    EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
+    plugin.get_expiry(0, 0, 0);
+    for (const size_t length : {0, 1, 259, 260, 100'000}) {  // an empty one counts, once given
+        std::string hosts_text = ("C:\\" + std::string(length, 'x')).substr(0, length);
+        const std::string kept = hosts_text.substr(0, 259) + "\\plugins\\kestoav";
+        system.Become({.processes = {}});
+        system.calls.clear();
+        plugin.initialize_scanner(1, nullptr, nullptr, nullptr, hosts_text.c_str());
+        std::fill(hosts_text.begin(), hosts_text.end(), '?');
+        EXPECT_EQ(plugin.do_simple_update(nullptr, nullptr), 1);
+        EXPECT_THAT(system.calls, Contains("start " + kept + "\\kestoav.exe in " + kept));
+        EXPECT_THAT(system.calls, Contains("start " + kept + "\\kestoavu.exe in " + kept));
+    }
+}
+
+TEST(Settings, AreThoseOfTheSectionAndElseTheDefaults) {
+    // `account`: of a connect that failed
+    const std::tuple<std::string, std::string> cases[] = {
+        {"", "hostname: 127.0.0.1\nport: 3313\n"},
+        {"[other]\nservers=127.0.0.2\n[kestoav]\n", "hostname: 127.0.0.1\nport: 3313\n"},
+        {"[KestoAV]\r\nSERVERS =  \"127.0.0.3:7\"  \r\n", "hostname: 127.0.0.3\nport: 7\n"},
+        {"[kestoav]\nservers=\n", "hostname: \nport: 3313\n"},
+        {"[kestoav]\nservers=127.0.0.4:65537\n", "hostname: 127.0.0.4\nport: 1\n"},
+        {"[kestoav]\nservers=" + std::string(900, 'h') + " 127.0.0.1:9\n",
+         "WSAECONNREFUSED"},  // the last one
+        {"[kestoav]\nservers=" + std::string(940, 'x') + ' ' + std::string(999, 'y'),
+         "hostname: " + std::string(58, 'y') + "\nport: 3313\n"},  // cut at 999 characters
     };
-    for (const auto& each : cases) {
-        std::string buffer(64, 'x');
-        plugin.GetErrorText(each.code, buffer.data(), each.size);
-        std::string expected(64, 'x');
-        if (!each.text.empty()) {
-            expected.replace(0, each.text.size() + 1, WithNul(each.text));
-        }
-        EXPECT_EQ(buffer, expected) << each.code << ' ' << each.size;
+    for (const auto& [file, account] : cases) {
+        DrivenPlugin it;
+        it.installed.CreateLog();
+        WriteFile(it.installed.folder / "kestoav.ini", file);
+        EXPECT_EQ(it.plugin.Initialize(it.installed.folder), 0);
+        it.installed.WriteSettings("servers=127.0.0.9");  // read at the start only
+        it.system.Become(
+            {.processes = {{.ends = 1001}}, .accepts_from = kNever, .starts = false, .look_takes = 1000});
+        EXPECT_TRUE(it.Scan("x").Failed(1001));
+        EXPECT_THAT(it.installed.LogMessages().at(1),
+                    AllOf(StartsWith("Couldn't connect to kestoav process - Connect_Socket\nhostname: "),
+                          HasSubstr(account)));
+        const std::string log = ReadFile(it.installed.log);  // the account has lines of its own
+        EXPECT_EQ(std::count(log.begin(), log.end(), '\r'), std::count(log.begin(), log.end(), '\n'));
+        EXPECT_EQ(log.find("\r\r"), log.npos);
     }
-    std::string one(2, 'x');
-    plugin.GetErrorText(1002, one.data(), 1);
-    EXPECT_EQ(one, std::string("\0x", 2));
-    plugin.GetErrorText(1002, nullptr, 64);
+}
 
-    for (const uint32_t code : {0u, 1u, 1000u, 1002u, 1003u, 0xFFFFFFFFu}) {
-        EXPECT_EQ(plugin.IsFatalError(code), 0u) << code;
+class LogTest : public PluginTest {};
+
+TEST_F(LogTest, IsWrittenWhereTheSettingSaysOrElseIfItExists) {
+    const std::string folder = installed.folder.string(), other = folder + "\\other.log";
+    const std::tuple<bool, std::string, bool, bool> cases[] = {
+        {false, "", false, false},
+        {true, "", true, false},
+        {true, other, false, true},
+        {true, folder, false, false},  // what cannot be opened is not made up for
+        {true, folder + "\\none\\x.log", false, false},
+        {true, "Z:\\dev\\full", false, false},
+        {true, std::string(500, 'x'), false, false},
+    };
+    for (const auto& [exists, setting, in_default, in_other] : cases) {
+        DeleteFileA(other.c_str());
+        exists ? installed.CreateLog() : void(std::filesystem::remove(installed.log));
+        Start("logfile=" + setting);
+        EXPECT_TRUE(Scan("").Clean());
+        EXPECT_EQ(installed.LogMessages().size(), in_default ? 1u : 0u) << setting;
+        EXPECT_EQ(ReadFile(other).ends_with(": " + kLogged + "\r\n"), in_other) << setting;
+        EXPECT_EQ(std::filesystem::exists(installed.log), exists);
+        plugin.close_scanner();
+        plugin.close_scanner();
+        Scan("");  // without a word
+        EXPECT_EQ(installed.LogMessages().size(), in_default ? 1u : 0u);
     }
-    EXPECT_EQ(plugin.IsFatalError(1001), 1u);
+}
+
+__time64_t g_now;
+__time64_t Now(__time64_t*) {
+    return g_now;
+}
+int g_flushes;
+int Flush(FILE* file) {
+    ++g_flushes;
+    return fflush(file);
+}
+
+TEST_F(LogTest, AppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
+    const ImportPatch clock(plugin.module, "_time64", Now), flush(plugin.module, "fflush", Flush);
+    WriteFile(installed.log, "kept\r\n");
+    _putenv("TZ=KST-5");
+    _tzset();
+    Start("");
+    std::string expected = "kept\r\n";
+    const std::pair<tm, const char*> cases[] = {
+        {{9, 5, 0, 1, 0, 114, 0, 0, -1}, "2014/1/1 0:05:09"},
+        {{59, 59, 23, 31, 11, 138, 0, 0, -1}, "2038/12/31 23:59:59"},
+    };
+    for (auto [time, stamp] : cases) {
+        g_now = _mktime64(&time);
+        g_flushes = 0;
+        EXPECT_TRUE(Scan("").Clean());
+        EXPECT_EQ(g_flushes, 1);
+        FILE* const other = fopen(installed.log.string().c_str(), "ab");  // others may append, too
+        EXPECT_NE(other, nullptr);
+        fputs("someone else's\r\n", other);
+        fclose(other);
+        expected += std::string(stamp) + ": " + kLogged + "\r\nsomeone else's\r\n";
+        EXPECT_EQ(ReadFile(installed.log), expected);
+    }
+}
+
+TEST_F(StartUpTest, SettingsOfGarbageDoNoHarm) {
+    std::string garbage = "servers=" + std::string(70'000, ' ') +
+                          ":\nstartwait=99999999999999\nlogfile=" + installed.folder.string() + "\\%s%n\n";
+    for (int i = 0; i < 5000; ++i) {
+        garbage += static_cast<char>(i * 31);
+    }
+    Start(garbage);
+    EXPECT_TRUE(Scan("").Clean());
+    EXPECT_EQ(plugin.VersionDetails(), "KESTOAV Version 1.0.4\nAV Engine version unknown");
 }
 
 }  // namespace

@@ -27,8 +27,8 @@ uint32_t Fail(char* title, char* message, const char* reason) {
 // The updater's exit code, or the system error code with which it could not be started.
 DWORD RunUpdater() {
     PROCESS_INFORMATION updater;
-    DWORD outcome = StartHiddenProgram("kestoavu.exe", updater);
-    if (outcome == 0) {
+    DWORD outcome = 0;
+    if (StartHiddenProgram("kestoavu.exe", updater, outcome)) {
         WaitForSingleObject(updater.hProcess, INFINITE);
         GetExitCodeProcess(updater.hProcess, &outcome);  // a failure leaves 0
         CloseHandle(updater.hProcess);
@@ -39,7 +39,9 @@ DWORD RunUpdater() {
 
 void DeleteMirrorRecord() {
     char folder[kMessageSize];
-    FormatEngineFolder(folder);
+    if (!FormatEngineFolder(folder)) {
+        return;
+    }
     char path[kMessageSize];
     FormatText(path, sizeof path, "%s\\db\\mirrors.dat", folder);
     DeleteFileA(path);

@@ -3,10 +3,16 @@
 
 #include <string>
 
+#include "host/common/installed_plugin.h"
+
 namespace kesto {
 
-// Looks at the plug-in's library and folder, its settings, log, engine and engine servers, changes none of
-// them, and returns the exit status.
+// Looks at the plug-in's library and folder, its settings, logs, engine and engine servers, changes none of
+// them, and returns the exit status. Ends within 30 seconds, whatever the servers do.
 int CheckInstallation(const std::wstring& library, const std::wstring& folder, bool json);
+
+// What of the engine's files and settings would make it end at once: lines as the check prints them, UTF-8,
+// each with its line feed. Empty when nothing is known.
+std::string WhyEngineEnds(const InstalledPlugin& installed);
 
 }  // namespace kesto

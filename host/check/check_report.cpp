@@ -1,7 +1,9 @@
 #include "host/check/check_report.h"
 
+#include <algorithm>
+
 #include "host/common/exit_status.h"
-#include "host/common/json.h"
+#include "host/common/json_line.h"
 #include "host/common/output.h"
 #include "host/common/text.h"
 
@@ -10,52 +12,63 @@ namespace {
 
 constexpr const char* kStateNames[] = {"ok", "warning", "failed"};
 
+const char* Name(CheckState state) {
+    return kStateNames[static_cast<size_t>(state)];
+}
+
 }  // namespace
 
-void CheckReport::Add(CheckState state, std::string_view check, std::string_view text,
-                      std::string_view remedy) {
-    const auto index = static_cast<size_t>(state);
-    ++counts_[index];
-    if (json_) {
-        JsonObject object;
-        object.Add("check", check).Add("state", kStateNames[index]).Add("text", text);
-        if (!remedy.empty()) {
-            object.Add("remedy", remedy);
-        }
-        json_checks_ += (json_checks_.empty() ? "\n" : ",\n") + object.Text();
-        return;
-    }
-    std::string line = kStateNames[index];
+bool Findings::Any(CheckState state) const {
+    return std::any_of(findings_.begin(), findings_.end(),
+                       [&](const Finding& finding) { return finding.state == state; });
+}
+
+std::string FindingLine(const Finding& finding) {
+    std::string line = Name(finding.state);
     line.resize(9, ' ');
-    line += Printable(check);
-    line += ": ";
-    line += Printable(text);
-    if (!remedy.empty()) {
-        line += " -> ";
-        line += Printable(remedy);
+    line += finding.check + ": " + finding.text;
+    if (!finding.remedy.empty()) {
+        line += " -> " + finding.remedy;
     }
-    PrintOut(line + "\n");
+    return Printable(line);
+}
+
+void CheckReport::Step(std::string_view what) const {
+    if (ProgressShown()) {
+        DrawProgress("checking " + std::string(what) + " ...");
+    }
+}
+
+void CheckReport::Add(const Findings& findings) {
+    for (const Finding& finding : findings.All()) {
+        ++counts_[static_cast<size_t>(finding.state)];
+        if (!json_) {
+            PrintOut(FindingLine(finding) + "\n");
+            continue;
+        }
+        Json object = {{"check", Printable(finding.check)},
+                       {"state", Name(finding.state)},
+                       {"text", Printable(finding.text)}};
+        if (!finding.remedy.empty()) {
+            object["remedy"] = Printable(finding.remedy);
+        }
+        json_checks_ += (json_checks_.empty() ? "\n" : ",\n") + JsonLine(object);
+    }
 }
 
 int CheckReport::Finish() {
-    const uint64_t failed = counts_[static_cast<size_t>(CheckState::kFailed)];
-    const uint64_t warnings = counts_[static_cast<size_t>(CheckState::kWarning)];
-    const uint64_t ok = counts_[static_cast<size_t>(CheckState::kOk)];
+    const auto [ok, warnings, failed] = counts_;
     if (json_) {
         const CheckState worst = failed != 0     ? CheckState::kFailed
                                  : warnings != 0 ? CheckState::kWarning
                                                  : CheckState::kOk;
-        const JsonObject summary = JsonObject()
-                                       .Add("state", kStateNames[static_cast<size_t>(worst)])
-                                       .Add("ok", ok)
-                                       .Add("warnings", warnings)
-                                       .Add("failed", failed);
-        PrintOut("{\"checks\": [" + json_checks_ + "\n], \"summary\": " + summary.Text() + "}\n");
+        const Json summary = {{"state", Name(worst)}, {"ok", ok}, {"warnings", warnings}, {"failed", failed}};
+        PrintOut("{\"checks\": [" + json_checks_ + "\n], \"summary\": " + JsonLine(summary) + "}\n");
     } else {
         PrintOut("\n" + std::to_string(ok) + " ok, " + std::to_string(warnings) + " warnings, " +
                  std::to_string(failed) + " failed\n");
     }
-    return failed != 0 || OutputFailed() ? kExitError : kExitClean;
+    return failed != 0 ? kExitError : kExitClean;
 }
 
 }  // namespace kesto

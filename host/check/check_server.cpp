@@ -1,206 +1,348 @@
-#include "engine/stream_scan.h"
-// winsock2.h, in what is above, must come before windows.h.
-#include <chrono>
-#include <optional>
-#include <string>
-#include <string_view>
-
 #include "host/check/check_server.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <thread>
+
+#include "engine/reply_verdict.h"
 #include "host/check/database_age.h"
+#include "host/check/port_owner.h"
 #include "host/check/test_samples.h"
 #include "host/common/text.h"
+#include "net/socket_connection.h"
 
 namespace kesto {
 namespace {
 
-constexpr uint32_t kConnectMs = 1000;     // what the plug-in gives a server before it tries the next
-constexpr uint32_t kSlowConnectMs = 300;  // near enough to that limit to be told
-constexpr uint32_t kReplyMs = 5000;
-constexpr int kOldDays = 7;  // signatures appear daily
+using Clock = std::chrono::steady_clock;
+
+constexpr uint32_t kPluginConnectMs = 1000;  // what the plug-in gives a server before it tries the next
+constexpr double kSlowConnect = 0.3;         // seconds; near enough to that limit to be told
+constexpr double kToldReply = 1;             // seconds from which on a scan's time is told
+constexpr double kSlowReply = 15;            // seconds; near enough to the plug-in's limit of 20
+constexpr int kOldDays = 7;                  // signatures appear daily
+constexpr size_t kLongStream = 2 << 20;
+constexpr int kTries = 5;  // for a question to a server that hangs up: an engine that starts does
+constexpr auto kTriesPause = std::chrono::milliseconds(500);
+constexpr size_t kMostThreads = 16;  // servers asked at a time, each with several questions
 
 // The account's reason without the call's arguments above it.
 std::string ConnectFailure(SocketConnection& connection) {
     std::string_view account = connection.LastErrorText();
-    const size_t reason = account.find("Connect function failed.\n");
-    account.remove_prefix(reason != std::string_view::npos ? account.find('\n', reason) + 1
-                                                           : account.rfind('\n') + 1);
-    std::string text = Utf8FromAnsi(account);
-    for (char& c : text) {
-        c = c == '\n' ? ' ' : c;
+    size_t reason = account.rfind('\n') + 1;
+    for (const std::string_view beginning : {"\nConnect function failed.\n", "\nDNS ", "\nCannot connect"}) {
+        if (const size_t at = account.find(beginning); at != std::string_view::npos) {
+            reason = beginning.ends_with('\n') ? at + beginning.size() : at + 1;
+            break;
+        }
     }
+    account.remove_prefix(reason);
+    const bool name = account.starts_with("DNS ");
+    if (name) {
+        // The firewall that the account then suspects is not at fault.
+        account = account.substr(0, account.find("\nCheck to make sure"));
+    }
+    std::string text = (name ? kNameFailure : "") + Utf8FromAnsi(account);
+    std::replace(text.begin(), text.end(), '\n', ' ');
     return text;
-}
-
-bool Connect(SocketConnection& connection, const ServerEntry& server) {
-    return connection.Connect(server.host.c_str(), server.port, false, kConnectMs);
-}
-
-// None: no reply came.
-std::optional<std::string> Ask(const ServerEntry& server, std::string_view command) {
-    SocketConnection connection;
-    std::string reply;
-    connection.MaxReadIdleMs(kReplyMs);
-    if (!Connect(connection, server) || !SendCommand(connection, command) ||
-        !connection.ReceiveStringUntilByte(0, reply)) {
-        return std::nullopt;
-    }
-    return reply;
-}
-
-std::optional<ScanVerdict> Scan(const ServerEntry& server, std::string_view sample, bool encrypt) {
-    SocketConnection connection;
-    if (!Connect(connection, server)) {
-        return std::nullopt;
-    }
-    ScanFileInput input = {};
-    input.size = static_cast<uint32_t>(sample.size());
-    input.data = reinterpret_cast<const uint8_t*>(sample.data());
-    return StreamScan(connection, input, encrypt);
-}
-
-bool Is(const std::optional<ScanVerdict>& verdict, VerdictKind kind) {
-    return verdict && verdict->kind == kind;
 }
 
 std::string Quoted(std::string_view reply) {
     return "\"" + Utf8FromAnsi(reply.substr(0, 200)) + "\"";
 }
 
-std::string Describe(const std::optional<ScanVerdict>& verdict) {
-    if (!verdict) {
-        return "no further connection was accepted";
+enum class Verdict { kClean, kInfected, kNone };
+
+Verdict VerdictOf(const ServerAnswer& answer) {
+    // The plug-in also takes for clean what begins "stream: " without being that: here it is none.
+    if (!answer.reply || VerdictOfReply(*answer.reply).kind == VerdictKind::kUnexpectedReply) {
+        return Verdict::kNone;
     }
-    switch (verdict->kind) {
-        case VerdictKind::kClean:
-            return "found clean";
-        case VerdictKind::kInfected:
-            return "found infected with " + Utf8FromAnsi(verdict->text);
-        case VerdictKind::kSendFailed:
-            return "the connection broke while sending";
-        case VerdictKind::kUnexpectedReply:
+    if (*answer.reply == "stream: OK") {
+        return Verdict::kClean;
+    }
+    return VerdictOfReply(*answer.reply).kind == VerdictKind::kInfected ? Verdict::kInfected : Verdict::kNone;
+}
+
+std::string Describe(const ServerAnswer& answer) {
+    const std::string time = answer.seconds > kToldReply ? " after " + DurationText(answer.seconds) : "";
+    switch (VerdictOf(answer)) {
+        case Verdict::kClean:
+            return "found clean" + time;
+        case Verdict::kInfected:
+            return "found infected with " + Utf8FromAnsi(VerdictOfReply(*answer.reply).text) + time;
+        case Verdict::kNone:
             break;
     }
-    return verdict->text.empty() ? "no reply came" : "the reply was " + Quoted(verdict->text);
+    if (!answer.reply) {
+        return answer.failure + time;
+    }
+    const bool passes = VerdictOfReply(*answer.reply).kind == VerdictKind::kClean;
+    return "the reply was " + Quoted(*answer.reply) + time +
+           (passes ? ", which the plug-in takes for clean" : "");
 }
 
 class ServerCheck {
  public:
-    ServerCheck(CheckReport& report, const ServerEntry& server, bool encrypt)
-        : report_(report),
-          server_(server),
-          encrypt_(encrypt),
-          name_("server " + Utf8FromAnsi(server.host) + ":" + std::to_string(server.port) + " ") {}
+    ServerCheck(const CheckedServer& server, Deadline deadline) : server_(server), deadline_(deadline) {}
 
-    void Run() {
-        if (!CheckConnection() || !CheckPing()) {
-            return;
+    Findings Run() {
+        if (!CheckConnection()) {
+            return findings_;
         }
-        CheckVersion();
-        CheckCleanSample();
-        CheckEicar();
+        std::string long_text;
+        while (long_text.size() < kLongStream) {
+            long_text += kCleanSample;
+        }
+        const auto ask = [this](std::string_view command) {
+            return std::async(std::launch::async, [=, this] { return AskStartingServer(command); });
+        };
+        const auto scan = [this](const std::string& bytes) {
+            return std::async(std::launch::async, [&, this] {
+                return ScanAtServer(server_.address, bytes, server_.encrypt, deadline_);
+            });
+        };
+        // At the same time: a server may take seconds for each.
+        const std::string clean = kCleanSample;
+        const std::string eicar = EicarTestString();
+        auto ping = ask("zPING");
+        auto version = ask("zVERSION");
+        auto clean_scan = scan(clean);
+        auto eicar_scan = scan(eicar);
+        auto long_scan = scan(long_text);
+        if (TellPing(ping.get())) {
+            TellVersion(version.get());
+            const bool scans = TellCleanSample(clean_scan.get());
+            TellEicar(eicar_scan.get(), eicar);
+            if (scans) {
+                TellLongStream(long_scan.get());
+            }
+        }
+        return findings_;
     }
 
  private:
+    std::string Check(const char* what) const { return server_.name + " " + what; }
+
+    ServerAnswer AskStartingServer(std::string_view command) const {
+        ServerAnswer answer;
+        for (int i = 0; i < kTries && !answer.reply; ++i) {
+            if (i > 0) {
+                std::this_thread::sleep_for(kTriesPause);
+            }
+            answer = AskServer(server_.address, command, deadline_);
+            if (answer.seconds > kToldReply) {
+                break;
+            }
+        }
+        return answer;
+    }
+
     bool CheckConnection() {
-        const std::string check = name_ + "connection";
-        const auto start = std::chrono::steady_clock::now();
-        SocketConnection connection;
-        if (!Connect(connection, server_)) {
-            report_.Failed(check, "not made: " + ConnectFailure(connection),
-                           "start what listens there, open the firewall for it, or correct servers= in "
-                           "kestoav.ini");
+        const std::string check = Check("connection");
+        const auto start = Clock::now();
+        std::string failure;
+        double seconds = 0;
+        if (server_.of_plugin) {
+            SocketConnection connection;
+            if (!connection.Connect(server_.address.host.c_str(), server_.address.port, false,
+                                    kPluginConnectMs)) {
+                failure = ConnectFailure(connection);
+            }
+            seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        } else {
+            const ServerAnswer answer = ConnectToServer(server_.address, deadline_);
+            failure = answer.reply ? "" : answer.failure;
+            seconds = answer.seconds;
+        }
+        const std::string setting =
+            server_.of_plugin ? "servers= in kestoav.ini" : "upstreams= in bridge.ini";
+        if (!failure.empty()) {
+            const bool name = failure.starts_with(kNameFailure);
+            findings_.Failed(
+                check, "not made: " + failure,
+                name ? "write an address in place of the name into " + setting +
+                           ", or have the name service know it"
+                     : "start what listens there, open the firewall for it, or correct " + setting);
             return false;
         }
-        const auto taken =
-            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-        const std::string text = "made in " + std::to_string(taken.count()) + " ms";
-        if (taken.count() > kSlowConnectMs) {
-            report_.Warning(check, text, "a server that takes over 1000 ms is passed over: use a nearer one");
+        const std::string text = "made in " + DurationText(seconds);
+        if (server_.of_plugin && seconds > kSlowConnect) {
+            findings_.Warning(check, text,
+                              "a server that takes over 1000 ms is passed over: use a nearer one");
         } else {
-            report_.Ok(check, text);
+            findings_.Ok(check, text);
         }
         return true;
     }
 
-    bool CheckPing() {
-        const std::string check = name_ + "zPING";
-        const std::optional<std::string> reply = Ask(server_, "zPING");
-        if (!reply) {
-            report_.Failed(check, "no answer",
-                           "see the engine's log: the clamd behind it may be down or still loading");
+    // Names the program of this machine that has the port, unless it is an engine.
+    std::string Owner() const {
+        const auto owner = server_.address.host.starts_with("127.")
+                               ? ListenerOn(server_.address.host, server_.address.port)
+                               : std::nullopt;
+        const bool told = owner && !owner->program.empty() && owner->program != "kestoav.exe";
+        return told ? "; the port belongs to " + OwnerText(*owner) : "";
+    }
+
+    bool TellPing(const ServerAnswer& answer) {
+        const std::string check = Check("zPING");
+        if (!answer.reply) {
+            findings_.Failed(
+                check, "no answer: " + answer.failure + Owner(),
+                server_.of_plugin
+                    ? "see the engine's log: the clamd behind it may be down or still loading"
+                    : "see clamd's log: it may still be loading, or another program may have the port");
             return false;
         }
-        if (*reply == "PONG") {
-            report_.Ok(check, "answered");
+        if (*answer.reply == "PONG") {
+            findings_.Ok(check, "answered");
         } else {
-            report_.Warning(check, "answered " + Quoted(*reply),
-                            "check that a clamd listens there, or the engine in front of one");
+            findings_.Warning(check, "answered " + Quoted(*answer.reply) + Owner(),
+                              "check that a clamd listens there, or the engine in front of one");
         }
         return true;
     }
 
-    void CheckVersion() {
-        const std::string check = name_ + "zVERSION";
-        const std::optional<std::string> reply = Ask(server_, "zVERSION");
-        if (!reply) {
-            report_.Warning(check, "no answer: the age of its signatures is unknown", "see the engine's log");
+    void TellVersion(const ServerAnswer& answer) {
+        const std::string check = Check("zVERSION");
+        const std::string remedy = "run the signature updater on the engine's machine";
+        if (!answer.reply) {
+            findings_.Warning(check, "no answer: the age of its signatures is unknown",
+                              "see the engine's log");
             return;
         }
-        const std::string remedy = "run the signature updater on the engine's machine";
+        const std::string& reply = *answer.reply;
         const auto today = std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now());
-        const std::optional<int> age = DatabaseAgeDays(*reply, today);
+        const std::optional<int> age = DatabaseAgeDays(reply, today);
         if (!age) {
-            report_.Warning(check, Quoted(*reply) + ": the age of its signatures is unknown", remedy);
+            findings_.Warning(check, Quoted(reply) + ": the age of its signatures is unknown", remedy);
         } else if (*age > kOldDays) {
-            report_.Warning(
-                check, Quoted(*reply) + ": its signatures are " + std::to_string(*age) + " days old", remedy);
+            findings_.Warning(
+                check, Quoted(reply) + ": its signatures are " + std::to_string(*age) + " days old", remedy);
         } else if (*age < -1) {  // a day may be the time zone
-            report_.Warning(check, Quoted(*reply) + ": its signatures are of a day to come",
-                            "set the clocks of both machines");
+            findings_.Warning(check, Quoted(reply) + ": its signatures are of a day to come",
+                              "set the clocks of both machines");
         } else {
-            report_.Ok(check, Quoted(*reply));
+            findings_.Ok(check, Quoted(reply));
         }
     }
 
-    void CheckCleanSample() {
-        const std::string check = name_ + "clean sample";
-        const auto verdict = Scan(server_, kCleanSample, encrypt_);
-        if (Is(verdict, VerdictKind::kClean)) {
-            report_.Ok(check, "found clean");
+    bool TellCleanSample(const ServerAnswer& answer) {
+        const std::string check = Check("clean sample");
+        const bool clean = VerdictOf(answer) == Verdict::kClean;
+        if (!clean) {
+            findings_.Failed(check, Describe(answer), "see the engine's log");
+        } else if (answer.seconds > kSlowReply) {
+            findings_.Warning(check, Describe(answer),
+                              "the plug-in gives up after 20 s: give the engine's machine less to do");
         } else {
-            report_.Failed(check, Describe(verdict), "see the engine's log");
+            findings_.Ok(check, Describe(answer));
+        }
+        return clean;
+    }
+
+    void TellEicar(const ServerAnswer& answer, const std::string& eicar) {
+        const std::string check = Check("EICAR");
+        const bool clean = VerdictOf(answer) == Verdict::kClean;
+        const std::string setting = std::string("encrypt=") + (server_.encrypt ? "1" : "0");
+        if (VerdictOf(answer) == Verdict::kInfected) {
+            findings_.Ok(check, Describe(answer) + (server_.of_plugin ? ", with " + setting : ""));
+        } else if (clean && VerdictOf(ScanAtServer(server_.address, eicar, !server_.encrypt, deadline_)) ==
+                                Verdict::kInfected) {
+            TellOtherShift(check);
+        } else {
+            findings_.Failed(
+                check, Describe(answer),
+                clean ? "check that the engine has loaded its signatures" : "see the engine's log");
         }
     }
 
-    void CheckEicar() {
-        const std::string check = name_ + "EICAR";
-        const std::string eicar = EicarTestString();
-        const auto verdict = Scan(server_, eicar, encrypt_);
-        if (Is(verdict, VerdictKind::kInfected)) {
-            report_.Ok(check, Describe(verdict) + ", with encrypt=" + (encrypt_ ? "1" : "0"));
-        } else if (Is(verdict, VerdictKind::kClean) &&
-                   Is(Scan(server_, eicar, !encrypt_), VerdictKind::kInfected)) {
-            report_.Failed(check,
-                           std::string("found only with encrypt=") + (encrypt_ ? "0" : "1") +
-                               ": plug-in and engine do not agree, and every virus passes",
-                           encrypt_
-                               ? "set encrypt=0 in kestoav.ini, or have the engine undo the byte shift"
-                               : "set encrypt=1 in kestoav.ini, or have the engine leave the bytes alone");
-        } else {
-            report_.Failed(check, Describe(verdict), "check that the engine has loaded its signatures");
+    void TellOtherShift(const std::string& check) {
+        if (!server_.of_plugin) {
+            findings_.Failed(check, "found only in shifted bytes, which the bridge does not send",
+                             "have the bridge's upstream leave the bytes alone, as a stock clamd does");
+            return;
+        }
+        findings_.Failed(check,
+                         std::string("found only with encrypt=") + (server_.encrypt ? "0" : "1") +
+                             ": plug-in and engine do not agree, and every virus passes",
+                         server_.encrypt
+                             ? "set encrypt=0 in kestoav.ini, or have the engine undo the byte shift"
+                             : "set encrypt=1 in kestoav.ini, or have the engine leave the bytes alone");
+    }
+
+    void TellLongStream(const ServerAnswer& answer) {
+        const std::string check = Check("2 MB stream");
+        if (VerdictOf(answer) != Verdict::kClean) {
+            findings_.Failed(check, Describe(answer),
+                             "raise StreamMaxLength in clamd.conf above the largest mail that is accepted");
+        } else if (!server_.of_plugin) {
+            findings_.Ok(check, Describe(answer));
         }
     }
 
-    CheckReport& report_;
-    const ServerEntry& server_;
-    const bool encrypt_;
-    const std::string name_;
+    const CheckedServer server_;
+    const Deadline deadline_;
+    Findings findings_;
 };
+
+// Shared with threads that may outlast the check: nothing ends a lookup of a name.
+struct Work {
+    std::vector<CheckedServer> servers;
+    Deadline deadline;
+    std::mutex guard;
+    std::condition_variable changed;
+    std::vector<std::optional<Findings>> results;
+    size_t next = 0;
+    size_t done = 0;
+};
+
+void CheckNextServers(const std::shared_ptr<Work>& work) {
+    std::unique_lock guard(work->guard);
+    while (work->next < work->servers.size()) {
+        const size_t index = work->next++;
+        guard.unlock();
+        Findings findings = ServerCheck(work->servers[index], work->deadline).Run();
+        guard.lock();
+        work->results[index] = std::move(findings);
+        ++work->done;
+        work->changed.notify_one();
+    }
+}
 
 }  // namespace
 
-void CheckServer(CheckReport& report, const ServerEntry& server, bool encrypt) {
-    ServerCheck(report, server, encrypt).Run();
+std::vector<Findings> CheckServers(const std::vector<CheckedServer>& servers, Deadline deadline,
+                                   const std::function<void(size_t)>& progress) {
+    const auto work = std::make_shared<Work>();
+    work->servers = servers;
+    work->deadline = deadline;
+    work->results.resize(servers.size());
+    for (size_t i = 0; i < std::min(servers.size(), kMostThreads); ++i) {
+        std::thread(CheckNextServers, work).detach();
+    }
+    std::unique_lock guard(work->guard);
+    const Deadline end = deadline + std::chrono::milliseconds(500);  // for the threads to tell
+    while (work->done < servers.size() && Clock::now() < end) {
+        progress(work->done);
+        work->changed.wait_for(guard, std::chrono::milliseconds(250));
+    }
+    std::vector<Findings> all(servers.size());
+    for (size_t i = 0; i < servers.size(); ++i) {
+        if (work->results[i]) {
+            all[i] = *work->results[i];
+        } else {
+            all[i].Failed(servers[i].name + " connection", "no end within the time of a check",
+                          "write an address in place of a name; name fewer servers, or mend those that hang");
+        }
+    }
+    return all;
 }
 
 }  // namespace kesto

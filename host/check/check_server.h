@@ -1,13 +1,26 @@
-// One engine server, asked directly and not through the plug-in.
+// Engine servers, asked directly and not through the plug-in.
 #pragma once
 
-#include "base/server_list.h"
+#include <functional>
+#include <string>
+#include <vector>
+
 #include "host/check/check_report.h"
+#include "host/common/server_talk.h"
 
 namespace kesto {
 
-// Connects, asks for a sign of life and the version, and scans a clean and an infected sample with the
-// byte shift on or off as `encrypt` says.
-void CheckServer(CheckReport& report, const ServerEntry& server, bool encrypt);
+struct CheckedServer {
+    std::string name;  // for the report: "server 127.0.0.1:3313"
+    Server address;
+    bool of_plugin;  // connected to as the plug-in does; otherwise a clamd behind the bridge
+    bool encrypt;    // the samples' bytes are shifted
+};
+
+// Connects to each, asks for a sign of life and the version, and has a clean and an infected sample and a
+// longer clean stream scanned. The findings are in the order of the servers. Ends little after the deadline,
+// whatever they do. `progress` is told now and then how many are done.
+std::vector<Findings> CheckServers(const std::vector<CheckedServer>& servers, Deadline deadline,
+                                   const std::function<void(size_t)>& progress);
 
 }  // namespace kesto

@@ -53,6 +53,11 @@ std::string_view Trimmed(std::string_view text) {
     return text;
 }
 
+// "#" makes no comment, but a key that nobody asks for: as good.
+bool IsComment(std::string_view line) {
+    return line.empty() || line[0] == ';' || line[0] == '#';
+}
+
 bool AllDigits(std::string_view text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
@@ -80,19 +85,37 @@ bool Resembles(std::string_view name, std::string_view known) {
 class Linter {
  public:
     std::vector<IniFinding> Lint(std::string_view text) {
-        if (text.starts_with("\xEF\xBB\xBF")) {
+        const bool marked = text.starts_with("\xEF\xBB\xBF");
+        if (marked) {
             text.remove_prefix(3);
-            line_ = 1;
-            Misread(
-                "the file begins with a UTF-8 byte order mark, which hides its first line from the reader",
-                "save it as ANSI text");
         }
+        bool bare_returns = false;
         for (line_ = 1; !text.empty(); ++line_) {
-            const size_t end = std::min(text.find('\n'), text.size());
-            Line(Trimmed(text.substr(0, end)));
-            text.remove_prefix(std::min(end + 1, text.size()));
+            const size_t end = std::min(text.find_first_of("\r\n"), text.size());
+            const std::string_view line = Trimmed(text.substr(0, end));
+            text.remove_prefix(end);
+            bare_returns = bare_returns || (text.starts_with('\r') && !text.starts_with("\r\n"));
+            text.remove_prefix(text.starts_with("\r\n") ? 2 : std::min<size_t>(1, text.size()));
+            if (marked && line_ == 1 && !IsComment(line)) {
+                Misread(
+                    "the file begins with a UTF-8 byte order mark, which hides its first line from the "
+                    "reader",
+                    "save it as ANSI text");
+            }
+            Line(line);
+        }
+        for (const Elsewhere& setting : elsewhere_) {
+            if (!seen_[setting.key]) {
+                line_ = setting.line;
+                Doubt(setting.text + " stands outside of the section [kestoav] and is not read",
+                      "move it below the line [kestoav], if it is meant for the plug-in");
+            }
         }
         line_ = 1;
+        if (bare_returns) {
+            Doubt("lines end with a carriage return alone, which not every reader takes for an end",
+                  "save the file with the line ends of Windows");
+        }
         if (!section_seen_) {
             Misread("there is no section [kestoav], so nothing in the file is read",
                     "put [kestoav] above the settings");
@@ -110,8 +133,7 @@ class Linter {
     }
 
     void Line(std::string_view line) {
-        // "#" makes no comment, but a key that nobody asks for: as good.
-        if (line.empty() || line[0] == ';' || line[0] == '#') {
+        if (IsComment(line)) {
             return;
         }
         if (line[0] == '[') {
@@ -120,11 +142,7 @@ class Linter {
         }
         const size_t equals = line.find('=');
         if (!in_section_) {
-            if (!section_seen_ && equals != std::string_view::npos &&
-                Nearest(Trimmed(line.substr(0, equals)))) {
-                Misread(Quoted(line) + " stands outside of the section [kestoav] and is not read",
-                        "move it below the line [kestoav]");
-            }
+            SettingElsewhere(line, Trimmed(line.substr(0, std::min(equals, line.size()))));
             return;
         }
         if (equals == std::string_view::npos) {
@@ -135,9 +153,21 @@ class Linter {
         Setting(Trimmed(line.substr(0, equals)), Trimmed(line.substr(equals + 1)));
     }
 
+    // Other programs may have sections of their own in the file.
+    void SettingElsewhere(std::string_view line, std::string_view name) {
+        const KnownKey* const key = line.find('=') == std::string_view::npos ? nullptr : Nearest(name);
+        if (key && !other_section_ && !section_seen_) {
+            Misread(Quoted(line) + " stands outside of the section [kestoav] and is not read",
+                    "move it below the line [kestoav]");
+        } else if (key && other_section_) {
+            elsewhere_.push_back({line_, static_cast<size_t>(key - kKnownKeys.data()), Quoted(line)});
+        }
+    }
+
     void Section(std::string_view line) {
         const std::string_view name = line.substr(1, std::min(line.find(']'), line.size()) - 1);
         in_section_ = Lower(name) == kSection;
+        other_section_ = !in_section_;
         if (in_section_ && section_seen_) {
             in_section_ = false;
             Misread("a second section [kestoav] is not read", "move its settings into the first");
@@ -311,11 +341,19 @@ class Linter {
         }
     }
 
+    struct Elsewhere {
+        size_t line;
+        size_t key;  // its index
+        std::string text;
+    };
+
     std::vector<IniFinding> findings_;
+    std::vector<Elsewhere> elsewhere_;
     std::array<bool, kKnownKeys.size()> seen_ = {};
     size_t line_ = 1;
     bool section_seen_ = false;
     bool in_section_ = false;
+    bool other_section_ = false;
 };
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <string>
 
 #include "host/common/text.h"
@@ -10,31 +9,66 @@
 namespace kesto {
 namespace {
 
-std::atomic<bool> g_output_failed = false;
+// What follows is used under OutputLock.
+std::string g_output_failure;
 size_t g_progress_width = 0;
+HANDLE g_file = nullptr;  // open until the process ends
 
-bool IsTerminal(DWORD stream) {
-    DWORD mode;
-    return GetConsoleMode(GetStdHandle(stream), &mode) != FALSE;
+struct Stream {
+    explicit Stream(DWORD which) : handle(GetStdHandle(which)) {
+        DWORD mode;
+        terminal = GetConsoleMode(handle, &mode) != FALSE;
+    }
+    HANDLE handle;
+    bool terminal;
+};
+
+const Stream& Out() {
+    static const Stream stream(STD_OUTPUT_HANDLE);
+    return stream;
 }
 
-bool Write(DWORD stream, std::string_view text) {
-    HANDLE handle = GetStdHandle(stream);
-    if (IsTerminal(stream)) {
-        const std::wstring wide = WideFromUtf8(text);
-        DWORD written;
-        return WriteConsoleW(handle, wide.data(), static_cast<DWORD>(wide.size()), &written, nullptr) !=
-               FALSE;
-    }
+const Stream& Error() {
+    static const Stream stream(STD_ERROR_HANDLE);
+    return stream;
+}
+
+// Returns the system's error code.
+DWORD WriteBytes(HANDLE handle, std::string_view text) {
     while (!text.empty()) {
         DWORD written = 0;
-        if (!WriteFile(handle, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ||
-            written == 0) {
-            return false;
+        if (!WriteFile(handle, text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) {
+            return GetLastError();
+        }
+        if (written == 0) {
+            return ERROR_WRITE_FAULT;
         }
         text.remove_prefix(written);
     }
-    return true;
+    return 0;
+}
+
+DWORD Write(const Stream& stream, std::string_view text) {
+    if (!stream.terminal) {
+        return WriteBytes(stream.handle, text);
+    }
+    const std::wstring wide = WideFromUtf8(text);
+    DWORD written;
+    const bool done = WriteConsoleW(stream.handle, wide.data(), static_cast<DWORD>(wide.size()), &written,
+                                    nullptr) != FALSE;
+    return done ? 0 : GetLastError();
+}
+
+void NoteFailure(const char* what, DWORD code) {
+    if (code != 0 && g_output_failure.empty()) {
+        g_output_failure = what + (" cannot be written: " + SystemErrorWithCode(code));
+    }
+}
+
+void WriteToFile(std::string_view text) {
+    if (g_file != nullptr) {
+        NoteFailure("the log file", WriteBytes(g_file, text));
+    }
 }
 
 }  // namespace
@@ -47,23 +81,35 @@ std::recursive_mutex& OutputLock() {
 void PrintOut(std::string_view lines) {
     const std::lock_guard guard(OutputLock());
     ClearProgress();
-    if (!Write(STD_OUTPUT_HANDLE, lines)) {
-        g_output_failed = true;
-    }
+    NoteFailure("standard output", Write(Out(), lines));
+    WriteToFile(lines);
 }
 
 void PrintError(std::string_view lines) {
     const std::lock_guard guard(OutputLock());
     ClearProgress();
-    Write(STD_ERROR_HANDLE, lines);
+    Write(Error(), lines);
+    WriteToFile(lines);
 }
 
-bool OutputFailed() {
-    return g_output_failed;
+unsigned long PrintToFileToo(const std::wstring& path) {
+    HANDLE file = CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                              OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        return GetLastError();
+    }
+    const std::lock_guard guard(OutputLock());
+    g_file = file;
+    return 0;
+}
+
+std::string OutputFailure() {
+    const std::lock_guard guard(OutputLock());
+    return g_output_failure;
 }
 
 bool ProgressShown() {
-    return IsTerminal(STD_ERROR_HANDLE);
+    return Error().terminal;
 }
 
 void DrawProgress(std::string_view line) {
@@ -73,7 +119,7 @@ void DrawProgress(std::string_view line) {
     if (line.size() < g_progress_width) {
         text.append(g_progress_width - line.size(), ' ');
     }
-    Write(STD_ERROR_HANDLE, text);
+    Write(Error(), text);
     g_progress_width = line.size();
 }
 
@@ -85,7 +131,7 @@ void ClearProgress() {
     std::string text = "\r";
     text.append(g_progress_width, ' ');
     text += '\r';
-    Write(STD_ERROR_HANDLE, text);
+    Write(Error(), text);
     g_progress_width = 0;
 }
 

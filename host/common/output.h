@@ -1,6 +1,7 @@
 #pragma once
 
 #include <mutex>
+#include <string>
 #include <string_view>
 
 // Everything the program prints passes here, whole lines only: UTF-8 when redirected, UTF-16 to a
@@ -10,8 +11,12 @@ namespace kesto {
 void PrintOut(std::string_view lines);
 void PrintError(std::string_view lines);
 
-// True once a write to standard output has failed (a full disk, a closed pipe).
-bool OutputFailed();
+// From now on appends all that is printed, as UTF-8, to this file as well. Returns the system's error code.
+unsigned long PrintToFileToo(const std::wstring& path);
+
+// Not empty once standard output or that file could not be written (a full disk, a closed pipe): which, and
+// why.
+std::string OutputFailure();
 
 // A terminal on standard error; only there is a progress line drawn. It vanishes when a line is printed.
 bool ProgressShown();

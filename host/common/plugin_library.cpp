@@ -7,7 +7,9 @@
 namespace kesto {
 namespace {
 
-constexpr size_t kMostFolder = 259;
+// The system starts a program by a path of at most 259 characters, and "\plugins\kestoav\kestoav.exe" takes
+// 28 of them.
+constexpr size_t kMostFolder = 231;
 
 template <typename Function>
 void Bind(HMODULE module, const char* name, Function& function) {
@@ -15,8 +17,7 @@ void Bind(HMODULE module, const char* name, Function& function) {
 }
 
 std::string LoadFailure(const std::wstring& path, DWORD code) {
-    std::string text = "cannot load " + Utf8FromWide(path) + ": " + SystemErrorText(code) + " (" +
-                       std::to_string(code) + ")";
+    std::string text = "cannot load " + Utf8FromWide(path) + ": " + SystemErrorWithCode(code);
     if (code == ERROR_BAD_EXE_FORMAT) {
         text += "; it is damaged, or not a 32-bit library";
     }
@@ -115,8 +116,7 @@ StartOutcome StartPlugin(const PluginLibrary& plugin, const std::wstring& folder
     }
     const auto code = static_cast<uint32_t>(result);
     error = "the engine program " + Utf8FromWide(folder) +
-            "\\plugins\\kestoav\\kestoav.exe cannot be started: " + SystemErrorText(code) + " (" +
-            std::to_string(code) + ")";
+            "\\plugins\\kestoav\\kestoav.exe cannot be started: " + SystemErrorWithCode(code);
     return StartOutcome::kEngineNotStarted;
 }
 
@@ -130,12 +130,14 @@ bool AnsiFolder(const std::wstring& folder, std::string& ansi, std::string& erro
     }
     if (lossy) {
         error = "the folder " + Utf8FromWide(folder) +
-                " has letters that this system's code page lacks: use one with plain letters";
+                " has letters that this system's code page lacks, and no short name without them";
         return false;
     }
     if (ansi.size() > kMostFolder) {
-        error = "the plug-in takes a folder of at most 259 characters, and this one has " +
-                std::to_string(ansi.size()) + ": use a shorter one";
+        error =
+            "the plug-in takes a folder of at most 231 characters, since paths below it may have "
+            "at most 259 characters, and this one has " +
+            std::to_string(ansi.size());
         return false;
     }
     return true;

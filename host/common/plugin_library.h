@@ -40,8 +40,9 @@ enum class StartOutcome { kStarted, kEngineNotStarted, kRefused };
 // and tell its version, but whose scans have no engine; kRefused leaves nothing to call but ClosePlugin.
 StartOutcome StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, std::string& error);
 
-// The folder as the interface takes it: in the ANSI code page, at most 259 characters. False with `error`
-// set when it cannot be had so.
+// The folder as the interface takes it: in the ANSI code page, in short names where the long ones have
+// letters outside of it, and no longer than what the plug-in starts from there may be. False with `error` set
+// when it cannot be had so.
 bool AnsiFolder(const std::wstring& folder, std::string& ansi, std::string& error);
 
 std::string PluginErrorText(const PluginLibrary& plugin, uint32_t code);

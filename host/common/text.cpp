@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace kesto {
 namespace {
@@ -38,8 +39,12 @@ std::wstring WideFromUtf8(std::string_view utf8) {
     return Widen(CP_UTF8, utf8);
 }
 
+std::wstring WideFromAnsi(std::string_view ansi) {
+    return Widen(CP_ACP, ansi);
+}
+
 std::string Utf8FromAnsi(std::string_view ansi) {
-    return Utf8FromWide(Widen(CP_ACP, ansi));
+    return Utf8FromWide(WideFromAnsi(ansi));
 }
 
 std::string AnsiFromWide(std::wstring_view wide, bool* lossy) {
@@ -49,6 +54,20 @@ std::string AnsiFromWide(std::wstring_view wide, bool* lossy) {
         lossy = nullptr;
     }
     return Narrow(CP_ACP, wide, lossy);
+}
+
+std::wstring WideFromFile(std::string_view bytes) {
+    if (bytes.starts_with("\xFF\xFE")) {
+        std::wstring wide((bytes.size() - 2) / sizeof(wchar_t), L'\0');
+        std::memcpy(wide.data(), bytes.data() + 2, wide.size() * sizeof(wchar_t));
+        return wide;
+    }
+    if (bytes.starts_with("\xEF\xBB\xBF")) {
+        return WideFromUtf8(bytes.substr(3));
+    }
+    const bool is_utf8 = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, bytes.data(),
+                                             static_cast<int>(bytes.size()), nullptr, 0) != 0;
+    return Widen(is_utf8 ? CP_UTF8 : CP_OEMCP, bytes);
 }
 
 std::string SystemErrorText(unsigned long code) {
@@ -61,6 +80,10 @@ std::string SystemErrorText(unsigned long code) {
         text.remove_suffix(1);
     }
     return text.empty() ? "System error" : Utf8FromWide(text);
+}
+
+std::string SystemErrorWithCode(unsigned long code) {
+    return SystemErrorText(code) + " (" + std::to_string(code) + ")";
 }
 
 std::string Printable(std::string_view text) {

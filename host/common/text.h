@@ -10,12 +10,19 @@ namespace kesto {
 std::string Utf8FromWide(std::wstring_view wide);
 std::wstring WideFromUtf8(std::string_view utf8);
 std::string Utf8FromAnsi(std::string_view ansi);
+std::wstring WideFromAnsi(std::string_view ansi);
 
 // With `lossy` given, tells there whether a character had no place in the code page.
 std::string AnsiFromWide(std::wstring_view wide, bool* lossy = nullptr);
 
+// Text of a file of unknown making: UTF-16 or UTF-8 by its byte order mark, else UTF-8 where it is that, else
+// the code page in which the command shell writes files.
+std::wstring WideFromFile(std::string_view bytes);
+
 // One line, without the final full stop.
 std::string SystemErrorText(unsigned long code);
+// The same with the code behind it: "Access denied (5)".
+std::string SystemErrorWithCode(unsigned long code);
 
 // Control characters become '?', so that a name from outside cannot break a line or drive a terminal.
 std::string Printable(std::string_view text);

@@ -1,8 +1,6 @@
 #include "tests/loopback/loopback.h"
 
-#include <algorithm>
 #include <thread>
-#include <utility>
 
 namespace kesto {
 namespace {
@@ -27,67 +25,6 @@ sockaddr_in LoopbackAddress(uint16_t port) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(port);
     return address;
-}
-
-Wire::Wire(SOCKET connected) : socket_(connected) {
-    const DWORD limit = static_cast<DWORD>(kTestLimit.count());
-    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&limit), sizeof limit);
-    setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&limit), sizeof limit);
-}
-
-Wire::Wire(Wire&& other) noexcept : socket_(std::exchange(other.socket_, INVALID_SOCKET)) {}
-
-Wire::~Wire() {
-    if (socket_ != INVALID_SOCKET) {
-        closesocket(socket_);
-    }
-}
-
-bool Wire::Send(std::string_view bytes) {
-    while (!bytes.empty()) {
-        const int sent = send(socket_, bytes.data(), static_cast<int>(bytes.size()), 0);
-        if (sent <= 0) {
-            return false;
-        }
-        bytes.remove_prefix(static_cast<size_t>(sent));
-    }
-    return true;
-}
-
-std::string Wire::Receive(size_t size) {
-    std::string bytes(size, '\0');
-    size_t got = 0;
-    while (got < size) {
-        const int n =
-            recv(socket_, bytes.data() + got, static_cast<int>(std::min<size_t>(size - got, 1 << 20)), 0);
-        if (n <= 0) {
-            break;
-        }
-        got += static_cast<size_t>(n);
-    }
-    bytes.resize(got);
-    return bytes;
-}
-
-Wire::Rest Wire::ReceiveRest() {
-    Rest rest = {"", false};
-    char piece[4096];
-    int n = 0;
-    while ((n = recv(socket_, piece, sizeof piece, 0)) > 0) {
-        rest.bytes.append(piece, static_cast<size_t>(n));
-    }
-    rest.ended = n == 0 || WSAGetLastError() != WSAETIMEDOUT;
-    return rest;
-}
-
-void Wire::FinishSending() {
-    shutdown(socket_, SD_SEND);
-}
-
-void Wire::Reset() {
-    const linger hard = {1, 0};
-    setsockopt(socket_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&hard), sizeof hard);
-    closesocket(std::exchange(socket_, INVALID_SOCKET));
 }
 
 SOCKET BindToLoopback(uint16_t& port) {
@@ -123,6 +60,26 @@ SOCKET ConnectToLoopback(uint16_t port) {
     }
     closesocket(client);
     return INVALID_SOCKET;
+}
+
+UnansweredPort::UnansweredPort() {
+    sockets_[0] = BindToLoopback(port_);
+    listen(sockets_[0], 1);
+    const sockaddr_in address = LoopbackAddress(port_);
+    for (SOCKET& queued : sockets_) {
+        if (&queued != sockets_) {
+            queued = OwnSocket();
+            u_long non_blocking = 1;
+            ioctlsocket(queued, FIONBIO, &non_blocking);
+            connect(queued, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        }
+    }
+}
+
+UnansweredPort::~UnansweredPort() {
+    for (const SOCKET each : sockets_) {
+        closesocket(each);
+    }
 }
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {

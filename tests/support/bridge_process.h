@@ -1,51 +1,47 @@
-// A real kestoav.exe in a folder of its own, and what clients say to it.
+// A real kestoav.exe that the test itself runs, beside its bridge.ini and in no plug-in's folder. It runs
+// under another name, so that no plug-in of a test beside this one takes it for its engine; for the road
+// through the plug-in see Installation::PlaceBridge.
 #pragma once
 
-#include <windows.h>
+#include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
-#include <vector>
 
-#include "tests/loopback/loopback.h"
-#include "tests/support/fake_engine.h"
+#include "tests/support/installation.h"
+#include "tests/support/scripted_engine.h"
 
 namespace kesto {
 
-class BridgeProcess {
- public:
-    // Starts it on a free port, from another working folder, with these upstreams and further ini lines.
-    // A log file is present.
-    explicit BridgeProcess(const std::string& upstreams, const std::string& more_settings = "");
-    // Starts it with exactly this ini text and does not wait for it to listen.
-    static BridgeProcess WithIni(const std::string& ini);
-    ~BridgeProcess();
+struct BridgeProcess {
+    // Starts it on a free port with these upstreams and further ini lines, and waits until it listens.
+    explicit BridgeProcess(const std::string& upstreams, const std::string& more_lines = "")
+        : port(home.PlaceBridge(upstreams, more_lines, kProgram)) {
+        run.emplace(home.engine_folder / kProgram);
+        EXPECT_TRUE(WaitFor([this] { return !run->Running() || !Command("zSTATS").empty(); }) &&
+                    run->Running())
+            << run->Err();
+    }
+    // Starts it with exactly this ini text and does not wait: for settings that it refuses.
+    struct Ini {
+        std::string text;
+    };
+    explicit BridgeProcess(const Ini& ini) : port(home.PlaceBridge("", "", kProgram)) {
+        WriteIni(ini.text);
+        run.emplace(home.engine_folder / kProgram);
+    }
 
-    uint16_t Port() const { return port_; }
-    bool WaitUntilListening() const;
-    void PressCtrlBreak() const;
-    DWORD WaitForExit() const;  // its exit code, or STILL_ACTIVE after the limit
-    std::string Log() const;
-    std::string ErrorOutput() const;
+    void WriteIni(const std::string& text) const { WriteFile(home.engine_folder / "bridge.ini", text); }
+    // bridge.log, with bare line feeds.
+    std::string Log() const { return ReadText(home.engine_folder / "bridge.log"); }
+    // The reply to a scan of `data`, shifted as the plug-in does, with its NUL; empty for none.
+    std::string Scan(const std::string& data) const { return Ask(port, ScanRequestOf(data)); }
+    std::string Command(const char* command) const { return Ask(port, WithNul(command)); }
 
- private:
-    BridgeProcess() = default;
-    void Start(const std::string& ini);
-
-    uint16_t port_ = 0;
-    std::string folder_;
-    PROCESS_INFORMATION process_ = {};
+    static constexpr char kProgram[] = "bridge_alone.exe";
+    Installation home{L"bridge"};
+    uint16_t port;
+    std::optional<ProgramRun> run;  // console events, exit status, standard error
 };
-
-// The stream of a scan: the data in chunks, each with its length, and the zero length. Data is not shifted.
-std::string ChunkStreamOf(const std::string& data, size_t chunk_size = 8192);
-std::string ShiftedDown(std::string data);
-
-// Sends bytes on a new connection and returns all that comes back until the end; "(no end)" is added when
-// the connection stays open past the limit.
-std::string Ask(uint16_t port, const std::string& bytes);
-
-std::string Scan(uint16_t port, const std::string& data);  // with the data shifted as the plug-in does
-std::string Stats(uint16_t port);
-unsigned StatsValue(uint16_t port, const std::string& name);
 
 }  // namespace kesto

@@ -1,0 +1,237 @@
+#include "host/check/check_engine.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "host/check/check_settings.h"
+#include "host/check/port_owner.h"
+#include "host/check/program_file.h"
+#include "host/common/file_bytes.h"
+#include "host/common/processes.h"
+#include "host/common/text.h"
+
+namespace kesto {
+namespace {
+
+constexpr unsigned kLeastIdle = 20;          // seconds for which the plug-in waits for a byte
+constexpr unsigned kMostUsefulWait = 120;    // seconds; a scan ends after little more, whatever comes then
+constexpr unsigned kMostSensibleKeep = 512;  // MB of the 2 GB that a 32-bit program has, with all else in it
+constexpr uint32_t kLogTail = 4096;          // bytes; holds the last line
+
+bool Runs64Bit() {
+    SYSTEM_INFO machine;
+    GetNativeSystemInfo(&machine);
+    return machine.wProcessorArchitecture != PROCESSOR_ARCHITECTURE_INTEL;
+}
+
+// The plug-in starts programs by an unquoted command line, in which the system tries each part up to a
+// blank first.
+void CheckBlanks(Findings& findings, const std::wstring& program) {
+    for (size_t blank = program.find(L' '); blank != std::wstring::npos;
+         blank = program.find(L' ', blank + 1)) {
+        const std::wstring part = program.substr(0, blank);
+        for (const std::wstring& other : {part, part + L".exe"}) {
+            if (IsFile(other)) {
+                findings.Failed(
+                    "folder", Utf8FromWide(other) + " would be started in place of the engine",
+                    "remove it and find out who put it there, or install into a folder without blanks");
+                return;
+            }
+        }
+    }
+    if (program.find(L' ') != std::wstring::npos) {
+        findings.Warning(
+            "folder", "its path holds a blank: another program could be put in the engine's place",
+            "install into a folder without blanks, or keep users from writing to the folders above it");
+    }
+}
+
+// Whether the plug-in reaches the bridge by this entry of its list. A name may be any address.
+bool Meets(const Server& server, const ServerAddress& listen, const std::vector<ServerAddress>& own) {
+    if (server.port != listen.port) {
+        return false;
+    }
+    auto address = ParseHost(server.host);
+    if (!address || address->kind == HostKind::kName) {
+        return address.has_value();
+    }
+    address->port = listen.port;
+    if (listen.host != "0.0.0.0") {
+        return *address == listen;
+    }
+    address->port = 0;
+    return address->bytes[0] == 127 || std::find(own.begin(), own.end(), *address) != own.end();
+}
+
+// What the last line of the bridge's log says, if that is why it did not start.
+std::string LastEnd(const std::wstring& log_path) {
+    constexpr std::string_view kBeginning = "cannot start - ";
+    const std::string tail = FileTail(log_path, kLogTail);
+    std::string_view text = tail;
+    text = text.substr(0, text.find_last_not_of("\r\n") + 1);
+    text.remove_prefix(text.find_last_of("\r\n") + 1);
+    const size_t at = text.find(kBeginning);
+    return at == std::string_view::npos ? "" : Utf8FromAnsi(text.substr(at));
+}
+
+void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const InstalledBridge& bridge) {
+    const BridgeSettings& settings = bridge.ini.settings;
+    const std::string check = "bridge settings";
+    if (bridge.used && settings.decrypt != installed.settings.encrypt) {
+        const std::string value = installed.settings.encrypt ? "1" : "0";
+        findings.Failed(check,
+                        "decrypt differs from encrypt=" + value + " in kestoav.ini: every virus passes",
+                        "write decrypt=" + value + " into bridge.ini, and end kestoav.exe to have it read");
+    }
+    if (!settings.listen.host.starts_with("127.")) {
+        findings.Warning(check,
+                         "listens on " + AddressText(settings.listen) +
+                             ", where other machines reach it, and asks nobody for a password",
+                         "write listen=127.0.0.1:" + std::to_string(settings.listen.port) +
+                             ", or have the firewall keep others out");
+    }
+    if (settings.idle < kLeastIdle) {
+        findings.Warning(check,
+                         "idle=" + std::to_string(settings.idle) +
+                             " gives up what the plug-in still waits for, which is 20 s",
+                         "write idle=30");
+    }
+    if (settings.keep > kMostSensibleKeep) {
+        findings.Warning(
+            check, "keep=" + std::to_string(settings.keep) + " may be more memory than kestoav.exe gets",
+            "write keep=128, or 512 at most");
+    }
+    for (const auto& [key, value] : {std::pair{"wait", settings.wait}, {"verdict", settings.verdict}}) {
+        if (value > kMostUsefulWait) {
+            findings.Warning(check,
+                             std::string(key) + "=" + std::to_string(value) +
+                                 " is longer than the plug-in can be kept waiting",
+                             std::string("write ") + key + "=120 or less");
+        }
+    }
+}
+
+}  // namespace
+
+InstalledBridge ReadBridge(const InstalledPlugin& installed) {
+    InstalledBridge bridge;
+    bridge.has_ini =
+        GetFileAttributesW((installed.engine_folder + L"\\bridge.ini").c_str()) != INVALID_FILE_ATTRIBUTES;
+    bridge.ini = ReadBridgeIni(installed.engine_folder);
+    const auto own = OwnAddresses();
+    bridge.used = std::any_of(installed.servers.begin(), installed.servers.end(), [&](const Server& server) {
+        return Meets(server, bridge.ini.settings.listen, own);
+    });
+    bridge.last_end = LastEnd(bridge.ini.log_path);
+    return bridge;
+}
+
+Findings CheckEngineProgram(const InstalledPlugin& installed) {
+    Findings findings;
+    const std::string name = Utf8FromWide(installed.engine);
+    const std::string remedy = "copy kestoav.exe from the release there";
+    if (!IsFile(installed.engine)) {
+        findings.Failed("engine program", name + " is missing: no engine can be started", remedy);
+        return findings;
+    }
+    const FileBytes bytes = ReadWholeFile(installed.engine);
+    const std::string fault =
+        !bytes.error.empty()
+            ? "cannot be read: " + SystemErrorWithCode(bytes.code)
+            : ProgramFault({reinterpret_cast<const char*>(bytes.data.get()), bytes.size}, Runs64Bit());
+    if (!fault.empty()) {
+        findings.Failed("engine program", name + " " + fault + ": no engine can be started", remedy);
+        return findings;
+    }
+    findings.Ok("engine program", name + " is there");
+    CheckBlanks(findings, installed.engine);
+    return findings;
+}
+
+Findings CheckBridgeSettings(const InstalledPlugin& installed, const InstalledBridge& bridge) {
+    Findings findings;
+    if (!bridge.has_ini && (!bridge.used || !IsFile(installed.engine))) {
+        return findings;
+    }
+    for (const std::string& problem : bridge.ini.problems) {
+        findings.Failed("bridge settings", Utf8FromAnsi(problem),
+                        "correct it: kestoav.exe ends at once with such a setting");
+    }
+    if (bridge.ini.problems.empty()) {
+        CheckMeaning(findings, installed, bridge);
+        const BridgeSettings& settings = bridge.ini.settings;
+        std::string upstreams;
+        for (const ServerAddress& server : settings.upstreams) {
+            upstreams += " " + AddressText(server);
+        }
+        findings.Ok("bridge settings",
+                    std::string(bridge.has_ini ? "in effect" : "bridge.ini is missing, in effect") +
+                        ": listen=" + AddressText(settings.listen) + " upstreams=" + upstreams.substr(1) +
+                        " decrypt=" + (settings.decrypt ? "1" : "0") +
+                        " idle=" + std::to_string(settings.idle) + " keep=" + std::to_string(settings.keep) +
+                        " wait=" + std::to_string(settings.wait) + " verdict=" +
+                        std::to_string(settings.verdict) + " clients=" + std::to_string(settings.clients));
+    }
+    const std::wstring& log = bridge.ini.log_path;
+    const bool off =
+        bridge.ini.log_only_if_present && GetFileAttributesW(log.c_str()) == INVALID_FILE_ATTRIBUTES;
+    if (off) {
+        findings.Ok("bridge log", "off; an empty " + Utf8FromWide(log) + " turns it on");
+    } else if (const std::string fault = LogFault(log); !fault.empty()) {
+        findings.Failed("bridge log", Utf8FromWide(log) + " cannot be written: " + fault,
+                        "create its folder, clear the read-only mark, or give the mail server's account the "
+                        "right to write it");
+    } else {
+        findings.Ok("bridge log", Utf8FromWide(log) + " can be written by this account");
+    }
+    return findings;
+}
+
+Findings CheckEngineProcess(const InstalledPlugin& installed, const InstalledBridge& bridge) {
+    Findings findings;
+    const std::string check = "engine process";
+    const std::vector<ProgramProcess> engines = EngineProcesses();
+    const auto hidden =
+        std::count_if(engines.begin(), engines.end(), [](const auto& e) { return !e.visible; });
+    const ServerAddress& listen = bridge.ini.settings.listen;
+    const auto owner = bridge.used ? ListenerOn(listen.host, listen.port) : std::nullopt;
+    const std::string taken =
+        owner ? "its port " + AddressText(listen) + " is taken by " + OwnerText(*owner) : "";
+    const std::string free_port =
+        "end that program, or change listen= in bridge.ini and servers= in kestoav.ini";
+    if (engines.empty()) {
+        std::string text = "kestoav.exe does not run: no scan connects before it does";
+        std::string remedy = "start the mail server, or " + Utf8FromWide(installed.engine);
+        if (!bridge.last_end.empty()) {
+            text += "; the last line of its log is \"" + bridge.last_end + "\"";
+            remedy = "mend what its log says, then " + remedy;
+        }
+        if (owner) {
+            text += "; " + taken;
+            remedy = free_port + "; then " + remedy;
+        }
+        findings.Failed(check, text, remedy);
+    } else if (hidden == static_cast<int64_t>(engines.size())) {
+        findings.Failed(check, "kestoav.exe runs, but this account may not see it",
+                        "run the check as the mail server's account or as an administrator");
+    } else if (engines.size() > 1) {
+        findings.Warning(check,
+                         std::to_string(engines.size()) +
+                             " processes named kestoav.exe run: the plug-in cannot restart its engine then",
+                         "end all but one");
+    } else if (!engines[0].path.empty() && !SameFile(engines[0].path, installed.engine)) {
+        findings.Warning(check, "kestoav.exe runs from elsewhere: " + Utf8FromWide(engines[0].path),
+                         "end it unless it is meant to be this plug-in's engine");
+    } else if (bridge.has_ini && owner && !owner->program.empty() && owner->process_id != engines[0].id) {
+        findings.Failed(check,
+                        "kestoav.exe runs as process " + std::to_string(engines[0].id) + ", but " + taken,
+                        free_port);
+    } else {
+        findings.Ok(check, "kestoav.exe runs as process " + std::to_string(engines[0].id));
+    }
+    return findings;
+}
+
+}  // namespace kesto

@@ -1,0 +1,92 @@
+#include "host/check/check_settings.h"
+
+#include <windows.h>
+
+#include "host/check/ini_lint.h"
+#include "host/common/file_bytes.h"
+#include "host/common/text.h"
+
+namespace kesto {
+namespace {
+
+// The file as the profile reader sees it, which also takes UTF-16.
+std::string IniText(const FileBytes& bytes) {
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data.get()), bytes.size);
+    return text.starts_with("\xFF\xFE") ? AnsiFromWide(WideFromFile(text)) : std::string(text);
+}
+
+void CheckIni(Findings& findings, const std::wstring& path) {
+    const FileBytes bytes = ReadWholeFile(path);
+    if (bytes.code == ERROR_FILE_NOT_FOUND) {
+        findings.Warning("settings", Utf8FromWide(path) + " is missing: every setting has its default",
+                         "put one there, or check that the folder is the plug-in's");
+        return;
+    }
+    if (!bytes.error.empty()) {
+        findings.Failed("settings",
+                        Utf8FromWide(path) + " cannot be read: " + SystemErrorWithCode(bytes.code),
+                        "create the folder, or give the mail server's account the right to read the file");
+        return;
+    }
+    for (const IniFinding& finding : LintIni(IniText(bytes))) {
+        const std::string text =
+            "kestoav.ini line " + std::to_string(finding.line) + ": " + Utf8FromAnsi(finding.text);
+        if (finding.misread) {
+            findings.Failed("settings", text, finding.remedy);
+        } else {
+            findings.Warning("settings", text, finding.remedy);
+        }
+    }
+}
+
+}  // namespace
+
+Findings CheckSettings(const InstalledPlugin& installed) {
+    Findings findings;
+    CheckIni(findings, installed.folder + L"\\kestoav.ini");
+    const ScannerSettings& settings = installed.settings;
+    findings.Ok("settings", "in effect: servers=" + Utf8FromAnsi(settings.servers) +
+                                " encrypt=" + (settings.encrypt ? "1" : "0") +
+                                " autostart=" + (settings.autostart ? "1" : "0") +
+                                " startwait=" + std::to_string(settings.startwait) +
+                                " connectwait=" + std::to_string(settings.connectwait));
+    return findings;
+}
+
+Findings CheckLog(const InstalledPlugin& installed) {
+    Findings findings;
+    const std::string path = Utf8FromWide(installed.log);
+    if (path.empty()) {
+        findings.Warning("log", "off",
+                         "create an empty " + Utf8FromWide(installed.folder) + "\\kestoav.log to turn it on");
+    } else if (const std::string fault = LogFault(installed.log); !fault.empty()) {
+        findings.Failed("log", path + " cannot be written: " + fault,
+                        "create its folder, clear the read-only mark, or give the mail server's account the "
+                        "right to write it");
+    } else {
+        findings.Ok("log", path + " can be written by this account");
+    }
+    return findings;
+}
+
+std::string LogFault(const std::wstring& path) {
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    const bool exists = attributes != INVALID_FILE_ATTRIBUTES;
+    if (exists && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        return "it is a folder";
+    }
+    if (exists && (attributes & FILE_ATTRIBUTE_READONLY) != 0) {
+        return "it is read-only";
+    }
+    HANDLE file = CreateFileW(path.c_str(), FILE_APPEND_DATA | (exists ? 0 : DELETE),
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                              exists ? OPEN_EXISTING : CREATE_NEW,
+                              exists ? FILE_ATTRIBUTE_NORMAL : FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        return SystemErrorWithCode(GetLastError());
+    }
+    CloseHandle(file);
+    return "";
+}
+
+}  // namespace kesto

@@ -1,0 +1,33 @@
+// Where an installation's parts lie, and what its settings say as the plug-in itself reads them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "base/settings.h"
+#include "host/common/server_talk.h"
+
+namespace kesto {
+
+struct InstalledPlugin {
+    std::wstring folder;         // absolute, without a backslash at its end
+    std::wstring engine_folder;  // below it
+    std::wstring engine;         // kestoav.exe
+    std::wstring updater;        // kestoavu.exe
+    std::wstring log;            // the plug-in's; empty: off
+    ScannerSettings settings;
+    std::vector<Server> servers;
+    std::string folder_fault;  // not empty: the plug-in cannot take the folder, and the settings are defaults
+};
+
+InstalledPlugin ReadInstalledPlugin(const std::wstring& folder);
+
+// Whether anything in the folder is an installation's.
+bool HoldsPlugin(const InstalledPlugin& installed);
+
+// "127.0.0.1:3313"
+std::string AddressText(const Server& server);
+
+bool IsFile(const std::wstring& path);
+
+}  // namespace kesto

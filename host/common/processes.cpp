@@ -1,0 +1,79 @@
+#include "host/common/processes.h"
+
+#include <windows.h>
+// Needs windows.h before it.
+#include <tlhelp32.h>
+
+#include <cwchar>
+#include <functional>
+
+namespace kesto {
+namespace {
+
+void ForEachProcess(const std::function<void(const PROCESSENTRY32W&)>& look) {
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    if (snapshot == INVALID_HANDLE_VALUE) {
+        return;
+    }
+    PROCESSENTRY32W entry = {};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry)) {
+        look(entry);
+    }
+    CloseHandle(snapshot);
+}
+
+bool Identify(const std::wstring& path, BY_HANDLE_FILE_INFORMATION& identity) {
+    HANDLE file = CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    const bool known = file != INVALID_HANDLE_VALUE && GetFileInformationByHandle(file, &identity);
+    CloseHandle(file);
+    return known;
+}
+
+}  // namespace
+
+std::vector<ProgramProcess> ProcessesNamed(const wchar_t* name) {
+    std::vector<ProgramProcess> processes;
+    ForEachProcess([&](const PROCESSENTRY32W& entry) {
+        if (_wcsicmp(entry.szExeFile, name) != 0) {
+            return;
+        }
+        ProgramProcess found = {entry.th32ProcessID, false, L""};
+        // The right that the plug-in asks for.
+        if (HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, found.id)) {
+            wchar_t path[1024];
+            DWORD length = 1024;
+            found.visible = true;
+            if (QueryFullProcessImageNameW(process, 0, path, &length)) {
+                found.path.assign(path, length);
+            }
+            CloseHandle(process);
+        }
+        processes.push_back(found);
+    });
+    return processes;
+}
+
+std::wstring ProcessName(uint32_t id) {
+    std::wstring name;
+    ForEachProcess([&](const PROCESSENTRY32W& entry) {
+        if (entry.th32ProcessID == id && id != 0) {
+            name = entry.szExeFile;
+        }
+    });
+    return name;
+}
+
+bool SameFile(const std::wstring& a, const std::wstring& b) {
+    BY_HANDLE_FILE_INFORMATION first;
+    BY_HANDLE_FILE_INFORMATION second;
+    if (!Identify(a, first) || !Identify(b, second)) {
+        return _wcsicmp(a.c_str(), b.c_str()) == 0;
+    }
+    return first.dwVolumeSerialNumber == second.dwVolumeSerialNumber &&
+           first.nFileIndexHigh == second.nFileIndexHigh && first.nFileIndexLow == second.nFileIndexLow;
+}
+
+}  // namespace kesto

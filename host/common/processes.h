@@ -1,0 +1,28 @@
+// The running processes of a program, as an administrator wants to see them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kesto {
+
+struct ProgramProcess {
+    uint32_t id;
+    bool visible;       // this account may query it; the plug-in in this account would not see it otherwise
+    std::wstring path;  // of its program; empty when not visible
+};
+
+// Every process whose program file has this name, in any folder.
+std::vector<ProgramProcess> ProcessesNamed(const wchar_t* name);
+inline std::vector<ProgramProcess> EngineProcesses() {
+    return ProcessesNamed(L"kestoav.exe");
+}
+
+// The name of a process's program file; empty when there is no such process.
+std::wstring ProcessName(uint32_t id);
+
+// Whether both name one and the same file, also where one of them is in short names.
+bool SameFile(const std::wstring& a, const std::wstring& b);
+
+}  // namespace kesto

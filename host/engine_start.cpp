@@ -1,0 +1,75 @@
+#include "host/engine_start.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include "host/check/check.h"
+#include "host/check/port_owner.h"
+#include "host/common/output.h"
+#include "host/common/processes.h"
+#include "host/common/text.h"
+
+namespace kesto {
+namespace {
+
+constexpr DWORD kSettleMs = 1000;
+constexpr DWORD kPollMs = 50;
+
+constexpr DWORD kEndedByPlugin =
+    0xFFFFFFFF;  // the exit code that the plug-in gives an engine that it restarts
+
+std::atomic<HANDLE> g_engine =
+    nullptr;  // the last that was started; no handle is closed, since there are few
+
+bool EngineVisible() {
+    const auto engines = EngineProcesses();
+    return std::any_of(engines.begin(), engines.end(), [](const auto& engine) { return engine.visible; });
+}
+
+bool Create(const InstalledPlugin& installed, DWORD flags, PROCESS_INFORMATION& started) {
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESHOWWINDOW;
+    startup.wShowWindow = SW_HIDE;
+    // A console of its own, which nobody sees: no event of ours reaches it.
+    return CreateProcessW(installed.engine.c_str(), nullptr, nullptr, nullptr, FALSE,
+                          CREATE_NO_WINDOW | CREATE_NEW_PROCESS_GROUP | flags, nullptr,
+                          installed.engine_folder.c_str(), &startup, &started) != FALSE;
+}
+
+}  // namespace
+
+EngineStart EnsureEngine(const InstalledPlugin& installed) {
+    if (EngineVisible()) {
+        return EngineStart::kRuns;
+    }
+    PROCESS_INFORMATION started;
+    // Out of a job that may end with us, where the job allows it.
+    if (!Create(installed, CREATE_BREAKAWAY_FROM_JOB, started) && !Create(installed, 0, started)) {
+        return EngineStart::kNotStarted;
+    }
+    CloseHandle(started.hThread);
+    g_engine = started.hProcess;
+    for (DWORD waited = 0; waited < kSettleMs && !Listens(started.dwProcessId); waited += kPollMs) {
+        if (WaitForSingleObject(started.hProcess, kPollMs) == WAIT_OBJECT_0) {
+            return EngineVisible() ? EngineStart::kRuns : EngineStart::kEndedAtOnce;
+        }
+    }
+    PrintError("kestoscan: started " + Utf8FromWide(installed.engine) + ", which goes on running\n");
+    return EngineStart::kStarted;
+}
+
+bool StartedEngineIsGone() {
+    const HANDLE engine = g_engine;
+    DWORD exit_code = 0;
+    return engine != nullptr && WaitForSingleObject(engine, 0) == WAIT_OBJECT_0 &&
+           GetExitCodeProcess(engine, &exit_code) && exit_code != kEndedByPlugin && !EngineVisible();
+}
+
+std::string EngineEndsText(const InstalledPlugin& installed) {
+    return "the engine " + Utf8FromWide(installed.engine) + " ends at once\n" + WhyEngineEnds(installed);
+}
+
+}  // namespace kesto

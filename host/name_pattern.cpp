@@ -1,0 +1,32 @@
+#include "host/name_pattern.h"
+
+#include <cwctype>
+
+namespace kesto {
+
+bool MatchesPattern(std::wstring_view name, std::wstring_view pattern) {
+    size_t in_name = 0;
+    size_t in_pattern = 0;
+    size_t star = std::wstring_view::npos;  // the last one met, and how far its characters reach
+    size_t star_end = 0;
+    while (in_name < name.size()) {
+        const wchar_t wanted = in_pattern < pattern.size() ? pattern[in_pattern] : L'\0';
+        if (wanted == L'*') {
+            star = in_pattern++;
+            star_end = in_name;
+        } else if (wanted != L'\0' &&
+                   (wanted == L'?' || std::towlower(static_cast<wint_t>(wanted)) ==
+                                          std::towlower(static_cast<wint_t>(name[in_name])))) {
+            ++in_pattern;
+            ++in_name;
+        } else if (star != std::wstring_view::npos) {
+            in_pattern = star + 1;
+            in_name = ++star_end;
+        } else {
+            return false;
+        }
+    }
+    return pattern.find_first_not_of(L'*', in_pattern) == std::wstring_view::npos;
+}
+
+}  // namespace kesto

@@ -1,0 +1,92 @@
+#include "host/probe.h"
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "engine/stream_scan.h"
+#include "host/check/test_samples.h"
+#include "host/common/exit_status.h"
+#include "host/common/output.h"
+#include "host/common/server_talk.h"
+#include "host/common/text.h"
+
+namespace kesto {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kPause = std::chrono::milliseconds(250);
+constexpr auto kConnectLimit = std::chrono::seconds(3);
+constexpr auto kOneTry = std::chrono::milliseconds(kIdleLimitMs);
+
+// The answer of the first server that accepts the connection; `words` begins with its address.
+ServerAnswer AskFirst(const InstalledPlugin& installed, std::string& words,
+                      const std::function<ServerAnswer(const Server&)>& ask) {
+    ServerAnswer answer;
+    for (const Server& server : installed.servers) {
+        answer = ask(server);
+        words = AddressText(server) + ": ";
+        if (answer.connected) {
+            break;
+        }
+    }
+    return answer;
+}
+
+}  // namespace
+
+bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words) {
+    const Deadline end = Clock::now() + std::chrono::seconds(wait_seconds);
+    for (;;) {
+        const Deadline deadline =
+            wait_seconds == 0 ? Clock::now() + kOneTry : std::min<Deadline>(Clock::now() + kOneTry, end);
+        const ServerAnswer answer = AskFirst(installed, words, [&](const Server& server) {
+            return ScanAtServer(server, kCleanSample, installed.settings.encrypt, deadline);
+        });
+        if (answer.reply == "stream: OK") {
+            words += "answers, in " + DurationText(answer.seconds);
+            return true;
+        }
+        words += answer.reply ? "the reply was \"" + Utf8FromAnsi(*answer.reply) + "\"" : answer.failure;
+        if (Clock::now() + kPause >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
+std::string NoServerAccepts(const InstalledPlugin& installed) {
+    std::string words;
+    const ServerAnswer answer = AskFirst(installed, words, [](const Server& server) {
+        return ConnectToServer(server, Clock::now() + kConnectLimit);
+    });
+    return answer.connected ? "" : "no server accepts a connection - " + words + answer.failure + "\n";
+}
+
+int Ping(const InstalledPlugin& installed, unsigned wait_seconds) {
+    std::string words;
+    if (!EngineAnswers(installed, wait_seconds, words)) {
+        PrintError(Printable("kestoscan: the engine does not answer - " + words) + "\n");
+        return kExitError;
+    }
+    PrintOut(Printable(words) + "\n");
+    return kExitClean;
+}
+
+int PrintStats(const InstalledPlugin& installed) {
+    std::string words;
+    const ServerAnswer answer = AskFirst(installed, words, [](const Server& server) {
+        return AskServer(server, "zSTATS", Clock::now() + kOneTry);
+    });
+    if (!answer.reply || answer.reply->starts_with("UNKNOWN")) {
+        words += answer.reply ? "the reply was \"" + Utf8FromAnsi(*answer.reply) + "\"" : answer.failure;
+        PrintError(Printable("kestoscan: no counters - " + words) + "\n");
+        return kExitError;
+    }
+    PrintOut(*answer.reply + (answer.reply->ends_with('\n') ? "" : "\n"));
+    return kExitClean;
+}
+
+}  // namespace kesto

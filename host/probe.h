@@ -1,0 +1,23 @@
+// Questions to the engine without the plug-in.
+#pragma once
+
+#include <string>
+
+#include "host/common/installed_plugin.h"
+
+namespace kesto {
+
+// Has a few clean bytes scanned by the server that the plug-in would take, again and again for `wait_seconds`
+// and at least once. True when they were found clean; `words` tells of the last try (UTF-8).
+bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words);
+
+// Why a scan would wait for a server for ever; empty when one accepts a connection.
+std::string NoServerAccepts(const InstalledPlugin& installed);
+
+// Prints what asking the engine came to and returns the exit status.
+int Ping(const InstalledPlugin& installed, unsigned wait_seconds);
+
+// Prints the engine's counters and returns the exit status.
+int PrintStats(const InstalledPlugin& installed);
+
+}  // namespace kesto

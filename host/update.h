@@ -1,0 +1,13 @@
+// A signature update as the mail server has it.
+#pragma once
+
+#include "host/common/installed_plugin.h"
+#include "host/common/plugin_library.h"
+
+namespace kesto {
+
+// Prints what came of it and returns the exit status. Refuses to run a second updater beside one that runs.
+// Ctrl-C ends us, but not the updater: half an update could leave the engine without signatures.
+int Update(const PluginLibrary& plugin, const InstalledPlugin& installed);
+
+}  // namespace kesto

@@ -1,0 +1,374 @@
+// What the bridge decides, with events and times handed in: no sockets, no clocks.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <list>
+#include <map>
+#include <memory>
+#include <sstream>
+
+#include "bridge/framing.h"
+#include "bridge/kept_stream.h"
+#include "bridge/log_limit.h"
+#include "bridge/scan_policy.h"
+#include "bridge/settings/bridge_settings.h"
+
+namespace kesto {
+namespace {
+
+using namespace std::literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// Servers a, b, c ... and one scan for them. Its story is told in steps "SECONDS EVENT > WHAT IS THEN DONE":
+// a letter for an attempt there, "+" and the text of a trickle, "=" and a reply, "!" and why there is none.
+// Attempts count from 0. K, F, E and L in it are the replies of below.
+struct Story {
+    explicit Story(char last_server = 'b') {
+        std::vector<ServerAddress> names;
+        for (char name = 'a'; name <= last_server; ++name) {
+            names.push_back(*ParseServerAddress(name + ":1"s));
+        }
+        fleet.tell = [this](const std::string& line) { told = line; };
+        SetServers(fleet, names, now);
+        for (const ServerPtr& server : fleet.servers) {
+            NoteAddresses(fleet, *server, {*ParseServerAddress("10.0.0.1:1")}, "", now);
+        }
+    }
+    Server& operator[](char name) { return *fleet.servers.at(static_cast<size_t>(name - 'a')); }
+    Time At(double seconds) { return now = start + std::chrono::milliseconds(std::lround(seconds * 1000)); }
+
+    std::string Next() {
+        std::string done;
+        for (ScanStep step = scan->Next(now); step.kind != ScanStep::kNothing; step = scan->Next(now)) {
+            const char* const marks[] = {"", "", "+", "=", "!"};
+            for (const auto& [mark, reply] : kReplies) {
+                step.text = step.text == reply ? mark : step.text;
+            }
+            done += step.kind == ScanStep::kAttempt ? step.server->name.host : marks[step.kind] + step.text;
+        }
+        return done;
+    }
+    void Event(const std::string& name, size_t attempt, const std::string& rest) {
+        const auto note_probe = [&](Health health) {
+            NoteProbe(fleet, (*this)[rest[1]], health, "bad", now);
+        };
+        if (name == "reply") {
+            scan->Progressed(attempt, true, now);
+            scan->Replied(attempt, kReplies.at(rest.substr(1)), now);
+        } else if (name == "lost" || name == "refused") {
+            scan->Progressed(attempt, name == "lost", now);
+            scan->Broken(attempt, "lost", now);
+        } else if (name == "progress") {
+            scan->Progressed(attempt, false, now);
+        } else if (name == "new" || name == "part") {
+            scan = std::make_unique<ScanPolicy>(fleet, ScanLimits{60s, 120s});
+            name == "new" ? scan->StreamEnded(now) : scan->EnoughCame();
+        } else if (name == "end") {
+            scan->StreamEnded(now);
+        } else if (name == "closed") {
+            scan->FinishedSending(now);
+        } else if (name == "window") {
+            scan->NotRepeatable();
+        } else if (name != "-") {
+            note_probe(name == "well" ? Health::kWell : name == "sick" ? Health::kSick : Health::kUnreached);
+        }
+    }
+    void Tell(const std::string& story) {
+        std::istringstream steps(story);
+        for (std::string step; std::getline(steps >> std::ws, step, '|');) {
+            std::istringstream words(step.substr(0, step.find('>')));
+            double seconds = 0;
+            std::string name, rest;
+            words >> seconds >> name;
+            size_t attempt = 0;
+            if (name == "reply" || name == "lost" || name == "refused" || name == "progress") {
+                words >> attempt;
+            }
+            std::getline(words, rest);
+            At(seconds);
+            Event(name, attempt, rest.substr(0, rest.find_last_not_of(' ') + 1));
+            std::string expected = step.substr(step.find('>') + 1);
+            expected.erase(0, expected.find_first_not_of(' '));
+            expected.erase(expected.find_last_not_of(' ') + 1);
+            ASSERT_EQ(Next(), expected) << step << " in " << story;
+        }
+    }
+
+    const std::map<std::string, std::string> kReplies = {{"K", "stream: OK"},
+                                                         {"F", "stream: Evil FOUND"},
+                                                         {"E", "stream: no memory ERROR"},
+                                                         {"L", "INSTREAM size limit exceeded. ERROR"},
+                                                         {"NE", "no verdict: stream: no memory ERROR"}};
+    const Time start{24h};
+    Time now = start;
+    Fleet fleet;
+    std::string told;
+    std::unique_ptr<ScanPolicy> scan;
+};
+
+TEST(BridgeScan, Stories) {
+    const struct {
+        char last_server;
+        const char* story;
+    } cases[] = {
+        // No server before enough of the stream, no reply before its end, nothing after the reply.
+        {'a', "0 part > a | 1 reply 0 F > | 2 end > =F | 200 - >"},
+        // The longest unused of the idle ones.
+        {'c', "0 new > a | 0 reply 0 K > =K | 0 new > b | 0 reply 0 K > =K | 0 new > c"},
+        // What is no verdict goes to the next server; three at most get the whole file.
+        {'d', "0 new > a | 0 lost 0 > b | 0 reply 1 E > c | 0 reply 2 K > =K"},
+        {'d', "0 new > a | 0 refused 0 > b | 0 lost 1 > c | 0 lost 2 > d | 0 lost 3 > !upstream d:1 lost"},
+        {'c', "0 new > a | 0 reply 0 E > b | 0 reply 1 L > c | 0 reply 2 E > =NE"},
+        // One that broke off may have come back.
+        {'b', "0 new > a | 0 lost 0 > b | 0 refused 1 > | 1 well b > b | 1 reply 2 F > =F"},
+        // A second server beside a silent one, and the first verdict counts.
+        {'c',
+         "0 new > a | 9.9 - > | 10 - > b | 14 reply 0 E > | 15 - > +s | 16 reply 1 F > =tream: Evil FOUND"},
+        {'b', "0 new > a | 10 - > b | 11 reply 0 K > =K"},
+        // No reply but a verdict behind a trickle, and an end in time.
+        {'a',
+         "0 new > a | 14.9 - > | 15 - > +s | 30 - > +t | 31 reply 0 E > !no upstream server gave a verdict"},
+        {'b', "0 new > a | 1 reply 0 E > b | 20 - > +s | 120 - > !no verdict within 120 s"},
+        {'b', "0 new > a | 1 reply 0 L > b | 14 lost 1 > =L"},
+        // Waits from when the last server went down, but for none that accepts and is sick.
+        {'b',
+         "0 new > a | 0 refused 0 > b | 10 refused 1 > | 69 - > +s+t+r+e | 70 - > !no upstream server could "
+         "be "
+         "reached"
+         "| 71 new > !no upstream server could be reached | 72 well b > | 72 new > b"},
+        {'b',
+         "0 new > a | 0 lost 0 > b | 0 lost 1 > | 1 sick a > | 1 unreached b > | 3 sick b > !upstream b:1 "
+         "lost"
+         "| 4 new > | 5 sick a > | 6 well b > b"},
+        // A window that has let go of its beginning.
+        {'b', "0 part > a | 0 refused 0 > b | 0 window > | 0 lost 1 > !upstream b:1 lost"},
+        {'b', "0 new > a | 0 window > | 11 - >"},
+        // A client that has closed its side is tried, for it may have left.
+        {'a', "0 new > a | 0.5 closed > | 3.4 - > | 3.5 - > +s | 6.5 - > +t | 21 - > | 21.5 - > +r"},
+    };
+    for (const auto& [last_server, story] : cases) {
+        Story(last_server).Tell(story);
+    }
+}
+
+TEST(BridgeScan, WhoeverWasToldABeginningGetsAVerdictOrAnEnd) {
+    for (size_t told = 0; told <= 7; ++told) {
+        for (const char reply : {'K', 'F', 'E', 'L'}) {
+            Story story('a');
+            std::string steps = "0 new > a";
+            for (size_t i = 0; i < told; ++i) {
+                steps += "|" + std::to_string(15 * (i + 1)) + " - > +" + kVerdictBeginning[i];
+            }
+            story.Tell(steps.substr(0, steps.find_last_not_of(' ') + 1));
+            story.At(119);
+            story.scan->Replied(0, story.kReplies.at({reply}), story.now);
+            const ScanStep end = story.scan->Next(story.now);
+            const bool verdict = reply == 'K' || reply == 'F';
+            EXPECT_EQ(end.kind, told == 0 || verdict ? ScanStep::kReply : ScanStep::kNoReply);
+            if (verdict) {
+                EXPECT_EQ(end.text, story.kReplies.at({reply}).substr(told));
+            }
+        }
+    }
+}
+
+TEST(BridgeScan, ErrorsAreHeldAgainstAServerBesideAVerdictOnly) {
+    for (const auto& [story, up] : {std::pair("0 new > a | 0 reply 0 E > b | 0 reply 1 K > =K", false),
+                                    {"0 new > a | 0 reply 0 E > b | 0 reply 1 E > =NE", true},
+                                    {"0 new > a | 0 reply 0 L > b | 0 reply 1 K > =K", true}}) {
+        Story world;
+        for (int i = 0; i < 3; ++i) {
+            world['a'].last_turn = 0;
+            world.Tell(story);
+        }
+        EXPECT_EQ(world['a'].up, up) << story;
+    }
+    Story silence;
+    silence.Tell("0 new > a | 10 - > b");
+    EXPECT_EQ(ProbesDue(silence.fleet, silence.now).size(), 1u);  // sick, or only busy?
+    silence.Tell("20 reply 1 K > =K");
+    EXPECT_EQ(silence['a'].failed_in_row, 1u);
+}
+
+TEST(BridgeScan, OneInTenIsAskedBeside) {
+    Story world;
+    std::list<ScanPolicy> scans;
+    const auto begun = [&](double seconds) {
+        size_t count = 0;
+        for (ScanPolicy& scan : scans) {
+            count += scan.Next(world.At(seconds)).kind == ScanStep::kAttempt;
+        }
+        return count;
+    };
+    for (int i = 0; i < 25; ++i) {
+        scans.emplace_back(world.fleet, ScanLimits{60s, 120s}).StreamEnded(world.now);
+    }
+    EXPECT_EQ(begun(0), 25u);
+    EXPECT_EQ(world['a'].open + world['b'].open, 25u);
+    EXPECT_EQ(begun(10), 2u);
+    world['a'].up = false;  // known to be sick: all that are left with it are helped
+    EXPECT_EQ(begun(11), 12u);
+    scans.clear();
+    EXPECT_EQ(world['a'].open + world['b'].open, 0u);
+    world['b'].open = 250;  // a ring of bridges grows no further
+    world.Tell("12 new >");
+}
+
+TEST(BridgeFleet, PausesDoubleAndAreShortWhileScansWait) {
+    Story world('a');
+    const auto probed = [&](double seconds) { return !ProbesDue(world.fleet, world.At(seconds)).empty(); };
+    NoteBroken(world.fleet, world['a'], "refused", world.At(0));
+    NoteBroken(world.fleet, world['a'], "refused", world.At(0.5));  // with the first: no new pause
+    double at = 0;
+    for (const int pause : {1, 2, 4, 8, 16, 32, 32}) {
+        EXPECT_FALSE(probed(at + pause - 0.1)) << pause;
+        EXPECT_TRUE(probed(at += pause)) << pause;
+        EXPECT_FALSE(probed(at + 1));  // under way
+        NoteProbe(world.fleet, world['a'], Health::kUnreached, "refused", world.At(at));
+    }
+    EXPECT_EQ(world.told, "upstream a:1 down - refused; tried again in 32 s");
+    world.fleet.scans_wait = true;
+    EXPECT_TRUE(probed(at + 2));
+    NoteProbe(world.fleet, world['a'], Health::kWell, "", world.now);
+    EXPECT_EQ(world.told, "upstream a:1 up");
+    NoteBroken(world.fleet, world['a'], "refused", world.now);
+    EXPECT_EQ(world['a'].pause, 32s);  // no verdict yet
+    NoteProbe(world.fleet, world['a'], Health::kWell, "", world.now);
+    world.Tell("200 new > a | 200 reply 0 K > =K");
+    EXPECT_EQ(world['a'].pause, 0s);
+}
+
+TEST(BridgeFleet, NamesKeepTheirLastGoodAddresses) {
+    Story world('a');
+    const auto due = [&](double seconds) { return LookupsDue(world.fleet, world.At(seconds)).size(); };
+    EXPECT_EQ(due(59.9), 0u);
+    EXPECT_EQ(due(60), 1u);
+    EXPECT_EQ(due(100), 0u);  // under way
+    NoteAddresses(world.fleet, world['a'], {}, "no such name", world.now);
+    world.Tell("101 new > a | 101 refused 0 >");
+    EXPECT_EQ(due(101), 1u);  // it may have moved
+    SetServers(world.fleet, {world['a'].name, *ParseServerAddress("b:1")}, world.now);
+    EXPECT_FALSE(IsUp(world['a']));  // stays as it was
+    EXPECT_EQ(due(101), 1u);
+    due(106);
+    EXPECT_EQ(world.told, "upstream b:1 down - looking its name up takes long");
+    NoteAddresses(world.fleet, world['b'], {*ParseServerAddress("[::1]:1")}, "", world.now);
+    world.Tell("106 new > b");
+}
+
+TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
+    const auto fill = [](KeptStream& stream, size_t size) {
+        size_t done = 0;
+        for (auto space = stream.Space(); done < size && !space.empty(); space = stream.Space()) {
+            const size_t part = std::min(space.size(), size - done);
+            std::memset(space.data(), static_cast<int>(stream.Size() >> 12), part);
+            stream.Append(part);
+            done += part;
+        }
+        return done;
+    };
+    const auto held = [](const KeptStream& stream, uint64_t from) {
+        for (auto piece = stream.Piece(from); !piece.empty(); piece = stream.Piece(from)) {
+            from += piece.size();
+        }
+        return from == stream.Size();
+    };
+    KeepRoom room;
+    room.limit = 1'000'000;
+    {
+        KeptStream small(room), large(room), window(room);
+        EXPECT_EQ(fill(small, 3000), 3000u);
+        EXPECT_EQ(room.used, 0u);  // next to nothing
+        EXPECT_EQ(fill(large, 700'000), 700'000u);
+        large.Release(700'000);
+        EXPECT_TRUE(held(large, 0) && !large.IsWindow());
+        const size_t taken = fill(window, 1'000'000);
+        EXPECT_TRUE(held(window, 0) && window.IsWindow());
+        EXPECT_LE(room.used, room.limit);
+        window.Release(taken);
+        EXPECT_TRUE(window.Piece(0).empty());
+        EXPECT_GE(fill(window, 1'000'000), 64'000u);
+        EXPECT_TRUE(held(window, taken));
+    }
+    EXPECT_EQ(room.used, 0u);
+    room.limit = 0;
+    KeptStream none(room);
+    EXPECT_LE(fill(none, 1'000'000), 132u * 1024);
+}
+
+TEST(BridgeFraming, CommandsAreKnownEarlyAndLengthsHaveALimit) {
+    const auto find = [](const char* bytes, size_t size) {
+        return FindCommand(reinterpret_cast<const uint8_t*>(bytes), size).command;
+    };
+    EXPECT_EQ(find("zINSTREAM\0", 9), Command::kIncomplete);
+    EXPECT_EQ(find("zINSTREAM\0", 10), Command::kScan);
+    EXPECT_EQ(find("zPINGS", 6), Command::kUnknown);
+    for (const uint8_t last : {0, 1}) {
+        ChunkStream stream;
+        uint8_t length[] = {4, 0, 0, last};
+        EXPECT_EQ(FollowChunks(stream, length, 4, true).valid, last == 0);
+    }
+}
+
+TEST(BridgeLog, TenOfAKindAMinute) {
+    LogLimit limit;
+    const LogLimit::Time start{};
+    for (int i = 0; i < 25; ++i) {
+        EXPECT_EQ(limit.Take("a", "line", start + 1s).size(), i < 10 ? 1u : 0u);
+    }
+    EXPECT_THAT(limit.Take("b", "other", start + 2s), ElementsAre("other"));
+    EXPECT_THAT(limit.Overdue(start + 61s), ElementsAre("15 more such lines left out, the last: line"));
+}
+
+TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
+    const struct {
+        const char* problem;
+        std::vector<const char*> lines;
+    } cases[] = {
+        {"is not host:port",
+         {"upstreams=127.0.0.010:1", "upstreams=10.0.0.1/8:1", "upstreams=127.0.0.1", "upstreams=host:65536",
+          "upstreams=h:0", "upstreams=0x7f.1:1", "upstreams=10.1:1", "upstreams=::1:1", "upstreams=a_.-b:1",
+          "upstreams=[1::2::3]:1"}},
+        {"is not the address of a server",
+         {"upstreams=0.0.0.0:1", "upstreams=255.255.255.255:1", "upstreams=[::]:1", "upstreams=224.0.0.1:1"}},
+        {"stands there twice",
+         {"upstreams=a:1 A:1", "upstreams=[::1]:1 [0:0:0:0:0:0:0:1]:1", "idle=3\nIdle=4"}},
+        {"is the bridge itself", {"upstreams=127.0.0.2:3313", "upstreams=10.1.2.3:9\nlisten=127.0.0.1:9"}},
+        {"names no server", {"upstreams="}},
+        {"is not an IPv4 address and port", {"listen=localhost:3313", "listen=127.0.0.1:0", "listen="}},
+        {"is neither 0 nor 1", {"decrypt=yes"}},
+        {"is not a number",
+         {"idle=0", "idle=3601", "idle=30 ; s", "keep=1025", "verdict=0", "clients=0", "wait="}},
+        {"holds a comment", {"logfile=a ;b"}},
+        {"unknown setting 'upsteams'", {"upsteams=a:1"}},
+        {"is no setting", {"prose"}},
+        {"is not the section", {"[other]"}},
+        {"a second section", {"[bridge]"}},
+    };
+    const std::vector own{*ParseHost("10.1.2.3")};
+    for (const auto& [problem, lines] : cases) {
+        for (const std::string line : lines) {
+            EXPECT_THAT(ReadBridgeSettings("[bridge]\n" + line, own).problems,
+                        ElementsAre(HasSubstr(problem)))
+                << line;
+        }
+    }
+    for (const auto& [ini, problem] : {std::pair(""s, "bridge.ini has no [bridge] section"),
+                                       {"idle=3\n[bridge]", "line 1: 'idle=3' stands above"},
+                                       {"\xEF\xBB\xBF[bridge]", "line 1: begins with a byte order mark"},
+                                       {"[\0b"s, "no ANSI text"}}) {
+        EXPECT_THAT(ReadBridgeSettings(ini, own).problems, ElementsAre(HasSubstr(problem)));
+    }
+    const auto read = ReadBridgeSettings(
+        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nupstreams=a.b:1 [::1]:2\t10.0.0.1:3",
+        own);
+    EXPECT_THAT(read.problems, ElementsAre());
+    EXPECT_EQ(AddressText(read.settings.upstreams.at(1)), "[::1]:2");
+    EXPECT_EQ(read.settings.idle + read.settings.keep, 20u);
+}
+
+}  // namespace
+}  // namespace kesto

@@ -1,0 +1,176 @@
+// The connection to an engine: what it does, how long it waits, and the account that it gives.
+#include <gmock/gmock.h>
+
+#include <map>
+#include <sstream>
+
+#include "net/socket_connection.h"
+#include "net/socket_errors.h"
+#include "tests/support/losses.h"
+#include "tests/support/scripted_engine.h"
+
+namespace kesto {
+namespace {
+
+using std::chrono::steady_clock;
+using namespace testing;
+
+double SecondsSince(steady_clock::time_point begin) {
+    return std::chrono::duration<double>(steady_clock::now() - begin).count();
+}
+
+TEST(Connection, AccountsForEachFailureAndLosesNothing) {
+    const uint16_t closed = FreePort();
+    const UnansweredPort silent;
+    const std::string numeric =
+        "\nThis is an IPV4 numeric address.\nHostname to IP address resolution not needed.\n";
+    // `account`: a part of it
+    const std::tuple<const char*, uint16_t, double, std::string> cases[] = {
+        {"127.0.0.1", closed, 0,
+         numeric + "Connect function failed.\nWSAECONNREFUSED No connection could be made because the target "
+                   "machine "
+                   "actively refused it."},
+        {"127.0.0.1", silent.Port(), 0.3, numeric + "Connect function failed.\nWSAETIMEDOUT A connection"},
+        {"localhost", silent.Port(), 0.3, "\nConnect function failed.\nWSAETIMEDOUT A connection"},
+        {"", 1, 0, "\nCannot connect, hostname is zero length"},
+        {nullptr, 1, 0, "\nCannot connect, hostname is NULL"},
+        {"no-such-host.invalid", 1, 0, "maxWaitMs: 300\nDNS "},
+        {"256.0.0.1", 1, 0, "maxWaitMs: 300\nDNS "},  // a name, as the next
+        {"08.0.0.1", 1, 0, "maxWaitMs: 300\nDNS "},
+        {"127.0.0.1.test", 1, 0, "maxWaitMs: 300\nDNS "},
+    };
+    SocketConnection connection;
+    const std::string too_long(1001, 'h');
+    for (const auto& [host, port, seconds, account] : cases) {
+        SCOPED_TRACE(account);
+        ExpectNothingLost(3, [&] {
+            const auto begin = steady_clock::now();
+            EXPECT_FALSE(connection.Connect(host, port, false, 300));
+            if (seconds > 0) {
+                EXPECT_NEAR(SecondsSince(begin), seconds, 0.15);
+            }
+            const std::string told = connection.LastErrorText();
+            EXPECT_THAT(told, StartsWith("Connect_Socket\nhostname: " + std::string(host ? host : "") +
+                                         "\nport: " + std::to_string(port) + "\nssl: 0\nmaxWaitMs: 300\n"));
+            EXPECT_THAT(told, HasSubstr(account));
+            EXPECT_EQ(told.find("firewall") != std::string::npos,
+                      told.find("\nError 0x") != std::string::npos);
+            EXPECT_FALSE(connection.Connect(too_long.c_str(), 1, false, 300));  // not even looked up
+            EXPECT_THAT(connection.LastErrorText(), HasSubstr("\nDNS lookup failed.\nWSAEINVAL"));
+        });
+    }
+    EXPECT_TRUE(WaitFor([&] {
+        EXPECT_FALSE(connection.Connect("localhost", closed, false, 0));
+        return std::string(connection.LastErrorText()).ends_with("\nDNS timed out.");
+    }));
+}
+
+// Whether an operation had this result, with this in its account.
+bool Came(bool result, bool expected, SocketConnection& from, const std::string& account) {
+    const std::string told = WithNul(from.LastErrorText());
+    EXPECT_THAT(told, HasSubstr(account));
+    return result == expected;
+}
+
+TEST(Connection, ConversesAndCanBeMadeAgain) {
+    ScriptedEngine engine(ReplyingBytes(std::string("before\xFF") + "behind"));
+    SocketConnection it;
+    ReceivedText text;
+    EXPECT_TRUE(Came(it.ReceiveStringUntilByte(0, text), false, it, "\nNo connection is established"));
+    for (const char* host : {"localhost", "127.0.0.1"}) {
+        ASSERT_TRUE(it.Connect(host, engine.Port(), false, 2000)) << it.LastErrorText();
+        EXPECT_THAT(it.LastErrorText(), Not(HasSubstr("NODELAY")));
+        EXPECT_TRUE(Came(it.SendBytes("x", 0), false, it, "\nSize of data to send is zero."));
+        EXPECT_TRUE(Came(it.SendBytes(nullptr, 1), false, it, "\nSize of data to send is zero."));
+        EXPECT_TRUE(Came(it.SendBytes("zPING", 6), true, it, WithNul("SendBytes\nNumBytes: 6\nSuccess.")));
+        EXPECT_TRUE(
+            Came(it.ReceiveStringUntilByte(300, text), true, it, "ReceiveStringUntilByte\nbyteValue: 300"));
+        EXPECT_EQ(text.View(), "before");  // 300 is taken as 255
+        EXPECT_TRUE(it.Close(200));
+        EXPECT_TRUE(Came(it.Close(200), false, it, "Close\nmaxWaitMs: 200\nNo connection to close"));
+        EXPECT_TRUE(Came(it.SendBytes("x", 1), false, it, "\nNo connection is established"));
+    }
+    engine.Play(Replying("to its NUL"));
+    it.NoDelay(true);
+    ASSERT_TRUE(
+        Came(it.Connect("127.0.0.1", engine.Port(), false, 2000), true, it, "\nSetting TCP_NODELAY\n"));
+    EXPECT_TRUE(it.SendBytes("zPING", 6));
+    EXPECT_TRUE(it.ReceiveStringUntilByte(-5, text));  // is taken as 0
+    EXPECT_EQ(text.View(), "to its NUL");
+    for (const EngineRequest& each : engine.Requests()) {
+        EXPECT_EQ(each.raw, WithNul("zPING"));
+    }
+}
+
+TEST(Connection, EndsItsWaitsAtTheirLimits) {
+    ScriptedEngine silent(Silent("stream: ")), deaf(Deaf()), leaving(ReplyingBytes("stream: "));
+    const std::string more_than_fits(32 << 20, 'x');
+    SocketConnection it;
+    it.MaxReadIdleMs(300);
+    it.MaxSendIdleMs(600);
+    ReceivedText text;
+    text.Append("as it was");
+    const auto ask = [&](const ScriptedEngine& engine) {
+        return it.Connect("127.0.0.1", engine.Port(), false, 1000) && it.SendBytes("zPING", 6);
+    };
+    ASSERT_TRUE(ask(silent));
+    auto begin = steady_clock::now();
+    EXPECT_TRUE(Came(it.ReceiveStringUntilByte(0, text), false, it, "\nWaitForData timed out."));
+    EXPECT_NEAR(SecondsSince(begin), 0.3, 0.2);
+
+    ASSERT_TRUE(ask(deaf));
+    begin = steady_clock::now();
+    EXPECT_TRUE(Came(it.SendBytes(more_than_fits.data(), 32 << 20), false, it,
+                     WithNul("\nSocket send idle timeout\nFailed.")));
+    EXPECT_NEAR(SecondsSince(begin), 0.8, 0.3);
+
+    ASSERT_TRUE(ask(leaving));
+    EXPECT_TRUE(
+        Came(it.ReceiveStringUntilByte(0, text), false, it, "\nThe peer has closed the socket (TCP)"));
+    EXPECT_EQ(text.View(), "as it was");
+    leaving.Kill();
+    EXPECT_TRUE(WaitFor([&] { return !it.SendBytes("x", 1); }));
+    EXPECT_THAT(it.LastErrorText(), AllOf(HasSubstr("\nError sending on socket\nWSAE"),
+                                          EndsWith("\nSocket send failed\nFailed.")));
+}
+
+TEST(Connection, ClosesWithTheObjectAndHandsOutItsTextInARingOfTen) {
+    ScriptedEngine engine(Silent());
+    const char* first = nullptr;
+    {
+        SocketConnection connection;
+        ASSERT_TRUE(connection.Connect("127.0.0.1", engine.Port(), false, 1000));
+        first = connection.LastErrorText();
+        connection.SendBytes("x", 0);
+        for (int i = 0; i < 9; ++i) {
+            connection.LastErrorText();
+        }
+        EXPECT_THAT(first, StartsWith("Connect_Socket"));
+        EXPECT_EQ(connection.LastErrorText(), first);
+        EXPECT_THAT(first, StartsWith("SendBytes"));
+    }
+    EXPECT_TRUE(WaitFor([&] { return engine.Ended() == 1; }));
+}
+
+TEST(SocketErrors, HaveTheirOwnWords) {
+    std::istringstream names(
+        "10013 EACCES 10022 EINVAL 10024 EMFILE 10035 EWOULDBLOCK 10036 EINPROGRESS 10041 EPROTOTYPE "
+        "10043 EPROTONOSUPPORT 10044 ESOCKTNOSUPPORT 10047 EAFNOSUPPORT 10048 EADDRINUSE 10049 EADDRNOTAVAIL "
+        "10050 ENETDOWN 10051 ENETUNREACH 10053 ECONNABORTED 10054 ECONNRESET 10055 ENOBUFS 10060 ETIMEDOUT "
+        "10061 ECONNREFUSED 10093 NOTINITIALISED 10106 EPROVIDERFAILEDINIT 11001 HOST_NOT_FOUND 11004 "
+        "NO_DATA");
+    std::map<int, std::string> described;
+    for (int error = 0; names >> error;) {
+        names >> described[error];
+    }
+    for (int error = 0; error < 12'000; ++error) {
+        const char* const text = SocketErrorDescription(error);
+        ASSERT_EQ(text != nullptr, described.contains(error)) << error;
+        if (text != nullptr) {
+            EXPECT_THAT(text, AllOf(StartsWith("WSA" + described[error] + " "), EndsWith(".")));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kesto

@@ -1,0 +1,95 @@
+// The fuzz targets, one a part: PART names the function that gets each input.
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+
+#include "base/server_list.h"
+#include "bridge/framing.h"
+#include "engine/reply_verdict.h"
+#include "host/check/ini_lint.h"
+
+namespace kesto {
+
+void Expect(bool holds) {
+    if (!holds) {
+        abort();
+    }
+}
+
+// A client's bytes come out the same cut into pieces or whole, and undoing the shift touches data only. The
+// first byte tells the size of the pieces.
+void bridge_framing(const std::string& text) {
+    const auto* const client = reinterpret_cast<const uint8_t*>(text.data()) + 1;
+    const size_t command = text.empty() ? 0 : FindCommand(client, text.size() - 1).size;
+    if (text.size() < 2 + command) {
+        return;
+    }
+    const std::string chunks = text.substr(1 + command);
+    size_t ends[2];
+    std::string bytes[2] = {chunks, chunks};
+    uint64_t data_bytes = 0;
+    for (const bool cut : {false, true}) {
+        const size_t piece = cut ? static_cast<uint8_t>(text[0]) + 1u : chunks.size();
+        ChunkStream stream;
+        size_t& used = ends[cut] = 0;
+        for (bool valid = true; valid && !stream.ended && used < chunks.size();) {
+            const size_t next = std::min(piece, chunks.size() - used);
+            auto* const at = reinterpret_cast<uint8_t*>(bytes[cut].data()) + used;
+            const ChunksFollowed followed = FollowChunks(stream, at, next, true);
+            valid = followed.valid;
+            used += followed.used;
+            Expect(followed.used == next || (followed.used < next && (!valid || stream.ended)));
+        }
+        data_bytes = stream.data_bytes;
+    }
+    Expect(ends[0] == ends[1] && bytes[0] == bytes[1]);
+    for (size_t i = 0; i < chunks.size(); ++i) {
+        const int shifted = static_cast<uint8_t>(bytes[0][i] - chunks[i]);
+        Expect(shifted <= 1);
+        data_bytes -= static_cast<uint64_t>(shifted);
+    }
+    Expect(data_bytes == 0);
+}
+
+// Every finding has a line that the file has, and something to say.
+void ini_lint(const std::string& text) {
+    const int lines = static_cast<int>(std::count(text.begin(), text.end(), '\n')) + 1;
+    for (const IniFinding& each : LintIni(text)) {
+        const int line = static_cast<int>(each.line);
+        Expect(line >= 1 && line <= lines && !each.text.empty() && !each.remedy.empty());
+    }
+}
+
+// A reply is infected, clean or unexpected, and its parts put together again give the reply.
+void reply_verdict(const std::string& reply) {
+    const auto [kind, text] = VerdictOfReply(reply);
+    const bool verdict = reply.starts_with("stream: "),
+               found = verdict && reply.substr(8).ends_with(" FOUND");
+    Expect(kind == (found     ? VerdictKind::kInfected
+                    : verdict ? VerdictKind::kClean
+                              : VerdictKind::kUnexpectedReply));
+    Expect((found ? "stream: " + std::string(text) + " FOUND" : verdict ? reply : text) == reply);
+}
+
+// One entry more than there are blanks, and every host is the text before its token's first colon.
+void server_list(const std::string& bytes) {
+    const std::string text = bytes.c_str();
+    ServerList servers;
+    Expect(servers.Append(text));
+    size_t start = 0;
+    for (const ServerEntry& each : servers) {
+        const size_t end = std::min(text.find(' ', start), text.size());
+        const size_t colon = std::min(text.find(':', start), end);
+        Expect(each.host == text.substr(start, colon - start));
+        Expect(colon != end || each.port == kDefaultPort);
+        start = end + 1;
+    }
+    Expect(start == text.size() + 1);
+}
+
+}  // namespace kesto
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    kesto::PART(std::string(data, data + size));
+    return 0;
+}

@@ -1,0 +1,167 @@
+// The host's other calls: the engine's version, updates, error texts.
+#include "tests/support/fake_system.h"
+#include "tests/support/losses.h"
+
+namespace kesto {
+namespace {
+
+using namespace testing;
+
+const std::string kFirstLine = "KESTOAV Version 1.0.4\n";
+
+class VersionTest : public PluginTest {};
+
+TEST_F(VersionTest, ShowsTheFirstServersReplyInOneOfTwoForms) {
+    const uint16_t port = FreePort();
+    ScriptedEngine second;
+    installed.CreateLog();
+    Start("servers=localhost:" + std::to_string(port) + " " + second.Address());
+    EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");
+    system.calls.clear();
+    const std::pair<EngineScript, std::string> cases[] = {
+        {Replying("Engine 9.8/27000/Mon Jan  5 2026"), "AV Database 27000 - Updated Mon Jan  5 2026"},
+        {Replying("//"), "AV Database  - Updated "},
+        {Replying("%s/%n/%d"), "AV Database %n - Updated %d"},
+        {Replying("Engine 9.8"), "Engine 9.8"},
+        {Replying("a/b"), "a/b"},
+        {Replying("a/b/c/d"), "a/b/c/d"},
+        {Replying(""), ""},
+        {Replying(std::string(5000, 'x')), std::string(999, 'x')},
+        {Replying("e/" + std::string(5000, 'v') + "/d"), "AV Database " + std::string(987, 'v')},
+        {ReplyingBytes("Engine/1/today"),
+         "Error -ReceiveStringUntilByte\nbyteValue: 0\nThe peer has closed the socket (TCP) connection"},
+    };
+    for (const auto& [script, line] : cases) {
+        ExpectNothingLost(4, [&] {
+            const ScriptedEngine engine(script, port);
+            EXPECT_EQ(plugin.VersionDetails(), kFirstLine + line);
+            EXPECT_EQ(engine.Requests().at(0).raw, WithNul("zVERSION"));
+        });
+    }
+    EXPECT_EQ(second.Accepted(), 0u);
+    EXPECT_THAT(system.calls, IsEmpty());  // no engine is looked for
+    EXPECT_THAT(installed.LogMessages(), IsEmpty());
+}
+
+TEST_F(VersionTest, NeverTouchesTheLastByteOfTheBuffer) {
+    ScriptedEngine engine(Replying("a/1/2"));
+    EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");  // before the start
+    Start(Servers(engine.Port()));
+    const std::string whole = kFirstLine + "AV Database 1 - Updated 2";
+    for (const size_t size : {size_t{0}, size_t{1}, size_t{2}, size_t{3}, size_t{10}, whole.size(),
+                              whole.size() + 1, whole.size() + 2, whole.size() + 3}) {
+        std::string buffer(whole.size() + 8, '\x5E'), expected = buffer;
+        plugin.get_version_details(buffer.data(), static_cast<uint32_t>(size));
+        if (size >= 2) {
+            const std::string text = WithNul(whole.substr(0, size - 2));
+            expected.replace(0, text.size(), text);
+        }
+        EXPECT_EQ(buffer, expected) << size;
+    }
+    plugin.get_version_details(nullptr, 100);
+}
+
+class UpdateTest : public PluginTest {
+ protected:
+    // The result and, of a failure, the title and message; of a success, that both are as they were.
+    std::string Update() const {
+        // Sizes as agreed, and guard bytes behind them.
+        std::string title(kUpdateTitleSize + 8, '\x5E'), message(kUpdateMessageSize + 8, '\x5E');
+        const std::string no_title = title, no_message = message;
+        if (plugin.do_simple_update(title.data(), message.data()) == 1) {
+            return title == no_title && message == no_message ? "done" : "done, and buffers written";
+        }
+        return title.ends_with(std::string(8, '\x5E')) && message.ends_with(std::string(8, '\x5E')) &&
+                       title.c_str() == std::string("KESTO Antivirus Update Failed")
+                   ? message.c_str()
+                   : "wrong title or written too far";
+    }
+    const std::string failed = "The KESTO Antivirus Update attempt failed ";
+    const std::filesystem::path mirrors = installed.engine_folder / "db" / "mirrors.dat";
+};
+
+TEST_F(UpdateTest, IsRefusedWithoutALicenceAndEverAfter) {
+    Start("autostart=0");
+    EXPECT_EQ(Update(), failed + "because you do not have a valid licence");
+    plugin.get_expiry(0, 0, 0);
+    Start("autostart=0");
+    EXPECT_EQ(Update(), "done");
+    EXPECT_THAT(system.calls, IsEmpty());
+}
+
+TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
+    const std::tuple<SystemState, std::string> cases[] = {
+        {{.exit_code = 0}, "done"},
+        {{.exit_code = 3}, "with error 3"},
+        {{.exit_code = 259}, "with error 259"},  // also what a running process reports
+        {{.exit_code = 0xFFFFFFFF}, "with error 4294967295"},
+        {{.starts = false, .start_error = 2}, "with error 2"},
+        {{.starts = false, .start_error = 0}, "done"},  // but nothing is waited for
+        {{.start_error = 5, .exit_code = 0}, "done"},
+    };
+    installed.CreateLog();
+    Start("autostart=0");
+    // Arguments are the host's own: they must never be followed.
+    reinterpret_cast<int32_t(__stdcall*)(int, int, int, int, int)>(reinterpret_cast<void*>(
+        GetProcAddress(static_cast<HMODULE>(plugin.module), "_GetExpiry2@20")))(1, 2, 3, 4, 5);
+    const std::string folder = installed.engine_folder.string();
+    const std::string start = "start " + folder + "\\kestoavu.exe in " + folder;
+    std::filesystem::create_directory(mirrors.parent_path());
+    for (const auto& [state, outcome] : cases) {
+        const bool fails = outcome != "done";
+        for (const bool mirrored : {true, false}) {
+            SCOPED_TRACE(outcome);
+            mirrored ? WriteFile(mirrors, "") : void(std::filesystem::remove(mirrors));
+            system.Become(state);
+            system.calls.clear();
+            EXPECT_EQ(Update(), fails ? failed + outcome : "done");
+            EXPECT_EQ(std::filesystem::exists(mirrors), mirrored && !fails);
+            const std::vector<std::string> calls = {start, "wait 4294967295"};
+            EXPECT_EQ(system.calls, std::vector(calls.begin(), calls.end() - !state.starts));
+            EXPECT_EQ(system.open_handles, 0);
+        }
+    }
+    EXPECT_EQ(plugin.do_simple_update(nullptr, nullptr), 1);
+    EXPECT_THAT(installed.LogMessages(), IsEmpty());
+}
+
+TEST_F(UpdateTest, NeedsAFolder) {
+    plugin.get_expiry(1, 2, 3);
+    EXPECT_EQ(Update(), failed + "with error 3");
+    EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(Update(), failed + "with error 3");
+    EXPECT_THAT(system.calls, IsEmpty());
+    system.processes = {};  // an empty folder is one, too, once the host gives it
+    EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, ""), 0);
+    EXPECT_THAT(system.calls, Contains("start \\plugins\\kestoav\\kestoav.exe in \\plugins\\kestoav"));
+}
+
+TEST_F(VersionTest, ErrorTextsAreBoundedAndTerminated) {
+    // `text`: with its NUL; empty: the buffer is untouched
+    const std::tuple<uint32_t, int32_t, std::string> cases[] = {
+        {1001, 64, WithNul("Error connecting to AV server")},
+        {1002, 64, WithNul("Error communicating with AV server")},
+        {1003, 64, WithNul("Error 1003")},
+        {0, 64, WithNul("Error 0")},
+        {0xFFFFFFFF, 64, WithNul("Error 4294967295")},
+        {1001, 10, WithNul("Error con")},
+        {1002, 1, WithNul("")},
+        {5, 4, WithNul("Err")},
+        {5, 7, WithNul("Error ")},
+        {5, 8, WithNul("Error 5")},
+        {5, 0, ""},
+        {1001, 0, ""},
+        {1001, -1, ""},
+        {5, INT32_MIN, ""},
+    };
+    for (const auto& [code, size, text] : cases) {
+        std::string buffer(64, 'x');
+        plugin.get_error_text(code, buffer.data(), size);
+        EXPECT_EQ(buffer, text + std::string(64 - text.size(), 'x')) << code << ' ' << size;
+        EXPECT_EQ(plugin.is_fatal_error(code), code == 1001 ? 1 : 0);
+    }
+    plugin.get_error_text(1002, nullptr, 64);
+}
+
+}  // namespace
+}  // namespace kesto

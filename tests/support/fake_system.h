@@ -1,0 +1,73 @@
+// Clock, process table and network as the plug-in sees them, all made up: waits of minutes pass at once, and
+// a test knows every answer that the plug-in was given. Log, settings and all else it asks for are real.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <list>
+#include <string>
+#include <vector>
+
+#include "tests/support/plugin_host.h"
+// windows.h, in what follows, must come after winsock2.h.
+#include "tests/support/import_patch.h"
+
+namespace kesto {
+
+inline constexpr uint32_t kNever = UINT32_MAX;
+
+struct FakeProcess {
+    std::string image = "\\Device\\HarddiskVolume1\\mail\\plugins\\kestoav\\kestoav.exe";
+    DWORD refused = 0;  // rights that cannot be had
+    uint32_t ends = kNever;
+    uint32_t appears = 0;  // times are the clock's below
+};
+
+// How the system stands, and what it will do.
+struct SystemState {
+    std::vector<FakeProcess> processes{1};  // with the IDs 4, 8, ..., behind one of ID 0
+    uint32_t accepts_from = 0;  // when connects begin to reach the network; before, each is refused in 1 s
+    bool enumerates = true;     // false: the process table cannot be read
+    uint32_t end_takes = 0;     // after TerminateProcess; kNever: that fails
+    bool starts = true;         // what CreateProcess returns
+    DWORD start_error = 0;      // and leaves as the last error
+    FakeProcess started = {};   // what it adds to the table
+    DWORD exit_code = 0;        // of every process
+    uint32_t look_takes = 0;    // each look at the clock: for waits that nothing else would end
+    uint32_t clock = 0;         // in ms; the tick count starts shortly before it wraps
+};
+
+class FakeSystem : public SystemState {  // one at a time
+ public:
+    explicit FakeSystem(const PluginLibrary& plugin);
+    ~FakeSystem();
+    void Become(const SystemState& state) { static_cast<SystemState&>(*this) = state; }
+
+    std::vector<std::string> calls;  // in order, with what matters of their arguments
+    int open_handles = 0;
+
+ private:
+    std::list<ImportPatch> patches_;
+};
+
+// A plug-in in which an engine process only seems to run. Ports are real.
+struct DrivenPlugin {
+    // Writes the settings and starts the plug-in with them, version 1 and no buffers.
+    int32_t Start(const std::string& settings) {
+        plugin.close_scanner();  // a second start lets go of an open log without closing it
+        installed.WriteSettings(settings);
+        return plugin.Initialize(installed.folder);
+    }
+    ScanOutcome Scan(std::string_view data, std::string_view name = "mail.eml") const {
+        return ScanWith(plugin, data, name);
+    }
+
+    Installation installed;
+    LoadedPlugin plugin{installed};
+    FakeSystem system{plugin};
+};
+
+class PluginTest : public testing::Test, protected DrivenPlugin {};
+
+}  // namespace kesto

@@ -1,0 +1,158 @@
+#include "tests/support/installation.h"
+
+#include <gtest/gtest.h>
+#include <psapi.h>
+
+#include <fstream>
+#include <span>
+#include <sstream>
+#include <stdexcept>
+
+namespace kesto {
+namespace {
+
+// What is started here, and by what is started here, ends with this process, however that ends.
+[[maybe_unused]] const bool g_children_end_with_us = [] {
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    const HANDLE job = CreateJobObjectA(nullptr, nullptr);  // closed with the process
+    return SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits) &&
+           AssignProcessToJobObject(job, GetCurrentProcess());
+}();
+
+std::filesystem::path NewFolder() {
+    std::filesystem::path folder;
+    for (int number = 1; folder.empty() || !std::filesystem::create_directory(folder); ++number) {
+        folder = std::filesystem::temp_directory_path() /
+                 ("kesto" + std::to_string(GetCurrentProcessId()) + "." + std::to_string(number));
+    }
+    return folder;
+}
+
+// The paths of all processes' programs that this one can tell, with their IDs.
+std::vector<std::pair<DWORD, std::filesystem::path>> AllPrograms() {
+    std::vector<std::pair<DWORD, std::filesystem::path>> all;
+    DWORD ids[4096], bytes = 0;
+    EnumProcesses(ids, sizeof ids, &bytes);
+    for (const DWORD id : std::span(ids, bytes / sizeof *ids)) {
+        const HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id);
+        wchar_t path[MAX_PATH] = L"";
+        DWORD size = MAX_PATH;
+        QueryFullProcessImageNameW(process, 0, path, &size);
+        CloseHandle(process);
+        all.emplace_back(id, path);
+    }
+    return all;
+}
+
+void End(HANDLE process) {
+    TerminateProcess(process, 1);
+    WaitForSingleObject(process, static_cast<DWORD>(kTestLimit.count()));
+    CloseHandle(process);
+}
+
+// PROGRAM.role and its like.
+std::filesystem::path Beside(std::filesystem::path program, const char* ending) {
+    return program += ending;
+}
+
+}  // namespace
+
+std::vector<DWORD> ProcessesNamed(const char* name) {
+    std::vector<DWORD> found;
+    for (const auto& [id, program] : AllPrograms()) {
+        if (_wcsicmp(program.filename().c_str(), std::filesystem::path(name).c_str()) == 0) {
+            found.push_back(id);
+        }
+    }
+    return found;
+}
+
+Installation::Installation(const std::wstring& name) : top(NewFolder()), folder(top / name) {
+    std::filesystem::create_directories(engine_folder);
+    for (const char* each : {"CLAMDLL.dll", "kestoscan.exe"}) {
+        std::filesystem::copy_file(BuiltFolder() / each, folder / each);
+    }
+}
+
+Installation::~Installation() {
+    started_.clear();
+    EndPrograms();
+    // In its exact form, for the names in it that Windows would read as others. A program's file may be held
+    // for a moment after its end.
+    std::error_code error;
+    EXPECT_TRUE(WaitFor([&] {
+        return std::filesystem::remove_all(L"\\\\?\\" + top.wstring(), error), !error;
+    })) << error.message();
+}
+
+void Installation::EndPrograms() const {
+    for (const auto& [id, program] : AllPrograms()) {
+        if (program.wstring().starts_with(top.wstring() + L"\\")) {
+            End(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id));
+        }
+    }
+}
+
+void Installation::WriteSettings(std::string_view lines) const {
+    WriteFile(folder / "kestoav.ini", "[kestoav]\r\n" + std::string(lines) + "\r\n");
+}
+
+std::vector<std::string> Installation::LogMessages() const {
+    std::istringstream lines(ReadText(log));
+    std::vector<std::string> messages;
+    for (std::string line; std::getline(lines, line) && !lines.eof();) {
+        int stamp = 0;
+        sscanf(line.c_str(), "%*4d/%*2d/%*2d %*2d:%*2d:%*2d: %n", &stamp);
+        if (stamp > 0) {
+            messages.push_back(line.substr(static_cast<size_t>(stamp)));
+        } else if (!messages.empty()) {
+            messages.back() += '\n' + line;
+        }
+    }
+    return messages;
+}
+
+void Installation::PlaceStandIn(const std::filesystem::path& program, const std::string& role) const {
+    WriteFile(Beside(program, ".role"), role);
+    // One that runs cannot be written over, and need not be.
+    CopyFileW((BuiltFolder() / "tests" / "engine_child.exe").c_str(), program.c_str(), TRUE);
+}
+
+uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::string& more_lines,
+                                   const char* program) const {
+    const uint16_t port = FreePort();
+    WriteFile(engine_folder / "bridge.ini", "[bridge]\r\nlisten=127.0.0.1:" + std::to_string(port) +
+                                                "\r\nupstreams=" + upstreams + "\r\n" + more_lines + "\r\n");
+    WriteFile(engine_folder / "bridge.log", "");
+    CopyFileW((BuiltFolder() / "kestoav.exe").c_str(), (engine_folder / program).c_str(), FALSE);
+    return port;
+}
+
+void Installation::StartStandIn(const std::filesystem::path& program) {
+    const size_t starts = Starts(program).size();
+    started_.emplace_back(program);
+    EXPECT_TRUE(WaitForStarts(program, starts + 1));
+}
+
+std::vector<ProgramStart> Installation::Starts(const std::filesystem::path& program) const {
+    std::istringstream lines(ReadFile(Beside(program, ".started")));
+    std::vector<ProgramStart> starts;
+    ProgramStart start = {};
+    for (std::string id; std::getline(lines, id, '\t') && std::getline(lines, start.folder, '\t') &&
+                         std::getline(lines, start.command_line) && !lines.eof();) {
+        start.process_id = std::stoul(id);
+        starts.push_back(start);
+    }
+    return starts;
+}
+
+bool Installation::WaitForStarts(const std::filesystem::path& program, size_t count) const {
+    return WaitFor([&] { return Starts(program).size() >= count; });
+}
+
+void Installation::Release(const std::filesystem::path& program) const {
+    WriteFile(Beside(program, ".release"), "");
+}
+
+}  // namespace kesto

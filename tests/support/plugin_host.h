@@ -1,0 +1,59 @@
+// The plug-in as its host drives it.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "tests/support/installation.h"
+#include "tests/support/scripted_engine.h"
+// windows.h, in what follows, must come after winsock2.h.
+#include "host/common/plugin_library.h"
+
+namespace kesto {
+
+// The library of an installation, loaded so that everything in it starts afresh. Closed and unloaded at the
+// end.
+struct LoadedPlugin : PluginLibrary {
+    explicit LoadedPlugin(const Installation& installed);
+    ~LoadedPlugin();
+    LoadedPlugin(const LoadedPlugin&) = delete;
+    LoadedPlugin& operator=(const LoadedPlugin&) = delete;
+
+    // INITIALIZESCANNER with this folder, version 1 and no buffers.
+    int32_t Initialize(const std::filesystem::path& folder) const;
+    // GETVERSIONDETAILS with a buffer that is large enough.
+    std::string VersionDetails() const;
+};
+
+inline constexpr uint32_t kUntouched = 0x5EED5EED;  // what the host's words hold before a call
+
+// What one scan left behind in the host's memory.
+struct ScanOutcome {
+    int32_t result;
+    uint32_t error = kUntouched;
+    uint32_t reserved = kUntouched;
+    uint32_t infected = kUntouched;
+    std::string detection = std::string(kDetectionSize + 16, '\x5E');  // 16 guard bytes at its end
+
+    bool Clean() const;  // and nothing written at all
+    bool Failed(uint32_t code) const;
+    bool Infected(std::string_view file_name, std::string_view virus_name) const;
+};
+
+// For failed expectations: what a scan came to, in words.
+void PrintTo(const ScanOutcome& outcome, std::ostream* out);
+
+// Scans as the host does. A name of 256 characters or more fills its field without a NUL.
+ScanOutcome ScanWith(const PluginLibrary& plugin, std::string_view data, std::string_view name = "mail.eml");
+
+// A "servers" line that names these ports of 127.0.0.1 in order.
+template <class... Ports>
+std::string Servers(Ports... ports) {
+    std::string line = "servers=";
+    ((line += "127.0.0.1:" + std::to_string(ports) + " "), ...);
+    line.back() = '\n';
+    return line;
+}
+
+}  // namespace kesto

@@ -1,0 +1,54 @@
+// A program as its user sees it: a process with arguments, output and an exit status.
+#pragma once
+
+#include <windows.h>
+
+#include <filesystem>
+#include <string>
+
+namespace kesto {
+
+// Where the programs were built: kestoscan.exe, CLAMDLL.dll, kestoav.exe, tests\engine_child.exe.
+std::filesystem::path BuiltFolder();
+std::string ReadFile(const std::filesystem::path& path);  // empty when there is none
+std::string ReadText(const std::filesystem::path& path);  // with bare line feeds
+void WriteFile(const std::filesystem::path& path, std::string_view content);
+
+struct RunResult {
+    DWORD status;  // STILL_ACTIVE when it did not end within the limit
+    std::string out;
+    std::string err;
+};
+
+struct RunOptions {
+    std::string input = "";    // what it finds on its standard input
+    bool own_console = false;  // gives it one, for PressCtrlC; takes time
+    std::filesystem::path working_folder = L"C:\\";
+};
+
+class ProgramRun {
+ public:
+    // Starts `program` with `arguments` as they stand.
+    explicit ProgramRun(const std::filesystem::path& program, const std::wstring& arguments = L"",
+                        const RunOptions& options = {});
+    ~ProgramRun();  // ends it if it still runs
+    ProgramRun(const ProgramRun&) = delete;
+    ProgramRun& operator=(const ProgramRun&) = delete;
+
+    DWORD Id() const { return process_.dwProcessId; }
+    HANDLE Handle() const { return process_.hProcess; }
+    bool Running() const;
+    std::string Out() const { return ReadFile(out_path_); }  // so far
+    std::string Err() const { return ReadFile(err_path_); }
+
+    void PressCtrlC() const;  // in its own console: reaches all who share that
+    // The system's own way of telling one process, with any event: CTRL_BREAK_EVENT, CTRL_LOGOFF_EVENT...
+    void SendConsoleEvent(DWORD event) const;
+    RunResult Finish() const;  // waits for the end
+
+ private:
+    std::filesystem::path in_path_, out_path_, err_path_;
+    PROCESS_INFORMATION process_ = {};
+};
+
+}  // namespace kesto

@@ -1,0 +1,211 @@
+// What only real Windows or a host of many years shows, seen here by counting and by patched imports.
+#include "net/socket_connection.h"
+// This must come after winsock2.h, in what is above.
+#include <ws2tcpip.h>
+
+#include "tests/support/fake_system.h"
+#include "tests/support/losses.h"
+
+namespace kesto {
+namespace {
+
+using namespace testing;
+
+int FreeThreadSlots() {
+    std::vector<DWORD> slots;
+    for (DWORD slot; (slot = TlsAlloc()) != TLS_OUT_OF_INDEXES;) {
+        slots.push_back(slot);
+    }
+    for (const DWORD slot : slots) {
+        TlsFree(slot);
+    }
+    return static_cast<int>(slots.size());
+}
+
+// With an engine process that is none of the plug-in's, and serves.
+class RealEngineTest : public testing::Test {
+ protected:
+    RealEngineTest() {
+        installed.PlaceStandIn(installed.elsewhere, "engine " + std::to_string(port) + " shifted");
+        installed.StartStandIn(installed.elsewhere);
+        // Servers enough that a list lost at each load shows.
+        std::string servers = Servers(port);
+        for (int i = 0; i < 50; ++i) {
+            servers.insert(servers.size() - 1, " not:asked");
+        }
+        installed.WriteSettings(servers + "autostart=0");
+    }
+    const uint16_t port = FreePort();
+    Installation installed;
+};
+
+TEST_F(RealEngineTest, HostLosesNothingByLoadingThePlugIn1300Times) {
+    Holdings held = {};
+    int slots = 0;
+    for (int load = 1; load <= 1300; ++load) {
+        const LoadedPlugin plugin(installed);
+        ASSERT_EQ(plugin.Initialize(installed.folder), 0);
+        ASSERT_TRUE(ScanWith(plugin, "x").Clean()) << load;
+        if (load == 10) {
+            held = CountHoldings();
+            slots = FreeThreadSlots();
+        }
+    }
+    const LoadedPlugin plugin(installed);  // as at the first count
+    plugin.Initialize(installed.folder);
+    ScanWith(plugin, "x");
+    const Holdings after = CountHoldings();
+    EXPECT_EQ(after.handles, held.handles);
+    EXPECT_EQ(FreeThreadSlots(), slots);
+    if (getenv("KESTOAV_TEST_HEAP_CHECKED") == nullptr) {  // see losses.cpp
+        EXPECT_LT(after.bytes - held.bytes, 64 * 1024);
+    }
+}
+
+// How far below `top` this thread's stack was ever written: fresh stack is zero.
+ptrdiff_t StackBelow(const char& top) {
+    MEMORY_BASIC_INFORMATION part;
+    VirtualQuery(&top, &part, sizeof part);
+    const char* lowest = static_cast<char*>(part.AllocationBase);
+    while (VirtualQuery(lowest, &part, sizeof part) != 0 && part.Protect != PAGE_READWRITE) {
+        lowest += part.RegionSize;
+    }
+    while (*lowest == 0) {
+        ++lowest;
+    }
+    return &top - lowest;
+}
+
+TEST_F(RealEngineTest, CleanScanTakesLessThan24KilobytesOfStack) {
+    const LoadedPlugin plugin(installed);
+    plugin.Initialize(installed.folder);
+    ptrdiff_t before = 0, scanned = 0;
+    std::thread([&] {
+        const std::string data(20'000, 'x');
+        char top = 1;
+        before = StackBelow(top);
+        EXPECT_TRUE(ScanWith(plugin, data).Clean());
+        scanned = StackBelow(top);
+    }).join();
+    RecordProperty("bytes", static_cast<int>(scanned));
+    EXPECT_GT(scanned, before);
+    EXPECT_LT(scanned, 24 * 1024);
+}
+
+// Of the system, by the patches below: by the test itself, not by the engine beside it.
+thread_local std::vector<std::string> g_asked;
+
+int WSAAPI RecordRequest(SOCKET socket, DWORD code, void* in, DWORD in_size, void*, DWORD, DWORD*,
+                         OVERLAPPED*, LPWSAOVERLAPPED_COMPLETION_ROUTINE) {
+    sockaddr_in peer;
+    int size = sizeof peer;
+    const bool connected = getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) == 0;
+    const auto* const bytes = static_cast<const uint8_t*>(in);
+    g_asked.push_back(std::to_string(code) + (connected ? " late" : "") + " of " + std::to_string(in_size) +
+                      ":");
+    for (DWORD i = 0; i < std::min<DWORD>(in_size, 3); ++i) {
+        g_asked.back() += " " + std::to_string(bytes[i]);
+    }
+    WSASetLastError(WSAEOPNOTSUPP);  // as systems do that do not know it
+    return SOCKET_ERROR;
+}
+
+class WindowsTest : public PluginTest {};
+
+TEST_F(WindowsTest, ConnectOnLoopbackAsksOnceAndNoOtherDoes) {
+    const ImportPatch requests(plugin.module, "WSAIoctl", RecordRequest);
+    ScriptedEngine engine;
+    Start("servers=192.0.2.1:9 128.0.0.1:9 127.9.9.9:9 " + engine.Address());
+    system.accepts_from = 3000;  // nothing goes to the first three
+    EXPECT_TRUE(Scan("x").Clean());
+    // SIO_TCP_INITIAL_RTO with the round trip unspecified and no SYN repeated; the fourth byte fills up.
+    EXPECT_THAT(g_asked, ElementsAre("2550136849 of 4: 255 255 254", "2550136849 of 4: 255 255 254"));
+}
+
+uint32_t* g_clock;
+uint32_t g_lookup_ms;  // that the next one takes
+
+// The name has two addresses, of which only the second one serves.
+int WSAAPI SlowLookup(const char*, const char*, const addrinfo*, addrinfo** result) {
+    static sockaddr_in none = LoopbackAddress(0), serves = none;
+    none.sin_addr.s_addr = htonl(0x7F090909);
+    static addrinfo second = {0, AF_INET, 0, 0, 0, nullptr, reinterpret_cast<sockaddr*>(&serves), nullptr};
+    static addrinfo first = {0, AF_INET, 0, 0, 0, nullptr, reinterpret_cast<sockaddr*>(&none), &second};
+    *result = &first;
+    *g_clock += std::exchange(g_lookup_ms, 0);
+    return 0;
+}
+void WSAAPI KeepAnswer(addrinfo*) {}
+
+int WSAAPI RecordConnect(int, fd_set* read, fd_set* send, fd_set* refused, timeval* limit) {
+    if (refused != nullptr) {
+        g_asked.push_back(std::to_string(limit->tv_sec * 1000 + limit->tv_usec / 1000) + " ms");
+    }
+    return select(0, read, send, refused, limit);
+}
+
+FARPROC WINAPI HideCancelling(HMODULE module, const char* name) {
+    return strcmp(name, "GetAddrInfoExCancel") == 0 ? nullptr : GetProcAddress(module, name);
+}
+
+TEST_F(WindowsTest, AnswerOfALookupThatCannotBeCancelledComesInTimeOrNotAtAll) {
+    const ImportPatch resolver(plugin.module, "getaddrinfo", SlowLookup);
+    const ImportPatch connecting(plugin.module, "select", RecordConnect);
+    const ImportPatch freeing(plugin.module, "freeaddrinfo", KeepAnswer);
+    const ImportPatch system7(plugin.module, "GetProcAddress", HideCancelling);
+    g_clock = &system.clock;
+    g_asked.clear();
+    ScriptedEngine engine;
+    installed.CreateLog();
+    Start("servers=mail.test:" + std::to_string(engine.Port()));
+    for (const uint32_t ms : {999, 1000}) {
+        g_lookup_ms = ms;
+        EXPECT_TRUE(Scan("x").Clean());
+    }
+    EXPECT_THAT(installed.LogMessages(),
+                ElementsAre("Scan file - mail.eml - 1", "Scan file - mail.eml - 1",
+                            AllOf(HasSubstr("\nDNS timed out."), Not(HasSubstr("Connect function")))));
+    EXPECT_EQ(g_asked.front(), "1 ms");  // what the lookup has left of the limit
+}
+
+int g_spare = 0;  // calls that still find memory; below 0 all others do, too
+
+bool Found() {
+    return g_spare-- != 0;
+}
+void* __cdecl Allocate(size_t size) {
+    return Found() ? malloc(size) : nullptr;
+}
+void* __cdecl AllocateZeros(size_t count, size_t size) {
+    return Found() ? calloc(count, size) : nullptr;
+}
+void* __cdecl Reallocate(void* block, size_t size) {
+    return Found() ? realloc(block, size) : nullptr;
+}
+
+TEST(WindowsMemory, LackOfItAtAnyPointIsAnErrorAndNoMore) {
+    ScriptedEngine engine;
+    const std::string port = std::to_string(engine.Port());
+    // The memory of a scan by name: process IDs, lookup, reply. Each is lacking once.
+    const char* const logged[] = {"restarting kestoav process", "WSAENOBUFS", "Unexpected response"};
+    for (int spare = 0; spare < 3; ++spare) {
+        DrivenPlugin it;
+        it.installed.CreateLog();
+        it.Start("servers=localhost:" + port);
+        const ImportPatch patches[] = {{it.plugin.module, "malloc", Allocate},
+                                       {it.plugin.module, "calloc", AllocateZeros},
+                                       {it.plugin.module, "realloc", Reallocate}};
+        g_spare = spare;
+        const ScanOutcome outcome = it.Scan("x");
+        EXPECT_TRUE(spare < 2 ? outcome.Clean() : outcome.Failed(1003)) << PrintToString(outcome);
+        EXPECT_THAT(ReadText(it.installed.log), HasSubstr(logged[spare]));
+        g_spare = 1;
+        EXPECT_THAT(it.plugin.VersionDetails(), HasSubstr("\nError -ReceiveStringUntilByte\nbyteValue: 0\n"
+                                                          "Not enough memory for the reply"));
+        g_spare = spare;
+        EXPECT_EQ(it.Start("servers=a b:1"), ERROR_NOT_ENOUGH_MEMORY);
+    }
+}
+
+}  // namespace
+}  // namespace kesto
