@@ -16,8 +16,8 @@ namespace {
 
 constexpr size_t kLongestProgramPath = 259;
 
-constexpr std::chrono::seconds kServersLimit(
-    27);  // from the check's start; the rest takes no time to speak of
+// From the check's start; the rest takes no time to speak of.
+constexpr std::chrono::seconds kServersLimit(27);
 
 Findings CheckLibrary(const std::wstring& path) {
     Findings findings;
