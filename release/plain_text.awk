@@ -54,8 +54,9 @@ function add_row(line,    cells, count, i) {
   columns = split(line, cells, / *\| */)
   for (i = 1; i <= columns; ++i) {
     gsub(/\002/, "|", cells[i])
-    if (cells[i] ~ /^`[^`]*`$/) cell[rows, i] = substr(cells[i], 2, length(cells[i]) - 2)
-    else cell[rows, i] = plain(cells[i])
+    if (cells[i] ~ /^`[^`]*`(, `[^`]*`)*$/) gsub(/`/, "", cells[i])
+    else cells[i] = plain(cells[i])
+    cell[rows, i] = cells[i]
     if (length(cell[rows, i]) > width[i]) width[i] = length(cell[rows, i])
   }
 }
