@@ -103,7 +103,8 @@ TEST(Connection, ConversesAndCanBeMadeAgain) {
 }
 
 TEST(Connection, EndsItsWaitsAtTheirLimits) {
-    ScriptedEngine silent(Silent("stream: ")), deaf(Deaf()), leaving(ReplyingBytes("stream: "));
+    ScriptedEngine silent(ReplyingBytes("stream: ", Then::kHolds)), deaf(kDeaf),
+        leaving(ReplyingBytes("stream: "));
     const std::string more_than_fits(32 << 20, 'x');
     SocketConnection it;
     it.MaxReadIdleMs(300);
@@ -135,7 +136,7 @@ TEST(Connection, EndsItsWaitsAtTheirLimits) {
 }
 
 TEST(Connection, ClosesWithTheObjectAndHandsOutItsTextInARingOfTen) {
-    ScriptedEngine engine(Silent());
+    ScriptedEngine engine(ReplyingBytes("", Then::kHolds));
     const char* first = nullptr;
     {
         SocketConnection connection;

@@ -165,7 +165,7 @@ int WSAAPI PassTime(int, fd_set* read, fd_set* send, fd_set* refused, timeval* l
 
 TEST_F(ScanTest, GivesUpAnEngineThatStandsStillForTwentySeconds) {
     const ImportPatch patch(plugin.module, "select", PassTime);
-    ScriptedEngine engine(Deaf());
+    ScriptedEngine engine(kDeaf);
     Start("servers=localhost:" + std::to_string(engine.Port()));
     EXPECT_TRUE(Scan("x").Failed(1003));
     EXPECT_TRUE(Scan(std::string(64 << 20, 'x')).Failed(1002));

@@ -32,7 +32,8 @@ DWORD Play(const std::string& program) {
 
     std::optional<ScriptedEngine> engine;
     if (role == "engine") {
-        engine.emplace(ScriptNamed(script), static_cast<uint16_t>(number), false);
+        engine.emplace(script == "shifted" ? Realistic({.shifted = true}) : Replying(script),
+                       static_cast<uint16_t>(number), false);
     }
     RecordStart(program);
     if (role == "exit") {

@@ -74,22 +74,17 @@ using EngineScript = std::function<void(Wire&)>;
 enum class Then { kHangsUp, kResets, kHolds };
 // To each request with exactly these bytes, in pieces of this size.
 EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp, size_t piece = SIZE_MAX);
-EngineScript Replying(std::string_view text);                // the same with a NUL behind it
-EngineScript Silent(std::string beginning = "");             // the same without an end
-EngineScript DyingAfter(size_t bytes, bool resets = false);  // as soon as it has received so many
-EngineScript Deaf();                                         // never reads
+EngineScript Replying(std::string_view text);                       // the same with a NUL behind it
+EngineScript DyingAfter(size_t bytes, bool resets = false);         // as soon as it has received so many
+inline const EngineScript kDeaf = [](Wire& wire) { wire.Hold(); };  // never reads
 EngineScript Endless(std::string beginning);  // the beginning and then x after x, without a NUL
 // As clamd does: PONG, its version, and to a scan FOUND when the data is the EICAR string or holds VIRUS,
 // "what?" when it holds GARBLE, else OK.
 struct ClamdTraits {
     bool shifted = false;  // undoes the shift of the plug-in's encrypt setting first
     std::string version = "ClamAV 1.4.3/27000/Mon Jan  1 00:00:00 2024";
-    bool signatures = true;  // false: everything is clean
 };
 EngineScript Realistic(ClamdTraits traits = {});
-// For the engine program: "silent", "deaf", "endless", "die BYTES", "realistic", "shifted" (realistic, and
-// undoes the shift); any other words are the reply.
-EngineScript ScriptNamed(const std::string& words);
 
 class ScriptedEngine {
  public:
@@ -97,8 +92,6 @@ class ScriptedEngine {
     explicit ScriptedEngine(EngineScript script = Replying("stream: OK"), uint16_t port = 0,
                             bool keeps_requests = true);
     ~ScriptedEngine() { Kill(); }
-    ScriptedEngine(const ScriptedEngine&) = delete;
-    ScriptedEngine& operator=(const ScriptedEngine&) = delete;
 
     uint16_t Port() const { return port_; }
     std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
@@ -114,7 +107,7 @@ class ScriptedEngine {
  private:
     struct Connection : Wire::Script {
         using Script::Script;
-        std::thread thread;
+        std::jthread thread;
     };
     void Accept(SOCKET listener);
 
@@ -126,7 +119,7 @@ class ScriptedEngine {
     std::atomic<bool> killed_ = true;
     std::atomic<unsigned> accepted_ = 0;
     std::atomic<unsigned> ended_ = 0;
-    std::thread accepting_;
+    std::jthread accepting_;
 };
 
 // What clients say.
