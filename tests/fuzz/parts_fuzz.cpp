@@ -10,11 +10,7 @@
 
 namespace kesto {
 
-void Expect(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
+const auto Expect = [](bool holds) { return holds ? void() : abort(); };
 
 // A client's bytes come out the same cut into pieces or whole, and undoing the shift touches data only. The
 // first byte tells the size of the pieces.

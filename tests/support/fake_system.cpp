@@ -144,8 +144,8 @@ void ImportPatch::Write(void* function) {
 
 FakeSystem::FakeSystem(const PluginLibrary& plugin) {
     g_system = this;
-    const auto patch = [&](const char* name, auto* function) {
-        patches_.emplace_back(plugin.module, name, function);
+    const auto patch = [&](const char* name, auto* call) {
+        patches_.emplace_back(plugin.module, name, call);
     };
     patch("GetTickCount", TickCount);
     patch("Sleep", Pause);
@@ -158,10 +158,6 @@ FakeSystem::FakeSystem(const PluginLibrary& plugin) {
     patch("CreateProcessA", Create);
     patch("GetExitCodeProcess", ExitCodeOf);
     patch("connect", Connect);
-}
-
-FakeSystem::~FakeSystem() {
-    g_system = nullptr;
 }
 
 }  // namespace kesto

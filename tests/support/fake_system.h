@@ -62,7 +62,6 @@ struct SystemState {
 class FakeSystem : public SystemState {  // one at a time
  public:
     explicit FakeSystem(const PluginLibrary& plugin);
-    ~FakeSystem();
     void Become(const SystemState& state) { static_cast<SystemState&>(*this) = state; }
 
     std::vector<std::string> calls;  // in order, with what matters of their arguments
@@ -80,7 +79,7 @@ struct DrivenPlugin {
         installed.WriteSettings(settings);
         return plugin.Initialize(installed.folder);
     }
-    ScanOutcome Scan(std::string_view data, std::string_view name = "mail.eml") const {
+    std::string Scan(std::string_view data, std::string_view name = "mail.eml") const {
         return ScanWith(plugin, data, name);
     }
 

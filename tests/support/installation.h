@@ -19,23 +19,14 @@
 
 namespace kesto {
 
-// Processes whose program file has this name, in any folder.
-std::vector<DWORD> ProcessesNamed(const char* name);
-
-// One start of a stand-in program.
-struct ProgramStart {
-    DWORD process_id;
-    std::string folder;
-    std::string command_line;
-};
+// How many processes are named kestoav.exe, in any folder.
+size_t CountEngines();
 
 class Installation {
  public:
     explicit Installation(const std::wstring& name = L"plugin");  // of the folder; blanks are allowed
     // Ends every program that runs from below `top`, and waits for it.
     ~Installation();
-    Installation(const Installation&) = delete;
-    Installation& operator=(const Installation&) = delete;
 
     const std::filesystem::path top;
     const std::filesystem::path folder;
@@ -62,7 +53,7 @@ class Installation {
                          const char* program = "kestoav.exe") const;
     // Starts a stand-in from the test itself and waits until it has taken up its role.
     void StartStandIn(const std::filesystem::path& program);
-    std::vector<ProgramStart> Starts(const std::filesystem::path& program) const;
+    size_t Starts(const std::filesystem::path& program) const;  // of a stand-in, so far
     bool WaitForStarts(const std::filesystem::path& program, size_t count) const;
     void Release(const std::filesystem::path& program) const;
     // Ends all programs that run from below `top`, and waits for it.

@@ -104,10 +104,9 @@ void Wire::ReplyAndHangUp(std::string_view text) {
 }
 
 void Wire::Hold() {
-    WhenReady([] {
-        WSASetLastError(WSAEWOULDBLOCK);
-        return -1;
-    });
+    while (!script_->cut) {
+        Sleep(1);
+    }
 }
 
 void Wire::Reset() {
@@ -168,8 +167,7 @@ EngineScript Realistic(ClamdTraits traits) {
     };
 }
 
-ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port, bool keeps_requests)
-    : script_(std::move(script)), port_(port), keeps_requests_(keeps_requests) {
+ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port) : script_(std::move(script)), port_(port) {
     Revive();
 }
 
@@ -212,7 +210,7 @@ void ScriptedEngine::Accept(SOCKET listener) {
                         wire.Reset();
                     }
                 }
-                if (!keeps_requests_) {
+                if (accepted_ > 100) {  // memory has its end
                     it.request = {};
                 }
                 ++ended_;

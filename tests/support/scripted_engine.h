@@ -89,8 +89,7 @@ EngineScript Realistic(ClamdTraits traits = {});
 class ScriptedEngine {
  public:
     // Listens on 127.0.0.1 at once; port 0 takes a free one. Throws when the port is taken.
-    explicit ScriptedEngine(EngineScript script = Replying("stream: OK"), uint16_t port = 0,
-                            bool keeps_requests = true);
+    explicit ScriptedEngine(EngineScript script = Replying("stream: OK"), uint16_t port = 0);
     ~ScriptedEngine() { Kill(); }
 
     uint16_t Port() const { return port_; }
@@ -102,7 +101,7 @@ class ScriptedEngine {
 
     unsigned Accepted() const { return accepted_; }  // connections so far
     unsigned Ended() const { return ended_; }        // connections whose script has returned
-    std::vector<EngineRequest> Requests() const;     // in the order in which they were accepted
+    std::vector<EngineRequest> Requests() const;     // as accepted; of the first hundred
 
  private:
     struct Connection : Wire::Script {
@@ -115,7 +114,6 @@ class ScriptedEngine {
     EngineScript script_;
     std::list<Connection> connections_;
     uint16_t port_;
-    bool keeps_requests_;
     std::atomic<bool> killed_ = true;
     std::atomic<unsigned> accepted_ = 0;
     std::atomic<unsigned> ended_ = 0;
