@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <list>
 #include <map>
 #include <sstream>
@@ -239,8 +238,9 @@ TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
     const auto fill = [](KeptStream& stream, size_t size) {
         size_t done = 0;
         for (size_t part = 1; done < size && part > 0; done += part) {
-            part = std::min(stream.Space().size(), size - done);
-            std::memset(stream.Space().data(), 0, part);
+            const auto space = stream.Space();
+            part = std::min(space.size(), size - done);
+            std::fill_n(space.begin(), part, uint8_t{0});
             stream.Append(part);
         }
         return done;

@@ -12,14 +12,10 @@ namespace {
 using namespace testing;
 
 int FreeThreadSlots() {
-    std::vector<DWORD> slots;
-    for (DWORD slot; (slot = TlsAlloc()) != TLS_OUT_OF_INDEXES;) {
-        slots.push_back(slot);
-    }
-    for (const DWORD slot : slots) {
-        TlsFree(slot);
-    }
-    return static_cast<int>(slots.size());
+    const DWORD slot = TlsAlloc();
+    const int free = slot == TLS_OUT_OF_INDEXES ? 0 : 1 + FreeThreadSlots();
+    TlsFree(slot);
+    return free;
 }
 
 // With an engine process that is none of the plug-in's, and serves.
@@ -28,12 +24,9 @@ class RealEngineTest : public testing::Test {
     RealEngineTest() {
         installed.PlaceStandIn(installed.elsewhere, "engine " + std::to_string(port) + " shifted");
         installed.StartStandIn(installed.elsewhere);
-        // Servers enough that a list lost at each load shows.
-        std::string servers = Servers(port);
-        for (int i = 0; i < 50; ++i) {
-            servers.insert(servers.size() - 1, " not:asked");
-        }
-        installed.WriteSettings(servers + "autostart=0");
+        // A list so long that one lost at each load shows.
+        installed.WriteSettings("autostart=0\nservers=127.0.0.1:" + std::to_string(port) +
+                                std::string(50, ' '));
     }
     const uint16_t port = FreePort();
     Installation installed;

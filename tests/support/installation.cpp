@@ -138,8 +138,4 @@ bool Installation::WaitForStarts(const std::filesystem::path& program, size_t co
     return WaitFor([&] { return Starts(program) >= count; });
 }
 
-void Installation::Release(const std::filesystem::path& program) const {
-    WriteFile(Beside(program, ".release"), "");
-}
-
 }  // namespace kesto

@@ -43,9 +43,9 @@ class Installation {
     // above them.
     std::vector<std::string> LogMessages() const;
 
-    // Puts the stand-in there. Roles: "wait", "exit CODE", "release CODE" (ends after Release), "engine
-    // PORT SCRIPT" (a ScriptedEngine, see ScriptNamed).
-    // A program that is there already takes up the new role at its next start.
+    // Puts the stand-in there. Roles: "wait", "exit CODE", "release CODE" (ends once PROGRAM.release is
+    // there), "engine PORT SCRIPT" (a ScriptedEngine, see ScriptNamed). A program that is there already takes
+    // up the new role at its next start.
     void PlaceStandIn(const std::filesystem::path& program, const std::string& role) const;
     // Puts the real bridge there as the engine, with an empty bridge.log and a bridge.ini of a free port,
     // which is returned.
@@ -55,7 +55,6 @@ class Installation {
     void StartStandIn(const std::filesystem::path& program);
     size_t Starts(const std::filesystem::path& program) const;  // of a stand-in, so far
     bool WaitForStarts(const std::filesystem::path& program, size_t count) const;
-    void Release(const std::filesystem::path& program) const;
     // Ends all programs that run from below `top`, and waits for it.
     void EndPrograms() const;
 

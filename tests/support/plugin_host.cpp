@@ -1,22 +1,13 @@
 #include "tests/support/plugin_host.h"
 
 #include <algorithm>
-#include <stdexcept>
 
 namespace kesto {
-namespace {
 
-PluginLibrary LoadOrThrow(const Installation& installed) {
-    std::string error;
-    if (const auto plugin = LoadPlugin((installed.folder / "CLAMDLL.dll").wstring(), error)) {
-        return *plugin;
-    }
-    throw std::runtime_error(error);
-}
+static std::string g_load_error;
 
-}  // namespace
-
-LoadedPlugin::LoadedPlugin(const Installation& installed) : PluginLibrary(LoadOrThrow(installed)) {}
+LoadedPlugin::LoadedPlugin(const Installation& installed)
+    : PluginLibrary(LoadPlugin((installed.folder / "CLAMDLL.dll").wstring(), g_load_error).value()) {}
 
 LoadedPlugin::~LoadedPlugin() {
     ClosePlugin(*this);
