@@ -44,8 +44,10 @@ std::string InWords(const std::vector<std::string>& messages) {
 TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
     constexpr uint32_t kLate = 1'000'000'000;
     const FakeProcess engine;
-    // `log`: of a scan that fails when it gave up
-    const std::tuple<const char*, SystemState, const char*> cases[] = {
+    const std::string missing = "scan restart stop missing start", refused = "scan refused restart stop ";
+    const std::string ended = refused + "terminated ended ending";
+    // The log is of a scan that fails when it gave up.
+    const std::tuple<std::string, SystemState, std::string> cases[] = {
         {"", {}, "scan"},
         // A limit of n seconds is over when n + 1 have passed.
         {"", {.accepts_from = 10'000}, "scan refused*10"},
@@ -53,41 +55,33 @@ TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
         {"connectwait=-1", {.accepts_from = 100'000}, "scan refused*100"},
         // Not looked for between passes.
         {"", {.processes = {{.ends = 1500}}, .accepts_from = 5000}, "scan refused*5"},
-        {"", {.processes = {}}, "scan restart stop missing start"},
-        {"", {.processes = {}, .started = {.appears = 500}}, "scan restart stop missing start starting*5"},
-        {"startwait=-1",
-         {.processes = {}, .started = {.appears = 300'000}},
-         "scan restart stop missing start starting*3000"},
+        {"", {.processes = {}}, missing},
+        {"startwait=-1", {.processes = {}, .started = {.appears = 300'000}}, missing + " starting*3000"},
         {"",
          {.processes = {}, .starts = false, .start_error = 2},
-         "scan restart stop missing start failed:2 starting*1211 dead gave-up"},
+         missing + " failed:2 starting*1211 dead gave-up"},
         {"startwait=0",
          {.processes = {}, .starts = false, .start_error = 0xFFFFFFFF},
-         "scan restart stop missing start failed:-1 starting*11 dead gave-up"},
-        {"startwait=0",
-         {.processes = {}, .starts = false},
-         "scan restart stop missing start failed:0 starting*11 dead gave-up"},
-        {"startwait=0", {.enumerates = false}, "scan restart stop missing start starting*11 dead gave-up"},
-        {"connectwait=0",
-         {.accepts_from = 1001, .end_takes = 250},
-         "scan refused restart stop terminated ended ending*3 start"},
+         missing + " failed:-1 starting*11 dead gave-up"},
+        {"startwait=0", {.processes = {}, .starts = false}, missing + " failed:0 starting*11 dead gave-up"},
+        {"startwait=0", {.enumerates = false}, missing + " starting*11 dead gave-up"},
+        {"connectwait=0", {.accepts_from = 1001, .end_takes = 250}, ended + "*3 start"},
         // Of two only one is ended, and none started.
         {"connectwait=0\nstartwait=2",
          {.processes = {engine, engine}, .accepts_from = kLate},
-         "scan refused restart stop terminated ended ending*31 alive gave-up"},
+         ended + "*31 alive gave-up"},
         {"connectwait=0\nstartwait=2",
          {.accepts_from = kLate, .end_takes = kNever},
-         "scan refused restart stop terminated ended ending*31 alive gave-up"},
+         ended + "*31 alive gave-up"},
         {"connectwait=0\nstartwait=2",
          {.processes = {{.refused = PROCESS_TERMINATE}}, .accepts_from = kLate},
-         "scan refused restart stop ending*31 alive gave-up"},
+         refused + "ending*31 alive gave-up"},
         // Without the right to ask an engine for its name it is not seen.
-        {"", {.processes = {{.refused = PROCESS_QUERY_INFORMATION}}}, "scan restart stop missing start"},
+        {"", {.processes = {{.refused = PROCESS_QUERY_INFORMATION}}}, missing},
         // The restart's time is taken from the connecting after it, whose limit is startwait.
         {"startwait=3",
          {.processes = {}, .accepts_from = 4001, .started = {.appears = 2000}},
-         "scan restart stop missing start starting*20 refused*2 restart stop terminated ended start "
-         "starting*20"},
+         missing + " starting*20 refused*2 restart stop terminated ended start starting*20"},
     };
     for (const auto& [settings, state, log] : cases) {
         SCOPED_TRACE(log);
@@ -96,7 +90,7 @@ TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
         it.installed.CreateLog();
         it.Start(Servers(server.Port()) + "autostart=0\n" + settings);
         it.system.Become(state);
-        EXPECT_EQ(it.Scan("x"), strstr(log, "gave-up") ? "failed 1001" : "clean");
+        EXPECT_EQ(it.Scan("x"), log.ends_with("gave-up") ? "failed 1001" : "clean");
         EXPECT_EQ(InWords(it.installed.LogMessages()), log);
         // The two handles of every start are kept, by design.
         const size_t starts = it.system.processes.size() - state.processes.size();

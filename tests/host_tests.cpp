@@ -191,8 +191,8 @@ TEST_F(HostTest, CtrlCEndsWithWholeLinesAndLeavesTheEngineThatItStarted) {
 TEST_F(HostTest, AHopelessInstallationIsToldBeforeTheFirstScan) {
     installed.PlaceStandIn(installed.engine, "exit 1");
     WriteFile(installed.engine_folder / "bridge.ini", "[bridge]\r\nidle=0\r\n");
-    EXPECT_THAT(Run(L"clean clean").err,
-                StartsWith("kestoscan: the engine " + installed.engine.string() +
+    EXPECT_THAT(Told(L"clean clean"),
+                StartsWith("2: kestoscan: the engine " + installed.engine.string() +
                            " ends at once\nfailed   bridge settings: bridge.ini line 2: idle=0 "));
     EXPECT_EQ(installed.Starts(installed.engine), 1u);
 
@@ -224,8 +224,8 @@ TEST_F(HostTest, VersionWaitsForAnEngineThatItStarted) {
     engine.Play([this](Wire& wire) {  // at first it only hangs up, as one that starts does
         engine.Accepted() > 1 ? Realistic()(wire) : wire.FinishSending();
     });
-    EXPECT_EQ(Told(L"--version"),
-              "0: KESTOAV Version 1.0.4\nAV Database 27000 - Updated Mon Jan  1 00:00:00 2024\n");
+    EXPECT_THAT(Told(L"--version"),
+                StartsWith("0: KESTOAV Version 1.0.4\nAV Database 27000 - Updated Mon Jan  1"));
     engine.Kill();
     EXPECT_EQ(Run(L"--version").status, 2u);
 }
