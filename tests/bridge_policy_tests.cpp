@@ -166,6 +166,8 @@ TEST(BridgeScan, ErrorsAreHeldAgainstAServerBesideAVerdictOnly) {
     EXPECT_EQ(ProbesDue(silence.fleet, silence.now).size(), 1u);  // sick, or only busy?
     silence.Tell("20 reply 1 K > =K");
     EXPECT_EQ(silence['a'].failed_in_row, 1u);
+    silence.Tell("20 new > a | 20 reply 0 K > =K");
+    EXPECT_EQ(silence['a'].failed_in_row + silence['a'].open, 0u);
 }
 
 TEST(BridgeScan, OneInTenIsAskedBeside) {

@@ -5,8 +5,7 @@
 #include <ctime>
 
 #include "host/check/test_samples.h"
-#include "tests/support/installation.h"
-#include "tests/support/scripted_engine.h"
+#include "tests/support/plugin_host.h"
 
 namespace kesto {
 namespace {
@@ -42,10 +41,7 @@ class CheckTest : public Test {
         installed.StartStandIn(installed.engine);
         Configure();
     }
-    void Configure(const std::string& more = "", uint16_t port = 0) {
-        installed.WriteSettings("servers=127.0.0.1:" + std::to_string(port == 0 ? engine.Port() : port) +
-                                "\n" + more);
-    }
+    void Configure(const std::string& more = "") { installed.WriteSettings(Servers(engine.Port()) + more); }
     RunResult Check(const std::wstring& arguments = L"") const {
         return ProgramRun(installed.folder / "kestoscan.exe", L"--check" + arguments).Finish();
     }
@@ -112,7 +108,7 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
     const uint16_t port = installed.PlaceBridge(good.Address() + " " + blind.Address() + " " + dead);
     const ProgramRun bridge(installed.engine);
     ASSERT_TRUE(WaitFor([&] { return Ask(port, WithNul("zPING")) == WithNul("PONG"); }));
-    Configure("", port);
+    installed.WriteSettings(Servers(port));
     EXPECT_THAT(Check().out,
                 AllOf(HasSubstr("ok       upstream " + good.Address() + " 2 MB stream: found clean"),
                       HasSubstr("failed   upstream " + blind.Address() + " EICAR: found clean"),

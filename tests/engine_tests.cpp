@@ -116,30 +116,28 @@ TEST(Engine, IsHandledWithTheseRightsAndInThisOrder) {
 TEST(Engine, IsWhateverProgramIsNamedSo) {
     const std::string other = "\\Device\\services.exe", folder = "\\Device\\x";
     const std::string longest = folder + std::string(519 - folder.size() - 12, 'y') + "\\kestoav.exe";
-    std::vector<FakeProcess> many(10'238, FakeProcess{.image = other});
-    many.push_back({});
-    std::vector<FakeProcess> one_more = many;
-    one_more.insert(one_more.begin(), FakeProcess{.image = other});
-    const std::tuple<std::vector<FakeProcess>, bool> cases[] = {
-        {{{.image = folder + "\\KESTOav.exE"}}, true},
-        {{{.image = "\\kestoav.exe"}}, true},
-        {{{.image = other}, {.image = folder + "\\Kestoav.EXE"}}, true},
-        {{{.image = folder + "\\xkestoav.exe"}}, false},
-        {{{.image = folder + "\\kestoav.exe.old"}}, false},
-        {{{.image = folder + "\\kestoav"}}, false},
-        {{{.image = folder + "\\kestoav.exe\\other.exe"}}, false},
-        {{{.image = "kestoav.exe"}}, false},
-        {{{.image = longest}}, true},
-        {{{.image = "\\" + longest}}, false},
+    std::vector<std::string> many(10'238, other), one_more(10'239, other);
+    many.push_back("\\kestoav.exe");
+    one_more.push_back("\\kestoav.exe");
+    const std::pair<std::vector<std::string>, bool> cases[] = {
+        // images, and whether an engine is found
+        {{other, folder + "\\KESTOav.exE"}, true},
+        {{folder + "\\xkestoav.exe", folder + "\\kestoav.exe.old", folder + "\\kestoav",
+          folder + "\\kestoav.exe\\other.exe", "kestoav.exe", "\\" + longest},
+         false},
+        {{longest}, true},
         {many, true},
         {one_more, false},  // beyond what is asked for
     };
     DrivenPlugin it;
-    for (const auto& [processes, found] : cases) {
-        it.system.Become({.processes = processes});
+    for (const auto& [images, found] : cases) {
+        it.system.Become({.processes = {}});
+        for (const std::string& image : images) {
+            it.system.processes.push_back({.image = image});
+        }
         it.system.calls.clear();
         EXPECT_EQ(it.Start(""), 0);
-        EXPECT_EQ(it.system.calls.back().starts_with("start "), !found) << processes[0].image;
+        EXPECT_EQ(it.system.calls.back().starts_with("start "), !found) << images[0];
     }
 }
 

@@ -1,6 +1,8 @@
 // The parts that need no Windows; they also run natively under the sanitizers.
 #include <gmock/gmock.h>
 
+#include <numeric>
+
 #include "base/server_list.h"
 #include "engine/byte_shift.h"
 #include "host/check/database_age.h"
@@ -31,11 +33,9 @@ TEST(ServerList, SplitsAtSingleBlanksAndReadsPortsAsNumbersOf16Bits) {
 }
 
 TEST(ByteShift, WrapsAndStaysWithinTheCount) {
-    std::string all, shifted;
-    for (int i = 0; i < 600; ++i) {
-        all += static_cast<char>(i);
-        shifted += static_cast<char>(i + 255);
-    }
+    std::string all(600, '\0'), shifted = all;
+    std::iota(all.begin(), all.end(), '\0');
+    std::iota(shifted.begin(), shifted.end(), '\xFF');
     for (size_t i = 0; i < 16 * 580; ++i) {
         const size_t first = i % 16, count = i / 16;
         std::string bytes = all;

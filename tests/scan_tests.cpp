@@ -47,6 +47,8 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
     } cases[] = {
         {Replying("stream: OK"), "clean"},
         {Replying("stream: Heuristics failed ERROR"), "clean"},
+        {Replying("stream: FOUND"), "clean"},  // the blank belongs to "stream: "
+        {Replying("stream: X FOUND "), "clean"},
         {found(""), "mail.eml: "},
         {found("Two words.%s"), "mail.eml: Two words.%s"},
         {found(v49), "mail.eml: " + v49},

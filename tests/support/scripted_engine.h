@@ -42,7 +42,6 @@ class Wire {
         EngineRequest request;
     };
     explicit Wire(SOCKET connected, Script* script = nullptr);
-    Wire(Wire&& other) noexcept : socket_(std::exchange(other.socket_, INVALID_SOCKET)) {}  // of clients
     ~Wire() { closesocket(socket_); }
 
     bool Send(std::string_view bytes);
