@@ -211,8 +211,8 @@ TEST(BridgeClient, WhoeverBreaksTheRulesHurtsNobodyElse) {
     leaving.FinishSending();
     EXPECT_TRUE(WaitFor([&] { return clamd.Ended() == 2; }));
     EXPECT_EQ(whole, 1u);
-    for (size_t at = 0; at < request.size(); at += 30'000, Sleep(600)) {  // twice as long as `idle` in all
-        EXPECT_TRUE(slow.Send(std::string_view(request).substr(at, 30'000)));
+    for (size_t at = 0; at < request.size(); at += 15'000, Sleep(600)) {  // twice as long as `idle` in all
+        EXPECT_TRUE(slow.Send(std::string_view(request).substr(at, 15'000)));
     }
     EXPECT_EQ(slow.Receive(), kFound);
     EXPECT_TRUE(slow.Send("late"));
