@@ -4,14 +4,10 @@
 set -euo pipefail
 . "$(dirname "$0")/../scripts/lib.sh"
 
-fail() {
-  echo "FAILED: $*" >&2
-  exit 1
-}
+fail() { echo "FAILED: $*" >&2 && exit 1; }
 
 if [ -z "${KESTOAV_TEST_CLAMD_PORT:-}" ]; then
-  echo "skipped: KESTOAV_TEST_CLAMD_PORT names no clamd; scripts/test starts one"
-  exit 77
+  echo "skipped: KESTOAV_TEST_CLAMD_PORT names no clamd; scripts/test starts one" && exit 77
 fi
 
 pack() { # UMASK
@@ -25,9 +21,10 @@ second=$(pack 077)
 installed="$work/KESTO AV"
 unzip -q "$top"/build/release/kestoav-*-win32.zip -d "$installed"
 cd "$installed"
-[ "$(find . -type f | sort | tr '\n' ' ')" = "./CHANGES.txt ./CLAMDLL.dll ./INSTALL.txt \
-./KESTOSCAN.txt ./OPERATIONS.txt ./README.txt ./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe ./plugins/kestoav/bridge.ini \
-./plugins/kestoav/kestoav.exe " ] || fail "the zip holds $(find . -type f)"
+files=$(find . -type f | sort | xargs)
+[ "$files" = "./CHANGES.txt ./CLAMDLL.dll ./INSTALL.txt ./KESTOSCAN.txt ./OPERATIONS.txt ./README.txt \
+./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe \
+./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoav.exe" ] || fail "the zip holds $files"
 for text in *.txt *.ini plugins/kestoav/*.ini; do
   if grep -qv $'\r$' "$text"; then fail "$text has lines that do not end in CR LF"; fi
 done

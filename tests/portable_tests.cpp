@@ -1,94 +1,111 @@
 // The parts that need no Windows; they also run natively under the sanitizers.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <cstdint>
-#include <string>
+#include <numeric>
 
-#include "base/elapsed_seconds.h"
 #include "base/server_list.h"
 #include "engine/byte_shift.h"
-#include "engine/reply_verdict.h"
+#include "host/check/database_age.h"
+#include "host/check/ini_lint.h"
+#include "host/progress.h"
 
 namespace kesto {
 namespace {
 
-std::string Listed(std::string_view text) {
-    ServerList servers;
-    servers.Append(text);
-    std::string list;
-    for (const ServerEntry& each : servers) {
-        list += std::string("<") + each.host + "|" + std::to_string(each.port) + ">";
-    }
-    return list;
-}
-
 TEST(ServerList, SplitsAtSingleBlanksAndReadsPortsAsNumbersOf16Bits) {
-    const std::tuple<const char*, const char*> cases[] = {
-        {"a:1 b", "<a|1><b|3313>"},
+    const std::pair<const char*, const char*> cases[] = {
         {"a:1  b", "<a|1><|3313><b|3313>"},
         {" a ", "<|3313><a|3313><|3313>"},
         {"", "<|3313>"},
-        {"a\t,b:2", "<a\t,b|2>"},
-        {":5", "<|5>"},
+        {"a\t,b:2 [::1]:3310 h:1:2", "<a\t,b|2><[|0><h|1>"},
         {"h: h:x h:-1 h:70000 h:010 h:0x1F h:+7 h:\t8 h:9z",
          "<h|0><h|0><h|65535><h|4464><h|10><h|0><h|7><h|8><h|9>"},
-        {"[::1]:3310", "<[|0>"},
-        {"h:1:2", "<h|1>"},
     };
-    for (const auto& [text, list] : cases) {
-        EXPECT_EQ(Listed(text), list) << text;
-    }
-}
-
-TEST(ReplyVerdict, TellsCleanInfectedAndUnexpected) {
-    using enum VerdictKind;
-    const std::tuple<const char*, VerdictKind, const char*> cases[] = {
-        {"stream: OK", kClean, ""},
-        {"stream: OK ", kClean, ""},
-        {"stream: ", kClean, ""},
-        {"stream: FOUND", kClean, ""},  // the blank belongs to "stream: "
-        {"stream:  FOUND", kInfected, ""},
-        {"stream: Eicar Test FOUND", kInfected, "Eicar Test"},
-        {"stream:   padded  FOUND", kInfected, "  padded "},
-        {"stream: X FOUND FOUND", kInfected, "X FOUND"},
-        {"stream: X found", kClean, ""},
-        {"stream: X FOUND ", kClean, ""},
-        {"stream: INSTREAM size limit exceeded. ERROR", kClean, ""},
-        {"stream:", kUnexpectedReply, "stream:"},
-        {"STREAM: OK", kUnexpectedReply, "STREAM: OK"},
-        {" stream: OK", kUnexpectedReply, " stream: OK"},
-        {"INSTREAM size limit exceeded. ERROR", kUnexpectedReply, "INSTREAM size limit exceeded. ERROR"},
-        {"", kUnexpectedReply, ""},
-        {"%s%n FOUND", kUnexpectedReply, "%s%n FOUND"},
-    };
-    for (const auto& [reply, kind, text] : cases) {
-        const ScanVerdict verdict = VerdictOfReply(reply);
-        EXPECT_EQ(verdict.kind, kind) << reply;
-        EXPECT_EQ(verdict.text, text) << reply;
+    for (const auto& [text, expected] : cases) {
+        ServerList servers;
+        servers.Append(text);
+        std::string list;
+        for (const ServerEntry& each : servers) {
+            list += std::string("<") + each.host + "|" + std::to_string(each.port) + ">";
+        }
+        EXPECT_EQ(list, expected);
     }
 }
 
 TEST(ByteShift, WrapsAndStaysWithinTheCount) {
-    std::string all, shifted;
-    for (int i = 0; i < 600; ++i) {
-        all += static_cast<char>(i);
-        shifted += static_cast<char>(i + 255);
-    }
-    for (size_t first = 0; first < 16; ++first) {
-        for (size_t count = 0; count < 580; ++count) {
-            std::string bytes = all;
-            ShiftBytesDown(reinterpret_cast<uint8_t*>(bytes.data()) + first, count);
-            ASSERT_EQ(bytes, std::string(all).replace(first, count, shifted, first, count))
-                << first << ' ' << count;
-        }
+    std::string all(600, '\0'), shifted = all;
+    std::iota(all.begin(), all.end(), '\0');
+    std::iota(shifted.begin(), shifted.end(), '\xFF');
+    for (size_t i = 0; i < 16 * 580; ++i) {
+        const size_t first = i % 16, count = i / 16;
+        std::string bytes = all;
+        ShiftBytesDown(reinterpret_cast<uint8_t*>(bytes.data()) + first, count);
+        ASSERT_EQ(bytes, std::string(all).replace(first, count, shifted, first, count)) << i;
     }
 }
 
-TEST(ElapsedSeconds, RoundsDownAndSeesThroughTheWrapOfTheTickCount) {
-    EXPECT_EQ(ElapsedSeconds(1000, 1999), 0u);
-    EXPECT_EQ(ElapsedSeconds(1000, 2000), 1u);
-    EXPECT_EQ(ElapsedSeconds(0xFFFFFF00u, 0xFFFFFF00u + 2500), 2u);
-    EXPECT_EQ(ElapsedSeconds(5, 4), 4294967u);
+TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
+    // The lines below the section, a part of the one finding's text and remedy (empty for none), and whether
+    // the plug-in misreads it.
+    const std::tuple<std::string, const char*, bool> cases[] = {
+        {"encrypt=0\r\nautostart=1\r\nstartwait=120\r\nlogfile=C:\\logs\\av.log\r\n[other]\r\nwords", "",
+         true},
+        {"# comment\r\nServers = \"10.0.0.1 scan:3310\"", "", true},
+        {"[kestav]", "write [kestoav]", true},
+        {"[kestoav]\nencrypt=0", "second section", true},
+        {"\nencrypt=1\nEncrypt=0\n", "second time", true},
+        {"autostrat=0", "write autostart=", true},
+        {"colour=red", "remove the line", false},
+        {"just words", "no setting", false},
+        {"encrypt=true", "read as 0, which is off", true},
+        {"autostart=", "no number", true},
+        {"startwait=120s", "ends before", true},
+        {"connectwait=-1", "over a century", true},
+        {"startwait=86400", "over an hour", false},
+        {"servers=127.0.0.1:0", "port of \"127.0.0.1:0\" is 0", true},
+        {"servers=127.0.0.1:65536", "above 65535", true},
+        {"servers=127.0.0.1:65535 b:1", "", true},
+        {"servers=127.0.0.1:", "port of \"127.0.0.1:\" is no number", true},
+        {"servers=a:1  b:2", "empty host", true},
+        {"servers=a:1,b:2", "single blanks only", true},
+        {"servers=127.0.0.1:3313 ; ours", "comment", true},
+        {"servers=LocalHost:3313", "write 127.0.0.1", false},
+        {"servers=" + std::string(1000, 'a'), "cut", true},
+        {"logfile=av.log", "relative", false},
+        {"logfile=C:\\%TEMP%\\av.log", "not replaced", false},
+        {"logfile=C:\\" + std::string(300, 'a'), "cut", true},
+    };
+    for (const auto& [lines, expected, misread] : cases) {
+        const auto findings = LintIni("[kestoav]\r\n" + lines);
+        ASSERT_EQ(findings.size(), *expected == '\0' ? 0u : 1u) << lines;
+        for (const IniFinding& each : findings) {
+            EXPECT_THAT(each.text + " -> " + each.remedy, testing::HasSubstr(expected));
+            EXPECT_EQ(each.misread, misread) << lines;
+            EXPECT_EQ(each.line, lines[0] == '\n' ? 4u : 2u) << lines;
+        }
+    }
+    EXPECT_THAT(LintIni("").at(0).text, testing::HasSubstr("no section [kestoav]"));
+    EXPECT_THAT(LintIni("\xEF\xBB\xBF[kestoav]\n").at(0).text, testing::HasSubstr("byte order mark"));
+}
+
+TEST(DatabaseAge, CountsDaysOfThreeFieldsOnly) {
+    using namespace std::chrono;
+    const sys_days today = 2026y / November / 21;
+    EXPECT_EQ(DatabaseAgeDays("ClamAV 1.0.9/27821/Fri Feb  6 09:12:31 2026", today), 288);
+    EXPECT_EQ(DatabaseAgeDays("ClamAV 1.0.9/27821/Tue Dec  1 09:12:31 2026", today), -10);
+    for (const char* odd : {"", "ClamAV 1.0.9", "a/b/c/d", "a/27821/Fri Foo  6 09:12:31 2026",
+                            "a/27821/Fri Feb 30 09:12:31 2026", "a/27821/Fri Feb 6 2026"}) {
+        EXPECT_EQ(DatabaseAgeDays(odd, today), std::nullopt) << odd;
+    }
+}
+
+TEST(ProgressText, TellsCountBytesRateAndTimeLeft) {
+    EXPECT_EQ(ProgressLine({0, 40, 0, 5'000'000, 0}), "0/40 files, 0 B");
+    EXPECT_EQ(ProgressLine({12, 40, 3'140'000, 10'140'000, 2}), "12/40 files, 3.1 MB, 1.6 MB/s, 0:04 left");
+    EXPECT_EQ(ProgressLine({1, 2, 1'000'000, 5'000'000'000, 1}), "1/2 files, 1.0 MB, 1.0 MB/s, 1:23:19 left");
+    // A file that has grown since it was listed.
+    EXPECT_EQ(ProgressLine({1, 2, 5000, 1000, 1}), "1/2 files, 5.0 kB, 5.0 kB/s, 0:00 left");
+    EXPECT_EQ(ByteText(999'960), "1.0 MB");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "tests/loopback/loopback.h"
 
+#include <span>
 #include <thread>
 
 namespace kesto {
@@ -27,7 +28,7 @@ sockaddr_in LoopbackAddress(uint16_t port) {
     return address;
 }
 
-SOCKET BindToLoopback(uint16_t& port) {
+SOCKET ListenOnLoopback(uint16_t& port, int queued) {
     const SOCKET bound = OwnSocket();
     sockaddr_in address = LoopbackAddress(port);
     int size = sizeof address;
@@ -36,14 +37,9 @@ SOCKET BindToLoopback(uint16_t& port) {
         closesocket(bound);
         return INVALID_SOCKET;
     }
+    listen(bound, queued);
     port = ntohs(address.sin_port);
     return bound;
-}
-
-SOCKET ListenOnLoopback(uint16_t& port) {
-    const SOCKET listener = BindToLoopback(port);
-    listen(listener, SOMAXCONN);
-    return listener;
 }
 
 uint16_t FreePort() {
@@ -62,17 +58,13 @@ SOCKET ConnectToLoopback(uint16_t port) {
     return INVALID_SOCKET;
 }
 
-UnansweredPort::UnansweredPort() {
-    sockets_[0] = BindToLoopback(port_);
-    listen(sockets_[0], 1);
+UnansweredPort::UnansweredPort() : sockets_{ListenOnLoopback(port_, 1)} {
     const sockaddr_in address = LoopbackAddress(port_);
-    for (SOCKET& queued : sockets_) {
-        if (&queued != sockets_) {
-            queued = OwnSocket();
-            u_long non_blocking = 1;
-            ioctlsocket(queued, FIONBIO, &non_blocking);
-            connect(queued, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-        }
+    for (SOCKET& queued : std::span(sockets_).subspan(1)) {
+        queued = OwnSocket();
+        u_long non_blocking = 1;
+        ioctlsocket(queued, FIONBIO, &non_blocking);
+        connect(queued, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     }
 }
 

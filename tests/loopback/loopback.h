@@ -13,10 +13,8 @@ namespace kesto {
 constexpr std::chrono::milliseconds kTestLimit{10000};
 
 sockaddr_in LoopbackAddress(uint16_t port);
-// A socket of that port, or of a free one for 0; `port` then holds it. INVALID_SOCKET if it is taken.
-SOCKET BindToLoopback(uint16_t& port);
-// A listener on a port of its own choice, or on one that was free a moment ago.
-SOCKET ListenOnLoopback(uint16_t& port);
+// A listener on that port, or on a free one for 0; `port` then holds it. INVALID_SOCKET if it is taken.
+SOCKET ListenOnLoopback(uint16_t& port, int queued = SOMAXCONN);
 uint16_t FreePort();
 SOCKET ConnectToLoopback(uint16_t port);  // INVALID_SOCKET when refused
 

@@ -10,10 +10,31 @@
 #include <vector>
 
 #include "tests/support/plugin_host.h"
-// windows.h, in what follows, must come after winsock2.h.
-#include "tests/support/import_patch.h"
 
 namespace kesto {
+
+// What a loaded library calls of the system, for as long as the object lives: how a test makes the system
+// fail, and sees exactly what it was asked.
+class ImportPatch {
+ public:
+    // Puts `replacement` in the place of the function that `module` imports by this name; throws when it
+    // imports none. The two must be declared alike.
+    template <class Function>
+    ImportPatch(void* module, const char* name, Function* replacement) : slot_(FindSlot(module, name)) {
+        original_ = *slot_;
+        Write(reinterpret_cast<void*>(replacement));
+    }
+    ~ImportPatch() { Write(original_); }
+    ImportPatch(const ImportPatch&) = delete;
+    ImportPatch& operator=(const ImportPatch&) = delete;
+
+ private:
+    static void** FindSlot(void* module, const char* name);
+    void Write(void* function);
+
+    void** slot_;
+    void* original_;
+};
 
 inline constexpr uint32_t kNever = UINT32_MAX;
 
@@ -41,7 +62,6 @@ struct SystemState {
 class FakeSystem : public SystemState {  // one at a time
  public:
     explicit FakeSystem(const PluginLibrary& plugin);
-    ~FakeSystem();
     void Become(const SystemState& state) { static_cast<SystemState&>(*this) = state; }
 
     std::vector<std::string> calls;  // in order, with what matters of their arguments
@@ -59,7 +79,7 @@ struct DrivenPlugin {
         installed.WriteSettings(settings);
         return plugin.Initialize(installed.folder);
     }
-    ScanOutcome Scan(std::string_view data, std::string_view name = "mail.eml") const {
+    std::string Scan(std::string_view data, std::string_view name = "mail.eml") const {
         return ScanWith(plugin, data, name);
     }
 

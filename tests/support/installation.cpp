@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <psapi.h>
 
+#include <algorithm>
 #include <fstream>
 #include <span>
 #include <sstream>
@@ -45,12 +46,6 @@ std::vector<std::pair<DWORD, std::filesystem::path>> AllPrograms() {
     return all;
 }
 
-void End(HANDLE process) {
-    TerminateProcess(process, 1);
-    WaitForSingleObject(process, static_cast<DWORD>(kTestLimit.count()));
-    CloseHandle(process);
-}
-
 // PROGRAM.role and its like.
 std::filesystem::path Beside(std::filesystem::path program, const char* ending) {
     return program += ending;
@@ -58,14 +53,11 @@ std::filesystem::path Beside(std::filesystem::path program, const char* ending) 
 
 }  // namespace
 
-std::vector<DWORD> ProcessesNamed(const char* name) {
-    std::vector<DWORD> found;
-    for (const auto& [id, program] : AllPrograms()) {
-        if (_wcsicmp(program.filename().c_str(), std::filesystem::path(name).c_str()) == 0) {
-            found.push_back(id);
-        }
-    }
-    return found;
+size_t CountEngines() {
+    const auto programs = AllPrograms();
+    return static_cast<size_t>(std::count_if(programs.begin(), programs.end(), [](const auto& each) {
+        return _wcsicmp(each.second.filename().c_str(), L"kestoav.exe") == 0;
+    }));
 }
 
 Installation::Installation(const std::wstring& name) : top(NewFolder()), folder(top / name) {
@@ -89,7 +81,10 @@ Installation::~Installation() {
 void Installation::EndPrograms() const {
     for (const auto& [id, program] : AllPrograms()) {
         if (program.wstring().starts_with(top.wstring() + L"\\")) {
-            End(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id));
+            const HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
+            TerminateProcess(process, 1);
+            WaitForSingleObject(process, static_cast<DWORD>(kTestLimit.count()));
+            CloseHandle(process);
         }
     }
 }
@@ -130,29 +125,17 @@ uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::stri
 }
 
 void Installation::StartStandIn(const std::filesystem::path& program) {
-    const size_t starts = Starts(program).size();
+    const size_t starts = Starts(program);
     started_.emplace_back(program);
     EXPECT_TRUE(WaitForStarts(program, starts + 1));
 }
 
-std::vector<ProgramStart> Installation::Starts(const std::filesystem::path& program) const {
-    std::istringstream lines(ReadFile(Beside(program, ".started")));
-    std::vector<ProgramStart> starts;
-    ProgramStart start = {};
-    for (std::string id; std::getline(lines, id, '\t') && std::getline(lines, start.folder, '\t') &&
-                         std::getline(lines, start.command_line) && !lines.eof();) {
-        start.process_id = std::stoul(id);
-        starts.push_back(start);
-    }
-    return starts;
+size_t Installation::Starts(const std::filesystem::path& program) const {
+    return ReadFile(Beside(program, ".started")).size();
 }
 
 bool Installation::WaitForStarts(const std::filesystem::path& program, size_t count) const {
-    return WaitFor([&] { return Starts(program).size() >= count; });
-}
-
-void Installation::Release(const std::filesystem::path& program) const {
-    WriteFile(Beside(program, ".release"), "");
+    return WaitFor([&] { return Starts(program) >= count; });
 }
 
 }  // namespace kesto

@@ -19,23 +19,14 @@
 
 namespace kesto {
 
-// Processes whose program file has this name, in any folder.
-std::vector<DWORD> ProcessesNamed(const char* name);
-
-// One start of a stand-in program.
-struct ProgramStart {
-    DWORD process_id;
-    std::string folder;
-    std::string command_line;
-};
+// How many processes are named kestoav.exe, in any folder.
+size_t CountEngines();
 
 class Installation {
  public:
     explicit Installation(const std::wstring& name = L"plugin");  // of the folder; blanks are allowed
     // Ends every program that runs from below `top`, and waits for it.
     ~Installation();
-    Installation(const Installation&) = delete;
-    Installation& operator=(const Installation&) = delete;
 
     const std::filesystem::path top;
     const std::filesystem::path folder;
@@ -52,9 +43,9 @@ class Installation {
     // above them.
     std::vector<std::string> LogMessages() const;
 
-    // Puts the stand-in there. Roles: "wait", "exit CODE", "release CODE" (ends after Release), "engine
-    // PORT SCRIPT" (a ScriptedEngine, see ScriptNamed).
-    // A program that is there already takes up the new role at its next start.
+    // Puts the stand-in there. Roles: "wait", "exit CODE", "release CODE" (ends once PROGRAM.release is
+    // there), "engine PORT SCRIPT" (a ScriptedEngine, see ScriptNamed). A program that is there already takes
+    // up the new role at its next start.
     void PlaceStandIn(const std::filesystem::path& program, const std::string& role) const;
     // Puts the real bridge there as the engine, with an empty bridge.log and a bridge.ini of a free port,
     // which is returned.
@@ -62,9 +53,8 @@ class Installation {
                          const char* program = "kestoav.exe") const;
     // Starts a stand-in from the test itself and waits until it has taken up its role.
     void StartStandIn(const std::filesystem::path& program);
-    std::vector<ProgramStart> Starts(const std::filesystem::path& program) const;
+    size_t Starts(const std::filesystem::path& program) const;  // of a stand-in, so far
     bool WaitForStarts(const std::filesystem::path& program, size_t count) const;
-    void Release(const std::filesystem::path& program) const;
     // Ends all programs that run from below `top`, and waits for it.
     void EndPrograms() const;
 

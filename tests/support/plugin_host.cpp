@@ -1,28 +1,13 @@
 #include "tests/support/plugin_host.h"
 
 #include <algorithm>
-#include <stdexcept>
 
 namespace kesto {
-namespace {
 
-PluginLibrary LoadOrThrow(const Installation& installed) {
-    std::string error;
-    if (const auto plugin = LoadPlugin((installed.folder / "CLAMDLL.dll").wstring(), error)) {
-        return *plugin;
-    }
-    throw std::runtime_error(error);
-}
+static std::string g_load_error;
 
-// Whether the host's words that only an infected file changes are as they were.
-bool ResultUntouched(const ScanOutcome& outcome) {
-    return outcome.reserved == kUntouched && outcome.infected == kUntouched &&
-           outcome.detection == ScanOutcome{.result = 0}.detection;
-}
-
-}  // namespace
-
-LoadedPlugin::LoadedPlugin(const Installation& installed) : PluginLibrary(LoadOrThrow(installed)) {}
+LoadedPlugin::LoadedPlugin(const Installation& installed)
+    : PluginLibrary(LoadPlugin((installed.folder / "CLAMDLL.dll").wstring(), g_load_error).value()) {}
 
 LoadedPlugin::~LoadedPlugin() {
     ClosePlugin(*this);
@@ -38,37 +23,26 @@ std::string LoadedPlugin::VersionDetails() const {
     return text.back() == '\x5E' ? text.c_str() : "the buffer's last byte was written";
 }
 
-bool ScanOutcome::Clean() const {
-    return result == 1 && error == kUntouched && ResultUntouched(*this);
-}
-
-bool ScanOutcome::Failed(uint32_t code) const {
-    return result == 0 && error == code && ResultUntouched(*this);
-}
-
-bool ScanOutcome::Infected(std::string_view file_name, std::string_view virus_name) const {
-    return result == 1 && error == kUntouched && reserved == kUntouched && infected == 1 &&
-           detection.data() + kDetectionFileName == file_name &&
-           detection.data() + kDetectionVirusName == virus_name &&
-           detection.ends_with(std::string(16, '\x5E'));
-}
-
-void PrintTo(const ScanOutcome& outcome, std::ostream* out) {
-    *out << "result " << outcome.result << " error " << outcome.error << " infected " << outcome.infected
-         << " name " << outcome.detection.c_str() + kDetectionVirusName;
-}
-
-ScanOutcome ScanWith(const PluginLibrary& plugin, std::string_view data, std::string_view name) {
+std::string ScanWith(const PluginLibrary& plugin, std::string_view data, std::string_view name) {
     ScanFileInput input = {};
     std::copy_n(name.data(), std::min(name.size(), sizeof input.name), input.name);
     input.size = static_cast<uint32_t>(data.size());
     input.data = reinterpret_cast<const uint8_t*>(data.data());
-    ScanOutcome outcome = {};
-    ScanFileResult result = {outcome.reserved, outcome.infected, outcome.detection.data()};
-    outcome.result = plugin.scan_file(1, &input, &result, &outcome.error, 2, 3);
-    outcome.reserved = result.reserved;
-    outcome.infected = result.infected;
-    return outcome;
+    const std::string untouched(kDetectionSize + 16, '\x5E');  // with guard bytes behind it
+    std::string detection = untouched;
+    ScanFileResult result = {kUntouched, kUntouched, detection.data()};
+    uint32_t error = kUntouched;
+    const int32_t returned = plugin.scan_file(1, &input, &result, &error, 2, 3);
+    const bool written = result.infected != kUntouched || detection != untouched;
+    if (returned != (error == kUntouched ? 1 : 0) || result.reserved != kUntouched ||
+        (written && (returned == 0 || result.infected != 1)) ||
+        !detection.ends_with(untouched.substr(kDetectionSize))) {
+        return "the host's words and fields do not fit each other";
+    }
+    return returned == 0 ? "failed " + std::to_string(error)
+           : written     ? detection.data() + kDetectionFileName + std::string(": ") +
+                           (detection.data() + kDetectionVirusName)
+                     : "clean";
 }
 
 }  // namespace kesto

@@ -47,9 +47,9 @@ void WriteFile(const std::filesystem::path& path, std::string_view content) {
 }
 
 ProgramRun::ProgramRun(const std::filesystem::path& program, const std::wstring& arguments,
-                       const RunOptions& options)
+                       const std::filesystem::path& folder, const std::string& input)
     : in_path_(TemporaryFile()), out_path_(TemporaryFile()), err_path_(TemporaryFile()) {
-    WriteFile(in_path_, options.input);
+    WriteFile(in_path_, input);
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -57,9 +57,8 @@ ProgramRun::ProgramRun(const std::filesystem::path& program, const std::wstring&
     startup.hStdOutput = OpenForChild(out_path_, GENERIC_WRITE);
     startup.hStdError = OpenForChild(err_path_, GENERIC_WRITE);
     std::wstring command = L"\"" + program.wstring() + L"\" " + arguments;
-    const BOOL started = CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, TRUE,
-                                        options.own_console ? CREATE_NO_WINDOW : 0, nullptr,
-                                        options.working_folder.c_str(), &startup, &process_);
+    const BOOL started = CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                                        folder.c_str(), &startup, &process_);
     const DWORD error = GetLastError();
     for (const HANDLE each : {startup.hStdInput, startup.hStdOutput, startup.hStdError}) {
         CloseHandle(each);
@@ -79,19 +78,6 @@ ProgramRun::~ProgramRun() {
     }
 }
 
-bool ProgramRun::Running() const {
-    return WaitForSingleObject(process_.hProcess, 0) == WAIT_TIMEOUT;
-}
-
-void ProgramRun::PressCtrlC() const {
-    SetConsoleCtrlHandler(nullptr, TRUE);  // the event reaches this process, too
-    FreeConsole();
-    if (!AttachConsole(process_.dwProcessId) || !GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0)) {
-        throw std::runtime_error("no Ctrl-C: " + std::to_string(GetLastError()));
-    }
-    FreeConsole();
-}
-
 void ProgramRun::SendConsoleEvent(DWORD event) const {
     const auto routine = reinterpret_cast<LPTHREAD_START_ROUTINE>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernelbase.dll"), "CtrlRoutine")));
@@ -100,11 +86,9 @@ void ProgramRun::SendConsoleEvent(DWORD event) const {
 }
 
 RunResult ProgramRun::Finish() const {
-    RunResult result = {STILL_ACTIVE, "", ""};
     WaitForSingleObject(process_.hProcess, kLongestRunMs);
+    RunResult result = {.out = ReadFile(out_path_), .err = ReadFile(err_path_)};
     GetExitCodeProcess(process_.hProcess, &result.status);
-    result.out = Out();
-    result.err = Err();
     return result;
 }
 

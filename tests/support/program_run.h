@@ -15,33 +15,22 @@ std::string ReadText(const std::filesystem::path& path);  // with bare line feed
 void WriteFile(const std::filesystem::path& path, std::string_view content);
 
 struct RunResult {
-    DWORD status;  // STILL_ACTIVE when it did not end within the limit
+    DWORD status = STILL_ACTIVE;  // when it did not end within the limit
     std::string out;
     std::string err;
 };
 
-struct RunOptions {
-    std::string input = "";    // what it finds on its standard input
-    bool own_console = false;  // gives it one, for PressCtrlC; takes time
-    std::filesystem::path working_folder = L"C:\\";
-};
-
 class ProgramRun {
  public:
-    // Starts `program` with `arguments` as they stand.
+    // Starts `program` in a folder, with `arguments` as they stand and `input` as its standard input.
     explicit ProgramRun(const std::filesystem::path& program, const std::wstring& arguments = L"",
-                        const RunOptions& options = {});
+                        const std::filesystem::path& folder = L"C:\\", const std::string& input = "");
     ~ProgramRun();  // ends it if it still runs
     ProgramRun(const ProgramRun&) = delete;
     ProgramRun& operator=(const ProgramRun&) = delete;
 
-    DWORD Id() const { return process_.dwProcessId; }
-    HANDLE Handle() const { return process_.hProcess; }
-    bool Running() const;
-    std::string Out() const { return ReadFile(out_path_); }  // so far
-    std::string Err() const { return ReadFile(err_path_); }
-
-    void PressCtrlC() const;  // in its own console: reaches all who share that
+    bool Running() const { return WaitForSingleObject(process_.hProcess, 0) == WAIT_TIMEOUT; }
+    std::string Err() const { return ReadFile(err_path_); }  // so far
     // The system's own way of telling one process, with any event: CTRL_BREAK_EVENT, CTRL_LOGOFF_EVENT...
     void SendConsoleEvent(DWORD event) const;
     RunResult Finish() const;  // waits for the end

@@ -92,8 +92,7 @@ std::string Wire::Receive(size_t size) {
 }
 
 const EngineRequest& Wire::ReceiveRequest() {
-    std::string bytes;
-    while (!script_->request.whole && ReceiveSome(bytes, SIZE_MAX)) {
+    for (std::string bytes; !script_->request.whole && ReceiveSome(bytes, SIZE_MAX);) {
     }
     return script_->request;
 }
@@ -105,10 +104,9 @@ void Wire::ReplyAndHangUp(std::string_view text) {
 }
 
 void Wire::Hold() {
-    WhenReady([] {
-        WSASetLastError(WSAEWOULDBLOCK);
-        return -1;
-    });
+    while (!script_->cut) {
+        Sleep(1);
+    }
 }
 
 void Wire::Reset() {
@@ -136,10 +134,6 @@ EngineScript Replying(std::string_view text) {
     return ReplyingBytes(WithNul(text));
 }
 
-EngineScript Silent(std::string beginning) {
-    return ReplyingBytes(std::move(beginning), Then::kHolds);
-}
-
 EngineScript DyingAfter(size_t bytes, bool resets) {
     return [=](Wire& wire) {
         wire.Receive(bytes);
@@ -147,10 +141,6 @@ EngineScript DyingAfter(size_t bytes, bool resets) {
             wire.Reset();
         }
     };
-}
-
-EngineScript Deaf() {
-    return [](Wire& wire) { wire.Hold(); };
 }
 
 EngineScript Endless(std::string beginning) {
@@ -166,30 +156,18 @@ EngineScript Realistic(ClamdTraits traits) {
         const EngineRequest& request = wire.ReceiveRequest();
         const std::string data = traits.shifted ? ShiftedDown(request.data, -1) : request.data;
         const auto holds = [&](const char* word) { return data.find(word) != std::string::npos; };
-        const bool infected = traits.signatures && (data == EicarTestString() || holds("VIRUS"));
         if (request.whole) {
-            wire.ReplyAndHangUp(request.command == "zPING"       ? "PONG"
-                                : request.command == "zVERSION"  ? traits.version
-                                : request.command != "zINSTREAM" ? "UNKNOWN COMMAND"
-                                : holds("GARBLE")                ? "what?"
-                                : infected                       ? "stream: Test.Virus FOUND"
-                                                                 : "stream: OK");
+            wire.ReplyAndHangUp(request.command == "zPING"                    ? "PONG"
+                                : request.command == "zVERSION"               ? traits.version
+                                : request.command != "zINSTREAM"              ? "UNKNOWN COMMAND"
+                                : holds("GARBLE")                             ? "what?"
+                                : data == EicarTestString() || holds("VIRUS") ? "stream: Test.Virus FOUND"
+                                                                              : "stream: OK");
         }
     };
 }
 
-EngineScript ScriptNamed(const std::string& words) {
-    return words == "silent"           ? Silent()
-           : words == "deaf"           ? Deaf()
-           : words == "endless"        ? Endless("stream: ")
-           : words.starts_with("die ") ? DyingAfter(std::stoul(words.substr(4)))
-           : words == "realistic"      ? Realistic()
-           : words == "shifted"        ? Realistic({.shifted = true})
-                                       : Replying(words);
-}
-
-ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port, bool keeps_requests)
-    : script_(std::move(script)), port_(port), keeps_requests_(keeps_requests) {
+ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port) : script_(std::move(script)), port_(port) {
     Revive();
 }
 
@@ -205,17 +183,14 @@ void ScriptedEngine::Revive() {
     }
     SetNonBlocking(listener);
     killed_ = false;
-    accepting_ = std::thread([this, listener] { Accept(listener); });
+    accepting_ = std::jthread([this, listener] { Accept(listener); });
 }
 
 void ScriptedEngine::Kill() {
-    if (!killed_.exchange(true)) {
-        accepting_.join();
-        for (Connection& each : connections_) {
-            if (each.thread.joinable()) {
-                each.thread.join();
-            }
-        }
+    killed_ = true;
+    accepting_ = {};
+    for (Connection& each : connections_) {
+        each.thread = {};
     }
 }
 
@@ -227,7 +202,7 @@ void ScriptedEngine::Accept(SOCKET listener) {
             const std::lock_guard lock(guard_);
             Connection& it = connections_.emplace_back(killed_);
             ++accepted_;
-            it.thread = std::thread([this, &it, accepted, play = script_] {
+            it.thread = std::jthread([this, &it, accepted, play = script_] {
                 {
                     Wire wire(accepted, &it);
                     play(wire);
@@ -235,7 +210,7 @@ void ScriptedEngine::Accept(SOCKET listener) {
                         wire.Reset();
                     }
                 }
-                if (!keeps_requests_) {
+                if (accepted_ > 100) {  // memory has its end
                     it.request = {};
                 }
                 ++ended_;

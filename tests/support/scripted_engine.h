@@ -42,7 +42,6 @@ class Wire {
         EngineRequest request;
     };
     explicit Wire(SOCKET connected, Script* script = nullptr);
-    Wire(Wire&& other) noexcept : socket_(std::exchange(other.socket_, INVALID_SOCKET)) {}  // of clients
     ~Wire() { closesocket(socket_); }
 
     bool Send(std::string_view bytes);
@@ -74,31 +73,23 @@ using EngineScript = std::function<void(Wire&)>;
 enum class Then { kHangsUp, kResets, kHolds };
 // To each request with exactly these bytes, in pieces of this size.
 EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp, size_t piece = SIZE_MAX);
-EngineScript Replying(std::string_view text);                // the same with a NUL behind it
-EngineScript Silent(std::string beginning = "");             // the same without an end
-EngineScript DyingAfter(size_t bytes, bool resets = false);  // as soon as it has received so many
-EngineScript Deaf();                                         // never reads
+EngineScript Replying(std::string_view text);                       // the same with a NUL behind it
+EngineScript DyingAfter(size_t bytes, bool resets = false);         // as soon as it has received so many
+inline const EngineScript kDeaf = [](Wire& wire) { wire.Hold(); };  // never reads
 EngineScript Endless(std::string beginning);  // the beginning and then x after x, without a NUL
 // As clamd does: PONG, its version, and to a scan FOUND when the data is the EICAR string or holds VIRUS,
 // "what?" when it holds GARBLE, else OK.
 struct ClamdTraits {
     bool shifted = false;  // undoes the shift of the plug-in's encrypt setting first
     std::string version = "ClamAV 1.4.3/27000/Mon Jan  1 00:00:00 2024";
-    bool signatures = true;  // false: everything is clean
 };
 EngineScript Realistic(ClamdTraits traits = {});
-// For the engine program: "silent", "deaf", "endless", "die BYTES", "realistic", "shifted" (realistic, and
-// undoes the shift); any other words are the reply.
-EngineScript ScriptNamed(const std::string& words);
 
 class ScriptedEngine {
  public:
     // Listens on 127.0.0.1 at once; port 0 takes a free one. Throws when the port is taken.
-    explicit ScriptedEngine(EngineScript script = Replying("stream: OK"), uint16_t port = 0,
-                            bool keeps_requests = true);
+    explicit ScriptedEngine(EngineScript script = Replying("stream: OK"), uint16_t port = 0);
     ~ScriptedEngine() { Kill(); }
-    ScriptedEngine(const ScriptedEngine&) = delete;
-    ScriptedEngine& operator=(const ScriptedEngine&) = delete;
 
     uint16_t Port() const { return port_; }
     std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
@@ -109,12 +100,12 @@ class ScriptedEngine {
 
     unsigned Accepted() const { return accepted_; }  // connections so far
     unsigned Ended() const { return ended_; }        // connections whose script has returned
-    std::vector<EngineRequest> Requests() const;     // in the order in which they were accepted
+    std::vector<EngineRequest> Requests() const;     // as accepted; of the first hundred
 
  private:
     struct Connection : Wire::Script {
         using Script::Script;
-        std::thread thread;
+        std::jthread thread;
     };
     void Accept(SOCKET listener);
 
@@ -122,11 +113,10 @@ class ScriptedEngine {
     EngineScript script_;
     std::list<Connection> connections_;
     uint16_t port_;
-    bool keeps_requests_;
     std::atomic<bool> killed_ = true;
     std::atomic<unsigned> accepted_ = 0;
     std::atomic<unsigned> ended_ = 0;
-    std::thread accepting_;
+    std::jthread accepting_;
 };
 
 // What clients say.
