@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <ostream>
 
+#include "host/common/json_line.h"
+
 namespace kesto {
 
 std::string Formatted(const char* format, ...) {
@@ -50,25 +52,21 @@ void WriteTable(std::ostream& out, const Rows& rows) {
     }
 }
 
-namespace {
-
-std::string JsonNumber(const std::optional<double>& value) {
-    return value ? Formatted("%.6g", *value) : "null";
-}
-
-}  // namespace
-
-// The texts are the bench's own: none holds a character that JSON escapes.
 void WriteJson(std::ostream& out, const Rows& rows) {
+    const auto or_null = [](const std::optional<double>& value) { return value ? Json(*value) : Json(); };
     const char* separator = "[\n";
     for (const Row& row : rows) {
-        out << separator << R"({"name": ")" << row.name << R"(", "unit": ")" << row.unit << R"(", "value": )"
-            << JsonNumber(row.value) << R"(, "beside": ")" << row.beside_name << R"(", "beside_value": )"
-            << (row.beside_name.empty() ? "null" : JsonNumber(row.beside)) << R"(, "ratio": )"
-            << JsonNumber(row.ratio) << R"(, "least_ratio": )" << JsonNumber(row.least_ratio)
-            << R"(, "most": )" << JsonNumber(row.most) << R"(, "missed": )"
-            << (row.Missed() ? "true" : "false") << R"(, "explanation": ")"
-            << (row.Missed() ? row.explanation : "") << "\"}";
+        const Json object = {{"name", row.name},
+                             {"unit", row.unit},
+                             {"value", row.value},
+                             {"beside", row.beside_name},
+                             {"beside_value", row.beside_name.empty() ? Json() : Json(row.beside)},
+                             {"ratio", or_null(row.ratio)},
+                             {"least_ratio", or_null(row.least_ratio)},
+                             {"most", or_null(row.most)},
+                             {"missed", row.Missed()},
+                             {"explanation", row.Missed() ? row.explanation : ""}};
+        out << separator << JsonLine(object);
         separator = ",\n";
     }
     out << "\n]\n";

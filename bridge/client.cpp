@@ -420,6 +420,9 @@ void Client::Close() {
 
 void Client::Tick(Time now) {
     const auto self = shared_from_this();
+    if (blocked_ && !Space().empty()) {
+        room_.Open();  // there was no memory for it
+    }
     const bool hears = phase_ <= Phase::kStream && !blocked_;
     if (now >= write_until_) {
         Close();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <asio/steady_timer.hpp>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -110,8 +111,13 @@ Task LetIn(Bridge& bridge, tcp::acceptor& acceptor) {
             co_await bridge.place;
             bridge.crowded = false;
         }
-        if (!bridge.stopping) {
+        if (bridge.stopping) {
+            break;
+        }
+        try {
             Client::Serve(bridge, std::move(socket), peer);
+        } catch (const std::exception& failure) {
+            LogBridge("accept", std::string("could not serve a client - ") + failure.what());
         }
     }
 }

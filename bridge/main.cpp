@@ -64,27 +64,42 @@ BOOL WINAPI OnConsoleEvent(DWORD event) {
     return TRUE;
 }
 
+// For want of memory only what it came from may fail: time goes on for all else.
+template <typename Work>
+void Guarded(Work work) {
+    try {
+        work();
+    } catch (const std::exception& error) {
+        LogBridge("exception", std::string("out of step - ") + error.what());
+    }
+}
+
+void Tick(Bridge& bridge, Reload& reload, Time now) {
+    const auto attempts = bridge.attempts;
+    for (const auto& attempt : attempts) {
+        Guarded([&] { attempt->Tick(now); });
+    }
+    const auto clients = bridge.clients;
+    unsigned places = bridge.crowded ? 1 + bridge.settings.clients / 4 : 0;
+    for (const auto& client : clients) {
+        Guarded([&] {
+            client->Tick(now);
+            places -= places != 0 && client->MakeWay(now);
+        });
+    }
+    LookUpAndProbe(bridge, now);
+    reload.Tick(bridge, now);
+    bridge.room.ShrinkSpare();
+    LogLeftOut();
+}
+
 Task KeepTime(Bridge& bridge, Reload& reload) {
     asio::steady_timer timer(bridge.io);
     for (;;) {
         timer.expires_after(kTick);
         auto tick = Operation([&timer](auto handler) { timer.async_wait(std::move(handler)); });
         co_await tick;
-        const Time now = Clock::now();
-        const auto attempts = bridge.attempts;
-        for (const auto& attempt : attempts) {
-            attempt->Tick(now);
-        }
-        const auto clients = bridge.clients;
-        unsigned places = bridge.crowded ? 1 + bridge.settings.clients / 4 : 0;
-        for (const auto& client : clients) {
-            client->Tick(now);
-            places -= places != 0 && client->MakeWay(now);
-        }
-        LookUpAndProbe(bridge, now);
-        reload.Tick(bridge, now);
-        bridge.room.ShrinkSpare();
-        LogLeftOut();
+        Guarded([&] { Tick(bridge, reload, Clock::now()); });
     }
 }
 
@@ -92,18 +107,6 @@ int Fail(const std::string& problem) {
     LogBridge("start", "cannot start - " + problem);
     std::fprintf(stderr, "kestoav: %s\n", problem.c_str());
     return 1;
-}
-
-// Runs what is to be done until the end. An exception, for want of memory, ends only what it came from.
-void RunToEnd(Bridge& bridge) {
-    for (;;) {
-        try {
-            bridge.io.run();
-            return;
-        } catch (const std::exception& error) {
-            LogBridge("exception", std::string("out of step - ") + error.what());
-        }
-    }
 }
 
 std::wstring ProgramFolder() {
@@ -145,7 +148,9 @@ int Run() {
     Reload reload(folder);
     LetIn(bridge, acceptor);
     KeepTime(bridge, reload);
-    RunToEnd(bridge);
+    while (!bridge.io.stopped()) {
+        Guarded([&] { bridge.io.run(); });
+    }
     LogBridge("end", "ended");
     SetEvent(g_ended);
     return 0;

@@ -79,7 +79,11 @@ void Reload::Tick(Bridge& bridge, Time now) {
     }
     settings = std::move(ini.settings);
     Apply(bridge, now);
-    LogBridge("reload", "changed settings taken up: " + SettingsText(settings));
+    LogBridge("reload", "changed settings taken up: " + SettingsText(settings) + ", idle " +
+                            std::to_string(settings.idle) + ", keep " + std::to_string(settings.keep) +
+                            ", wait " + std::to_string(settings.wait) + ", verdict " +
+                            std::to_string(settings.verdict) + ", clients " +
+                            std::to_string(settings.clients));
     if (restart_wanted) {
         LogBridge("reload", "listen and decrypt are taken up by a restart only");
     }

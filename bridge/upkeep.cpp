@@ -5,7 +5,8 @@
 
 #include <algorithm>
 #include <asio/post.hpp>
-#include <cstring>
+#include <exception>
+#include <new>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -74,6 +75,9 @@ void BeginLookup(Bridge& bridge, const ServerPtr& server) {
 
 void BeginProbe(Bridge& bridge, const ServerPtr& server) {
     auto request = std::make_shared<KeptStream>(bridge.room);
+    if (request->Space().empty()) {
+        throw std::bad_alloc();
+    }
     std::copy(kProbe.begin(), kProbe.end(), request->Space().begin());
     request->Append(kProbe.size());
     request->End();
@@ -96,11 +100,19 @@ void BeginProbe(Bridge& bridge, const ServerPtr& server) {
 
 void LookUpAndProbe(Bridge& bridge, Time now) {
     for (const ServerPtr& server : LookupsDue(bridge.fleet, now)) {
-        BeginLookup(bridge, server);
+        try {
+            BeginLookup(bridge, server);
+        } catch (const std::exception& error) {
+            NoteAddresses(bridge.fleet, *server, {}, error.what(), now);
+        }
     }
     bridge.fleet.scans_wait = bridge.metrics.waiting != 0;
     for (const ServerPtr& server : ProbesDue(bridge.fleet, now)) {
-        BeginProbe(bridge, server);
+        try {
+            BeginProbe(bridge, server);
+        } catch (const std::exception& error) {
+            NoteProbe(bridge.fleet, *server, Health::kUnreached, error.what(), now);
+        }
     }
 }
 

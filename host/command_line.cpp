@@ -45,6 +45,7 @@ std::wstring FullPath(const std::string& utf8) {
 
 std::vector<std::wstring> AllWide(const std::vector<std::string>& texts) {
     std::vector<std::wstring> wide;
+    wide.reserve(texts.size());
     for (const std::string& text : texts) {
         wide.push_back(WideFromUtf8(text));
     }

@@ -62,7 +62,7 @@ EngineStart EnsureEngine(const InstalledPlugin& installed) {
 }
 
 bool StartedEngineIsGone() {
-    const HANDLE engine = g_engine;
+    HANDLE engine = g_engine;
     DWORD exit_code = 0;
     return engine != nullptr && WaitForSingleObject(engine, 0) == WAIT_OBJECT_0 &&
            GetExitCodeProcess(engine, &exit_code) && exit_code != kEndedByPlugin && !EngineVisible();

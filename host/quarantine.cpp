@@ -32,7 +32,9 @@ unsigned long PutAway(const std::wstring& exact_path, const std::wstring& folder
         const BOOL done = move ? MoveFileExW(exact_path.c_str(), to.c_str(), MOVEFILE_COPY_ALLOWED)
                                : CopyFileW(exact_path.c_str(), to.c_str(), TRUE);
         if (done) {
-            where = folder + (folder.ends_with(L'\\') ? L"" : L"\\") + name;
+            where = folder;
+            where += folder.ends_with(L'\\') ? L"" : L"\\";
+            where += name;
             return 0;
         }
         const DWORD code = GetLastError();

@@ -17,8 +17,7 @@ LONG CALLBACK OnException(EXCEPTION_POINTERS* raised) {
     if (record.ExceptionCode == STATUS_GUARD_PAGE_VIOLATION && record.NumberParameters >= 2) {
         for (const auto& each : g_watches) {
             ReadWatch* const watch = each;
-            if (watch != nullptr &&
-                watch->Reach(reinterpret_cast<const void*>(record.ExceptionInformation[1]))) {
+            if (watch != nullptr && watch->Reach(record.ExceptionInformation[1])) {
                 return EXCEPTION_CONTINUE_EXECUTION;
             }
         }
@@ -48,8 +47,8 @@ ReadWatch::~ReadWatch() {
     }
 }
 
-bool ReadWatch::Reach(const void* address) {
-    const auto offset = reinterpret_cast<uintptr_t>(address) - reinterpret_cast<uintptr_t>(bytes_);
+bool ReadWatch::Reach(uintptr_t address) {
+    const uintptr_t offset = address - reinterpret_cast<uintptr_t>(bytes_);
     if (offset >= size_) {
         return false;
     }
@@ -59,11 +58,10 @@ bool ReadWatch::Reach(const void* address) {
 
 // Only pages that hold nothing but these bytes.
 void ReadWatch::Protect(unsigned long protection) const {
-    for (uint64_t offset = kStep; offset + 2 * kPage < size_; offset += kStep) {
-        const uintptr_t page =
-            (reinterpret_cast<uintptr_t>(bytes_) + static_cast<uint32_t>(offset)) & ~(kPage - 1);
+    const uintptr_t misaligned = reinterpret_cast<uintptr_t>(bytes_) % kPage;
+    for (uint64_t offset = kStep; offset + kPage < size_; offset += kStep) {
         DWORD before;
-        VirtualProtect(reinterpret_cast<void*>(page), kPage, protection, &before);
+        VirtualProtect(bytes_ + offset - misaligned, kPage, protection, &before);
     }
 }
 

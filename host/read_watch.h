@@ -18,7 +18,7 @@ class ReadWatch {
     uint32_t Reached() const { return reached_; }
 
     // Whether the address lies in these bytes; then it counts as reached.
-    bool Reach(const void* address);
+    bool Reach(uintptr_t address);
 
  private:
     void Protect(unsigned long protection) const;

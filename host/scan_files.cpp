@@ -292,8 +292,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
 
     // The plug-in's own words for 1003 say nothing.
     std::string ErrorText(uint32_t code, const std::string& name, uint32_t size) const {
-        const std::string logged =
-            code == kErrorReply ? LoggedResponse(installed_.log, name, size) : std::string();
+        std::string logged = code == kErrorReply ? LoggedResponse(installed_.log, name, size) : std::string();
         if (!logged.empty()) {
             return logged;
         }

@@ -14,8 +14,10 @@
 namespace kesto {
 namespace {
 
-constexpr std::chrono::seconds kServersLimit(
-    27);  // from the check's start; the rest takes no time to speak of
+constexpr size_t kLongestProgramPath = 259;
+
+// From the check's start; the rest takes no time to speak of.
+constexpr std::chrono::seconds kServersLimit(27);
 
 Findings CheckLibrary(const std::wstring& path) {
     Findings findings;
@@ -124,6 +126,11 @@ class Check {
     Findings CheckUpdater() const {
         Findings findings;
         const std::string name = Utf8FromWide(installed_.updater);
+        if (installed_.updater.size() > kLongestProgramPath) {
+            findings.Warning("updater", name + " is a longer path than the plug-in can start a program by",
+                             "install into a folder of at most 228 characters if there is to be an updater");
+            return findings;
+        }
         findings.Ok("updater", IsFile(installed_.updater)
                                    ? name + " is there"
                                    : name + " is not there, and not needed where clamd has its own");

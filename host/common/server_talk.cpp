@@ -24,6 +24,7 @@ constexpr milliseconds kIdleLimit(kIdleLimitMs);
 constexpr size_t kMostReply = 1 << 20;
 constexpr size_t kToldReply = 60;  // bytes of one that did not end
 constexpr size_t kChunkSize = 8192;
+constexpr std::string_view kVerdictBeginning = "stream: ";
 
 std::string SocketErrorText(int error) {
     const char* description = SocketErrorDescription(error);
@@ -72,7 +73,8 @@ class Talk {
         return true;
     }
 
-    bool Receive(std::string& reply) {
+    // What has come of `patience` is no reply yet: the bridge sends it while it waits for a verdict.
+    bool Receive(std::string& reply, std::string_view patience) {
         for (;;) {
             char buffer[4096];
             const int count = recv(socket_, buffer, sizeof buffer, 0);
@@ -91,7 +93,8 @@ class Talk {
             } else if (WSAGetLastError() != WSAEWOULDBLOCK) {
                 return Fail("the connection broke before the reply: " + SocketErrorText(WSAGetLastError()));
             } else if (!WaitUntilReady(kIdleLimit, false)) {
-                return Fail(reply.empty() ? "no reply came" : "no end came of the reply " + Begun(reply));
+                return Fail(patience.starts_with(reply) ? "no reply came"
+                                                        : "no end came of the reply " + Begun(reply));
             }
         }
     }
@@ -179,7 +182,7 @@ double SecondsSince(Clock::time_point start) {
 
 // `send` puts the question.
 template <typename Send>
-ServerAnswer Converse(const Server& server, Deadline deadline, Send send) {
+ServerAnswer Converse(const Server& server, Deadline deadline, std::string_view patience, Send send) {
     const auto start = Clock::now();
     ServerAnswer answer;
     Talk talk(deadline);
@@ -189,7 +192,7 @@ ServerAnswer Converse(const Server& server, Deadline deadline, Send send) {
         const bool sent = send(talk);
         const std::string send_failure = talk.failure();
         // A server that refuses a file for its size says so and breaks the connection.
-        if (talk.Receive(reply)) {
+        if (talk.Receive(reply, patience)) {
             answer.reply = std::move(reply);
         }
         answer.failure = sent ? talk.failure() : send_failure;
@@ -216,11 +219,12 @@ ServerAnswer ConnectToServer(const Server& server, Deadline deadline) {
 }
 
 ServerAnswer AskServer(const Server& server, std::string_view command, Deadline deadline) {
-    return Converse(server, deadline, [&](Talk& talk) { return talk.Send(std::string(command) + '\0'); });
+    return Converse(server, deadline, "", [&](Talk& talk) { return talk.Send(std::string(command) + '\0'); });
 }
 
 ServerAnswer ScanAtServer(const Server& server, std::string_view bytes, bool shifted, Deadline deadline) {
-    return Converse(server, deadline, [&](Talk& talk) { return SendStream(talk, bytes, shifted); });
+    return Converse(server, deadline, kVerdictBeginning,
+                    [&](Talk& talk) { return SendStream(talk, bytes, shifted); });
 }
 
 std::string DurationText(double seconds) {

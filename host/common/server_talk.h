@@ -26,9 +26,8 @@ struct ServerAnswer {
     double seconds = 0;  // from the start of connecting to the end
 };
 
-// Each of these ends by the deadline, except
-// for the lookup of a name, which nothing can end; and at the latest when nothing came for as long as the
-// plug-in waits.
+// Each of these ends by the deadline, and when nothing came for as long as the plug-in waits. The lookup of a
+// name is the exception: nothing can end it.
 
 // Connects and says nothing; the reply is then empty.
 ServerAnswer ConnectToServer(const Server& server, Deadline deadline);

@@ -48,7 +48,8 @@ void bridge_framing(const std::string& text) {
 
 // Every finding has a line that the file has, and something to say.
 void ini_lint(const std::string& text) {
-    const int lines = static_cast<int>(std::count(text.begin(), text.end(), '\n')) + 1;
+    const auto ends_line = [](char c) { return c == '\n' || c == '\r'; };
+    const int lines = static_cast<int>(std::count_if(text.begin(), text.end(), ends_line)) + 1;
     for (const IniFinding& each : LintIni(text)) {
         const int line = static_cast<int>(each.line);
         Expect(line >= 1 && line <= lines && !each.text.empty() && !each.remedy.empty());
