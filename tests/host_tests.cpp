@@ -81,7 +81,10 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
     std::filesystem::resize_file(samples / "huge", 5'000'000'000);
     const HANDLE lock =
         CreateFileW((samples / "locked").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    ProgramRun(L"Z:\\bin\\ln", L"-s . loop/again", samples).Finish();
+    // Under the heap checks a program of the system below leaves the stand-in engine ended.
+    if (std::getenv("KESTOAV_TEST_HEAP_CHECKED") == nullptr) {
+        ProgramRun(L"Z:\\bin\\ln", L"-s . loop/again", samples).Finish();
+    }
     const std::string found = ": Test.Virus FOUND\n";
     const std::string narrow_deep(deep.begin(), deep.end());
     const struct {
@@ -118,10 +121,10 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         EXPECT_EQ(result.err, it.err);
         EXPECT_EQ(result.status, it.status) << it.out;
     }
-    CloseHandle(lock);
-    ProgramRun(L"Z:\\bin\\rm", L"-r loop odd deep", samples).Finish();  // what Windows would misread
     EXPECT_THAT(Run(L"missing infected clean").out,
                 HasSubstr("\n\nScanned files: 2\nInfected files: 1\nErrors: 1\nData scanned: 14 B\nTime: "));
+    CloseHandle(lock);
+    ProgramRun(L"Z:\\bin\\rm", L"-r loop odd deep", samples).Finish();  // what Windows would misread
 }
 
 TEST_F(HostScan, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
