@@ -13,18 +13,9 @@ namespace {
 
 using namespace testing;
 
-class RoadTest : public testing::Test {
+class RoadTest : public testing::Test, protected InstalledPlugin {
  protected:
-    int32_t Start(const std::string& settings) {
-        plugin.close_scanner();  // a second start lets go of an open log without closing it
-        installed.CreateLog();
-        installed.WriteSettings(settings);
-        return plugin.Initialize(installed.folder);
-    }
-    std::string Scan(std::string_view data) const { return ScanWith(plugin, data); }
-
-    Installation installed;
-    LoadedPlugin plugin{installed};
+    RoadTest() { installed.CreateLog(); }
 };
 
 TEST_F(RoadTest, EngineKilledUnderFourThreadsComesBack) {

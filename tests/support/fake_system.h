@@ -72,19 +72,7 @@ class FakeSystem : public SystemState {  // one at a time
 };
 
 // A plug-in in which an engine process only seems to run. Ports are real.
-struct DrivenPlugin {
-    // Writes the settings and starts the plug-in with them, version 1 and no buffers.
-    int32_t Start(const std::string& settings) {
-        plugin.close_scanner();  // a second start lets go of an open log without closing it
-        installed.WriteSettings(settings);
-        return plugin.Initialize(installed.folder);
-    }
-    std::string Scan(std::string_view data, std::string_view name = "mail.eml") const {
-        return ScanWith(plugin, data, name);
-    }
-
-    Installation installed;
-    LoadedPlugin plugin{installed};
+struct DrivenPlugin : InstalledPlugin {
     FakeSystem system{plugin};
 };
 

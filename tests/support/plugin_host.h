@@ -31,6 +31,22 @@ inline constexpr uint32_t kUntouched = 0x5EED5EED;  // what the host's words hol
 // scan left behind in the host's memory: "clean", "failed CODE" or "FILE NAME: VIRUS NAME".
 std::string ScanWith(const PluginLibrary& plugin, std::string_view data, std::string_view name = "mail.eml");
 
+// An installation with the plug-in loaded from it.
+struct InstalledPlugin {
+    // Writes the settings and starts the plug-in with them, version 1 and no buffers.
+    int32_t Start(const std::string& settings) {
+        plugin.close_scanner();  // a second start lets go of an open log without closing it
+        installed.WriteSettings(settings);
+        return plugin.Initialize(installed.folder);
+    }
+    std::string Scan(std::string_view data, std::string_view name = "mail.eml") const {
+        return ScanWith(plugin, data, name);
+    }
+
+    Installation installed;
+    LoadedPlugin plugin{installed};
+};
+
 // A "servers" line that names these ports of 127.0.0.1 in order.
 template <class... Ports>
 std::string Servers(Ports... ports) {
