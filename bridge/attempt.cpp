@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "bridge/connect.h"
 #include "bridge/settings/error_words.h"
 
 namespace kesto {
@@ -70,15 +71,20 @@ Task Attempt::Converse(std::shared_ptr<Attempt> self) {
         const tcp::endpoint endpoint = Endpoint(addresses[at]);
         self->timed_out_ = false;
         self->step_until_ = Clock::now() + kConnectLimit;
-        auto connect = Operation(
-            [&socket, &endpoint](auto handler) { socket.async_connect(endpoint, std::move(handler)); });
-        error = (co_await connect).error;
+        const auto first_piece = self->request_->Piece(0);
+        auto connect = Operation([&](auto handler) {
+            Connect(socket, endpoint, asio::buffer(first_piece.data(), first_piece.size()),
+                    std::move(handler));
+        });
+        const Outcome outcome = co_await connect;
+        error = outcome.error;
         self->step_until_ = Time::max();
         if (self->over_) {
             co_return;
         }
         if (!error && !self->timed_out_) {
             self->connected_ = true;
+            self->sent_ = outcome.size;
             if (self->server_->addresses == addresses) {
                 self->server_->good = at;
             }
@@ -91,6 +97,7 @@ Task Attempt::Converse(std::shared_ptr<Attempt> self) {
         self->End(AttemptEnd::kUnreached, self->timed_out_ ? "connect timed out" : Words(error));
         co_return;
     }
+    self->progressed_();
     self->More();
     while (!self->over_ && !self->replied_) {
         auto read = ReadSome(socket, asio::buffer(self->bytes_));

@@ -22,16 +22,18 @@ using namespace std::chrono_literals;
 constexpr auto kWaitForPort = 10s;
 
 // The plug-in sends a chunk's length and the chunk apart, and Windows holds the second back until the first
-// is acknowledged: which it delays by 40 to 200 ms, unless told to do so at once.
+// is acknowledged: which it delays by 40 to 200 ms, unless told to do so at once. False where the system has
+// no such option.
 template <typename Socket>
-void AcknowledgeAtOnce(Socket& socket) {
+bool AcknowledgeAtOnce(Socket& socket) {
 #ifndef SIO_TCP_SET_ACK_FREQUENCY
     constexpr DWORD SIO_TCP_SET_ACK_FREQUENCY = 0x98000017;
 #endif
     BYTE frequency = 1;
     DWORD size = 0;
-    WSAIoctl(socket.native_handle(), SIO_TCP_SET_ACK_FREQUENCY, &frequency, sizeof frequency, nullptr, 0,
-             &size, nullptr, nullptr);
+    return WSAIoctl(socket.native_handle(), SIO_TCP_SET_ACK_FREQUENCY, &frequency, sizeof frequency, nullptr,
+                    0, &size, nullptr, nullptr) == 0 ||
+           WSAGetLastError() != WSAEOPNOTSUPP;
 }
 
 bool IsLackOfResources(const asio::error_code& error) {
@@ -85,6 +87,7 @@ asio::error_code Listen(tcp::acceptor& acceptor, const ServerAddress& where) {
 }
 
 Task LetIn(Bridge& bridge, tcp::acceptor& acceptor) {
+    bool acknowledges = true;
     while (!bridge.stopping) {
         tcp::socket socket(bridge.io);
         tcp::endpoint peer;
@@ -105,7 +108,7 @@ Task LetIn(Bridge& bridge, tcp::acceptor& acceptor) {
             }
             continue;
         }
-        AcknowledgeAtOnce(socket);
+        acknowledges = acknowledges && AcknowledgeAtOnce(socket);
         while (bridge.clients.size() >= bridge.settings.clients && !bridge.stopping) {
             bridge.crowded = true;
             co_await bridge.place;
