@@ -70,6 +70,14 @@ void Reload::Tick(Bridge& bridge, Time now) {
         return;
     }
     BridgeSettings& settings = bridge.settings;
+    // The address that it has until it is started anew may stand there for another server already.
+    for (const ServerAddress& server : ini.settings.upstreams) {
+        if (IsBridgeItself(server, settings, bridge.own)) {
+            LogBridge("reload", "changed settings are not followed - upstream " + AddressText(server) +
+                                    " is the bridge itself until it is restarted");
+            return;
+        }
+    }
     const bool restart_wanted =
         !(ini.settings.listen == settings.listen) || ini.settings.decrypt != settings.decrypt;
     ini.settings.listen = settings.listen;

@@ -250,6 +250,8 @@ TEST(BridgeStart, TakesUpChangedSettings) {
     const BridgeProcess bridge(clean.Address());
     bridge.WriteIni("[bridge]\nidle=soon\nupstreams=" + clamd.Address());
     EXPECT_TRUE(bridge.Tells("not followed - bridge.ini line 2: idle=soon is not"));
+    bridge.WriteIni("[bridge]\nlisten=127.0.0.1:9\nupstreams=127.0.0.1:" + std::to_string(bridge.port));
+    EXPECT_TRUE(bridge.Tells("is the bridge itself until it is restarted"));
     EXPECT_EQ(bridge.Scan("VIRUS"), kOk);
     bridge.WriteIni("[bridge]\ndecrypt=0\nupstreams=" + clamd.Address());
     EXPECT_TRUE(bridge.Tells("taken up by a restart only"));
