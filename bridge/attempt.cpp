@@ -94,7 +94,10 @@ Task Attempt::Converse(std::shared_ptr<Attempt> self) {
         }
     }
     if (!self->connected_) {
-        self->End(AttemptEnd::kUnreached, self->timed_out_ ? "connect timed out" : Words(error));
+        // One that has accepted and reset is there.
+        const bool there = error == asio::error::connection_reset || error == asio::error::connection_aborted;
+        self->End(there ? AttemptEnd::kBroken : AttemptEnd::kUnreached,
+                  self->timed_out_ ? "connect timed out" : Words(error));
         co_return;
     }
     self->progressed_();

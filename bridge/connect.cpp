@@ -27,10 +27,10 @@ LPFN_CONNECTEX ConnectEx(tcp::socket& socket) {
 
 // A connect that ends later ends with the system's errors, not with those of sockets.
 asio::error_code SocketError(const asio::error_code& error) {
-    constexpr std::pair<int, int> kErrors[] = {{ERROR_CONNECTION_REFUSED, WSAECONNREFUSED},
-                                               {ERROR_NETWORK_UNREACHABLE, WSAENETUNREACH},
-                                               {ERROR_HOST_UNREACHABLE, WSAEHOSTUNREACH},
-                                               {ERROR_SEM_TIMEOUT, WSAETIMEDOUT}};
+    constexpr std::pair<int, int> kErrors[] = {
+        {ERROR_CONNECTION_REFUSED, WSAECONNREFUSED}, {ERROR_NETWORK_UNREACHABLE, WSAENETUNREACH},
+        {ERROR_HOST_UNREACHABLE, WSAEHOSTUNREACH},   {ERROR_SEM_TIMEOUT, WSAETIMEDOUT},
+        {ERROR_NETNAME_DELETED, WSAECONNRESET},      {ERROR_CONNECTION_ABORTED, WSAECONNABORTED}};
     const auto* known = std::find_if(std::begin(kErrors), std::end(kErrors),
                                      [&](const auto& each) { return each.first == error.value(); });
     return known == std::end(kErrors) ? error : asio::error_code(known->second, error.category());
