@@ -15,6 +15,12 @@ struct Bench {
     Rows rows;
 };
 
+// Two programs beside Wine, see unix_peer.cpp.
+struct UnixPeer {
+    uint16_t sink = 0;   // its port
+    std::string sender;  // its command line, but for port, count and size
+};
+
 void MeasureShift(Bench& bench);
 void MeasureProcessWalks(Bench& bench);
 
@@ -25,10 +31,9 @@ void MeasureCall(Bench& bench, uint16_t sink);
 void MeasureMemory(Bench& bench, uint16_t sink);
 
 // Starts a bridge of its own.
-void MeasureBridge(Bench& bench, uint16_t sink);
+void MeasureBridge(Bench& bench, uint16_t sink, const UnixPeer& peer);
 
-// `delaying_sink` is the port of a sink that delays its acknowledgements.
-void MeasureDelayedAcknowledgements(Bench& bench, uint16_t delaying_sink);
+void MeasureDelayedAcknowledgements(Bench& bench, const UnixPeer& peer);
 // The command-line host over many small files.
 void MeasureHost(Bench& bench, uint16_t sink);
 // `clamdscan` is the command line of clamd's own client, without files.

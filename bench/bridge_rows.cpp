@@ -3,11 +3,14 @@
 #include <psapi.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "bench/bench.h"
@@ -15,15 +18,27 @@
 #include "bench/processor_time.h"
 #include "bench/timing.h"
 #include "bench/wire.h"
+#include "host/common/server_talk.h"
 #include "tests/loopback/loopback.h"
 
 namespace kesto {
 namespace {
 
+using namespace std::chrono_literals;
+
 double WorkingSetKilobytes(HANDLE process) {
     PROCESS_MEMORY_COUNTERS counters = {};
     GetProcessMemoryInfo(process, &counters, sizeof counters);
     return static_cast<double>(counters.WorkingSetSize) / 1024;
+}
+
+// File data that the bridge has taken in so far, in bytes.
+double BytesTaken(uint16_t bridge) {
+    const ServerAnswer counters =
+        AskServer({"127.0.0.1", bridge}, "zSTATS", std::chrono::steady_clock::now() + 10s);
+    constexpr std::string_view kName = "\nkestoav_bytes_total ";
+    const std::string& text = counters.reply.value();
+    return std::stod(text.substr(text.find(kName) + kName.size()));
 }
 
 constexpr size_t kSmall = 1000;
@@ -35,6 +50,7 @@ void MeasureOpenScans(Bench& bench, const BridgeProcess& bridge) {
     constexpr double kKeptKilobytes = 128 * 1024;
     constexpr double kBesideKilobytes = 10 * 1024;
     const double before = WorkingSetKilobytes(bridge.Handle());
+    const double taken_before = BytesTaken(bridge.Port());
     std::vector<SOCKET> connections;
     for (int i = 0; i < kScans; ++i) {
         const SOCKET connection = ConnectTo(bridge.Port());
@@ -43,6 +59,9 @@ void MeasureOpenScans(Bench& bench, const BridgeProcess& bridge) {
         SendAll(connection, &prefix, sizeof prefix);
         SendAll(connection, bench.file.data(), kSize);
         connections.push_back(connection);
+    }
+    if (!WaitFor([&] { return BytesTaken(bridge.Port()) >= taken_before + double{kScans} * kSize; })) {
+        throw std::runtime_error("the bridge does not take in what it is sent");
     }
     bench.rows.push_back({.name = "bridge: memory for 200 scans of 1 MB under way",
                           .unit = "KB",
@@ -91,85 +110,19 @@ void MeasureSmallScans(Bench& bench, uint16_t bridge, uint16_t sink) {
         };
         const Latency through = sending(bridge);
         const Latency direct = sending(sink);
-        const std::string name = "bridge: 1 KB, clients at once: " + std::to_string(clients);
-        bench.rows.push_back({.name = name + ", median",
-                              .unit = "us",
-                              .value = through.median * 1e6,
-                              .beside_name = "direct",
-                              .beside = direct.median * 1e6,
-                              .ratio = direct.median / through.median});
-        bench.rows.push_back({.name = name + ", 99th percentile",
-                              .unit = "us",
-                              .value = through.p99 * 1e6,
-                              .beside_name = "direct",
-                              .beside = direct.p99 * 1e6,
-                              .ratio = direct.p99 / through.p99});
-    }
-}
-
-// What a scan through the bridge costs the bridge, and the Wine server beyond what a direct one costs it.
-void MeasureBridgeProcessorTime(Bench& bench, uint16_t bridge, uint16_t sink) {
-    struct {
-        const char* name;
-        int scans;
-        size_t size;
-        double units;  // what the seconds are divided by
-        const char* unit;
-        std::optional<double> most_in_bridge;
-        std::optional<double> most_in_server;
-    } static constexpr kRows[] = {{"a scan of 1 KB", 2000, kSmall, 2000, "us", 350, 325},
-                                  {"each MB", 20, 16'000'000, 320, "us", {}, {}}};
-    const auto spent = [&](const auto& row, uint16_t port, const char* program) {
-        const double before = ProcessorSeconds(program);
-        for (int i = 0; i < row.scans; ++i) {
-            SendBare(port, bench.file.data(), row.size);
+        const std::tuple<const char*, double, double> rows[] = {{"median", through.median, direct.median},
+                                                                {"99th percentile", through.p99, direct.p99}};
+        for (const auto& [name, seconds, beside] : rows) {
+            bench.rows.push_back(
+                {.name = "bridge: 1 KB, clients at once: " + std::to_string(clients) + ", " + name,
+                 .unit = "us",
+                 .value = seconds * 1e6,
+                 .beside_name = "direct",
+                 .beside = beside * 1e6,
+                 .ratio = beside / seconds});
         }
-        return (ProcessorSeconds(program) - before) / row.units * 1e6;
-    };
-    constexpr char kBridgeProgram[] = "bridge\\kestoav.exe";
-    constexpr char kServerProgram[] = "wineserver";
-    for (const auto& row : kRows) {
-        const std::string name = std::string("processor time of ") + row.name;
-        const std::string why = "asynchronous calls each take several requests to the Wine server";
-        bench.rows.push_back({.name = name + " in the bridge",
-                              .unit = row.unit,
-                              .value = spent(row, bridge, kBridgeProgram),
-                              .most = row.most_in_bridge,
-                              .explanation = why});
-        bench.rows.push_back({.name = name + " in the Wine server",
-                              .unit = row.unit,
-                              .value = spent(row, bridge, kServerProgram) - spent(row, sink, kServerProgram),
-                              .most = row.most_in_server,
-                              .explanation = why});
     }
 }
-
-}  // namespace
-
-void MeasureBridge(Bench& bench, uint16_t sink) {
-    const BridgeProcess bridge(sink);
-    MeasureBridgeThroughput(bench, PluginCopy("through", bridge.Port(), true),
-                            PluginCopy("encrypting", sink, true));
-    MeasureSmallScans(bench, bridge.Port(), sink);
-    MeasureBridgeProcessorTime(bench, bridge.Port(), sink);
-    MeasureOpenScans(bench, bridge);
-}
-
-void MeasureDelayedAcknowledgements(Bench& bench, uint16_t delaying_sink) {
-    constexpr int kCalls = 40;
-    const BridgeProcess bridge(delaying_sink);
-    const auto median = [&](uint16_t port) {
-        const PluginCopy plugin("delayed", port, true);
-        return LatencyOf(kCalls, [&] { plugin.Scan(bench.file.data(), kSmall); }).median * 1e6;
-    };
-    bench.rows.push_back({.name = "1 KB to a receiver that delays: bridge",
-                          .unit = "us",
-                          .value = median(bridge.Port()),
-                          .beside_name = "direct",
-                          .beside = median(delaying_sink)});
-}
-
-namespace {
 
 // Runs a command of the Unix system below and returns what it prints. There is no handle to wait for: its
 // output goes to a connection, which ends with it.
@@ -189,7 +142,62 @@ std::string RunUnixCommand(const std::string& command) {
     return output;
 }
 
+// What scans cost the bridge, and the Wine server: sender and sink are beside Wine.
+void MeasureProcessorTime(Bench& bench, const UnixPeer& peer) {
+    struct {
+        const char* name;
+        int scans;
+        size_t size;
+        double units;  // what the seconds are divided by
+        std::optional<double> most_in_bridge;
+        std::optional<double> most_in_server;
+    } static constexpr kRows[] = {{"a scan of 1 KB", 3000, kSmall, 3000, 350, 325},
+                                  {"each MB", 20, 16'000'000, 320, {}, {}}};
+    const BridgeProcess bridge(peer.sink);
+    for (const auto& row : kRows) {
+        const double before[] = {ProcessorSeconds("bridge\\kestoav.exe"), ProcessorSeconds("wineserver")};
+        const std::string said = RunUnixCommand(peer.sender + " " + std::to_string(bridge.Port()) + " " +
+                                                std::to_string(row.scans) + " " + std::to_string(row.size));
+        if (said != "done\n") {
+            throw std::runtime_error("the bridge does not call a file clean");
+        }
+        const double after[] = {ProcessorSeconds("bridge\\kestoav.exe"), ProcessorSeconds("wineserver")};
+        const auto add = [&](const char* where, double seconds, std::optional<double> most) {
+            bench.rows.push_back({.name = std::string("processor time of ") + row.name + " in the " + where,
+                                  .unit = "us",
+                                  .value = seconds / row.units * 1e6,
+                                  .most = most,
+                                  .explanation = "what it is for stands below"});
+        };
+        add("bridge", after[0] - before[0], row.most_in_bridge);
+        add("Wine server", after[1] - before[1], row.most_in_server);
+    }
+}
+
 }  // namespace
+
+void MeasureBridge(Bench& bench, uint16_t sink, const UnixPeer& peer) {
+    const BridgeProcess bridge(sink);
+    MeasureBridgeThroughput(bench, PluginCopy("through", bridge.Port(), true),
+                            PluginCopy("encrypting", sink, true));
+    MeasureSmallScans(bench, bridge.Port(), sink);
+    MeasureOpenScans(bench, bridge);
+    MeasureProcessorTime(bench, peer);
+}
+
+void MeasureDelayedAcknowledgements(Bench& bench, const UnixPeer& peer) {
+    constexpr int kCalls = 40;
+    const BridgeProcess bridge(peer.sink);
+    const auto median = [&](uint16_t port) {
+        const PluginCopy plugin("delayed", port, true);
+        return LatencyOf(kCalls, [&] { plugin.Scan(bench.file.data(), kSmall); }).median * 1e6;
+    };
+    bench.rows.push_back({.name = "1 KB to a receiver that delays: bridge",
+                          .unit = "us",
+                          .value = median(bridge.Port()),
+                          .beside_name = "direct",
+                          .beside = median(peer.sink)});
+}
 
 void MeasureClamd(Bench& bench, uint16_t clamd, const std::string& clamdscan) {
     constexpr int kFiles = 16;

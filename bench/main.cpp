@@ -12,7 +12,8 @@
 //   bridge            scans through the bridge against direct ones: throughput, small scans with 1, 8 and 64
 //                     clients, processor time, memory with 200 scans under way
 //   delay             a small scan to a receiver that delays its acknowledgements, direct and through the
-//   bridge clamd             a real clamd's files a second, beside clamd's own client
+//                     bridge
+//   clamd             a real clamd's files a second, beside clamd's own client
 //
 // The sink engine and the processes that fill the process list are this program, started again.
 #include <windows.h>
@@ -43,7 +44,7 @@ struct Options {
     int rounds = 9;
     std::string only;
     std::string json = "bench.json";
-    uint16_t delaying_sink = 0;
+    UnixPeer unix_peer;
     uint16_t clamd = 0;
     std::string clamdscan;
 };
@@ -68,13 +69,9 @@ void Measure(const Options& options) {
     run("call", [&] { MeasureCall(bench, sink); });
     run("memory", [&] { MeasureMemory(bench, sink); });
     run("host", [&] { MeasureHost(bench, sink); });
-    run("bridge", [&] { MeasureBridge(bench, sink); });
-    if (options.delaying_sink != 0) {
-        run("delay", [&] { MeasureDelayedAcknowledgements(bench, options.delaying_sink); });
-    }
-    if (options.clamd != 0) {
-        run("clamd", [&] { MeasureClamd(bench, options.clamd, options.clamdscan); });
-    }
+    run("bridge", [&] { MeasureBridge(bench, sink, options.unix_peer); });
+    run("delay", [&] { MeasureDelayedAcknowledgements(bench, options.unix_peer); });
+    run("clamd", [&] { MeasureClamd(bench, options.clamd, options.clamdscan); });
     WriteTable(std::cout, bench.rows);
     std::ofstream json(options.json);
     WriteJson(json, bench.rows);
@@ -92,7 +89,8 @@ int main(int argc, char** argv) {
         app.add_option("--only", options.only,
                        "One group: shift, walk, scan, threads, call, memory, host, bridge, delay, clamd");
         app.add_option("--json", options.json, "Where to write the figures");
-        app.add_option("--delaying-sink", options.delaying_sink, "The port of a sink that delays");
+        app.add_option("--unix-sink", options.unix_peer.sink, "The port of a sink beside Wine");
+        app.add_option("--unix-sender", options.unix_peer.sender, "The command line of a sender");
         app.add_option("--clamd", options.clamd, "The port of a clamd");
         app.add_option("--clamdscan", options.clamdscan, "The command line of clamd's client");
         uint16_t port = 0;
