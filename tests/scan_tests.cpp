@@ -58,7 +58,6 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
         {Endless("stream: "), "failed 1003"},
         {ReplyingBytes(WithNul("stream: In.Pieces FOUND"), Then::kHolds, 1), "mail.eml: In.Pieces"},
         {ReplyingBytes(WithNul("stream: A FOUND") + WithNul("stream: OK")), "mail.eml: A"},
-        {ReplyingBytes(WithNul("stream: OK") + "trailing"), "clean"},
         {Replying("%s%n%d"), "failed 1003", "%s%n%d"},
         {Replying(std::string(901, 'r')), "failed 1003", std::string(900, 'r')},
         {Replying(""), "failed 1003"},
@@ -67,7 +66,6 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
         {ReplyingBytes("", Then::kResets), "failed 1003"},
         {DyingAfter(0, true), "failed 1002 or failed 1003"},  // as the network's timing has it
         {DyingAfter(10), "failed 1002 or failed 1003"},
-        {DyingAfter(100'000, true), "failed 1002 or failed 1003"},
     };
     installed.CreateLog();
     Start(Servers(port));
