@@ -155,22 +155,27 @@ void MeasureProcessorTime(Bench& bench, const UnixPeer& peer) {
                                   {"each MB", 20, 16'000'000, 320, {}, {}}};
     const BridgeProcess bridge(peer.sink);
     for (const auto& row : kRows) {
-        const double before[] = {ProcessorSeconds("bridge\\kestoav.exe"), ProcessorSeconds("wineserver")};
+        struct {
+            const char *where, *program;
+            std::optional<double> most;
+            double before;
+        } sides[] = {{"the bridge", "bridge\\kestoav.exe", row.most_in_bridge, 0},
+                     {"the Wine server", "wineserver", row.most_in_server, 0}};
+        for (auto& side : sides) {
+            side.before = ProcessorSeconds(side.program);
+        }
         const std::string said = RunUnixCommand(peer.sender + " " + std::to_string(bridge.Port()) + " " +
                                                 std::to_string(row.scans) + " " + std::to_string(row.size));
         if (said != "done\n") {
             throw std::runtime_error("the bridge does not call a file clean");
         }
-        const double after[] = {ProcessorSeconds("bridge\\kestoav.exe"), ProcessorSeconds("wineserver")};
-        const auto add = [&](const char* where, double seconds, std::optional<double> most) {
-            bench.rows.push_back({.name = std::string("processor time of ") + row.name + " in the " + where,
+        for (const auto& side : sides) {
+            bench.rows.push_back({.name = std::string("processor time of ") + row.name + " in " + side.where,
                                   .unit = "us",
-                                  .value = seconds / row.units * 1e6,
-                                  .most = most,
+                                  .value = (ProcessorSeconds(side.program) - side.before) / row.units * 1e6,
+                                  .most = side.most,
                                   .explanation = "what it is for stands below"});
-        };
-        add("bridge", after[0] - before[0], row.most_in_bridge);
-        add("Wine server", after[1] - before[1], row.most_in_server);
+        }
     }
 }
 

@@ -36,6 +36,10 @@ std::string Words(const asio::error_code& error) {
                                      : ErrorWords(static_cast<unsigned long>(error.value()));
 }
 
+std::string LostText(const asio::error_code& error) {
+    return "lost before its reply: " + Words(error);
+}
+
 // A server that replies early and closes resets the connection right behind its reply. The wait for data
 // then ends with the reset, while the reply may still be there to be read.
 size_t LastBytes(tcp::socket& socket, asio::mutable_buffer bytes) {
@@ -94,10 +98,12 @@ Task Attempt::Converse(std::shared_ptr<Attempt> self) {
         }
     }
     if (!self->connected_) {
-        // One that has accepted and reset is there.
-        const bool there = error == asio::error::connection_reset || error == asio::error::connection_aborted;
-        self->End(there ? AttemptEnd::kBroken : AttemptEnd::kUnreached,
-                  self->timed_out_ ? "connect timed out" : Words(error));
+        // One that accepts and resets is there.
+        if (error == asio::error::connection_reset || error == asio::error::connection_aborted) {
+            self->End(AttemptEnd::kBroken, LostText(error));
+        } else {
+            self->End(AttemptEnd::kUnreached, self->timed_out_ ? "connect timed out" : Words(error));
+        }
         co_return;
     }
     self->progressed_();
@@ -121,7 +127,7 @@ void Attempt::TakeReply(std::string_view bytes, const asio::error_code& error) {
     replied_ = nul != std::string_view::npos;
     if (!replied_) {
         if (error) {
-            End(AttemptEnd::kBroken, "lost before its reply: " + Words(error));
+            End(AttemptEnd::kBroken, LostText(error));
         } else if (reply_.size() > kLongestReply) {
             End(AttemptEnd::kBroken, "its reply is too long");
         }

@@ -54,10 +54,11 @@ void Connect(tcp::socket& socket, const tcp::endpoint& server, asio::const_buffe
     }
     if (!error) {
         const auto connect = ConnectEx(socket);
+        DWORD sent_at_once = 0;
         if (connect == nullptr) {
             error = asio::error::operation_not_supported;
         } else if (!connect(socket.native_handle(), server.data(), static_cast<int>(server.size()),
-                            const_cast<void*>(first.data()), static_cast<DWORD>(first.size()), nullptr,
+                            const_cast<void*>(first.data()), static_cast<DWORD>(first.size()), &sent_at_once,
                             overlapped.get()) &&
                    WSAGetLastError() != ERROR_IO_PENDING) {
             error.assign(WSAGetLastError(), asio::system_category());
