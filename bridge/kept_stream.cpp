@@ -1,6 +1,7 @@
 #include "bridge/kept_stream.h"
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -17,23 +18,38 @@ constexpr size_t kSmallestOfWindow = 16 * 1024;
 
 }  // namespace
 
+KeepRoom::~KeepRoom() {
+    while (spares_ != 0) {
+        TakeSpare();
+    }
+}
+
+std::unique_ptr<uint8_t[]> KeepRoom::TakeSpare() {
+    std::unique_ptr<uint8_t[]> block(spare_);
+    std::memcpy(&spare_, block.get(), sizeof spare_);
+    --spares_;
+    return block;
+}
+
 std::unique_ptr<uint8_t[]> KeepRoom::NewBlock(size_t size) {
-    if (size == kLargestBlock && !spare_.empty()) {
-        auto block = std::move(spare_.back());
-        spare_.pop_back();
-        return block;
+    if (size == kLargestBlock && spares_ != 0) {
+        return TakeSpare();
     }
     return std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[size]);
 }
 
 void KeepRoom::TakeBack(std::unique_ptr<uint8_t[]> block, size_t size) {
-    if (size == kLargestBlock && used + (spare_.size() + 1) * kLargestBlock <= limit) {
-        spare_.push_back(std::move(block));
+    if (size == kLargestBlock && used + (spares_ + 1) * kLargestBlock <= limit) {
+        std::memcpy(block.get(), &spare_, sizeof spare_);
+        spare_ = block.release();
+        ++spares_;
     }
 }
 
 void KeepRoom::ShrinkSpare() {
-    spare_.resize(spare_.size() - (spare_.size() + 7) / 8);
+    for (size_t most = spares_ * 7 / 8; spares_ > most;) {
+        TakeSpare();
+    }
 }
 
 KeptStream::~KeptStream() {

@@ -7,7 +7,6 @@
 #include <deque>
 #include <memory>
 #include <span>
-#include <vector>
 
 namespace kesto {
 
@@ -15,6 +14,11 @@ namespace kesto {
 // into it.
 class KeepRoom {
  public:
+    KeepRoom() = default;
+    KeepRoom(const KeepRoom&) = delete;
+    KeepRoom& operator=(const KeepRoom&) = delete;
+    ~KeepRoom();
+
     size_t limit = 0;  // bytes
     size_t used = 0;
 
@@ -23,7 +27,12 @@ class KeepRoom {
     void ShrinkSpare();  // to be called every now and then
 
  private:
-    std::vector<std::unique_ptr<uint8_t[]>> spare_;
+    std::unique_ptr<uint8_t[]> TakeSpare();
+
+    // Of the largest size, each with the pointer to the next in its own bytes: giving one back takes no
+    // memory.
+    uint8_t* spare_ = nullptr;
+    size_t spares_ = 0;
 };
 
 class KeptStream {
