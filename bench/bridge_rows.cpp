@@ -124,13 +124,20 @@ void MeasureSmallScans(Bench& bench, uint16_t bridge, uint16_t sink) {
     }
 }
 
-// Runs a command of the Unix system below and returns what it prints. There is no handle to wait for: its
-// output goes to a connection, which ends with it.
+// Runs a command of the Unix system below and returns what it prints. Wine leaves the handles of such a one
+// undefined, so there is none to wait for: its output goes to a connection, which ends with it.
 std::string RunUnixCommand(const std::string& command) {
     uint16_t port = 0;
     const SOCKET listener = ListenOnLoopback(port);
-    const ChildProcess shell("/bin/bash",
-                             "-c \"exec " + command + " >/dev/tcp/127.0.0.1/" + std::to_string(port) + "\"");
+    std::string line =
+        "/bin/bash -c \"exec " + command + " >/dev/tcp/127.0.0.1/" + std::to_string(port) + "\"";
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION undefined;
+    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &undefined)) {
+        throw std::runtime_error(line + " does not start: error " + std::to_string(GetLastError()));
+    }
     const SOCKET connection = accept(listener, nullptr, nullptr);
     std::string output;
     char text[4096];
