@@ -6,7 +6,6 @@
 #include <cstdio>
 
 #include "base/log_line.h"
-#include "base/plugin_folder.h"
 
 namespace kesto {
 namespace {
@@ -15,16 +14,17 @@ FILE* g_log;
 
 }  // namespace
 
-void OpenLog(const char* path) {
-    char default_path[kPathSize];
-    if (path[0] == '\0') {
-        FormatText(default_path, sizeof default_path, "%s\\kestoav.log", PluginFolder());
-        if (_access(default_path, 0) != 0) {
-            return;
-        }
-        path = default_path;
+bool FindLogPath(const char* folder, const char* logfile, char (&path)[kPathSize]) {
+    if (logfile[0] != '\0') {
+        CopyText(path, sizeof path, logfile);
+        return true;
     }
-    // A second start opens the log again and does not close the first handle: that is meant.
+    FormatText(path, sizeof path, "%s\\kestoav.log", folder);
+    return _access(path, 0) == 0;
+}
+
+void OpenLog(const char* path) {
+    // A second start opens the log again. The first handle stays open, since another thread may be writing.
     g_log = fopen(path, "at");
 }
 

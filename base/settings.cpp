@@ -12,29 +12,30 @@ ScannerSettings g_settings;
 
 }  // namespace
 
-const ScannerSettings& Settings() {
+ScannerSettings& Settings() {
     return g_settings;
 }
 
-void ReadSettings(const char* folder, char (&log_path)[kPathSize]) {
+void ReadSettings(const char* folder, ScannerSettings& settings) {
+    settings.logfile[0] = '\0';
     char path[kPathSize];
     FormatText(path, sizeof path, "%s\\kestoav.ini", folder);
     if (_access(path, 0) != 0) {
         return;
     }
     const ScannerSettings defaults;
-    GetPrivateProfileStringA(kSection, "servers", defaults.servers, g_settings.servers,
-                             sizeof g_settings.servers, path);
+    GetPrivateProfileStringA(kSection, "servers", defaults.servers, settings.servers, sizeof settings.servers,
+                             path);
     // Compared before narrowing: 256 is on, too.
-    g_settings.encrypt = GetPrivateProfileIntA(kSection, "encrypt", defaults.encrypt, path) != 0;
-    g_settings.autostart = GetPrivateProfileIntA(kSection, "autostart", defaults.autostart, path) != 0;
-    g_settings.startwait =
+    settings.encrypt = GetPrivateProfileIntA(kSection, "encrypt", defaults.encrypt, path) != 0;
+    settings.autostart = GetPrivateProfileIntA(kSection, "autostart", defaults.autostart, path) != 0;
+    settings.startwait =
         GetPrivateProfileIntA(kSection, "startwait", static_cast<int>(defaults.startwait), path);
-    g_settings.connectwait =
+    settings.connectwait =
         GetPrivateProfileIntA(kSection, "connectwait", static_cast<int>(defaults.connectwait), path);
-    g_settings.restartcount =
+    settings.restartcount =
         GetPrivateProfileIntA(kSection, "restartcount", static_cast<int>(defaults.restartcount), path);
-    GetPrivateProfileStringA(kSection, "logfile", "", log_path, sizeof log_path, path);
+    GetPrivateProfileStringA(kSection, "logfile", "", settings.logfile, sizeof settings.logfile, path);
 }
 
 }  // namespace kesto

@@ -14,12 +14,14 @@ struct ScannerSettings {
     uint32_t startwait = 120;               // seconds for an engine restart and the connecting after it
     uint32_t connectwait = 10;              // seconds of connecting before the engine is restarted
     uint32_t restartcount = 3;              // kept for the administrators' files; restarts are not limited
+    char logfile[kPathSize] = "";           // empty: see FindLogPath
 };
 
-// Written only by ReadSettings, during start-up.
-const ScannerSettings& Settings();
+// The plug-in's own. Written only during start-up.
+ScannerSettings& Settings();
 
-// Reads `folder`\kestoav.ini into the settings and `log_path`. Without that file both stay as they are.
-void ReadSettings(const char* folder, char (&log_path)[kPathSize]);
+// Reads `folder`\kestoav.ini. Without that file the settings stay as they are, but for `logfile`, which is
+// then empty.
+void ReadSettings(const char* folder, ScannerSettings& settings);
 
 }  // namespace kesto

@@ -13,12 +13,13 @@
 #include <tuple>
 #include <vector>
 
+#include "base/clamd_words.h"
 #include "bench/bench.h"
 #include "bench/plugin_copy.h"
 #include "bench/processor_time.h"
 #include "bench/timing.h"
 #include "bench/wire.h"
-#include "host/common/server_talk.h"
+#include "common/server_talk.h"
 #include "tests/loopback/loopback.h"
 
 namespace kesto {
@@ -35,7 +36,7 @@ double WorkingSetKilobytes(HANDLE process) {
 // File data that the bridge has taken in so far, in bytes.
 double BytesTaken(uint16_t bridge) {
     const ServerAnswer counters =
-        AskServer({"127.0.0.1", bridge}, "zSTATS", std::chrono::steady_clock::now() + 10s);
+        AskServer({"127.0.0.1", bridge}, kStatsCommand, std::chrono::steady_clock::now() + 10s);
     constexpr std::string_view kName = "\nkestoav_bytes_total ";
     const std::string& text = counters.reply.value();
     return std::stod(text.substr(text.find(kName) + kName.size()));
@@ -55,7 +56,7 @@ void MeasureOpenScans(Bench& bench, const BridgeProcess& bridge) {
     for (int i = 0; i < kScans; ++i) {
         const SOCKET connection = ConnectTo(bridge.Port());
         const uint32_t prefix = htonl(kSize);
-        SendAll(connection, "zINSTREAM", 10);
+        SendAll(connection, kScanCommand.data(), kScanCommand.size());
         SendAll(connection, &prefix, sizeof prefix);
         SendAll(connection, bench.file.data(), kSize);
         connections.push_back(connection);

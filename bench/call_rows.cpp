@@ -13,8 +13,8 @@
 #include "bench/plugin_copy.h"
 #include "bench/timing.h"
 #include "bench/wire.h"
-#include "engine/stream_scan.h"
-#include "process/engine_process.h"
+#include "plugin/engine/stream_scan.h"
+#include "plugin/process/engine_process.h"
 
 namespace kesto {
 namespace {

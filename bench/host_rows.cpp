@@ -8,7 +8,7 @@
 #include "bench/plugin_copy.h"
 #include "bench/timing.h"
 #include "bench/wire.h"
-#include "process/engine_process.h"
+#include "plugin/process/engine_process.h"
 
 namespace kesto {
 

@@ -5,6 +5,7 @@
 #include "host/common/plugin_library.h"
 
 namespace kesto {
+using namespace host;
 
 // Several can be loaded at once, each with its own server and setting, since each is a file of its own.
 class PluginCopy {

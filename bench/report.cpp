@@ -7,6 +7,7 @@
 #include "host/common/json_line.h"
 
 namespace kesto {
+using namespace host;
 
 std::string Formatted(const char* format, ...) {
     char text[500];

@@ -2,13 +2,13 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "base/byte_shift.h"
 #include "bench/bench.h"
 #include "bench/plugin_copy.h"
 #include "bench/timing.h"
 #include "bench/wire.h"
-#include "engine/byte_shift.h"
-#include "engine/stream_scan.h"
-#include "process/engine_process.h"
+#include "plugin/engine/stream_scan.h"
+#include "plugin/process/engine_process.h"
 
 namespace kesto {
 namespace {

@@ -4,11 +4,14 @@
 #include <thread>
 #include <vector>
 
+#include "base/clamd_words.h"
 #include "bench/wire.h"
 #include "bridge/framing.h"
 #include "tests/loopback/loopback.h"
 
 namespace kesto {
+using namespace bridge;
+
 namespace {
 
 // Large reads and a thread that waits in `accept` already: the sink should cost less than what is
@@ -20,7 +23,7 @@ void ServeConnections(SOCKET listener) {
         if (connection == INVALID_SOCKET) {
             return;
         }
-        size_t command_left = 10;  // "zINSTREAM" and its NUL
+        size_t command_left = kScanCommand.size();
         ChunkStream stream;
         for (;;) {
             const int count =
@@ -32,7 +35,7 @@ void ServeConnections(SOCKET listener) {
             command_left -= command;
             FollowChunks(stream, buffer.data() + command, static_cast<size_t>(count) - command, false);
             if (stream.ended) {
-                send(connection, "stream: OK", 11, 0);
+                send(connection, kCleanReply.data(), 11, 0);
                 recv(connection, reinterpret_cast<char*>(buffer.data()), 1, 0);  // the sender closes first
                 break;
             }

@@ -18,11 +18,11 @@
 #include <thread>
 #include <vector>
 
+#include "base/clamd_words.h"
 #include "bridge/framing.h"
 
 namespace {
 
-constexpr std::string_view kCommand("zINSTREAM\0", 10);
 constexpr std::string_view kClean("stream: OK\0", 11);
 
 sockaddr_in Loopback(int port) {
@@ -41,8 +41,8 @@ void DelayAcknowledgements(int socket) {
 
 void Serve(int client) {
     std::vector<uint8_t> buffer(65536);
-    size_t command_left = kCommand.size();
-    kesto::ChunkStream stream;
+    size_t command_left = kesto::kScanCommand.size();
+    kesto::bridge::ChunkStream stream;
     while (!stream.ended) {
         DelayAcknowledgements(client);
         const ssize_t count = recv(client, buffer.data(), buffer.size(), 0);
@@ -51,7 +51,8 @@ void Serve(int client) {
         }
         const size_t command = std::min(command_left, static_cast<size_t>(count));
         command_left -= command;
-        kesto::FollowChunks(stream, buffer.data() + command, static_cast<size_t>(count) - command, false);
+        kesto::bridge::FollowChunks(stream, buffer.data() + command, static_cast<size_t>(count) - command,
+                                    false);
     }
     send(client, kClean.data(), kClean.size(), MSG_NOSIGNAL);
     close(client);
@@ -74,12 +75,11 @@ int Sink(int port) {
 }
 
 int Send(int port, int count, size_t size) {
-    constexpr size_t kChunkSize = 8192;
-    std::string request(kCommand);
-    for (size_t left = size; left != 0; left -= std::min(left, kChunkSize)) {
-        const uint32_t length = htonl(static_cast<uint32_t>(std::min(left, kChunkSize)));
+    std::string request(kesto::kScanCommand);
+    for (size_t left = size; left != 0; left -= std::min<size_t>(left, kesto::kChunkSize)) {
+        const uint32_t length = htonl(static_cast<uint32_t>(std::min<size_t>(left, kesto::kChunkSize)));
         request.append(reinterpret_cast<const char*>(&length), sizeof length);
-        request.append(std::min(left, kChunkSize), 'd');
+        request.append(std::min<size_t>(left, kesto::kChunkSize), 'd');
     }
     request.append(4, '\0');
     const sockaddr_in address = Loopback(port);

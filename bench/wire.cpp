@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "base/clamd_words.h"
 #include "tests/loopback/loopback.h"
 
 namespace kesto {
@@ -39,11 +40,10 @@ void SendBare(uint16_t port, const uint8_t* data, size_t size) {
 }
 
 void SendBareOver(SOCKET connection, const uint8_t* data, size_t size) {
-    constexpr size_t kChunkSize = 8192;
-    SendAll(connection, "zINSTREAM", 10);
+    SendAll(connection, kScanCommand.data(), kScanCommand.size());
     uint32_t prefix = 0;
     for (size_t offset = 0; offset < size; offset += kChunkSize) {
-        const size_t length = std::min(kChunkSize, size - offset);
+        const size_t length = std::min<size_t>(kChunkSize, size - offset);
         prefix = htonl(static_cast<u_long>(length));
         SendAll(connection, &prefix, sizeof prefix);
         SendAll(connection, data + offset, length);
@@ -53,7 +53,7 @@ void SendBareOver(SOCKET connection, const uint8_t* data, size_t size) {
     char reply[11] = {};
     const int count = recv(connection, reply, sizeof reply, 0);
     closesocket(connection);
-    if (count != sizeof reply || memcmp(reply, "stream: OK", sizeof reply) != 0) {
+    if (count != sizeof reply || memcmp(reply, kCleanReply.data(), sizeof reply) != 0) {
         throw std::runtime_error("the sink did not reply to a bare sender");
     }
 }

@@ -5,10 +5,11 @@
 #include <cstring>
 #include <utility>
 
+#include "base/clamd_words.h"
 #include "bridge/connect.h"
-#include "bridge/settings/error_words.h"
+#include "common/error_words.h"
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 using asio::ip::tcp;
@@ -17,7 +18,7 @@ using namespace std::chrono_literals;
 constexpr auto kConnectLimit = 3s;  // to one address
 
 // An engine's replies are one short line; a longer one is not a reply.
-constexpr size_t kLongestReply = 8192;
+constexpr size_t kLongestReply = 8 << 10;
 
 // Pieces of the request that go out in one send.
 constexpr size_t kPiecesAtOnce = 4;
@@ -134,7 +135,7 @@ void Attempt::TakeReply(std::string_view bytes, const asio::error_code& error) {
         return;
     }
     // Clean is only what the server has got to its end. Of the last part it is not yet known.
-    if (reply_ == "stream: OK" && !HandedOver()) {
+    if (reply_ == kCleanReply && !HandedOver()) {
         if (!request_->Ended() || sent_ + sending_ != request_->Size()) {
             End(AttemptEnd::kBroken, "called the file clean before its end");
         }
@@ -234,4 +235,4 @@ void Attempt::Close() {
     bridge_.attempts.erase(shared_from_this());
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -9,7 +9,7 @@
 #include "bridge/bridge.h"
 #include "bridge/task.h"
 
-namespace kesto {
+namespace kesto::bridge {
 
 // How an attempt ended.
 struct AttemptEnd {
@@ -69,4 +69,4 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
     Time reply_until_ = Time::max();
 };
 
-}  // namespace kesto
+}  // namespace kesto::bridge

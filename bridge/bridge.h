@@ -9,10 +9,10 @@
 #include "bridge/fleet.h"
 #include "bridge/kept_stream.h"
 #include "bridge/metrics.h"
-#include "bridge/settings/bridge_settings.h"
 #include "bridge/task.h"
+#include "common/bridge_settings.h"
 
-namespace kesto {
+namespace kesto::bridge {
 
 class Attempt;
 class Client;
@@ -38,4 +38,4 @@ inline void Apply(Bridge& bridge, Time now) {
     SetServers(bridge.fleet, bridge.settings.upstreams, now);
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

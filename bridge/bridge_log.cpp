@@ -9,8 +9,9 @@
 #include "base/bounded_text.h"
 #include "base/log_line.h"
 #include "bridge/log_limit.h"
+#include "common/text.h"
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 std::wstring g_path;  // empty: off
@@ -26,9 +27,7 @@ void Write(const std::vector<std::string>& lines) {
     }
     for (std::string line : lines) {
         line.resize(std::min<size_t>(line.size(), kMessageSize - 1));
-        std::replace_if(
-            line.begin(), line.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
-        WriteLogLine(log, line.c_str());
+        WriteLogLine(log, Printable(line).c_str());
     }
     std::fclose(log);
 }
@@ -57,4 +56,4 @@ void LogLeftOut() {
     Write(g_limit.Overdue(std::chrono::steady_clock::now()));
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace kesto {
+namespace kesto::bridge {
 
 // Lines go to this file from now on; opened anew for each, so that it can be moved away at any time. With
 // only_if_present a missing file leaves logging off. False when a file that should be written cannot be.
@@ -17,4 +17,4 @@ void LogBridge(const std::string& kind, const std::string& message);
 // To be called every now and then: tells of lines that were left out.
 void LogLeftOut();
 
-}  // namespace kesto
+}  // namespace kesto::bridge

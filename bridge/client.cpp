@@ -6,7 +6,7 @@
 
 #include "bridge/bridge_log.h"
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 using asio::ip::tcp;
@@ -466,4 +466,4 @@ void AdvanceWaiting(Bridge& bridge) {
     }
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -13,7 +13,7 @@
 #include "bridge/scan_policy.h"
 #include "bridge/task.h"
 
-namespace kesto {
+namespace kesto::bridge {
 
 class Client : public std::enable_shared_from_this<Client> {
  public:
@@ -87,4 +87,4 @@ class Client : public std::enable_shared_from_this<Client> {
 // Scans that wait for a server may have found one.
 void AdvanceWaiting(Bridge& bridge);
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -8,7 +8,7 @@
 #include <iterator>
 #include <utility>
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 using asio::ip::tcp;
@@ -71,4 +71,4 @@ void Connect(tcp::socket& socket, const tcp::endpoint& server, asio::const_buffe
     }
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

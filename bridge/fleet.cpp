@@ -4,7 +4,7 @@
 #include <tuple>
 #include <utility>
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 using namespace std::chrono_literals;
@@ -37,6 +37,16 @@ std::chrono::seconds PauseOf(const Fleet& fleet, const Server& server) {
     return std::min(server.pause, hurry ? kLongestPauseWhileScansWait : kLongestPause);
 }
 
+void TellDown(const Fleet& fleet, const Server& server, const std::string& reason) {
+    const std::string kind = "upstream " + AddressText(server.name) + " down";
+    fleet.tell(kind, kind + " - " + reason);
+}
+
+void TellUp(const Fleet& fleet, const Server& server) {
+    const std::string line = "upstream " + AddressText(server.name) + " up";
+    fleet.tell(line, line);
+}
+
 // Down, or down for longer.
 void Pause(Fleet& fleet, Server& server, const std::string& reason, Time now) {
     server.up = false;
@@ -45,8 +55,8 @@ void Pause(Fleet& fleet, Server& server, const std::string& reason, Time now) {
     server.paused_at = now;
     server.look_up_at = std::min(server.look_up_at, now);
     NoteChange(fleet, now);
-    fleet.tell("upstream " + AddressText(server.name) + " down - " + reason + "; tried again in " +
-               std::to_string(PauseOf(fleet, server).count()) + " s");
+    TellDown(fleet, server,
+             reason + "; tried again in " + std::to_string(PauseOf(fleet, server).count()) + " s");
 }
 
 }  // namespace
@@ -103,10 +113,10 @@ void NoteAddresses(Fleet& fleet, Server& server, std::vector<ServerAddress> addr
     server.look_up_at = now + (server.addresses.empty() ? kLookupPauseWithoutAddress : kLookupPause);
     if (server.addresses.empty()) {
         if (!std::exchange(server.lookup_told, true)) {
-            fleet.tell("upstream " + AddressText(server.name) + " down - " + reason);
+            TellDown(fleet, server, reason);
         }
     } else if (std::exchange(server.lookup_told, false) && server.up) {
-        fleet.tell("upstream " + AddressText(server.name) + " up");
+        TellUp(fleet, server);
     }
     NoteChange(fleet, now);
 }
@@ -121,7 +131,7 @@ std::vector<ServerPtr> LookupsDue(Fleet& fleet, Time now) {
         } else if (server->looking_up && server->addresses.empty() && !server->lookup_told &&
                    now >= server->look_up_at + kLongLookup) {
             server->lookup_told = true;
-            fleet.tell("upstream " + AddressText(server->name) + " down - looking its name up takes long");
+            TellDown(fleet, *server, "looking its name up takes long");
         }
     }
     return due;
@@ -210,7 +220,7 @@ void NoteProbe(Fleet& fleet, Server& server, Health health, const std::string& r
         Pause(fleet, server, reason, now);
     } else if (!std::exchange(server.up, true)) {
         server.failed_in_row = 0;
-        fleet.tell("upstream " + AddressText(server.name) + " up");
+        TellUp(fleet, server);
         NoteChange(fleet, now);
     }
 }
@@ -225,4 +235,4 @@ bool MayAskBeside(Fleet& fleet, Time now) {
     return fleet.beside.Sum(now) < std::max(1u, fleet.scans.Sum(now) / 10);
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

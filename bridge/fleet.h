@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "bridge/settings/server_address.h"
+#include "common/server_address.h"
 
-namespace kesto {
+namespace kesto::bridge {
 
 using Clock = std::chrono::steady_clock;
 using Time = Clock::time_point;
@@ -65,7 +65,8 @@ struct Fleet {
     uint64_t turns = 0;
     MinuteCount scans;   // whose stream has ended
     MinuteCount beside;  // that were given to a second server beside a silent one
-    std::function<void(const std::string&)> tell = [](const std::string&) {};  // lines for the log
+    // Takes lines for the log, each with its kind.
+    std::function<void(const std::string& kind, const std::string& line)> tell = [](auto&, auto&) {};
 };
 
 // Takes these servers from now on. Those that were there before stay as they are.
@@ -111,4 +112,4 @@ bool AllSick(const Fleet& fleet, Time since);
 // Whether one more scan may be given to a second server beside a silent one: one in ten of the last minute.
 bool MayAskBeside(Fleet& fleet, Time now);
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -4,19 +4,20 @@
 #include <cstring>
 #include <string_view>
 
-namespace kesto {
-namespace {
+#include "base/byte_shift.h"
+#include "base/clamd_words.h"
 
-using namespace std::string_view_literals;
+namespace kesto::bridge {
+namespace {
 
 constexpr struct {
     std::string_view text;
     Command command;
 } kCommands[] = {
-    {"zINSTREAM\0"sv, Command::kScan},
-    {"zVERSION\0"sv, Command::kVersion},
-    {"zPING\0"sv, Command::kPing},
-    {"zSTATS\0"sv, Command::kStats},
+    {kScanCommand, Command::kScan},
+    {kVersionCommand, Command::kVersion},
+    {kPingCommand, Command::kPing},
+    {kStatsCommand, Command::kStats},
 };
 
 }  // namespace
@@ -41,7 +42,7 @@ ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bo
         if (stream.data_left != 0) {
             const size_t run = std::min<size_t>(stream.data_left, size - used);
             if (unshift) {
-                ShiftUp(bytes + used, run);
+                ShiftBytesUp(bytes + used, run);
             }
             stream.data_left -= static_cast<uint32_t>(run);
             stream.data_bytes += run;
@@ -63,10 +64,4 @@ ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bo
     return {used, true};
 }
 
-void ShiftUp(uint8_t* bytes, size_t size) {
-    for (size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<uint8_t>(bytes[i] + 1);
-    }
-}
-
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace kesto {
+namespace kesto::bridge {
 
 // A chunk whose length is above this ends the connection. Chunks are passed on as they come and never
 // held, so the limit costs no memory: it tells a length from text or noise read as one.
@@ -39,7 +39,4 @@ struct ChunksFollowed {
 };
 ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bool unshift);
 
-// Undoes the byte shift: adds one to every byte, wrapping.
-void ShiftUp(uint8_t* bytes, size_t size);
-
-}  // namespace kesto
+}  // namespace kesto::bridge

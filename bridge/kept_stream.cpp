@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 // A client that has sent nothing yet costs one of these; the blocks grow, for few large reads of a large
@@ -122,4 +122,4 @@ void KeptStream::Release(uint64_t position) {
     }
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

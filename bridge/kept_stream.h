@@ -8,7 +8,7 @@
 #include <memory>
 #include <span>
 
-namespace kesto {
+namespace kesto::bridge {
 
 // Memory is given back to the system with a delay: what is fresh from there costs more than what is copied
 // into it.
@@ -76,4 +76,4 @@ class KeptStream {
     bool ended_ = false;
 };
 
-}  // namespace kesto
+}  // namespace kesto::bridge

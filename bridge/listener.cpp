@@ -10,9 +10,9 @@
 
 #include "bridge/bridge_log.h"
 #include "bridge/client.h"
-#include "bridge/settings/error_words.h"
+#include "common/error_words.h"
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 using asio::ip::tcp;
@@ -125,4 +125,4 @@ Task LetIn(Bridge& bridge, tcp::acceptor& acceptor) {
     }
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -5,7 +5,7 @@
 
 #include "bridge/bridge.h"
 
-namespace kesto {
+namespace kesto::bridge {
 
 // Nobody else may take the port as well while we listen on it. Where it is in use, as it may be for a moment
 // after a restart, tries again for ten seconds.
@@ -14,4 +14,4 @@ asio::error_code Listen(asio::ip::tcp::acceptor& acceptor, const ServerAddress& 
 // Lets clients in until the acceptor is closed. `bridge.crowded` tells that one waits for a place.
 Task LetIn(Bridge& bridge, asio::ip::tcp::acceptor& acceptor);
 
-}  // namespace kesto
+}  // namespace kesto::bridge

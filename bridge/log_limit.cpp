@@ -1,6 +1,6 @@
 #include "bridge/log_limit.h"
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 constexpr unsigned kMost = 10;
@@ -41,4 +41,4 @@ std::vector<std::string> LogLimit::Overdue(Time now) {
     return lines;
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

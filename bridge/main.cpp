@@ -14,11 +14,12 @@
 #include "bridge/client.h"
 #include "bridge/listener.h"
 #include "bridge/reload.h"
-#include "bridge/settings/bridge_ini.h"
-#include "bridge/settings/error_words.h"
 #include "bridge/upkeep.h"
+#include "common/bridge_ini.h"
+#include "common/error_words.h"
+#include "common/program_folder.h"
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 using asio::ip::tcp;
@@ -109,12 +110,6 @@ int Fail(const std::string& problem) {
     return 1;
 }
 
-std::wstring ProgramFolder() {
-    std::wstring path(32768, L'\0');
-    path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
-    return path.substr(0, path.find_last_of(L'\\'));
-}
-
 int Run() {
     // Never destroyed: a console event or a lookup may still come while the process ends.
     Bridge& bridge = *new Bridge;
@@ -134,11 +129,11 @@ int Run() {
         return Fail("cannot listen on " + where + " - " +
                     ErrorWords(static_cast<unsigned long>(error.value())));
     }
-    LogBridge("start", "listening on " + where + ", " + SettingsText(bridge.settings));
+    LogBridge("start", "listening on " + where + ": " + SettingsText(bridge.settings));
 
     bridge.own = OwnAddresses();
     bridge.metrics.started = Clock::now();
-    bridge.fleet.tell = [](const std::string& line) { LogBridge(line.substr(0, line.find(" - ")), line); };
+    bridge.fleet.tell = LogBridge;
     Apply(bridge, Clock::now());
 
     g_bridge = &bridge;
@@ -158,11 +153,11 @@ int Run() {
 
 }  // namespace
 
-}  // namespace kesto
+}  // namespace kesto::bridge
 
 int main() {
     try {
-        return kesto::Run();
+        return kesto::bridge::Run();
     } catch (const std::exception& error) {
         std::fprintf(stderr, "kestoav: %s\n", error.what());
         return 1;

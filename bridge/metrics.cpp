@@ -4,7 +4,7 @@
 #include <sstream>
 #include <string_view>
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 class Text {
@@ -92,4 +92,4 @@ std::string MetricsText(const Metrics& metrics, const Fleet& fleet, const KeepRo
     return text.Take();
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -8,7 +8,7 @@
 #include "bridge/kept_stream.h"
 #include "bridge/reply.h"
 
-namespace kesto {
+namespace kesto::bridge {
 
 inline constexpr std::array kSecondsBounds{0.01, 0.05, 0.1,  0.25, 0.5,  1.0,
                                            2.5,  5.0,  10.0, 20.0, 60.0, 120.0};
@@ -35,4 +35,4 @@ void CountSeconds(Metrics& metrics, double seconds);
 
 std::string MetricsText(const Metrics& metrics, const Fleet& fleet, const KeepRoom& room, Time now);
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -7,9 +7,9 @@
 
 #include "bridge/bridge_log.h"
 #include "bridge/client.h"
-#include "bridge/settings/error_words.h"
+#include "common/error_words.h"
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 using namespace std::chrono_literals;
@@ -28,14 +28,6 @@ void UseLogOf(const BridgeIni& ini, const std::wstring& program_folder) {
     std::fprintf(stderr, "kestoav: %s\n", problem.c_str());
     UseBridgeLog(DefaultBridgeLog(program_folder), false);
     LogBridge("log", problem);
-}
-
-std::string SettingsText(const BridgeSettings& settings) {
-    std::string text = "decrypt " + std::string(settings.decrypt ? "on" : "off") + ", upstreams";
-    for (const ServerAddress& server : settings.upstreams) {
-        text += " " + AddressText(server);
-    }
-    return text;
 }
 
 Reload::Reload(std::wstring program_folder)
@@ -87,11 +79,7 @@ void Reload::Tick(Bridge& bridge, Time now) {
     }
     settings = std::move(ini.settings);
     Apply(bridge, now);
-    LogBridge("reload", "changed settings taken up: " + SettingsText(settings) + ", idle " +
-                            std::to_string(settings.idle) + ", keep " + std::to_string(settings.keep) +
-                            ", wait " + std::to_string(settings.wait) + ", verdict " +
-                            std::to_string(settings.verdict) + ", clients " +
-                            std::to_string(settings.clients));
+    LogBridge("reload", "changed settings taken up: " + SettingsText(settings));
     if (restart_wanted) {
         LogBridge("reload", "listen and decrypt are taken up by a restart only");
     }
@@ -99,4 +87,4 @@ void Reload::Tick(Bridge& bridge, Time now) {
     AdvanceWaiting(bridge);
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

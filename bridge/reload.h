@@ -4,15 +4,12 @@
 #include <string>
 
 #include "bridge/bridge.h"
-#include "bridge/settings/bridge_ini.h"
+#include "common/bridge_ini.h"
 
-namespace kesto {
+namespace kesto::bridge {
 
 // Opens the log that the settings name, or else the default one, and says so on standard error and there.
 void UseLogOf(const BridgeIni& ini, const std::wstring& program_folder);
-
-// What is in effect, in words for the log.
-std::string SettingsText(const BridgeSettings& settings);
 
 class Reload {
  public:
@@ -36,4 +33,4 @@ class Reload {
     Time next_look_{};
 };
 
-}  // namespace kesto
+}  // namespace kesto::bridge

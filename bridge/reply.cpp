@@ -1,21 +1,8 @@
 #include "bridge/reply.h"
 
-namespace kesto {
+#include "base/clamd_words.h"
 
-ScanAnswer ReadScanAnswer(std::string_view reply) {
-    constexpr std::string_view kFound = " FOUND";
-    if (reply == "stream: OK") {
-        return ScanAnswer::kClean;
-    }
-    // The blank at the beginning's end is not the one of " FOUND".
-    const bool infected =
-        reply.starts_with(kVerdictBeginning) && reply.substr(kVerdictBeginning.size()).ends_with(kFound);
-    return infected ? ScanAnswer::kInfected : ScanAnswer::kNoVerdict;
-}
-
-bool IsSizeLimit(std::string_view reply) {
-    return reply == "INSTREAM size limit exceeded. ERROR";
-}
+namespace kesto::bridge {
 
 std::string ReplyForClient(std::string_view reply) {
     const bool misleading =
@@ -23,4 +10,4 @@ std::string ReplyForClient(std::string_view reply) {
     return (misleading ? "no verdict: " : "") + std::string(reply);
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

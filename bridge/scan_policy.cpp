@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 using namespace std::chrono_literals;
@@ -85,7 +85,7 @@ void ScanPolicy::Replied(size_t number, const std::string& reply, Time now) {
     }
     const ScanAnswer answer = ReadScanAnswer(reply);
     if (answer == ScanAnswer::kNoVerdict) {
-        attempt.erred = !IsSizeLimit(reply);
+        attempt.erred = reply != kSizeLimitReply;
         last_reply_ = reply;
         return;
     }
@@ -248,4 +248,4 @@ ScanStep ScanPolicy::Next(Time now) {
     return ended_ && !decided_ ? Trickle(now) : ScanStep{};
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

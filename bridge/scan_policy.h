@@ -6,10 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "base/clamd_words.h"
 #include "bridge/fleet.h"
 #include "bridge/reply.h"
 
-namespace kesto {
+namespace kesto::bridge {
 
 struct ScanLimits {
     std::chrono::seconds wait;     // while no server is up, from when the last one went down
@@ -102,4 +103,4 @@ class ScanPolicy {
     std::optional<ScanAnswer> answer_;
 };
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -9,7 +9,7 @@
 #include <exception>
 #include <utility>
 
-namespace kesto {
+namespace kesto::bridge {
 
 // Nobody waits for it; its memory goes when it ends. What it uses must be kept alive by its parameters.
 struct Task {
@@ -73,4 +73,4 @@ class Gate {
     std::coroutine_handle<> waiting_;
 };
 
-}  // namespace kesto
+}  // namespace kesto::bridge

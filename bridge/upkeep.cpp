@@ -11,11 +11,12 @@
 #include <thread>
 #include <utility>
 
+#include "base/clamd_words.h"
 #include "bridge/attempt.h"
 #include "bridge/client.h"
-#include "bridge/settings/error_words.h"
+#include "common/error_words.h"
 
-namespace kesto {
+namespace kesto::bridge {
 namespace {
 
 using namespace std::chrono_literals;
@@ -23,7 +24,7 @@ using namespace std::string_view_literals;
 
 // Longer than a mail server waits for a scan: who needs this for a few bytes is of no use.
 constexpr auto kProbeLimit = 20s;
-constexpr auto kProbe = "zINSTREAM\0\0\0\0\5clean\0\0\0\0"sv;
+constexpr auto kCleanStream = "\0\0\0\5clean\0\0\0\0"sv;
 
 // Returns the error, 0 with addresses.
 int LookUp(const ServerAddress& name, std::vector<ServerAddress>& addresses) {
@@ -78,8 +79,10 @@ void BeginProbe(Bridge& bridge, const ServerPtr& server) {
     if (request->Space().empty()) {
         throw std::bad_alloc();
     }
-    std::copy(kProbe.begin(), kProbe.end(), request->Space().begin());
-    request->Append(kProbe.size());
+    for (const std::string_view part : {kScanCommand, kCleanStream}) {
+        std::copy(part.begin(), part.end(), request->Space().begin());
+        request->Append(part.size());
+    }
     request->End();
     const auto attempt = Attempt::Begin(
         bridge, server, request, [] {},
@@ -116,4 +119,4 @@ void LookUpAndProbe(Bridge& bridge, Time now) {
     }
 }
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -3,9 +3,9 @@
 
 #include "bridge/bridge.h"
 
-namespace kesto {
+namespace kesto::bridge {
 
 // To be called every now and then.
 void LookUpAndProbe(Bridge& bridge, Time now);
 
-}  // namespace kesto
+}  // namespace kesto::bridge

@@ -4,11 +4,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include "common/program_folder.h"
+#include "common/text.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
-#include "host/common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 constexpr unsigned kMostJobs = 16;
@@ -26,12 +27,6 @@ constexpr char kFooter[] =
     "  dir /b /s C:\\mail\\*.eml | kestoscan --file-list -\n"
     "  type sample.eml | kestoscan -\n"
     "  kestoscan --stats > D:\\metrics\\kestoav.prom";
-
-std::wstring ProgramFolder() {
-    std::wstring path(32768, L'\0');
-    path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
-    return path.substr(0, path.find_last_of(L'\\'));
-}
 
 std::wstring FullPath(const std::string& utf8) {
     const std::wstring path = WideFromUtf8(utf8);
@@ -193,4 +188,4 @@ std::optional<Options> ParseCommandLine(int count, wchar_t** arguments, int& sta
     return options;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

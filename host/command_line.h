@@ -7,7 +7,7 @@
 
 #include "host/file_list.h"
 
-namespace kesto {
+namespace kesto::host {
 
 enum class Task { kScan, kVersion, kUpdate, kCheck, kPing, kStats };
 
@@ -32,4 +32,4 @@ struct Options {
 // None when there is nothing to be done but to end with `status`: help, or wrong usage, has been printed.
 std::optional<Options> ParseCommandLine(int count, wchar_t** arguments, int& status);
 
-}  // namespace kesto
+}  // namespace kesto::host

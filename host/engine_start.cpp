@@ -5,13 +5,13 @@
 #include <algorithm>
 #include <atomic>
 
+#include "common/text.h"
 #include "host/check/check.h"
 #include "host/check/port_owner.h"
 #include "host/common/output.h"
 #include "host/common/processes.h"
-#include "host/common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 constexpr DWORD kSettleMs = 1000;
@@ -72,4 +72,4 @@ std::string EngineEndsText(const InstalledPlugin& installed) {
     return "the engine " + Utf8FromWide(installed.engine) + " ends at once\n" + WhyEngineEnds(installed);
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -6,7 +6,7 @@
 
 #include "host/common/installed_plugin.h"
 
-namespace kesto {
+namespace kesto::host {
 
 enum class EngineStart {
     kRuns,         // one does already
@@ -25,4 +25,4 @@ bool StartedEngineIsGone();
 // What is known about an engine that ends at once, for standard error.
 std::string EngineEndsText(const InstalledPlugin& installed);
 
-}  // namespace kesto
+}  // namespace kesto::host

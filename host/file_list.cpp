@@ -5,12 +5,13 @@
 #include <algorithm>
 #include <string_view>
 
-#include "host/common/exact_path.h"
-#include "host/common/file_bytes.h"
-#include "host/common/text.h"
+#include "common/error_words.h"
+#include "common/exact_path.h"
+#include "common/file_bytes.h"
+#include "common/text.h"
 #include "host/name_pattern.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 bool IsFolder(DWORD attributes) {
@@ -176,4 +177,4 @@ bool ReadPathList(const std::wstring& file, std::vector<std::wstring>& paths, st
     return true;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace kesto {
+namespace kesto::host {
 
 struct ListedFile {
     std::wstring path;     // as named, with what was found below it
@@ -35,4 +35,4 @@ std::vector<ListedFile> ListFiles(const std::vector<std::wstring>& paths, const 
 // `error` set (UTF-8) when it cannot be read.
 bool ReadPathList(const std::wstring& file, std::vector<std::wstring>& paths, std::string& error);
 
-}  // namespace kesto
+}  // namespace kesto::host

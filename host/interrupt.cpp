@@ -8,7 +8,7 @@
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 std::function<void()> g_last_words;
@@ -36,4 +36,4 @@ void SetLastWords(std::function<void()> last_words) {
     g_last_words = std::move(last_words);
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

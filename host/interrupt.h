@@ -3,7 +3,7 @@
 
 #include <functional>
 
-namespace kesto {
+namespace kesto::host {
 
 // From now on these end the process at once with kExitError, but not within a line: a scan may wait
 // minutes for its engine, so nothing is waited for.
@@ -12,4 +12,4 @@ void WatchForInterrupt();
 // What is still to be printed then; called under OutputLock, at most once. Set it under OutputLock.
 void SetLastWords(std::function<void()> last_words);
 
-}  // namespace kesto
+}  // namespace kesto::host

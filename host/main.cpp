@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "common/error_words.h"
+#include "common/text.h"
 #include "host/check/check.h"
 #include "host/command_line.h"
 #include "host/common/exit_status.h"
@@ -12,7 +14,6 @@
 #include "host/common/json_line.h"
 #include "host/common/output.h"
 #include "host/common/plugin_library.h"
-#include "host/common/text.h"
 #include "host/engine_start.h"
 #include "host/file_list.h"
 #include "host/interrupt.h"
@@ -20,7 +21,7 @@
 #include "host/scan_files.h"
 #include "host/update.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 constexpr DWORD kEngineListensMs = 5000;  // a new engine gets this long to tell its version
@@ -172,14 +173,14 @@ int Run(int count, wchar_t** arguments) {
 }
 
 }  // namespace
-}  // namespace kesto
+}  // namespace kesto::host
 
 int wmain(int count, wchar_t** arguments) {
-    int status = kesto::kExitError;
+    int status = kesto::host::kExitError;
     try {
-        status = kesto::Run(count, arguments);
+        status = kesto::host::Run(count, arguments);
     } catch (const std::exception& error) {
-        kesto::PrintError("kestoscan: " + std::string(error.what()) + "\n");
+        kesto::host::PrintError("kestoscan: " + std::string(error.what()) + "\n");
     }
     // Nothing is buffered. An orderly end would pull the plug-in from under threads that are inside it.
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(status));

@@ -2,7 +2,7 @@
 
 #include <cwctype>
 
-namespace kesto {
+namespace kesto::host {
 
 bool MatchesPattern(std::wstring_view name, std::wstring_view pattern) {
     size_t in_name = 0;
@@ -29,4 +29,4 @@ bool MatchesPattern(std::wstring_view name, std::wstring_view pattern) {
     return pattern.find_first_not_of(L'*', in_pattern) == std::wstring_view::npos;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -2,14 +2,14 @@
 
 #include <cstdint>
 
-#include "host/common/file_bytes.h"
-#include "host/common/text.h"
+#include "base/log.h"
+#include "common/file_bytes.h"
+#include "common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 constexpr uint32_t kTail = 64 << 10;  // holds the lines of a good many scans at a time
-constexpr size_t kLoggedName = 100;   // characters of a file's name that the plug-in logs
 
 }  // namespace
 
@@ -18,9 +18,11 @@ std::string LoggedResponse(const std::wstring& log, std::string_view name, uint3
         return "";
     }
     const std::string tail = FileTail(log, kTail);
-    const size_t scan = tail.rfind("Scan file - " + std::string(name.substr(0, kLoggedName)) + " - " +
-                                   std::to_string(size) + "\r\n");
-    const size_t response = tail.rfind("Unexpected response from KESTOAV - ");
+    char scan_line[kMessageSize];
+    FormatText(scan_line, sizeof scan_line, kScanLine, std::string(name).c_str(),
+               static_cast<unsigned long>(size));
+    const size_t scan = tail.rfind(scan_line + std::string("\r\n"));
+    const size_t response = tail.rfind(kUnexpectedReplyLine);
     if (scan == std::string::npos || response == std::string::npos || response < scan) {
         return "";
     }
@@ -28,4 +30,4 @@ std::string LoggedResponse(const std::wstring& log, std::string_view name, uint3
     return Utf8FromAnsi(line) + (line.ends_with(" - ") ? "(no reply)" : "");
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

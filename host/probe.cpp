@@ -5,14 +5,14 @@
 #include <functional>
 #include <thread>
 
-#include "engine/stream_scan.h"
+#include "base/clamd_words.h"
+#include "common/server_talk.h"
+#include "common/text.h"
 #include "host/check/test_samples.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
-#include "host/common/server_talk.h"
-#include "host/common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -23,9 +23,9 @@ constexpr auto kOneTry = std::chrono::milliseconds(kIdleLimitMs);
 
 // The answer of the first server that accepts the connection; `words` begins with its address.
 ServerAnswer AskFirst(const InstalledPlugin& installed, std::string& words,
-                      const std::function<ServerAnswer(const Server&)>& ask) {
+                      const std::function<ServerAnswer(const Endpoint&)>& ask) {
     ServerAnswer answer;
-    for (const Server& server : installed.servers) {
+    for (const Endpoint& server : installed.servers) {
         answer = ask(server);
         words = AddressText(server) + ": ";
         if (answer.connected) {
@@ -42,10 +42,10 @@ bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std:
     for (;;) {
         const Deadline deadline =
             wait_seconds == 0 ? Clock::now() + kOneTry : std::min<Deadline>(Clock::now() + kOneTry, end);
-        const ServerAnswer answer = AskFirst(installed, words, [&](const Server& server) {
+        const ServerAnswer answer = AskFirst(installed, words, [&](const Endpoint& server) {
             return ScanAtServer(server, kCleanSample, installed.settings.encrypt, deadline);
         });
-        if (answer.reply == "stream: OK") {
+        if (answer.reply == kCleanReply) {
             words += "answers, in " + DurationText(answer.seconds);
             return true;
         }
@@ -59,7 +59,7 @@ bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std:
 
 std::string NoServerAccepts(const InstalledPlugin& installed) {
     std::string words;
-    const ServerAnswer answer = AskFirst(installed, words, [](const Server& server) {
+    const ServerAnswer answer = AskFirst(installed, words, [](const Endpoint& server) {
         return ConnectToServer(server, Clock::now() + kConnectLimit);
     });
     return answer.connected ? "" : "no server accepts a connection - " + words + answer.failure + "\n";
@@ -77,8 +77,8 @@ int Ping(const InstalledPlugin& installed, unsigned wait_seconds) {
 
 int PrintStats(const InstalledPlugin& installed) {
     std::string words;
-    const ServerAnswer answer = AskFirst(installed, words, [](const Server& server) {
-        return AskServer(server, "zSTATS", Clock::now() + kOneTry);
+    const ServerAnswer answer = AskFirst(installed, words, [](const Endpoint& server) {
+        return AskServer(server, kStatsCommand, Clock::now() + kOneTry);
     });
     if (!answer.reply || answer.reply->starts_with("UNKNOWN")) {
         words += answer.reply ? "the reply was \"" + Utf8FromAnsi(*answer.reply) + "\"" : answer.failure;
@@ -89,4 +89,4 @@ int PrintStats(const InstalledPlugin& installed) {
     return kExitClean;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -5,7 +5,7 @@
 
 #include "host/common/installed_plugin.h"
 
-namespace kesto {
+namespace kesto::host {
 
 // Has a few clean bytes scanned by the server that the plug-in would take, again and again for `wait_seconds`
 // and at least once. True when they were found clean; `words` tells of the last try (UTF-8).
@@ -20,4 +20,4 @@ int Ping(const InstalledPlugin& installed, unsigned wait_seconds);
 // Prints the engine's counters and returns the exit status.
 int PrintStats(const InstalledPlugin& installed);
 
-}  // namespace kesto
+}  // namespace kesto::host

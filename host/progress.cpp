@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
-namespace kesto {
+namespace kesto::host {
 
 std::string ByteText(uint64_t bytes) {
     static constexpr const char* kUnits[] = {"B", "kB", "MB", "GB", "TB"};
@@ -39,4 +39,4 @@ std::string ProgressLine(const Progress& progress) {
     return line + ", " + ByteText(static_cast<uint64_t>(rate)) + "/s, " + time + " left";
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-namespace kesto {
+namespace kesto::host {
 
 struct Progress {
     uint64_t files_done = 0;
@@ -20,4 +20,4 @@ std::string ProgressLine(const Progress& progress);
 // "512 B", "3.1 MB": powers of 1000.
 std::string ByteText(uint64_t bytes);
 
-}  // namespace kesto
+}  // namespace kesto::host

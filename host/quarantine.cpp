@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <cwchar>
 
-#include "host/common/exact_path.h"
+#include "common/exact_path.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 constexpr int kMostOfOneName = 1000;
@@ -45,4 +45,4 @@ unsigned long PutAway(const std::wstring& exact_path, const std::wstring& folder
     return ERROR_ALREADY_EXISTS;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

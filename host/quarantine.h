@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace kesto {
+namespace kesto::host {
 
 // Moves or copies the file into the folder, under its own name, or with .001, .002 ... behind it where that
 // is taken: nothing is ever overwritten. Returns the system's error code, and in `where` the new path; empty
@@ -11,4 +11,4 @@ namespace kesto {
 unsigned long PutAway(const std::wstring& exact_path, const std::wstring& folder, bool move,
                       std::wstring& where);
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -4,7 +4,7 @@
 
 #include <array>
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 constexpr uint32_t kStep = 1 << 20;
@@ -65,4 +65,4 @@ void ReadWatch::Protect(unsigned long protection) const {
     }
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

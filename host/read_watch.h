@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
-namespace kesto {
+namespace kesto::host {
 
 // Puts a guard on a page of every MB, which the system takes away again when it is first read, and counts
 // what was reached. The guards go with the object.
@@ -28,4 +28,4 @@ class ReadWatch {
     std::atomic<uint32_t> reached_ = 0;
 };
 
-}  // namespace kesto
+}  // namespace kesto::host

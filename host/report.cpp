@@ -2,11 +2,11 @@
 
 #include <cstdio>
 
+#include "common/text.h"
 #include "host/common/output.h"
-#include "host/common/text.h"
 #include "host/progress.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 // Comes with the first line printed, so that an interrupted run leaves a whole document or nothing.
@@ -111,4 +111,4 @@ void Report::PrintJson(const Json& object) {
     first_ = false;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

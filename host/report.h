@@ -6,7 +6,7 @@
 
 #include "host/common/json_line.h"
 
-namespace kesto {
+namespace kesto::host {
 
 struct ReportOptions {
     bool json = false;
@@ -46,4 +46,4 @@ class Report {
     bool first_ = true;
 };
 
-}  // namespace kesto
+}  // namespace kesto::host

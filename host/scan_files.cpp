@@ -10,10 +10,11 @@
 #include <thread>
 #include <utility>
 
+#include "common/error_words.h"
+#include "common/file_bytes.h"
+#include "common/text.h"
 #include "host/common/exit_status.h"
-#include "host/common/file_bytes.h"
 #include "host/common/output.h"
-#include "host/common/text.h"
 #include "host/engine_start.h"
 #include "host/interrupt.h"
 #include "host/plugin_log.h"
@@ -22,7 +23,7 @@
 #include "host/quarantine.h"
 #include "host/read_watch.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -371,4 +372,4 @@ ScanOutcome ScanFiles(const PluginLibrary& plugin, const InstalledPlugin& instal
     return std::make_shared<ScanRun>(plugin, installed, std::move(files), options)->Run();
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

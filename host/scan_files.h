@@ -9,7 +9,7 @@
 #include "host/file_list.h"
 #include "host/report.h"
 
-namespace kesto {
+namespace kesto::host {
 
 struct ScanOptions {
     unsigned jobs = 1;        // files scanned at a time
@@ -29,4 +29,4 @@ struct ScanOutcome {
 ScanOutcome ScanFiles(const PluginLibrary& plugin, const InstalledPlugin& installed,
                       std::vector<ListedFile> files, const ScanOptions& options);
 
-}  // namespace kesto
+}  // namespace kesto::host

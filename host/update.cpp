@@ -7,13 +7,13 @@
 #include <mutex>
 #include <thread>
 
+#include "common/text.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
 #include "host/common/processes.h"
-#include "host/common/text.h"
 #include "host/interrupt.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 constexpr DWORD kPollMs = 20;
@@ -68,4 +68,4 @@ int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
     return kExitError;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -4,10 +4,10 @@
 #include "host/common/installed_plugin.h"
 #include "host/common/plugin_library.h"
 
-namespace kesto {
+namespace kesto::host {
 
 // Prints what came of it and returns the exit status. Refuses to run a second updater beside one that runs.
 // Ctrl-C ends us, but not the updater: half an update could leave the engine without signatures.
 int Update(const PluginLibrary& plugin, const InstalledPlugin& installed);
 
-}  // namespace kesto
+}  // namespace kesto::host

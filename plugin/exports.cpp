@@ -4,12 +4,12 @@
 #include <cstdint>
 
 #include "base/host_records.h"
-#include "engine/scan_request.h"
-#include "engine/version_details.h"
-#include "licence/licence.h"
+#include "plugin/engine/scan_request.h"
+#include "plugin/engine/version_details.h"
+#include "plugin/licence/licence.h"
 #include "plugin/result_codes.h"
 #include "plugin/scanner.h"
-#include "update/update_launcher.h"
+#include "plugin/update/update_launcher.h"
 
 namespace {
 

@@ -4,11 +4,11 @@
 
 #include "base/host_records.h"
 #include "base/log.h"
-#include "base/plugin_folder.h"
 #include "base/server_list.h"
 #include "base/settings.h"
-#include "net/socket_connection.h"
-#include "process/engine_process.h"
+#include "plugin/net/socket_connection.h"
+#include "plugin/process/engine_process.h"
+#include "plugin/process/plugin_folder.h"
 
 namespace kesto {
 
@@ -27,12 +27,14 @@ int32_t InitializeScanner(int32_t interface_version, char* short_name, char* lon
         return ERROR_INVALID_PARAMETER;
     }
     SetPluginFolder(folder);
-    char log_path[kPathSize] = {};
-    ReadSettings(PluginFolder(), log_path);
+    ReadSettings(PluginFolder(), Settings());
     if (!Servers().Append(Settings().servers)) {
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    OpenLog(log_path);
+    char log_path[kPathSize];
+    if (FindLogPath(PluginFolder(), Settings().logfile, log_path)) {
+        OpenLog(log_path);
+    }
     if (interface_version != kInterfaceVersion) {
         LogMessage("API version mismatch %d != %d", static_cast<int>(interface_version),
                    static_cast<int>(kInterfaceVersion));

@@ -11,9 +11,11 @@
 #include "bridge/kept_stream.h"
 #include "bridge/log_limit.h"
 #include "bridge/scan_policy.h"
-#include "bridge/settings/bridge_settings.h"
+#include "common/bridge_settings.h"
 
 namespace kesto {
+using namespace bridge;
+
 namespace {
 
 using namespace std::literals;
@@ -29,7 +31,7 @@ struct Story {
         for (char name = 'a'; name <= last_server; ++name) {
             names.push_back(*ParseServerAddress(name + ":1"s));
         }
-        fleet.tell = [this](const std::string& line) { told = line; };
+        fleet.tell = [this](const std::string&, const std::string& line) { told = line; };
         SetServers(fleet, names, now);
         for (const ServerPtr& server : fleet.servers) {
             NoteAddresses(fleet, *server, {*ParseServerAddress("10.0.0.1:1")}, "", now);

@@ -8,6 +8,8 @@
 #include "tests/support/plugin_host.h"
 
 namespace kesto {
+using namespace host;
+
 namespace {
 
 using namespace testing;

@@ -1,8 +1,8 @@
 // The connection to an engine: what it does, how long it waits, and the account that it gives.
 #include <gmock/gmock.h>
 
-#include "net/socket_connection.h"
-#include "net/socket_errors.h"
+#include "plugin/net/socket_connection.h"
+#include "plugin/net/socket_errors.h"
 #include "tests/support/losses.h"
 #include "tests/support/scripted_engine.h"
 

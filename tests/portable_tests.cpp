@@ -3,13 +3,15 @@
 
 #include <numeric>
 
+#include "base/byte_shift.h"
 #include "base/server_list.h"
-#include "engine/byte_shift.h"
 #include "host/check/database_age.h"
 #include "host/check/ini_lint.h"
 #include "host/progress.h"
 
 namespace kesto {
+using namespace host;
+
 namespace {
 
 TEST(ServerList, SplitsAtSingleBlanksAndReadsPortsAsNumbersOf16Bits) {

@@ -9,6 +9,8 @@
 #include "tests/support/plugin_host.h"
 
 namespace kesto {
+using namespace host;
+
 namespace {
 
 using namespace testing;

@@ -1,5 +1,5 @@
 // What only real Windows or a host of many years shows, seen here by counting and by patched imports.
-#include "net/socket_connection.h"
+#include "plugin/net/socket_connection.h"
 // This must come after winsock2.h, in what is above.
 #include <ws2tcpip.h>
 

@@ -4,14 +4,14 @@
 #include <optional>
 #include <vector>
 
+#include "common/text.h"
 #include "host/check/check_engine.h"
 #include "host/check/check_report.h"
 #include "host/check/check_server.h"
 #include "host/check/check_settings.h"
 #include "host/common/plugin_library.h"
-#include "host/common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 constexpr size_t kLongestProgramPath = 259;
@@ -77,7 +77,7 @@ class Check {
  private:
     void CheckAllServers(const InstalledBridge& bridge) {
         std::vector<CheckedServer> asked;
-        for (const Server& server : installed_.servers) {
+        for (const Endpoint& server : installed_.servers) {
             asked.push_back({"server " + AddressText(server), server, true, installed_.settings.encrypt});
         }
         const size_t servers = asked.size();
@@ -162,4 +162,4 @@ std::string WhyEngineEnds(const InstalledPlugin& installed) {
     return lines;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -5,7 +5,7 @@
 
 #include "host/common/installed_plugin.h"
 
-namespace kesto {
+namespace kesto::host {
 
 // Looks at the plug-in's library and folder, its settings, logs, engine and engine servers, changes none of
 // them, and returns the exit status. Ends within 30 seconds, whatever the servers do.
@@ -15,4 +15,4 @@ int CheckInstallation(const std::wstring& library, const std::wstring& folder, b
 // each with its line feed. Empty when nothing is known.
 std::string WhyEngineEnds(const InstalledPlugin& installed);
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -5,14 +5,15 @@
 #include <algorithm>
 #include <string_view>
 
+#include "common/error_words.h"
+#include "common/file_bytes.h"
+#include "common/text.h"
 #include "host/check/check_settings.h"
 #include "host/check/port_owner.h"
 #include "host/check/program_file.h"
-#include "host/common/file_bytes.h"
 #include "host/common/processes.h"
-#include "host/common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 constexpr unsigned kLeastIdle = 20;          // seconds for which the plug-in waits for a byte
@@ -49,7 +50,7 @@ void CheckBlanks(Findings& findings, const std::wstring& program) {
 }
 
 // Whether the plug-in reaches the bridge by this entry of its list. A name may be any address.
-bool Meets(const Server& server, const ServerAddress& listen, const std::vector<ServerAddress>& own) {
+bool Meets(const Endpoint& server, const ServerAddress& listen, const std::vector<ServerAddress>& own) {
     if (server.port != listen.port) {
         return false;
     }
@@ -121,9 +122,9 @@ InstalledBridge ReadBridge(const InstalledPlugin& installed) {
         GetFileAttributesW((installed.engine_folder + L"\\bridge.ini").c_str()) != INVALID_FILE_ATTRIBUTES;
     bridge.ini = ReadBridgeIni(installed.engine_folder);
     const auto own = OwnAddresses();
-    bridge.used = std::any_of(installed.servers.begin(), installed.servers.end(), [&](const Server& server) {
-        return Meets(server, bridge.ini.settings.listen, own);
-    });
+    bridge.used =
+        std::any_of(installed.servers.begin(), installed.servers.end(),
+                    [&](const Endpoint& server) { return Meets(server, bridge.ini.settings.listen, own); });
     bridge.last_end = LastEnd(bridge.ini.log_path);
     return bridge;
 }
@@ -161,18 +162,9 @@ Findings CheckBridgeSettings(const InstalledPlugin& installed, const InstalledBr
     }
     if (bridge.ini.problems.empty()) {
         CheckMeaning(findings, installed, bridge);
-        const BridgeSettings& settings = bridge.ini.settings;
-        std::string upstreams;
-        for (const ServerAddress& server : settings.upstreams) {
-            upstreams += " " + AddressText(server);
-        }
         findings.Ok("bridge settings",
-                    std::string(bridge.has_ini ? "in effect" : "bridge.ini is missing, in effect") +
-                        ": listen=" + AddressText(settings.listen) + " upstreams=" + upstreams.substr(1) +
-                        " decrypt=" + (settings.decrypt ? "1" : "0") +
-                        " idle=" + std::to_string(settings.idle) + " keep=" + std::to_string(settings.keep) +
-                        " wait=" + std::to_string(settings.wait) + " verdict=" +
-                        std::to_string(settings.verdict) + " clients=" + std::to_string(settings.clients));
+                    std::string(bridge.has_ini ? "in effect: " : "bridge.ini is missing, in effect: ") +
+                        SettingsText(bridge.ini.settings));
     }
     const std::wstring& log = bridge.ini.log_path;
     const bool off =
@@ -234,4 +226,4 @@ Findings CheckEngineProcess(const InstalledPlugin& installed, const InstalledBri
     return findings;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

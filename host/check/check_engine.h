@@ -1,11 +1,11 @@
 // The engine program, its process, and the bridge's own settings and log.
 #pragma once
 
-#include "bridge/settings/bridge_ini.h"
+#include "common/bridge_ini.h"
 #include "host/check/check_report.h"
 #include "host/common/installed_plugin.h"
 
-namespace kesto {
+namespace kesto::host {
 
 // The bridge as its files describe it.
 struct InstalledBridge {
@@ -21,4 +21,4 @@ Findings CheckEngineProgram(const InstalledPlugin& installed);
 Findings CheckBridgeSettings(const InstalledPlugin& installed, const InstalledBridge& bridge);
 Findings CheckEngineProcess(const InstalledPlugin& installed, const InstalledBridge& bridge);
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
+#include "common/text.h"
 #include "host/common/exit_status.h"
 #include "host/common/json_line.h"
 #include "host/common/output.h"
-#include "host/common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 constexpr const char* kStateNames[] = {"ok", "warning", "failed"};
@@ -71,4 +71,4 @@ int CheckReport::Finish() {
     return failed != 0 ? kExitError : kExitClean;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kesto {
+namespace kesto::host {
 
 enum class CheckState { kOk, kWarning, kFailed };
 
@@ -57,4 +57,4 @@ class CheckReport {
     uint64_t counts_[3] = {};  // by state
 };
 
-}  // namespace kesto
+}  // namespace kesto::host

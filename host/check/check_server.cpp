@@ -9,21 +9,21 @@
 #include <string_view>
 #include <thread>
 
-#include "engine/reply_verdict.h"
+#include "base/clamd_words.h"
+#include "common/text.h"
 #include "host/check/database_age.h"
 #include "host/check/port_owner.h"
 #include "host/check/test_samples.h"
-#include "host/common/text.h"
-#include "net/socket_connection.h"
+#include "plugin/net/socket_connection.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kPluginConnectMs = 1000;  // what the plug-in gives a server before it tries the next
 constexpr double kSlowConnect = 0.3;         // seconds; near enough to that limit to be told
-constexpr double kToldReply = 1;             // seconds from which on a scan's time is told
+constexpr double kToldSeconds = 1;           // seconds from which on a scan's time is told
 constexpr double kSlowReply = 15;            // seconds; near enough to the plug-in's limit of 20
 constexpr int kOldDays = 7;                  // signatures appear daily
 constexpr size_t kLongStream = 2 << 20;
@@ -56,27 +56,18 @@ std::string Quoted(std::string_view reply) {
     return "\"" + Utf8FromAnsi(reply.substr(0, 200)) + "\"";
 }
 
-enum class Verdict { kClean, kInfected, kNone };
-
-Verdict VerdictOf(const ServerAnswer& answer) {
-    // The plug-in also takes for clean what begins "stream: " without being that: here it is none.
-    if (!answer.reply || VerdictOfReply(*answer.reply).kind == VerdictKind::kUnexpectedReply) {
-        return Verdict::kNone;
-    }
-    if (*answer.reply == "stream: OK") {
-        return Verdict::kClean;
-    }
-    return VerdictOfReply(*answer.reply).kind == VerdictKind::kInfected ? Verdict::kInfected : Verdict::kNone;
+ScanAnswer VerdictOf(const ServerAnswer& answer) {
+    return answer.reply ? ReadScanAnswer(*answer.reply) : ScanAnswer::kNoVerdict;
 }
 
 std::string Describe(const ServerAnswer& answer) {
-    const std::string time = answer.seconds > kToldReply ? " after " + DurationText(answer.seconds) : "";
+    const std::string time = answer.seconds > kToldSeconds ? " after " + DurationText(answer.seconds) : "";
     switch (VerdictOf(answer)) {
-        case Verdict::kClean:
+        case ScanAnswer::kClean:
             return "found clean" + time;
-        case Verdict::kInfected:
+        case ScanAnswer::kInfected:
             return "found infected with " + Utf8FromAnsi(VerdictOfReply(*answer.reply).text) + time;
-        case Verdict::kNone:
+        case ScanAnswer::kNoVerdict:
             break;
     }
     if (!answer.reply) {
@@ -110,8 +101,8 @@ class ServerCheck {
         // At the same time: a server may take seconds for each.
         const std::string clean = kCleanSample;
         const std::string eicar = EicarTestString();
-        auto ping = ask("zPING");
-        auto version = ask("zVERSION");
+        auto ping = ask(kPingCommand);
+        auto version = ask(kVersionCommand);
         auto clean_scan = scan(clean);
         auto eicar_scan = scan(eicar);
         auto long_scan = scan(long_text);
@@ -136,7 +127,7 @@ class ServerCheck {
                 std::this_thread::sleep_for(kTriesPause);
             }
             answer = AskServer(server_.address, command, deadline_);
-            if (answer.seconds > kToldReply) {
+            if (answer.seconds > kToldSeconds) {
                 break;
             }
         }
@@ -235,7 +226,7 @@ class ServerCheck {
 
     bool TellCleanSample(const ServerAnswer& answer) {
         const std::string check = Check("clean sample");
-        const bool clean = VerdictOf(answer) == Verdict::kClean;
+        const bool clean = VerdictOf(answer) == ScanAnswer::kClean;
         if (!clean) {
             findings_.Failed(check, Describe(answer), "see the engine's log");
         } else if (answer.seconds > kSlowReply) {
@@ -249,12 +240,12 @@ class ServerCheck {
 
     void TellEicar(const ServerAnswer& answer, const std::string& eicar) {
         const std::string check = Check("EICAR");
-        const bool clean = VerdictOf(answer) == Verdict::kClean;
+        const bool clean = VerdictOf(answer) == ScanAnswer::kClean;
         const std::string setting = std::string("encrypt=") + (server_.encrypt ? "1" : "0");
-        if (VerdictOf(answer) == Verdict::kInfected) {
+        if (VerdictOf(answer) == ScanAnswer::kInfected) {
             findings_.Ok(check, Describe(answer) + (server_.of_plugin ? ", with " + setting : ""));
         } else if (clean && VerdictOf(ScanAtServer(server_.address, eicar, !server_.encrypt, deadline_)) ==
-                                Verdict::kInfected) {
+                                ScanAnswer::kInfected) {
             TellOtherShift(check);
         } else {
             findings_.Failed(
@@ -279,7 +270,7 @@ class ServerCheck {
 
     void TellLongStream(const ServerAnswer& answer) {
         const std::string check = Check("2 MB stream");
-        if (VerdictOf(answer) != Verdict::kClean) {
+        if (VerdictOf(answer) != ScanAnswer::kClean) {
             findings_.Failed(check, Describe(answer),
                              "raise StreamMaxLength in clamd.conf above the largest mail that is accepted");
         } else if (!server_.of_plugin) {
@@ -345,4 +336,4 @@ std::vector<Findings> CheckServers(const std::vector<CheckedServer>& servers, De
     return all;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -5,14 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "common/server_talk.h"
 #include "host/check/check_report.h"
-#include "host/common/server_talk.h"
 
-namespace kesto {
+namespace kesto::host {
 
 struct CheckedServer {
     std::string name;  // for the report: "server 127.0.0.1:3313"
-    Server address;
+    Endpoint address;
     bool of_plugin;  // connected to as the plug-in does; otherwise a clamd behind the bridge
     bool encrypt;    // the samples' bytes are shifted
 };
@@ -23,4 +23,4 @@ struct CheckedServer {
 std::vector<Findings> CheckServers(const std::vector<CheckedServer>& servers, Deadline deadline,
                                    const std::function<void(size_t)>& progress);
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -2,11 +2,12 @@
 
 #include <windows.h>
 
+#include "common/error_words.h"
+#include "common/file_bytes.h"
+#include "common/text.h"
 #include "host/check/ini_lint.h"
-#include "host/common/file_bytes.h"
-#include "host/common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 // The file as the profile reader sees it, which also takes UTF-16.
@@ -89,4 +90,4 @@ std::string LogFault(const std::wstring& path) {
     return "";
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -4,7 +4,7 @@
 #include "host/check/check_report.h"
 #include "host/common/installed_plugin.h"
 
-namespace kesto {
+namespace kesto::host {
 
 Findings CheckSettings(const InstalledPlugin& installed);
 
@@ -14,4 +14,4 @@ Findings CheckLog(const InstalledPlugin& installed);
 // is not there afterwards either.
 std::string LogFault(const std::wstring& path);
 
-}  // namespace kesto
+}  // namespace kesto::host

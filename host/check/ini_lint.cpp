@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <numeric>
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 enum class ValueKind { kServers, kSwitch, kSeconds, kCount, kPath };
@@ -362,4 +362,4 @@ std::vector<IniFinding> LintIni(std::string_view text) {
     return Linter().Lint(text);
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

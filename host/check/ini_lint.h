@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kesto {
+namespace kesto::host {
 
 struct IniFinding {
     size_t line;         // from 1
@@ -18,4 +18,4 @@ struct IniFinding {
 // `text` is the whole file in the ANSI code page. Any bytes will do.
 std::vector<IniFinding> LintIni(std::string_view text);
 
-}  // namespace kesto
+}  // namespace kesto::host

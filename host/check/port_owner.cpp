@@ -8,11 +8,11 @@
 #include <cstddef>
 #include <vector>
 
+#include "base/ipv4_address.h"
+#include "common/text.h"
 #include "host/common/processes.h"
-#include "host/common/text.h"
-#include "net/ipv4_address.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 std::vector<MIB_TCPROW_OWNER_PID> Listeners() {
@@ -57,4 +57,4 @@ std::string OwnerText(const PortOwner& owner) {
                                  : owner.program + " (process " + std::to_string(owner.process_id) + ")";
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

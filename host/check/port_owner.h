@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-namespace kesto {
+namespace kesto::host {
 
 struct PortOwner {
     uint32_t process_id;  // 0: the system does not tell
@@ -22,4 +22,4 @@ bool Listens(uint32_t process_id);
 // "chat.exe (process 1234)", or "another program".
 std::string OwnerText(const PortOwner& owner);
 
-}  // namespace kesto
+}  // namespace kesto::host

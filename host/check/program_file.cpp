@@ -3,7 +3,7 @@
 #include <cstring>
 #include <optional>
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 // Offsets and values of the format in which Windows keeps programs.
@@ -67,4 +67,4 @@ std::string ProgramFault(std::string_view bytes, bool runs_64_bit) {
     return "";
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

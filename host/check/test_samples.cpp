@@ -1,6 +1,6 @@
 #include "host/check/test_samples.h"
 
-namespace kesto {
+namespace kesto::host {
 
 std::string EicarTestString() {
     static constexpr const char* kSecondHalf = "ANTIVIRUS-TEST-FILE!$H+H*";
@@ -8,4 +8,4 @@ std::string EicarTestString() {
     return std::string(kFirstHalf) + "-" + kSecondHalf;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace kesto {
+namespace kesto::host {
 
 // The harmless text that every engine reports as infected. Put together anew at each call: a file that
 // holds it whole, this program or its source among them, would itself be reported.
@@ -11,4 +11,4 @@ std::string EicarTestString();
 
 inline constexpr char kCleanSample[] = "A sample without anything in it.\r\n";
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -2,11 +2,12 @@
 
 #include <windows.h>
 
+#include "base/log.h"
 #include "base/server_list.h"
+#include "common/text.h"
 #include "host/common/plugin_library.h"
-#include "host/common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 
 InstalledPlugin ReadInstalledPlugin(const std::wstring& folder) {
     InstalledPlugin installed;
@@ -15,21 +16,17 @@ InstalledPlugin ReadInstalledPlugin(const std::wstring& folder) {
     installed.engine = installed.engine_folder + L"\\kestoav.exe";
     installed.updater = installed.engine_folder + L"\\kestoavu.exe";
     std::string ansi_folder;
-    char log_path[kPathSize] = "";
     if (AnsiFolder(folder, ansi_folder, installed.folder_fault)) {
-        ReadSettings(ansi_folder.c_str(), log_path);
+        ReadSettings(ansi_folder.c_str(), installed.settings);
+        char log_path[kPathSize];
+        if (FindLogPath(ansi_folder.c_str(), installed.settings.logfile, log_path)) {
+            installed.log = WideFromAnsi(log_path);
+        }
     }
-    installed.settings = Settings();
     ServerList servers;
     servers.Append(installed.settings.servers);
     for (const ServerEntry& server : servers) {
         installed.servers.push_back({server.host, server.port});
-    }
-    const std::wstring default_log = folder + L"\\kestoav.log";
-    if (log_path[0] != '\0') {
-        installed.log = WideFromAnsi(log_path);
-    } else if (GetFileAttributesW(default_log.c_str()) != INVALID_FILE_ATTRIBUTES) {
-        installed.log = default_log;
     }
     return installed;
 }
@@ -43,7 +40,7 @@ bool HoldsPlugin(const InstalledPlugin& installed) {
     return false;
 }
 
-std::string AddressText(const Server& server) {
+std::string AddressText(const Endpoint& server) {
     return Utf8FromAnsi(server.host) + ":" + std::to_string(server.port);
 }
 
@@ -52,4 +49,4 @@ bool IsFile(const std::wstring& path) {
     return attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY);
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

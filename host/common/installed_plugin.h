@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "base/settings.h"
-#include "host/common/server_talk.h"
+#include "common/server_talk.h"
 
-namespace kesto {
+namespace kesto::host {
 
 struct InstalledPlugin {
     std::wstring folder;         // absolute, without a backslash at its end
@@ -16,7 +16,7 @@ struct InstalledPlugin {
     std::wstring updater;        // kestoavu.exe
     std::wstring log;            // the plug-in's; empty: off
     ScannerSettings settings;
-    std::vector<Server> servers;
+    std::vector<Endpoint> servers;
     std::string folder_fault;  // not empty: the plug-in cannot take the folder, and the settings are defaults
 };
 
@@ -26,8 +26,8 @@ InstalledPlugin ReadInstalledPlugin(const std::wstring& folder);
 bool HoldsPlugin(const InstalledPlugin& installed);
 
 // "127.0.0.1:3313"
-std::string AddressText(const Server& server);
+std::string AddressText(const Endpoint& server);
 
 bool IsFile(const std::wstring& path);
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -1,6 +1,6 @@
 #include "host/common/json_line.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 std::string Dumped(const Json& value) {
@@ -17,4 +17,4 @@ std::string JsonLine(const Json& object) {
     return line + "}";
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -4,11 +4,11 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-namespace kesto {
+namespace kesto::host {
 
 using Json = nlohmann::ordered_json;  // members stay in the order in which they were added
 
 // An object in one line, with blanks behind its colons and commas. What is no UTF-8 is replaced.
 std::string JsonLine(const Json& object);
 
-}  // namespace kesto
+}  // namespace kesto::host

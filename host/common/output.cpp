@@ -4,9 +4,10 @@
 
 #include <string>
 
-#include "host/common/text.h"
+#include "common/error_words.h"
+#include "common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 // What follows is used under OutputLock.
@@ -135,4 +136,4 @@ void ClearProgress() {
     g_progress_width = 0;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

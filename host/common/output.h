@@ -6,7 +6,7 @@
 
 // Everything the program prints passes here, whole lines only: UTF-8 when redirected, UTF-16 to a
 // terminal, and never mixed with the progress line. Callable from any thread.
-namespace kesto {
+namespace kesto::host {
 
 void PrintOut(std::string_view lines);
 void PrintError(std::string_view lines);
@@ -26,4 +26,4 @@ void ClearProgress();
 // Held while a line is written. Whoever ends the process at once takes it first, and keeps it.
 std::recursive_mutex& OutputLock();
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -2,9 +2,10 @@
 
 #include <windows.h>
 
-#include "host/common/text.h"
+#include "common/error_words.h"
+#include "common/text.h"
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 // The system starts a program by a path of at most 259 characters, and "\plugins\kestoav\kestoav.exe" takes
@@ -149,4 +150,4 @@ std::string PluginErrorText(const PluginLibrary& plugin, uint32_t code) {
     return Utf8FromAnsi(text);
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -9,7 +9,7 @@
 #include "base/host_records.h"
 
 // The plug-in as the mail server meets it: a library loaded at run time and called through its exports.
-namespace kesto {
+namespace kesto::host {
 
 struct PluginLibrary {
     void* module;
@@ -47,4 +47,4 @@ bool AnsiFolder(const std::wstring& folder, std::string& ansi, std::string& erro
 
 std::string PluginErrorText(const PluginLibrary& plugin, uint32_t code);
 
-}  // namespace kesto
+}  // namespace kesto::host

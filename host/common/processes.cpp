@@ -7,7 +7,7 @@
 #include <cwchar>
 #include <functional>
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 void ForEachProcess(const std::function<void(const PROCESSENTRY32W&)>& look) {
@@ -76,4 +76,4 @@ bool SameFile(const std::wstring& a, const std::wstring& b) {
            first.nFileIndexHigh == second.nFileIndexHigh && first.nFileIndexLow == second.nFileIndexLow;
 }
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace kesto {
+namespace kesto::host {
 
 struct ProgramProcess {
     uint32_t id;
@@ -25,4 +25,4 @@ std::wstring ProcessName(uint32_t id);
 // Whether both name one and the same file, also where one of them is in short names.
 bool SameFile(const std::wstring& a, const std::wstring& b);
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -3,11 +3,13 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/clamd_words.h"
 #include "bridge/framing.h"
-#include "engine/reply_verdict.h"
 #include "host/check/ini_lint.h"
 
 namespace kesto {
+using namespace host;
+using namespace bridge;
 
 const auto Expect = [](bool holds) { return holds ? void() : abort(); };
 

@@ -10,6 +10,7 @@
 #include "host/common/plugin_library.h"
 
 namespace kesto {
+using namespace host;
 
 // The library of an installation, loaded so that everything in it starts afresh. Closed and unloaded at the
 // end.

@@ -7,6 +7,8 @@
 #include "host/check/test_samples.h"
 
 namespace kesto {
+using namespace host;
+
 namespace {
 
 void SetNonBlocking(SOCKET socket) {

@@ -1,0 +1,241 @@
+#include "common/bridge_settings.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstddef>
+
+namespace kesto {
+namespace {
+
+constexpr struct {
+    std::string_view key;
+    unsigned BridgeSettings::*value;
+    unsigned lowest, highest;
+    const char* what;
+} kNumbers[] = {
+    {"idle", &BridgeSettings::idle, 1, 3600, "a number of seconds"},
+    {"keep", &BridgeSettings::keep, 0, 1024, "a number of MB"},
+    {"wait", &BridgeSettings::wait, 0, 3600, "a number of seconds"},
+    {"verdict", &BridgeSettings::verdict, 1, 3600, "a number of seconds"},
+    {"clients", &BridgeSettings::clients, 1, 20000, "a number"},
+};
+
+constexpr std::string_view kBlanks = " \t\v\f";
+
+std::string_view Trimmed(std::string_view text) {
+    const size_t first = text.find_first_not_of(kBlanks);
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+std::string Lower(std::string_view text) {
+    std::string lower(text);
+    std::transform(text.begin(), text.end(), lower.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return lower;
+}
+
+bool IsComment(std::string_view text) {
+    return text.empty() || text[0] == ';' || text[0] == '#';
+}
+
+// One pair of quotes around a value is no part of it, as in every profile file.
+std::string_view Unquoted(std::string_view value) {
+    if (value.size() >= 2 && (value[0] == '"' || value[0] == '\'') && value.back() == value[0]) {
+        return value.substr(1, value.size() - 2);
+    }
+    return value;
+}
+
+class Reader {
+ public:
+    explicit Reader(const std::vector<ServerAddress>& own) : own_(own) {}
+
+    BridgeSettingsRead Read(std::string_view text) {
+        if (text.find('\0') != std::string_view::npos) {
+            Problem("is no ANSI text: save it as such");
+            return std::move(read_);
+        }
+        while (!text.empty()) {
+            ++line_;
+            const size_t end = std::min(text.find_first_of("\r\n"), text.size());
+            Line(Trimmed(text.substr(0, end)));
+            text.remove_prefix(end + (text.substr(end).starts_with("\r\n") ? 2 : end < text.size()));
+        }
+        line_ = 0;
+        if (!section_seen_) {
+            Problem("has no [bridge] section");
+        }
+        RefuseRings();
+        return std::move(read_);
+    }
+
+ private:
+    void Problem(const std::string& text) {
+        const std::string where = line_ == 0 ? " " : " line " + std::to_string(line_) + ": ";
+        read_.problems.push_back("bridge.ini" + where + text);
+    }
+
+    void Line(std::string_view line) {
+        constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+        if (line_ == 1 && line.starts_with(kByteOrderMark) &&
+            !IsComment(Trimmed(line.substr(kByteOrderMark.size())))) {
+            Problem("begins with a byte order mark: save the file as ANSI text");
+            line.remove_prefix(kByteOrderMark.size());
+        }
+        if (IsComment(line) || line.starts_with(kByteOrderMark)) {
+            return;
+        }
+        const std::string quoted = "'" + std::string(line.substr(0, 100)) + "'";
+        const size_t equals = line.find('=');
+        if (line[0] == '[') {
+            Section(line, quoted);
+        } else if (equals == std::string_view::npos) {
+            Problem(quoted + " is no setting; write key=value, or ; in front of a comment");
+        } else if (!in_section_) {
+            Problem(quoted + " stands above the section [bridge]");
+        } else {
+            Setting(Lower(Trimmed(line.substr(0, equals))), Unquoted(Trimmed(line.substr(equals + 1))));
+        }
+    }
+
+    void Section(std::string_view line, const std::string& quoted) {
+        const size_t end = line.find(']');
+        if (end == std::string_view::npos || Lower(line.substr(0, end + 1)) != "[bridge]" ||
+            !IsComment(Trimmed(line.substr(end + 1)))) {
+            Problem(quoted + " is not the section [bridge]");
+        } else if (section_seen_) {
+            Problem("a second section [bridge]");
+        } else {
+            section_seen_ = true;
+        }
+        in_section_ = true;
+    }
+
+    void Setting(const std::string& key, std::string_view value) {
+        if (std::find(seen_.begin(), seen_.end(), key) != seen_.end()) {
+            Problem("'" + key + "' stands there twice");
+            return;
+        }
+        seen_.push_back(key);
+        BridgeSettings& settings = read_.settings;
+        const std::string text = key + "=" + std::string(value.substr(0, 100));
+        if (key == "listen") {
+            const auto address = ParseServerAddress(value);
+            if (!address || address->kind != HostKind::kIpv4 ||
+                (address->host != "0.0.0.0" && !MayBeServer(*address))) {
+                Problem(text + " is not an IPv4 address and port, like 127.0.0.1:3313");
+            } else {
+                settings.listen = *address;
+            }
+        } else if (key == "upstreams") {
+            Upstreams(Trimmed(value));
+        } else if (key == "decrypt") {
+            if (value != "0" && value != "1") {
+                Problem(text + " is neither 0 nor 1");
+            }
+            settings.decrypt = value != "0";
+        } else if (key == "logfile") {
+            // Blanks and semicolons may be part of a name, but hardly one behind the other.
+            if (value.find(" ;") != std::string_view::npos || value.find("\t;") != std::string_view::npos) {
+                Problem(text + " holds a comment; put it on a line of its own");
+            }
+            settings.logfile = value;
+        } else {
+            Number(key, value, text);
+        }
+    }
+
+    void Number(const std::string& key, std::string_view text, const std::string& setting) {
+        const auto* known = std::find_if(std::begin(kNumbers), std::end(kNumbers),
+                                         [&](const auto& number) { return number.key == key; });
+        if (known == std::end(kNumbers)) {
+            Problem("unknown setting '" + key.substr(0, 100) + "'");
+            return;
+        }
+        unsigned number = 0;
+        const char* end = text.data() + text.size();
+        const auto [stop, error] = std::from_chars(text.data(), end, number);
+        if (error != std::errc() || stop != end || number < known->lowest || number > known->highest) {
+            Problem(setting + " is not " + known->what + " from " + std::to_string(known->lowest) + " to " +
+                    std::to_string(known->highest));
+            return;
+        }
+        read_.settings.*known->value = number;
+    }
+
+    void Upstreams(std::string_view value) {
+        auto& servers = read_.settings.upstreams;
+        servers.clear();
+        upstreams_line_ = line_;
+        if (value.empty()) {
+            Problem("upstreams= names no server");
+        }
+        for (; !value.empty(); value = Trimmed(value)) {
+            const size_t end = std::min(value.find_first_of(kBlanks), value.size());
+            const std::string text(value.substr(0, end));
+            value.remove_prefix(end);
+            const std::string subject = "upstreams: '" + text.substr(0, 300) + "' ";
+            const auto server = ParseServerAddress(text);
+            if (!server) {
+                Problem(subject + "is not host:port, like 127.0.0.1:3310");
+            } else if (!MayBeServer(*server)) {
+                Problem(subject + "is not the address of a server");
+            } else if (std::find(servers.begin(), servers.end(), *server) != servers.end()) {
+                Problem(subject + "stands there twice");
+            } else {
+                servers.push_back(*server);
+            }
+        }
+    }
+
+    // Scans would go round in circles.
+    void RefuseRings() {
+        const BridgeSettings& settings = read_.settings;
+        line_ = upstreams_line_;
+        for (const ServerAddress& server : settings.upstreams) {
+            if (IsBridgeItself(server, settings, own_)) {
+                Problem("upstreams: '" + AddressText(server) + "' is the bridge itself");
+            }
+        }
+    }
+
+    const std::vector<ServerAddress>& own_;
+    BridgeSettingsRead read_;
+    std::vector<std::string> seen_;
+    unsigned line_ = 0;
+    unsigned upstreams_line_ = 0;
+    bool in_section_ = false;  // of whatever name: what stands in a wrong one is read all the same
+    bool section_seen_ = false;
+};
+
+}  // namespace
+
+std::string SettingsText(const BridgeSettings& settings) {
+    std::string text = "listen=" + AddressText(settings.listen) + " upstreams=";
+    for (const ServerAddress& server : settings.upstreams) {
+        text += AddressText(server) + (server == settings.upstreams.back() ? "" : " ");
+    }
+    text += std::string(" decrypt=") + (settings.decrypt ? "1" : "0");
+    for (const auto& number : kNumbers) {
+        text += " " + std::string(number.key) + "=" + std::to_string(settings.*number.value);
+    }
+    return text;
+}
+
+bool IsBridgeItself(const ServerAddress& server, const BridgeSettings& settings,
+                    const std::vector<ServerAddress>& own) {
+    ServerAddress host = server;
+    host.port = 0;
+    const bool here = host.host == "localhost" || (host.kind == HostKind::kIpv4 && host.bytes[0] == 127) ||
+                      std::find(own.begin(), own.end(), host) != own.end();
+    return server == settings.listen || (here && server.port == settings.listen.port);
+}
+
+BridgeSettingsRead ReadBridgeSettings(std::string_view text, const std::vector<ServerAddress>& own) {
+    return Reader(own).Read(text);
+}
+
+}  // namespace kesto

@@ -1,0 +1,42 @@
+// What bridge.ini says. Every key may be missing; a file that says something the bridge cannot follow to the
+// letter is refused, because a guess could let mail through unscanned.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/server_address.h"
+
+namespace kesto {
+
+struct BridgeSettings {
+    ServerAddress listen = *ParseServerAddress("127.0.0.1:3313");                 // an IPv4 address
+    std::vector<ServerAddress> upstreams{*ParseServerAddress("127.0.0.1:3310")};  // each once
+    bool decrypt = true;
+    unsigned idle = 30;       // seconds without a byte after which a client or server is given up
+    unsigned keep = 128;      // MB for the streams of scans under way, so that they can be repeated; 0: none
+    unsigned wait = 60;       // seconds for which scans wait while no server accepts
+    unsigned verdict = 120;   // seconds from a stream's end to its verdict
+    unsigned clients = 1000;  // at a time
+    std::string logfile;      // as written, in the ANSI code page; empty: bridge.log, if it exists
+};
+
+struct BridgeSettingsRead {
+    BridgeSettings settings;            // without problems: what is in effect
+    std::vector<std::string> problems;  // in the bridge's words; not empty: it does not start
+};
+
+// "listen=127.0.0.1:3313 upstreams=... decrypt=1 ...": what is in effect, but for the log.
+std::string SettingsText(const BridgeSettings& settings);
+
+// Whether a server is what the bridge itself listens on: scans would go round in circles. `own` are the
+// addresses of this machine (ParseHost).
+bool IsBridgeItself(const ServerAddress& server, const BridgeSettings& settings,
+                    const std::vector<ServerAddress>& own);
+
+// `text` is the whole file in the ANSI code page; any bytes will do. No server may be the bridge
+// itself.
+BridgeSettingsRead ReadBridgeSettings(std::string_view text, const std::vector<ServerAddress>& own);
+
+}  // namespace kesto

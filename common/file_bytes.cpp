@@ -1,0 +1,105 @@
+#include "common/file_bytes.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "common/error_words.h"
+#include "common/text.h"
+
+namespace kesto {
+namespace {
+
+constexpr uint32_t kReadSize = 16u << 20;
+constexpr uint32_t kFirstCapacity = 64u << 10;  // where the size is not known
+constexpr uint32_t kMostBytes = INT32_MAX;
+
+FileBytes Failed(DWORD code) {
+    return {nullptr, 0, SystemErrorText(code), static_cast<uint32_t>(code)};
+}
+
+bool Grow(FileBytes& bytes, uint32_t capacity) {
+    void* const more = realloc(bytes.data.get(), capacity);
+    if (more != nullptr) {
+        static_cast<void>(bytes.data.release());
+        bytes.data.reset(static_cast<uint8_t*>(more));
+    }
+    return more != nullptr;
+}
+
+// One byte of room above the told size, so that the end shows without another round of memory.
+FileBytes ReadToEnd(HANDLE file, uint64_t told_size) {
+    FileBytes bytes;
+    auto capacity = static_cast<uint32_t>(std::min<uint64_t>(told_size + 1, kMostBytes));
+    if (told_size >= kMostBytes || !Grow(bytes, capacity)) {
+        return {nullptr, 0, "File too large for a 32-bit process", ERROR_FILE_TOO_LARGE};
+    }
+    for (;;) {
+        DWORD read = 0;
+        if (!ReadFile(file, bytes.data.get() + bytes.size, std::min(kReadSize, capacity - bytes.size), &read,
+                      nullptr)) {
+            const DWORD code = GetLastError();
+            return code == ERROR_BROKEN_PIPE ? std::move(bytes) : Failed(code);  // the writer has ended
+        }
+        if (read == 0) {
+            return bytes;
+        }
+        bytes.size += read;
+        if (bytes.size == capacity) {
+            capacity = std::max(kFirstCapacity, capacity < kMostBytes / 2 ? capacity * 2 : kMostBytes);
+            if (bytes.size == kMostBytes || !Grow(bytes, capacity)) {
+                return {nullptr, 0, "File too large for a 32-bit process", ERROR_FILE_TOO_LARGE};
+            }
+        }
+    }
+}
+
+HANDLE OpenToRead(const std::wstring& path) {
+    return CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                       nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+}
+
+}  // namespace
+
+FileBytes ReadWholeFile(const std::wstring& path) {
+    HANDLE file = OpenToRead(path);
+    if (file == INVALID_HANDLE_VALUE) {
+        return Failed(GetLastError());
+    }
+    LARGE_INTEGER size;
+    FileBytes bytes;
+    if (!GetFileSizeEx(file, &size)) {
+        bytes = Failed(GetLastError());  // a device has none
+    } else {
+        bytes = ReadToEnd(file, static_cast<uint64_t>(size.QuadPart));
+    }
+    CloseHandle(file);
+    return bytes;
+}
+
+FileBytes ReadStandardInput() {
+    return ReadToEnd(GetStdHandle(STD_INPUT_HANDLE), 0);
+}
+
+std::string FileTail(const std::wstring& path, uint32_t most) {
+    HANDLE file = OpenToRead(path);
+    LARGE_INTEGER size;
+    if (file == INVALID_HANDLE_VALUE || !GetFileSizeEx(file, &size)) {
+        CloseHandle(file);
+        return "";
+    }
+    LARGE_INTEGER start;
+    start.QuadPart = std::max<int64_t>(0, size.QuadPart - most);
+    SetFilePointerEx(file, start, nullptr, FILE_BEGIN);
+    std::string tail(most, '\0');
+    DWORD read = 0;
+    if (!ReadFile(file, tail.data(), most, &read, nullptr)) {
+        read = 0;
+    }
+    CloseHandle(file);
+    tail.resize(read);
+    return tail;
+}
+
+}  // namespace kesto

@@ -1,0 +1,130 @@
+#include "common/server_address.h"
+
+#ifdef _WIN32
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#else
+#include <arpa/inet.h>
+#endif
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+
+#include "base/ipv4_address.h"
+
+namespace kesto {
+namespace {
+
+constexpr size_t kLongestName = 253;
+constexpr size_t kLongestLabel = 63;
+
+bool IsDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+char Lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool MayStandInLabel(char c) {
+    return IsDigit(c) || (c >= 'a' && c <= 'z') || c == '-' || c == '_';
+}
+
+// Cuts the part up to the next separator off the text. False when there was no separator: the part is the
+// rest, and the text empty.
+bool Cut(std::string_view& text, char separator, std::string_view& part) {
+    const size_t at = text.find(separator);
+    part = text.substr(0, at);
+    text.remove_prefix(at == std::string_view::npos ? text.size() : at + 1);
+    return at != std::string_view::npos;
+}
+
+// The system's resolver takes "10.1" and "0x7f000001" for addresses: a name must not end in a number.
+bool MayBeName(std::string_view name) {
+    if (name.size() > kLongestName) {
+        return false;
+    }
+    std::string_view label;
+    for (bool more = true; more;) {
+        more = Cut(name, '.', label);
+        if (label.empty() || label.size() > kLongestLabel || label.front() == '-' || label.back() == '-' ||
+            !std::all_of(label.begin(), label.end(), MayStandInLabel)) {
+            return false;
+        }
+    }
+    if (label.starts_with("0x")) {
+        return label.find_first_not_of("0123456789abcdef", 2) != std::string_view::npos;
+    }
+    return !std::all_of(label.begin(), label.end(), IsDigit);
+}
+
+bool IsZero(const std::array<uint8_t, 16>& bytes, ptrdiff_t size) {
+    return std::all_of(bytes.begin(), bytes.begin() + size, [](uint8_t byte) { return byte == 0; });
+}
+
+}  // namespace
+
+bool ServerAddress::operator==(const ServerAddress& other) const {
+    return port == other.port && kind == other.kind &&
+           (kind == HostKind::kName ? host == other.host : bytes == other.bytes);
+}
+
+std::optional<ServerAddress> ParseHost(std::string_view text) {
+    ServerAddress address;
+    address.host.resize(text.size());
+    std::transform(text.begin(), text.end(), address.host.begin(), Lower);
+    uint32_t ipv4 = 0;
+    if (ParseIpv4(address.host.c_str(), ipv4)) {
+        address.kind = HostKind::kIpv4;
+        std::memcpy(address.bytes.data(), &ipv4, sizeof ipv4);
+    } else if (inet_pton(AF_INET6, address.host.c_str(), address.bytes.data()) == 1) {
+        address.kind = HostKind::kIpv6;
+    } else if (!MayBeName(address.host)) {
+        return std::nullopt;
+    }
+    return address;
+}
+
+std::optional<ServerAddress> ParseServerAddress(std::string_view text) {
+    const size_t colon = text.rfind(':');
+    if (colon == std::string_view::npos) {
+        return std::nullopt;
+    }
+    std::string_view host = text.substr(0, colon);
+    const bool brackets = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    if (brackets) {
+        host = host.substr(1, host.size() - 2);
+    }
+    auto address = ParseHost(host);
+    const char* end = text.data() + text.size();
+    const char* port = text.data() + colon + 1;
+    if (!address || (address->kind == HostKind::kIpv6) != brackets) {
+        return std::nullopt;
+    }
+    const auto [stop, error] = std::from_chars(port, end, address->port);
+    if (error != std::errc() || stop != end || address->port == 0) {
+        return std::nullopt;
+    }
+    return address;
+}
+
+bool MayBeServer(const ServerAddress& address) {
+    const auto& bytes = address.bytes;
+    switch (address.kind) {
+        case HostKind::kIpv4:
+            return bytes[0] != 0 && bytes[0] < 224 && address.host != "127.255.255.255";
+        case HostKind::kIpv6:
+            // Neither ff00::/8, nor "::", nor an IPv4 address in IPv6's clothes.
+            return bytes[0] != 0xff && (!IsZero(bytes, 10) || (IsZero(bytes, 15) && bytes[15] == 1));
+        default:
+            return true;
+    }
+}
+
+std::string AddressText(const ServerAddress& address) {
+    const bool brackets = address.kind == HostKind::kIpv6;
+    return (brackets ? "[" + address.host + "]" : address.host) + ":" + std::to_string(address.port);
+}
+
+}  // namespace kesto

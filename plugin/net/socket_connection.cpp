@@ -1,0 +1,361 @@
+#include "plugin/net/socket_connection.h"
+
+#include <mstcpip.h>
+
+#include <algorithm>
+#include <atomic>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+
+#include "base/ipv4_address.h"
+#include "plugin/net/host_resolver.h"
+#include "plugin/net/socket_errors.h"
+
+namespace kesto {
+namespace {
+
+// Never stopped: connections of other threads may be open whenever one ends.
+std::atomic<bool> g_layer_started;
+
+}  // namespace
+
+bool SocketConnection::LayerStarted() {
+    if (!g_layer_started) {
+        // Two threads at once start it twice, which the system counts and allows.
+        WSADATA data;
+        g_layer_started = WSAStartup(MAKEWORD(2, 2), &data) == 0;
+        // Nor may it be unloaded while it is started, as it would be with us in a host that has no sockets of
+        // its own: what it holds would be lost, and the next one to load it would find it broken.
+        HMODULE pinned = nullptr;
+        GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN, "ws2_32.dll", &pinned);
+    }
+    return g_layer_started;
+}
+
+SocketConnection::SocketConnection() {
+    LayerStarted();
+}
+
+SocketConnection::~SocketConnection() {
+    Drop();
+}
+
+void SocketConnection::Drop() {
+    if (socket_ != INVALID_SOCKET) {
+        closesocket(socket_);
+        socket_ = INVALID_SOCKET;
+    }
+}
+
+void SocketConnection::StartAccount(std::string_view operation) {
+    account_length_ = 0;
+    AddText(operation);
+}
+
+// Plain copies: this runs for every chunk of a file.
+void SocketConnection::AddText(std::string_view text) {
+    size_t length = std::min(text.size(), sizeof account_ - 1 - account_length_);
+    memcpy(account_ + account_length_, text.data(), length);
+    account_length_ += length;
+    account_[account_length_] = '\0';
+}
+
+void SocketConnection::AddLine(std::string_view line) {
+    AddText("\n");
+    AddText(line);
+}
+
+void SocketConnection::AddEntry(std::string_view name, std::string_view value) {
+    AddLine(name);
+    AddText(": ");
+    AddText(value);
+}
+
+void SocketConnection::AddEntry(std::string_view name, int64_t value) {
+    char digits[20];
+    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    AddEntry(name, std::string_view(digits, static_cast<size_t>(end - digits)));
+}
+
+void SocketConnection::AddSocketError(int error) {
+    if (const char* description = SocketErrorDescription(error)) {
+        AddLine(description);
+        return;
+    }
+    // The hint stands with the errors that have no words of their own, and only there: that is meant.
+    char text[32];
+    snprintf(text, sizeof text, "Error 0x%x", static_cast<unsigned>(error));
+    AddLine(text);
+    AddLine("Check to make sure the connection is not blocked by a firewall or anti-virus port filtering.");
+}
+
+namespace {
+
+uint32_t RemainingMs(uint32_t start, uint32_t limit) {
+    uint32_t elapsed = GetTickCount() - start;
+    return elapsed < limit ? limit - elapsed : 0;
+}
+
+timeval TimeValue(uint32_t ms) {
+    return {static_cast<long>(ms / 1000), static_cast<long>(ms % 1000 * 1000)};
+}
+
+}  // namespace
+
+bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, uint32_t max_wait_ms) {
+    const uint32_t start = GetTickCount();
+    Drop();
+    StartAccount("Connect_Socket");
+    // A long name is cut here so that the reason below it stays within one log line.
+    const char* const name = hostname != nullptr ? hostname : "";
+    AddEntry("hostname", std::string_view(name, strnlen(name, 200)));
+    AddEntry("port", port);
+    AddEntry("ssl", ssl);
+    AddEntry("maxWaitMs", max_wait_ms);
+    if (hostname == nullptr) {
+        AddLine("Cannot connect, hostname is NULL");
+        return false;
+    }
+    if (hostname[0] == '\0') {
+        AddLine("Cannot connect, hostname is zero length");
+        return false;
+    }
+
+    HostAddresses found = {};
+    if (ParseIpv4(hostname, found.addresses[0])) {
+        AddLine("This is an IPV4 numeric address.");
+        AddLine("Hostname to IP address resolution not needed.");
+        found.count = 1;
+    } else {
+        int error = 0;
+        switch (ResolveHost(hostname, max_wait_ms, found, error)) {
+            case Resolution::kFound:
+                break;
+            case Resolution::kTimedOut:
+                AddLine("DNS timed out.");
+                return false;
+            case Resolution::kFailed:
+                AddLine("DNS lookup failed.");
+                AddSocketError(error);
+                return false;
+        }
+    }
+
+    int error = WSAETIMEDOUT;
+    for (size_t i = 0; i < found.count; ++i) {
+        error = ConnectTo(found.addresses[i], port, start, max_wait_ms);
+        if (error == 0) {
+            if (no_delay_) {
+                AddLine("Setting TCP_NODELAY");
+                const BOOL on = TRUE;
+                setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
+            }
+            AddLine("Success.");
+            return true;
+        }
+    }
+    AddLine("Connect function failed.");
+    AddSocketError(error);
+    return false;
+}
+
+namespace {
+
+// Within this machine a refusal is final, but Windows asks again for about two seconds: a closed port would
+// show as a time-out. Systems before Windows 10 1709 do not know the request, and go on as they did.
+void AskOnceOnLoopback(SOCKET connecting, uint32_t address) {
+    if ((ntohl(address) >> 24) != 127) {
+        return;
+    }
+    TCP_INITIAL_RTO_PARAMETERS once = {TCP_INITIAL_RTO_UNSPECIFIED_RTT,
+                                       TCP_INITIAL_RTO_NO_SYN_RETRANSMISSIONS};
+    DWORD written = 0;
+    WSAIoctl(connecting, SIO_TCP_INITIAL_RTO, &once, sizeof once, nullptr, 0, &written, nullptr, nullptr);
+}
+
+// Waits until the connection is made, refused or the time has passed; 0 or the error.
+int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
+    fd_set made;
+    fd_set refused;
+    FD_ZERO(&made);
+    FD_ZERO(&refused);
+    FD_SET(connecting, &made);
+    FD_SET(connecting, &refused);
+    timeval wait = TimeValue(wait_ms);
+    int ready = select(0, nullptr, &made, &refused, &wait);
+    if (ready == 0) {
+        return WSAETIMEDOUT;
+    }
+    if (ready == SOCKET_ERROR) {
+        return WSAGetLastError();
+    }
+    if (FD_ISSET(connecting, &made) && !FD_ISSET(connecting, &refused)) {
+        return 0;
+    }
+    int error = 0;
+    int size = sizeof error;
+    if (getsockopt(connecting, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &size) != 0) {
+        return WSAGetLastError();
+    }
+    return error != 0 ? error : WSAECONNREFUSED;
+}
+
+}  // namespace
+
+// One address within the limit that all addresses of a name share; 0 or the error.
+int SocketConnection::ConnectTo(uint32_t address, uint16_t port, uint32_t start, uint32_t max_wait_ms) {
+    socket_ = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    if (socket_ == INVALID_SOCKET) {
+        return WSAGetLastError();
+    }
+    AskOnceOnLoopback(socket_, address);
+    u_long non_blocking = 1;
+    sockaddr_in server = {};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(port);
+    server.sin_addr.s_addr = address;
+    int error = 0;
+    if (ioctlsocket(socket_, FIONBIO, &non_blocking) != 0 ||
+        connect(socket_, reinterpret_cast<sockaddr*>(&server), sizeof server) != 0) {
+        error = WSAGetLastError();
+        if (error == WSAEWOULDBLOCK) {
+            error = WaitForConnect(socket_, RemainingMs(start, max_wait_ms));
+        }
+    }
+    if (error != 0) {
+        Drop();
+    }
+    return error;
+}
+
+namespace {
+
+// 1 when the socket is ready, 0 when the time has passed, SOCKET_ERROR.
+int WaitUntilReady(SOCKET waiting, bool to_send, uint32_t wait_ms) {
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(waiting, &set);
+    timeval wait = TimeValue(wait_ms);
+    return to_send ? select(0, nullptr, &set, nullptr, &wait) : select(0, &set, nullptr, nullptr, &wait);
+}
+
+}  // namespace
+
+bool SocketConnection::SendBytes(const void* data, uint32_t byte_count) {
+    StartAccount("SendBytes");
+    AddEntry("NumBytes", byte_count);
+    if (socket_ == INVALID_SOCKET) {
+        AddLine("No connection is established");
+        return false;
+    }
+    if (data == nullptr || byte_count == 0) {
+        AddLine("Size of data to send is zero.");
+        return false;
+    }
+    bool sent = SendAll(static_cast<const char*>(data), byte_count);
+    AddLine(sent ? "Success." : "Failed.");
+    return sent;
+}
+
+bool SocketConnection::SendAll(const char* data, uint32_t byte_count) {
+    while (byte_count > 0) {
+        int length = static_cast<int>(std::min<uint32_t>(byte_count, 1 << 20));
+        int sent = send(socket_, data, length, 0);
+        if (sent > 0) {
+            data += sent;
+            byte_count -= static_cast<uint32_t>(sent);
+            continue;
+        }
+        // Waiting only after a send that could not proceed saves a system call on all others.
+        int ready = 1;
+        int error = WSAGetLastError();
+        if (error == WSAEWOULDBLOCK) {
+            ready = WaitUntilReady(socket_, true, max_send_idle_ms_);
+            error = WSAGetLastError();
+            if (ready == 1) {
+                continue;
+            }
+        }
+        if (ready == 0) {
+            AddLine("Socket send idle timeout");
+        } else {
+            AddLine("Error sending on socket");
+            AddSocketError(error);
+            AddLine("Socket send failed");
+        }
+        return false;
+    }
+    return true;
+}
+
+bool SocketConnection::ReceiveStringUntilByte(int byte_value, ReceivedText& text) {
+    StartAccount("ReceiveStringUntilByte");
+    AddEntry("byteValue", byte_value);
+    const auto last = static_cast<char>(std::clamp(byte_value, 0, 255));
+    if (socket_ == INVALID_SOCKET) {
+        AddLine("No connection is established");
+        return false;
+    }
+    ReceivedText received;
+    for (;;) {
+        // The engine scans before it replies: a `recv` without waiting first would come too early.
+        int count = WaitUntilReady(socket_, false, max_read_idle_ms_);
+        if (count == 0) {
+            AddLine("WaitForData timed out.");
+            return false;
+        }
+        char buffer[4096];
+        if (count > 0) {
+            count = recv(socket_, buffer, sizeof buffer, 0);
+        }
+        if (count == 0) {
+            AddLine("The peer has closed the socket (TCP) connection");
+            return false;
+        }
+        if (count < 0) {
+            int error = WSAGetLastError();
+            if (error == WSAEWOULDBLOCK) {
+                continue;
+            }
+            AddLine("Failed to receive on the TCP socket");
+            AddSocketError(error);
+            return false;
+        }
+        const char* const end = buffer + count;
+        const char* const match = std::find(static_cast<const char*>(buffer), end, last);
+        const auto length = static_cast<size_t>(match - buffer);
+        if (received.View().size() + length > kMostReplyBytes) {
+            AddLine("The reply is too long");
+            return false;
+        }
+        if (!received.Append({buffer, length})) {
+            AddLine("Not enough memory for the reply");
+            return false;
+        }
+        if (match != end) {
+            text.Swap(received);
+            return true;
+        }
+    }
+}
+
+bool SocketConnection::Close(uint32_t max_wait_ms) {
+    StartAccount("Close");
+    AddEntry("maxWaitMs", max_wait_ms);
+    if (socket_ == INVALID_SOCKET) {
+        AddLine("No connection to close");
+        return false;
+    }
+    shutdown(socket_, SD_BOTH);
+    Drop();
+    return true;
+}
+
+const char* SocketConnection::LastErrorText() {
+    ring_index_ = (ring_index_ + 1) % kRingSlots;
+    memcpy(ring_[ring_index_], account_, sizeof account_);
+    return ring_[ring_index_];
+}
+
+}  // namespace kesto

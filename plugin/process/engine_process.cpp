@@ -1,0 +1,140 @@
+#include "plugin/process/engine_process.h"
+
+#include <windows.h>
+#include <psapi.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "base/log.h"
+#include "base/settings.h"
+#include "plugin/process/child_program.h"
+#include "plugin/process/elapsed_seconds.h"
+
+namespace kesto {
+namespace {
+
+constexpr char kEngineProgram[] = "kestoav.exe";
+constexpr DWORD kMostProcesses = 10240;
+constexpr DWORD kPollMs = 100;
+
+// Overwritten by each start, read by nothing, its handles never closed: the plug-in keeps no link to
+// the engine but its name, and that is meant.
+PROCESS_INFORMATION g_started_engine;
+
+char LowerAscii(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool EqualIgnoringCase(const char* left, const char* right) {
+    while (*left != '\0' && LowerAscii(*left) == LowerAscii(*right)) {
+        ++left;
+        ++right;
+    }
+    return LowerAscii(*left) == LowerAscii(*right);
+}
+
+bool IsEngine(HANDLE process) {
+    char image[520];
+    if (GetProcessImageFileNameA(process, image, sizeof image) == 0) {
+        return false;
+    }
+    const char* name = strrchr(image, '\\');
+    return name != nullptr && EqualIgnoringCase(name + 1, kEngineProgram);
+}
+
+// `ids` has room for kMostProcesses.
+uint32_t FirstEngine(DWORD* ids) {
+    DWORD bytes = 0;
+    if (!EnumProcesses(ids, kMostProcesses * sizeof ids[0], &bytes)) {
+        return 0;
+    }
+    for (DWORD i = 0; i < bytes / sizeof ids[0]; ++i) {
+        if (ids[i] == 0) {
+            continue;
+        }
+        // This right and no weaker one: an engine that it does not open counts as not running.
+        HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, ids[i]);
+        if (process == nullptr) {
+            continue;
+        }
+        bool found = IsEngine(process);
+        CloseHandle(process);
+        if (found) {
+            return ids[i];
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+uint32_t FindEngineProcess() {
+    // 40 KB are too much for the stack of a mail server's thread.
+    auto* const ids = static_cast<DWORD*>(malloc(kMostProcesses * sizeof(DWORD)));
+    const uint32_t found = ids != nullptr ? FirstEngine(ids) : 0;
+    free(ids);
+    return found;
+}
+
+uint32_t StartEngineProcess() {
+    LogMessage("starting kestoav process");
+    DWORD error = 0;
+    if (!StartHiddenProgram(kEngineProgram, g_started_engine, error)) {
+        LogMessage("Error starting kestoav process - %d", static_cast<int>(error));
+    }
+    return error;
+}
+
+void StopEngineProcess() {
+    LogMessage("stopping kestoav");
+    uint32_t id = FindEngineProcess();
+    if (id == 0) {
+        LogMessage("couldn't find kestoav process");
+        return;
+    }
+    HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, id);
+    if (process == nullptr) {
+        return;
+    }
+    // Logged before the act: the line records the decision, not its outcome.
+    LogMessage("terminated kestoav process");
+    TerminateProcess(process, 0xFFFFFFFF);
+    // Without the right to synchronise this fails at once, and that is meant: a restart polls.
+    WaitForSingleObject(process, 1000);
+    CloseHandle(process);
+    LogMessage("kestoav process ended");
+}
+
+namespace {
+
+// Polls until an engine process exists, or until none does, for as long as the restart that began at
+// `began` may take. Writes `waiting` at each poll, and `given_up` when the time has passed.
+void WaitForEngine(bool to_exist, uint32_t began, const char* waiting, const char* given_up) {
+    while ((FindEngineProcess() != 0) != to_exist) {
+        LogMessage("%s", waiting);
+        uint32_t elapsed = ElapsedSeconds(began, GetTickCount());
+        Sleep(kPollMs);
+        if (elapsed > Settings().startwait) {
+            LogMessage("%s", given_up);
+            return;
+        }
+    }
+}
+
+}  // namespace
+
+Restart RestartEngineProcess() {
+    const uint32_t began = GetTickCount();
+    LogMessage("restarting kestoav process");
+    StopEngineProcess();
+    WaitForEngine(false, began, "Waiting for kestoav process to end", "Unable to stop kestoav process");
+    if (FindEngineProcess() != 0) {
+        return {false, began};
+    }
+    StartEngineProcess();
+    WaitForEngine(true, began, "Waiting for kestoav process to start", "Unable to start kestoav process");
+    return {FindEngineProcess() != 0, began};
+}
+
+}  // namespace kesto

@@ -1,0 +1,28 @@
+#include "plugin/process/plugin_folder.h"
+
+namespace kesto {
+namespace {
+
+char g_plugin_folder[kPathSize];
+bool g_given;  // by the host, which may give an empty text
+
+}  // namespace
+
+void SetPluginFolder(const char* folder) {
+    CopyText(g_plugin_folder, sizeof g_plugin_folder, folder);
+    g_given = true;
+}
+
+const char* PluginFolder() {
+    return g_plugin_folder;
+}
+
+bool FormatEngineFolder(char (&folder)[kMessageSize]) {
+    if (!g_given) {
+        return false;
+    }
+    FormatText(folder, sizeof folder, "%s\\plugins\\kestoav", g_plugin_folder);
+    return true;
+}
+
+}  // namespace kesto
