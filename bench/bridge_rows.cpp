@@ -167,7 +167,7 @@ void MeasureProcessorTime(Bench& bench, const UnixPeer& peer) {
             const char *where, *program;
             std::optional<double> most;
             double before;
-        } sides[] = {{"the bridge", "bridge\\kestoav.exe", row.most_in_bridge, 0},
+        } sides[] = {{"the bridge", "bridge\\kestobridge.exe", row.most_in_bridge, 0},
                      {"the Wine server", "wineserver", row.most_in_server, 0}};
         for (auto& side : sides) {
             side.before = ProcessorSeconds(side.program);

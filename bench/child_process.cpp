@@ -1,9 +1,15 @@
 #include "bench/child_process.h"
 
+#include <tlhelp32.h>
+
+#include <chrono>
+#include <cwchar>
 #include <fstream>
 #include <stdexcept>
 
+#include "base/clamd_words.h"
 #include "bench/wire.h"
+#include "common/server_talk.h"
 #include "tests/loopback/loopback.h"
 
 namespace kesto {
@@ -44,16 +50,35 @@ namespace {
 
 std::filesystem::path PlaceBridge(uint16_t port, uint16_t upstream) {
     std::filesystem::create_directory("bridge");
-    CopyFileW((ProgramFolder() / "../kestoav.exe").c_str(), L"bridge\\kestoav.exe", FALSE);
+    for (const char* program : {"kestoav.exe", "kestobridge.exe"}) {
+        CopyFileW((ProgramFolder() / ".." / program).c_str(),
+                  (std::filesystem::path("bridge") / program).c_str(), FALSE);
+    }
     std::ofstream("bridge/bridge.ini")
         << "[bridge]\nlisten=127.0.0.1:" << port << "\nupstreams=127.0.0.1:" << upstream << '\n';
     return "bridge\\kestoav.exe";
+}
+
+// The guard's worker; no other runs.
+HANDLE OpenWorker() {
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    PROCESSENTRY32W entry = {};
+    entry.dwSize = sizeof entry;
+    BOOL more = Process32FirstW(snapshot, &entry);
+    while (more && _wcsicmp(entry.szExeFile, L"kestobridge.exe") != 0) {
+        more = Process32NextW(snapshot, &entry);
+    }
+    CloseHandle(snapshot);
+    return OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, entry.th32ProcessID);
 }
 
 }  // namespace
 
 BridgeProcess::BridgeProcess(uint16_t upstream) : port_(FreePort()), process_(PlaceBridge(port_, upstream)) {
     WaitForListener(port_);
+    AskServer({"127.0.0.1", port_}, kStatsCommand,
+              std::chrono::steady_clock::now() + std::chrono::seconds(10));
+    worker_ = OpenWorker();
 }
 
 }  // namespace kesto

@@ -34,11 +34,12 @@ class BridgeProcess {
     explicit BridgeProcess(uint16_t upstream);
 
     uint16_t Port() const { return port_; }
-    HANDLE Handle() const { return process_.Handle(); }
+    HANDLE Handle() const { return worker_; }
 
  private:
     uint16_t port_;
     ChildProcess process_;
+    HANDLE worker_ = nullptr;  // closed with the bench
 };
 
 }  // namespace kesto

@@ -64,6 +64,7 @@ struct Given {
     bool check = false;
     bool ping = false;
     bool stats = false;
+    bool restart = false;
 };
 
 void AddOptions(CLI::App& app, Given& given, Options& options) {
@@ -103,6 +104,7 @@ void AddOptions(CLI::App& app, Given& given, Options& options) {
     app.add_flag("--check", given.check, "Diagnose the installation and say what to do");
     app.add_flag("--ping", given.ping, "Tell whether the engine answers a scan");
     app.add_flag("--stats", given.stats, "Print the engine bridge's counters, in the Prometheus text format");
+    app.add_flag("--restart", given.restart, "Start the engine bridge anew without losing a scan");
     app.add_flag("--version", given.version, "Print what plug-in and engine say of their versions");
     app.add_flag("--update", given.update, "Update the signatures as the mail server does");
 }
@@ -111,8 +113,8 @@ void AddOptions(CLI::App& app, Given& given, Options& options) {
 std::string Contradiction(const CLI::App& app, const Given& given, const Options& options) {
     const bool scan = !given.paths.empty() || app.count("--file-list") != 0;
     const bool ping = given.ping || (app.count("--wait") != 0 && !scan);
-    if (scan + given.version + given.update + given.check + ping + given.stats != 1) {
-        return "name files to scan, or one of --check, --ping, --stats, --version and --update";
+    if (scan + given.version + given.update + given.check + ping + given.stats + given.restart != 1) {
+        return "name files to scan, or one of --check, --ping, --restart, --stats, --version and --update";
     }
     for (const char* name : {"--folder", "--library", "--file-list", "--log", "--move", "--copy"}) {
         if (app.count(name) != 0 && app.get_option(name)->as<std::string>().empty()) {
@@ -171,6 +173,7 @@ std::optional<Options> ParseCommandLine(int count, wchar_t** arguments, int& sta
                    : given.update                                   ? Task::kUpdate
                    : given.check                                    ? Task::kCheck
                    : given.stats                                    ? Task::kStats
+                   : given.restart                                  ? Task::kRestart
                    : given.paths.empty() && given.file_list.empty() ? Task::kPing
                                                                     : Task::kScan;
     options.paths = AllWide(given.paths);

@@ -9,7 +9,7 @@
 
 namespace kesto::host {
 
-enum class Task { kScan, kVersion, kUpdate, kCheck, kPing, kStats };
+enum class Task { kScan, kVersion, kUpdate, kCheck, kPing, kStats, kRestart };
 
 struct Options {
     Task task = Task::kScan;

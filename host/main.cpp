@@ -18,6 +18,7 @@
 #include "host/file_list.h"
 #include "host/interrupt.h"
 #include "host/probe.h"
+#include "host/restart.h"
 #include "host/scan_files.h"
 #include "host/update.h"
 
@@ -143,6 +144,9 @@ int RunOptions(const Options& options) {
     }
     if (options.task == Task::kStats) {
         return PrintStats(installed);
+    }
+    if (options.task == Task::kRestart) {
+        return Restart(installed);
     }
     std::string error;
     const std::optional<PluginLibrary> plugin = LoadPlugin(options.library, error);
