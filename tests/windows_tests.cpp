@@ -65,7 +65,7 @@ ptrdiff_t StackBelow(const char& top) {
     return &top - lowest;
 }
 
-TEST_F(RealEngineTest, CleanScanTakesLessThan24KilobytesOfStack) {
+TEST_F(RealEngineTest, CleanScanTakesLessThan14KilobytesOfStack) {
     const LoadedPlugin plugin(installed);
     plugin.Initialize(installed.folder);
     ptrdiff_t before = 0, scanned = 0;
@@ -78,7 +78,7 @@ TEST_F(RealEngineTest, CleanScanTakesLessThan24KilobytesOfStack) {
     }).join();
     RecordProperty("bytes", static_cast<int>(scanned));
     EXPECT_GT(scanned, before);
-    EXPECT_LT(scanned, 24 * 1024);
+    EXPECT_LT(scanned, 14 * 1024);
 }
 
 // Of the system, by the patches below: by the test itself, not by the engine beside it.
@@ -106,6 +106,35 @@ TEST_F(WindowsTest, ConnectOnLoopbackAsksOnceAndNoOtherDoes) {
     EXPECT_EQ(g_asked.size(), 2u);
     // SIO_TCP_INITIAL_RTO with the round trip unspecified (0xFFFF) and no SYN repeated (0xFE).
     EXPECT_THAT(g_asked, Each("2550136849 of 4: 16711679"));
+}
+
+bool Inheritable(HANDLE handle) {
+    DWORD flags = 0;
+    return GetHandleInformation(handle, &flags) && (flags & HANDLE_FLAG_INHERIT) != 0;
+}
+
+int WSAAPI RecordSend(SOCKET socket, const char* bytes, int size, int flags) {
+    g_asked.push_back(Inheritable(reinterpret_cast<HANDLE>(socket)) ? "inheritable" : "our own");
+    return send(socket, bytes, size, flags);
+}
+
+TEST_F(WindowsTest, ProgramsOfTheHostInheritNeitherLogNorConnection) {
+    const auto count = [] {
+        int inheritable = 0;
+        for (uintptr_t handle = 4; handle < 4096; handle += 4) {
+            inheritable += Inheritable(reinterpret_cast<HANDLE>(handle));
+        }
+        return inheritable;
+    };
+    const ImportPatch sends(plugin.module, "send", RecordSend);
+    ScriptedEngine engine;
+    installed.CreateLog();
+    const int before = count();
+    Start("servers=" + engine.Address());
+    EXPECT_EQ(count(), before);
+    g_asked.clear();
+    EXPECT_EQ(Scan("x"), "clean");
+    EXPECT_THAT(g_asked, AllOf(SizeIs(4), Each("our own")));
 }
 
 uint32_t* g_clock;
