@@ -24,7 +24,7 @@ cd "$installed"
 files=$(find . -type f | sort | xargs)
 [ "$files" = "./CHANGES.txt ./CLAMDLL.dll ./INSTALL.txt ./KESTOSCAN.txt ./OPERATIONS.txt ./README.txt \
 ./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe \
-./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoav.exe" ] || fail "the zip holds $files"
+./monitoring/alerts.yml ./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoav.exe" ] || fail "the zip holds $files"
 for text in *.txt *.ini plugins/kestoav/*.ini; do
   if grep -qv $'\r$' "$text"; then fail "$text has lines that do not end in CR LF"; fi
 done
@@ -51,3 +51,5 @@ grep -q 'started .*kestoav.exe' scanned || fail "the engine was not started"
 if grep restarting "$installed/kestoav.log"; then fail "the engine was restarted"; fi
 
 "$top/scripts/wine" "$installed/kestoscan.exe" --check || fail "the check found a fault"
+
+"$top/scripts/wine" "$installed/kestoscan.exe" --stats | promtool check metrics || fail "Prometheus refuses the numbers"
