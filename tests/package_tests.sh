@@ -18,9 +18,16 @@ first=$(pack 022)
 second=$(pack 077)
 [ "$first" = "$second" ] || fail "two packings of one commit differ"
 
+(cd "$work" && openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=KESTO -addext extendedKeyUsage=codeSigning \
+  -keyout key.pem -out certificate.pem && echo 'pass word' >password &&
+  openssl pkcs12 -export -inkey key.pem -in certificate.pem -passout file:password -out key.pfx) 2>/dev/null
+KESTOAV_SIGN_PFX="$work/key.pfx" KESTOAV_SIGN_PASSWORD_FILE="$work/password" pack 022 >/dev/null
+
 installed="$work/KESTO AV"
 unzip -q "$top"/build/release/kestoav-*-win32.zip -d "$installed"
 cd "$installed"
+signed() { osslsigncode verify -CAfile "$work/certificate.pem" -in "$1" >"$work/verified" || fail "$1: $(cat "$work/verified")"; }
+for program in *.dll *.exe plugins/kestoav/*.exe; do signed "$program"; done
 files=$(find . -type f | sort | xargs)
 [ "$files" = "./CHANGES.txt ./CLAMDLL.dll ./INSTALL.txt ./KESTOSCAN.txt ./OPERATIONS.txt ./README.txt \
 ./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe \
