@@ -23,6 +23,7 @@ VIAddVersionKey CompanyName "KESTO"
 VIAddVersionKey FileDescription "KESTO AV set-up"
 VIAddVersionKey LegalCopyright "Copyright (C) 2026 KESTO"
 RequestExecutionLevel admin
+BrandingText "KESTO AV ${VERSION}"
 !define PROGRAMS_KEY "Software\Microsoft\Windows\CurrentVersion\Uninstall\KESTO AV"
 InstallDir "C:\KestoAV"
 InstallDirRegKey HKLM "${PROGRAMS_KEY}" InstallLocation
@@ -61,10 +62,8 @@ Page custom ShowEnginePage LeaveEnginePage
 scanner plug-in, with $INSTDIR as the folder.$\r$\n2. Let it keep the mail and try again on every error code; never \
 deliver such mail unscanned.$\r$\n3. Restart it. It starts the bridge, kestoav.exe.$\r$\n$\r$\nThen, in the command \
 prompt of an administrator:$\r$\n$\r$\n$\"$INSTDIR\kestoscan.exe$\" --check"
-!define MUI_FINISHPAGE_TEXT_LARGE
-!define MUI_FINISHPAGE_SHOWREADME "$INSTDIR\INSTALL.txt"
-!define MUI_FINISHPAGE_SHOWREADME_TEXT "Show INSTALL.txt: clamd, rights, firewall"
-!define MUI_FINISHPAGE_SHOWREADME_NOTCHECKED
+!define MUI_FINISHPAGE_LINK "INSTALL.txt has the rest: clamd, rights, firewall"
+!define MUI_FINISHPAGE_LINK_LOCATION "$INSTDIR\INSTALL.txt"
 !insertmacro MUI_PAGE_FINISH
 !insertmacro MUI_UNPAGE_CONFIRM
 !define MUI_UNFINISHPAGE_NOAUTOCLOSE
@@ -424,7 +423,9 @@ Section Uninstall
   !undef EACH
   RMDir "$INSTDIR"
   DeleteRegKey HKLM "${PROGRAMS_KEY}"
-  Push "Left where they are: $INSTDIR\kestoav.ini, $INSTDIR\plugins\kestoav\bridge.ini, and the logs in $INSTDIR\logs. \
-Delete the folder when you need them no more."
+  StrCpy $0 "Left where they are: $INSTDIR\kestoav.ini, $INSTDIR\plugins\kestoav\bridge.ini, and the logs in \
+$INSTDIR\logs. Delete the folder when you need them no more."
+  Push $0
   Call un.Say
+  MessageBox MB_OK|MB_ICONINFORMATION $0 /SD IDOK
 SectionEnd
