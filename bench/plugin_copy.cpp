@@ -13,12 +13,14 @@ PluginCopy::PluginCopy(const std::string& name, uint16_t port, bool encrypt) {
     CopyFileW((ProgramFolder() / "../CLAMDLL.dll").c_str(), library.c_str(), FALSE);
     std::ofstream(folder / "kestoav.ini")
         << "[kestoav]\nservers=127.0.0.1:" << port << "\nencrypt=" << encrypt << "\nautostart=0\n";
-    std::string error;
-    const auto plugin = LoadPlugin(library.wstring(), error);
-    if (!plugin || StartPlugin(*plugin, folder.wstring(), error) != StartOutcome::kStarted) {
-        throw std::runtime_error(error);
+    bool without_engine = false;
+    Fault fault = LoadPlugin(library.wstring(), plugin_);
+    if (!fault) {
+        fault = StartPlugin(plugin_, folder.wstring(), without_engine);
     }
-    plugin_ = *plugin;
+    if (fault) {
+        throw std::runtime_error(fault.text);
+    }
 }
 
 PluginCopy::~PluginCopy() {
