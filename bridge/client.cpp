@@ -4,7 +4,7 @@
 #include <tuple>
 #include <utility>
 
-#include "bridge/bridge_log.h"
+#include "common/bridge_log.h"
 
 namespace kesto::bridge {
 namespace {

@@ -1,4 +1,5 @@
-// kestoav.exe: stands between the plug-in and one or more clamd servers. Started without arguments.
+// kestobridge.exe: stands between the plug-in and one or more clamd servers. Started by kestoav.exe.
+#include <winsock2.h>
 #include <windows.h>
 
 #include <asio/post.hpp>
@@ -7,16 +8,18 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "bridge/bridge.h"
-#include "bridge/bridge_log.h"
 #include "bridge/client.h"
 #include "bridge/listener.h"
 #include "bridge/reload.h"
 #include "bridge/upkeep.h"
 #include "common/bridge_ini.h"
+#include "common/bridge_log.h"
 #include "common/error_words.h"
+#include "common/guard_words.h"
 #include "common/program_folder.h"
 
 namespace kesto::bridge {
@@ -27,43 +30,39 @@ using namespace std::chrono_literals;
 
 // One timer serves every time limit: limits of a session that moved with each byte would cost system calls.
 constexpr auto kTick = 250ms;
+constexpr unsigned kTicksASign = 4;  // of life
 
-// For the console's handler, which has no arguments and runs on a thread of its own.
-Bridge* g_bridge = nullptr;
-tcp::acceptor* g_acceptor = nullptr;
-HANDLE g_ended = nullptr;
+// A client that is let in at the last moment gets this long to begin with its command.
+constexpr auto kLastArrivals = 2s;
 
-void Stop() {
-    if (std::exchange(g_bridge->stopping, true)) {
-        return;
+// Another worker takes the clients from now on.
+class Leaving {
+ public:
+    void Begin(Bridge& bridge, Listener& listener) {
+        LogBridge("end", "ending after the running scans");
+        listener.Stop();
+        since_ = Clock::now();
+        Tick(bridge, since_);
     }
-    g_bridge->stopped_at = Clock::now();
-    LogBridge("end", "ending after the running scans");
-    asio::error_code ignored;
-    g_acceptor->close(ignored);
-    const auto clients = g_bridge->clients;
-    for (const auto& client : clients) {
-        client->Stop();
-    }
-    if (g_bridge->clients.empty()) {
-        g_bridge->io.stop();
-    }
-}
 
-BOOL WINAPI OnConsoleEvent(DWORD event) {
-    static LONG asked = 0;
-    if (event == CTRL_LOGOFF_EVENT) {
-        return TRUE;  // services hear of it whenever anybody logs off
+    void Tick(Bridge& bridge, Time now) {
+        if (bridge.stopping || now < since_ + kLastArrivals || bridge.crowded) {
+            return;
+        }
+        bridge.stopping = true;
+        bridge.stopped_at = now;
+        const auto clients = bridge.clients;
+        for (const auto& client : clients) {
+            client->Stop();
+        }
+        if (bridge.clients.empty()) {
+            bridge.io.stop();
+        }
     }
-    if (InterlockedExchange(&asked, 1) != 0 && (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT)) {
-        return FALSE;  // asked twice: end at once
-    }
-    asio::post(g_bridge->io, Stop);
-    if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
-        WaitForSingleObject(g_ended, INFINITE);  // the process is ended when this returns
-    }
-    return TRUE;
-}
+
+ private:
+    Time since_ = Time::max() - kLastArrivals;
+};
 
 // For want of memory only what it came from may fail: time goes on for all else.
 template <typename Work>
@@ -75,7 +74,7 @@ void Guarded(Work work) {
     }
 }
 
-void Tick(Bridge& bridge, Reload& reload, Time now) {
+void Tick(Bridge& bridge, Reload& reload, Leaving& leaving, Time now) {
     const auto attempts = bridge.attempts;
     for (const auto& attempt : attempts) {
         Guarded([&] { attempt->Tick(now); });
@@ -92,74 +91,104 @@ void Tick(Bridge& bridge, Reload& reload, Time now) {
     reload.Tick(bridge, now);
     bridge.room.ShrinkSpare();
     LogLeftOut();
+    leaving.Tick(bridge, now);
 }
 
-Task KeepTime(Bridge& bridge, Reload& reload) {
+// `alive` tells the guard that time goes on here.
+Task KeepTime(Bridge& bridge, Reload& reload, Leaving& leaving, HANDLE alive) {
     asio::steady_timer timer(bridge.io);
-    for (;;) {
+    for (unsigned ticks = 0;; ++ticks) {
+        if (ticks % kTicksASign == 0) {
+            SetEvent(alive);
+        }
         timer.expires_after(kTick);
         auto tick = Operation([&timer](auto handler) { timer.async_wait(std::move(handler)); });
         co_await tick;
-        Guarded([&] { Tick(bridge, reload, Clock::now()); });
+        Guarded([&] { Tick(bridge, reload, leaving, Clock::now()); });
     }
 }
 
-int Fail(const std::string& problem) {
-    LogBridge("start", "cannot start - " + problem);
-    std::fprintf(stderr, "kestoav: %s\n", problem.c_str());
-    return 1;
+// The socket on which the guard listens; where that is, is written into `where`.
+SOCKET OpenListener(WorkerOrders& orders, ServerAddress& where) {
+    const SOCKET shared = WSASocketW(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO,
+                                     &orders.listener, 0, WSA_FLAG_OVERLAPPED);
+    sockaddr_in bound = {};
+    int size = sizeof bound;
+    if (getsockname(shared, reinterpret_cast<sockaddr*>(&bound), &size) == 0) {
+        const asio::ip::address_v4 address(ntohl(bound.sin_addr.s_addr));
+        where = *ParseServerAddress(address.to_string() + ":" + std::to_string(ntohs(bound.sin_port)));
+    }
+    return shared;
+}
+
+// Reads what the guard writes, to the end of the guard.
+bool ReadOrders(void* orders, DWORD size) {
+    const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    DWORD read = 0;
+    return GetFileType(input) == FILE_TYPE_PIPE && ReadFile(input, orders, size, &read, nullptr) &&
+           read == size;
 }
 
 int Run() {
-    // Never destroyed: a console event or a lookup may still come while the process ends.
+    WorkerOrders orders;
+    if (!ReadOrders(&orders, sizeof orders) || orders.size != sizeof orders) {
+        std::fputs("kestobridge.exe is started by kestoav.exe of the same version.\n", stderr);
+        return 2;
+    }
+    // None of these is ever destroyed: a lookup or the guard may still come while the process ends.
     Bridge& bridge = *new Bridge;
+    Leaving& leaving = *new Leaving;
     const std::wstring folder = ProgramFolder();
-    BridgeIni ini = ReadBridgeIni(folder);
-    UseLogOf(ini, folder);
-    if (!ini.problems.empty()) {
-        for (const std::string& problem : ini.problems) {
-            Fail(problem);
-        }
+    const SOCKET shared = OpenListener(orders, bridge.settings.listen);
+    if (shared == INVALID_SOCKET) {
         return 1;
     }
-    bridge.settings = std::move(ini.settings);
-    auto& acceptor = *new tcp::acceptor(bridge.io);
-    const std::string where = AddressText(bridge.settings.listen);
-    if (const auto error = Listen(acceptor, bridge.settings.listen)) {
-        return Fail("cannot listen on " + where + " - " +
-                    ErrorWords(static_cast<unsigned long>(error.value())));
+    BridgeIni ini = ReadBridgeIni(folder);
+    if (const std::string problem = UseBridgeLog(ini, folder); !problem.empty()) {
+        LogBridge("log", problem);
     }
-    LogBridge("start", "listening on " + where + ": " + SettingsText(bridge.settings));
-
     bridge.own = OwnAddresses();
+    if (const auto problems = Problems(ini, bridge); !problems.empty()) {
+        for (const std::string& problem : problems) {
+            if (orders.known_problem == 0) {
+                LogBridge("start", "cannot start - " + problem);
+            }
+        }
+        return kCannotFollow;
+    }
+    ini.settings.listen = bridge.settings.listen;
+    bridge.settings = std::move(ini.settings);
+    LogBridge("start",
+              "listening on " + AddressText(bridge.settings.listen) + ": " + SettingsText(bridge.settings));
     bridge.metrics.started = Clock::now();
+    bridge.metrics.worker_starts = orders.starts;
     bridge.fleet.tell = LogBridge;
     Apply(bridge, Clock::now());
 
-    g_bridge = &bridge;
-    g_acceptor = &acceptor;
-    g_ended = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
     Reload reload(folder);
-    LetIn(bridge, acceptor);
-    KeepTime(bridge, reload);
+    Listener& listener = *new Listener(bridge, shared);
+    std::thread([&] {
+        for (char order = '\0'; ReadOrders(&order, 1);) {
+            asio::post(bridge.io, [&] { leaving.Begin(bridge, listener); });
+        }
+        TerminateProcess(GetCurrentProcess(), 0);
+    }).detach();
+    KeepTime(bridge, reload, leaving, reinterpret_cast<HANDLE>(static_cast<uintptr_t>(orders.alive)));
     while (!bridge.io.stopped()) {
         Guarded([&] { bridge.io.run(); });
     }
     LogBridge("end", "ended");
-    SetEvent(g_ended);
     return 0;
 }
 
 }  // namespace
-
 }  // namespace kesto::bridge
 
 int main() {
     try {
         return kesto::bridge::Run();
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "kestoav: %s\n", error.what());
+        std::fprintf(stderr, "kestobridge: %s\n", error.what());
         return 1;
     }
 }

@@ -54,6 +54,7 @@ std::string MetricsText(const Metrics& metrics, const Fleet& fleet, const KeepRo
     Text text;
     text.Single("uptime_seconds", "gauge", "Time since the start.",
                 std::chrono::duration_cast<std::chrono::seconds>(now - metrics.started).count());
+    text.Single("worker_starts_total", "counter", "Starts of kestobridge.exe.", metrics.worker_starts);
     text.Name("scans_total", "counter", "Scans that have ended, by outcome.");
     text.Value(metrics.clean, Label("outcome", "clean"));
     text.Value(metrics.infected, Label("outcome", "infected"));

@@ -15,6 +15,7 @@ inline constexpr std::array kSecondsBounds{0.01, 0.05, 0.1,  0.25, 0.5,  1.0,
 
 struct Metrics {
     Time started{};
+    unsigned worker_starts = 0;  // by the guard, this one included
     uint64_t clean = 0;
     uint64_t infected = 0;
     uint64_t no_verdict = 0;  // the engine replied something else

@@ -61,6 +61,16 @@ std::wstring DefaultBridgeLog(const std::wstring& program_folder) {
     return program_folder + L"\\bridge.log";
 }
 
+FileStamp BridgeIniStamp(const std::wstring& program_folder) {
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    if (!GetFileAttributesExW((program_folder + L"\\bridge.ini").c_str(), GetFileExInfoStandard, &data)) {
+        return {};
+    }
+    const auto whole = [](DWORD high, DWORD low) { return static_cast<uint64_t>(high) << 32 | low; };
+    return {whole(data.ftLastWriteTime.dwHighDateTime, data.ftLastWriteTime.dwLowDateTime),
+            whole(data.nFileSizeHigh, data.nFileSizeLow)};
+}
+
 std::vector<ServerAddress> OwnAddresses() {
     std::vector<ServerAddress> addresses;
     ULONG size = 32768;

@@ -21,6 +21,14 @@ BridgeIni ReadBridgeIni(const std::wstring& program_folder);
 // The log that is used where no path is set, or where that one cannot be written.
 std::wstring DefaultBridgeLog(const std::wstring& program_folder);
 
+// When bridge.ini was written last, and its size: differs where the file has changed. All 0 without a file.
+struct FileStamp {
+    uint64_t written = 0;
+    uint64_t size = 0;
+    bool operator==(const FileStamp&) const = default;
+};
+FileStamp BridgeIniStamp(const std::wstring& program_folder);
+
 // Addresses of this machine, for ReadBridgeSettings.
 std::vector<ServerAddress> OwnAddresses();
 

@@ -9,9 +9,9 @@
 
 #include "bridge/framing.h"
 #include "bridge/kept_stream.h"
-#include "bridge/log_limit.h"
 #include "bridge/scan_policy.h"
 #include "common/bridge_settings.h"
+#include "common/log_limit.h"
 
 namespace kesto {
 using namespace bridge;

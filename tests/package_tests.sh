@@ -31,7 +31,8 @@ for program in *.dll *.exe plugins/kestoav/*.exe "$top"/build/release/kestoav-*-
 files=$(find . -type f | sort | xargs)
 [ "$files" = "./CHANGES.txt ./CLAMDLL.dll ./INSTALL.txt ./KESTOSCAN.txt ./OPERATIONS.txt ./README.txt \
 ./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe \
-./monitoring/alerts.yml ./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoav.exe" ] || fail "the zip holds $files"
+./monitoring/alerts.yml ./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoav.exe \
+./plugins/kestoav/kestobridge.exe" ] || fail "the zip holds $files"
 for text in *.txt *.ini plugins/kestoav/*.ini; do
   if grep -qv $'\r$' "$text"; then fail "$text has lines that do not end in CR LF"; fi
 done

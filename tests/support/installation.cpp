@@ -121,6 +121,7 @@ uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::stri
                                                 "\r\nupstreams=" + upstreams + "\r\n" + more_lines + "\r\n");
     WriteFile(engine_folder / "bridge.log", "");
     CopyFileW((BuiltFolder() / "kestoav.exe").c_str(), (engine_folder / program).c_str(), FALSE);
+    CopyFileW((BuiltFolder() / "kestobridge.exe").c_str(), worker.c_str(), FALSE);
     return port;
 }
 

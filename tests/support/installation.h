@@ -32,6 +32,7 @@ class Installation {
     const std::filesystem::path folder;
     const std::filesystem::path engine_folder = folder / "plugins" / "kestoav";
     const std::filesystem::path engine = engine_folder / "kestoav.exe";
+    const std::filesystem::path worker = engine_folder / "kestobridge.exe";
     const std::filesystem::path updater = engine_folder / "kestoavu.exe";
     const std::filesystem::path log = folder / "kestoav.log";
     // Where an engine runs that the plug-in finds and stops, but never starts.

@@ -1,6 +1,6 @@
-#include "bridge/log_limit.h"
+#include "common/log_limit.h"
 
-namespace kesto::bridge {
+namespace kesto {
 namespace {
 
 constexpr unsigned kMost = 10;
@@ -41,4 +41,4 @@ std::vector<std::string> LogLimit::Overdue(Time now) {
     return lines;
 }
 
-}  // namespace kesto::bridge
+}  // namespace kesto

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace kesto::bridge {
+namespace kesto {
 
 class LogLimit {
  public:
@@ -29,4 +29,4 @@ class LogLimit {
     std::map<std::string, Kind> kinds_;
 };
 
-}  // namespace kesto::bridge
+}  // namespace kesto
