@@ -140,13 +140,23 @@ TEST_F(WindowsTest, ProgramsOfTheHostInheritNeitherLogNorConnection) {
 uint32_t* g_clock;
 uint32_t g_lookup_ms;  // that the next one takes
 
-// The name has two addresses, of which only the second one serves.
+// The name has more addresses than the plug-in has room for, of which only the last of those serves.
 int WSAAPI SlowLookup(const char*, const char*, const addrinfo*, addrinfo** result) {
     static sockaddr_in none = LoopbackAddress(0), serves = none;
     none.sin_addr.s_addr = htonl(0x7F090909);
-    static addrinfo second = {0, AF_INET, 0, 0, 0, nullptr, reinterpret_cast<sockaddr*>(&serves), nullptr};
-    static addrinfo first = {0, AF_INET, 0, 0, 0, nullptr, reinterpret_cast<sockaddr*>(&none), &second};
-    *result = &first;
+    static addrinfo all[40];
+    for (int i = 0; i < 40; ++i) {
+        sockaddr_in& address = i == 15 ? serves : none;
+        all[i] = {0,
+                  AF_INET,
+                  0,
+                  0,
+                  0,
+                  nullptr,
+                  reinterpret_cast<sockaddr*>(&address),
+                  i < 39 ? all + i + 1 : nullptr};
+    }
+    *result = all;
     *g_clock += std::exchange(g_lookup_ms, 0);
     return 0;
 }
