@@ -54,6 +54,10 @@ std::string SystemErrorText(unsigned long code) {
     return text.empty() ? "System error" : Utf8FromWide(text);
 }
 
+Fault SystemFault(unsigned long code, const std::string& before) {
+    return {before + SystemErrorText(code), static_cast<uint32_t>(code)};
+}
+
 std::string SystemErrorWithCode(unsigned long code) {
     return SystemErrorText(code) + " (" + std::to_string(code) + ")";
 }

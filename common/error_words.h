@@ -3,10 +3,15 @@
 
 #include <string>
 
+#include "common/fault.h"
+
 namespace kesto {
 
 // One line in UTF-8, without a final full stop: "connection refused".
 std::string SystemErrorText(unsigned long code);
+
+// That as a fault; `before` stands in front of it.
+Fault SystemFault(unsigned long code, const std::string& before = "");
 
 // The same with the number: "connection refused (10061)".
 std::string SystemErrorWithCode(unsigned long code);

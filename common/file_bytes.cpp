@@ -15,8 +15,24 @@ constexpr uint32_t kReadSize = 16u << 20;
 constexpr uint32_t kFirstCapacity = 64u << 10;  // where the size is not known
 constexpr uint32_t kMostBytes = INT32_MAX;
 
-FileBytes Failed(DWORD code) {
-    return {nullptr, 0, SystemErrorText(code), static_cast<uint32_t>(code)};
+FileBytes Failed(const Fault& fault) {
+    return {.fault = fault};
+}
+
+FileBytes TooLarge() {
+    return Failed({"File too large for a 32-bit process", ERROR_FILE_TOO_LARGE});
+}
+
+bool Identify(HANDLE file, FileIdentity& identity) {
+    const auto joined = [](DWORD high, DWORD low) { return static_cast<uint64_t>(high) << 32 | low; };
+    BY_HANDLE_FILE_INFORMATION is;
+    if (!GetFileInformationByHandle(file, &is)) {
+        return false;
+    }
+    identity = {is.dwVolumeSerialNumber, joined(is.nFileIndexHigh, is.nFileIndexLow),
+                joined(is.nFileSizeHigh, is.nFileSizeLow),
+                joined(is.ftLastWriteTime.dwHighDateTime, is.ftLastWriteTime.dwLowDateTime)};
+    return true;
 }
 
 bool Grow(FileBytes& bytes, uint32_t capacity) {
@@ -33,14 +49,15 @@ FileBytes ReadToEnd(HANDLE file, uint64_t told_size) {
     FileBytes bytes;
     auto capacity = static_cast<uint32_t>(std::min<uint64_t>(told_size + 1, kMostBytes));
     if (told_size >= kMostBytes || !Grow(bytes, capacity)) {
-        return {nullptr, 0, "File too large for a 32-bit process", ERROR_FILE_TOO_LARGE};
+        return TooLarge();
     }
     for (;;) {
         DWORD read = 0;
         if (!ReadFile(file, bytes.data.get() + bytes.size, std::min(kReadSize, capacity - bytes.size), &read,
                       nullptr)) {
             const DWORD code = GetLastError();
-            return code == ERROR_BROKEN_PIPE ? std::move(bytes) : Failed(code);  // the writer has ended
+            return code == ERROR_BROKEN_PIPE ? std::move(bytes)
+                                             : Failed(SystemFault(code));  // the writer has ended
         }
         if (read == 0) {
             return bytes;
@@ -49,7 +66,7 @@ FileBytes ReadToEnd(HANDLE file, uint64_t told_size) {
         if (bytes.size == capacity) {
             capacity = std::max(kFirstCapacity, capacity < kMostBytes / 2 ? capacity * 2 : kMostBytes);
             if (bytes.size == kMostBytes || !Grow(bytes, capacity)) {
-                return {nullptr, 0, "File too large for a 32-bit process", ERROR_FILE_TOO_LARGE};
+                return TooLarge();
             }
         }
     }
@@ -65,14 +82,15 @@ HANDLE OpenToRead(const std::wstring& path) {
 FileBytes ReadWholeFile(const std::wstring& path) {
     HANDLE file = OpenToRead(path);
     if (file == INVALID_HANDLE_VALUE) {
-        return Failed(GetLastError());
+        return Failed(SystemFault(GetLastError()));
     }
-    LARGE_INTEGER size;
+    FileIdentity identity;
     FileBytes bytes;
-    if (!GetFileSizeEx(file, &size)) {
-        bytes = Failed(GetLastError());  // a device has none
+    if (!Identify(file, identity)) {
+        bytes = Failed(SystemFault(GetLastError()));  // a device has none
     } else {
-        bytes = ReadToEnd(file, static_cast<uint64_t>(size.QuadPart));
+        bytes = ReadToEnd(file, identity.size);
+        bytes.identity = identity;
     }
     CloseHandle(file);
     return bytes;
@@ -80,6 +98,20 @@ FileBytes ReadWholeFile(const std::wstring& path) {
 
 FileBytes ReadStandardInput() {
     return ReadToEnd(GetStdHandle(STD_INPUT_HANDLE), 0);
+}
+
+std::optional<FileIdentity> IdentityOf(const std::wstring& path) {
+    HANDLE file = CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    FileIdentity identity;
+    const bool known = file != INVALID_HANDLE_VALUE && Identify(file, identity);
+    CloseHandle(file);
+    return known ? std::optional(identity) : std::nullopt;
+}
+
+bool SameFile(const std::optional<FileIdentity>& a, const std::optional<FileIdentity>& b) {
+    return a && b && a->volume == b->volume && a->number == b->number;
 }
 
 std::string FileTail(const std::wstring& path, uint32_t most) {

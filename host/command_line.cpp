@@ -3,10 +3,10 @@
 #include <windows.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 
 #include "common/program_folder.h"
 #include "common/text.h"
-#include "host/common/exit_status.h"
 #include "host/common/output.h"
 
 namespace kesto::host {
@@ -16,8 +16,8 @@ constexpr unsigned kMostJobs = 16;
 constexpr unsigned kLongestTime = 86400;  // seconds
 
 constexpr char kFooter[] =
-    "Exit status: 0 nothing found, 1 something infected, 2 an error and nothing infected.\n"
-    "Without files to scan: 0 or 2. Interrupted: 2.\n"
+    "Exit status: 0 nothing found, 1 something infected, whatever else happened, 2 an error or an\n"
+    "interruption and nothing infected. Without files to scan: 0 or 2.\n"
     "\n"
     "Examples:\n"
     "  kestoscan --check\n"
@@ -28,8 +28,7 @@ constexpr char kFooter[] =
     "  type sample.eml | kestoscan -\n"
     "  kestoscan --stats > D:\\metrics\\kestoav.prom";
 
-std::wstring FullPath(const std::string& utf8) {
-    const std::wstring path = WideFromUtf8(utf8);
+std::wstring FullPath(const std::wstring& path) {
     std::wstring full(GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
     full.resize(GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
     while (full.size() > 3 && full.back() == L'\\') {
@@ -38,157 +37,189 @@ std::wstring FullPath(const std::string& utf8) {
     return full;
 }
 
-std::vector<std::wstring> AllWide(const std::vector<std::string>& texts) {
-    std::vector<std::wstring> wide;
-    wide.reserve(texts.size());
-    for (const std::string& text : texts) {
-        wide.push_back(WideFromUtf8(text));
-    }
-    return wide;
+// The parser would split "[a,b]" into two values: this in front, which no argument holds, keeps it from that.
+constexpr char kAsItStands[] = "\"";
+
+std::wstring Given(std::string_view text) {
+    return WideFromUtf8(text.starts_with(kAsItStands) ? text.substr(1) : text);
 }
 
-// As the command line gives it, before anything is made of it.
-struct Given {
-    std::vector<std::string> paths;
-    std::vector<std::string> excluded_files;
-    std::vector<std::string> excluded_folders;
-    std::string file_list;
-    std::string library;
-    std::string folder;
-    std::string log;
-    std::string move;
-    std::string copy;
-    bool no_summary = false;
-    bool version = false;
-    bool update = false;
-    bool check = false;
-    bool ping = false;
-    bool stats = false;
-    bool restart = false;
+using Names = std::vector<CLI::Option*>;
+
+struct Parser {
+    explicit Parser(Options& options);
+
+    std::string Contradiction(const Options& options) const;  // empty when everything goes together
+    Task ChosenTask() const;
+
+    CLI::App app{"Scans files through the mail server's anti-virus plug-in.", "kestoscan"};
+    std::vector<std::pair<CLI::Option*, Task>> tasks;
+    Names scan_only;
+    CLI::Option *files, *file_list, *move, *copy, *wait, *json;
+
+ private:
+    CLI::Option* Text(const char* name, const char* kind, std::wstring& value, const char* description) {
+        return app
+            .add_option_function<std::string>(
+                name, [&value](const std::string& text) { value = Given(text); }, description)
+            ->type_name(kind)
+            ->check(
+                CLI::Validator([](const std::string& text) { return text.empty() ? "is empty" : ""; }, ""));
+    }
+    CLI::Option* Texts(const char* name, const char* kind, std::vector<std::wstring>& values,
+                       const char* description) {
+        return app
+            .add_option_function<std::vector<std::string>>(
+                name,
+                [&values](const std::vector<std::string>& texts) {
+                    std::transform(texts.begin(), texts.end(), std::back_inserter(values), Given);
+                },
+                description)
+            ->type_name(kind);
+    }
+    CLI::Option* Number(const char* name, const char* kind, unsigned& value, unsigned lowest,
+                        unsigned highest, const char* description) {
+        return app.add_option(name, value, description)
+            ->type_name(kind)
+            ->check(CLI::Range(lowest, highest).description(""));
+    }
 };
 
-void AddOptions(CLI::App& app, Given& given, Options& options) {
-    app.add_option("FILE", given.paths,
-                   "Files to scan; * and ? stand for what they match, - for standard input")
-        ->type_name("");
-    app.add_option("--file-list", given.file_list,
-                   "Scan what this file names, one path a line; - reads standard input")
-        ->type_name("FILE");
-    app.add_flag("-r,--recursive", options.list.recursive, "Scan the files in and below named folders");
-    app.add_option("--exclude", given.excluded_files, "Leave out files of such a name; may be repeated")
-        ->type_name("PATTERN")
-        ->allow_extra_args(false);
-    app.add_option("--exclude-dir", given.excluded_folders,
-                   "Leave out folders of such a name; may be repeated")
-        ->type_name("PATTERN")
-        ->allow_extra_args(false);
-    app.add_flag("-i,--infected", options.infected, "Print infected files only; errors go to standard error");
-    app.add_option("-j,--jobs", options.jobs, "Files scanned at a time, 1 (the default) to 16")
-        ->type_name("N")
-        ->check(CLI::Range(1u, kMostJobs).description(""));
-    app.add_option("--timeout", options.timeout, "Give a file up after this time (default 300)")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(1u, kLongestTime).description(""));
-    app.add_option("--wait", options.wait, "Wait so long for the engine to answer; alone: as --ping")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0u, kLongestTime).description(""));
-    app.add_option("--move", given.move, "Move what is found into this folder")->type_name("FOLDER");
-    app.add_option("--copy", given.copy, "Copy what is found into this folder")->type_name("FOLDER");
-    app.add_flag("--json", options.json, "Print one JSON document");
-    app.add_flag("--no-summary", given.no_summary, "Print no totals at the end");
-    app.add_option("--log", given.log, "Append all that is printed to this file, too")->type_name("FILE");
-    app.add_option("--library", given.library, "The plug-in (default: CLAMDLL.dll beside this program)")
-        ->type_name("PATH");
-    app.add_option("--folder", given.folder, "The plug-in's folder (default: the folder of this program)")
-        ->type_name("PATH");
-    app.add_flag("--check", given.check, "Diagnose the installation and say what to do");
-    app.add_flag("--ping", given.ping, "Tell whether the engine answers a scan");
-    app.add_flag("--stats", given.stats, "Print the engine bridge's counters, in the Prometheus text format");
-    app.add_flag("--restart", given.restart, "Start the engine bridge anew without losing a scan");
-    app.add_flag("--version", given.version, "Print what plug-in and engine say of their versions");
-    app.add_flag("--update", given.update, "Update the signatures as the mail server does");
+Parser::Parser(Options& options) {
+    app.allow_windows_style_options(false);  // a path may begin with a slash
+    app.footer(kFooter);
+    const auto flag = [&](const char* name, bool& value, const char* description) {
+        return app.add_flag(name, value, description);
+    };
+    files = Texts("FILE", "", options.paths,
+                  "Files to scan; * and ? stand for what they match, - for standard input");
+    file_list = Text("--file-list", "FILE", options.file_list,
+                     "Scan what this file names, one path a line; - reads standard input");
+    scan_only = {files, file_list};
+    scan_only.push_back(
+        flag("-r,--recursive", options.list.recursive, "Scan the files in and below named folders"));
+    scan_only.push_back(Texts("--exclude", "PATTERN", options.list.excluded_files,
+                              "Leave out files of such a name; may be repeated")
+                            ->allow_extra_args(false));
+    scan_only.push_back(Texts("--exclude-dir", "PATTERN", options.list.excluded_folders,
+                              "Leave out folders of such a name; may be repeated")
+                            ->allow_extra_args(false));
+    scan_only.push_back(
+        flag("-i,--infected", options.infected, "Print infected files only; errors go to standard error"));
+    scan_only.push_back(Number("-j,--jobs", "N", options.jobs, 1, kMostJobs,
+                               "Files scanned at a time, 1 (the default) to 16"));
+    scan_only.push_back(Number("--timeout", "SECONDS", options.timeout, 1, kLongestTime,
+                               "Give a file up after this time (default 300)"));
+    wait = Number("--wait", "SECONDS", options.wait, 0, kLongestTime,
+                  "Wait so long for the engine to answer; alone: as --ping");
+    move = Text("--move", "FOLDER", options.list.quarantine, "Move what is found into this folder");
+    copy = Text("--copy", "FOLDER", options.list.quarantine, "Copy what is found into this folder")
+               ->excludes(move);
+    json = flag("--json", options.json, "Print one JSON document");
+    scan_only.insert(scan_only.end(),
+                     {move, copy,
+                      app.add_flag_callback(
+                          "--no-summary", [&] { options.summary = false; }, "Print no totals at the end")});
+    Text("--log", "FILE", options.log, "Append all that is printed to this file, too");
+    Text("--library", "PATH", options.library, "The plug-in (default: CLAMDLL.dll beside this program)");
+    Text("--folder", "PATH", options.folder, "The plug-in's folder (default: the folder of this program)");
+    const std::tuple<const char*, Task, const char*> kTasks[] = {
+        {"--check", Task::kCheck, "Diagnose the installation and say what to do"},
+        {"--ping", Task::kPing, "Tell whether the engine answers a scan"},
+        {"--stats", Task::kStats, "Print the engine bridge's counters, in the Prometheus text format"},
+        {"--restart", Task::kRestart, "Start the engine bridge anew without losing a scan"},
+        {"--version", Task::kVersion, "Print what plug-in and engine say of their versions"},
+        {"--update", Task::kUpdate, "Update the signatures as the mail server does"}};
+    for (const auto& [name, task, description] : kTasks) {
+        CLI::Option* const option = app.add_flag(name, description);
+        for (const auto& [other, other_task] : tasks) {
+            option->excludes(other);
+        }
+        tasks.emplace_back(option, task);
+    }
 }
 
-// What does not go together; empty when all does.
-std::string Contradiction(const CLI::App& app, const Given& given, const Options& options) {
-    const bool scan = !given.paths.empty() || app.count("--file-list") != 0;
-    const bool ping = given.ping || (app.count("--wait") != 0 && !scan);
-    if (scan + given.version + given.update + given.check + ping + given.stats + given.restart != 1) {
-        return "name files to scan, or one of --check, --ping, --restart, --stats, --version and --update";
-    }
-    for (const char* name : {"--folder", "--library", "--file-list", "--log", "--move", "--copy"}) {
-        if (app.count(name) != 0 && app.get_option(name)->as<std::string>().empty()) {
-            return std::string(name) + " names nothing";
+Task Parser::ChosenTask() const {
+    for (const auto& [option, task] : tasks) {
+        if (option->count() != 0) {
+            return task;
         }
     }
-    if (options.json && !scan && !given.check) {
-        return "--json goes with a scan or with --check";
-    }
-    const bool standard_input = std::find(given.paths.begin(), given.paths.end(), "-") != given.paths.end();
-    if (!given.move.empty() && !given.copy.empty()) {
-        return "--move and --copy exclude each other";
-    }
-    if (standard_input && (!given.move.empty() || !given.copy.empty())) {
-        return "--move and --copy need files, and - is none";
-    }
-    if (standard_input && given.file_list == "-") {
-        return "standard input can be a file or a list, not both";
-    }
-    return "";
+    return wait->count() != 0 && files->count() == 0 && file_list->count() == 0 ? Task::kPing : Task::kScan;
 }
 
-std::nullopt_t WrongUsage(const std::string& error, int& status) {
-    PrintError("kestoscan: " + error + "\nkestoscan --help lists what it takes.\n");
-    status = kExitError;
-    return std::nullopt;
+std::string Parser::Contradiction(const Options& options) const {
+    const std::tuple<Names, std::vector<Task>, const char*> goes_with[] = {
+        {scan_only, {Task::kScan}, " goes with files to scan only"},
+        {{json}, {Task::kScan, Task::kCheck}, " goes with files to scan and with --check only"},
+        {{wait},
+         {Task::kScan, Task::kPing, Task::kVersion, Task::kUpdate},
+         " goes with neither --check, --restart nor --stats"},
+    };
+    for (const auto& [names, allowed, words] : goes_with) {
+        for (const CLI::Option* option : names) {
+            if (option->count() != 0 &&
+                std::find(allowed.begin(), allowed.end(), options.task) == allowed.end()) {
+                return option->get_name() + words;
+            }
+        }
+    }
+    if (options.task != Task::kScan) {
+        return "";
+    }
+    if (files->count() == 0 && file_list->count() == 0) {
+        return "name files to scan, or one of --check, --ping, --restart, --stats, --version and --update";
+    }
+    if (std::find(options.paths.begin(), options.paths.end(), kStandardInput) == options.paths.end()) {
+        return "";
+    }
+    return !options.list.quarantine.empty()      ? "--move and --copy need files, and - is not one"
+           : options.file_list == kStandardInput ? "standard input can be a file or a list, not both"
+                                                 : "";
 }
 
 }  // namespace
 
-std::optional<Options> ParseCommandLine(int count, wchar_t** arguments, int& status) {
-    Options options;
-    Given given;
-    CLI::App app("Scans files through the mail server's anti-virus plug-in.", "kestoscan");
-    app.allow_windows_style_options(false);  // a path may begin with a slash
-    app.footer(kFooter);
-    AddOptions(app, given, options);
+Fault ParseCommandLine(int count, wchar_t** arguments, Options& options) {
+    Parser parser(options);
     std::vector<std::string> utf8_arguments;  // last first, as the parser wants them
+    bool quoted = false;
+    bool json = false;
     while (count > 1) {
-        utf8_arguments.push_back(Utf8FromWide(arguments[--count]));
+        const std::wstring_view argument = arguments[--count];
+        quoted = quoted || argument.find(*kAsItStands) != std::wstring_view::npos;
+        json = json || argument == L"--json";
+        const char* const mark = argument.starts_with(L'[') ? kAsItStands : "";
+        utf8_arguments.push_back(mark + Utf8FromWide(argument));
+    }
+    options.json = json;
+    if (quoted) {
+        return {
+            "an argument holds a quotation mark, which no name can: behind a backslash it does not end the "
+            "argument, so write \"C:\\folder\" and not \"C:\\folder\\\""};
     }
     try {
-        app.parse(std::move(utf8_arguments));
+        parser.app.parse(std::move(utf8_arguments));
     } catch (const CLI::CallForHelp&) {
-        PrintOut(app.help());
-        status = OutputFailure().empty() ? kExitClean : kExitError;
-        return std::nullopt;
+        PrintOut(parser.app.help());
+        options.task = Task::kHelp;
+        return {};
     } catch (const CLI::ParseError& error) {
-        return WrongUsage(error.what(), status);
+        options.json = json;
+        return {error.what()};
     }
-    if (const std::string contradiction = Contradiction(app, given, options); !contradiction.empty()) {
-        return WrongUsage(contradiction, status);
+    options.task = parser.ChosenTask();
+    if (const std::string contradiction = parser.Contradiction(options); !contradiction.empty()) {
+        return {contradiction};
     }
-
-    options.task = given.version                                    ? Task::kVersion
-                   : given.update                                   ? Task::kUpdate
-                   : given.check                                    ? Task::kCheck
-                   : given.stats                                    ? Task::kStats
-                   : given.restart                                  ? Task::kRestart
-                   : given.paths.empty() && given.file_list.empty() ? Task::kPing
-                                                                    : Task::kScan;
-    options.paths = AllWide(given.paths);
-    options.file_list = WideFromUtf8(given.file_list);
-    options.list.excluded_files = AllWide(given.excluded_files);
-    options.list.excluded_folders = AllWide(given.excluded_folders);
-    options.library = given.library.empty() ? ProgramFolder() + L"\\CLAMDLL.dll" : FullPath(given.library);
-    options.folder = given.folder.empty() ? ProgramFolder() : FullPath(given.folder);
-    options.log = WideFromUtf8(given.log);
-    options.move = !given.move.empty();
-    if (const std::string& quarantine = options.move ? given.move : given.copy; !quarantine.empty()) {
-        options.quarantine = FullPath(quarantine);
+    options.library =
+        options.library.empty() ? ProgramFolder() + L"\\CLAMDLL.dll" : FullPath(options.library);
+    options.folder = options.folder.empty() ? ProgramFolder() : FullPath(options.folder);
+    options.move = parser.move->count() != 0;
+    if (!options.list.quarantine.empty()) {
+        options.list.quarantine = FullPath(options.list.quarantine);
     }
-    options.summary = !given.no_summary;
-    return options;
+    return {};
 }
 
 }  // namespace kesto::host

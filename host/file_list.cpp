@@ -3,6 +3,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <iterator>
+#include <optional>
 #include <string_view>
 
 #include "common/error_words.h"
@@ -13,6 +15,17 @@
 
 namespace kesto::host {
 namespace {
+
+constexpr wchar_t kExact[] = L"\\\\?\\";
+
+// With the separators of the system and none at its end, as patterns are compared.
+std::wstring Plain(std::wstring path) {
+    std::replace(path.begin(), path.end(), L'/', L'\\');
+    while (path.size() > 1 && path.back() == L'\\') {
+        path.pop_back();
+    }
+    return path;
+}
 
 bool IsFolder(DWORD attributes) {
     return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
@@ -38,20 +51,30 @@ bool NamesDevice(const std::wstring& path) {
 
 class Lister {
  public:
-    Lister(const ListOptions& options, std::vector<ListedFile>& files) : options_(options), files_(files) {}
+    explicit Lister(const ListOptions& options) : options_(options) {
+        if (!options.quarantine.empty()) {
+            quarantine_ = IdentityOf(ExactPath(options.quarantine));
+        }
+    }
+
+    void AddArgument(const std::wstring& path) {
+        if (path == kStandardInput) {
+            listing_.files.push_back({.path = path});
+        } else {
+            AddNamed(path);
+        }
+    }
 
     void AddNamed(const std::wstring& path) {
         const std::wstring folder = FolderPart(path);
-        if (path == kStandardInput) {
-            files_.push_back({.path = path});
-        } else if (path.empty()) {
+        if (path.empty()) {
             AddFailed(path, "Empty path", ERROR_INVALID_NAME);
         } else if (path.find(L'"') != std::wstring::npos) {
             AddFailed(path,
                       "Quotation mark in the path (write \"C:\\folder\" without a backslash at its end)",
                       ERROR_INVALID_NAME);
         } else if (NamesDevice(path)) {
-            AddFailed(path, "Is a device, no file", ERROR_INVALID_NAME);
+            AddFailed(path, "Is a device, not a file", ERROR_INVALID_NAME);
         } else if (path.find_first_of(L"*?", folder.size()) != std::wstring::npos) {
             AddMatches(folder, ExactPath(folder.empty() ? L"." : folder), path.substr(folder.size()), true);
         } else {
@@ -62,45 +85,45 @@ class Lister {
  private:
     void AddPlain(const std::wstring& path) {
         const std::wstring exact = ExactPath(path);
-        const std::wstring_view name = std::wstring_view(path).substr(FolderPart(path).size());
         WIN32_FILE_ATTRIBUTE_DATA data;
         if (!GetFileAttributesExW(exact.c_str(), GetFileExInfoStandard, &data)) {
             AddFailed(path, GetLastError());
         } else if (IsFolder(data.dwFileAttributes)) {
-            AddFolder(path, exact, name, false);
+            AddFolder(path, exact, false);
         } else {
-            AddFile(path, exact, name, Size(data.nFileSizeHigh, data.nFileSizeLow));
+            listing_.files.push_back({path, exact, Size(data.nFileSizeHigh, data.nFileSizeLow)});
         }
     }
 
     void AddFailed(const std::wstring& path, const std::string& error, DWORD code) {
-        files_.push_back({.path = path, .error = error, .code = static_cast<uint32_t>(code)});
+        listing_.files.push_back({.path = path, .fault = {error, static_cast<uint32_t>(code)}});
     }
 
     void AddFailed(const std::wstring& path, DWORD code) { AddFailed(path, SystemErrorText(code), code); }
 
-    static bool Excluded(const std::vector<std::wstring>& patterns, std::wstring_view path,
-                         std::wstring_view name) {
-        return std::any_of(patterns.begin(), patterns.end(), [&](const std::wstring& pattern) {
-            const bool whole = pattern.find_first_of(L"\\/") != std::wstring::npos;
-            return MatchesPattern(whole ? path : name, pattern);
+    void AddSkipped(const std::wstring& path, const char* why) {
+        AddFailed(path, why, ERROR_DIRECTORY);
+        listing_.files.back().skipped = true;
+    }
+
+    // Counts what is.
+    bool LeftOut(const std::vector<std::wstring>& patterns, const std::wstring& path,
+                 const std::wstring& exact, const wchar_t* name) {
+        const bool left_out = std::any_of(patterns.begin(), patterns.end(), [&](const std::wstring& each) {
+            const std::wstring pattern = Plain(each);
+            const bool whole = pattern.find(L'\\') != std::wstring::npos;
+            return whole ? MatchesPattern(Plain(path), pattern) ||
+                               MatchesPattern(exact.substr(std::size(kExact) - 1), pattern)
+                         : MatchesPattern(name, pattern);
         });
+        listing_.left_out += left_out ? 1 : 0;
+        return left_out;
     }
 
-    void AddFile(const std::wstring& path, const std::wstring& exact, std::wstring_view name, uint64_t size) {
-        if (!Excluded(options_.excluded_files, path, name)) {
-            files_.push_back({.path = path, .exact = exact, .size = size});
-        }
-    }
-
-    void AddFolder(const std::wstring& path, const std::wstring& exact, std::wstring_view name,
-                   bool matched) {
-        if (Excluded(options_.excluded_folders, path, name)) {
-            return;
-        }
+    void AddFolder(const std::wstring& path, const std::wstring& exact, bool matched) {
         if (!options_.recursive) {
             AddFailed(path, "Is a folder (--recursive scans it)", ERROR_DIRECTORY);
-            files_.back().skipped = matched;
+            listing_.files.back().skipped = matched;
             return;
         }
         const bool ends = path.find_last_of(L"\\/:") == path.size() - 1;
@@ -127,11 +150,14 @@ class Lister {
             if (name == L"." || name == L"..") {
                 continue;
             }
-            if (!IsFolder(found.dwFileAttributes)) {
-                AddFile(folder + found.cFileName, inside + found.cFileName, name,
-                        Size(found.nFileSizeHigh, found.nFileSizeLow));
-            } else if (named || !IsLink(found)) {
-                folders.emplace_back(name);
+            if (IsFolder(found.dwFileAttributes)) {
+                if (named || !IsLink(found)) {
+                    folders.emplace_back(name);
+                }
+            } else if (!LeftOut(options_.excluded_files, folder + found.cFileName, inside + found.cFileName,
+                                found.cFileName)) {
+                listing_.files.push_back({folder + found.cFileName, inside + found.cFileName,
+                                          Size(found.nFileSizeHigh, found.nFileSizeLow)});
             }
         } while (FindNextFileW(search, &found));
         const DWORD end = GetLastError();
@@ -140,33 +166,55 @@ class Lister {
             AddFailed(folder, end);
         }
         for (const std::wstring& name : folders) {
-            AddFolder(folder + name, inside + name, name, named);
+            AddFound(folder + name, inside + name, name.c_str(), named);
         }
     }
 
+    void AddFound(const std::wstring& path, const std::wstring& exact, const wchar_t* name, bool matched) {
+        if (LeftOut(options_.excluded_folders, path, exact, name)) {
+            return;
+        }
+        if (options_.recursive && quarantine_ && SameFile(IdentityOf(exact), quarantine_)) {
+            AddSkipped(path, "Is the folder that found files are put into");
+        } else {
+            AddFolder(path, exact, matched);
+        }
+    }
+
+ public:
+    FileListing listing_;
+
+ private:
     const ListOptions& options_;
-    std::vector<ListedFile>& files_;
+    std::optional<FileIdentity> quarantine_;
 };
 
 }  // namespace
 
-std::vector<ListedFile> ListFiles(const std::vector<std::wstring>& paths, const ListOptions& options) {
-    std::vector<ListedFile> files;
-    Lister lister(options, files);
-    for (const std::wstring& path : paths) {
+FileListing ListFiles(const std::vector<std::wstring>& arguments, const std::vector<std::wstring>& from_list,
+                      const ListOptions& options) {
+    Lister lister(options);
+    for (const std::wstring& path : arguments) {
+        lister.AddArgument(path);
+    }
+    for (const std::wstring& path : from_list) {
         lister.AddNamed(path);
     }
-    return files;
+    return std::move(lister.listing_);
 }
 
-bool ReadPathList(const std::wstring& file, std::vector<std::wstring>& paths, std::string& error) {
+Fault ReadPathList(const std::wstring& file, std::vector<std::wstring>& paths) {
+    const std::string name = "the list " + Utf8FromWide(file);
     const FileBytes bytes = file == kStandardInput ? ReadStandardInput() : ReadWholeFile(ExactPath(file));
-    if (!bytes.error.empty()) {
-        error = "the list " + Utf8FromWide(file) + " cannot be read: " + bytes.error + " (" +
-                std::to_string(bytes.code) + ")";
-        return false;
+    if (bytes.fault) {
+        return {name + " cannot be read: " + bytes.fault.text + " (" + std::to_string(bytes.fault.code) +
+                ")"};
     }
     const std::wstring text = WideFromFile({reinterpret_cast<const char*>(bytes.data.get()), bytes.size});
+    // Such a list is part UTF-16, or no text at all: some of its lines would be lost.
+    if (text.find(L'\0') != std::wstring::npos) {
+        return {name + " holds NUL characters: save it as UTF-8, or all of it as UTF-16"};
+    }
     for (std::wstring_view rest = text; !rest.empty();) {
         const size_t end = std::min(rest.find_first_of(L"\r\n"), rest.size());
         if (end > 0) {
@@ -174,7 +222,7 @@ bool ReadPathList(const std::wstring& file, std::vector<std::wstring>& paths, st
         }
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
-    return true;
+    return {};
 }
 
 }  // namespace kesto::host

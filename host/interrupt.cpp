@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <mutex>
+#include <thread>
 #include <utility>
 
 #include "host/common/exit_status.h"
@@ -11,16 +12,23 @@
 namespace kesto::host {
 namespace {
 
-std::function<void()> g_last_words;
+constexpr DWORD kOutputMs = 2000;  // for what reads our output to take it
+
+std::function<int()> g_last_words;
+
+// Not ExitProcess: it would unload the plug-in under threads that are inside it.
+void End(int status) {
+    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(status));
+}
 
 BOOL WINAPI OnControlEvent(DWORD) {
+    std::thread([] {
+        Sleep(kOutputMs);
+        End(kExitError);
+    }).detach();
     OutputLock().lock();
     ClearProgress();
-    if (g_last_words) {
-        g_last_words();
-    }
-    // Not ExitProcess: it would unload the plug-in under threads that are inside it.
-    TerminateProcess(GetCurrentProcess(), kExitError);
+    End(g_last_words ? g_last_words() : kExitError);
     return TRUE;
 }
 
@@ -32,7 +40,7 @@ void WatchForInterrupt() {
     SetConsoleCtrlHandler(OnControlEvent, TRUE);
 }
 
-void SetLastWords(std::function<void()> last_words) {
+void SetLastWords(std::function<int()> last_words) {
     g_last_words = std::move(last_words);
 }
 

@@ -2,10 +2,8 @@
 #include <windows.h>
 
 #include <exception>
-#include <optional>
 #include <string>
 
-#include "common/error_words.h"
 #include "common/text.h"
 #include "host/check/check.h"
 #include "host/command_line.h"
@@ -28,10 +26,10 @@ namespace {
 constexpr DWORD kEngineListensMs = 5000;  // a new engine gets this long to tell its version
 constexpr DWORD kPollMs = 100;
 
-int Fail(const Options& options, const std::string& error) {
-    PrintError("kestoscan: " + error + (error.ends_with('\n') ? "" : "\n"));
+int Fail(const Options& options, const Fault& fault) {
+    PrintError("kestoscan: " + fault.text + (fault.text.ends_with('\n') ? "" : "\n"));
     if (options.json) {
-        PrintOut(JsonLine({{"error", error}}) + "\n");
+        PrintOut(JsonLine({{"error", fault.text}}) + "\n");
     }
     return kExitError;
 }
@@ -57,29 +55,30 @@ int PrintVersion(const PluginLibrary& plugin, bool engine_is_new) {
     return VersionKnown(text) ? kExitClean : kExitError;
 }
 
-// The files to scan; none with `error` set.
-std::optional<std::vector<ListedFile>> FilesToScan(const Options& options, std::string& error) {
-    std::vector<std::wstring> paths = options.paths;
-    if (!options.file_list.empty() && !ReadPathList(options.file_list, paths, error)) {
-        return std::nullopt;
+Fault FindFiles(const Options& options, FileListing& listing) {
+    std::vector<std::wstring> from_list;
+    if (!options.file_list.empty()) {
+        if (Fault fault = ReadPathList(options.file_list, from_list)) {
+            return fault;
+        }
     }
-    const DWORD attributes = GetFileAttributesW(options.quarantine.c_str());
-    if (!options.quarantine.empty() &&
+    const std::wstring& quarantine = options.list.quarantine;
+    const DWORD attributes = GetFileAttributesW(quarantine.c_str());
+    if (!quarantine.empty() &&
         (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY))) {
-        error = Utf8FromWide(options.quarantine) + " is no folder to put away into";
-        return std::nullopt;
+        return {Utf8FromWide(quarantine) + " is not a folder that files can be put into"};
     }
-    return ListFiles(paths, options.list);
+    listing = ListFiles(options.paths, from_list, options.list);
+    return {};
 }
 
 // With the plug-in loaded. `stays`: it must not be unloaded.
 int RunTask(const Options& options, const InstalledPlugin& installed, const PluginLibrary& plugin,
             bool& stays) {
     const bool scan = options.task == Task::kScan;
-    std::string error;
-    std::optional<std::vector<ListedFile>> files;
-    if (scan && !(files = FilesToScan(options, error))) {
-        return Fail(options, error);
+    FileListing listing;
+    if (const Fault fault = scan ? FindFiles(options, listing) : Fault()) {
+        return Fail(options, fault);
     }
     // A scan starts an engine sooner or later, whatever autostart says.
     EngineStart engine = EngineStart::kRuns;
@@ -89,20 +88,21 @@ int RunTask(const Options& options, const InstalledPlugin& installed, const Plug
     if (engine == EngineStart::kEndedAtOnce) {
         const std::string words = EngineEndsText(installed);
         if (scan) {
-            return Fail(options, words);
+            return Fail(options, {words});
         }
         PrintError("kestoscan: " + words);
     }
-    const StartOutcome outcome = StartPlugin(plugin, options.folder, error);
-    // Without an engine every single scan would wait for one in vain; the other tasks need none.
-    if (outcome == StartOutcome::kRefused || (outcome == StartOutcome::kEngineNotStarted && scan)) {
-        return Fail(options, error);
+    bool without_engine = false;
+    if (const Fault fault = StartPlugin(plugin, options.folder, without_engine)) {
+        // Without an engine every single scan would wait for one in vain; the other tasks need none.
+        if (scan || !without_engine) {
+            return Fail(options, fault);
+        }
+        PrintError("kestoscan: " + fault.text + "\n");
     }
-    if (outcome == StartOutcome::kEngineNotStarted) {
-        PrintError("kestoscan: " + error + "\n");
-    }
-    if (options.wait != 0 && !EngineAnswers(installed, options.wait, error)) {
-        return Fail(options, "the engine does not answer - " + error);
+    std::string words;
+    if (options.wait != 0 && !EngineAnswers(installed, options.wait, words)) {
+        return Fail(options, {"the engine does not answer - " + words});
     }
     if (options.task == Task::kVersion) {
         return PrintVersion(plugin, engine == EngineStart::kStarted);
@@ -110,10 +110,10 @@ int RunTask(const Options& options, const InstalledPlugin& installed, const Plug
     if (options.task == Task::kUpdate) {
         return Update(plugin, installed);
     }
-    const ScanOutcome scanned = ScanFiles(plugin, installed, std::move(*files),
+    const ScanOutcome scanned = ScanFiles(plugin, installed, std::move(listing),
                                           {options.jobs,
                                            options.timeout,
-                                           options.quarantine,
+                                           options.list.quarantine,
                                            options.move,
                                            {options.json, options.infected, options.summary}});
     stays = scanned.threads_left;
@@ -122,22 +122,21 @@ int RunTask(const Options& options, const InstalledPlugin& installed, const Plug
 
 int RunOptions(const Options& options) {
     if (!options.log.empty()) {
-        if (const unsigned long code = PrintToFileToo(options.log)) {
-            return Fail(options, "the log " + Utf8FromWide(options.log) +
-                                     " cannot be written: " + SystemErrorWithCode(code));
+        if (const Fault fault = PrintToFileToo(options.log)) {
+            return Fail(options, fault);
         }
     }
     if (options.task == Task::kCheck) {
         return CheckInstallation(options.library, options.folder, options.json);
     }
     const InstalledPlugin installed = ReadInstalledPlugin(options.folder);
-    if (!installed.folder_fault.empty()) {
+    if (installed.folder_fault) {
         return Fail(options, installed.folder_fault);
     }
     if (!HoldsPlugin(installed)) {
-        return Fail(options, Utf8FromWide(options.folder) +
-                                 " holds no part of the plug-in: --folder names the folder in which "
-                                 "kestoav.ini and plugins lie");
+        return Fail(options, {Utf8FromWide(options.folder) +
+                              " holds no part of the plug-in: --folder names the folder in which "
+                              "kestoav.ini and plugins lie"});
     }
     if (options.task == Task::kPing) {
         return Ping(installed, options.wait);
@@ -148,15 +147,14 @@ int RunOptions(const Options& options) {
     if (options.task == Task::kRestart) {
         return Restart(installed);
     }
-    std::string error;
-    const std::optional<PluginLibrary> plugin = LoadPlugin(options.library, error);
-    if (!plugin) {
-        return Fail(options, error);
+    PluginLibrary plugin;
+    if (const Fault fault = LoadPlugin(options.library, plugin)) {
+        return Fail(options, fault);
     }
     bool stays = false;
-    const int status = RunTask(options, installed, *plugin, stays);
+    const int status = RunTask(options, installed, plugin, stays);
     if (!stays) {
-        ClosePlugin(*plugin);
+        ClosePlugin(plugin);
     }
     return status;
 }
@@ -164,14 +162,17 @@ int RunOptions(const Options& options) {
 int Run(int count, wchar_t** arguments) {
     SetErrorMode(SEM_FAILCRITICALERRORS);  // a damaged library or an empty drive: no dialogue, an error
     WatchForInterrupt();
-    int status = kExitError;
-    const std::optional<Options> options = ParseCommandLine(count, arguments, status);
-    if (options) {
-        status = RunOptions(*options);
+    Options options;
+    int status = kExitClean;
+    if (const Fault fault = ParseCommandLine(count, arguments, options)) {
+        status = Fail(options, fault);
+        PrintError("kestoscan --help lists what it takes.\n");
+    } else if (options.task != Task::kHelp) {
+        status = RunOptions(options);
     }
-    if (const std::string failure = OutputFailure(); !failure.empty()) {
-        PrintError("kestoscan: " + failure + "\n");
-        status = kExitError;
+    if (const Fault fault = OutputFault()) {
+        PrintError("kestoscan: " + fault.text + "\n");
+        status = status == kExitInfected ? status : kExitError;
     }
     return status;
 }

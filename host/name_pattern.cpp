@@ -1,8 +1,16 @@
 #include "host/name_pattern.h"
 
-#include <cwctype>
+#include <windows.h>
 
 namespace kesto::host {
+namespace {
+
+// As the file system compares letters.
+bool SameLetter(wchar_t a, wchar_t b) {
+    return CompareStringOrdinal(&a, 1, &b, 1, TRUE) == CSTR_EQUAL;
+}
+
+}  // namespace
 
 bool MatchesPattern(std::wstring_view name, std::wstring_view pattern) {
     size_t in_name = 0;
@@ -14,9 +22,7 @@ bool MatchesPattern(std::wstring_view name, std::wstring_view pattern) {
         if (wanted == L'*') {
             star = in_pattern++;
             star_end = in_name;
-        } else if (wanted != L'\0' &&
-                   (wanted == L'?' || std::towlower(static_cast<wint_t>(wanted)) ==
-                                          std::towlower(static_cast<wint_t>(name[in_name])))) {
+        } else if (wanted != L'\0' && (wanted == L'?' || SameLetter(wanted, name[in_name]))) {
             ++in_pattern;
             ++in_name;
         } else if (star != std::wstring_view::npos) {

@@ -4,7 +4,9 @@
 
 #include <cstdio>
 #include <cwchar>
+#include <iterator>
 
+#include "common/error_words.h"
 #include "common/exact_path.h"
 
 namespace kesto::host {
@@ -12,29 +14,21 @@ namespace {
 
 constexpr int kMostOfOneName = 1000;
 
-}  // namespace
+PutAwayResult Left(bool move, const Fault& fault) {
+    return {.fault = {(move ? "Not moved: " : "Not copied: ") + fault.text, fault.code}};
+}
 
-unsigned long PutAway(const std::wstring& exact_path, const std::wstring& folder, bool move,
-                      std::wstring& where) {
-    const std::wstring exact_folder = ExactPath(folder);
-    const std::wstring inside = exact_folder.ends_with(L'\\') ? exact_folder : exact_folder + L"\\";
-    const size_t name_at = exact_path.find_last_of(L'\\') + 1;
-    if (_wcsicmp(exact_path.substr(0, name_at).c_str(), inside.c_str()) == 0) {
-        return 0;
-    }
+// Moves the file to the first name of it in the folder that is free, which `name` then holds. Returns the
+// system's error code.
+DWORD MoveInto(const std::wstring& inside, const std::wstring& from, std::wstring& name) {
+    const std::wstring wanted = name;
     for (int i = 0; i < kMostOfOneName; ++i) {
         wchar_t number[8] = L"";
         if (i > 0) {
             std::swprintf(number, std::size(number), L".%03d", i);
         }
-        const std::wstring name = exact_path.substr(name_at) + number;
-        const std::wstring to = inside + name;
-        const BOOL done = move ? MoveFileExW(exact_path.c_str(), to.c_str(), MOVEFILE_COPY_ALLOWED)
-                               : CopyFileW(exact_path.c_str(), to.c_str(), TRUE);
-        if (done) {
-            where = folder;
-            where += folder.ends_with(L'\\') ? L"" : L"\\";
-            where += name;
+        name = wanted + number;
+        if (MoveFileExW(from.c_str(), (inside + name).c_str(), 0)) {
             return 0;
         }
         const DWORD code = GetLastError();
@@ -43,6 +37,59 @@ unsigned long PutAway(const std::wstring& exact_path, const std::wstring& folder
         }
     }
     return ERROR_ALREADY_EXISTS;
+}
+
+// The same with a copy, which has its name only once it is whole.
+DWORD CopyInto(const std::wstring& inside, const std::wstring& from, std::wstring& name) {
+    const std::wstring part = inside + L"kestoscan." + std::to_wstring(GetCurrentProcessId()) + L".part";
+    if (!CopyFileW(from.c_str(), part.c_str(), FALSE)) {
+        const DWORD code = GetLastError();
+        DeleteFileW(part.c_str());
+        return code;
+    }
+    const DWORD code = MoveInto(inside, part, name);
+    if (code != 0) {
+        DeleteFileW(part.c_str());
+    }
+    return code;
+}
+
+// Returns the system's error code.
+DWORD Remove(const std::wstring& path) {
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);  // the system keeps what is read-only
+    return DeleteFileW(path.c_str()) ? 0 : GetLastError();
+}
+
+}  // namespace
+
+PutAwayResult PutAway(const std::wstring& exact_path, const FileIdentity& scanned, const std::wstring& folder,
+                      bool move) {
+    const std::wstring exact_folder = ExactPath(folder);
+    const std::wstring inside = exact_folder.ends_with(L'\\') ? exact_folder : exact_folder + L"\\";
+    const size_t name_at = exact_path.find_last_of(L'\\') + 1;
+    if (_wcsicmp(exact_path.substr(0, name_at).c_str(), inside.c_str()) == 0) {
+        return {};
+    }
+    if (IdentityOf(exact_path) != scanned) {
+        return Left(move, {"the file has changed since it was read", ERROR_FILE_INVALID});
+    }
+    std::wstring name = exact_path.substr(name_at);
+    DWORD code = move ? MoveInto(inside, exact_path, name) : ERROR_NOT_SAME_DEVICE;
+    const bool copy = code == ERROR_NOT_SAME_DEVICE;
+    if (copy) {
+        name = exact_path.substr(name_at);
+        code = CopyInto(inside, exact_path, name);
+    }
+    if (code != 0) {
+        return Left(move, SystemFault(code));
+    }
+    PutAwayResult result = {move ? PutAwayEnd::kMoved : PutAwayEnd::kCopied,
+                            folder + (folder.ends_with(L'\\') ? L"" : L"\\") + name};
+    if (copy && move && (code = Remove(exact_path)) != 0) {
+        result.end = PutAwayEnd::kCopied;
+        result.fault = SystemFault(code, "Copied, but not removed: ");
+    }
+    return result;
 }
 
 }  // namespace kesto::host

@@ -29,6 +29,9 @@ std::string SummaryText(const ScanTotals& totals) {
     if (totals.not_scanned != 0) {
         text += "Not scanned: " + std::to_string(totals.not_scanned) + "\n";
     }
+    if (totals.left_out != 0) {
+        text += "Left out: " + std::to_string(totals.left_out) + "\n";
+    }
     text += "Data scanned: " + ByteText(totals.bytes) + "\n";
     text += "Time: " + SecondsText(totals.seconds) + "\n";
     return text;
@@ -39,6 +42,7 @@ Json SummaryJson(const ScanTotals& totals) {
             {"infected", totals.infected},
             {"errors", totals.errors},
             {"not_scanned", totals.not_scanned},
+            {"left_out", totals.left_out},
             {"bytes", totals.bytes},
             {"milliseconds", static_cast<uint64_t>(totals.seconds * 1000)},
             {"interrupted", totals.interrupted}};
@@ -60,11 +64,15 @@ void Report::Clean(const std::string& path, uint64_t size) {
 }
 
 void Report::Infected(const std::string& path, uint64_t size, const std::string& virus,
-                      const std::string& put_away, const std::string& where) {
+                      const std::string& put_away, const std::string& where, const Fault& fault) {
     if (options_.json) {
         Json object = {{"path", path}, {"result", "infected"}, {"size", size}, {"name", virus}};
         if (!put_away.empty()) {
             object[put_away + "_to"] = where;
+        }
+        if (fault) {
+            object["error"] = fault.text;
+            object["code"] = fault.code;
         }
         PrintJson(object);
         return;
@@ -73,17 +81,22 @@ void Report::Infected(const std::string& path, uint64_t size, const std::string&
     if (!put_away.empty()) {
         PrintOut(Printable(path + ": " + put_away + " to " + where) + "\n");
     }
+    if (fault) {
+        PrintFault(path, fault);
+    }
 }
 
-void Report::Failed(const std::string& path, const std::string& error, uint32_t code) {
-    const std::string line = Printable(path + ": ERROR " + error) + " (" + std::to_string(code) + ")\n";
+void Report::Failed(const std::string& path, const Fault& fault) {
     if (options_.json) {
-        PrintJson({{"path", path}, {"result", "error"}, {"error", error}, {"code", code}});
-    } else if (options_.infected_only) {
-        PrintError(line);
+        PrintJson({{"path", path}, {"result", "error"}, {"error", fault.text}, {"code", fault.code}});
     } else {
-        PrintOut(line);
+        PrintFault(path, fault);
     }
+}
+
+void Report::PrintFault(const std::string& path, const Fault& fault) const {
+    const auto print = options_.infected_only ? PrintError : PrintOut;
+    print(Printable(path + ": ERROR " + fault.text) + " (" + std::to_string(fault.code) + ")\n");
 }
 
 void Report::Skipped(const std::string& path, const std::string& reason) {

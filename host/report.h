@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "common/fault.h"
 #include "host/common/json_line.h"
 
 namespace kesto::host {
@@ -20,6 +21,7 @@ struct ScanTotals {
     uint64_t infected = 0;
     uint64_t errors = 0;
     uint64_t not_scanned = 0;
+    uint64_t left_out = 0;  // by the user's patterns
     uint64_t bytes = 0;
     double seconds = 0;
     bool interrupted = false;
@@ -32,14 +34,16 @@ class Report {
     explicit Report(const ReportOptions& options);
 
     void Clean(const std::string& path, uint64_t size);
-    // `put_away`: what became of the file, "moved" or "copied", and where to; empty when it was left alone.
+    // `put_away`: what became of the file, "moved" or "copied", and where to; empty when it was left alone,
+    // and then `fault` is why, if it was to be put away.
     void Infected(const std::string& path, uint64_t size, const std::string& virus,
-                  const std::string& put_away = "", const std::string& where = "");
-    void Failed(const std::string& path, const std::string& error, uint32_t code);
+                  const std::string& put_away, const std::string& where, const Fault& fault);
+    void Failed(const std::string& path, const Fault& fault);
     void Skipped(const std::string& path, const std::string& reason);
     void Summary(const ScanTotals& totals);
 
  private:
+    void PrintFault(const std::string& path, const Fault& fault) const;
     void PrintJson(const Json& object);
 
     const ReportOptions options_;

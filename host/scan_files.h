@@ -26,7 +26,7 @@ struct ScanOutcome {
 
 // A file that cannot be read does not stop the rest; an error that the plug-in calls fatal does, since every
 // further scan would wait for the engine in vain, and so does an engine that ends whenever it is started.
-ScanOutcome ScanFiles(const PluginLibrary& plugin, const InstalledPlugin& installed,
-                      std::vector<ListedFile> files, const ScanOptions& options);
+ScanOutcome ScanFiles(const PluginLibrary& plugin, const InstalledPlugin& installed, FileListing listing,
+                      const ScanOptions& options);
 
 }  // namespace kesto::host

@@ -25,9 +25,10 @@ bool UpdaterRuns(const InstalledPlugin& installed) {
     });
 }
 
-void TellInterrupted(const InstalledPlugin& installed) {
+int TellInterrupted(const InstalledPlugin& installed) {
     PrintError(UpdaterRuns(installed) ? "kestoscan: interrupted; the updater goes on\n"
                                       : "kestoscan: interrupted; no updater runs\n");
+    return kExitError;
 }
 
 }  // namespace
@@ -43,7 +44,7 @@ int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
     SetConsoleCtrlHandler(nullptr, TRUE);
     {
         const std::lock_guard guard(OutputLock());
-        SetLastWords([&] { TellInterrupted(installed); });
+        SetLastWords([&] { return TellInterrupted(installed); });
     }
     plugin.get_expiry(0, 0, 0);  // as the mail server does: before it every update is refused
     char title[kUpdateTitleSize] = "";

@@ -118,13 +118,20 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
 
     const auto log = installed.engine_folder / "bridge.log";
     WriteFile(installed.engine_folder / "bridge.ini",
-              "[bridge]\r\nidle=5\r\ndecrypt=0\r\nlisten=0.0.0.0:" + std::to_string(port));
+              "[bridge]\r\nidle=5\r\ndecrypt=0\r\nupstreams=" + good.Address() +
+                  "\r\nlisten=0.0.0.0:" + std::to_string(port));
     SetFileAttributesW(log.c_str(), FILE_ATTRIBUTE_READONLY);
     EXPECT_THAT(Check().out, AllOf(HasSubstr("failed   bridge settings: decrypt differs from encrypt=1"),
                                    HasSubstr("warning  bridge settings: listens on 0.0.0.0:"),
                                    HasSubstr("warning  bridge settings: idle=5 gives up"),
                                    HasSubstr("bridge.log cannot be written: it is read-only")));
     SetFileAttributesW(log.c_str(), FILE_ATTRIBUTE_NORMAL);
+    blind.Kill();
+    // The files agree again, but the bridge still runs with what they said before.
+    installed.WriteSettings(Servers(port) + "encrypt=0");
+    EXPECT_THAT(Check().out, AllOf(Not(HasSubstr("decrypt differs")),
+                                   HasSubstr("EICAR: found only with encrypt=1: plug-in and engine do not "
+                                             "agree, and every virus passes -> end kestoav.exe, which")));
 }
 
 TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysTheSameAsJson) {

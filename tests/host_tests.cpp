@@ -80,12 +80,14 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
                                 L"loop\\clean", L"locked", L"empty", L"huge"}) {
         Sample(name, wcschr(L"eh", *name) == nullptr ? "nothing" : "");
     }
-    for (const wchar_t* name : {L"infected", L"NUL.txt", L"odd\\dot.", L"odd\\blank ", L"odd\\sub.\\in",
-                                L"\u0436\u6F22", deep.c_str()}) {
+    for (const wchar_t* name : {L"infected", L"[clean]", L"-", L"NUL.txt", L"odd\\dot.", L"odd\\blank ",
+                                L"odd\\sub.\\in", L"\u0436\u6F22", deep.c_str()}) {
         Sample(name, "a VIRUS");
     }
     Sample(L"garble", "GARBLE");
     Sample(L"list", "clean\r\n\r\ninfected");
+    Sample(L"dash list", "-");
+    Sample(L"nul list", std::string_view("clean\n\0infected\0infected", 24));
     Sample(L"wide", std::string_view("\xFF\xFE\x36\x04\x22\x6F\r\0\n\0", 10));
     std::filesystem::resize_file(samples / "huge", 5'000'000'000);
     const HANDLE lock =
@@ -106,9 +108,12 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         {L"garble clean", "garble: ERROR Unexpected response from KESTOAV - what? (1003)\nclean: OK\n", 2},
         {L"odd", "odd: ERROR Is a folder (--recursive scans it) (267)\n", 2},
         {L"in*", "infected" + found + "in folder: SKIPPED Is a folder (--recursive scans it)\n", 1},
+        {L"[clean] clean", "[clean]" + found + "clean: OK\n", 1},
+        {L"[clean,empty]", "[clean,empty]: ERROR File not found (2)\n", 2},
+        {L"--exclude clean clean", "clean: OK\n", 0},
         {L"c*n x?", "clean: OK\nx?: ERROR File not found (2)\n", 2},
         {L"NUL NUL.txt", "NUL: ERROR File not found (2)\nNUL.txt" + found, 1},
-        {L"\\\\.\\NUL", "\\\\.\\NUL: ERROR Is a device, no file (123)\n", 2},
+        {L"\\\\.\\NUL", "\\\\.\\NUL: ERROR Is a device, not a file (123)\n", 2},
         {L"-r o?d -i", "odd\\blank " + found + "odd\\dot." + found + "odd\\sub.\\in" + found, 1},
         {L"-r --exclude BLANK* --exclude-dir sub* --exclude *\\dot odd", "odd\\dot." + found, 1},
         {L"-r deep", narrow_deep + found, 1},
@@ -116,7 +121,10 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         {L"-i missing clean", "", 2, "missing: ERROR File not found (2)\n"},
         {L"locked", "locked: ERROR Sharing violation (32)\n", 2},
         {L"huge", "huge: ERROR File too large for a 32-bit process (223)\n", 2},
-        {L"-", "-" + found, 1, "", std::string(70'000, ' ') + "VIRUS"},
+        {L"-", "-: OK\n", 0, "", std::string(70'000, ' ')},
+        {L"--file-list \"dash list\"", "-" + found, 1},
+        {L"--file-list \"nul list\"", "", 2,
+         "kestoscan: the list nul list holds NUL characters: save it as UTF-8, or all of it as UTF-16\n"},
         {L"--file-list list", "clean: OK\ninfected" + found, 1},
         {L"--file-list wide", "\u0436\u6F22" + found, 1},
         {L"--file-list - clean", "clean: OK\nempty: OK\n", 0, "", "empty\n"},
@@ -128,8 +136,11 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         EXPECT_EQ(result.err, it.err);
         EXPECT_EQ(result.status, it.status) << it.out;
     }
-    EXPECT_THAT(Run(L"missing infected clean").out,
-                HasSubstr("\n\nScanned files: 2\nInfected files: 1\nErrors: 1\nData scanned: 14 B\nTime: "));
+    EXPECT_THAT(Run(L"--exclude infe* missing infected clean in*d").out,
+                HasSubstr("\n\nScanned files: 2\nInfected files: 1\nErrors: 1\nLeft out: 1\n"
+                          "Data scanned: 14 B\nTime: "));
+    EXPECT_EQ(Run(L"--log Z:\\dev\\full infected").status, 1u);  // whatever else happens
+    EXPECT_EQ(Run(L"--log Z:\\dev\\full clean").status, 2u);
     CloseHandle(lock);
     RunBelow(L"rm -r loop odd deep");  // what Windows would misread
     EXPECT_TRUE(WaitFor([this] { return !std::filesystem::exists(samples / "deep"); }));
@@ -149,11 +160,24 @@ TEST_F(HostScan, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
 {"path": "infected", "result": "infected", "size": 7, "name": "Test.Virus", "moved_to": ")"));
     EXPECT_THAT(result.out, HasSubstr(R"(\\away\\infected.001"},
 {"path": "missing", "result": "error", "error": "File not found", "code": 2}
-], "summary": {"scanned": 2, "infected": 1, "errors": 1, "not_scanned": 0, "bytes": 14, "milliseconds": )"));
+], "summary": {"scanned": 2, "infected": 1, "errors": 1, "not_scanned": 0, "left_out": 0, "bytes": 14, "milliseconds": )"));
     EXPECT_THAT(result.out, EndsWith(", \"interrupted\": false}}\n"));
     EXPECT_EQ(ReadFile(samples / "away" / "infected") + ReadFile(samples / "away" / "infected.001"),
               "a VIRUSb VIRUS");
     EXPECT_FALSE(std::filesystem::exists(samples / "infected"));
+}
+
+TEST_F(HostScan, LeavesAFileThatIsNoLongerTheScannedOne) {
+    Sample(L"infected", "a VIRUS");
+    engine.Play([&](Wire& wire) {
+        wire.ReceiveRequest();
+        Sample(L"infected", "another");
+        Realistic({.shifted = true})(wire);
+    });
+    EXPECT_EQ(Told(L"--no-summary --move .. infected"),
+              "1: infected: Test.Virus FOUND\n"
+              "infected: ERROR Not moved: the file has changed since it was read (1006)\n");
+    EXPECT_EQ(ReadFile(samples / "infected"), "another");
 }
 
 TEST_F(HostScan, GivesUpAFileThatTakesTooLongAndGoesOn) {
@@ -216,19 +240,20 @@ TEST_F(HostTest, RefusesWhatIsNotThePlugInOrNotUnderstood) {
         {L"x --library missing.dll", "cannot load "},
         {L"x --library ..\\plugin\\kestoav.ini", "cannot load "},
         {L"x --library C:\\windows\\system32\\version.dll", "it lacks CHECKLICENCE, CLOSEINSTANCE"},
-        {L"x --library \"\"", "--library names nothing"},
-        {L"x --folder \"\"", "--folder names nothing"},
+        {L"x --library \"\"", "--library: is empty"},
+        {L"--exclude-dir \"C:\\T\\tmp\\\" C:\\T\\bad", "holds a quotation mark"},
         {L"x --folder C:\\windows", "C:\\windows holds no part of the plug-in"},
-        {L"x --move missing", "is no folder to put away into"},
-        {L"x --check", "name files to scan"},
+        {L"x --move missing", "is not a folder that files can"},
+        {L"x --check", "FILE goes with files to scan only"},
         {L"", "name files to scan"},
         {L"--jobs 0 x", "not in range 1 to 16"},
         {L"--colour x", "--colour"},
-        {L"--json --version", "--json goes with"},
     };
     for (const auto& [arguments, error] : cases) {
         EXPECT_THAT(Told(arguments), AllOf(StartsWith("2: kestoscan: "), HasSubstr(error)));
     }
+    EXPECT_EQ(Run(L"--json --version").out,
+              "{\"error\": \"--json goes with files to scan and with --check only\"}\n");
 }
 
 TEST_F(HostTest, VersionWaitsForAnEngineThatItStarted) {

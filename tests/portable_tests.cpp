@@ -5,6 +5,7 @@
 
 #include "base/byte_shift.h"
 #include "base/server_list.h"
+#include "bridge/log_limit.h"
 #include "host/check/database_age.h"
 #include "host/check/ini_lint.h"
 #include "host/progress.h"
@@ -99,6 +100,27 @@ TEST(DatabaseAge, CountsDaysOfThreeFieldsOnly) {
                             "a/27821/Fri Feb 30 09:12:31 2026", "a/27821/Fri Feb 6 2026"}) {
         EXPECT_EQ(DatabaseAgeDays(odd, today), std::nullopt) << odd;
     }
+}
+
+TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
+    using namespace std::chrono;
+    using Lines = std::vector<std::string>;
+    bridge::LogLimit limit;
+    const bridge::LogLimit::Time start{hours(1)};
+    // 25 lines of a kind, one in each 4 seconds: the minute ends with the fifteenth.
+    std::string written;
+    for (int i = 0; i < 25; ++i) {
+        for (const std::string& line : limit.Take("lost", std::to_string(i), start + seconds(4 * i))) {
+            written += line + ' ';
+        }
+        EXPECT_EQ(limit.Take("other " + std::to_string(i), "other", start), Lines{"other"});
+    }
+    EXPECT_EQ(written,
+              "0 1 2 3 4 5 6 7 8 9 5 more such lines left out, the last: 14 15 16 17 18 19 20 21 22 23 24 ");
+    EXPECT_EQ(limit.Take("lost", "25", start + seconds(119)), Lines());
+    EXPECT_EQ(limit.Overdue(start + seconds(119)), Lines());
+    EXPECT_EQ(limit.Overdue(start + seconds(120)), Lines{"1 more such lines left out, the last: 25"});
+    EXPECT_EQ(limit.Overdue(start + hours(1)), Lines());
 }
 
 TEST(ProgressText, TellsCountBytesRateAndTimeLeft) {

@@ -1,7 +1,6 @@
 #include "host/check/check.h"
 
 #include <chrono>
-#include <optional>
 #include <vector>
 
 #include "common/text.h"
@@ -21,22 +20,23 @@ constexpr std::chrono::seconds kServersLimit(27);
 
 Findings CheckLibrary(const std::wstring& path) {
     Findings findings;
-    std::string error;
-    const std::optional<PluginLibrary> plugin = LoadPlugin(path, error);
-    if (plugin) {
-        ClosePlugin(*plugin);
+    PluginLibrary plugin;
+    const Fault fault = LoadPlugin(path, plugin);
+    if (!fault) {
+        ClosePlugin(plugin);
         findings.Ok("library", Utf8FromWide(path) + " loads and has its " +
                                    std::to_string(kExportNames.size()) + " exports");
     } else {
-        findings.Failed("library", error, "copy CLAMDLL.dll from the release again");
+        findings.Failed("library", fault.text, "copy CLAMDLL.dll from the release again");
     }
     return findings;
 }
 
 Findings CheckFolder(const InstalledPlugin& installed) {
     Findings findings;
-    if (!installed.folder_fault.empty()) {
-        findings.Failed("folder", installed.folder_fault, "install into a shorter path, with plain letters");
+    if (installed.folder_fault) {
+        findings.Failed("folder", installed.folder_fault.text,
+                        "install into a shorter path, with plain letters");
     } else if (!HoldsPlugin(installed)) {
         findings.Failed("folder", Utf8FromWide(installed.folder) + " holds no part of the plug-in",
                         "name the folder in which kestoav.ini and plugins lie");
@@ -78,13 +78,17 @@ class Check {
     void CheckAllServers(const InstalledBridge& bridge) {
         std::vector<CheckedServer> asked;
         for (const Endpoint& server : installed_.servers) {
-            asked.push_back({"server " + AddressText(server), server, true, installed_.settings.encrypt});
+            asked.push_back({"server " + AddressText(server), server, true, installed_.settings.encrypt,
+                             ShiftRemedy(server, installed_, bridge)});
         }
         const size_t servers = asked.size();
         if (bridge.used && bridge.ini.problems.empty()) {
             for (const ServerAddress& server : bridge.ini.settings.upstreams) {
-                asked.push_back(
-                    {"upstream " + kesto::AddressText(server), {server.host, server.port}, false, false});
+                asked.push_back({"upstream " + kesto::AddressText(server),
+                                 {server.host, server.port},
+                                 false,
+                                 false,
+                                 "have it leave the bytes alone, as a stock clamd does"});
             }
         }
         std::vector<Findings> all = CheckServers(asked, start_ + kServersLimit, [&](size_t done) {

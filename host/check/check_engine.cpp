@@ -49,23 +49,6 @@ void CheckBlanks(Findings& findings, const std::wstring& program) {
     }
 }
 
-// Whether the plug-in reaches the bridge by this entry of its list. A name may be any address.
-bool Meets(const Endpoint& server, const ServerAddress& listen, const std::vector<ServerAddress>& own) {
-    if (server.port != listen.port) {
-        return false;
-    }
-    auto address = ParseHost(server.host);
-    if (!address || address->kind == HostKind::kName) {
-        return address.has_value();
-    }
-    address->port = listen.port;
-    if (listen.host != "0.0.0.0") {
-        return *address == listen;
-    }
-    address->port = 0;
-    return address->bytes[0] == 127 || std::find(own.begin(), own.end(), *address) != own.end();
-}
-
 // What the last line of the bridge's log says, if that is why it did not start.
 std::string LastEnd(const std::wstring& log_path) {
     constexpr std::string_view kBeginning = "cannot start - ";
@@ -84,7 +67,8 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
         const std::string value = installed.settings.encrypt ? "1" : "0";
         findings.Failed(check,
                         "decrypt differs from encrypt=" + value + " in kestoav.ini: every virus passes",
-                        "write decrypt=" + value + " into bridge.ini, and end kestoav.exe to have it read");
+                        "write decrypt=" + value +
+                            " into bridge.ini, and end kestoav.exe: the next scan starts it again");
     }
     if (!settings.listen.host.starts_with("127.")) {
         findings.Warning(check,
@@ -116,15 +100,44 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
 
 }  // namespace
 
+bool LeadsTo(const Endpoint& server, const InstalledBridge& bridge) {
+    const ServerAddress& listen = bridge.ini.settings.listen;
+    if (server.port != listen.port) {
+        return false;
+    }
+    auto address = ParseHost(server.host);
+    if (!address || address->kind == HostKind::kName) {
+        return address.has_value();
+    }
+    address->port = listen.port;
+    if (listen.host != "0.0.0.0") {
+        return *address == listen;
+    }
+    address->port = 0;
+    return address->bytes[0] == 127 ||
+           std::find(bridge.own.begin(), bridge.own.end(), *address) != bridge.own.end();
+}
+
+std::string ShiftRemedy(const Endpoint& server, const InstalledPlugin& installed,
+                        const InstalledBridge& bridge) {
+    if (!bridge.has_ini || !LeadsTo(server, bridge)) {
+        return std::string("write encrypt=") + (installed.settings.encrypt ? "0" : "1") +
+               " into kestoav.ini, and start the mail server again";
+    }
+    return !bridge.ini.problems.empty() ? "first correct bridge.ini"
+           : bridge.ini.settings.decrypt != installed.settings.encrypt
+               ? "do what is said of decrypt under \"bridge settings\""
+               : "end kestoav.exe, which still runs with earlier settings: the next scan starts it again";
+}
+
 InstalledBridge ReadBridge(const InstalledPlugin& installed) {
     InstalledBridge bridge;
     bridge.has_ini =
         GetFileAttributesW((installed.engine_folder + L"\\bridge.ini").c_str()) != INVALID_FILE_ATTRIBUTES;
     bridge.ini = ReadBridgeIni(installed.engine_folder);
-    const auto own = OwnAddresses();
-    bridge.used =
-        std::any_of(installed.servers.begin(), installed.servers.end(),
-                    [&](const Endpoint& server) { return Meets(server, bridge.ini.settings.listen, own); });
+    bridge.own = OwnAddresses();
+    bridge.used = std::any_of(installed.servers.begin(), installed.servers.end(),
+                              [&](const Endpoint& server) { return LeadsTo(server, bridge); });
     bridge.last_end = LastEnd(bridge.ini.log_path);
     return bridge;
 }
@@ -139,8 +152,8 @@ Findings CheckEngineProgram(const InstalledPlugin& installed) {
     }
     const FileBytes bytes = ReadWholeFile(installed.engine);
     const std::string fault =
-        !bytes.error.empty()
-            ? "cannot be read: " + SystemErrorWithCode(bytes.code)
+        bytes.fault
+            ? "cannot be read: " + SystemErrorWithCode(bytes.fault.code)
             : ProgramFault({reinterpret_cast<const char*>(bytes.data.get()), bytes.size}, Runs64Bit());
     if (!fault.empty()) {
         findings.Failed("engine program", name + " " + fault + ": no engine can be started", remedy);

@@ -10,10 +10,18 @@ namespace kesto::host {
 // The bridge as its files describe it.
 struct InstalledBridge {
     BridgeIni ini;
-    bool has_ini;          // there is a bridge.ini
-    bool used;             // the plug-in's servers name the address on which the bridge listens
-    std::string last_end;  // "cannot start - ...", when that is the log's last line
+    bool has_ini;                    // there is a bridge.ini
+    bool used;                       // by one of the plug-in's servers
+    std::vector<ServerAddress> own;  // addresses of this machine
+    std::string last_end;            // "cannot start - ...", when that is the log's last line
 };
+
+// Whether the plug-in reaches the bridge by this entry of its list. A name may be any address.
+bool LeadsTo(const Endpoint& server, const InstalledBridge& bridge);
+
+// What to do where the engine at this entry of the list finds viruses only in bytes shifted the other way.
+std::string ShiftRemedy(const Endpoint& server, const InstalledPlugin& installed,
+                        const InstalledBridge& bridge);
 
 InstalledBridge ReadBridge(const InstalledPlugin& installed);
 

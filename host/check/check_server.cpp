@@ -255,17 +255,12 @@ class ServerCheck {
     }
 
     void TellOtherShift(const std::string& check) {
-        if (!server_.of_plugin) {
-            findings_.Failed(check, "found only in shifted bytes, which the bridge does not send",
-                             "have the bridge's upstream leave the bytes alone, as a stock clamd does");
-            return;
-        }
         findings_.Failed(check,
-                         std::string("found only with encrypt=") + (server_.encrypt ? "0" : "1") +
-                             ": plug-in and engine do not agree, and every virus passes",
-                         server_.encrypt
-                             ? "set encrypt=0 in kestoav.ini, or have the engine undo the byte shift"
-                             : "set encrypt=1 in kestoav.ini, or have the engine leave the bytes alone");
+                         server_.of_plugin
+                             ? std::string("found only with encrypt=") + (server_.encrypt ? "0" : "1") +
+                                   ": plug-in and engine do not agree, and every virus passes"
+                             : "found only in shifted bytes, which the bridge does not send",
+                         server_.shift_remedy);
     }
 
     void TellLongStream(const ServerAnswer& answer) {

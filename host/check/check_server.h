@@ -13,8 +13,9 @@ namespace kesto::host {
 struct CheckedServer {
     std::string name;  // for the report: "server 127.0.0.1:3313"
     Endpoint address;
-    bool of_plugin;  // connected to as the plug-in does; otherwise a clamd behind the bridge
-    bool encrypt;    // the samples' bytes are shifted
+    bool of_plugin;            // connected to as the plug-in does; otherwise a clamd behind the bridge
+    bool encrypt;              // the samples' bytes are shifted
+    std::string shift_remedy;  // what to do where viruses are found only when that is the other way round
 };
 
 // Connects to each, asks for a sign of life and the version, and has a clean and an infected sample and a

@@ -18,14 +18,14 @@ std::string IniText(const FileBytes& bytes) {
 
 void CheckIni(Findings& findings, const std::wstring& path) {
     const FileBytes bytes = ReadWholeFile(path);
-    if (bytes.code == ERROR_FILE_NOT_FOUND) {
+    if (bytes.fault.code == ERROR_FILE_NOT_FOUND) {
         findings.Warning("settings", Utf8FromWide(path) + " is missing: every setting has its default",
                          "put one there, or check that the folder is the plug-in's");
         return;
     }
-    if (!bytes.error.empty()) {
+    if (bytes.fault) {
         findings.Failed("settings",
-                        Utf8FromWide(path) + " cannot be read: " + SystemErrorWithCode(bytes.code),
+                        Utf8FromWide(path) + " cannot be read: " + SystemErrorWithCode(bytes.fault.code),
                         "create the folder, or give the mail server's account the right to read the file");
         return;
     }

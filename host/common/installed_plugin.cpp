@@ -16,7 +16,8 @@ InstalledPlugin ReadInstalledPlugin(const std::wstring& folder) {
     installed.engine = installed.engine_folder + L"\\kestoav.exe";
     installed.updater = installed.engine_folder + L"\\kestoavu.exe";
     std::string ansi_folder;
-    if (AnsiFolder(folder, ansi_folder, installed.folder_fault)) {
+    installed.folder_fault = AnsiFolder(folder, ansi_folder);
+    if (!installed.folder_fault) {
         ReadSettings(ansi_folder.c_str(), installed.settings);
         char log_path[kPathSize];
         if (FindLogPath(ansi_folder.c_str(), installed.settings.logfile, log_path)) {

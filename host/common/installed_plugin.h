@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "base/settings.h"
+#include "common/fault.h"
 #include "common/server_talk.h"
 
 namespace kesto::host {
@@ -17,7 +18,7 @@ struct InstalledPlugin {
     std::wstring log;            // the plug-in's; empty: off
     ScannerSettings settings;
     std::vector<Endpoint> servers;
-    std::string folder_fault;  // not empty: the plug-in cannot take the folder, and the settings are defaults
+    Fault folder_fault;  // the plug-in cannot take the folder, and the settings are defaults
 };
 
 InstalledPlugin ReadInstalledPlugin(const std::wstring& folder);

@@ -11,7 +11,7 @@ namespace kesto::host {
 namespace {
 
 // What follows is used under OutputLock.
-std::string g_output_failure;
+Fault g_output_fault;
 size_t g_progress_width = 0;
 HANDLE g_file = nullptr;  // open until the process ends
 
@@ -61,8 +61,8 @@ DWORD Write(const Stream& stream, std::string_view text) {
 }
 
 void NoteFailure(const char* what, DWORD code) {
-    if (code != 0 && g_output_failure.empty()) {
-        g_output_failure = what + (" cannot be written: " + SystemErrorWithCode(code));
+    if (code != 0 && !g_output_fault) {
+        g_output_fault = {what + (" cannot be written: " + SystemErrorWithCode(code)), code};
     }
 }
 
@@ -93,20 +93,21 @@ void PrintError(std::string_view lines) {
     WriteToFile(lines);
 }
 
-unsigned long PrintToFileToo(const std::wstring& path) {
+Fault PrintToFileToo(const std::wstring& path) {
     HANDLE file = CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                               OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
-        return GetLastError();
+        const DWORD code = GetLastError();
+        return {"the log " + Utf8FromWide(path) + " cannot be written: " + SystemErrorWithCode(code), code};
     }
     const std::lock_guard guard(OutputLock());
     g_file = file;
-    return 0;
+    return {};
 }
 
-std::string OutputFailure() {
+Fault OutputFault() {
     const std::lock_guard guard(OutputLock());
-    return g_output_failure;
+    return g_output_fault;
 }
 
 bool ProgressShown() {

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "common/fault.h"
+
 // Everything the program prints passes here, whole lines only: UTF-8 when redirected, UTF-16 to a
 // terminal, and never mixed with the progress line. Callable from any thread.
 namespace kesto::host {
@@ -11,12 +13,11 @@ namespace kesto::host {
 void PrintOut(std::string_view lines);
 void PrintError(std::string_view lines);
 
-// From now on appends all that is printed, as UTF-8, to this file as well. Returns the system's error code.
-unsigned long PrintToFileToo(const std::wstring& path);
+// From now on appends all that is printed, as UTF-8, to this file as well.
+Fault PrintToFileToo(const std::wstring& path);
 
-// Not empty once standard output or that file could not be written (a full disk, a closed pipe): which, and
-// why.
-std::string OutputFailure();
+// Standard output or that file could not be written (a full disk, a closed pipe).
+Fault OutputFault();
 
 // A terminal on standard error; only there is a progress line drawn. It vanishes when a line is printed.
 bool ProgressShown();

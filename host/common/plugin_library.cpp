@@ -17,12 +17,12 @@ void Bind(HMODULE module, const char* name, Function& function) {
     function = reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
 }
 
-std::string LoadFailure(const std::wstring& path, DWORD code) {
+Fault LoadFault(const std::wstring& path, DWORD code) {
     std::string text = "cannot load " + Utf8FromWide(path) + ": " + SystemErrorWithCode(code);
     if (code == ERROR_BAD_EXE_FORMAT) {
         text += "; it is damaged, or not a 32-bit library";
     }
-    return text;
+    return {text, code};
 }
 
 }  // namespace
@@ -59,11 +59,10 @@ const std::array<const char*, 31> kExportNames = {"CHECKLICENCE",
                                                   "_ScanFile@24",
                                                   "_UnloadScanner@0"};
 
-std::optional<PluginLibrary> LoadPlugin(const std::wstring& path, std::string& error) {
+Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin) {
     const HMODULE module = LoadLibraryW(path.c_str());
     if (!module) {
-        error = LoadFailure(path, GetLastError());
-        return std::nullopt;
+        return LoadFault(path, GetLastError());
     }
     std::string missing;
     for (const char* name : kExportNames) {
@@ -72,11 +71,9 @@ std::optional<PluginLibrary> LoadPlugin(const std::wstring& path, std::string& e
         }
     }
     if (!missing.empty()) {
-        error = Utf8FromWide(path) + " is not this plug-in, or damaged: it lacks " + missing;
         FreeLibrary(module);
-        return std::nullopt;
+        return {Utf8FromWide(path) + " is not this plug-in, or is damaged: it lacks " + missing};
     }
-    PluginLibrary plugin;
     plugin.module = module;
     Bind(module, "INITIALIZESCANNER", plugin.initialize_scanner);
     Bind(module, "CLOSESCANNER", plugin.close_scanner);
@@ -86,7 +83,7 @@ std::optional<PluginLibrary> LoadPlugin(const std::wstring& path, std::string& e
     Bind(module, "DOSIMPLEUPDATE", plugin.do_simple_update);
     Bind(module, "GETVERSIONDETAILS", plugin.get_version_details);
     Bind(module, "GETEXPIRY", plugin.get_expiry);
-    return plugin;
+    return {};
 }
 
 void ClosePlugin(const PluginLibrary& plugin) {
@@ -94,10 +91,10 @@ void ClosePlugin(const PluginLibrary& plugin) {
     FreeLibrary(static_cast<HMODULE>(plugin.module));
 }
 
-StartOutcome StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, std::string& error) {
+Fault StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, bool& without_engine) {
     std::string ansi_folder;
-    if (!AnsiFolder(folder, ansi_folder, error)) {
-        return StartOutcome::kRefused;
+    if (Fault fault = AnsiFolder(folder, ansi_folder)) {
+        return fault;
     }
     char short_name[kShortNameSize];
     char long_name[kLongNameSize];
@@ -105,23 +102,22 @@ StartOutcome StartPlugin(const PluginLibrary& plugin, const std::wstring& folder
     const int32_t result =
         plugin.initialize_scanner(kInterfaceVersion, short_name, long_name, &out_value, ansi_folder.c_str());
     if (result == 0) {
-        return StartOutcome::kStarted;
+        return {};
     }
     if (result == 1) {
-        error = "the plug-in refuses this interface version (1): program and library do not belong together";
-        return StartOutcome::kRefused;
+        return {"the plug-in refuses this interface version (1): program and library do not belong together"};
     }
     if (result == -1) {
-        error = "the plug-in cannot start the Windows Sockets layer (-1)";
-        return StartOutcome::kRefused;
+        return {"the plug-in cannot start the Windows Sockets layer (-1)"};
     }
     const auto code = static_cast<uint32_t>(result);
-    error = "the engine program " + Utf8FromWide(folder) +
-            "\\plugins\\kestoav\\kestoav.exe cannot be started: " + SystemErrorWithCode(code);
-    return StartOutcome::kEngineNotStarted;
+    without_engine = true;
+    return {"the engine program " + Utf8FromWide(folder) +
+                "\\plugins\\kestoav\\kestoav.exe cannot be started: " + SystemErrorWithCode(code),
+            code};
 }
 
-bool AnsiFolder(const std::wstring& folder, std::string& ansi, std::string& error) {
+Fault AnsiFolder(const std::wstring& folder, std::string& ansi) {
     bool lossy = false;
     ansi = AnsiFromWide(folder, &lossy);
     wchar_t short_path[MAX_PATH];
@@ -130,18 +126,16 @@ bool AnsiFolder(const std::wstring& folder, std::string& ansi, std::string& erro
         ansi = AnsiFromWide(short_path, &lossy);
     }
     if (lossy) {
-        error = "the folder " + Utf8FromWide(folder) +
-                " has letters that this system's code page lacks, and no short name without them";
-        return false;
+        return {"the folder " + Utf8FromWide(folder) +
+                " has letters that this system's code page lacks, and no short name without them"};
     }
     if (ansi.size() > kMostFolder) {
-        error =
-            "the plug-in takes a folder of at most 231 characters, since paths below it may have "
-            "at most 259 characters, and this one has " +
-            std::to_string(ansi.size());
-        return false;
+        return {
+            "the plug-in takes a folder of at most 231 characters, since paths below it may have at most "
+            "259 characters, and this one has " +
+            std::to_string(ansi.size())};
     }
-    return true;
+    return {};
 }
 
 std::string PluginErrorText(const PluginLibrary& plugin, uint32_t code) {

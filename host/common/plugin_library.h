@@ -2,11 +2,11 @@
 
 #include <array>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "base/host_records.h"
+#include "common/fault.h"
 
 // The plug-in as the mail server meets it: a library loaded at run time and called through its exports.
 namespace kesto::host {
@@ -28,22 +28,19 @@ struct PluginLibrary {
 // Every name that the mail server may ask for.
 extern const std::array<const char*, 31> kExportNames;
 
-// None with `error` set (one line, UTF-8) when the library cannot be loaded or lacks an export.
-std::optional<PluginLibrary> LoadPlugin(const std::wstring& path, std::string& error);
+// The fault: the library cannot be loaded or lacks an export.
+Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin);
 
 // CLOSESCANNER, then the library leaves memory.
 void ClosePlugin(const PluginLibrary& plugin);
 
-enum class StartOutcome { kStarted, kEngineNotStarted, kRefused };
-
-// INITIALIZESCANNER. Other than kStarted sets `error`: kEngineNotStarted leaves a plug-in that can update
-// and tell its version, but whose scans have no engine; kRefused leaves nothing to call but ClosePlugin.
-StartOutcome StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, std::string& error);
+// INITIALIZESCANNER. A fault leaves nothing to call but ClosePlugin; if `without_engine`, a plug-in that can
+// update and tell its version, but whose scans have no engine.
+Fault StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, bool& without_engine);
 
 // The folder as the interface takes it: in the ANSI code page, in short names where the long ones have
-// letters outside of it, and no longer than what the plug-in starts from there may be. False with `error` set
-// when it cannot be had so.
-bool AnsiFolder(const std::wstring& folder, std::string& ansi, std::string& error);
+// letters outside of it, and no longer than what the plug-in starts from there may be.
+Fault AnsiFolder(const std::wstring& folder, std::string& ansi);
 
 std::string PluginErrorText(const PluginLibrary& plugin, uint32_t code);
 

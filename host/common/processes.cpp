@@ -7,6 +7,8 @@
 #include <cwchar>
 #include <functional>
 
+#include "common/file_bytes.h"
+
 namespace kesto::host {
 namespace {
 
@@ -21,15 +23,6 @@ void ForEachProcess(const std::function<void(const PROCESSENTRY32W&)>& look) {
         look(entry);
     }
     CloseHandle(snapshot);
-}
-
-bool Identify(const std::wstring& path, BY_HANDLE_FILE_INFORMATION& identity) {
-    HANDLE file = CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
-                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                              FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    const bool known = file != INVALID_HANDLE_VALUE && GetFileInformationByHandle(file, &identity);
-    CloseHandle(file);
-    return known;
 }
 
 }  // namespace
@@ -67,13 +60,9 @@ std::wstring ProcessName(uint32_t id) {
 }
 
 bool SameFile(const std::wstring& a, const std::wstring& b) {
-    BY_HANDLE_FILE_INFORMATION first;
-    BY_HANDLE_FILE_INFORMATION second;
-    if (!Identify(a, first) || !Identify(b, second)) {
-        return _wcsicmp(a.c_str(), b.c_str()) == 0;
-    }
-    return first.dwVolumeSerialNumber == second.dwVolumeSerialNumber &&
-           first.nFileIndexHigh == second.nFileIndexHigh && first.nFileIndexLow == second.nFileIndexLow;
+    const auto first = IdentityOf(a);
+    const auto second = IdentityOf(b);
+    return first && second ? kesto::SameFile(first, second) : _wcsicmp(a.c_str(), b.c_str()) == 0;
 }
 
 }  // namespace kesto::host

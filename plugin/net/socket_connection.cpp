@@ -6,6 +6,7 @@
 #include <atomic>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "base/ipv4_address.h"
@@ -39,6 +40,7 @@ SocketConnection::SocketConnection() {
 
 SocketConnection::~SocketConnection() {
     Drop();
+    free(ring_);
 }
 
 void SocketConnection::Drop() {
@@ -203,9 +205,27 @@ int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
 
 }  // namespace
 
+namespace {
+
+// Not inherited by programs that the host starts: they would keep the connection open.
+SOCKET OpenSocket() {
+    SOCKET opened = WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
+                               WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+    if (opened == INVALID_SOCKET && WSAGetLastError() == WSAEINVAL) {
+        // Windows 7 without its service pack does not know the flag.
+        opened = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+        if (opened != INVALID_SOCKET) {
+            SetHandleInformation(reinterpret_cast<HANDLE>(opened), HANDLE_FLAG_INHERIT, 0);
+        }
+    }
+    return opened;
+}
+
+}  // namespace
+
 // One address within the limit that all addresses of a name share; 0 or the error.
 int SocketConnection::ConnectTo(uint32_t address, uint16_t port, uint32_t start, uint32_t max_wait_ms) {
-    socket_ = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    socket_ = OpenSocket();
     if (socket_ == INVALID_SOCKET) {
         return WSAGetLastError();
     }
@@ -353,6 +373,12 @@ bool SocketConnection::Close(uint32_t max_wait_ms) {
 }
 
 const char* SocketConnection::LastErrorText() {
+    if (ring_ == nullptr) {
+        ring_ = static_cast<char(*)[kAccountSize]>(calloc(kRingSlots, kAccountSize));
+    }
+    if (ring_ == nullptr) {
+        return account_;  // good until the next operation, which is longer than any caller keeps it
+    }
     ring_index_ = (ring_index_ + 1) % kRingSlots;
     memcpy(ring_[ring_index_], account_, sizeof account_);
     return ring_[ring_index_];

@@ -74,7 +74,9 @@ class SocketConnection {
     uint32_t max_send_idle_ms_ = 20000;
     char account_[kAccountSize] = {};
     size_t account_length_ = 0;
-    char ring_[kRingSlots][kAccountSize] = {};
+    // Taken with the first text that is asked for, and no part of the object: it stands on the stack of the
+    // host's thread, and most scans ask for none.
+    char (*ring_)[kAccountSize] = nullptr;
     int ring_index_ = 0;
 };
 

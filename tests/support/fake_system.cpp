@@ -109,7 +109,8 @@ BOOL WINAPI ExitCodeOf(HANDLE, DWORD* code) {
 }
 
 int WINAPI Connect(SOCKET socket, const sockaddr* address, int size) {
-    if (g_system->clock >= g_system->accepts_from) {
+    const auto& server = *reinterpret_cast<const sockaddr_in*>(address);
+    if (g_system->clock >= g_system->accepts_from && server.sin_addr.s_net == 127) {
         return connect(socket, address, size);
     }
     g_system->clock += 1000;

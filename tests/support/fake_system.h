@@ -48,7 +48,7 @@ struct FakeProcess {
 // How the system stands, and what it will do.
 struct SystemState {
     std::vector<FakeProcess> processes{1};  // with the IDs 4, 8, ..., behind one of ID 0
-    uint32_t accepts_from = 0;  // when connects begin to reach the network; before, each is refused in 1 s
+    uint32_t accepts_from = 0;  // when connects begin to reach the loopback; all others are refused in 1 s
     bool enumerates = true;     // false: the process table cannot be read
     uint32_t end_takes = 0;     // after TerminateProcess; kNever: that fails
     bool starts = true;         // what CreateProcess returns

@@ -8,6 +8,7 @@
 #include <span>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace kesto {
 namespace {
@@ -19,6 +20,22 @@ namespace {
     const HANDLE job = CreateJobObjectA(nullptr, nullptr);  // closed with the process
     return SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits) &&
            AssignProcessToJobObject(job, GetCurrentProcess());
+}();
+
+// A test that hangs is named and ends its program, with its children, before the runner's limit passes: a
+// signal from outside has taken Wine's server along.
+[[maybe_unused]] const bool g_tests_end = [] {
+    std::thread([] {
+        const auto current = [] { return testing::UnitTest::GetInstance()->current_test_info(); };
+        for (const testing::TestInfo* last = current();; last = current()) {
+            if (WaitFor([&] { return current() != last; }, 10 * kTestLimit) || last == nullptr) {
+                continue;
+            }
+            fprintf(stderr, "%s.%s hangs\n", last->test_suite_name(), last->name());
+            TerminateProcess(GetCurrentProcess(), 1);
+        }
+    }).detach();
+    return true;
 }();
 
 std::filesystem::path NewFolder() {

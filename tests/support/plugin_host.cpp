@@ -1,13 +1,15 @@
 #include "tests/support/plugin_host.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace kesto {
 
-static std::string g_load_error;
-
-LoadedPlugin::LoadedPlugin(const Installation& installed)
-    : PluginLibrary(LoadPlugin((installed.folder / "CLAMDLL.dll").wstring(), g_load_error).value()) {}
+LoadedPlugin::LoadedPlugin(const Installation& installed) {
+    if (const Fault fault = LoadPlugin((installed.folder / "CLAMDLL.dll").wstring(), *this)) {
+        throw std::runtime_error(fault.text);
+    }
+}
 
 LoadedPlugin::~LoadedPlugin() {
     ClosePlugin(*this);

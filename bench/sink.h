@@ -1,4 +1,4 @@
-// An engine that reads a scan's stream, looks at its framing only, and finds everything clean.
+// An engine that reads a scan's stream to its end and finds everything clean.
 #pragma once
 
 #include <cstdint>
