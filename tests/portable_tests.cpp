@@ -5,7 +5,7 @@
 
 #include "base/byte_shift.h"
 #include "base/server_list.h"
-#include "bridge/log_limit.h"
+#include "common/log_limit.h"
 #include "host/check/database_age.h"
 #include "host/check/ini_lint.h"
 #include "host/progress.h"
