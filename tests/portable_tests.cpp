@@ -105,8 +105,8 @@ TEST(DatabaseAge, CountsDaysOfThreeFieldsOnly) {
 TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
     using namespace std::chrono;
     using Lines = std::vector<std::string>;
-    bridge::LogLimit limit;
-    const bridge::LogLimit::Time start{hours(1)};
+    LogLimit limit;
+    const LogLimit::Time start{hours(1)};
     // 25 lines of a kind, one in each 4 seconds: the minute ends with the fifteenth.
     std::string written;
     for (int i = 0; i < 25; ++i) {
