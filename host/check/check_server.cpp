@@ -98,8 +98,7 @@ class ServerCheck {
     }
 
     void Answered(Asked last) {
-        if (last != kEicarOtherShift && answers_[kPing].reply &&
-            VerdictOf(answers_[kEicar]) == ScanAnswer::kClean) {
+        if (last != kEicarOtherShift && VerdictOf(answers_[kEicar]) == ScanAnswer::kClean) {
             Ask(kEicarOtherShift, ScanQuestion(server_.address, EicarTestString(), !server_.encrypt));
             return;
         }
@@ -148,21 +147,24 @@ class ServerCheck {
         return told ? "; the port belongs to " + OwnerText(*owner) : "";
     }
 
+    // False when nothing else was answered either.
     bool TellPing(const ServerAnswer& answer) {
         const std::string check = Check("zPING");
-        if (!answer.reply) {
-            findings_.Failed(
-                check, "no answer: " + answer.failure + Owner(),
-                server_.of_plugin
-                    ? "see the engine's log: the clamd behind it may be down or still loading"
-                    : "see clamd's log: it may still be loading, or another program may have the port");
-            return false;
-        }
-        if (*answer.reply == "PONG") {
+        const std::string remedy =
+            server_.of_plugin
+                ? "see the engine's log: the clamd behind it may be down or still loading"
+                : "see clamd's log: it may still be loading, or another program may have the port";
+        if (answer.reply && *answer.reply == "PONG") {
             findings_.Ok(check, "answered");
-        } else {
+        } else if (answer.reply) {
             findings_.Warning(check, "answered " + Quoted(*answer.reply) + Owner(),
                               "check that a clamd listens there, or the engine in front of one");
+        } else if (std::none_of(answers_.begin(), answers_.end(),
+                                [](const auto& any) { return any.reply; })) {
+            findings_.Failed(check, "no answer: " + answer.failure + Owner(), remedy);
+            return false;
+        } else {
+            findings_.Warning(check, "no answer: " + answer.failure, remedy);
         }
         return true;
     }
