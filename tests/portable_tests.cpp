@@ -5,7 +5,7 @@
 
 #include "base/byte_shift.h"
 #include "base/server_list.h"
-#include "bridge/log_limit.h"
+#include "common/log_limit.h"
 #include "host/check/database_age.h"
 #include "host/check/ini_lint.h"
 #include "host/progress.h"
@@ -105,8 +105,8 @@ TEST(DatabaseAge, CountsDaysOfThreeFieldsOnly) {
 TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
     using namespace std::chrono;
     using Lines = std::vector<std::string>;
-    bridge::LogLimit limit;
-    const bridge::LogLimit::Time start{hours(1)};
+    LogLimit limit;
+    const LogLimit::Time start{hours(1)};
     // 25 lines of a kind, one in each 4 seconds: the minute ends with the fifteenth.
     std::string written;
     for (int i = 0; i < 25; ++i) {
