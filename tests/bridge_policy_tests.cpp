@@ -11,7 +11,6 @@
 #include "bridge/kept_stream.h"
 #include "bridge/scan_policy.h"
 #include "common/bridge_settings.h"
-#include "common/log_limit.h"
 
 namespace kesto {
 using namespace bridge;
@@ -289,16 +288,6 @@ TEST(BridgeFraming, CommandsAreKnownEarlyAndLengthsHaveALimit) {
         uint8_t length[] = {4, 0, 0, last};
         EXPECT_EQ(FollowChunks(stream, length, 4, true).valid, last == 0);
     }
-}
-
-TEST(BridgeLog, TenOfAKindAMinute) {
-    LogLimit limit;
-    const LogLimit::Time start{};
-    for (int i = 0; i < 25; ++i) {
-        EXPECT_EQ(limit.Take("a", "line", start + 1s).size(), i < 10 ? 1u : 0u);
-    }
-    EXPECT_THAT(limit.Take("b", "other", start + 2s), ElementsAre("other"));
-    EXPECT_THAT(limit.Overdue(start + 61s), ElementsAre("15 more such lines left out, the last: line"));
 }
 
 TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
