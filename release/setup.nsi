@@ -1,7 +1,7 @@
 ; The set-up program and the uninstaller in it. scripts/package defines
 ;   VERSION  of the release
 ;   STAGED   the folder of all files, laid out as they lie on the mail server
-;   FILES    a list of them: !insertmacro ${EACH} "PATH" for every file but the two .ini files
+;   FILES    a list of them: !insertmacro ${EACH} "PATH" for every file but the two .ini files and the updater
 ;   FOLDERS  the same for the folders
 ;   HELP     setup_help.exe
 ;   RESULT   the set-up program to write
@@ -30,6 +30,8 @@ InstallDirRegKey HKLM "${PROGRAMS_KEY}" InstallLocation
 ShowInstDetails show
 ShowUninstDetails show
 
+!define UPDATER "plugins\kestoav\kestoavu.exe"
+
 !define kBadValue 3
 !define kInUse 4
 !define kNotWritten 5
@@ -48,6 +50,7 @@ Var Account
 Var AccountField
 Var UpstreamsField
 Var Ran        ; whether the engine of this folder ran before: yes or no
+Var Foreign    ; 0, unless the updater there is the administrator's own, which is left alone
 Var Outcome    ; for the last page
 
 !define MUI_DIRECTORYPAGE_TEXT_TOP "The folder that your mail server names to its scanner plug-in. Only administrators \
@@ -113,6 +116,14 @@ again. Nothing was changed."
         Call ${un}Refuse
       ${EndIf}
       FileClose $0
+    ${EndIf}
+  FunctionEnd
+
+  Function ${un}LookAtUpdater
+    StrCpy $Foreign 0
+    ${If} ${FileExists} "$INSTDIR\${UPDATER}"
+      nsExec::Exec '"$PLUGINSDIR\help.exe" ours "$INSTDIR\${UPDATER}"'
+      Pop $Foreign
     ${EndIf}
   FunctionEnd
 
@@ -282,6 +293,7 @@ FunctionEnd
   ${If} $Reason != ""
     !define EACH DeleteNew
     !include "${FILES}"
+    !insertmacro DeleteNew "${UPDATER}"
     !undef EACH
     Push ${code}
     Call Refuse
@@ -316,6 +328,10 @@ Section
   !define EACH Unpack
   !include "${FILES}"
   !undef EACH
+  Call LookAtUpdater
+  ${If} $Foreign == 0
+    !insertmacro Unpack "${UPDATER}"
+  ${EndIf}
   !insertmacro RefuseIf ${kNotWritten}
 
   StrCpy $Ran yes
@@ -331,6 +347,9 @@ Section
   !define EACH Exchange
   !include "${FILES}"
   !undef EACH
+  ${If} $Foreign == 0
+    !insertmacro Exchange "${UPDATER}"
+  ${EndIf}
   !insertmacro RefuseIf ${kNotWritten}
 
   ${IfNot} ${FileExists} "$INSTDIR\kestoav.ini"
@@ -417,6 +436,10 @@ Section Uninstall
   !define EACH Remove
   !include "${FILES}"
   !undef EACH
+  Call un.LookAtUpdater
+  ${If} $Foreign == 0
+    !insertmacro Remove "${UPDATER}"
+  ${EndIf}
   Delete "$INSTDIR\uninstall.exe"
   !define EACH RemoveFolder
   !include "${FOLDERS}"

@@ -10,8 +10,8 @@
 #include <thread>
 
 #include "base/clamd_words.h"
+#include "common/database_age.h"
 #include "common/text.h"
-#include "host/check/database_age.h"
 #include "host/check/port_owner.h"
 #include "host/check/test_samples.h"
 #include "plugin/net/socket_connection.h"
