@@ -133,11 +133,9 @@ class Reader {
         BridgeSettings& settings = read_.settings;
         const std::string_view value = Unquoted(written);
         const std::string text = key + "=" + std::string(value.substr(0, 100));
-        if (in_updater_ && key == "command") {
+        if (name == "[updater] command") {
             settings.command = written;  // quotation marks belong to a command line
-        } else if (in_updater_) {
-            Number(key, value, text);
-        } else if (key == "listen") {
+        } else if (name == "listen") {
             const auto address = ParseServerAddress(value);
             if (!address || address->kind != HostKind::kIpv4 ||
                 (address->host != "0.0.0.0" && !MayBeServer(*address))) {
@@ -145,14 +143,14 @@ class Reader {
             } else {
                 settings.listen = *address;
             }
-        } else if (key == "upstreams") {
+        } else if (name == "upstreams") {
             Upstreams(Trimmed(value));
-        } else if (key == "decrypt") {
+        } else if (name == "decrypt") {
             if (value != "0" && value != "1") {
                 Problem(text + " is neither 0 nor 1");
             }
             settings.decrypt = value != "0";
-        } else if (key == "logfile") {
+        } else if (name == "logfile") {
             // Blanks and semicolons may be part of a name, but hardly one behind the other.
             if (value.find(" ;") != std::string_view::npos || value.find("\t;") != std::string_view::npos) {
                 Problem(text + " holds a comment; put it on a line of its own");

@@ -93,7 +93,7 @@ uint32_t RunCommand(const std::string& command, const std::wstring& folder, unsi
     SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
     startup.hStdError = startup.hStdOutput;
     // What the command starts ends with it, too, when its time is over.
-    const HANDLE job = CreateJobObjectW(nullptr, nullptr);
+    HANDLE job = CreateJobObjectW(nullptr, nullptr);
     PROCESS_INFORMATION started;
     if (!CreateProcessW(nullptr, WideFromAnsi(command).data(), nullptr, nullptr, TRUE,
                         CREATE_NO_WINDOW | CREATE_SUSPENDED, nullptr, folder.c_str(), &startup, &started)) {
