@@ -262,27 +262,35 @@ FunctionEnd
 
 ; --- Installing --------------------------------------------------------------------------------------------------
 
-; All files are put beside the old ones first. A program that runs can be renamed, but not written to.
+; All files are put beside the old ones first.
 !macro Unpack path
-  Delete "$INSTDIR\${path}.old"
   ClearErrors
   File "/oname=${path}.new" "${STAGED}/${path}"
   ${If} ${Errors}
     StrCpy $Reason "$INSTDIR\${path}.new cannot be written. The files that were there are unchanged."
-  ${ElseIf} ${FileExists} "$INSTDIR\${path}.old"
-    StrCpy $Reason "$INSTDIR\${path}.old, of an earlier upgrade, is still in use: end kestoav.exe, and try again."
   ${EndIf}
 !macroend
 
+!macro DeleteOld path
+  Delete "$INSTDIR\${path}.old"
+  Delete "$INSTDIR\${path}.old2"
+!macroend
+
+; A program that runs can be renamed, but neither written to nor deleted. Two names for the old one are enough: only
+; one of them can be running.
 !macro Exchange path
+  !insertmacro DeleteOld "${path}"
   Rename "$INSTDIR\${path}" "$INSTDIR\${path}.old"
+  ${If} ${FileExists} "$INSTDIR\${path}"
+    Rename "$INSTDIR\${path}" "$INSTDIR\${path}.old2"
+  ${EndIf}
   ClearErrors
   Rename "$INSTDIR\${path}.new" "$INSTDIR\${path}"
   ${If} ${Errors}
+    Rename "$INSTDIR\${path}.old2" "$INSTDIR\${path}"
     Rename "$INSTDIR\${path}.old" "$INSTDIR\${path}"
     StrCpy $Reason "$INSTDIR\${path} cannot be replaced: end what uses it, and install again."
   ${EndIf}
-  Delete "$INSTDIR\${path}.old"
 !macroend
 
 !macro DeleteNew path
@@ -394,7 +402,6 @@ Section
       StrCpy $Outcome "The bridge of the version before goes on running: $1"
       SetErrorLevel ${kNotRestarted}
     ${EndIf}
-    Delete "$INSTDIR\plugins\kestoav\*.old"
   ${EndIf}
 
   ; The check needs an engine, which a scan starts. It may not stay: it would belong to this account, and the mail
@@ -406,6 +413,17 @@ Section
   ${If} $Ran == no
     Call EndEngine
   ${EndIf}
+  ; The old worker ends its scans first.
+  ${ForEach} $0 1 20 + 1
+    !define EACH DeleteOld
+    !include "${FILES}"
+    !insertmacro DeleteOld "${UPDATER}"
+    !undef EACH
+    ${IfNot} ${FileExists} "$INSTDIR\plugins\kestoav\kestobridge.exe.old*"
+      ${ExitFor}
+    ${EndIf}
+    Sleep 250
+  ${Next}
   ${If} $Outcome != ""
   ${ElseIf} $2 == 0
     StrCpy $Outcome "kestoscan --check has found nothing that fails."
@@ -421,7 +439,7 @@ SectionEnd
 
 !macro Remove path
   Delete "$INSTDIR\${path}"
-  Delete "$INSTDIR\${path}.old"
+  !insertmacro DeleteOld "${path}"
 !macroend
 
 !macro RemoveFolder path
