@@ -308,7 +308,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         {"holds a comment", {"logfile=a ;b"}},
         {"unknown setting 'upsteams'", {"upsteams=a:1"}},
         {"is no setting", {"prose"}},
-        {"is not the section", {"[other]"}},
+        {"is neither the section", {"[other]"}},
         {"a second section", {"[bridge]"}},
     };
     const std::vector own{*ParseHost("10.1.2.3")};
@@ -325,9 +325,14 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         EXPECT_THAT(ReadBridgeSettings(ini, own).problems, ElementsAre(HasSubstr(problem)));
     }
     const auto read = ReadBridgeSettings(
-        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nupstreams=a.b:1 [::1]:2\t10.0.0.1:3",
+        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nupstreams=a.b:1 "
+        "[::1]:2\t10.0.0.1:3\n"
+        "[updater]\ncommand=\"a b\" --c=\"d\"\nsignatures=3\nidle=9\ntimeout=0",
         own);
     EXPECT_THAT(read.problems, ElementsAre());
+    EXPECT_EQ(read.settings.command + std::to_string(read.settings.signatures), "\"a b\" --c=\"d\"3");
+    EXPECT_THAT(read.updater_problems, ElementsAre(HasSubstr("line 10: unknown setting 'idle'"),
+                                                   HasSubstr("timeout=0 is not a number")));
     EXPECT_EQ(AddressText(read.settings.upstreams.at(1)), "[::1]:2");
     EXPECT_EQ(read.settings.idle + read.settings.keep, 20u);
 }

@@ -5,8 +5,8 @@
 
 #include "base/byte_shift.h"
 #include "base/server_list.h"
+#include "common/database_age.h"
 #include "common/log_limit.h"
-#include "host/check/database_age.h"
 #include "host/check/ini_lint.h"
 #include "host/progress.h"
 

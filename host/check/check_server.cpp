@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "base/clamd_words.h"
+#include "common/database_age.h"
 #include "common/text.h"
-#include "host/check/database_age.h"
 #include "host/check/port_owner.h"
 #include "host/check/test_samples.h"
 

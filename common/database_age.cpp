@@ -1,11 +1,11 @@
-#include "host/check/database_age.h"
+#include "common/database_age.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <string>
 
-namespace kesto::host {
+namespace kesto {
 
 std::optional<int> DatabaseAgeDays(std::string_view version_reply, std::chrono::sys_days now) {
     static constexpr std::array<std::string_view, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -30,4 +30,4 @@ std::optional<int> DatabaseAgeDays(std::string_view version_reply, std::chrono::
     return static_cast<int>((now - std::chrono::sys_days(written)).count());
 }
 
-}  // namespace kesto::host
+}  // namespace kesto
