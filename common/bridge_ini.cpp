@@ -47,6 +47,7 @@ BridgeIni ReadBridgeIni(const std::wstring& program_folder) {
         ini.settings = std::move(settings);
         ini.problems = std::move(problems);
     } else if (error != ERROR_FILE_NOT_FOUND) {
+        ini.unreadable = true;
         ini.problems = {"bridge.ini cannot be read - " + ErrorWords(error)};
     }
     const std::string& log = ini.settings.logfile;

@@ -1,0 +1,18 @@
+// Which signatures an engine has, by its reply to the version command.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string_view>
+
+namespace kesto {
+
+struct Signatures {
+    unsigned version;
+    std::chrono::sys_seconds written;  // the engine's time zone is taken for UTC
+};
+
+// Of a reply "ENGINE/27000/Fri Nov 20 09:12:31 2026"; nothing for any other form.
+std::optional<Signatures> ReadSignatures(std::string_view version_reply);
+
+}  // namespace kesto
