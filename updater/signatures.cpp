@@ -5,8 +5,8 @@
 #include <string>
 
 #include "base/clamd_words.h"
-#include "common/database_age.h"
 #include "common/server_talk.h"
+#include "common/signatures.h"
 #include "updater/update_log.h"
 
 namespace kesto::updater {
@@ -17,7 +17,7 @@ constexpr auto kAnswerLimit = std::chrono::seconds(10);
 }  // namespace
 
 uint32_t LookAtSignatures(const BridgeSettings& settings) {
-    const auto today = std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now());
+    const auto now = std::chrono::system_clock::now();
     unsigned answers = 0;
     unsigned young = 0;
     for (const ServerAddress& upstream : settings.upstreams) {
@@ -29,11 +29,12 @@ uint32_t LookAtSignatures(const BridgeSettings& settings) {
             continue;
         }
         ++answers;
-        const std::optional<int> age = DatabaseAgeDays(*answer.reply, today);
-        young += age && *age < static_cast<int>(settings.signatures) ? 1 : 0;
-        LogUpdate(
-            name + ": " + *answer.reply + ": " +
-            (age ? "signatures of " + std::to_string(*age) + " days before" : "signatures of unknown age"));
+        const auto signatures = ReadSignatures(*answer.reply);
+        const int age = signatures ? AgeInDays(*signatures, now) : 0;
+        young += signatures && age < static_cast<int>(settings.signatures) ? 1 : 0;
+        LogUpdate(name + ": " + *answer.reply + ": " +
+                  (signatures ? "signatures of " + std::to_string(age) + " days before"
+                              : "signatures of unknown age"));
     }
     if (answers == 0) {
         LogUpdate("no clamd answers");
