@@ -26,7 +26,8 @@ bool FindLogPath(const char* folder, const char* logfile, char (&path)[kPathSize
 }
 
 void OpenLog(const char* path) {
-    // A second start opens the log again. The first handle stays open, since another thread may be writing.
+    // A second start opens the log again. The first file stays open, since another thread may be writing to
+    // it.
     FILE* const log = fopen(path, "at");
     if (log != nullptr) {
         // A program that the host starts would otherwise hold the file open for as long as it runs.

@@ -61,8 +61,8 @@ void Listener::HandOver(SOCKET client, const tcp::endpoint& peer, Doorway doorwa
     }
     try {
         asio::post(bridge_.io,
-                   [this, peer, socket = std::move(socket), doorway = std::move(doorway)]() mutable {
-                       LetIn(bridge_, std::move(socket), peer, std::move(doorway));
+                   [this, arrival = Arrival(std::move(socket), peer, std::move(doorway))]() mutable {
+                       arrival_.emplace(std::move(arrival));
                    });
     } catch (const std::exception&) {  // out of memory: it is hung up on
         std::this_thread::sleep_for(kPauseAfterFailure);
@@ -79,20 +79,14 @@ void Listener::LogFailure(int error) {
     }
 }
 
-Task Listener::LetIn(Bridge& bridge, tcp::socket socket, tcp::endpoint peer, Doorway doorway) {
-    while (bridge.clients.size() >= bridge.settings.clients && !bridge.stopping) {
-        bridge.crowded = true;
-        co_await bridge.place;
-        bridge.crowded = false;
+// More than may have a scan under way: a question finds its place beside them.
+void Listener::LetIn() {
+    if (!arrival_ || (bridge_.clients.size() >= size_t{2} * bridge_.settings.clients && !bridge_.stopping)) {
+        return;
     }
-    doorway.reset();
-    if (bridge.stopping) {
-        co_return;
-    }
-    try {
-        Client::Serve(bridge, std::move(socket), peer);
-    } catch (const std::exception& failure) {
-        LogBridge("accept", std::string("could not serve a client - ") + failure.what());
+    Arrival arrival = *std::exchange(arrival_, std::nullopt);
+    if (!bridge_.stopping) {
+        Client::Serve(bridge_, std::move(arrival.socket), arrival.peer);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <asio/ip/tcp.hpp>
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "bridge/bridge.h"
@@ -21,8 +22,12 @@ class Listener {
     // Lets no further client in; those that others of this socket can take wait for them.
     void Stop() { stopping_ = true; }
 
+    // Lets the one in that has arrived, when there is room; to be called when a handler has ended.
+    void LetIn();
+    bool HasArrival() const { return arrival_.has_value(); }
+
  private:
-    // Held by the one client at a time that waits to be let in; the next is not accepted before.
+    // Held by the one client at a time that is to be let in; the next is not accepted before.
     struct LeaveDoor {
         using pointer = HANDLE;
         void operator()(HANDLE door) const { SetEvent(door); }
@@ -30,15 +35,19 @@ class Listener {
     using Doorway = std::unique_ptr<HANDLE, LeaveDoor>;
 
     void Accept();
+    struct Arrival {
+        asio::ip::tcp::socket socket;
+        asio::ip::tcp::endpoint peer;
+        Doorway doorway;
+    };
     void HandOver(SOCKET client, const asio::ip::tcp::endpoint& peer, Doorway doorway);
     void LogFailure(int error);
-    static Task LetIn(Bridge& bridge, asio::ip::tcp::socket socket, asio::ip::tcp::endpoint peer,
-                      Doorway doorway);
 
     Bridge& bridge_;
     const SOCKET shared_;
     bool acknowledges_ = true;  // the system has the option
     std::atomic<bool> stopping_ = false;
+    std::optional<Arrival> arrival_;
     const HANDLE door_ = CreateEventW(nullptr, FALSE, TRUE, nullptr);
     std::thread thread_;
 };

@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <asio/post.hpp>
-#include <asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -13,7 +12,6 @@
 #include <vector>
 
 #include "bridge/bridge.h"
-#include "bridge/client.h"
 #include "bridge/listener.h"
 #include "bridge/reload.h"
 #include "bridge/upkeep.h"
@@ -26,7 +24,6 @@
 namespace kesto::bridge {
 namespace {
 
-using asio::ip::tcp;
 using namespace std::chrono_literals;
 
 // One timer serves every time limit: limits of a session that moved with each byte would cost system calls.
@@ -39,25 +36,15 @@ constexpr auto kLastArrivals = 2s;
 // Another worker takes the clients from now on.
 class Leaving {
  public:
-    void Begin(Bridge& bridge, Listener& listener) {
+    void Begin(Listener& listener) {
         LogBridge("end", "ending after the running scans");
         listener.Stop();
         since_ = Clock::now();
-        Tick(bridge, since_);
     }
 
-    void Tick(Bridge& bridge, Time now) {
-        if (bridge.stopping || now < since_ + kLastArrivals || bridge.crowded) {
-            return;
-        }
-        bridge.stopping = true;
-        bridge.stopped_at = now;
-        const auto clients = bridge.clients;
-        for (const auto& client : clients) {
-            client->Stop();
-        }
-        if (bridge.clients.empty()) {
-            bridge.io.stop();
+    void Tick(Bridge& bridge, const Listener& listener, Time now) const {
+        if (!bridge.stopping && now >= since_ + kLastArrivals && !listener.HasArrival()) {
+            Stop(bridge, now);
         }
     }
 
@@ -75,37 +62,28 @@ void Guarded(Work work) {
     }
 }
 
-void Tick(Bridge& bridge, Reload& reload, Leaving& leaving, Time now) {
-    const auto attempts = bridge.attempts;
-    for (const auto& attempt : attempts) {
-        Guarded([&] { attempt->Tick(now); });
-    }
-    const auto clients = bridge.clients;
-    unsigned places = bridge.crowded ? 1 + bridge.settings.clients / 4 : 0;
-    for (const auto& client : clients) {
-        Guarded([&] {
-            client->Tick(now);
-            places -= places != 0 && client->MakeWay(now);
-        });
-    }
-    LookUpAndProbe(bridge, now);
-    reload.Tick(bridge, now);
-    bridge.room.ShrinkSpare();
-    LogLeftOut();
-    leaving.Tick(bridge, now);
-}
-
-// `alive` tells the guard that time goes on here.
-Task KeepTime(Bridge& bridge, Reload& reload, Leaving& leaving, HANDLE alive) {
-    asio::steady_timer timer(bridge.io);
-    for (unsigned ticks = 0;; ++ticks) {
-        if (ticks % kTicksASign == 0) {
+// Runs until the bridge is stopped; takes no memory of its own. `alive` tells the guard that time goes on.
+void RunLoop(Bridge& bridge, Listener& listener, Reload& reload, const Leaving& leaving, HANDLE alive) {
+    Upkeep upkeep(bridge);
+    Time next = Clock::now();
+    for (unsigned ticks = 0; !bridge.io.stopped();) {
+        Guarded([&] { bridge.io.run_one_until(next); });
+        const Time now = Clock::now();
+        Guarded([&] { TakeUpNews(bridge, now); });
+        Guarded([&] { listener.LetIn(); });
+        if (now < next) {
+            continue;
+        }
+        next = now + kTick;
+        if (ticks++ % kTicksASign == 0) {
             SetEvent(alive);
         }
-        timer.expires_after(kTick);
-        auto tick = Operation([&timer](auto handler) { timer.async_wait(std::move(handler)); });
-        co_await tick;
-        Guarded([&] { Tick(bridge, reload, leaving, Clock::now()); });
+        Tick(bridge, now);
+        Guarded([&] { upkeep.Tick(now); });
+        Guarded([&] { reload.Tick(bridge, now); });
+        bridge.room.ShrinkSpare();
+        Guarded(LogLeftOut);
+        leaving.Tick(bridge, listener, now);
     }
 }
 
@@ -171,20 +149,17 @@ int Run() {
     }
     bridge.metrics.started = Clock::now();
     bridge.metrics.worker_starts = orders.starts;
-    bridge.fleet.tell = LogBridge;
     Apply(bridge, Clock::now());
 
     Listener& listener = *new Listener(bridge, shared);
     std::thread([&] {
         for (char order = '\0'; ReadOrders(&order, 1);) {
-            asio::post(bridge.io, [&] { leaving.Begin(bridge, listener); });
+            asio::post(bridge.io, [&] { leaving.Begin(listener); });
         }
         TerminateProcess(GetCurrentProcess(), 0);
     }).detach();
-    KeepTime(bridge, reload, leaving, reinterpret_cast<HANDLE>(static_cast<uintptr_t>(orders.alive)));
-    while (!bridge.io.stopped()) {
-        Guarded([&] { bridge.io.run(); });
-    }
+    RunLoop(bridge, listener, reload, leaving,
+            reinterpret_cast<HANDLE>(static_cast<uintptr_t>(orders.alive)));
     LogBridge("end", "ended");
     return 0;
 }

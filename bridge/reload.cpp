@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "bridge/client.h"
 #include "common/bridge_log.h"
 
 namespace kesto::bridge {
@@ -39,8 +38,11 @@ void Reload::Tick(Bridge& bridge, Time now) {
     if (stamp != std::exchange(seen_, stamp) || stamp == taken_up_ || stamp == FileStamp{}) {
         return;
     }
-    taken_up_ = stamp;
     BridgeIni ini = ReadBridgeIni(folder_);
+    if (ini.unreadable && stamp == std::exchange(unreadable_, stamp)) {
+        return;  // it is told already, and looked at again
+    }
+    taken_up_ = ini.unreadable ? taken_up_ : stamp;
     if (const auto problems = Problems(ini, bridge); !problems.empty()) {
         for (const std::string& problem : problems) {
             LogBridge("reload", "changed settings are not followed - " + problem);
@@ -63,8 +65,6 @@ void Reload::Tick(Bridge& bridge, Time now) {
     if (restart_wanted) {
         LogBridge("reload", "listen and decrypt are taken up by a restart only");
     }
-    bridge.place.Open();
-    AdvanceWaiting(bridge);
 }
 
 }  // namespace kesto::bridge

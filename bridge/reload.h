@@ -24,6 +24,7 @@ class Reload {
     std::wstring folder_;
     FileStamp taken_up_;
     FileStamp seen_;
+    FileStamp unreadable_;  // that could not be read, and was told
     Time next_look_{};
 };
 

@@ -10,9 +10,11 @@ namespace kesto {
 
 struct BridgeIni {
     BridgeSettings settings;
-    std::vector<std::string> problems;  // in the bridge's words; not empty: it does not start
-    std::wstring log_path;              // also with problems
-    bool log_only_if_present;           // no path is set: the file is used if it exists
+    std::vector<std::string> problems;          // in the bridge's words; not empty: it does not start
+    std::vector<std::string> updater_problems;  // the updater does nothing
+    bool unreadable = false;                    // for now: another program may have it open
+    std::wstring log_path;                      // also with problems
+    bool log_only_if_present;                   // no path is set: the file is used if it exists
 };
 
 // A missing file means that every setting has its default.
@@ -28,6 +30,9 @@ struct FileStamp {
     bool operator==(const FileStamp&) const = default;
 };
 FileStamp BridgeIniStamp(const std::wstring& program_folder);
+
+// The log of the updater, beside the bridge's. It is always written.
+std::wstring UpdateLogPath(const BridgeIni& ini);
 
 // Addresses of this machine, for ReadBridgeSettings.
 std::vector<ServerAddress> OwnAddresses();

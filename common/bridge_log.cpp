@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <vector>
 
 #include "base/bounded_text.h"
@@ -31,17 +32,20 @@ FILE* OpenLog(const std::wstring& path) {
     return number == -1 ? nullptr : _fdopen(number, "at");
 }
 
-void Write(const std::vector<std::string>& lines) {
+void Write(std::vector<std::string> lines) {
     if (lines.empty() || g_path.empty()) {
         return;
+    }
+    for (std::string& line : lines) {
+        line.resize(std::min<size_t>(line.size(), kMessageSize - 1));
+        line = Printable(line);
     }
     FILE* log = OpenLog(g_path);
     if (log == nullptr) {
         return;
     }
-    for (std::string line : lines) {
-        line.resize(std::min<size_t>(line.size(), kMessageSize - 1));
-        WriteLogLine(log, Printable(line).c_str());
+    for (const std::string& line : lines) {
+        WriteLogLine(log, line.c_str());
     }
     std::fclose(log);
 }
@@ -73,8 +77,11 @@ std::string UseBridgeLog(const BridgeIni& ini, const std::wstring& program_folde
     return problem;
 }
 
-void LogBridge(const std::string& kind, const std::string& message) {
-    Write(g_limit.Take(kind, message, std::chrono::steady_clock::now()));
+void LogBridge(const std::string& kind, const std::string& message) noexcept {
+    try {
+        Write(g_limit.Take(kind, message, std::chrono::steady_clock::now()));
+    } catch (const std::exception&) {  // there is no memory for the line
+    }
 }
 
 void LogLeftOut() {

@@ -14,8 +14,8 @@ std::string UseBridgeLog(const BridgeIni& ini, const std::wstring& program_folde
 
 // Writes one line; does nothing while logging is off. Of each kind, which is part of no line, ten a minute
 // are written. What came from a peer may be part of the message: control characters are replaced, and the
-// line ends after 999 characters.
-void LogBridge(const std::string& kind, const std::string& message);
+// line ends after 999 characters. A line for which there is no memory is left out.
+void LogBridge(const std::string& kind, const std::string& message) noexcept;
 
 // To be called every now and then: tells of lines that were left out.
 void LogLeftOut();

@@ -2,11 +2,24 @@
 
 #include <winsock2.h>
 #include <windows.h>
+#include <mstcpip.h>
 #include <ws2tcpip.h>
 
 #include <algorithm>
-#include <cstdint>
+#include <asio/buffer.hpp>
+#include <asio/co_spawn.hpp>
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/post.hpp>
+#include <asio/redirect_error.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/use_awaitable.hpp>
 #include <cstdio>
+#include <cstring>
+#include <map>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "base/byte_shift.h"
 #include "base/clamd_words.h"
@@ -16,150 +29,269 @@
 namespace kesto {
 namespace {
 
+using asio::awaitable;
+using asio::ip::tcp;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr milliseconds kConnectLimit(3000);  // for each address
+constexpr milliseconds kConnectLimit(3000);        // for each address
+constexpr milliseconds kPlugInConnectLimit(1000);  // the plug-in's, for a name and all its addresses
 constexpr milliseconds kIdleLimit(kIdleLimitMs);
+constexpr milliseconds kWaitingInterval(250);
 constexpr size_t kMostReply = 1 << 20;
-constexpr size_t kQuotedOfReply = 60;  // bytes of one that did not end
+constexpr size_t kMostSent = 64 << 10;  // at a time, so that progress shows
+constexpr size_t kQuotedOfReply = 60;   // bytes of one that did not end
+
+using Addresses = std::vector<asio::ip::address>;
 
 std::string Begun(const std::string& reply) {
     return "\"" + Utf8FromAnsi(reply.substr(0, kQuotedOfReply)) +
            (reply.size() > kQuotedOfReply ? "...\"" : "\"");
 }
 
-class Talk {
- public:
-    explicit Talk(Deadline deadline) : deadline_(deadline) {
-        WSADATA data;
-        WSAStartup(MAKEWORD(2, 2), &data);  // counted by the system, and ended with the process
+// Within this machine a refusal is final, but Windows asks again for two seconds, if it is not told so.
+void AskOnceOnLoopback(tcp::socket& socket, const asio::ip::address& address) {
+    TCP_INITIAL_RTO_PARAMETERS once = {TCP_INITIAL_RTO_UNSPECIFIED_RTT,
+                                       TCP_INITIAL_RTO_NO_SYN_RETRANSMISSIONS};
+    DWORD written = 0;
+    if (address.is_loopback()) {
+        WSAIoctl(socket.native_handle(), SIO_TCP_INITIAL_RTO, &once, sizeof once, nullptr, 0, &written,
+                 nullptr, nullptr);
     }
-    ~Talk() { Drop(); }
-    Talk(const Talk&) = delete;
-    Talk& operator=(const Talk&) = delete;
+}
 
-    bool Connect(const Endpoint& server) {
-        addrinfo wanted = {};
-        wanted.ai_socktype = SOCK_STREAM;
-        addrinfo* found = nullptr;
-        const int error =
-            getaddrinfo(server.host.c_str(), std::to_string(server.port).c_str(), &wanted, &found);
-        if (error != 0) {
-            return Fail(kNameFailure + SystemErrorWithCode(static_cast<DWORD>(error)));
-        }
-        for (const addrinfo* each = found; each != nullptr && socket_ == INVALID_SOCKET;
-             each = each->ai_next) {
-            ConnectTo(*each);
-        }
+// Returns the system's error code.
+int LookUp(const std::string& host, Addresses& addresses) {
+    addrinfo wanted = {};
+    wanted.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int error = getaddrinfo(host.c_str(), nullptr, &wanted, &found);
+    for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
+        tcp::endpoint endpoint;
+        endpoint.resize(each->ai_addrlen);
+        std::memcpy(endpoint.data(), each->ai_addr, each->ai_addrlen);
+        addresses.push_back(endpoint.address());
+    }
+    if (found != nullptr) {
         freeaddrinfo(found);
-        return socket_ != INVALID_SOCKET;
     }
+    return error;
+}
 
-    bool Send(std::string_view bytes) {
-        while (!bytes.empty()) {
-            const int sent = send(socket_, bytes.data(), static_cast<int>(bytes.size()), 0);
-            if (sent > 0) {
-                bytes.remove_prefix(static_cast<size_t>(sent));
-            } else if (WSAGetLastError() != WSAEWOULDBLOCK) {
-                return Fail("the connection broke while sending: " +
-                            SystemErrorWithCode(static_cast<DWORD>(WSAGetLastError())));
-            } else if (!WaitUntilReady(kIdleLimit, true)) {
-                return Fail("nothing more was taken");
-            }
+}  // namespace
+
+// Outlived by no talk, but kept by lookups that may outlive all of this: nothing ends one that hangs.
+struct ServerTalks::Loop {
+    explicit Loop(Deadline end) : deadline(end) {}
+    const Deadline deadline;
+    asio::io_context io{1};
+    std::map<std::string, Addresses> known;  // names that have been looked up
+};
+
+class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
+ public:
+    Talk(std::shared_ptr<Loop> loop, Question question)
+        : loop_(std::move(loop)), question_(std::move(question)), timer_(loop_->io), socket_(loop_->io) {}
+
+    awaitable<ServerAnswer> Converse(milliseconds pause) {
+        const auto self = shared_from_this();
+        if (pause.count() > 0) {
+            timer_.expires_at(std::min(loop_->deadline, Clock::now() + pause));
+            co_await timer_.async_wait(Into());
         }
-        return true;
-    }
-
-    // What has come of `patience` is no reply yet: the bridge sends it while it waits for a verdict.
-    bool Receive(std::string& reply, std::string_view patience) {
-        for (;;) {
-            char buffer[4096];
-            const int count = recv(socket_, buffer, sizeof buffer, 0);
-            if (count > 0) {
-                reply.append(buffer, static_cast<size_t>(count));
-                if (const size_t end = reply.find('\0'); end != std::string::npos) {
-                    reply.resize(end);
-                    return true;
-                }
-                if (reply.size() > kMostReply) {
-                    return Fail("the reply has no end");
-                }
-            } else if (count == 0) {
-                return Fail(reply.empty() ? "the connection was closed without a reply"
-                                          : "the connection was closed within the reply " + Begun(reply));
-            } else if (WSAGetLastError() != WSAEWOULDBLOCK) {
-                return Fail("the connection broke before the reply: " +
-                            SystemErrorWithCode(static_cast<DWORD>(WSAGetLastError())));
-            } else if (!WaitUntilReady(kIdleLimit, false)) {
-                return Fail(patience.starts_with(reply) ? "no reply came"
-                                                        : "no end came of the reply " + Begun(reply));
+        const auto start = Clock::now();
+        connect_by_ = question_.as_the_plug_in ? start + kPlugInConnectLimit : loop_->deadline;
+        answer_.connected = co_await Connect();
+        if (answer_.connected && question_.bytes.empty()) {
+            answer_.reply = "";
+        } else if (answer_.connected) {
+            const bool sent = co_await Send();
+            const std::string send_failure = answer_.failure;
+            // A server that refuses a file for its size says so and breaks the connection.
+            if (co_await Receive()) {
+                answer_.failure.clear();
             }
+            answer_.failure = sent ? answer_.failure : send_failure;
         }
+        answer_.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        timer_.cancel();
+        co_return std::move(answer_);
     }
-
-    const std::string& failure() const { return failure_; }
 
  private:
+    asio::redirect_error_t<asio::use_awaitable_t<>> Into() {
+        return asio::redirect_error(asio::use_awaitable, error_);
+    }
+
     bool Fail(std::string why) {
-        failure_ = std::move(why);
+        answer_.failure = std::move(why);
         return false;
     }
 
-    void Drop() {
-        if (socket_ != INVALID_SOCKET) {
-            closesocket(socket_);
-            socket_ = INVALID_SOCKET;
-        }
+    // Until the next call, what is under way on the socket ends at this time.
+    void EndBy(Deadline time) {
+        timer_.expires_at(std::min(loop_->deadline, time));
+        timer_.async_wait([self = shared_from_this()](const asio::error_code& error) {
+            if (!error) {
+                self->late_ = true;
+                asio::error_code ignored;
+                self->socket_.close(ignored);
+            }
+        });
     }
 
-    void ConnectTo(const addrinfo& address) {
-        socket_ = socket(address.ai_family, SOCK_STREAM, IPPROTO_TCP);
-        u_long non_blocking = 1;
-        ioctlsocket(socket_, FIONBIO, &non_blocking);
-        const BOOL no_delay = TRUE;  // a question waits for its answer
-        setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&no_delay),
-                   sizeof no_delay);
-        int error = 0;
-        if (connect(socket_, address.ai_addr, static_cast<int>(address.ai_addrlen)) != 0) {
-            error = WSAGetLastError();
+    awaitable<bool> Connect() {
+        Addresses addresses;
+        if (const int error = co_await FindAddresses(addresses)) {
+            answer_.name_failed = true;
+            co_return Fail("the name does not resolve: " + SystemErrorWithCode(static_cast<DWORD>(error)));
         }
-        if (error == WSAEWOULDBLOCK) {
-            int size = sizeof error;
-            error = WSAETIMEDOUT;
-            if (WaitUntilReady(kConnectLimit, true)) {
-                getsockopt(socket_, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &size);
+        for (const asio::ip::address& address : addresses) {
+            late_ = false;
+            socket_ = tcp::socket(loop_->io);
+            socket_.open(address.is_v4() ? tcp::v4() : tcp::v6(), error_);
+            AskOnceOnLoopback(socket_, address);
+            EndBy(std::min(connect_by_, Clock::now() + kConnectLimit));
+            co_await socket_.async_connect({address, question_.server.port}, Into());
+            timer_.cancel();
+            if (!error_) {
+                socket_.set_option(tcp::no_delay(true), error_);  // a question waits for its answer
+                answer_.failure.clear();
+                co_return true;
+            }
+            Fail(SystemErrorWithCode(static_cast<DWORD>(late_ ? WSAETIMEDOUT : error_.value())));
+        }
+        co_return false;
+    }
+
+    // Returns the system's error code.
+    awaitable<int> FindAddresses(Addresses& addresses) {
+        const std::string& host = question_.server.host;
+        const auto number = asio::ip::make_address(host, error_);
+        int error = 0;
+        if (!error_) {
+            addresses = {number};
+        } else if (loop_->known.contains(host)) {
+            addresses = loop_->known[host];
+        } else {
+            std::thread([talk = weak_from_this(), loop = loop_, host] {
+                Addresses found;
+                const int failed = kesto::LookUp(host, found);
+                asio::post(loop->io, [talk, failed, found = std::move(found)] {
+                    if (const auto waiting = talk.lock()) {
+                        waiting->lookup_ = {failed, found};
+                        waiting->timer_.cancel();
+                    }
+                });
+            }).detach();
+            timer_.expires_at(std::min(loop_->deadline, connect_by_));
+            co_await timer_.async_wait(Into());
+            error = lookup_.first;
+            addresses = loop_->known[host] = lookup_.second;
+        }
+        if (question_.as_the_plug_in) {
+            std::erase_if(addresses, [](const auto& address) { return !address.is_v4(); });
+        }
+        co_return error == 0 && addresses.empty() ? WSANO_DATA : error;
+    }
+
+    awaitable<bool> Send() {
+        for (std::string_view rest = question_.bytes; !rest.empty();) {
+            EndBy(Clock::now() + kIdleLimit);
+            const size_t sent = co_await socket_.async_write_some(
+                asio::buffer(rest.data(), std::min(rest.size(), kMostSent)), Into());
+            rest.remove_prefix(sent);
+            if (error_) {
+                co_return Fail(late_ ? "nothing more was taken"
+                                     : "the connection broke while sending: " +
+                                           SystemErrorWithCode(static_cast<DWORD>(error_.value())));
             }
         }
-        if (error != 0) {
-            Fail(SystemErrorWithCode(static_cast<DWORD>(error)));
-            Drop();
+        co_return true;
+    }
+
+    awaitable<bool> Receive() {
+        std::string reply;
+        for (char buffer[4096];;) {
+            EndBy(Clock::now() + kIdleLimit);
+            const size_t count = co_await socket_.async_read_some(asio::buffer(buffer), Into());
+            timer_.cancel();
+            reply.append(buffer, count);
+            if (const size_t end = reply.find('\0'); end != std::string::npos) {
+                answer_.reply = reply.substr(0, end);
+                co_return true;
+            }
+            if (reply.size() > kMostReply) {
+                co_return Fail("the reply has no end");
+            }
+            if (error_ == asio::error::eof) {
+                co_return Fail(reply.empty() ? "the connection was closed without a reply"
+                                             : "the connection was closed within the reply " + Begun(reply));
+            }
+            if (error_) {
+                co_return Fail(!late_ ? "the connection broke before the reply: " +
+                                            SystemErrorWithCode(static_cast<DWORD>(error_.value()))
+                               : question_.patience.starts_with(reply)
+                                   ? "no reply came"
+                                   : "no end came of the reply " + Begun(reply));
+            }
         }
     }
 
-    // False when the limit or the deadline has passed.
-    bool WaitUntilReady(milliseconds limit, bool to_send) {
-        const auto left = std::chrono::duration_cast<milliseconds>(deadline_ - Clock::now());
-        const auto wait = static_cast<long>(std::clamp<milliseconds>(left, milliseconds(0), limit).count());
-        fd_set ready;
-        fd_set refused;
-        FD_ZERO(&ready);
-        FD_ZERO(&refused);
-        FD_SET(socket_, &ready);
-        FD_SET(socket_, &refused);
-        timeval time = {wait / 1000, wait % 1000 * 1000};
-        return select(0, to_send ? nullptr : &ready, to_send ? &ready : nullptr, &refused, &time) > 0;
-    }
-
-    const Deadline deadline_;
-    SOCKET socket_ = INVALID_SOCKET;
-    std::string failure_;
+    const std::shared_ptr<Loop> loop_;
+    const Question question_;
+    asio::steady_timer timer_;
+    tcp::socket socket_;
+    asio::error_code error_;  // of the last operation
+    bool late_ = false;       // the socket was closed for it
+    Deadline connect_by_;
+    std::pair<int, Addresses> lookup_{WSATRY_AGAIN, {}};  // what came of it
+    ServerAnswer answer_;
 };
 
-bool SendStream(Talk& talk, std::string_view bytes, bool shifted) {
-    using namespace std::string_view_literals;
+ServerTalks::ServerTalks(Deadline deadline) : loop_(std::make_shared<Loop>(deadline)) {}
+
+void ServerTalks::Put(Question question, std::function<void(ServerAnswer)> answered, milliseconds pause) {
+    const auto talk = std::make_shared<Talk>(loop_, std::move(question));
+    asio::co_spawn(
+        loop_->io, talk->Converse(pause),
+        [talk, answered = std::move(answered)](const std::exception_ptr& thrown, ServerAnswer answer) {
+            if (thrown) {
+                std::rethrow_exception(thrown);
+            }
+            answered(std::move(answer));
+        });
+}
+
+void ServerTalks::Run(const std::function<void()>& waiting) {
+    for (loop_->io.restart(); loop_->io.run_for(kWaitingInterval), !loop_->io.stopped();) {
+        waiting();
+    }
+}
+
+ServerAnswer AnswerTo(Question question, Deadline deadline) {
+    ServerTalks talks(deadline);
+    ServerAnswer answer;
+    talks.Put(std::move(question), [&](ServerAnswer given) { answer = std::move(given); });
+    talks.Run();
+    return answer;
+}
+
+ServerAnswer ConnectToServer(const Endpoint& server, Deadline deadline) {
+    return AnswerTo({server}, deadline);
+}
+
+ServerAnswer AskServer(const Endpoint& server, std::string_view command, Deadline deadline) {
+    return AnswerTo({server, std::string(command)}, deadline);
+}
+
+ServerAnswer ScanAtServer(const Endpoint& server, std::string_view bytes, bool shifted, Deadline deadline) {
+    return AnswerTo(ScanQuestion(server, bytes, shifted), deadline);
+}
+
+Question ScanQuestion(const Endpoint& server, std::string_view bytes, bool shifted) {
     std::string message(kScanCommand);
-    for (; !bytes.empty(); message.clear()) {
+    for (; !bytes.empty(); bytes.remove_prefix(std::min<size_t>(bytes.size(), kChunkSize))) {
         const size_t size = std::min<size_t>(bytes.size(), kChunkSize);
         const uint32_t prefix = htonl(static_cast<u_long>(size));
         message.append(reinterpret_cast<const char*>(&prefix), sizeof prefix);
@@ -167,63 +299,9 @@ bool SendStream(Talk& talk, std::string_view bytes, bool shifted) {
         if (shifted) {
             ShiftBytesDown(reinterpret_cast<uint8_t*>(message.data() + message.size() - size), size);
         }
-        bytes.remove_prefix(size);
-        if (!talk.Send(message)) {
-            return false;
-        }
     }
-    return talk.Send("\0\0\0\0"sv);
-}
-
-double SecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// `send` puts the question.
-template <typename Send>
-ServerAnswer Converse(const Endpoint& server, Deadline deadline, std::string_view patience, Send send) {
-    const auto start = Clock::now();
-    ServerAnswer answer;
-    Talk talk(deadline);
-    std::string reply;
-    answer.connected = talk.Connect(server);
-    if (answer.connected) {
-        const bool sent = send(talk);
-        const std::string send_failure = talk.failure();
-        // A server that refuses a file for its size says so and breaks the connection.
-        if (talk.Receive(reply, patience)) {
-            answer.reply = std::move(reply);
-        }
-        answer.failure = sent ? talk.failure() : send_failure;
-    } else {
-        answer.failure = talk.failure();
-    }
-    answer.seconds = SecondsSince(start);
-    return answer;
-}
-
-}  // namespace
-
-ServerAnswer ConnectToServer(const Endpoint& server, Deadline deadline) {
-    const auto start = Clock::now();
-    Talk talk(deadline);
-    ServerAnswer answer;
-    answer.connected = talk.Connect(server);
-    if (answer.connected) {
-        answer.reply = "";
-    }
-    answer.failure = talk.failure();
-    answer.seconds = SecondsSince(start);
-    return answer;
-}
-
-ServerAnswer AskServer(const Endpoint& server, std::string_view command, Deadline deadline) {
-    return Converse(server, deadline, "", [&](Talk& talk) { return talk.Send(command); });
-}
-
-ServerAnswer ScanAtServer(const Endpoint& server, std::string_view bytes, bool shifted, Deadline deadline) {
-    return Converse(server, deadline, kVerdictBeginning,
-                    [&](Talk& talk) { return SendStream(talk, bytes, shifted); });
+    message.append(4, '\0');
+    return {server, std::move(message), kVerdictBeginning};
 }
 
 std::string DurationText(double seconds) {

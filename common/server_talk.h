@@ -1,8 +1,10 @@
-// One question to an engine server, directly and not through the plug-in.
+// Questions to engine servers, directly and not through the plug-in.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,23 +13,52 @@ namespace kesto {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
-// How a failure to connect begins when it was the name's.
-inline const std::string kNameFailure = "the name does not resolve: ";
-
 struct Endpoint {
     std::string host;  // a name, or an IPv4 or IPv6 address without brackets; in the ANSI code page
     uint16_t port;
 };
 
 struct ServerAnswer {
-    std::optional<std::string> reply;  // whole, without its NUL
-    std::string failure;               // where there is none: why, one line (UTF-8)
+    std::optional<std::string> reply{};  // whole, without its NUL
+    std::string failure{};               // where there is none: why, one line (UTF-8)
+    bool name_failed = false;            // that is why
     bool connected = false;
     double seconds = 0;  // from the start of connecting to the end
 };
 
-// Each of these ends by the deadline, and when nothing came for as long as the plug-in waits. The lookup of a
-// name is the exception: nothing can end it.
+struct Question {
+    Endpoint server;
+    std::string bytes{};          // what is sent; empty: the reply to a connection is empty at once
+    std::string_view patience{};  // what comes of it is not a reply yet: the bridge sends it while it waits
+    bool as_the_plug_in = false;  // connects to IPv4 addresses only, and within a second
+};
+
+// Has the bytes scanned, each shifted down by one with `shifted`, as the plug-in does with encrypt=1. Unlike
+// the plug-in, the talk takes a reply that comes before all of them are sent.
+Question ScanQuestion(const Endpoint& server, std::string_view bytes, bool shifted);
+
+// Talks with any number of servers at a time, in one thread. Each ends by the deadline, and when nothing came
+// for as long as the plug-in waits.
+class ServerTalks {
+ public:
+    explicit ServerTalks(Deadline deadline);
+
+    // `answered` is called once, within Run, and may put further questions. The question waits for `pause`
+    // first.
+    void Put(Question question, std::function<void(ServerAnswer)> answered,
+             std::chrono::milliseconds pause = {});
+
+    // Returns when all questions are answered. `waiting` is called now and then.
+    void Run(const std::function<void()>& waiting = [] {});
+
+ private:
+    struct Loop;
+    class Talk;
+    std::shared_ptr<Loop> loop_;
+};
+
+// One question.
+ServerAnswer AnswerTo(Question question, Deadline deadline);
 
 // Connects and says nothing; the reply is then empty.
 ServerAnswer ConnectToServer(const Endpoint& server, Deadline deadline);
@@ -35,8 +66,6 @@ ServerAnswer ConnectToServer(const Endpoint& server, Deadline deadline);
 // Sends a command, which holds its NUL.
 ServerAnswer AskServer(const Endpoint& server, std::string_view command, Deadline deadline);
 
-// Has the bytes scanned, each shifted down by one with `shifted`, as the plug-in does with encrypt=1. Unlike
-// the plug-in, takes a reply that comes before all of them are sent.
 ServerAnswer ScanAtServer(const Endpoint& server, std::string_view bytes, bool shifted, Deadline deadline);
 
 // "10 ms" or "2.3 s".

@@ -1,7 +1,7 @@
 ; The set-up program and the uninstaller in it. scripts/package defines
 ;   VERSION  of the release
 ;   STAGED   the folder of all files, laid out as they lie on the mail server
-;   FILES    a list of them: !insertmacro ${EACH} "PATH" for every file but the two .ini files
+;   FILES    a list of them: !insertmacro ${EACH} "PATH" for every file but the two .ini files and the updater
 ;   FOLDERS  the same for the folders
 ;   HELP     setup_help.exe
 ;   RESULT   the set-up program to write
@@ -30,6 +30,8 @@ InstallDirRegKey HKLM "${PROGRAMS_KEY}" InstallLocation
 ShowInstDetails show
 ShowUninstDetails show
 
+!define UPDATER "plugins\kestoav\kestoavu.exe"
+
 !define kBadValue 3
 !define kInUse 4
 !define kNotWritten 5
@@ -48,6 +50,7 @@ Var Account
 Var AccountField
 Var UpstreamsField
 Var Ran        ; whether the engine of this folder ran before: yes or no
+Var Foreign    ; 0, unless the updater there is the administrator's own, which is left alone
 Var Outcome    ; for the last page
 
 !define MUI_DIRECTORYPAGE_TEXT_TOP "The folder that your mail server names to its scanner plug-in. Only administrators \
@@ -113,6 +116,14 @@ again. Nothing was changed."
         Call ${un}Refuse
       ${EndIf}
       FileClose $0
+    ${EndIf}
+  FunctionEnd
+
+  Function ${un}LookAtUpdater
+    StrCpy $Foreign 0
+    ${If} ${FileExists} "$INSTDIR\${UPDATER}"
+      nsExec::Exec '"$PLUGINSDIR\help.exe" ours "$INSTDIR\${UPDATER}"'
+      Pop $Foreign
     ${EndIf}
   FunctionEnd
 
@@ -251,27 +262,35 @@ FunctionEnd
 
 ; --- Installing --------------------------------------------------------------------------------------------------
 
-; All files are put beside the old ones first. A program that runs can be renamed, but not written to.
+; All files are put beside the old ones first.
 !macro Unpack path
-  Delete "$INSTDIR\${path}.old"
   ClearErrors
   File "/oname=${path}.new" "${STAGED}/${path}"
   ${If} ${Errors}
     StrCpy $Reason "$INSTDIR\${path}.new cannot be written. The files that were there are unchanged."
-  ${ElseIf} ${FileExists} "$INSTDIR\${path}.old"
-    StrCpy $Reason "$INSTDIR\${path}.old, of an earlier upgrade, is still in use: end kestoav.exe, and try again."
   ${EndIf}
 !macroend
 
+!macro DeleteOld path
+  Delete "$INSTDIR\${path}.old"
+  Delete "$INSTDIR\${path}.old2"
+!macroend
+
+; A program that runs can be renamed, but neither written to nor deleted. Two names for the old one are enough: only
+; one of them can be running.
 !macro Exchange path
+  !insertmacro DeleteOld "${path}"
   Rename "$INSTDIR\${path}" "$INSTDIR\${path}.old"
+  ${If} ${FileExists} "$INSTDIR\${path}"
+    Rename "$INSTDIR\${path}" "$INSTDIR\${path}.old2"
+  ${EndIf}
   ClearErrors
   Rename "$INSTDIR\${path}.new" "$INSTDIR\${path}"
   ${If} ${Errors}
+    Rename "$INSTDIR\${path}.old2" "$INSTDIR\${path}"
     Rename "$INSTDIR\${path}.old" "$INSTDIR\${path}"
     StrCpy $Reason "$INSTDIR\${path} cannot be replaced: end what uses it, and install again."
   ${EndIf}
-  Delete "$INSTDIR\${path}.old"
 !macroend
 
 !macro DeleteNew path
@@ -282,6 +301,7 @@ FunctionEnd
   ${If} $Reason != ""
     !define EACH DeleteNew
     !include "${FILES}"
+    !insertmacro DeleteNew "${UPDATER}"
     !undef EACH
     Push ${code}
     Call Refuse
@@ -316,6 +336,10 @@ Section
   !define EACH Unpack
   !include "${FILES}"
   !undef EACH
+  Call LookAtUpdater
+  ${If} $Foreign == 0
+    !insertmacro Unpack "${UPDATER}"
+  ${EndIf}
   !insertmacro RefuseIf ${kNotWritten}
 
   StrCpy $Ran yes
@@ -331,6 +355,9 @@ Section
   !define EACH Exchange
   !include "${FILES}"
   !undef EACH
+  ${If} $Foreign == 0
+    !insertmacro Exchange "${UPDATER}"
+  ${EndIf}
   !insertmacro RefuseIf ${kNotWritten}
 
   ${IfNot} ${FileExists} "$INSTDIR\kestoav.ini"
@@ -375,7 +402,6 @@ Section
       StrCpy $Outcome "The bridge of the version before goes on running: $1"
       SetErrorLevel ${kNotRestarted}
     ${EndIf}
-    Delete "$INSTDIR\plugins\kestoav\*.old"
   ${EndIf}
 
   ; The check needs an engine, which a scan starts. It may not stay: it would belong to this account, and the mail
@@ -387,6 +413,17 @@ Section
   ${If} $Ran == no
     Call EndEngine
   ${EndIf}
+  ; The old worker ends its scans first.
+  ${ForEach} $0 1 20 + 1
+    !define EACH DeleteOld
+    !include "${FILES}"
+    !insertmacro DeleteOld "${UPDATER}"
+    !undef EACH
+    ${IfNot} ${FileExists} "$INSTDIR\plugins\kestoav\kestobridge.exe.old*"
+      ${ExitFor}
+    ${EndIf}
+    Sleep 250
+  ${Next}
   ${If} $Outcome != ""
   ${ElseIf} $2 == 0
     StrCpy $Outcome "kestoscan --check has found nothing that fails."
@@ -402,7 +439,7 @@ SectionEnd
 
 !macro Remove path
   Delete "$INSTDIR\${path}"
-  Delete "$INSTDIR\${path}.old"
+  !insertmacro DeleteOld "${path}"
 !macroend
 
 !macro RemoveFolder path
@@ -417,6 +454,10 @@ Section Uninstall
   !define EACH Remove
   !include "${FILES}"
   !undef EACH
+  Call un.LookAtUpdater
+  ${If} $Foreign == 0
+    !insertmacro Remove "${UPDATER}"
+  ${EndIf}
   Delete "$INSTDIR\uninstall.exe"
   !define EACH RemoveFolder
   !include "${FOLDERS}"

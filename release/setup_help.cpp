@@ -12,12 +12,16 @@
 namespace kesto::setup {
 namespace {
 
-// Every process of exactly this program file.
+// Every process of exactly this program file, also where an upgrade has renamed it since.
 std::vector<uint32_t> ProcessesOf(const std::wstring& file) {
     std::vector<uint32_t> ids;
+    const auto same = [&](const std::wstring& path) {
+        return host::SameFile(path, file) || host::SameFile(path, file + L".old") ||
+               host::SameFile(path, file + L".old2");
+    };
     for (const host::ProgramProcess& process :
          host::ProcessesNamed(file.substr(file.find_last_of(L'\\') + 1).c_str())) {
-        if (!process.path.empty() && host::SameFile(process.path, file)) {
+        if (!process.path.empty() && same(process.path)) {
             ids.push_back(process.id);
         }
     }

@@ -84,7 +84,7 @@ TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
         {failed + server + "EICAR: found clean -> check that", ScansSaying("stream: OK")},
         {failed + server + "clean sample: found infected with X", ScansSaying("stream: X FOUND")},
         {failed + server + "clean sample: the reply was \"stream: disk\"", ScansSaying("stream: disk")},
-        {failed + server + "zPING: no answer: the connection was closed", DyingAfter(1)},
+        {failed + server + "zPING: no answer: the connection ", DyingAfter(1)},
         {"warning  " + server + "zVERSION: \"Engine 1/27000/", Clamd(true, 8)},
         {"ok       " + server + "zVERSION: ", Clamd(true, 7)},
         {"warning  " + server + "zVERSION: \"E\": the age of", Realistic({.shifted = true, .version = "E"})},

@@ -32,7 +32,7 @@ files=$(find . -type f | sort | xargs)
 [ "$files" = "./CHANGES.txt ./CLAMDLL.dll ./INSTALL.txt ./KESTOSCAN.txt ./OPERATIONS.txt ./README.txt \
 ./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe \
 ./monitoring/alerts.yml ./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoav.exe \
-./plugins/kestoav/kestobridge.exe" ] || fail "the zip holds $files"
+./plugins/kestoav/kestoavu.exe ./plugins/kestoav/kestobridge.exe" ] || fail "the zip holds $files"
 for text in *.txt *.ini plugins/kestoav/*.ini; do
   if grep -qv $'\r$' "$text"; then fail "$text has lines that do not end in CR LF"; fi
 done
@@ -83,8 +83,9 @@ expected=0
 if (exec 3<>/dev/tcp/127.0.0.1/3313) 2>/dev/null; then expected=7; fi
 setup "$expected" '/D=C:\KESTO' "/UPSTREAMS=127.0.0.1:$KESTOAV_TEST_CLAMD_PORT" "/ACCOUNT=$(id -un)"
 signed uninstall.exe
+[ -e plugins/kestoav/kestoavu.exe ] || fail "there is no updater"
 
-# An upgrade keeps the settings, exchanges the bridge that runs, and is refused while a host has the plug-in.
+# An upgrade keeps the settings and a foreign updater, exchanges the bridge that runs, and is refused while a host has the plug-in.
 sed -i "s/^servers=.*/servers=127.0.0.1:$port\r/" kestoav.ini
 sed -i "s/^listen=.*/listen=127.0.0.1:$port\r/" plugins/kestoav/bridge.ini
 sha256sum kestoav.ini plugins/kestoav/bridge.ini >"$work/settings"
@@ -92,10 +93,12 @@ cp "$work/eicar.com" .
 status=0
 "$top/scripts/wine" kestoscan.exe eicar.com >"$work/scanned" || status=$?
 [ "$status" -eq 1 ] || fail "EICAR is not found: $(cat "$work/scanned")"
+echo mine >plugins/kestoav/kestoavu.exe
+sha256sum plugins/kestoav/kestoavu.exe >>"$work/settings"
 setup 0
-sha256sum -c --quiet "$work/settings" || fail "an upgrade changes the settings"
-find . -name '*.old' -o -name '*.new' >"$work/left"
-[ ! -s "$work/left" ] || fail "an upgrade leaves $(cat "$work/left")"
+sha256sum -c --quiet "$work/settings" || fail "an upgrade changes what is the administrator's"
+files=$(find . -name '*.old*' -o -name '*.new' | xargs)
+[ "$files" = ./plugins/kestoav/kestoav.exe.old ] || fail "an upgrade leaves $files"  # the guard goes on
 mkfifo "$work/pipe"
 exec 4<>"$work/pipe"
 "$top/scripts/wine" kestoscan.exe - <"$work/pipe" >"$work/scanned" 2>&1 4>&- &
@@ -110,9 +113,10 @@ wait "$host" || fail "the scan ends with $?: $(cat "$work/scanned")"
 
 "$top/scripts/wine" uninstall.exe /S >"$work/said"  # goes on by a copy of itself
 for _ in {1..300}; do
-  "$top/scripts/wine" reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\KESTO AV' >"$work/said" 2>&1 || break
+  "$top/scripts/wine" reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\KESTO AV' \
+    >"$work/said" 2>&1 || break
   sleep 0.1
 done
 files=$(find . -type f | sort | xargs)
 [ "$files" = "./eicar.com ./kestoav.ini ./logs/bridge.log ./logs/kestoav.log ./logs/setup.log \
-./plugins/kestoav/bridge.ini" ] || fail "uninstalling leaves $files"
+./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoavu.exe" ] || fail "uninstalling leaves $files"

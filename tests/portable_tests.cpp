@@ -6,7 +6,7 @@
 #include "base/byte_shift.h"
 #include "base/server_list.h"
 #include "common/log_limit.h"
-#include "host/check/database_age.h"
+#include "common/signatures.h"
 #include "host/check/ini_lint.h"
 #include "host/progress.h"
 
@@ -91,14 +91,15 @@ TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
     EXPECT_THAT(LintIni("\xEF\xBB\xBF[kestoav]\n").at(0).text, testing::HasSubstr("byte order mark"));
 }
 
-TEST(DatabaseAge, CountsDaysOfThreeFieldsOnly) {
+TEST(Signatures, AreReadOfThreeFieldsOnly) {
     using namespace std::chrono;
-    const sys_days today = 2026y / November / 21;
-    EXPECT_EQ(DatabaseAgeDays("ClamAV 1.0.9/27821/Fri Feb  6 09:12:31 2026", today), 288);
-    EXPECT_EQ(DatabaseAgeDays("ClamAV 1.0.9/27821/Tue Dec  1 09:12:31 2026", today), -10);
+    const auto read = ReadSignatures("ClamAV 1.0.9/27821/Fri Feb  6 09:12:31 2026");
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->version, 27821u);
+    EXPECT_EQ(read->written, sys_days(2026y / February / 6) + 9h + 12min + 31s);
     for (const char* odd : {"", "ClamAV 1.0.9", "a/b/c/d", "a/27821/Fri Foo  6 09:12:31 2026",
                             "a/27821/Fri Feb 30 09:12:31 2026", "a/27821/Fri Feb 6 2026"}) {
-        EXPECT_EQ(DatabaseAgeDays(odd, today), std::nullopt) << odd;
+        EXPECT_FALSE(ReadSignatures(odd)) << odd;
     }
 }
 

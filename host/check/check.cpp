@@ -72,7 +72,7 @@ class Check {
         report_.Add(CheckEngineProcess(installed_, bridge));
         report_.Add(CheckGuard(installed_, bridge));
         CheckAllServers(bridge);
-        report_.Add(CheckUpdater());
+        report_.Add(CheckUpdater(bridge));
         return report_.Finish();
     }
 
@@ -129,13 +129,16 @@ class Check {
         report_.Add(findings);
     }
 
-    Findings CheckUpdater() const {
+    Findings CheckUpdater(const InstalledBridge& bridge) const {
         Findings findings;
         const std::string name = Utf8FromWide(installed_.updater);
         if (installed_.updater.size() > kLongestProgramPath) {
             findings.Warning("updater", name + " is a longer path than the plug-in can start a program by",
                              "install into a folder of at most 228 characters if there is to be an updater");
             return findings;
+        }
+        for (const std::string& problem : bridge.ini.updater_problems) {
+            findings.Failed("updater", problem, "correct that line: no signatures are updated");
         }
         findings.Ok("updater", IsFile(installed_.updater)
                                    ? name + " is there"

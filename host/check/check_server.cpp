@@ -1,56 +1,27 @@
 #include "host/check/check_server.h"
 
 #include <algorithm>
-#include <condition_variable>
-#include <future>
-#include <memory>
-#include <mutex>
+#include <array>
+#include <list>
 #include <optional>
 #include <string_view>
-#include <thread>
 
 #include "base/clamd_words.h"
+#include "common/signatures.h"
 #include "common/text.h"
-#include "host/check/database_age.h"
 #include "host/check/port_owner.h"
 #include "host/check/test_samples.h"
-#include "plugin/net/socket_connection.h"
 
 namespace kesto::host {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr uint32_t kPluginConnectMs = 1000;  // what the plug-in gives a server before it tries the next
-constexpr double kSlowConnect = 0.3;         // seconds; near enough to that limit to be told
-constexpr double kToldSeconds = 1;           // seconds from which on a scan's time is told
-constexpr double kSlowReply = 15;            // seconds; near enough to the plug-in's limit of 20
-constexpr int kOldDays = 7;                  // signatures appear daily
+constexpr double kSlowConnect = 0.3;  // seconds; near enough to the plug-in's limit of 1 to be told
+constexpr double kToldSeconds = 1;    // seconds from which on a scan's time is told
+constexpr double kSlowReply = 15;     // seconds; near enough to the plug-in's limit of 20
+constexpr int kOldDays = 7;           // signatures appear daily
 constexpr size_t kLongStream = 2 << 20;
 constexpr int kTries = 5;  // for a question to a server that hangs up: an engine that starts does
 constexpr auto kTriesPause = std::chrono::milliseconds(500);
-constexpr size_t kMostThreads = 16;  // servers asked at a time, each with several questions
-
-// The account's reason without the call's arguments above it.
-std::string ConnectFailure(SocketConnection& connection) {
-    std::string_view account = connection.LastErrorText();
-    size_t reason = account.rfind('\n') + 1;
-    for (const std::string_view beginning : {"\nConnect function failed.\n", "\nDNS ", "\nCannot connect"}) {
-        if (const size_t at = account.find(beginning); at != std::string_view::npos) {
-            reason = beginning.ends_with('\n') ? at + beginning.size() : at + 1;
-            break;
-        }
-    }
-    account.remove_prefix(reason);
-    const bool name = account.starts_with("DNS ");
-    if (name) {
-        // The firewall that the account then suspects is not at fault.
-        account = account.substr(0, account.find("\nCheck to make sure"));
-    }
-    std::string text = (name ? kNameFailure : "") + Utf8FromAnsi(account);
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    return text;
-}
 
 std::string Quoted(std::string_view reply) {
     return "\"" + Utf8FromAnsi(reply.substr(0, 200)) + "\"";
@@ -78,92 +49,87 @@ std::string Describe(const ServerAnswer& answer) {
            (passes ? ", which the plug-in takes for clean" : "");
 }
 
+// What a server is asked once it is connected to.
+enum Asked { kPing, kVersion, kClean, kEicar, kLong, kEicarOtherShift, kAllAsked };
+
 class ServerCheck {
  public:
-    ServerCheck(const CheckedServer& server, Deadline deadline) : server_(server), deadline_(deadline) {}
+    ServerCheck(const CheckedServer& server, ServerTalks& talks) : server_(server), talks_(talks) {
+        talks_.Put({.server = server_.address, .as_the_plug_in = server_.of_plugin},
+                   [this](const ServerAnswer& answer) {
+                       if (TellConnection(answer)) {
+                           AskAll();
+                       }
+                       done_ = open_ == 0;
+                   });
+    }
 
-    Findings Run() {
-        if (!CheckConnection()) {
-            return findings_;
-        }
+    const Findings& All() const { return findings_; }
+    bool Done() const { return done_; }
+
+ private:
+    // At the same time: a server may take seconds for each.
+    void AskAll() {
         std::string long_text;
         while (long_text.size() < kLongStream) {
             long_text += kCleanSample;
         }
-        const auto ask = [this](std::string_view command) {
-            return std::async(std::launch::async, [=, this] { return AskStartingServer(command); });
-        };
-        const auto scan = [this](const std::string& bytes) {
-            return std::async(std::launch::async, [&, this] {
-                return ScanAtServer(server_.address, bytes, server_.encrypt, deadline_);
-            });
-        };
-        // At the same time: a server may take seconds for each.
-        const std::string clean = kCleanSample;
-        const std::string eicar = EicarTestString();
-        auto ping = ask(kPingCommand);
-        auto version = ask(kVersionCommand);
-        auto clean_scan = scan(clean);
-        auto eicar_scan = scan(eicar);
-        auto long_scan = scan(long_text);
-        if (TellPing(ping.get())) {
-            TellVersion(version.get());
-            const bool scans = TellCleanSample(clean_scan.get());
-            TellEicar(eicar_scan.get(), eicar);
-            if (scans) {
-                TellLongStream(long_scan.get());
-            }
-        }
-        return findings_;
+        Ask(kPing, {server_.address, std::string(kPingCommand)}, kTries);
+        Ask(kVersion, {server_.address, std::string(kVersionCommand)}, kTries);
+        Ask(kClean, ScanQuestion(server_.address, kCleanSample, server_.encrypt));
+        Ask(kEicar, ScanQuestion(server_.address, EicarTestString(), server_.encrypt));
+        Ask(kLong, ScanQuestion(server_.address, long_text, server_.encrypt));
     }
 
- private:
+    void Ask(Asked what, const Question& question, int tries = 1, std::chrono::milliseconds pause = {}) {
+        ++open_;
+        talks_.Put(
+            question,
+            [this, what, question, tries](const ServerAnswer& answer) {
+                answers_[what] = answer;
+                --open_;
+                if (!answer.reply && answer.seconds <= kToldSeconds && tries > 1) {
+                    Ask(what, question, tries - 1, kTriesPause);
+                } else if (open_ == 0) {
+                    Answered(what);
+                }
+            },
+            pause);
+    }
+
+    void Answered(Asked last) {
+        if (last != kEicarOtherShift && VerdictOf(answers_[kEicar]) == ScanAnswer::kClean) {
+            Ask(kEicarOtherShift, ScanQuestion(server_.address, EicarTestString(), !server_.encrypt));
+            return;
+        }
+        if (TellPing(answers_[kPing])) {
+            TellVersion(answers_[kVersion]);
+            const bool scans = TellCleanSample(answers_[kClean]);
+            TellEicar(answers_[kEicar], answers_[kEicarOtherShift]);
+            if (scans) {
+                TellLongStream(answers_[kLong]);
+            }
+        }
+        done_ = true;
+    }
+
     std::string Check(const char* what) const { return server_.name + " " + what; }
 
-    ServerAnswer AskStartingServer(std::string_view command) const {
-        ServerAnswer answer;
-        for (int i = 0; i < kTries && !answer.reply; ++i) {
-            if (i > 0) {
-                std::this_thread::sleep_for(kTriesPause);
-            }
-            answer = AskServer(server_.address, command, deadline_);
-            if (answer.seconds > kToldSeconds) {
-                break;
-            }
-        }
-        return answer;
-    }
-
-    bool CheckConnection() {
+    bool TellConnection(const ServerAnswer& answer) {
         const std::string check = Check("connection");
-        const auto start = Clock::now();
-        std::string failure;
-        double seconds = 0;
-        if (server_.of_plugin) {
-            SocketConnection connection;
-            if (!connection.Connect(server_.address.host.c_str(), server_.address.port, false,
-                                    kPluginConnectMs)) {
-                failure = ConnectFailure(connection);
-            }
-            seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        } else {
-            const ServerAnswer answer = ConnectToServer(server_.address, deadline_);
-            failure = answer.reply ? "" : answer.failure;
-            seconds = answer.seconds;
-        }
         const std::string setting =
             server_.of_plugin ? "servers= in kestoav.ini" : "upstreams= in bridge.ini";
-        if (!failure.empty()) {
-            const bool name = failure.starts_with(kNameFailure);
+        if (!answer.connected) {
             findings_.Failed(
-                check, "not made: " + failure,
-                name ? "write an address in place of the name into " + setting +
-                           ", or have the name service know it"
-                     : "start what listens there, open the firewall for it, or correct " + setting);
+                check, "not made: " + answer.failure,
+                answer.name_failed
+                    ? "write an address in place of the name into " + setting +
+                          ", or have the name service know it"
+                    : "start what listens there, open the firewall for it, or correct " + setting);
             return false;
         }
-        const std::string text = "made in " + DurationText(seconds);
-        if (server_.of_plugin && seconds > kSlowConnect) {
+        const std::string text = "made in " + DurationText(answer.seconds);
+        if (server_.of_plugin && answer.seconds > kSlowConnect) {
             findings_.Warning(check, text,
                               "a server that takes over 1000 ms is passed over: use a nearer one");
         } else {
@@ -181,21 +147,24 @@ class ServerCheck {
         return told ? "; the port belongs to " + OwnerText(*owner) : "";
     }
 
+    // False when nothing else was answered either.
     bool TellPing(const ServerAnswer& answer) {
         const std::string check = Check("zPING");
-        if (!answer.reply) {
-            findings_.Failed(
-                check, "no answer: " + answer.failure + Owner(),
-                server_.of_plugin
-                    ? "see the engine's log: the clamd behind it may be down or still loading"
-                    : "see clamd's log: it may still be loading, or another program may have the port");
-            return false;
-        }
-        if (*answer.reply == "PONG") {
+        const std::string remedy =
+            server_.of_plugin
+                ? "see the engine's log: the clamd behind it may be down or still loading"
+                : "see clamd's log: it may still be loading, or another program may have the port";
+        if (answer.reply && *answer.reply == "PONG") {
             findings_.Ok(check, "answered");
-        } else {
+        } else if (answer.reply) {
             findings_.Warning(check, "answered " + Quoted(*answer.reply) + Owner(),
                               "check that a clamd listens there, or the engine in front of one");
+        } else if (std::none_of(answers_.begin(), answers_.end(),
+                                [](const auto& any) { return any.reply; })) {
+            findings_.Failed(check, "no answer: " + answer.failure + Owner(), remedy);
+            return false;
+        } else {
+            findings_.Warning(check, "no answer: " + answer.failure, remedy);
         }
         return true;
     }
@@ -209,14 +178,14 @@ class ServerCheck {
             return;
         }
         const std::string& reply = *answer.reply;
-        const auto today = std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now());
-        const std::optional<int> age = DatabaseAgeDays(reply, today);
-        if (!age) {
+        const auto signatures = ReadSignatures(reply);
+        const int age = signatures ? AgeInDays(*signatures, std::chrono::system_clock::now()) : 0;
+        if (!signatures) {
             findings_.Warning(check, Quoted(reply) + ": the age of its signatures is unknown", remedy);
-        } else if (*age > kOldDays) {
+        } else if (age > kOldDays) {
             findings_.Warning(
-                check, Quoted(reply) + ": its signatures are " + std::to_string(*age) + " days old", remedy);
-        } else if (*age < -1) {  // a day may be the time zone
+                check, Quoted(reply) + ": its signatures are " + std::to_string(age) + " days old", remedy);
+        } else if (age < -1) {  // a day may be the time zone
             findings_.Warning(check, Quoted(reply) + ": its signatures are of a day to come",
                               "set the clocks of both machines");
         } else {
@@ -238,14 +207,13 @@ class ServerCheck {
         return clean;
     }
 
-    void TellEicar(const ServerAnswer& answer, const std::string& eicar) {
+    void TellEicar(const ServerAnswer& answer, const ServerAnswer& other_shift) {
         const std::string check = Check("EICAR");
         const bool clean = VerdictOf(answer) == ScanAnswer::kClean;
         const std::string setting = std::string("encrypt=") + (server_.encrypt ? "1" : "0");
         if (VerdictOf(answer) == ScanAnswer::kInfected) {
             findings_.Ok(check, Describe(answer) + (server_.of_plugin ? ", with " + setting : ""));
-        } else if (clean && VerdictOf(ScanAtServer(server_.address, eicar, !server_.encrypt, deadline_)) ==
-                                ScanAnswer::kInfected) {
+        } else if (clean && VerdictOf(other_shift) == ScanAnswer::kInfected) {
             TellOtherShift(check);
         } else {
             findings_.Failed(
@@ -274,59 +242,27 @@ class ServerCheck {
     }
 
     const CheckedServer server_;
-    const Deadline deadline_;
+    ServerTalks& talks_;
+    std::array<ServerAnswer, kAllAsked> answers_;
+    int open_ = 0;  // questions without an answer
+    bool done_ = false;
     Findings findings_;
 };
-
-// Shared with threads that may outlast the check: nothing ends a lookup of a name.
-struct Work {
-    std::vector<CheckedServer> servers;
-    Deadline deadline;
-    std::mutex guard;
-    std::condition_variable changed;
-    std::vector<std::optional<Findings>> results;
-    size_t next = 0;
-    size_t done = 0;
-};
-
-void CheckNextServers(const std::shared_ptr<Work>& work) {
-    std::unique_lock guard(work->guard);
-    while (work->next < work->servers.size()) {
-        const size_t index = work->next++;
-        guard.unlock();
-        Findings findings = ServerCheck(work->servers[index], work->deadline).Run();
-        guard.lock();
-        work->results[index] = std::move(findings);
-        ++work->done;
-        work->changed.notify_one();
-    }
-}
 
 }  // namespace
 
 std::vector<Findings> CheckServers(const std::vector<CheckedServer>& servers, Deadline deadline,
                                    const std::function<void(size_t)>& progress) {
-    const auto work = std::make_shared<Work>();
-    work->servers = servers;
-    work->deadline = deadline;
-    work->results.resize(servers.size());
-    for (size_t i = 0; i < std::min(servers.size(), kMostThreads); ++i) {
-        std::thread(CheckNextServers, work).detach();
+    ServerTalks talks(deadline);
+    std::list<ServerCheck> checks;
+    for (const CheckedServer& server : servers) {
+        checks.emplace_back(server, talks);
     }
-    std::unique_lock guard(work->guard);
-    const Deadline end = deadline + std::chrono::milliseconds(500);  // for the threads to tell
-    while (work->done < servers.size() && Clock::now() < end) {
-        progress(work->done);
-        work->changed.wait_for(guard, std::chrono::milliseconds(250));
-    }
-    std::vector<Findings> all(servers.size());
-    for (size_t i = 0; i < servers.size(); ++i) {
-        if (work->results[i]) {
-            all[i] = *work->results[i];
-        } else {
-            all[i].Failed(servers[i].name + " connection", "no end within the time of a check",
-                          "write an address in place of a name; name fewer servers, or mend those that hang");
-        }
+    const auto done = [](const ServerCheck& check) { return check.Done(); };
+    talks.Run([&] { progress(static_cast<size_t>(std::count_if(checks.begin(), checks.end(), done))); });
+    std::vector<Findings> all;
+    for (const ServerCheck& check : checks) {
+        all.push_back(check.All());
     }
     return all;
 }

@@ -19,8 +19,8 @@ struct CheckedServer {
 };
 
 // Connects to each, asks for a sign of life and the version, and has a clean and an infected sample and a
-// longer clean stream scanned. The findings are in the order of the servers. Ends little after the deadline,
-// whatever they do. `progress` is told now and then how many are done.
+// longer clean stream scanned, five at a time of each. The findings are in the order of the servers. Ends by
+// the deadline, whatever they do. `progress` is told now and then how many are done.
 std::vector<Findings> CheckServers(const std::vector<CheckedServer>& servers, Deadline deadline,
                                    const std::function<void(size_t)>& progress);
 

@@ -29,13 +29,13 @@ void bridge_framing(const std::string& text) {
         const size_t piece = cut ? static_cast<uint8_t>(text[0]) + 1u : chunks.size();
         ChunkStream stream;
         size_t& used = ends[cut] = 0;
-        for (bool valid = true; valid && !stream.ended && used < chunks.size();) {
+        for (auto state = StreamState::kGoesOn; state == StreamState::kGoesOn && used < chunks.size();) {
             const size_t next = std::min(piece, chunks.size() - used);
             auto* const at = reinterpret_cast<uint8_t*>(bytes[cut].data()) + used;
             const ChunksFollowed followed = FollowChunks(stream, at, next, true);
-            valid = followed.valid;
+            state = followed.state;
             used += followed.used;
-            Expect(followed.used == next || (followed.used < next && (!valid || stream.ended)));
+            Expect(followed.used == next || (followed.used < next && state != StreamState::kGoesOn));
         }
         data_bytes = stream.data_bytes;
     }

@@ -66,6 +66,7 @@ class FakeSystem : public SystemState {  // one at a time
 
     std::vector<std::string> calls;  // in order, with what matters of their arguments
     int open_handles = 0;
+    int steps = 0;  // of all waits so far
 
  private:
     std::list<ImportPatch> patches_;
