@@ -4,6 +4,7 @@
 #include <psapi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <span>
 #include <sstream>
@@ -22,18 +23,25 @@ namespace {
            AssignProcessToJobObject(job, GetCurrentProcess());
 }();
 
-// A test that hangs is named and ends its program, with its children, before the runner's limit passes: a
-// signal from outside has taken Wine's server along.
+// A test that hangs ends its program, with its children, before the runner's limit passes: a signal from
+// outside has taken Wine's server along. The thread outlives the test framework, so it touches nothing of that.
+std::atomic<ULONGLONG> g_test_ends_by = ULLONG_MAX;
+
+class Watch : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo&) override {
+        g_test_ends_by = GetTickCount64() + 10 * kTestLimit.count();
+    }
+    void OnTestEnd(const testing::TestInfo&) override { g_test_ends_by = ULLONG_MAX; }
+};
+
 [[maybe_unused]] const bool g_tests_end = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new Watch);
     std::thread([] {
-        const auto current = [] { return testing::UnitTest::GetInstance()->current_test_info(); };
-        for (const testing::TestInfo* last = current();; last = current()) {
-            if (WaitFor([&] { return current() != last; }, 10 * kTestLimit) || last == nullptr) {
-                continue;
-            }
-            fprintf(stderr, "%s.%s hangs\n", last->test_suite_name(), last->name());
-            TerminateProcess(GetCurrentProcess(), 1);
+        while (GetTickCount64() < g_test_ends_by) {
+            Sleep(250);
         }
+        fputs("the test hangs\n", stderr);
+        TerminateProcess(GetCurrentProcess(), 1);
     }).detach();
     return true;
 }();
