@@ -73,7 +73,7 @@ int WINAPI NoSockets(WORD, WSADATA*) {
 }
 TEST_F(StartUpTest, IsRefusedWithoutSockets) {
     const ImportPatch patch(plugin.module, "WSAStartup", NoSockets);
-    EXPECT_EQ(Start(""), -1);
+    EXPECT_EQ(Start(Servers(FreePort())), -1);
     EXPECT_EQ(plugin.VersionDetails(), "KESTOAV Version 1.0.4\nAV Engine version unknown");
 }
 
