@@ -48,8 +48,8 @@ TEST(ByteShift, WrapsAndStaysWithinTheCount) {
 }
 
 TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
-    // The lines below the section, a part of the one finding's text and remedy (empty for none), and whether
-    // the plug-in misreads it.
+    // The lines below the section, a part of the text and remedy of their only finding (empty when there is
+    // none), and whether the plug-in misreads them.
     const std::tuple<std::string, const char*, bool> cases[] = {
         {"encrypt=0\r\nautostart=1\r\nstartwait=120\r\nlogfile=C:\\logs\\av.log\r\n[other]\r\nwords", "",
          true},
@@ -108,7 +108,7 @@ TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
     using Lines = std::vector<std::string>;
     LogLimit limit;
     const LogLimit::Time start{hours(1)};
-    // 25 lines of a kind, one in each 4 seconds: the minute ends with the fifteenth.
+    // 25 lines of a kind, one every 4 seconds: a new minute begins with the sixteenth.
     std::string written;
     for (int i = 0; i < 25; ++i) {
         for (const std::string& line : limit.Take("lost", std::to_string(i), start + seconds(4 * i))) {
