@@ -48,6 +48,7 @@ BridgeIni ReadBridgeIni(const std::wstring& program_folder) {
         ini.problems = std::move(problems);
     } else if (error != ERROR_FILE_NOT_FOUND) {
         ini.problems = {"bridge.ini cannot be read - " + ErrorWords(error)};
+        ini.readable = false;
     }
     const std::string& log = ini.settings.logfile;
     ini.log_only_if_present = log.empty();

@@ -11,6 +11,7 @@ namespace kesto {
 struct BridgeIni {
     BridgeSettings settings;
     std::vector<std::string> problems;  // in the bridge's words; not empty: it does not start
+    bool readable = true;               // otherwise that is the problem
     std::wstring log_path;              // also with problems
     bool log_only_if_present;           // no path is set: the file is used if it exists
 };

@@ -309,7 +309,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
           "upstreams=0x7f.1:1", "upstreams=10.1:1", "upstreams=::1:1", "upstreams=[1::2::3]:1"}},
         {"is not the address of a server",
          {"upstreams=0.0.0.0:1", "upstreams=255.255.255.255:1", "upstreams=[::]:1", "upstreams=224.0.0.1:1"}},
-        {"stands there twice",
+        {"is given twice",
          {"upstreams=a:1 A:1", "upstreams=[::1]:1 [0:0:0:0:0:0:0:1]:1", "idle=3\nIdle=4"}},
         {"is the bridge itself", {"upstreams=127.0.0.2:3313", "upstreams=10.1.2.3:9\nlisten=127.0.0.1:9"}},
         {"names no server", {"upstreams="}},
@@ -318,7 +318,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         {"is not a number", {"idle=0", "idle=3601", "idle=30 ; s", "keep=1025", "wait="}},
         {"holds a comment", {"logfile=a ;b"}},
         {"unknown setting 'upsteams'", {"upsteams=a:1"}},
-        {"is no setting", {"prose"}},
+        {"is not a setting", {"prose"}},
         {"is not the section", {"[other]"}},
         {"a second section", {"[bridge]"}},
     };
@@ -332,7 +332,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
     for (const auto& [ini, problem] : {std::pair(""s, "bridge.ini has no [bridge] section"),
                                        {"idle=3\n[bridge]", "line 1: 'idle=3' stands above"},
                                        {"\xEF\xBB\xBF[bridge]", "line 1: begins with a byte order mark"},
-                                       {"[\0b"s, "no ANSI text"}}) {
+                                       {"[\0b"s, "not ANSI text"}}) {
         EXPECT_THAT(ReadBridgeSettings(ini, own).problems, ElementsAre(HasSubstr(problem)));
     }
     const auto read = ReadBridgeSettings(

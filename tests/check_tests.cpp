@@ -13,6 +13,7 @@ using namespace host;
 namespace {
 
 using namespace testing;
+using namespace std::literals;
 
 std::string VersionOfDaysAgo(int days) {
     const std::time_t then = std::time(nullptr) - days * 86400;
@@ -96,7 +97,7 @@ TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
         EXPECT_EQ(result.status, it.line.starts_with(failed) ? 2u : 0u) << result.out;
         // A server that answers every scan alike fails with EICAR as well.
         const char* const counts = it.line.starts_with("ok")        ? " 0 warnings, 0 failed\n"
-                                   : it.line.starts_with("warning") ? " 1 warnings, 0 failed\n"
+                                   : it.line.starts_with("warning") ? " 1 warning, 0 failed\n"
                                    : it.line.ends_with("disk\"")    ? " 0 warnings, 2 failed\n"
                                                                     : " 0 warnings, 1 failed\n";
         EXPECT_THAT(result.out, AllOf(HasSubstr(it.line), HasSubstr(counts)));
@@ -157,18 +158,22 @@ TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     says("warning  engine process: 2 processes named kestoav.exe run");
     installed.EndPrograms();
     WriteFile(installed.engine, "no program");
-    says("kestoav.exe is no program: no engine can be started");
+    says("kestoav.exe is not a program, or is damaged: no engine can be started");
+    WriteFile(installed.updater, "");
+    says("kestoavu.exe is not a program, or is damaged: no update can be started");
     DeleteFileW(installed.engine.c_str());
     says("kestoav.exe is missing: no engine can be started");
 }
 
 TEST_F(CheckTest, TakesSettingsInUtf16) {
     std::string wide = "\xFF\xFE";
-    for (const char c : "[kestoav]\r\n\r\nencrypt=yes\r\n") {
+    for (const char c : "[kestoav]\r\n\r\nencrypt=yes\r\n"s) {
         wide += {c, '\0'};
     }
     WriteFile(installed.folder / "kestoav.ini", wide);
-    EXPECT_THAT(Check().out, HasSubstr("kestoav.ini line 3: encrypt=\"yes\" is no number"));
+    EXPECT_THAT(Check().out, HasSubstr("kestoav.ini line 3: encrypt=\"yes\" is not a number"));
+    WriteFile(installed.folder / "kestoav.ini", wide.substr(2));  // which the plug-in cannot read
+    EXPECT_THAT(Check().out, HasSubstr("-> save it as ANSI text"));
 }
 
 TEST_F(CheckTest, WorksByTheShortNameAndWarnsOfBlanks) {
