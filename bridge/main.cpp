@@ -105,7 +105,7 @@ Task KeepTime(Bridge& bridge, Reload& reload) {
 }
 
 int Fail(const std::string& problem) {
-    LogBridge("start", "cannot start - " + problem);
+    LogBridge("start", kCannotStart + problem);
     std::fprintf(stderr, "kestoav: %s\n", problem.c_str());
     return 1;
 }

@@ -8,6 +8,9 @@
 
 namespace kesto {
 
+// How the line of its log begins that says why it ends at once.
+inline constexpr char kCannotStart[] = "cannot start - ";
+
 struct BridgeIni {
     BridgeSettings settings;
     std::vector<std::string> problems;  // in the bridge's words; not empty: it does not start

@@ -309,8 +309,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
           "upstreams=0x7f.1:1", "upstreams=10.1:1", "upstreams=::1:1", "upstreams=[1::2::3]:1"}},
         {"is not the address of a server",
          {"upstreams=0.0.0.0:1", "upstreams=255.255.255.255:1", "upstreams=[::]:1", "upstreams=224.0.0.1:1"}},
-        {"is given twice",
-         {"upstreams=a:1 A:1", "upstreams=[::1]:1 [0:0:0:0:0:0:0:1]:1", "idle=3\nIdle=4"}},
+        {"is given twice", {"upstreams=a:1 A:1", "upstreams=[::1]:1 [0:0:0:0:0:0:0:1]:1", "idle=3\nIdle=4"}},
         {"is the bridge itself", {"upstreams=127.0.0.2:3313", "upstreams=10.1.2.3:9\nlisten=127.0.0.1:9"}},
         {"names no server", {"upstreams="}},
         {"is not an IPv4 address and port", {"listen=localhost:3313", "listen=127.0.0.1:0", "listen="}},
@@ -336,11 +335,12 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         EXPECT_THAT(ReadBridgeSettings(ini, own).problems, ElementsAre(HasSubstr(problem)));
     }
     const auto read = ReadBridgeSettings(
-        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nupstreams=a.b:1 [::1]:2\t10.0.0.1:3",
+        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nverdict=7\nupstreams=a.b:1 "
+        "[::1]:2\t10.0.0.1:3",
         own);
     EXPECT_THAT(read.problems, ElementsAre());
     EXPECT_EQ(AddressText(read.settings.upstreams.at(1)), "[::1]:2");
-    EXPECT_EQ(read.settings.idle + read.settings.keep, 20u);
+    EXPECT_THAT(SettingsText(read.settings), HasSubstr(" idle=20 keep=0 wait=60 verdict=7 "));
 }
 
 }  // namespace

@@ -54,6 +54,8 @@ class CheckTest : public Test {
 };
 
 TEST_F(CheckTest, HealthyInstallationPassesEveryCheckAndIsLeftAsItIs) {
+    const auto log = installed.top / "new.log";
+    Configure("logfile=" + log.string());
     const RunResult result = Check();
     EXPECT_EQ(result.status, 0u);
     for (const std::string check :
@@ -64,7 +66,7 @@ TEST_F(CheckTest, HealthyInstallationPassesEveryCheckAndIsLeftAsItIs) {
         EXPECT_THAT(result.out, HasSubstr("ok       server " + engine.Address() + " " + check));
     }
     EXPECT_THAT(result.out, HasSubstr("\n11 ok, 0 warnings, 0 failed\n"));
-    EXPECT_EQ(ReadFile(installed.log), "");
+    EXPECT_FALSE(std::filesystem::exists(log));
     EXPECT_EQ(installed.Starts(installed.engine), 1u);
 }
 
@@ -119,12 +121,13 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
 
     const auto log = installed.engine_folder / "bridge.log";
     WriteFile(installed.engine_folder / "bridge.ini",
-              "[bridge]\r\nidle=5\r\ndecrypt=0\r\nupstreams=" + good.Address() +
-                  "\r\nlisten=0.0.0.0:" + std::to_string(port));
+              std::string(2000, ';') + "\r\n[bridge]\r\nidle=5\r\ndecrypt=0\r\nwait=121\r\nupstreams=" +
+                  good.Address() + "\r\nlisten=0.0.0.0:" + std::to_string(port));
     SetFileAttributesW(log.c_str(), FILE_ATTRIBUTE_READONLY);
     EXPECT_THAT(Check().out, AllOf(HasSubstr("failed   bridge settings: decrypt differs from encrypt=1"),
                                    HasSubstr("warning  bridge settings: listens on 0.0.0.0:"),
                                    HasSubstr("warning  bridge settings: idle=5 gives up"),
+                                   HasSubstr("warning  bridge settings: wait=121 is longer"),
                                    HasSubstr("bridge.log cannot be written: it is read-only")));
     SetFileAttributesW(log.c_str(), FILE_ATTRIBUTE_NORMAL);
     blind.Kill();
@@ -150,7 +153,14 @@ TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysTheSameAsJson) {
 TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     const auto says = [&](const char* words) { EXPECT_THAT(Check().out, HasSubstr(words)); };
     installed.EndPrograms();
-    says("failed   engine process: kestoav.exe does not run");
+    // An old reason is none.
+    WriteFile(installed.engine_folder / "bridge.log", "cannot start - old\r\nstopped\r\n");
+    WriteFile(installed.engine_folder / "bridge.ini", "[bridge]\r\nlisten=" + engine.Address());
+    const std::string taken = "before it does; its port " + engine.Address() + " is taken by ";
+    says(("failed   engine process: kestoav.exe does not run: no scan connects " + taken).c_str());
+    WriteFile(installed.engine_folder / "bridge.log", "old\r\ncannot start - new\r\n");
+    says("; the last line of its log is \"cannot start - new\"");
+    DeleteFileW((installed.engine_folder / "bridge.ini").c_str());
     installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
     says("warning  engine process: kestoav.exe runs from elsewhere");

@@ -44,12 +44,11 @@ void CheckBlanks(Findings& findings, const std::wstring& program) {
 
 // What the last line of the bridge's log says, if that is why it did not start.
 std::string LastEnd(const std::wstring& log_path) {
-    constexpr std::string_view kBeginning = "cannot start - ";
     const std::string tail = FileTail(log_path, kLogTail);
     std::string_view text = tail;
     text = text.substr(0, text.find_last_not_of("\r\n") + 1);
     text.remove_prefix(text.find_last_of("\r\n") + 1);
-    const size_t at = text.find(kBeginning);
+    const size_t at = text.find(kCannotStart);
     return at == std::string_view::npos ? "" : Utf8FromAnsi(text.substr(at));
 }
 
