@@ -4,6 +4,7 @@
 
 #include <ctime>
 
+#include "host/check/dynamic_ports.h"
 #include "host/check/test_samples.h"
 #include "tests/support/plugin_host.h"
 
@@ -195,6 +196,12 @@ TEST_F(CheckTest, WorksByTheShortNameAndWarnsOfBlanks) {
     EXPECT_THAT(check().out, HasSubstr("warning  folder: its path holds a blank"));
     WriteFile(odd.top / L"\u0436.exe", "not ours");
     EXPECT_THAT(check().out, HasSubstr(".exe would be started in place of the engine"));
+}
+
+TEST(DynamicPorts, AreTheLastTwoNumbersInAnyLanguage) {
+    const auto range = PortRangeIn("Protokoll tcp4\r\n---\r\nStartport : 1025\r\nZahl : 64511\r\n");
+    EXPECT_EQ(range->first * 100'000ull + range->count, 102'564'511u);
+    EXPECT_FALSE(PortRangeIn("") || PortRangeIn("Port 3") || PortRangeIn("123456 : 7"));
 }
 
 // A file that holds the test string whole would be quarantined on many machines.

@@ -9,6 +9,7 @@
 #include "common/file_bytes.h"
 #include "common/text.h"
 #include "host/check/check_settings.h"
+#include "host/check/dynamic_ports.h"
 #include "host/check/port_owner.h"
 #include "host/common/processes.h"
 
@@ -68,6 +69,16 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
                              ", where other machines reach it, and asks nobody for a password",
                          "write listen=127.0.0.1:" + std::to_string(settings.listen.port) +
                              ", or have the firewall keep others out");
+    }
+    const auto dynamic = DynamicPorts();
+    if (dynamic && settings.listen.port - dynamic->first < dynamic->count) {
+        const std::string port = std::to_string(settings.listen.port);
+        findings.Warning(check,
+                         "port " + port +
+                             " is one that Windows gives to outgoing connections: while the engine is down a "
+                             "scan can be connected to itself",
+                         "netsh int ipv4 add excludedportrange protocol=tcp startport=" + port +
+                             " numberofports=1, or choose another port for listen= and servers=");
     }
     if (settings.idle < kLeastIdle) {
         findings.Warning(check,
