@@ -129,7 +129,7 @@ int Run() {
     if (const auto problems = Problems(ini, bridge); !problems.empty()) {
         for (const std::string& problem : problems) {
             if (orders.known_problem == 0) {
-                LogBridge("start", "cannot start - " + problem);
+                LogBridge("start", kCannotStart + problem);
             }
         }
         return kCannotFollow;

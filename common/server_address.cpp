@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "base/ipv4_address.h"
+#include "common/ini_lines.h"
 
 namespace kesto {
 namespace {
@@ -21,10 +22,6 @@ constexpr size_t kLongestLabel = 63;
 
 bool IsDigit(char c) {
     return c >= '0' && c <= '9';
-}
-
-char Lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 bool MayStandInLabel(char c) {
@@ -72,8 +69,7 @@ bool ServerAddress::operator==(const ServerAddress& other) const {
 
 std::optional<ServerAddress> ParseHost(std::string_view text) {
     ServerAddress address;
-    address.host.resize(text.size());
-    std::transform(text.begin(), text.end(), address.host.begin(), Lower);
+    address.host = LowerAscii(text);
     uint32_t ipv4 = 0;
     if (ParseIpv4(address.host.c_str(), ipv4)) {
         address.kind = HostKind::kIpv4;

@@ -22,4 +22,7 @@ std::wstring WideFromFile(std::string_view bytes);
 // Control characters become '?', so that a name from outside cannot break a line or control a terminal.
 std::string Printable(std::string_view text);
 
+// The same line by line.
+std::string PrintableLines(std::string_view text);
+
 }  // namespace kesto

@@ -380,8 +380,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
           "upstreams=0x7f.1:1", "upstreams=10.1:1", "upstreams=::1:1", "upstreams=[1::2::3]:1"}},
         {"is not the address of a server",
          {"upstreams=0.0.0.0:1", "upstreams=255.255.255.255:1", "upstreams=[::]:1", "upstreams=224.0.0.1:1"}},
-        {"stands there twice",
-         {"upstreams=a:1 A:1", "upstreams=[::1]:1 [0:0:0:0:0:0:0:1]:1", "idle=3\nIdle=4"}},
+        {"is given twice", {"upstreams=a:1 A:1", "upstreams=[::1]:1 [0:0:0:0:0:0:0:1]:1", "idle=3\nIdle=4"}},
         {"is the bridge itself", {"upstreams=127.0.0.2:3313", "upstreams=10.1.2.3:9\nlisten=127.0.0.1:9"}},
         {"names no server", {"upstreams="}},
         {"is not an IPv4 address and port", {"listen=localhost:3313", "listen=127.0.0.1:0", "listen="}},
@@ -389,7 +388,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         {"is not a number", {"idle=0", "idle=3601", "idle=30 ; s", "keep=1025", "wait="}},
         {"holds a comment", {"logfile=a ;b"}},
         {"unknown setting 'upsteams'", {"upsteams=a:1"}},
-        {"is no setting", {"prose"}},
+        {"is not a setting", {"prose"}},
         {"is neither the section", {"[other]"}},
         {"a second section", {"[bridge]"}},
     };
@@ -403,20 +402,20 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
     for (const auto& [ini, problem] : {std::pair(""s, "bridge.ini has no [bridge] section"),
                                        {"idle=3\n[bridge]", "line 1: 'idle=3' stands above"},
                                        {"\xEF\xBB\xBF[bridge]", "line 1: begins with a byte order mark"},
-                                       {"[\0b"s, "no ANSI text"}}) {
+                                       {"[\0b"s, "not ANSI text"}}) {
         EXPECT_THAT(ReadBridgeSettings(ini, own).problems, ElementsAre(HasSubstr(problem)));
     }
     const auto read = ReadBridgeSettings(
-        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nupstreams=a.b:1 "
+        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nverdict=7\nupstreams=a.b:1 "
         "[::1]:2\t10.0.0.1:3\n"
         "[updater]\ncommand=\"a b\" --c=\"d\"\nsignatures=3\nidle=9\ntimeout=0",
         own);
     EXPECT_THAT(read.problems, ElementsAre());
     EXPECT_EQ(read.settings.command + std::to_string(read.settings.signatures), "\"a b\" --c=\"d\"3");
-    EXPECT_THAT(read.updater_problems, ElementsAre(HasSubstr("line 10: unknown setting 'idle'"),
+    EXPECT_THAT(read.updater_problems, ElementsAre(HasSubstr("line 11: unknown setting 'idle'"),
                                                    HasSubstr("timeout=0 is not a number")));
     EXPECT_EQ(AddressText(read.settings.upstreams.at(1)), "[::1]:2");
-    EXPECT_EQ(read.settings.idle + read.settings.keep, 20u);
+    EXPECT_THAT(SettingsText(read.settings), HasSubstr(" idle=20 keep=0 wait=60 verdict=7 "));
 }
 
 }  // namespace
