@@ -128,6 +128,7 @@ void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now)
     for (const ServerPtr& server : servers) {
         if (std::find(fleet.servers.begin(), fleet.servers.end(), server) == fleet.servers.end()) {
             server->health.up = false;
+            server->health.probe = Probe::kNone;
         }
     }
     NoteChange(fleet, now);
@@ -263,7 +264,7 @@ void CallProbeOff(Server& server) {
 void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now) {
     const auto is_it = [&](const ServerPtr& each) { return each.get() == &server; };
     if (std::none_of(fleet.servers.begin(), fleet.servers.end(), is_it)) {
-        return;  // taken out meanwhile
+        return CallProbeOff(server);  // it was taken out meanwhile
     }
     Server::Health& health = server.health;
     health.probe = Probe::kNone;

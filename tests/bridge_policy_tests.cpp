@@ -151,11 +151,12 @@ TEST(BridgeScan, Stories) {
         {'d', "0 new > a | 0 refused 0 > b | 0 lost 1 > c | 0 lost 2 > d | 0 lost 3 > !upstream d:1 lost"},
         {'f', "0 new > a |0 cut 0 > b |0 cut 1 > c |0 cut 2 > d |0 cut 3 > e |0 cut 4 > !upstream e:1 lost"},
         {'e',
-         "0 new > a |0 reply 0 E > b |0 reply 1 E > c |0 reply 2 L > d |0 reply 3 E > e |0 reply 4 E > =NE"},
+         "0 new > a |0 reply 0 E > b |0 reply 1 E > c |0 reply 2 L > d |0 reply 3 E > e |0 reply 4 E >"
+         "| 0 probes abde > | 0 well a > | 0 well b > | 0 well d > | 0 well e > =NE"},
         // Clean bytes tell a server's fault from the file's.
         {'b',
-         "0 new > a | 0 reply 0 E > b | 0 probes a > | 0 well a > | 0 reply 1 E > =NE | 0 probes b >"
-         "| 0 sick b > | 0 up a > | 0 down b >"},
+         "0 new > a | 0 reply 0 E > b | 0 probes a > | 0 well a > | 0 reply 1 E > | 0 probes b >"
+         "| 0 sick b > =NE | 0 up a > | 0 down b >"},
         {'b', "0 new > a | 0 reply 0 L > b | 0 probes - >"},
         // One that broke off may have come back.
         {'b', "0 new > a | 0 lost 0 > b | 0 refused 1 > | 1 well b > b | 1 reply 2 F > =F"},
@@ -182,7 +183,7 @@ TEST(BridgeScan, Stories) {
         {'b', "0 new > a | 0 took 0 > | 5 works a > | 11 late 0 > b | 11 up a >"},
         {'b', "0 new > a | 0 took 0 > | 5 works a > | 9 late 0 > b | 9 down a >"},
         // No reply but a verdict behind a trickle, and an end in time.
-        {'a', "0 new > a |14.9 - > |15 - > +s |30 - > +t |31 reply 0 E > !no upstream server gave a verdict"},
+        {'a', "0 new > a |14.9 - > |15 - > +s |30 - > +t |31 reply 0 E > | 31 well a > !no upstream server gave a verdict"},
         {'b',
          "0 new > a | 1 reply 0 E > b | 20 - > +s | 120 - > !no verdict within 120 s | 120 failures b 1 >"},
         {'b', "0 new > a | 1 reply 0 L > b | 14 lost 1 > =L"},
@@ -214,6 +215,7 @@ TEST(BridgeScan, Stories) {
                 story.Tell(std::to_string(15 * (i + 1)) + " - > +" + kVerdictBeginning[i]);
             }
             story.scan->Ended(0, EndOfReply(story.kTexts.at({reply})), story.At(119));
+            story.Event("well", "a", "");
             const ScanStep end = story.scan->Next(story.now);
             EXPECT_EQ(end.kind, told == 0 || verdict ? Story::Kind::kReply : Story::Kind::kNoReply);
             EXPECT_TRUE(!verdict || end.text == story.kTexts.at({reply}).substr(told)) << end.text;
@@ -223,7 +225,7 @@ TEST(BridgeScan, Stories) {
 
 TEST(BridgeScan, ErrorsAreHeldAgainstAServerBesideAVerdictOnly) {
     for (const auto& [replies, up] : {std::pair("E > b | 0 reply 1 K > =K", false),
-                                      {"E > b | 0 reply 1 E > =NE", true},
+                                      {"E > b | 0 reply 1 E > | 0 well a > | 0 well b > =NE", true},
                                       {"L > b | 0 reply 1 K > =K", true}}) {
         Story world;
         for (int i = 0; i < 3; ++i) {
