@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "bridge/bridge.h"
 #include "bridge/listener.h"
@@ -121,28 +122,35 @@ int Run() {
     if (shared == INVALID_SOCKET) {
         return 1;
     }
+    Reload reload(folder);
     BridgeIni ini = ReadBridgeIni(folder);
-    if (const std::string problem = UseBridgeLog(ini, folder); !problem.empty()) {
-        LogBridge("log", problem);
-    }
+    const std::string log_problem = UseBridgeLog(ini, folder);
     bridge.own = OwnAddresses();
-    if (const auto problems = Problems(ini, bridge); !problems.empty()) {
+    const std::vector<std::string> problems = Problems(ini, bridge);
+    if (!problems.empty() && orders.known_problem != 0) {
+        return kCannotFollow;
+    }
+    if (!log_problem.empty()) {
+        LogBridge("log", log_problem);
+    }
+    if (!problems.empty()) {
         for (const std::string& problem : problems) {
-            if (orders.known_problem == 0) {
-                LogBridge("start", kCannotStart + problem);
-            }
+            LogBridge("start", kCannotStart + problem);
         }
         return kCannotFollow;
     }
-    ini.settings.listen = bridge.settings.listen;
+    const bool moved =
+        !(std::exchange(ini.settings.listen, bridge.settings.listen) == bridge.settings.listen);
     bridge.settings = std::move(ini.settings);
     LogBridge("start",
               "listening on " + AddressText(bridge.settings.listen) + ": " + SettingsText(bridge.settings));
+    if (moved) {
+        LogBridge("start", "listen is taken up when kestoav.exe is started anew");
+    }
     bridge.metrics.started = Clock::now();
     bridge.metrics.worker_starts = orders.starts;
     Apply(bridge, Clock::now());
 
-    Reload reload(folder);
     Listener& listener = *new Listener(bridge, shared);
     std::thread([&] {
         for (char order = '\0'; ReadOrders(&order, 1);) {

@@ -141,8 +141,8 @@ class Guard {
             }
             return;
         }
-        settings_wrong_ = code == kCannotFollow;
-        if (settings_wrong_) {
+        if (code == kCannotFollow) {
+            settings_wrong_ = true;
             next_start_ = now + kSettingsPause;
         } else {
             if (worker.state == State::kServing && now > worker.started + kSettled) {
@@ -152,8 +152,7 @@ class Guard {
             Pause(now);
         }
         if (worker.state == State::kStarting) {
-            Answer("the new kestobridge.exe " +
-                   (settings_wrong_ ? std::string("cannot follow its settings") : how));
+            Answer("the new kestobridge.exe " + how);
         }
     }
 
@@ -194,8 +193,8 @@ class Guard {
     Time served_ = Clock::now();  // when a worker served last
     Time next_start_{};
     std::chrono::milliseconds pause_{};
-    FileStamp tried_;              // the settings with which the last worker was started
-    bool settings_wrong_ = false;  // and it could not follow them
+    FileStamp tried_;              // the settings that the last worker has read
+    bool settings_wrong_ = false;  // none has served since one could not follow them
 };
 
 // Whatever fails for want of memory is tried again: without its guard the engine is nothing.

@@ -13,6 +13,7 @@ constexpr struct {
     const char* words;
 } kEnds[] = {
     {3, "stopped itself"},  // abort
+    {kCannotFollow, "cannot follow its settings"},
     {0x40010004, "was ended with the user's session"},
     {0xC0000005, "crashed by an access violation"},
     {0xC0000017, "found no memory"},

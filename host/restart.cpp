@@ -8,6 +8,7 @@
 
 #include "common/error_words.h"
 #include "common/text.h"
+#include "host/check/check.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
 
@@ -57,7 +58,7 @@ int Restart(const InstalledPlugin& installed) {
         PrintOut("Restarted\n");
         return kExitClean;
     }
-    PrintError("kestoscan: not restarted - " + answer + "\n");
+    PrintError("kestoscan: not restarted - " + answer + "\n" + WhyEngineEnds(installed));
     return kExitError;
 }
 

@@ -7,6 +7,7 @@
 
 #include "common/text.h"
 #include "host/check/check_engine.h"
+#include "host/check/check_guard.h"
 #include "host/check/check_report.h"
 #include "host/check/check_server.h"
 #include "host/check/check_settings.h"
@@ -70,6 +71,7 @@ class Check {
         report_.Add(CheckEngineProgram(installed_));
         report_.Add(CheckBridgeSettings(installed_, bridge));
         report_.Add(CheckEngineProcess(installed_, bridge));
+        report_.Add(CheckGuard(installed_, bridge));
         CheckAllServers(bridge);
         report_.Add(CheckUpdater(bridge));
         return report_.Finish();

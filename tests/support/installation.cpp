@@ -103,9 +103,16 @@ Installation::~Installation() {
     })) << error.message();
 }
 
-void Installation::EndPrograms() const {
+DWORD Installation::ProcessOf(const std::filesystem::path& program) {
+    const auto programs = AllPrograms();
+    const auto found = std::find_if(programs.begin(), programs.end(),
+                                    [&](const auto& each) { return each.second == program; });
+    return found == programs.end() ? 0 : found->first;
+}
+
+void Installation::EndPrograms(std::wstring_view path) const {
     for (const auto& [id, program] : AllPrograms()) {
-        if (program.wstring().starts_with(top.wstring() + L"\\")) {
+        if (program.wstring().starts_with(path.empty() ? top.wstring() + L"\\" : path)) {
             const HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
             TerminateProcess(process, 1);
             WaitForSingleObject(process, static_cast<DWORD>(kTestLimit.count()));

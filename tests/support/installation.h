@@ -56,8 +56,10 @@ class Installation {
     void StartStandIn(const std::filesystem::path& program);
     size_t Starts(const std::filesystem::path& program) const;  // of a stand-in, so far
     bool WaitForStarts(const std::filesystem::path& program, size_t count) const;
-    // Ends all programs that run from below `top`, and waits for it.
-    void EndPrograms() const;
+    // The process of a program; 0 when it does not run.
+    static DWORD ProcessOf(const std::filesystem::path& program);
+    // Ends all programs that run from below `top`, or one of them, and waits for it.
+    void EndPrograms(std::wstring_view path = L"") const;
 
  private:
     std::list<ProgramRun> started_;
