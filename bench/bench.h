@@ -23,7 +23,7 @@ struct StartedPlugin : InstalledPlugin {
     void Scan(std::string_view data) const;
 };
 
-// The engine bridge as installed, before the loopback's `upstream`.
+// The engine bridge as installed, in front of the loopback's `upstream`.
 struct StartedBridge {
     explicit StartedBridge(uint16_t upstream);
     // Of all its processes.

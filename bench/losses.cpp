@@ -1,5 +1,5 @@
-// What a mail server with 24 scanning threads loses when its engine ends, hangs, is exchanged or cannot follow
-// its settings: a line for each, with a clamd that takes half a second. Takes three minutes.
+// What a mail server with 24 scanning threads loses when its engine ends, hangs, is exchanged or cannot
+// follow its settings: a line for each, with a clamd that takes half a second. Takes three minutes.
 //
 //     cmake --build build/release && scripts/wine build/release/bench/losses.exe
 #include <gtest/gtest.h>
@@ -101,12 +101,14 @@ class Host {
         Stop();
         Sleep(3000);
         const std::string log = ReadFile(it_.installed.log);
-        std::printf("%-45s %5u clean, 1001: %u, 1002: %u, 1003: %u, other: %u; slowest %.1f s, slowest lost %.1f s, "
-                    "longest time without a clean one %.1f s; left %zu guards, %zu workers; %zd lines in kestoav.log\n",
-                    name_, counts_.clean, counts_.failed_1001, counts_.failed_1002, counts_.failed_1003,
-                    counts_.other, counts_.slowest, counts_.slowest_lost, counts_.gap,
-                    ProcessesOf(L"kestoav.exe").size(), ProcessesOf(L"kestobridge.exe").size(),
-                    std::count(log.begin(), log.end(), '\n'));
+        std::printf(
+            "%-45s %5u clean, 1001: %u, 1002: %u, 1003: %u, other: %u; slowest %.1f s, slowest lost %.1f s, "
+            "longest time without a clean one %.1f s; left %zu guards, %zu workers; %zd lines in "
+            "kestoav.log\n",
+            name_, counts_.clean, counts_.failed_1001, counts_.failed_1002, counts_.failed_1003,
+            counts_.other, counts_.slowest, counts_.slowest_lost, counts_.gap,
+            ProcessesOf(L"kestoav.exe").size(), ProcessesOf(L"kestobridge.exe").size(),
+            std::count(log.begin(), log.end(), '\n'));
         std::fflush(stdout);
     }
 

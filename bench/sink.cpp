@@ -10,8 +10,8 @@
 namespace kesto {
 namespace {
 
-// Large reads and a thread that waits in `accept` already: the sink should cost less than what is
-// measured against it.
+// Reads much at a time, in threads that wait in `accept` beforehand: the sink should cost less than what is
+// measured with it.
 void ServeConnections(SOCKET listener) {
     std::vector<char> buffer(256 * 1024);
     for (SOCKET client; (client = accept(listener, nullptr, nullptr)) != INVALID_SOCKET;

@@ -14,7 +14,7 @@
 
 namespace {
 
-// Until the system turns it off by itself, which it does soon.
+// This lasts until the system turns it off by itself, which it does soon.
 void DelayAcknowledgements(int socket) {
     const int off = 0;
     setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);

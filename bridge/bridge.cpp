@@ -36,7 +36,7 @@ Bridge::Bridge() {
 }
 
 void Apply(Bridge& bridge, Time now) {
-    bridge.room.limit = static_cast<size_t>(bridge.settings.keep) << 20;
+    bridge.room.SetLimit(static_cast<size_t>(bridge.settings.keep) << 20);
     SetServers(bridge.fleet, bridge.settings.upstreams, now);
     bridge.news = true;
 }

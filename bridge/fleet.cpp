@@ -84,26 +84,11 @@ bool MayBeSuspected(const Server& server, Time now) {
 
 }  // namespace
 
-void MinuteCount::Forget(Time now) {
-    const int64_t second = std::chrono::duration_cast<std::chrono::seconds>(now.time_since_epoch()).count();
-    const int64_t size = static_cast<int64_t>(seconds_.size());
-    for (latest_ = std::max(latest_, second - size); latest_ < second;) {
-        seconds_[static_cast<size_t>(++latest_ % size)] = 0;
+size_t MinuteCount::Sum(Time now) {
+    while (!times.empty() && times.front() <= now - 60s) {
+        times.pop_front();
     }
-}
-
-void MinuteCount::Add(Time now) {
-    Forget(now);
-    ++seconds_[static_cast<size_t>(latest_) % seconds_.size()];
-}
-
-unsigned MinuteCount::Sum(Time now) {
-    Forget(now);
-    unsigned sum = 0;
-    for (const unsigned count : seconds_) {
-        sum += count;
-    }
-    return sum;
+    return times.size();
 }
 
 void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now) {
@@ -128,6 +113,7 @@ void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now)
     for (const ServerPtr& server : servers) {
         if (std::find(fleet.servers.begin(), fleet.servers.end(), server) == fleet.servers.end()) {
             server->health.up = false;
+            server->health.probe = Probe::kNone;
         }
     }
     NoteChange(fleet, now);
@@ -263,14 +249,14 @@ void CallProbeOff(Server& server) {
 void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now) {
     const auto is_it = [&](const ServerPtr& each) { return each.get() == &server; };
     if (std::none_of(fleet.servers.begin(), fleet.servers.end(), is_it)) {
-        return;  // taken out meanwhile
+        return CallProbeOff(server);  // it was taken out meanwhile
     }
     Server::Health& health = server.health;
     health.probe = Probe::kNone;
     const bool well = end.kind == AttemptEnd::Kind::kClean;
     const bool sick = end.Replied() && !well;
     const bool silent = end.kind == AttemptEnd::Kind::kSilent;
-    health.sick = sick ? now : Time{};
+    health.sick = Time{};
     if (well) {
         health.worked = now;
     }
@@ -287,6 +273,9 @@ void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now) {
         server.lookup.good = (server.lookup.good + 1) % server.lookup.addresses.size();
         server.lookup.moved = now;
     }
+    if (sick && server.lookup.good == 0) {  // at none of its addresses is it any better
+        health.sick = now;
+    }
     if (!health.up || !silent || AnyUp(fleet, &server)) {
         Pause(fleet, server, (sick ? "did not call a clean file clean: " : "") + end.text, now);
     }
@@ -299,7 +288,7 @@ bool AllSick(const Fleet& fleet, Time since) {
 }
 
 bool MayAskBeside(Fleet& fleet, Time now) {
-    return fleet.beside.Sum(now) < std::max(1u, fleet.scans.Sum(now) / 10);
+    return fleet.beside.Sum(now) < std::max<size_t>(1, fleet.scans.Sum(now) / 10);
 }
 
 }  // namespace kesto::bridge

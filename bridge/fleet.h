@@ -2,9 +2,9 @@
 // sockets nor clocks: it is told what happened, and when.
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -64,15 +64,10 @@ struct Server {
 using ServerPtr = std::shared_ptr<Server>;
 
 // Counts of the last sixty seconds.
-class MinuteCount {
- public:
-    void Add(Time now);
-    unsigned Sum(Time now);
-
- private:
-    void Forget(Time now);
-    std::array<unsigned, 60> seconds_{};
-    int64_t latest_ = 0;
+struct MinuteCount {
+    void Add(Time now) { times.push_back(now); }
+    size_t Sum(Time now);
+    std::deque<Time> times;
 };
 
 struct Fleet {

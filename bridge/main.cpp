@@ -135,7 +135,7 @@ int Run() {
     }
     if (!problems.empty()) {
         for (const std::string& problem : problems) {
-            LogBridge("start", "cannot start - " + problem);
+            LogBridge("start", kCannotStart + problem);
         }
         return kCannotFollow;
     }

@@ -25,6 +25,9 @@ Query::Query(Shared& shared, Asker& asker, std::shared_ptr<KeptStream> request, 
 }
 
 void Query::Advance(Time now) {
+    if (!request_) {
+        return;
+    }
     const auto next = std::find_if(to_ask_.rbegin(), to_ask_.rend(),
                                    [](const ServerPtr& server) { return !server->lookup.addresses.empty(); });
     if (next == to_ask_.rend()) {
@@ -35,10 +38,13 @@ void Query::Advance(Time now) {
     }
     const ServerPtr server = *next;
     to_ask_.erase(std::next(next).base());
-    attempt_ = shared_.begin_attempt(
+    const AttemptPtr attempt = shared_.begin_attempt(
         server, request_,
         {asker_.Self(), [](bool) {}, [this, server](const AttemptEnd& end) { Ended(server, end); }},
         now + kLimit);
+    if (request_) {
+        attempt_ = attempt;
+    }
 }
 
 void Query::Ended(const ServerPtr& server, const AttemptEnd& end) {
@@ -66,7 +72,7 @@ void Query::Tick(Time now) {
 }
 
 void Query::Stop() {
-    to_ask_.clear();
+    request_.reset();
     if (const AttemptPtr attempt = std::exchange(attempt_, nullptr)) {
         attempt->Cancel();
     }

@@ -22,8 +22,8 @@ class Query : public Exchange {
 
     Shared& shared_;
     Asker& asker_;
-    std::shared_ptr<KeptStream> request_;
-    std::vector<ServerPtr> to_ask_;  // the next one last
+    std::shared_ptr<KeptStream> request_;  // until it is stopped
+    std::vector<ServerPtr> to_ask_;        // the next one last
     AttemptPtr attempt_;
     Time look_up_until_;  // those whose names are being looked up
 };

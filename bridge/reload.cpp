@@ -39,10 +39,10 @@ void Reload::Tick(Bridge& bridge, Time now) {
         return;
     }
     BridgeIni ini = ReadBridgeIni(folder_);
-    if (ini.unreadable && stamp == std::exchange(unreadable_, stamp)) {
+    if (!ini.readable && stamp == std::exchange(unreadable_, stamp)) {
         return;  // it is told already, and looked at again
     }
-    taken_up_ = ini.unreadable ? taken_up_ : stamp;
+    taken_up_ = !ini.readable ? taken_up_ : stamp;
     if (const auto problems = Problems(ini, bridge); !problems.empty()) {
         for (const std::string& problem : problems) {
             LogBridge("reload", "changed settings are not followed - " + problem);

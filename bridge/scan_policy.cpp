@@ -174,6 +174,14 @@ bool ScanPolicy::ServerIsLeft() const {
                        [this](const ServerPtr& server) { return IsUp(*server) && !HasAsked(*server); });
 }
 
+// Whether an error was the server's fault: then there is hope for the scan.
+bool ScanPolicy::ProbeWillTell() const {
+    return std::any_of(attempts_.begin(), attempts_.end(), [](const Attempt& attempt) {
+        return attempt.state == Attempt::State::kErred &&
+               attempt.server->health.probe != Server::Health::Probe::kNone;
+    });
+}
+
 // With nobody at it, or with only such as take long: then beside them, if those are forsaken or few scans
 // have got that lately.
 bool ScanPolicy::MayBegin(Time now) {
@@ -220,7 +228,7 @@ ServerPtr ScanPolicy::Seek(Time now) {
         return nullptr;
     }
     waits_since_ = waits_since_.value_or(now);
-    if (!ServerIsLeft()) {
+    if (!ServerIsLeft() && !ProbeWillTell()) {
         const bool last_word = last_reply_ && !fleet_.down_since;
         const bool sick = AllSick(fleet_, *waits_since_);
         if (last_word || sick || now >= fleet_.down_since.value_or(now) + limits_.wait) {

@@ -91,6 +91,7 @@ class ScanPolicy {
     ServerPtr NextServer() const;
     bool HasAsked(const Server& server) const;
     bool ServerIsLeft() const;
+    bool ProbeWillTell() const;
     ServerPtr Seek(Time now);
     ScanStep Begin(const ServerPtr& server, Time now);
     ScanStep Trickle(Time now);

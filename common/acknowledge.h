@@ -1,5 +1,6 @@
-// The plug-in sends a chunk's length and the chunk apart, and Windows holds the second back until the first
-// is acknowledged: which it delays by 40 to 200 ms, unless told to do so at once.
+// The plug-in sends a chunk and its length separately, and its Windows holds the second back until the first
+// is acknowledged. The receiver's Windows delays that by 40 to 200 ms, unless it is told to acknowledge at
+// once.
 #pragma once
 
 #include <winsock2.h>

@@ -48,8 +48,8 @@ BridgeIni ReadBridgeIni(const std::wstring& program_folder) {
         ini.problems = std::move(problems);
         ini.updater_problems = std::move(updater_problems);
     } else if (error != ERROR_FILE_NOT_FOUND) {
-        ini.unreadable = true;
         ini.problems = {"bridge.ini cannot be read - " + ErrorWords(error)};
+        ini.readable = false;
     }
     const std::string& log = ini.settings.logfile;
     ini.log_only_if_present = log.empty();

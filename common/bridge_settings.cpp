@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cstddef>
 
+#include "common/ini_lines.h"
+
 namespace kesto {
 namespace {
 
@@ -23,49 +25,23 @@ constexpr struct {
     {"signatures", &BridgeSettings::signatures, 1, 365, "a number of days", true},
 };
 
-constexpr std::string_view kBlanks = " \t\v\f";
-
-std::string_view Trimmed(std::string_view text) {
-    const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
-
-std::string Lower(std::string_view text) {
-    std::string lower(text);
-    std::transform(text.begin(), text.end(), lower.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    return lower;
-}
-
-bool IsComment(std::string_view text) {
-    return text.empty() || text[0] == ';' || text[0] == '#';
-}
-
-// One pair of quotes around a value is no part of it, as in every profile file.
-std::string_view Unquoted(std::string_view value) {
-    if (value.size() >= 2 && (value[0] == '"' || value[0] == '\'') && value.back() == value[0]) {
-        return value.substr(1, value.size() - 2);
-    }
-    return value;
-}
-
 class Reader {
  public:
     explicit Reader(const std::vector<ServerAddress>& own) : own_(own) {}
 
     BridgeSettingsRead Read(std::string_view text) {
-        if (text.find('\0') != std::string_view::npos) {
-            Problem("is no ANSI text: save it as such");
+        const IniText ini = ReadIniText(text);
+        if (ini.has_nul) {
+            Problem("is not ANSI text: save it as such");
             return std::move(read_);
         }
-        while (!text.empty()) {
-            ++line_;
-            const size_t end = std::min(text.find_first_of("\r\n"), text.size());
-            Line(Trimmed(text.substr(0, end)));
-            text.remove_prefix(end + (text.substr(end).starts_with("\r\n") ? 2 : end < text.size()));
+        if (ini.mark_hides_line) {
+            line_ = 1;
+            Problem("begins with a byte order mark: save the file as ANSI text");
+        }
+        for (const IniLine& line : ini.lines) {
+            line_ = line.number;
+            Line(line);
         }
         line_ = 0;
         in_updater_ = false;
@@ -82,34 +58,23 @@ class Reader {
         (in_updater_ ? read_.updater_problems : read_.problems).push_back("bridge.ini" + where + text);
     }
 
-    void Line(std::string_view line) {
-        constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-        if (line_ == 1 && line.starts_with(kByteOrderMark) &&
-            !IsComment(Trimmed(line.substr(kByteOrderMark.size())))) {
-            Problem("begins with a byte order mark: save the file as ANSI text");
-            line.remove_prefix(kByteOrderMark.size());
-        }
-        if (IsComment(line) || line.starts_with(kByteOrderMark)) {
-            return;
-        }
-        const std::string quoted = "'" + std::string(line.substr(0, 100)) + "'";
-        const size_t equals = line.find('=');
-        if (line[0] == '[') {
+    void Line(const IniLine& line) {
+        const std::string quoted = "'" + std::string(line.text.substr(0, 100)) + "'";
+        if (line.kind == IniLineKind::kSection) {
             Section(line, quoted);
-        } else if (equals == std::string_view::npos) {
-            Problem(quoted + " is no setting; write key=value, or ; in front of a comment");
+        } else if (line.kind == IniLineKind::kWords) {
+            Problem(quoted + " is not a setting; write key=value, or ; in front of a comment");
         } else if (!in_section_) {
             Problem(quoted + " stands above the section [bridge]");
         } else {
-            Setting(Lower(Trimmed(line.substr(0, equals))), Trimmed(line.substr(equals + 1)));
+            Setting(line);
         }
     }
 
-    void Section(std::string_view line, const std::string& quoted) {
-        const size_t end = std::min(line.find(']'), line.size() - 1);
-        const std::string name = Lower(line.substr(0, end + 1));
+    void Section(const IniLine& line, const std::string& quoted) {
+        const std::string name = "[" + line.name + "]";
         in_updater_ = name == "[updater]";
-        if ((name != "[bridge]" && !in_updater_) || !IsComment(Trimmed(line.substr(end + 1)))) {
+        if ((name != "[bridge]" && !in_updater_) || !line.closed) {
             Problem(quoted + " is neither the section [bridge] nor [updater]");
         } else if (Seen(name)) {
             Problem("a second section " + name);
@@ -123,18 +88,20 @@ class Reader {
         return std::find(seen_.begin(), seen_.end(), name) != seen_.end();
     }
 
-    void Setting(const std::string& key, std::string_view written) {
+    void Setting(const IniLine& line) {
+        const std::string& key = line.name;
+        const std::string_view value = line.value;
         const std::string name = (in_updater_ ? "[updater] " : "") + key;
         if (Seen(name)) {
-            Problem("'" + key + "' stands there twice");
+            Problem("'" + key + "' is given twice");
             return;
         }
         seen_.push_back(name);
         BridgeSettings& settings = read_.settings;
-        const std::string_view value = Unquoted(written);
         const std::string text = key + "=" + std::string(value.substr(0, 100));
         if (name == "[updater] command") {
-            settings.command = written;  // quotation marks belong to a command line
+            // Quotation marks belong to a command line.
+            settings.command = TrimmedIni(line.text.substr(line.text.find('=') + 1));
         } else if (name == "listen") {
             const auto address = ParseServerAddress(value);
             if (!address || address->kind != HostKind::kIpv4 ||
@@ -144,7 +111,7 @@ class Reader {
                 settings.listen = *address;
             }
         } else if (name == "upstreams") {
-            Upstreams(Trimmed(value));
+            Upstreams(TrimmedIni(value));
         } else if (name == "decrypt") {
             if (value != "0" && value != "1") {
                 Problem(text + " is neither 0 nor 1");
@@ -187,8 +154,8 @@ class Reader {
         if (value.empty()) {
             Problem("upstreams= names no server");
         }
-        for (; !value.empty(); value = Trimmed(value)) {
-            const size_t end = std::min(value.find_first_of(kBlanks), value.size());
+        for (; !value.empty(); value = TrimmedIni(value)) {
+            const size_t end = std::min(value.find_first_of(" \t\v\f"), value.size());
             const std::string text(value.substr(0, end));
             value.remove_prefix(end);
             const std::string subject = "upstreams: '" + text.substr(0, 300) + "' ";
@@ -198,7 +165,7 @@ class Reader {
             } else if (!MayBeServer(*server)) {
                 Problem(subject + "is not the address of a server");
             } else if (std::find(servers.begin(), servers.end(), *server) != servers.end()) {
-                Problem(subject + "stands there twice");
+                Problem(subject + "is given twice");
             } else {
                 servers.push_back(*server);
             }
@@ -219,8 +186,8 @@ class Reader {
     const std::vector<ServerAddress>& own_;
     BridgeSettingsRead read_;
     std::vector<std::string> seen_;  // settings and sections
-    unsigned line_ = 0;
-    unsigned upstreams_line_ = 0;
+    size_t line_ = 0;
+    size_t upstreams_line_ = 0;
     bool in_section_ = false;  // of whatever name: what stands in a wrong one is read all the same
     bool in_updater_ = false;
 };

@@ -1,4 +1,5 @@
-// Keeps a crowd of like lines out of the log: ten of a kind a minute are written, the rest counted.
+// Keeps floods of similar lines out of the log: of each kind ten lines a minute are written, the others
+// counted.
 #pragma once
 
 #include <chrono>
@@ -12,11 +13,11 @@ class LogLimit {
  public:
     using Time = std::chrono::steady_clock::time_point;
 
-    // The lines to be written now that this one, of that kind, has come: it, and before it what was left out
-    // of its kind in the minute before. Empty: it is left out itself.
+    // Returns what to write when this line of that kind is to be logged: first what was left out in minutes
+    // that are over, then the line, unless it is left out as well.
     std::vector<std::string> Take(const std::string& kind, const std::string& line, Time now);
 
-    // What is to be said of kinds whose minute is over.
+    // What to write about the kinds whose minute is over.
     std::vector<std::string> Overdue(Time now);
 
  private:

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "base/ipv4_address.h"
+#include "common/ini_lines.h"
 
 namespace kesto {
 namespace {
@@ -23,16 +24,12 @@ bool IsDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-char Lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 bool MayStandInLabel(char c) {
     return IsDigit(c) || (c >= 'a' && c <= 'z') || c == '-' || c == '_';
 }
 
-// Cuts the part up to the next separator off the text. False when there was no separator: the part is the
-// rest, and the text empty.
+// Cuts the part before the next separator off the text. Returns false when there is no separator: the part is
+// then all that was left, and the text is empty.
 bool Cut(std::string_view& text, char separator, std::string_view& part) {
     const size_t at = text.find(separator);
     part = text.substr(0, at);
@@ -40,7 +37,7 @@ bool Cut(std::string_view& text, char separator, std::string_view& part) {
     return at != std::string_view::npos;
 }
 
-// The system's resolver takes "10.1" and "0x7f000001" for addresses: a name must not end in a number.
+// The system's resolver takes "10.1" and "0x7f000001" for addresses, so a name must not end with a number.
 bool MayBeName(std::string_view name) {
     if (name.size() > kLongestName) {
         return false;
@@ -72,8 +69,7 @@ bool ServerAddress::operator==(const ServerAddress& other) const {
 
 std::optional<ServerAddress> ParseHost(std::string_view text) {
     ServerAddress address;
-    address.host.resize(text.size());
-    std::transform(text.begin(), text.end(), address.host.begin(), Lower);
+    address.host = LowerAscii(text);
     uint32_t ipv4 = 0;
     if (ParseIpv4(address.host.c_str(), ipv4)) {
         address.kind = HostKind::kIpv4;
@@ -115,7 +111,7 @@ bool MayBeServer(const ServerAddress& address) {
         case HostKind::kIpv4:
             return bytes[0] != 0 && bytes[0] < 224 && address.host != "127.255.255.255";
         case HostKind::kIpv6:
-            // Neither ff00::/8, nor "::", nor an IPv4 address in IPv6's clothes.
+            // Not ff00::/8, not "::", and not an IPv4 address written as IPv6.
             return bytes[0] != 0xff && (!IsZero(bytes, 10) || (IsZero(bytes, 15) && bytes[15] == 1));
         default:
             return true;

@@ -48,7 +48,7 @@ std::string Utf8FromAnsi(std::string_view ansi) {
 }
 
 std::string AnsiFromWide(std::wstring_view wide, bool* lossy) {
-    // Where UTF-8 is the ANSI code page the system refuses to tell about replacements: there are none.
+    // Where UTF-8 is the ANSI code page, the system refuses to tell about replacements. There are none.
     if (lossy && GetACP() == CP_UTF8) {
         *lossy = false;
         lossy = nullptr;
@@ -70,10 +70,17 @@ std::wstring WideFromFile(std::string_view bytes) {
     return Widen(is_utf8 ? CP_UTF8 : CP_OEMCP, bytes);
 }
 
-std::string Printable(std::string_view text) {
+std::string PrintableLines(std::string_view text) {
     std::string printable(text);
     std::replace_if(
-        printable.begin(), printable.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+        printable.begin(), printable.end(),
+        [](unsigned char c) { return (c < 0x20 && c != '\n') || c == 0x7f; }, '?');
+    return printable;
+}
+
+std::string Printable(std::string_view text) {
+    std::string printable = PrintableLines(text);
+    std::replace(printable.begin(), printable.end(), '\n', '?');
     return printable;
 }
 

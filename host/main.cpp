@@ -34,25 +34,17 @@ int Fail(const Options& options, const Fault& fault) {
     return kExitError;
 }
 
-std::string VersionText(const PluginLibrary& plugin) {
+int PrintVersion(const PluginLibrary& plugin, const InstalledPlugin& installed, bool engine_is_new) {
+    const DWORD start = GetTickCount();
+    bool told = VersionIsTold(installed);
+    while (!told && engine_is_new && GetTickCount() - start < kEngineListensMs) {
+        Sleep(kPollMs);
+        told = VersionIsTold(installed);
+    }
     char text[1024] = "";
     plugin.get_version_details(text, sizeof text);
-    return Utf8FromAnsi(text);
-}
-
-bool VersionKnown(const std::string& text) {
-    return !text.ends_with("unknown") && text.find("\nError -") == std::string::npos;
-}
-
-int PrintVersion(const PluginLibrary& plugin, bool engine_is_new) {
-    std::string text = VersionText(plugin);
-    const DWORD start = GetTickCount();
-    while (engine_is_new && !VersionKnown(text) && GetTickCount() - start < kEngineListensMs) {
-        Sleep(kPollMs);
-        text = VersionText(plugin);
-    }
-    PrintOut(text + "\n");
-    return VersionKnown(text) ? kExitClean : kExitError;
+    PrintOut(PrintableLines(Utf8FromAnsi(text)) + "\n");
+    return told ? kExitClean : kExitError;
 }
 
 Fault FindFiles(const Options& options, FileListing& listing) {
@@ -105,7 +97,7 @@ int RunTask(const Options& options, const InstalledPlugin& installed, const Plug
         return Fail(options, {"the engine does not answer - " + words});
     }
     if (options.task == Task::kVersion) {
-        return PrintVersion(plugin, engine == EngineStart::kStarted);
+        return PrintVersion(plugin, installed, engine == EngineStart::kStarted);
     }
     if (options.task == Task::kUpdate) {
         return Update(plugin, installed);

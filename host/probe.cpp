@@ -27,7 +27,7 @@ ServerAnswer AskFirst(const InstalledPlugin& installed, std::string& words,
     ServerAnswer answer;
     for (const Endpoint& server : installed.servers) {
         answer = ask(server);
-        words = AddressText(server) + ": ";
+        words = Printable(AddressText(server)) + ": ";
         if (answer.connected) {
             break;
         }
@@ -35,7 +35,16 @@ ServerAnswer AskFirst(const InstalledPlugin& installed, std::string& words,
     return answer;
 }
 
+std::string Outcome(const ServerAnswer& answer) {
+    return Printable(answer.reply ? "the reply was \"" + Utf8FromAnsi(*answer.reply) + "\"" : answer.failure);
+}
+
 }  // namespace
+
+bool VersionIsTold(const InstalledPlugin& installed) {
+    return AskServer(installed.servers.front(), kVersionCommand, Clock::now() + kConnectLimit)
+        .reply.has_value();
+}
 
 bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words) {
     const Deadline end = Clock::now() + std::chrono::seconds(wait_seconds);
@@ -49,7 +58,7 @@ bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std:
             words += "answers, in " + DurationText(answer.seconds);
             return true;
         }
-        words += answer.reply ? "the reply was \"" + Utf8FromAnsi(*answer.reply) + "\"" : answer.failure;
+        words += Outcome(answer);
         if (Clock::now() + kPause >= end) {
             return false;
         }
@@ -62,16 +71,16 @@ std::string NoServerAccepts(const InstalledPlugin& installed) {
     const ServerAnswer answer = AskFirst(installed, words, [](const Endpoint& server) {
         return ConnectToServer(server, Clock::now() + kConnectLimit);
     });
-    return answer.connected ? "" : "no server accepts a connection - " + words + answer.failure + "\n";
+    return answer.connected ? "" : "no server accepts a connection - " + words + Outcome(answer) + "\n";
 }
 
 int Ping(const InstalledPlugin& installed, unsigned wait_seconds) {
     std::string words;
     if (!EngineAnswers(installed, wait_seconds, words)) {
-        PrintError(Printable("kestoscan: the engine does not answer - " + words) + "\n");
+        PrintError("kestoscan: the engine does not answer - " + words + "\n");
         return kExitError;
     }
-    PrintOut(Printable(words) + "\n");
+    PrintOut(words + "\n");
     return kExitClean;
 }
 
@@ -81,11 +90,10 @@ int PrintStats(const InstalledPlugin& installed) {
         return AskServer(server, kStatsCommand, Clock::now() + kOneTry);
     });
     if (!answer.reply || answer.reply->starts_with("UNKNOWN")) {
-        words += answer.reply ? "the reply was \"" + Utf8FromAnsi(*answer.reply) + "\"" : answer.failure;
-        PrintError(Printable("kestoscan: no counters - " + words) + "\n");
+        PrintError("kestoscan: no counters - " + words + Outcome(answer) + "\n");
         return kExitError;
     }
-    PrintOut(*answer.reply + (answer.reply->ends_with('\n') ? "" : "\n"));
+    PrintOut(PrintableLines(*answer.reply) + (answer.reply->ends_with('\n') ? "" : "\n"));
     return kExitClean;
 }
 

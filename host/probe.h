@@ -8,11 +8,14 @@
 namespace kesto::host {
 
 // Has a few clean bytes scanned by the server that the plug-in would take, again and again for `wait_seconds`
-// and at least once. True when they were found clean; `words` tells of the last try (UTF-8).
+// and at least once. True when they were found clean; `words` tells of the last try, in one line.
 bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words);
 
 // Why a scan would wait for a server for ever; empty when one accepts a connection.
 std::string NoServerAccepts(const InstalledPlugin& installed);
+
+// Whether the server that the plug-in asks for its version tells it.
+bool VersionIsTold(const InstalledPlugin& installed);
 
 // Prints what asking the engine came to and returns the exit status.
 int Ping(const InstalledPlugin& installed, unsigned wait_seconds);

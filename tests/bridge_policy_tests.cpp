@@ -9,6 +9,7 @@
 
 #include "bridge/framing.h"
 #include "bridge/kept_stream.h"
+#include "bridge/metrics.h"
 #include "bridge/scan_policy.h"
 #include "common/bridge_settings.h"
 
@@ -20,6 +21,7 @@ namespace {
 using namespace std::literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 
 // Servers a, b, c ... and one scan for them. Its story is told in steps "SECONDS EVENT > WHAT IS THEN DONE":
 // a letter for an attempt there, "+" and the text of a trickle, "=" and a reply, "!" and why there is none.
@@ -151,11 +153,12 @@ TEST(BridgeScan, Stories) {
         {'d', "0 new > a | 0 refused 0 > b | 0 lost 1 > c | 0 lost 2 > d | 0 lost 3 > !upstream d:1 lost"},
         {'f', "0 new > a |0 cut 0 > b |0 cut 1 > c |0 cut 2 > d |0 cut 3 > e |0 cut 4 > !upstream e:1 lost"},
         {'e',
-         "0 new > a |0 reply 0 E > b |0 reply 1 E > c |0 reply 2 L > d |0 reply 3 E > e |0 reply 4 E > =NE"},
+         "0 new > a |0 reply 0 E > b |0 reply 1 E > c |0 reply 2 L > d |0 reply 3 E > e |0 reply 4 E >"
+         "| 0 probes abde > | 0 well a > | 0 well b > | 0 well d > | 0 well e > =NE"},
         // Clean bytes tell a server's fault from the file's.
         {'b',
-         "0 new > a | 0 reply 0 E > b | 0 probes a > | 0 well a > | 0 reply 1 E > =NE | 0 probes b >"
-         "| 0 sick b > | 0 up a > | 0 down b >"},
+         "0 new > a | 0 reply 0 E > b | 0 probes a > | 0 well a > | 0 reply 1 E > | 0 probes b >"
+         "| 0 sick b > =NE | 0 up a > | 0 down b >"},
         {'b', "0 new > a | 0 reply 0 L > b | 0 probes - >"},
         // One that broke off may have come back.
         {'b', "0 new > a | 0 lost 0 > b | 0 refused 1 > | 1 well b > b | 1 reply 2 F > =F"},
@@ -178,11 +181,15 @@ TEST(BridgeScan, Stories) {
         // At another address it is another server.
         {'a',
          "0 new > a | 0 two a > | 10 - > | 10 probes a > | 30 mute a > a+s+t | 31 reply 1 K > =ream: OK"},
+        {'a',
+         "0 new > a | 0 two a > | 0 reply 0 E > | 0 probes a > | 1 sick a > | 2 probes a > | 2 well a > a"},
         // What was lost long ago says nothing of a server that has worked since.
         {'b', "0 new > a | 0 took 0 > | 5 works a > | 11 late 0 > b | 11 up a >"},
         {'b', "0 new > a | 0 took 0 > | 5 works a > | 9 late 0 > b | 9 down a >"},
         // No reply but a verdict behind a trickle, and an end in time.
-        {'a', "0 new > a |14.9 - > |15 - > +s |30 - > +t |31 reply 0 E > !no upstream server gave a verdict"},
+        {'a',
+         "0 new > a |14.9 - > |15 - > +s |30 - > +t |31 reply 0 E > | 31 well a > !no upstream server gave a "
+         "verdict"},
         {'b',
          "0 new > a | 1 reply 0 E > b | 20 - > +s | 120 - > !no verdict within 120 s | 120 failures b 1 >"},
         {'b', "0 new > a | 1 reply 0 L > b | 14 lost 1 > =L"},
@@ -214,6 +221,7 @@ TEST(BridgeScan, Stories) {
                 story.Tell(std::to_string(15 * (i + 1)) + " - > +" + kVerdictBeginning[i]);
             }
             story.scan->Ended(0, EndOfReply(story.kTexts.at({reply})), story.At(119));
+            story.Event("well", "a", "");
             const ScanStep end = story.scan->Next(story.now);
             EXPECT_EQ(end.kind, told == 0 || verdict ? Story::Kind::kReply : Story::Kind::kNoReply);
             EXPECT_TRUE(!verdict || end.text == story.kTexts.at({reply}).substr(told)) << end.text;
@@ -223,7 +231,7 @@ TEST(BridgeScan, Stories) {
 
 TEST(BridgeScan, ErrorsAreHeldAgainstAServerBesideAVerdictOnly) {
     for (const auto& [replies, up] : {std::pair("E > b | 0 reply 1 K > =K", false),
-                                      {"E > b | 0 reply 1 E > =NE", true},
+                                      {"E > b | 0 reply 1 E > | 0 well a > | 0 well b > =NE", true},
                                       {"L > b | 0 reply 1 K > =K", true}}) {
         Story world;
         for (int i = 0; i < 3; ++i) {
@@ -318,6 +326,29 @@ TEST(BridgeFleet, NamesKeepTheirLastGoodAddresses) {
     world.Tell("106 new > b");
 }
 
+TEST(BridgeMetrics, TellWhatIsCounted) {
+    Story world('b');
+    world['b'].numbers.signatures = ReadSignatures("ClamAV 1.4.3/27000/Thu Jan  1 00:01:00 1970");
+    Metrics metrics;
+    for (size_t i = 0; i < kOutcomes; ++i) {
+        for (size_t count = 0; count <= i; ++count) {
+            CountScan(metrics, static_cast<Outcome>(i), 0.3);
+        }
+    }
+    const std::string text = MetricsText(metrics, {1, 2, 3, 4, 5}, world.fleet, world.now);
+    for (const char* line :
+         {"scans_total{outcome=\"clean\"} 1", "scans_total{outcome=\"infected\"} 2",
+          "scans_total{outcome=\"no_verdict\"} 3", "scans_total{outcome=\"no_reply\"} 4",
+          "scans_total{outcome=\"left\"} 5", "scan_seconds_bucket{le=\"0.25\"} 0",
+          "scan_seconds_bucket{le=\"0.5\"} 6", "scan_seconds_count 6", "clients 1", "clients_limit 2",
+          "scans_waiting 3", "kept_bytes 4", "keep_bytes 5", "upstream_up{upstream=\"a:1\"} 1",
+          "upstream_signatures_version{upstream=\"b:1\"} 27000",
+          "upstream_signatures_timestamp_seconds{upstream=\"b:1\"} 60"}) {
+        EXPECT_THAT(text, HasSubstr(std::string("\nkestoav_") + line + "\n"));
+    }
+    EXPECT_THAT(text, Not(HasSubstr("version{upstream=\"a:1\"}")));
+}
+
 TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
     const auto fill = [](KeptStream& stream, size_t size) {
         size_t done = 0;
@@ -336,7 +367,7 @@ TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
         return from == stream.Size();
     };
     KeepRoom room;
-    room.limit = 1'000'000;
+    room.SetLimit(1'000'000);
     {
         KeptStream small(room), large(room), window(room);
         EXPECT_EQ(fill(small, 3000), 3000u);
@@ -353,7 +384,12 @@ TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
         EXPECT_TRUE(held(window, taken));
     }
     EXPECT_EQ(room.used, 0u);
-    room.limit = 0;
+    EXPECT_FALSE(room.spare.empty());
+    for (int i = 0; i < 100; ++i) {
+        room.ShrinkSpare();
+    }
+    EXPECT_TRUE(room.spare.empty());
+    room.SetLimit(0);
     KeptStream none(room);
     EXPECT_LE(fill(none, 1'000'000), 132u * 1024);
 }
@@ -364,6 +400,9 @@ TEST(BridgeFraming, CommandsAreKnownEarlyAndLengthsHaveALimit) {
     for (const auto& [bytes, command] : cases) {
         EXPECT_EQ(FindCommand(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()).command, command);
     }
+    ChunkStream empty;
+    uint8_t end[4] = {};
+    EXPECT_EQ(FollowChunks(empty, end, 4, true).state, StreamState::kEnded);
     for (const uint8_t last : {0, 1}) {
         ChunkStream stream;
         uint8_t length[] = {4, 0, 0, last};
@@ -380,8 +419,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
           "upstreams=0x7f.1:1", "upstreams=10.1:1", "upstreams=::1:1", "upstreams=[1::2::3]:1"}},
         {"is not the address of a server",
          {"upstreams=0.0.0.0:1", "upstreams=255.255.255.255:1", "upstreams=[::]:1", "upstreams=224.0.0.1:1"}},
-        {"stands there twice",
-         {"upstreams=a:1 A:1", "upstreams=[::1]:1 [0:0:0:0:0:0:0:1]:1", "idle=3\nIdle=4"}},
+        {"is given twice", {"upstreams=a:1 A:1", "upstreams=[::1]:1 [0:0:0:0:0:0:0:1]:1", "idle=3\nIdle=4"}},
         {"is the bridge itself", {"upstreams=127.0.0.2:3313", "upstreams=10.1.2.3:9\nlisten=127.0.0.1:9"}},
         {"names no server", {"upstreams="}},
         {"is not an IPv4 address and port", {"listen=localhost:3313", "listen=127.0.0.1:0", "listen="}},
@@ -389,7 +427,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         {"is not a number", {"idle=0", "idle=3601", "idle=30 ; s", "keep=1025", "wait="}},
         {"holds a comment", {"logfile=a ;b"}},
         {"unknown setting 'upsteams'", {"upsteams=a:1"}},
-        {"is no setting", {"prose"}},
+        {"is not a setting", {"prose"}},
         {"is neither the section", {"[other]"}},
         {"a second section", {"[bridge]"}},
     };
@@ -403,20 +441,20 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
     for (const auto& [ini, problem] : {std::pair(""s, "bridge.ini has no [bridge] section"),
                                        {"idle=3\n[bridge]", "line 1: 'idle=3' stands above"},
                                        {"\xEF\xBB\xBF[bridge]", "line 1: begins with a byte order mark"},
-                                       {"[\0b"s, "no ANSI text"}}) {
+                                       {"[\0b"s, "not ANSI text"}}) {
         EXPECT_THAT(ReadBridgeSettings(ini, own).problems, ElementsAre(HasSubstr(problem)));
     }
     const auto read = ReadBridgeSettings(
-        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nupstreams=a.b:1 "
+        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nverdict=7\nupstreams=a.b:1 "
         "[::1]:2\t10.0.0.1:3\n"
         "[updater]\ncommand=\"a b\" --c=\"d\"\nsignatures=3\nidle=9\ntimeout=0",
         own);
     EXPECT_THAT(read.problems, ElementsAre());
     EXPECT_EQ(read.settings.command + std::to_string(read.settings.signatures), "\"a b\" --c=\"d\"3");
-    EXPECT_THAT(read.updater_problems, ElementsAre(HasSubstr("line 10: unknown setting 'idle'"),
+    EXPECT_THAT(read.updater_problems, ElementsAre(HasSubstr("line 11: unknown setting 'idle'"),
                                                    HasSubstr("timeout=0 is not a number")));
     EXPECT_EQ(AddressText(read.settings.upstreams.at(1)), "[::1]:2");
-    EXPECT_EQ(read.settings.idle + read.settings.keep, 20u);
+    EXPECT_THAT(SettingsText(read.settings), HasSubstr(" idle=20 keep=0 wait=60 verdict=7 "));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <ctime>
 
+#include "host/check/dynamic_ports.h"
 #include "host/check/test_samples.h"
 #include "tests/support/plugin_host.h"
 
@@ -13,6 +14,7 @@ using namespace host;
 namespace {
 
 using namespace testing;
+using namespace std::literals;
 
 std::string VersionOfDaysAgo(int days) {
     const std::time_t then = std::time(nullptr) - days * 86400;
@@ -53,6 +55,8 @@ class CheckTest : public Test {
 };
 
 TEST_F(CheckTest, HealthyInstallationPassesEveryCheckAndIsLeftAsItIs) {
+    const auto log = installed.top / "new.log";
+    Configure("logfile=" + log.string());
     const RunResult result = Check();
     EXPECT_EQ(result.status, 0u);
     for (const std::string check :
@@ -63,7 +67,7 @@ TEST_F(CheckTest, HealthyInstallationPassesEveryCheckAndIsLeftAsItIs) {
         EXPECT_THAT(result.out, HasSubstr("ok       server " + engine.Address() + " " + check));
     }
     EXPECT_THAT(result.out, HasSubstr("\n11 ok, 0 warnings, 0 failed\n"));
-    EXPECT_EQ(ReadFile(installed.log), "");
+    EXPECT_FALSE(std::filesystem::exists(log));
     EXPECT_EQ(installed.Starts(installed.engine), 1u);
 }
 
@@ -96,7 +100,7 @@ TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
         EXPECT_EQ(result.status, it.line.starts_with(failed) ? 2u : 0u) << result.out;
         // A server that answers every scan alike fails with EICAR as well.
         const char* const counts = it.line.starts_with("ok")        ? " 0 warnings, 0 failed\n"
-                                   : it.line.starts_with("warning") ? " 1 warnings, 0 failed\n"
+                                   : it.line.starts_with("warning") ? " 1 warning, 0 failed\n"
                                    : it.line.ends_with("disk\"")    ? " 0 warnings, 2 failed\n"
                                                                     : " 0 warnings, 1 failed\n";
         EXPECT_THAT(result.out, AllOf(HasSubstr(it.line), HasSubstr(counts)));
@@ -128,12 +132,13 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
 
     const auto log = installed.engine_folder / "bridge.log";
     WriteFile(installed.engine_folder / "bridge.ini",
-              "[bridge]\r\nidle=5\r\ndecrypt=0\r\nupstreams=" + good.Address() +
-                  "\r\nlisten=0.0.0.0:" + std::to_string(port));
+              std::string(2000, ';') + "\r\n[bridge]\r\nidle=5\r\ndecrypt=0\r\nwait=121\r\nupstreams=" +
+                  good.Address() + "\r\nlisten=0.0.0.0:" + std::to_string(port));
     SetFileAttributesW(log.c_str(), FILE_ATTRIBUTE_READONLY);
     EXPECT_THAT(Check().out, AllOf(HasSubstr("failed   bridge settings: decrypt differs from encrypt=1"),
                                    HasSubstr("warning  bridge settings: listens on 0.0.0.0:"),
                                    HasSubstr("warning  bridge settings: idle=5 gives up"),
+                                   HasSubstr("warning  bridge settings: wait=121 is longer"),
                                    HasSubstr("bridge.log cannot be written: it is read-only")));
     SetFileAttributesW(log.c_str(), FILE_ATTRIBUTE_NORMAL);
     blind.Kill();
@@ -159,7 +164,14 @@ TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysTheSameAsJson) {
 TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     const auto says = [&](const char* words) { EXPECT_THAT(Check().out, HasSubstr(words)); };
     installed.EndPrograms();
-    says("failed   engine process: kestoav.exe does not run");
+    // An old reason is none.
+    WriteFile(installed.engine_folder / "bridge.log", "cannot start - old\r\nstopped\r\n");
+    WriteFile(installed.engine_folder / "bridge.ini", "[bridge]\r\nlisten=" + engine.Address());
+    const std::string taken = "before it does; its port " + engine.Address() + " is taken by ";
+    says(("failed   engine process: kestoav.exe does not run: no scan connects " + taken).c_str());
+    WriteFile(installed.engine_folder / "bridge.log", "old\r\ncannot start - new\r\n");
+    says("; the last line of its log is \"cannot start - new\"");
+    DeleteFileW((installed.engine_folder / "bridge.ini").c_str());
     installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
     says("warning  engine process: kestoav.exe runs from elsewhere");
@@ -167,18 +179,22 @@ TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     says("warning  engine process: 2 processes named kestoav.exe run");
     installed.EndPrograms();
     WriteFile(installed.engine, "no program");
-    says("kestoav.exe is no program: no engine can be started");
+    says("kestoav.exe is not a program, or is damaged: no engine can be started");
+    WriteFile(installed.updater, "");
+    says("kestoavu.exe is not a program, or is damaged: no update can be started");
     DeleteFileW(installed.engine.c_str());
     says("kestoav.exe is missing: no engine can be started");
 }
 
 TEST_F(CheckTest, TakesSettingsInUtf16) {
     std::string wide = "\xFF\xFE";
-    for (const char c : "[kestoav]\r\n\r\nencrypt=yes\r\n") {
+    for (const char c : "[kestoav]\r\n\r\nencrypt=yes\r\n"s) {
         wide += {c, '\0'};
     }
     WriteFile(installed.folder / "kestoav.ini", wide);
-    EXPECT_THAT(Check().out, HasSubstr("kestoav.ini line 3: encrypt=\"yes\" is no number"));
+    EXPECT_THAT(Check().out, HasSubstr("kestoav.ini line 3: encrypt=\"yes\" is not a number"));
+    WriteFile(installed.folder / "kestoav.ini", wide.substr(2));  // which the plug-in cannot read
+    EXPECT_THAT(Check().out, HasSubstr("-> save it as ANSI text"));
 }
 
 TEST_F(CheckTest, WorksByTheShortNameAndWarnsOfBlanks) {
@@ -190,6 +206,12 @@ TEST_F(CheckTest, WorksByTheShortNameAndWarnsOfBlanks) {
     EXPECT_THAT(check().out, HasSubstr("warning  folder: its path holds a blank"));
     WriteFile(odd.top / L"\u0436.exe", "not ours");
     EXPECT_THAT(check().out, HasSubstr(".exe would be started in place of the engine"));
+}
+
+TEST(DynamicPorts, AreTheLastTwoNumbersInAnyLanguage) {
+    const auto range = PortRangeIn("Protokoll tcp4\r\n---\r\nStartport : 1025\r\nZahl : 64511\r\n");
+    EXPECT_EQ(range->first * 100'000ull + range->count, 102'564'511u);
+    EXPECT_FALSE(PortRangeIn("") || PortRangeIn("Port 3") || PortRangeIn("123456 : 7"));
 }
 
 // A file that holds the test string whole would be quarantined on many machines.

@@ -1,4 +1,4 @@
-// The library as its host's loader sees it.
+// The library as the loader of its host sees it.
 #include <map>
 #include <sstream>
 
@@ -9,7 +9,7 @@ namespace {
 
 struct StackCall {
     uint32_t result;
-    int32_t bytes_left;  // of the arguments, on the stack after the return
+    int32_t bytes_left;  // bytes of the arguments that are still on the stack after the return
 };
 
 // Calls with the stack `misalignment` bytes below a multiple of 16 before the arguments are pushed.
@@ -27,8 +27,9 @@ struct StackCall {
 }
 
 struct Called {
-    std::string routine;  // its decorated name, which tells the bytes of the arguments
-    std::string returns;  // for arguments of 0, called in the order of the ordinals; -: nothing
+    std::string routine;  // its decorated name, with the size of the arguments
+    std::string
+        returns;  // when all arguments are 0 and calls are in the order of the ordinals; "-" for nothing
 };
 
 // All names in the order of their ordinals. Each routine but one has an upper-case name, too.
@@ -82,10 +83,10 @@ TEST_F(ExportsTest, LibraryIsRelocatableAndGuardedAndShowsItsVersion) {
     EXPECT_EQ(headers.FileHeader.Machine, IMAGE_FILE_MACHINE_I386);
     constexpr WORD kGuards = IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE | IMAGE_DLLCHARACTERISTICS_NX_COMPAT;
     EXPECT_EQ(headers.OptionalHeader.DllCharacteristics & kGuards, kGuards);
-    // Without it the first mark is empty.
+    // Without relocations, the first of these marks would mean nothing.
     EXPECT_NE(headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_BASERELOC].Size, 0u);
 
-    // The signature and the layout's version, then the file's version, 1.0.4.0, as two words of two each.
+    // The signature and the version of the layout, then the version of the file, 1.0.4.0.
     EXPECT_THAT(ReadFile(installed.folder / "CLAMDLL.dll"),
                 testing::HasSubstr(std::string("\xBD\x04\xEF\xFE\0\0\1\0\0\0\1\0\0\0\4\0", 16)));
 }

@@ -107,7 +107,9 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         {L"missing infected", "missing: ERROR File not found (2)\ninfected" + found, 1},
         {L"garble clean", "garble: ERROR Unexpected response from KESTOAV - what? (1003)\nclean: OK\n", 2},
         {L"odd", "odd: ERROR Is a folder (--recursive scans it) (267)\n", 2},
-        {L"in*", "infected" + found + "in folder: SKIPPED Is a folder (--recursive scans it)\n", 1},
+        {L"clea* loo*", "clean: OK\nloop: SKIPPED Is a folder (--recursive scans it)\n", 0},
+        {L"Z:etc\\passwd /missing", "Z:etc\\passwd: OK\n/missing: ERROR File not found (2)\n", 2},
+        {L"--exclude \u0416* \u0436*", "", 0},
         {L"[clean] clean", "[clean]" + found + "clean: OK\n", 1},
         {L"[clean,empty]", "[clean,empty]: ERROR File not found (2)\n", 2},
         {L"--exclude clean clean", "clean: OK\n", 0},
@@ -115,7 +117,7 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         {L"NUL NUL.txt", "NUL: ERROR File not found (2)\nNUL.txt" + found, 1},
         {L"\\\\.\\NUL", "\\\\.\\NUL: ERROR Is a device, not a file (123)\n", 2},
         {L"-r o?d -i", "odd\\blank " + found + "odd\\dot." + found + "odd\\sub.\\in" + found, 1},
-        {L"-r --exclude BLANK* --exclude-dir sub* --exclude *\\dot odd", "odd\\dot." + found, 1},
+        {L"-r --exclude BLANK* --exclude-dir *dd\\sub*\\ --exclude C:/*/dot odd", "odd\\dot." + found, 1},
         {L"-r deep", narrow_deep + found, 1},
         {L"-r loop", "loop\\clean: OK\n", 0},
         {L"-i missing clean", "", 2, "missing: ERROR File not found (2)\n"},
@@ -149,9 +151,10 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
 TEST_F(HostScan, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
     CreateDirectoryW((samples / "away").c_str(), nullptr);
     Sample(L"infected", "a VIRUS");
-    EXPECT_EQ(Run(L"--log log --move away infected").status, 1u);
+    EXPECT_EQ(Run(L"--log log --copy away infected").status, 1u);
     EXPECT_THAT(ReadFile(samples / "log"),
-                HasSubstr("infected: moved to " + (samples / "away\\infected").string()));
+                AllOf(StartsWith("kestoscan on 20"),
+                      HasSubstr("infected: copied to " + (samples / "away\\infected").string())));
     Sample(L"infected", "b VIRUS");
     const RunResult result = Run(L"--json --move away clean infected missing");
     EXPECT_EQ(result.status, 1u);
@@ -165,6 +168,17 @@ TEST_F(HostScan, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
     EXPECT_EQ(ReadFile(samples / "away" / "infected") + ReadFile(samples / "away" / "infected.001"),
               "a VIRUSb VIRUS");
     EXPECT_FALSE(std::filesystem::exists(samples / "infected"));
+    // Below what is scanned the folder is left out; on another drive even read-only files are moved.
+    const std::filesystem::path other = "Z:\\dev\\shm\\kesto" + std::to_string(GetCurrentProcessId());
+    CreateDirectoryW(other.c_str(), nullptr);
+    Sample(L"infected", "c VIRUS");
+    EXPECT_THAT(Run(L"-r --copy away .").out, HasSubstr("away: SKIPPED Is the folder that found files"));
+    SetFileAttributesW((samples / "infected").c_str(), FILE_ATTRIBUTE_READONLY);
+    EXPECT_THAT(Run(L"--move " + other.wstring() + L" infected").out, HasSubstr("infected: moved to Z:"));
+    EXPECT_EQ(ReadFile(other / "infected"), "c VIRUS");
+    EXPECT_FALSE(std::filesystem::exists(samples / "infected"));
+    SetFileAttributesW((other / "infected").c_str(), FILE_ATTRIBUTE_NORMAL);
+    std::filesystem::remove_all(other);
 }
 
 TEST_F(HostScan, LeavesAFileThatIsNoLongerTheScannedOne) {
@@ -182,6 +196,7 @@ TEST_F(HostScan, LeavesAFileThatIsNoLongerTheScannedOne) {
 
 TEST_F(HostScan, GivesUpAFileThatTakesTooLongAndGoesOn) {
     engine.Play(Slow());
+    installed.WriteSettings(Servers(FreePort(), engine.Port()));  // a server is asked whether it accepts
     EXPECT_EQ(Told(L"--no-summary --timeout 1 slow clean"),
               "2: slow: ERROR No verdict within 1 s (1460)\nclean: OK\n");
 }
@@ -236,7 +251,8 @@ TEST_F(HostTest, AHopelessInstallationIsToldBeforeTheFirstScan) {
 }
 
 TEST_F(HostTest, RefusesWhatIsNotThePlugInOrNotUnderstood) {
-    const std::pair<const wchar_t*, const char*> cases[] = {
+    const std::pair<std::wstring, const char*> cases[] = {
+        {L"x --folder C:\\" + std::wstring(229, L'x'), "at most 231 characters"},
         {L"x --library missing.dll", "cannot load "},
         {L"x --library ..\\plugin\\kestoav.ini", "cannot load "},
         {L"x --library C:\\windows\\system32\\version.dll", "it lacks CHECKLICENCE, CLOSEINSTANCE"},
@@ -268,11 +284,13 @@ TEST_F(HostTest, VersionWaitsForAnEngineThatItStarted) {
 
 TEST_F(HostTest, AsksTheEngineWithoutThePlugIn) {
     const std::string server = engine.Address() + ": ";
+    installed.WriteSettings(Servers(FreePort(), engine.Port()));
     EXPECT_THAT(Run(L"--ping").out, StartsWith(server + "answers, in "));
     EXPECT_EQ(Run(L"--stats").err,
               "kestoscan: no counters - " + server + "the reply was \"UNKNOWN COMMAND\"\n");
     engine.Play(Replying("kestoav_clients 3\n"));
     EXPECT_EQ(Run(L"--stats").out, "kestoav_clients 3\n");
+    EXPECT_THAT(Told(L"--ping"), AllOf(StartsWith("2: "), HasSubstr("the reply was \"kestoav_clients 3?\"")));
     engine.Kill();
     EXPECT_THAT(Told(L"--wait 1"), StartsWith("2: kestoscan: the engine does not answer - " + server));
 }
@@ -284,11 +302,12 @@ TEST_F(HostTest, UpdatesAsTheMailServerDoesAndOnceAtATime) {
     EXPECT_EQ(Told(L"--update"),
               "2: KESTO Antivirus Update Failed\nThe KESTO Antivirus Update attempt failed with error 3\n");
     installed.PlaceStandIn(installed.updater, "release 0");
-    const ProgramRun first(program, L"--update", samples);
+    const ProgramRun first(program, L"--update", samples), second(program, L"--update", samples);
     ASSERT_TRUE(installed.WaitForStarts(installed.updater, 2));
-    EXPECT_THAT(Run(L"--update").err, HasSubstr("under way already"));
+    ASSERT_TRUE(WaitFor([&] { return !first.Running() || !second.Running(); }));
+    EXPECT_THAT(first.Err() + second.Err(), HasSubstr("under way already"));
     WriteFile(installed.updater.string() + ".release", "");
-    EXPECT_EQ(first.Finish().out, "Update finished\n");
+    EXPECT_EQ(first.Finish().out + second.Finish().out, "Update finished\n");
     EXPECT_EQ(installed.Starts(installed.updater), 2u);
 }
 

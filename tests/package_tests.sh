@@ -59,7 +59,12 @@ grep -q 'started .*kestoav.exe' scanned || fail "the engine was not started"
 if grep restarting "$installed/kestoav.log"; then fail "the engine was restarted"; fi
 
 "$top/scripts/wine" "$installed/kestoscan.exe" --check || fail "the check found a fault"
-"$top/scripts/wine" "$installed/kestoscan.exe" --stats | promtool check metrics || fail "Prometheus refuses the numbers"
+"$top/scripts/wine" "$installed/kestoscan.exe" --stats | tee stats | promtool check metrics ||
+  fail "Prometheus refuses the numbers"
+# This clamd has no signatures of which it could tell the age.
+for name in $(grep -o 'kestoav_[a-z_]*' "$installed/monitoring/alerts.yml" | grep -v signatures); do
+  grep -q "^$name[{ ]" stats || fail "an alarm asks for $name, which is not among the numbers"
+done
 "$top/scripts/wine" taskkill /f /im kestoav.exe >taskkill.log || fail "$(cat taskkill.log)"
 
 

@@ -48,33 +48,34 @@ TEST(ByteShift, WrapsAndStaysWithinTheCount) {
 }
 
 TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
-    // The lines below the section, a part of the one finding's text and remedy (empty for none), and whether
-    // the plug-in misreads it.
+    // The lines below the section, a part of the text and remedy of their only finding (empty when there is
+    // none), and whether the plug-in misreads them.
     const std::tuple<std::string, const char*, bool> cases[] = {
         {"encrypt=0\r\nautostart=1\r\nstartwait=120\r\nlogfile=C:\\logs\\av.log\r\n[other]\r\nwords", "",
          true},
         {"# comment\r\nServers = \"10.0.0.1 scan:3310\"", "", true},
-        {"[kestav]", "write [kestoav]", true},
         {"[kestoav]\nencrypt=0", "second section", true},
-        {"\nencrypt=1\nEncrypt=0\n", "second time", true},
-        {"autostrat=0", "write autostart=", true},
-        {"colour=red", "remove the line", false},
-        {"just words", "no setting", false},
+        {"\nencrypt=1\nEncrypt=0\n", "given twice", true},
+        {"colour=red", "one of the keys servers, encrypt,", true},
+        {"just words", "is not a setting", false},
         {"encrypt=true", "read as 0, which is off", true},
-        {"autostart=", "no number", true},
+        {"autostart=", "not a number", true},
+        {"startwait=0", "no time to listen", false},
         {"startwait=120s", "ends before", true},
         {"connectwait=-1", "over a century", true},
         {"startwait=86400", "over an hour", false},
         {"servers=127.0.0.1:0", "port of \"127.0.0.1:0\" is 0", true},
         {"servers=127.0.0.1:65536", "above 65535", true},
         {"servers=127.0.0.1:65535 b:1", "", true},
-        {"servers=127.0.0.1:", "port of \"127.0.0.1:\" is no number", true},
+        {"servers=127.0.0.1:", "port of \"127.0.0.1:\" is not a number", true},
         {"servers=a:1  b:2", "empty host", true},
         {"servers=a:1,b:2", "single blanks only", true},
         {"servers=127.0.0.1:3313 ; ours", "comment", true},
         {"servers=LocalHost:3313", "write 127.0.0.1", false},
         {"servers=" + std::string(1000, 'a'), "cut", true},
         {"logfile=av.log", "relative", false},
+        {"logfile=C:\\av.log ; ours", "put the comment", true},
+        {"[other]\r\nencrypt=0\r\n", "outside the section", false},
         {"logfile=C:\\%TEMP%\\av.log", "not replaced", false},
         {"logfile=C:\\" + std::string(300, 'a'), "cut", true},
     };
@@ -84,9 +85,15 @@ TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
         for (const IniFinding& each : findings) {
             EXPECT_THAT(each.text + " -> " + each.remedy, testing::HasSubstr(expected));
             EXPECT_EQ(each.misread, misread) << lines;
-            EXPECT_EQ(each.line, lines[0] == '\n' ? 4u : 2u) << lines;
+            EXPECT_EQ(each.line, lines[0] == '\n'                     ? 4u
+                                 : lines[0] == '[' && lines[1] == 'o' ? 3u
+                                                                      : 2u)
+                << lines;
         }
     }
+    // In ours as well, it is not told.
+    EXPECT_EQ(LintIni("[kestoav]\nencrypt=1\n[other]\nencrypt=0").size(), 0u);
+    EXPECT_THAT(LintIni(std::string_view("[\0k\0", 4)).at(0).remedy, testing::HasSubstr("ANSI"));
     EXPECT_THAT(LintIni("").at(0).text, testing::HasSubstr("no section [kestoav]"));
     EXPECT_THAT(LintIni("\xEF\xBB\xBF[kestoav]\n").at(0).text, testing::HasSubstr("byte order mark"));
 }
@@ -108,7 +115,7 @@ TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
     using Lines = std::vector<std::string>;
     LogLimit limit;
     const LogLimit::Time start{hours(1)};
-    // 25 lines of a kind, one in each 4 seconds: the minute ends with the fifteenth.
+    // 25 lines of a kind, one every 4 seconds: a new minute begins with the sixteenth.
     std::string written;
     for (int i = 0; i < 25; ++i) {
         for (const std::string& line : limit.Take("lost", std::to_string(i), start + seconds(4 * i))) {

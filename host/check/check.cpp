@@ -1,5 +1,7 @@
 #include "host/check/check.h"
 
+#include <windows.h>
+
 #include <chrono>
 #include <vector>
 
@@ -25,8 +27,7 @@ Findings CheckLibrary(const std::wstring& path) {
     const Fault fault = LoadPlugin(path, plugin);
     if (!fault) {
         ClosePlugin(plugin);
-        findings.Ok("library", Utf8FromWide(path) + " loads and has its " +
-                                   std::to_string(kExportNames.size()) + " exports");
+        findings.Ok("library", Utf8FromWide(path) + " loads and has all its exports");
     } else {
         findings.Failed("library", fault.text, "copy CLAMDLL.dll from the release again");
     }
@@ -79,7 +80,11 @@ class Check {
  private:
     void CheckAllServers(const InstalledBridge& bridge) {
         std::vector<CheckedServer> asked;
+        const bool not_yet = StartsWithTheFirstScan(installed_, bridge);
         for (const Endpoint& server : installed_.servers) {
+            if (not_yet && LeadsTo(server, bridge)) {
+                continue;
+            }
             asked.push_back({"server " + AddressText(server), server, true, installed_.settings.encrypt,
                              ShiftRemedy(server, installed_, bridge)});
         }
@@ -120,11 +125,15 @@ class Check {
         const std::string listen = kesto::AddressText(bridge.ini.settings.listen);
         const std::string text =
             "listen=" + listen + " is none of servers= in kestoav.ini: scans pass the bridge by";
+        const std::string here = "127.0.0.1:" + std::to_string(bridge.ini.settings.listen.port);
         if (all_well) {
             findings.Ok("bridge settings", text);
+        } else if (IsOfThisMachine(bridge.ini.settings.listen, bridge)) {
+            findings.Failed("bridge settings", text, "write servers=" + listen + " into kestoav.ini");
         } else {
             findings.Failed("bridge settings", text,
-                            "write servers=" + listen + " into kestoav.ini, or change listen=");
+                            "write listen=" + here + " into bridge.ini and servers=" + here +
+                                " into kestoav.ini: this machine can be reached there");
         }
         report_.Add(findings);
     }
@@ -140,9 +149,15 @@ class Check {
         for (const std::string& problem : bridge.ini.updater_problems) {
             findings.Failed("updater", problem, "correct that line: no signatures are updated");
         }
-        findings.Ok("updater", IsFile(installed_.updater)
-                                   ? name + " is there"
-                                   : name + " is not there, and not needed where clamd has its own");
+        const Fault fault = ProgramFault(installed_.updater);
+        if (fault.code == ERROR_FILE_NOT_FOUND) {
+            findings.Ok("updater", name + " is not there, and not needed where clamd has its own");
+        } else if (fault) {
+            findings.Failed("updater", name + " " + fault.text + ": no update can be started",
+                            "put a program there, or remove it");
+        } else {
+            findings.Ok("updater", name + " is there");
+        }
         return findings;
     }
 

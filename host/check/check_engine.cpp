@@ -9,8 +9,8 @@
 #include "common/file_bytes.h"
 #include "common/text.h"
 #include "host/check/check_settings.h"
+#include "host/check/dynamic_ports.h"
 #include "host/check/port_owner.h"
-#include "host/check/program_file.h"
 #include "host/common/processes.h"
 
 namespace kesto::host {
@@ -20,12 +20,6 @@ constexpr unsigned kLeastIdle = 20;          // seconds for which the plug-in wa
 constexpr unsigned kMostUsefulWait = 120;    // seconds; a scan ends after little more, whatever comes then
 constexpr unsigned kMostSensibleKeep = 512;  // MB of the 2 GB that a 32-bit program has, with all else in it
 constexpr uint32_t kLogTail = 4096;          // bytes; holds the last line
-
-bool Runs64Bit() {
-    SYSTEM_INFO machine;
-    GetNativeSystemInfo(&machine);
-    return machine.wProcessorArchitecture != PROCESSOR_ARCHITECTURE_INTEL;
-}
 
 // The plug-in starts programs by an unquoted command line, in which the system tries each part up to a
 // blank first.
@@ -51,12 +45,11 @@ void CheckBlanks(Findings& findings, const std::wstring& program) {
 
 // What the last line of the bridge's log says, if that is why it did not start.
 std::string LastEnd(const std::wstring& log_path) {
-    constexpr std::string_view kBeginning = "cannot start - ";
     const std::string tail = FileTail(log_path, kLogTail);
     std::string_view text = tail;
     text = text.substr(0, text.find_last_not_of("\r\n") + 1);
     text.remove_prefix(text.find_last_of("\r\n") + 1);
-    const size_t at = text.find(kBeginning);
+    const size_t at = text.find(kCannotStart);
     return at == std::string_view::npos ? "" : Utf8FromAnsi(text.substr(at));
 }
 
@@ -75,6 +68,16 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
                              ", where other machines reach it, and asks nobody for a password",
                          "write listen=127.0.0.1:" + std::to_string(settings.listen.port) +
                              ", or have the firewall keep others out");
+    }
+    const auto dynamic = DynamicPorts();
+    if (dynamic && settings.listen.port - dynamic->first < dynamic->count) {
+        const std::string port = std::to_string(settings.listen.port);
+        findings.Warning(check,
+                         "port " + port +
+                             " is one that Windows gives to outgoing connections: while the engine is down a "
+                             "scan can be connected to itself",
+                         "netsh int ipv4 add excludedportrange protocol=tcp startport=" + port +
+                             " numberofports=1, or choose another port for listen= and servers=");
     }
     if (settings.idle < kLeastIdle) {
         findings.Warning(check,
@@ -109,12 +112,14 @@ bool LeadsTo(const Endpoint& server, const InstalledBridge& bridge) {
         return address.has_value();
     }
     address->port = listen.port;
-    if (listen.host != "0.0.0.0") {
-        return *address == listen;
-    }
-    address->port = 0;
-    return address->bytes[0] == 127 ||
-           std::find(bridge.own.begin(), bridge.own.end(), *address) != bridge.own.end();
+    return listen.host == "0.0.0.0" ? IsOfThisMachine(*address, bridge) : *address == listen;
+}
+
+bool IsOfThisMachine(const ServerAddress& listen, const InstalledBridge& bridge) {
+    ServerAddress address = listen;
+    address.port = 0;
+    return address.bytes[0] == 127 ||
+           std::find(bridge.own.begin(), bridge.own.end(), address) != bridge.own.end();
 }
 
 std::string ShiftRemedy(const Endpoint& server, const InstalledPlugin& installed,
@@ -131,8 +136,7 @@ std::string ShiftRemedy(const Endpoint& server, const InstalledPlugin& installed
 
 InstalledBridge ReadBridge(const InstalledPlugin& installed) {
     InstalledBridge bridge;
-    bridge.has_ini =
-        GetFileAttributesW((installed.engine_folder + L"\\bridge.ini").c_str()) != INVALID_FILE_ATTRIBUTES;
+    bridge.has_ini = !IsMissing(installed.engine_folder + L"\\bridge.ini");
     bridge.ini = ReadBridgeIni(installed.engine_folder);
     bridge.own = OwnAddresses();
     bridge.used = std::any_of(installed.servers.begin(), installed.servers.end(),
@@ -141,21 +145,19 @@ InstalledBridge ReadBridge(const InstalledPlugin& installed) {
     return bridge;
 }
 
+bool StartsWithTheFirstScan(const InstalledPlugin& installed, const InstalledBridge& bridge) {
+    return !installed.settings.autostart && bridge.last_end.empty() && EngineProcesses().empty() &&
+           !ProgramFault(installed.engine);
+}
+
 Findings CheckEngineProgram(const InstalledPlugin& installed) {
     Findings findings;
     const std::string name = Utf8FromWide(installed.engine);
-    const std::string remedy = "copy kestoav.exe from the release there";
-    if (!IsFile(installed.engine)) {
-        findings.Failed("engine program", name + " is missing: no engine can be started", remedy);
-        return findings;
-    }
-    const FileBytes bytes = ReadWholeFile(installed.engine);
-    const std::string fault =
-        bytes.fault
-            ? "cannot be read: " + SystemErrorWithCode(bytes.fault.code)
-            : ProgramFault({reinterpret_cast<const char*>(bytes.data.get()), bytes.size}, Runs64Bit());
-    if (!fault.empty()) {
-        findings.Failed("engine program", name + " " + fault + ": no engine can be started", remedy);
+    if (const Fault fault = ProgramFault(installed.engine)) {
+        findings.Failed("engine program", name + " " + fault.text + ": no engine can be started",
+                        fault.code == ERROR_ACCESS_DENIED
+                            ? "give this account, and the mail server's, the right to read and run it"
+                            : "copy kestoav.exe from the release there");
         return findings;
     }
     findings.Ok("engine program", name + " is there");
@@ -170,7 +172,9 @@ Findings CheckBridgeSettings(const InstalledPlugin& installed, const InstalledBr
     }
     for (const std::string& problem : bridge.ini.problems) {
         findings.Failed("bridge settings", Utf8FromAnsi(problem),
-                        "correct it: no scan succeeds before kestobridge.exe can follow it");
+                        bridge.ini.readable
+                            ? "correct it: no scan succeeds before kestobridge.exe can follow it"
+                            : "give this account, and the mail server's, the right to read it");
     }
     if (bridge.ini.problems.empty()) {
         CheckMeaning(findings, installed, bridge);
@@ -183,12 +187,8 @@ Findings CheckBridgeSettings(const InstalledPlugin& installed, const InstalledBr
         bridge.ini.log_only_if_present && GetFileAttributesW(log.c_str()) == INVALID_FILE_ATTRIBUTES;
     if (off) {
         findings.Ok("bridge log", "off; an empty " + Utf8FromWide(log) + " turns it on");
-    } else if (const std::string fault = LogFault(log); !fault.empty()) {
-        findings.Failed("bridge log", Utf8FromWide(log) + " cannot be written: " + fault,
-                        "create its folder, clear the read-only mark, or give the mail server's account the "
-                        "right to write it");
     } else {
-        findings.Ok("bridge log", Utf8FromWide(log) + " can be written by this account");
+        CheckLogFile(findings, "bridge log", log);
     }
     return findings;
 }
@@ -208,9 +208,14 @@ Findings CheckEngineProcess(const InstalledPlugin& installed, const InstalledBri
     if (engines.empty()) {
         std::string text = "kestoav.exe does not run: no scan connects before it does";
         std::string remedy = "start the mail server, or " + Utf8FromWide(installed.engine);
+        if (StartsWithTheFirstScan(installed, bridge) && !owner) {
+            findings.Warning(check, "kestoav.exe does not run: with autostart=0 the first scan starts it",
+                             "scan a file with kestoscan, and check again");
+            return findings;
+        }
         if (!bridge.last_end.empty()) {
             text += "; the last line of its log is \"" + bridge.last_end + "\"";
-            remedy = "mend what its log says, then " + remedy;
+            remedy = "correct what its log says, then " + remedy;
         }
         if (owner) {
             text += "; " + taken;

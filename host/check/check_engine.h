@@ -19,11 +19,17 @@ struct InstalledBridge {
 // Whether the plug-in reaches the bridge by this entry of its list. A name may be any address.
 bool LeadsTo(const Endpoint& server, const InstalledBridge& bridge);
 
+// Whether it is one to listen on and connect to.
+bool IsOfThisMachine(const ServerAddress& listen, const InstalledBridge& bridge);
+
 // What to do where the engine at this entry of the list finds viruses only in bytes shifted the other way.
 std::string ShiftRemedy(const Endpoint& server, const InstalledPlugin& installed,
                         const InstalledBridge& bridge);
 
 InstalledBridge ReadBridge(const InstalledPlugin& installed);
+
+// No engine runs, and none is wanted yet.
+bool StartsWithTheFirstScan(const InstalledPlugin& installed, const InstalledBridge& bridge);
 
 Findings CheckEngineProgram(const InstalledPlugin& installed);
 Findings CheckBridgeSettings(const InstalledPlugin& installed, const InstalledBridge& bridge);

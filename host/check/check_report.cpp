@@ -65,8 +65,8 @@ int CheckReport::Finish() {
         const Json summary = {{"state", Name(worst)}, {"ok", ok}, {"warnings", warnings}, {"failed", failed}};
         PrintOut("{\"checks\": [" + json_checks_ + "\n], \"summary\": " + JsonLine(summary) + "}\n");
     } else {
-        PrintOut("\n" + std::to_string(ok) + " ok, " + std::to_string(warnings) + " warnings, " +
-                 std::to_string(failed) + " failed\n");
+        PrintOut("\n" + std::to_string(ok) + " ok, " + std::to_string(warnings) +
+                 (warnings == 1 ? " warning, " : " warnings, ") + std::to_string(failed) + " failed\n");
     }
     return failed != 0 ? kExitError : kExitClean;
 }

@@ -234,8 +234,11 @@ class ServerCheck {
     void TellLongStream(const ServerAnswer& answer) {
         const std::string check = Check("2 MB stream");
         if (VerdictOf(answer) != ScanAnswer::kClean) {
-            findings_.Failed(check, Describe(answer),
-                             "raise StreamMaxLength in clamd.conf above the largest mail that is accepted");
+            findings_.Failed(
+                check, Describe(answer),
+                answer.reply == kSizeLimitReply
+                    ? "raise StreamMaxLength in clamd.conf above the largest mail that is accepted"
+                    : "see the engine's log");
         } else if (!server_.of_plugin) {
             findings_.Ok(check, Describe(answer));
         }

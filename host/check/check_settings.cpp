@@ -26,7 +26,9 @@ void CheckIni(Findings& findings, const std::wstring& path) {
     if (bytes.fault) {
         findings.Failed("settings",
                         Utf8FromWide(path) + " cannot be read: " + SystemErrorWithCode(bytes.fault.code),
-                        "create the folder, or give the mail server's account the right to read the file");
+                        bytes.fault.code == ERROR_PATH_NOT_FOUND
+                            ? "create the folder"
+                            : "give this account, and the mail server's, the right to read it");
         return;
     }
     for (const IniFinding& finding : LintIni(IniText(bytes))) {
@@ -56,38 +58,45 @@ Findings CheckSettings(const InstalledPlugin& installed) {
 
 Findings CheckLog(const InstalledPlugin& installed) {
     Findings findings;
-    const std::string path = Utf8FromWide(installed.log);
-    if (path.empty()) {
+    if (installed.log.empty()) {
         findings.Warning("log", "off",
-                         "create an empty " + Utf8FromWide(installed.folder) + "\\kestoav.log to turn it on");
-    } else if (const std::string fault = LogFault(installed.log); !fault.empty()) {
-        findings.Failed("log", path + " cannot be written: " + fault,
-                        "create its folder, clear the read-only mark, or give the mail server's account the "
-                        "right to write it");
+                         "write logfile= and a path in a folder that the mail server's account may write "
+                         "to into kestoav.ini");
     } else {
-        findings.Ok("log", path + " can be written by this account");
+        CheckLogFile(findings, "log", installed.log);
     }
     return findings;
 }
 
-std::string LogFault(const std::wstring& path) {
+void CheckLogFile(Findings& findings, const char* check, const std::wstring& path) {
     const DWORD attributes = GetFileAttributesW(path.c_str());
     const bool exists = attributes != INVALID_FILE_ATTRIBUTES;
+    const std::string name = Utf8FromWide(path);
+    const std::string fault = name + " cannot be written: ";
     if (exists && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-        return "it is a folder";
+        findings.Failed(check, fault + "it is a folder", "remove the folder, or name a file in it");
+        return;
     }
     if (exists && (attributes & FILE_ATTRIBUTE_READONLY) != 0) {
-        return "it is read-only";
+        findings.Failed(check, fault + "it is read-only", "clear its read-only mark");
+        return;
     }
+    // What was not there is not there afterwards either.
     HANDLE file = CreateFileW(path.c_str(), FILE_APPEND_DATA | (exists ? 0 : DELETE),
                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                               exists ? OPEN_EXISTING : CREATE_NEW,
                               exists ? FILE_ATTRIBUTE_NORMAL : FILE_FLAG_DELETE_ON_CLOSE, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
-        return SystemErrorWithCode(GetLastError());
+        const DWORD code = GetLastError();
+        findings.Failed(check, fault + SystemErrorWithCode(code),
+                        code == ERROR_PATH_NOT_FOUND ? "create its folder"
+                        : code == ERROR_ACCESS_DENIED
+                            ? "give the mail server's account the right to write it, or name another file"
+                            : "name another file");
+        return;
     }
     CloseHandle(file);
-    return "";
+    findings.Ok(check, name + " can be written by this account");
 }
 
 }  // namespace kesto::host

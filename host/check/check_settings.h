@@ -10,8 +10,7 @@ Findings CheckSettings(const InstalledPlugin& installed);
 
 Findings CheckLog(const InstalledPlugin& installed);
 
-// Why a log file at this path cannot be appended to, by this account; empty when it can. What was not there
-// is not there afterwards either.
-std::string LogFault(const std::wstring& path);
+// Whether a log file at this path can be appended to by this account. None is left behind.
+void CheckLogFile(Findings& findings, const char* check, const std::wstring& path);
 
 }  // namespace kesto::host

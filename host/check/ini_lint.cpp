@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdint>
-#include <numeric>
+
+#include "common/ini_lines.h"
 
 namespace kesto::host {
 namespace {
@@ -26,93 +26,48 @@ constexpr std::array kKnownKeys = {
 
 constexpr size_t kMostServersText = 999;  // characters that the reader takes
 constexpr size_t kMostPath = 259;
-constexpr size_t kMostTypos = 2;        // differences up to which a name counts as misspelt
-constexpr size_t kMostNameLength = 40;  // longer ones are no misspelling of ours
-constexpr long kLongWait = 3600;        // seconds; a mail that waits longer for its scan is lost anyway
+constexpr long kLongWait = 3600;  // seconds; a mail that waits longer for its scan is lost anyway
 
 std::string Quoted(std::string_view text) {
     return "\"" + std::string(text.substr(0, 100)) + "\"";
-}
-
-std::string Lower(std::string_view text) {
-    std::string lower(text);
-    for (char& c : lower) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return lower;
-}
-
-std::string_view Trimmed(std::string_view text) {
-    const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; };
-    while (!text.empty() && blank(text.front())) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && blank(text.back())) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
-
-// "#" makes no comment, but a key that nobody asks for: as good.
-bool IsComment(std::string_view line) {
-    return line.empty() || line[0] == ';' || line[0] == '#';
 }
 
 bool AllDigits(std::string_view text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-// The number of single-character changes between two words (Levenshtein).
-size_t Distance(std::string_view from, std::string_view to) {
-    std::vector<size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < from.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i + 1;
-        for (size_t j = 0; j < to.size(); ++j) {
-            const size_t change = diagonal + (from[i] == to[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({change, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
-
-bool Resembles(std::string_view name, std::string_view known) {
-    return name.size() <= kMostNameLength && Distance(Lower(name), known) <= kMostTypos;
+const KnownKey* Known(std::string_view name) {
+    const auto* found = std::find_if(kKnownKeys.begin(), kKnownKeys.end(),
+                                     [&](const KnownKey& key) { return key.name == name; });
+    return found == kKnownKeys.end() ? nullptr : found;
 }
 
 class Linter {
  public:
     std::vector<IniFinding> Lint(std::string_view text) {
-        const bool marked = text.starts_with("\xEF\xBB\xBF");
-        if (marked) {
-            text.remove_prefix(3);
+        const IniText ini = ReadIniText(text);
+        if (ini.has_nul) {
+            Misread("the file is not ANSI text", "save it as ANSI text");
+            return std::move(findings_);
         }
-        bool bare_returns = false;
-        for (line_ = 1; !text.empty(); ++line_) {
-            const size_t end = std::min(text.find_first_of("\r\n"), text.size());
-            const std::string_view line = Trimmed(text.substr(0, end));
-            text.remove_prefix(end);
-            bare_returns = bare_returns || (text.starts_with('\r') && !text.starts_with("\r\n"));
-            text.remove_prefix(text.starts_with("\r\n") ? 2 : std::min<size_t>(1, text.size()));
-            if (marked && line_ == 1 && !IsComment(line)) {
-                Misread(
-                    "the file begins with a UTF-8 byte order mark, which hides its first line from the "
-                    "reader",
-                    "save it as ANSI text");
-            }
+        if (ini.mark_hides_line) {
+            Misread(
+                "the file begins with a UTF-8 byte order mark, which hides its first line from the reader",
+                "save it as ANSI text");
+        }
+        for (const IniLine& line : ini.lines) {
+            line_ = line.number;
             Line(line);
         }
         for (const Elsewhere& setting : elsewhere_) {
             if (!seen_[setting.key]) {
                 line_ = setting.line;
-                Doubt(setting.text + " stands outside of the section [kestoav] and is not read",
+                Doubt(setting.text + " stands outside the section [kestoav] and is not read",
                       "move it below the line [kestoav], if it is meant for the plug-in");
             }
         }
         line_ = 1;
-        if (bare_returns) {
+        if (ini.bare_returns) {
             Doubt("lines end with a carriage return alone, which not every reader takes for an end",
                   "save the file with the line ends of Windows");
         }
@@ -132,90 +87,59 @@ class Linter {
         findings_.push_back({line_, false, std::move(text), std::move(remedy)});
     }
 
-    void Line(std::string_view line) {
-        if (IsComment(line)) {
-            return;
-        }
-        if (line[0] == '[') {
+    void Line(const IniLine& line) {
+        if (line.kind == IniLineKind::kSection) {
             Section(line);
-            return;
-        }
-        const size_t equals = line.find('=');
-        if (!in_section_) {
-            SettingElsewhere(line, Trimmed(line.substr(0, std::min(equals, line.size()))));
-            return;
-        }
-        if (equals == std::string_view::npos) {
-            Doubt(Quoted(line) + " is no setting and is not read",
+        } else if (!in_section_) {
+            SettingElsewhere(line);
+        } else if (line.kind == IniLineKind::kWords) {
+            Doubt(Quoted(line.text) + " is not a setting and is not read",
                   "write key=value, or ; in front of a comment");
-            return;
+        } else {
+            Setting(line);
         }
-        Setting(Trimmed(line.substr(0, equals)), Trimmed(line.substr(equals + 1)));
     }
 
     // Other programs may have sections of their own in the file.
-    void SettingElsewhere(std::string_view line, std::string_view name) {
-        const KnownKey* const key = line.find('=') == std::string_view::npos ? nullptr : Nearest(name);
+    void SettingElsewhere(const IniLine& line) {
+        const KnownKey* const key = Known(line.name);
         if (key && !other_section_ && !section_seen_) {
-            Misread(Quoted(line) + " stands outside of the section [kestoav] and is not read",
+            Misread(Quoted(line.text) + " stands outside the section [kestoav] and is not read",
                     "move it below the line [kestoav]");
         } else if (key && other_section_) {
-            elsewhere_.push_back({line_, static_cast<size_t>(key - kKnownKeys.data()), Quoted(line)});
+            elsewhere_.push_back({line_, static_cast<size_t>(key - kKnownKeys.data()), Quoted(line.text)});
         }
     }
 
-    void Section(std::string_view line) {
-        const std::string_view name = line.substr(1, std::min(line.find(']'), line.size()) - 1);
-        in_section_ = Lower(name) == kSection;
-        other_section_ = !in_section_;
-        if (in_section_ && section_seen_) {
-            in_section_ = false;
-            Misread("a second section [kestoav] is not read", "move its settings into the first");
-        } else if (in_section_) {
+    void Section(const IniLine& line) {
+        in_section_ = line.name == kSection && !section_seen_;
+        other_section_ = line.name != kSection;
+        if (in_section_) {
             section_seen_ = true;
-            if (line.find(']') == std::string_view::npos) {
+            if (line.text.find(']') == std::string_view::npos) {
                 Doubt("the section's name has no ] at its end", "write [kestoav]");
             }
-        } else if (Resembles(Trimmed(name), kSection)) {
-            Misread("the section " + Quoted(name) + " is not read", "write [kestoav]");
+        } else if (!other_section_) {
+            Misread("a second section [kestoav] is not read", "move its settings into the first");
         }
     }
 
-    static const KnownKey* Nearest(std::string_view name) {
-        const auto resembles = [&](const KnownKey& key) { return Resembles(name, key.name); };
-        const auto found = std::find_if(kKnownKeys.begin(), kKnownKeys.end(), resembles);
-        return found == kKnownKeys.end() ? nullptr : &*found;
-    }
-
-    void Setting(std::string_view name, std::string_view value) {
-        const auto named = [&](const KnownKey& key) { return key.name == Lower(name); };
-        const auto key = std::find_if(kKnownKeys.begin(), kKnownKeys.end(), named);
-        if (key == kKnownKeys.end()) {
-            const KnownKey* nearest = Nearest(name);
-            if (nearest) {
-                Misread("the key " + Quoted(name) + " is not known, and its value not read",
-                        "write " + std::string(nearest->name) + "=");
-            } else {
-                Doubt("the key " + Quoted(name) + " is not known, and its value not read", "remove the line");
-            }
+    void Setting(const IniLine& line) {
+        const KnownKey* const key = Known(line.name);
+        if (key == nullptr) {
+            Misread("the key " + Quoted(line.name) + " is not known, and its value not read",
+                    "remove the line, or write one of the keys servers, encrypt, autostart, startwait, "
+                    "connectwait, restartcount and logfile");
             return;
         }
-        bool& seen = seen_[static_cast<size_t>(key - kKnownKeys.begin())];
+        bool& seen = seen_[static_cast<size_t>(key - kKnownKeys.data())];
         if (seen) {
-            Misread("the key " + Quoted(name) + " stands here for the second time: only the first is read",
+            Misread("the key " + Quoted(line.name) + " is given twice: only the first is read",
                     "remove one of the two lines");
             return;
         }
         seen = true;
-        Value(*key, Unquoted(value));
-    }
-
-    // The reader takes away one pair of quotes around a value.
-    static std::string_view Unquoted(std::string_view value) {
-        if (value.size() >= 2 && (value[0] == '"' || value[0] == '\'') && value.back() == value[0]) {
-            return value.substr(1, value.size() - 2);
-        }
-        return value;
+        Value(*key, line.value);
     }
 
     void Value(const KnownKey& key, std::string_view value) {
@@ -240,13 +164,17 @@ class Linter {
         const std::string remedy =
             is_switch ? "write " + name + "=1 or " + name + "=0" : "write " + name + "= and a whole number";
         if (AllDigits(value) && value.size() <= 9) {
+            if (key.name == "startwait" && value.find_first_not_of('0') == std::string_view::npos) {
+                Doubt("startwait=0 gives an engine that was started again no time to listen",
+                      "write startwait=120");
+            }
             if (key.kind == ValueKind::kSeconds && std::stol(std::string(value)) > kLongWait) {
                 Doubt(name + " is over an hour, for which a mail may have to wait",
                       "write a number of seconds such as 120");
             }
             return;
         }
-        // The reader stops at the first character that is no digit.
+        // The reader stops at the first character that is not a digit.
         const size_t digits = value.find_first_not_of("0123456789");
         const bool minus = value.starts_with('-') && AllDigits(value.substr(1));
         if (minus && key.kind == ValueKind::kSeconds) {
@@ -255,7 +183,7 @@ class Linter {
         } else if (minus || (digits == std::string_view::npos && !value.empty())) {
             Doubt(Quoted(value) + " is an odd value for " + name, remedy);
         } else if (value.empty() || digits == 0) {
-            Misread(name + "=" + Quoted(value) + " is no number and is read as 0" +
+            Misread(name + "=" + Quoted(value) + " is not a number and is read as 0" +
                         (is_switch ? ", which is off" : ""),
                     remedy);
         } else {
@@ -275,6 +203,10 @@ class Linter {
         } else if (!on_drive && !value.starts_with("\\\\")) {
             Doubt("logfile is relative: where it lies depends on the mail server's working folder",
                   "write the whole path, with its drive");
+        }
+        if (value.find(" ;") != std::string_view::npos || value.find("\t;") != std::string_view::npos) {
+            Misread("the comment behind the path of logfile is a part of it to the reader",
+                    "put the comment on a line of its own");
         }
         if (value.find('%') != std::string_view::npos) {
             Doubt("logfile holds a %: environment variables are not replaced", "write the path itself");
@@ -300,7 +232,7 @@ class Linter {
         const size_t colon = server.find(':');
         const std::string_view host = server.substr(0, colon);
         if (server.starts_with(';') || server.starts_with('#')) {
-            Misread("what stands behind the servers is no comment to the reader, but further servers",
+            Misread("what stands behind the servers is not a comment to the reader, but further servers",
                     "put the comment on a line of its own");
             return false;
         }
@@ -314,7 +246,7 @@ class Linter {
         } else if (host.find_first_of("[]/") != std::string_view::npos) {
             Misread(Quoted(host) + " is read as the name of a host",
                     "write an IPv4 address or a name, then :port");
-        } else if (Lower(host) == "localhost") {
+        } else if (LowerAscii(host) == "localhost") {
             Doubt("a refused connection to localhost can cost two seconds", "write 127.0.0.1");
         }
         if (colon != std::string_view::npos) {
@@ -327,7 +259,7 @@ class Linter {
         const std::string remedy = "write host:port with a port from 1 to 65535";
         if (!AllDigits(port)) {
             Misread("the port of " + Quoted(server) +
-                        " is no number: it is read up to the first other character, "
+                        " is not a number: it is read up to the first other character, "
                         "and as 0 without a digit",
                     remedy);
             return;

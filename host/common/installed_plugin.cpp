@@ -2,8 +2,12 @@
 
 #include <windows.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "base/log.h"
 #include "base/server_list.h"
+#include "common/error_words.h"
 #include "common/text.h"
 #include "host/common/plugin_library.h"
 
@@ -33,12 +37,9 @@ InstalledPlugin ReadInstalledPlugin(const std::wstring& folder) {
 }
 
 bool HoldsPlugin(const InstalledPlugin& installed) {
-    for (const wchar_t* name : {L"\\kestoav.ini", L"\\CLAMDLL.dll", L"\\plugins\\kestoav"}) {
-        if (GetFileAttributesW((installed.folder + name).c_str()) != INVALID_FILE_ATTRIBUTES) {
-            return true;
-        }
-    }
-    return false;
+    constexpr const wchar_t* kParts[] = {L"\\kestoav.ini", L"\\CLAMDLL.dll", L"\\plugins\\kestoav"};
+    return std::any_of(std::begin(kParts), std::end(kParts),
+                       [&](const wchar_t* part) { return !IsMissing(installed.folder + part); });
 }
 
 std::string AddressText(const Endpoint& server) {
@@ -48,6 +49,30 @@ std::string AddressText(const Endpoint& server) {
 bool IsFile(const std::wstring& path) {
     const DWORD attributes = GetFileAttributesW(path.c_str());
     return attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+bool IsMissing(const std::wstring& path) {
+    const bool there = GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+    return !there && (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
+}
+
+Fault ProgramFault(const std::wstring& path) {
+    if (IsMissing(path)) {
+        return {"is missing", ERROR_FILE_NOT_FOUND};
+    }
+    DWORD kind = 0;
+    if (!GetBinaryTypeW(path.c_str(), &kind)) {
+        const DWORD code = GetLastError();
+        return code == ERROR_BAD_EXE_FORMAT || code == 0
+                   ? Fault{"is not a program, or is damaged", code}
+                   : Fault{"cannot be read: " + SystemErrorWithCode(code), code};
+    }
+    SYSTEM_INFO machine;
+    GetNativeSystemInfo(&machine);
+    const bool runs_64_bit = machine.wProcessorArchitecture != PROCESSOR_ARCHITECTURE_INTEL;
+    return kind == SCS_32BIT_BINARY || (kind == SCS_64BIT_BINARY && runs_64_bit)
+               ? Fault()
+               : Fault{"is a program that this machine does not run", ERROR_EXE_MACHINE_TYPE_MISMATCH};
 }
 
 }  // namespace kesto::host

@@ -31,4 +31,10 @@ std::string AddressText(const Endpoint& server);
 
 bool IsFile(const std::wstring& path);
 
+// Nothing is there; what this account may not see is not missing.
+bool IsMissing(const std::wstring& path);
+
+// Why this machine does not run the program: "is missing", "is not a program ...".
+Fault ProgramFault(const std::wstring& path);
+
 }  // namespace kesto::host

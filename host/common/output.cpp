@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <cstdio>
 #include <string>
 
 #include "common/error_words.h"
@@ -102,6 +103,12 @@ Fault PrintToFileToo(const std::wstring& path) {
     }
     const std::lock_guard guard(OutputLock());
     g_file = file;
+    SYSTEMTIME now;
+    char line[64];
+    GetLocalTime(&now);
+    std::snprintf(line, sizeof line, "kestoscan on %04u-%02u-%02u at %02u:%02u:%02u\n", now.wYear, now.wMonth,
+                  now.wDay, now.wHour, now.wMinute, now.wSecond);
+    WriteBytes(file, line);  // what it comes to shows with the first line that matters
     return {};
 }
 
@@ -116,6 +123,11 @@ bool ProgressShown() {
 
 void DrawProgress(std::string_view line) {
     const std::lock_guard guard(OutputLock());
+    CONSOLE_SCREEN_BUFFER_INFO screen;
+    if (GetConsoleScreenBufferInfo(Error().handle, &screen) && screen.dwSize.X > 1) {
+        line =
+            line.substr(0, static_cast<size_t>(screen.dwSize.X) - 1);  // a longer one could not be wiped out
+    }
     std::string text = "\r";
     text += line;
     if (line.size() < g_progress_width) {

@@ -13,7 +13,7 @@ namespace kesto::host {
 void PrintOut(std::string_view lines);
 void PrintError(std::string_view lines);
 
-// From now on appends all that is printed, as UTF-8, to this file as well.
+// From now on appends all that is printed, as UTF-8, to this file as well, below a line with the time.
 Fault PrintToFileToo(const std::wstring& path);
 
 // Standard output or that file could not be written (a full disk, a closed pipe).

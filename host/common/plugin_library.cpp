@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <sstream>
+
 #include "common/error_words.h"
 #include "common/text.h"
 
@@ -11,6 +13,16 @@ namespace {
 // The system starts a program by a path of at most 259 characters, and "\plugins\kestoav\kestoav.exe" takes
 // 28 of them.
 constexpr size_t kMostFolder = 231;
+
+// Every name that the mail server may ask for.
+constexpr char kExportNames[] =
+    "CHECKLICENCE CLOSEINSTANCE CLOSESCANNER DOSIMPLEUPDATE DOUPDATE GETERRORTEXT GETEXPIRY "
+    "GETVERSIONDETAILS INITIALIZEINSTANCE INITIALIZESCANNER ISFATALERROR "
+    "PROCESSWINDOWSMESSAGE RELOADSCANNER SCANFILE UNLOADSCANNER _CheckLicence@8 "
+    "_CloseInstance@4 _CloseScanner@0 _DoSimpleUpdate@8 _DoUpdate@16 _GetErrorText@12 "
+    "_GetExpiry2@20 _GetExpiry@12 _GetVersionDetails@8 _InitializeInstance@4 "
+    "_InitializeScanner@20 _IsFatalError@4 _ProcessWindowsMessage@12 _ReloadScanner@0 "
+    "_ScanFile@24 _UnloadScanner@0";
 
 template <typename Function>
 void Bind(HMODULE module, const char* name, Function& function) {
@@ -27,47 +39,16 @@ Fault LoadFault(const std::wstring& path, DWORD code) {
 
 }  // namespace
 
-const std::array<const char*, 31> kExportNames = {"CHECKLICENCE",
-                                                  "CLOSEINSTANCE",
-                                                  "CLOSESCANNER",
-                                                  "DOSIMPLEUPDATE",
-                                                  "DOUPDATE",
-                                                  "GETERRORTEXT",
-                                                  "GETEXPIRY",
-                                                  "GETVERSIONDETAILS",
-                                                  "INITIALIZEINSTANCE",
-                                                  "INITIALIZESCANNER",
-                                                  "ISFATALERROR",
-                                                  "PROCESSWINDOWSMESSAGE",
-                                                  "RELOADSCANNER",
-                                                  "SCANFILE",
-                                                  "UNLOADSCANNER",
-                                                  "_CheckLicence@8",
-                                                  "_CloseInstance@4",
-                                                  "_CloseScanner@0",
-                                                  "_DoSimpleUpdate@8",
-                                                  "_DoUpdate@16",
-                                                  "_GetErrorText@12",
-                                                  "_GetExpiry2@20",
-                                                  "_GetExpiry@12",
-                                                  "_GetVersionDetails@8",
-                                                  "_InitializeInstance@4",
-                                                  "_InitializeScanner@20",
-                                                  "_IsFatalError@4",
-                                                  "_ProcessWindowsMessage@12",
-                                                  "_ReloadScanner@0",
-                                                  "_ScanFile@24",
-                                                  "_UnloadScanner@0"};
-
 Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin) {
     const HMODULE module = LoadLibraryW(path.c_str());
     if (!module) {
         return LoadFault(path, GetLastError());
     }
     std::string missing;
-    for (const char* name : kExportNames) {
-        if (!GetProcAddress(module, name)) {
-            missing += std::string(missing.empty() ? "" : ", ") + name;
+    std::istringstream names(kExportNames);
+    for (std::string name; names >> name;) {
+        if (!GetProcAddress(module, name.c_str())) {
+            missing += (missing.empty() ? "" : ", ") + name;
         }
     }
     if (!missing.empty()) {

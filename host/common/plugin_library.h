@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -24,9 +23,6 @@ struct PluginLibrary {
     void(__stdcall* get_version_details)(char* text, uint32_t size);
     int32_t(__stdcall* get_expiry)(uint32_t a, uint32_t b, uint32_t c);
 };
-
-// Every name that the mail server may ask for.
-extern const std::array<const char*, 31> kExportNames;
 
 // The fault: the library cannot be loaded or lacks an export.
 Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin);

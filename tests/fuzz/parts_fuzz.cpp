@@ -1,4 +1,4 @@
-// The fuzz targets, one a part: PART names the function that gets each input.
+// The fuzz targets, one for each part. PART names the function that gets the inputs.
 #include <algorithm>
 #include <cstdlib>
 #include <string>
@@ -13,8 +13,8 @@ using namespace bridge;
 
 const auto Expect = [](bool holds) { return holds ? void() : abort(); };
 
-// A client's bytes come out the same cut into pieces or whole, and undoing the shift touches data only. The
-// first byte tells the size of the pieces.
+// A client's bytes come out the same whether they come in pieces or whole, and undoing the shift changes data
+// only. The first byte is the size of the pieces.
 void bridge_framing(const std::string& text) {
     const auto* const client = reinterpret_cast<const uint8_t*>(text.data()) + 1;
     const size_t command = text.empty() ? 0 : FindCommand(client, text.size() - 1).size;
@@ -48,7 +48,7 @@ void bridge_framing(const std::string& text) {
     Expect(data_bytes == 0);
 }
 
-// Every finding has a line that the file has, and something to say.
+// Every finding is about a line of the file, and has a text.
 void ini_lint(const std::string& text) {
     const auto ends_line = [](char c) { return c == '\n' || c == '\r'; };
     const int lines = static_cast<int>(std::count_if(text.begin(), text.end(), ends_line)) + 1;
@@ -58,7 +58,7 @@ void ini_lint(const std::string& text) {
     }
 }
 
-// A reply is infected, clean or unexpected, and its parts put together again give the reply.
+// A reply is infected, clean or unexpected, and its parts put together are the reply again.
 void reply_verdict(const std::string& reply) {
     const auto [kind, text] = VerdictOfReply(reply);
     const bool verdict = reply.starts_with("stream: "),

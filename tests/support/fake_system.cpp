@@ -30,7 +30,7 @@ void Record(const std::string& call) {
     g_system->calls.push_back(call);
 }
 
-// What waits for ever, by a fault, ends here as well: no engine runs any more, nor starts.
+// Ends waits that a fault has made endless: from here on no engine runs or starts.
 void Step() {
     if (++g_system->steps == 20'000) {
         g_system->Become({.processes = {}, .accepts_from = kNever, .starts = false, .clock = kNever / 2});

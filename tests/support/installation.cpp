@@ -4,6 +4,7 @@
 #include <psapi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <span>
 #include <sstream>
@@ -13,7 +14,7 @@
 namespace kesto {
 namespace {
 
-// What is started here, and by what is started here, ends with this process, however that ends.
+// All programs that this process starts, and that those start, end with it, however it ends.
 [[maybe_unused]] const bool g_children_end_with_us = [] {
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
@@ -22,18 +23,25 @@ namespace {
            AssignProcessToJobObject(job, GetCurrentProcess());
 }();
 
-// A test that hangs is named and ends its program, with its children, before the runner's limit passes: a
-// signal from outside has taken Wine's server along.
+// A test that hangs ends its program, with its children, before the runner's limit passes: a signal from
+// outside has taken Wine's server along. The thread outlives the test framework, so it touches nothing of that.
+std::atomic<ULONGLONG> g_test_ends_by = ULLONG_MAX;
+
+class Watch : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo&) override {
+        g_test_ends_by = GetTickCount64() + 10 * kTestLimit.count();
+    }
+    void OnTestEnd(const testing::TestInfo&) override { g_test_ends_by = ULLONG_MAX; }
+};
+
 [[maybe_unused]] const bool g_tests_end = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new Watch);
     std::thread([] {
-        const auto current = [] { return testing::UnitTest::GetInstance()->current_test_info(); };
-        for (const testing::TestInfo* last = current();; last = current()) {
-            if (WaitFor([&] { return current() != last; }, 10 * kTestLimit) || last == nullptr) {
-                continue;
-            }
-            fprintf(stderr, "%s.%s hangs\n", last->test_suite_name(), last->name());
-            TerminateProcess(GetCurrentProcess(), 1);
+        while (GetTickCount64() < g_test_ends_by) {
+            Sleep(250);
         }
+        fputs("the test hangs\n", stderr);
+        TerminateProcess(GetCurrentProcess(), 1);
     }).detach();
     return true;
 }();
@@ -47,7 +55,7 @@ std::filesystem::path NewFolder() {
     return folder;
 }
 
-// The paths of all processes' programs that this one can tell, with their IDs.
+// The IDs and program paths of all processes, as far as this one may know them.
 std::vector<std::pair<DWORD, std::filesystem::path>> AllPrograms() {
     std::vector<std::pair<DWORD, std::filesystem::path>> all;
     DWORD ids[4096], bytes = 0;
@@ -87,8 +95,8 @@ Installation::Installation(const std::wstring& name) : top(NewFolder()), folder(
 Installation::~Installation() {
     started_.clear();
     EndPrograms();
-    // In its exact form, for the names in it that Windows would read as others. A program's file may be held
-    // for a moment after its end.
+    // The path is in its exact form, for names that Windows would take for others. A program's file may be in
+    // use for a moment after its end.
     std::error_code error;
     EXPECT_TRUE(WaitFor([&] {
         return std::filesystem::remove_all(L"\\\\?\\" + top.wstring(), error), !error;
@@ -134,7 +142,7 @@ std::vector<std::string> Installation::LogMessages() const {
 
 void Installation::PlaceStandIn(const std::filesystem::path& program, const std::string& role) const {
     WriteFile(Beside(program, ".role"), role);
-    // One that runs cannot be written over, and need not be.
+    // A program that runs cannot be overwritten, and need not be.
     CopyFileW((BuiltFolder() / "tests" / "engine_child.exe").c_str(), program.c_str(), TRUE);
 }
 

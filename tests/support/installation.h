@@ -48,7 +48,7 @@ class Installation {
     // there), "engine PORT SCRIPT" (a ScriptedEngine, see ScriptNamed). A program that is there already takes
     // up the new role at its next start.
     void PlaceStandIn(const std::filesystem::path& program, const std::string& role) const;
-    // Puts the real bridge there as the engine, with an empty bridge.log and a bridge.ini of a free port,
+    // Puts the real bridge there as the engine, with an empty bridge.log and with a free port in bridge.ini,
     // which is returned.
     uint16_t PlaceBridge(const std::string& upstreams, const std::string& more_lines = "",
                          const char* program = "kestoav.exe") const;
