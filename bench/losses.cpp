@@ -35,7 +35,7 @@ std::vector<DWORD> ProcessesOf(const wchar_t* program) {
 // As taskkill does.
 void EndAll(const wchar_t* program) {
     for (const DWORD id : ProcessesOf(program)) {
-        const HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, id);
+        HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, id);
         TerminateProcess(process, 1);
         CloseHandle(process);
     }
@@ -45,7 +45,7 @@ void StopAll(const wchar_t* program) {
     const auto suspend = reinterpret_cast<LONG(WINAPI*)(HANDLE)>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtSuspendProcess")));
     for (const DWORD id : ProcessesOf(program)) {
-        const HANDLE process = OpenProcess(PROCESS_ALL_ACCESS, FALSE, id);
+        HANDLE process = OpenProcess(PROCESS_ALL_ACCESS, FALSE, id);
         suspend(process);
         CloseHandle(process);
     }

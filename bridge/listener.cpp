@@ -61,7 +61,7 @@ void Listener::HandOver(SOCKET client, const tcp::endpoint& peer, Doorway doorwa
     }
     try {
         asio::post(bridge_.io,
-                   [this, arrival = Arrival(std::move(socket), peer, std::move(doorway))]() mutable {
+                   [this, arrival = Arrival{std::move(socket), peer, std::move(doorway)}]() mutable {
                        arrival_.emplace(std::move(arrival));
                    });
     } catch (const std::exception&) {  // out of memory: it is hung up on

@@ -48,7 +48,7 @@ class Listener {
     bool acknowledges_ = true;  // the system has the option
     std::atomic<bool> stopping_ = false;
     std::optional<Arrival> arrival_;
-    const HANDLE door_ = CreateEventW(nullptr, FALSE, TRUE, nullptr);
+    HANDLE door_ = CreateEventW(nullptr, FALSE, TRUE, nullptr);
     std::thread thread_;
 };
 

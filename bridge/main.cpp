@@ -102,7 +102,7 @@ SOCKET OpenListener(WorkerOrders& orders, ServerAddress& where) {
 
 // Reads what the guard writes, to the end of the guard.
 bool ReadOrders(void* orders, DWORD size) {
-    const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
     DWORD read = 0;
     return GetFileType(input) == FILE_TYPE_PIPE && ReadFile(input, orders, size, &read, nullptr) &&
            read == size;

@@ -36,6 +36,11 @@ SOCKET TryToListen(const sockaddr_in& where) {
     return INVALID_SOCKET;
 }
 
+void LogFailure(const char* begin, const ServerAddress& where, const char* end) {
+    const std::string why = ErrorWords(static_cast<DWORD>(WSAGetLastError()));
+    LogBridge("listen", begin + ("cannot listen on " + AddressText(where)) + end + " - " + why);
+}
+
 DWORD WINAPI LetFinish(void* argument) {
     const auto client = reinterpret_cast<SOCKET>(argument);
     u_long nonblocking = 0;
@@ -66,14 +71,12 @@ SOCKET Listen(const std::wstring& folder) {
         if (listener != INVALID_SOCKET) {
             return listener;
         }
-        const std::string why = " - " + ErrorWords(static_cast<DWORD>(WSAGetLastError()));
-        const std::string what = "cannot listen on " + AddressText(listen_on);
         if (GetTickCount() - start >= kWaitForPortMs) {
-            LogBridge("listen", "cannot start - " + what + why);
+            LogFailure("cannot start - ", listen_on, "");
             return INVALID_SOCKET;
         }
         if (!std::exchange(told, true)) {
-            LogBridge("listen", what + " yet" + why);
+            LogFailure("", listen_on, " yet");
         }
         Sleep(kBetweenTriesMs);
     }

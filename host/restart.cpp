@@ -20,7 +20,7 @@ constexpr DWORD kLimitMs = 15'000;  // the guard itself needs 10 s at most
 // What the guard answers; the reason, where it does not.
 std::string AskGuard(const InstalledPlugin& installed) {
     // A stranger who has made a pipe of this name learns nothing of us.
-    const HANDLE pipe =
+    HANDLE pipe =
         CreateFileW(GuardPipe(installed.engine_folder).c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
                     FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS, nullptr);
     switch (pipe == INVALID_HANDLE_VALUE ? GetLastError() : 0) {

@@ -24,7 +24,8 @@ namespace {
 }();
 
 // A test that hangs ends its program, with its children, before the runner's limit passes: a signal from
-// outside has taken Wine's server along. The thread outlives the test framework, so it touches nothing of that.
+// outside has taken Wine's server along. The thread outlives the test framework, so it touches nothing of
+// that.
 std::atomic<ULONGLONG> g_test_ends_by = ULLONG_MAX;
 
 class Watch : public testing::EmptyTestEventListener {
