@@ -15,9 +15,9 @@ struct BridgeIni {
     BridgeSettings settings;
     std::vector<std::string> problems;          // in the bridge's words; not empty: it does not start
     std::vector<std::string> updater_problems;  // the updater does nothing
-    bool readable = true;                       // otherwise that is the problem; another program may have it open
-    std::wstring log_path;                      // also with problems
-    bool log_only_if_present;                   // no path is set: the file is used if it exists
+    bool readable = true;      // otherwise that is the problem; another program may have it open
+    std::wstring log_path;     // also with problems
+    bool log_only_if_present;  // no path is set: the file is used if it exists
 };
 
 // A missing file means that every setting has its default.
