@@ -1,13 +1,13 @@
 #include "bridge/upkeep.h"
 
 #include <winsock2.h>
+#include <windows.h>
 #include <ws2tcpip.h>
 
 #include <algorithm>
 #include <atomic>
 #include <exception>
 #include <new>
-#include <thread>
 #include <utility>
 
 #include "base/clamd_words.h"
@@ -59,14 +59,17 @@ struct Upkeep::Lookup {
     int error = 0;
     std::atomic<bool> done = false;  // the above belongs to the thread until then
 
-    void Run() noexcept {
+    static DWORD WINAPI Run(void* shared) {
+        const std::unique_ptr<std::shared_ptr<Lookup>> keeper(static_cast<std::shared_ptr<Lookup>*>(shared));
+        Lookup& self = **keeper;
         try {
-            error = LookUpName(name, addresses);
+            self.error = LookUpName(self.name, self.addresses);
         } catch (const std::exception&) {
-            addresses.clear();
-            error = ERROR_NOT_ENOUGH_MEMORY;
+            self.addresses.clear();
+            self.error = ERROR_NOT_ENOUGH_MEMORY;
         }
-        done = true;
+        self.done = true;
+        return 0;
     }
 };
 
@@ -88,13 +91,16 @@ void Upkeep::LookUp(const ServerPtr& server, Time now) {
     const auto lookup = std::make_shared<Lookup>();
     lookup->server = server;
     lookup->name = server->name;
-    lookups_.push_back(lookup);
-    try {
-        std::thread([lookup] { lookup->Run(); }).detach();
-    } catch (const std::exception&) {
-        lookups_.pop_back();
-        throw;
+    // Not by std::thread: its detaching and its start fail now and then, with this library, in short threads.
+    auto keeper = std::make_unique<std::shared_ptr<Lookup>>(lookup);
+    std::list<std::shared_ptr<Lookup>> entry{lookup};
+    const HANDLE thread = CreateThread(nullptr, 0, Lookup::Run, keeper.get(), 0, nullptr);
+    if (thread == nullptr) {
+        return;  // the next time, then
     }
+    CloseHandle(thread);
+    keeper.release();
+    lookups_.splice(lookups_.end(), entry);
     server->lookup.running = true;
     server->lookup.at = now;
 }
