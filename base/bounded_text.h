@@ -1,4 +1,4 @@
-// Text into buffers of a fixed size: cut where it does not fit, always terminated.
+// Text in buffers of a fixed size: it is cut where it does not fit, and always terminated.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ inline constexpr size_t kPathSize = 260;      // bytes of the plug-in folder and
 // A size of 0 writes nothing.
 void CopyText(char* buffer, size_t size, const char* text);
 
-// Formats into `size` bytes with the rules of CopyText. Never throws.
+// Formats into `size` bytes by the rules of CopyText. Never throws.
 [[gnu::format(__MINGW_PRINTF_FORMAT, 3, 4)]] void FormatText(char* buffer, size_t size, const char* format,
                                                              ...);
 

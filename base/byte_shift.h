@@ -6,7 +6,7 @@
 
 namespace kesto {
 
-// Subtracts one from every byte, or adds one to it; 0x00 wraps to 0xFF and back.
+// Subtracts one from every byte, or adds one to it; 0x00 becomes 0xFF, and the other way round.
 void ShiftBytesDown(uint8_t* bytes, size_t count);
 void ShiftBytesUp(uint8_t* bytes, size_t count);
 

@@ -6,7 +6,7 @@ ScanVerdict VerdictOfReply(std::string_view reply) {
     if (!reply.starts_with(kVerdictBeginning)) {
         return {VerdictKind::kUnexpectedReply, reply};
     }
-    // The blank at the beginning's end is not the one of " FOUND".
+    // The blank that ends "stream: " is not the one that begins " FOUND".
     std::string_view rest = reply;
     rest.remove_prefix(kVerdictBeginning.size());
     if (!rest.ends_with(kFoundEnding)) {

@@ -14,10 +14,10 @@ inline constexpr std::string_view kVersionCommand("zVERSION\0", 9);
 inline constexpr std::string_view kPingCommand("zPING\0", 6);
 inline constexpr std::string_view kStatsCommand("zSTATS\0", 7);  // the bridge answers it, clamd does not
 
-// Data bytes of each chunk of a stream but the last, as the plug-in cuts it.
+// The data bytes in each chunk that the plug-in sends; the last chunk may be smaller.
 inline constexpr uint32_t kChunkSize = 8192;
 
-// How long the plug-in waits, in milliseconds, while the engine neither takes nor sends a byte.
+// How long the plug-in waits for an engine that neither takes nor sends a byte, in milliseconds.
 inline constexpr uint32_t kIdleLimitMs = 20000;
 
 // How every verdict begins.
@@ -25,31 +25,31 @@ inline constexpr std::string_view kVerdictBeginning = "stream: ";
 inline constexpr std::string_view kCleanReply = "stream: OK";
 inline constexpr std::string_view kFoundEnding = " FOUND";
 
-// The file is larger than this clamd takes: the file is the cause, not the server.
+// clamd's reply to a file that is larger than it accepts. The file is the cause of it, not the server.
 inline constexpr std::string_view kSizeLimitReply = "INSTREAM size limit exceeded. ERROR";
 
-// The readings below take one whole reply without its NUL, or an empty one when none came.
+// The functions below read one whole reply without its NUL. An empty text means that no reply came.
 
 enum class VerdictKind {
     kClean,
     kInfected,         // text: the virus name
     kUnexpectedReply,  // text: the reply
-    kSendFailed,       // the connection broke or stalled while sending; no reply reads so
+    kSendFailed,       // the connection broke or stalled while sending; never the result of reading a reply
 };
 
 struct ScanVerdict {
     VerdictKind kind;
-    std::string_view text;  // a part of the reply, whose memory is the caller's
+    std::string_view text;  // a part of the reply, in the caller's memory
 };
 
-// The plug-in's reading, which is lax: any reply that begins "stream: " and does not end " FOUND" counts as
-// clean, an engine's error among them.
+// How the plug-in reads a reply. It is lax: every reply that begins with "stream: " and does not end with
+// " FOUND" counts as clean, even an error of the engine.
 ScanVerdict VerdictOfReply(std::string_view reply);
 
 enum class ScanAnswer { kClean, kInfected, kNoVerdict };
 
-// The strict reading, by which everything in front of the plug-in keeps errors from it: clean is "stream: OK"
-// and nothing else.
+// How all other programs read a reply. It is strict: only "stream: OK" is clean. In this way they keep errors
+// from the plug-in.
 ScanAnswer ReadScanAnswer(std::string_view reply);
 
 }  // namespace kesto

@@ -1,5 +1,5 @@
-// The records and codes that the mail server and the plug-in hand each other. Their layout is fixed by
-// the mail server: 32-bit, no padding.
+// The records and codes that the mail server and the plug-in exchange. The mail server determines their
+// layout: 32-bit, no padding.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ inline constexpr size_t kUpdateMessageSize = 4000;
 inline constexpr int32_t kInterfaceVersion = 1;
 
 // What a failed scan reports.
-inline constexpr uint32_t kErrorConnect = 1001;      // no engine reachable, even after a restart; fatal
+inline constexpr uint32_t kErrorConnect = 1001;      // no engine can be reached, even after a restart; fatal
 inline constexpr uint32_t kErrorCommunicate = 1002;  // sending to the engine failed
 inline constexpr uint32_t kErrorReply = 1003;        // the engine's reply was not understood
 
@@ -27,7 +27,7 @@ struct ScanFileInput {
     const uint8_t* data;
 };
 
-// Owned by the host; written only when a virus is found.
+// Owned by the host; written to only when a virus is found.
 struct ScanFileResult {
     uint32_t reserved;  // the host's own, never touched
     uint32_t infected;  // set to 1

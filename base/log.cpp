@@ -1,7 +1,9 @@
 #include "base/log.h"
 
+#include <windows.h>
 #include <io.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 
@@ -10,7 +12,7 @@
 namespace kesto {
 namespace {
 
-FILE* g_log;
+std::atomic<FILE*> g_log;
 
 }  // namespace
 
@@ -24,19 +26,25 @@ bool FindLogPath(const char* folder, const char* logfile, char (&path)[kPathSize
 }
 
 void OpenLog(const char* path) {
-    // A second start opens the log again. The first handle stays open, since another thread may be writing.
-    g_log = fopen(path, "at");
+    // A second start opens the log again. The first file stays open, since another thread may be writing to
+    // it.
+    FILE* const log = fopen(path, "at");
+    if (log != nullptr) {
+        // A program that the host starts would otherwise hold the file open for as long as it runs.
+        SetHandleInformation(reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(log))), HANDLE_FLAG_INHERIT, 0);
+    }
+    g_log = log;
 }
 
 void CloseLog() {
-    if (g_log != nullptr) {
-        fclose(g_log);
-        g_log = nullptr;
+    if (FILE* const log = g_log.exchange(nullptr)) {
+        fclose(log);
     }
 }
 
 void LogMessage(const char* format, ...) {
-    if (g_log == nullptr) {
+    FILE* const log = g_log;  // read once: another thread may be closing it
+    if (log == nullptr) {
         return;
     }
     char message[kMessageSize];
@@ -44,7 +52,7 @@ void LogMessage(const char* format, ...) {
     va_start(values, format);
     vsnprintf(message, sizeof message, format, values);
     va_end(values);
-    WriteLogLine(g_log, message);
+    WriteLogLine(log, message);
 }
 
 }  // namespace kesto

@@ -1,4 +1,4 @@
-// One line of a log file, as the plug-in and the bridge write them.
+// One line of a log file, as both the plug-in and the bridge write it.
 #pragma once
 
 #include <cstdio>

@@ -22,8 +22,8 @@ class ServerList {
     ServerList& operator=(const ServerList&) = delete;
 
     // Appends one entry for each token of `text` between single blanks, empty tokens included: "host",
-    // or "host:port" with the port read as atoi does and cut to 16 bits. False when memory is lacking: the
-    // list then ends with the last entry that could be made.
+    // or "host:port" with the port read as atoi does and cut to 16 bits. Returns false when memory runs
+    // out: the list then ends with the last entry that could be made.
     bool Append(std::string_view text);
 
     bool empty() const { return count_ == 0; }
@@ -37,7 +37,7 @@ class ServerList {
     size_t count_ = 0;
 };
 
-// The process-wide list. Appended to by start-up only, and never emptied: a second start adds its
+// The list of this process. Only start-up adds to it, and nothing empties it: a second start adds its
 // servers to those of the first.
 ServerList& Servers();
 

@@ -26,7 +26,7 @@ void ReadSettings(const char* folder, ScannerSettings& settings) {
     const ScannerSettings defaults;
     GetPrivateProfileStringA(kSection, "servers", defaults.servers, settings.servers, sizeof settings.servers,
                              path);
-    // Compared before narrowing: 256 is on, too.
+    // Compared before it becomes a bool: 256 means on, too.
     settings.encrypt = GetPrivateProfileIntA(kSection, "encrypt", defaults.encrypt, path) != 0;
     settings.autostart = GetPrivateProfileIntA(kSection, "autostart", defaults.autostart, path) != 0;
     settings.startwait =

@@ -11,17 +11,16 @@ struct ScannerSettings {
     char servers[1000] = "127.0.0.1:3313";  // engine servers, separated by single blanks
     bool encrypt = true;                    // shift every data byte down by one
     bool autostart = true;                  // start the engine at start-up
-    uint32_t startwait = 120;               // seconds for an engine restart and the connecting after it
-    uint32_t connectwait = 10;              // seconds of connecting before the engine is restarted
-    uint32_t restartcount = 3;              // kept for the administrators' files; restarts are not limited
-    char logfile[kPathSize] = "";           // empty: see FindLogPath
+    uint32_t startwait = 120;      // seconds for a restart of the engine and for connecting afterwards
+    uint32_t connectwait = 10;     // seconds of connecting before the engine is restarted
+    uint32_t restartcount = 3;     // read since administrators' files have it; has no effect
+    char logfile[kPathSize] = "";  // empty: see FindLogPath
 };
 
 // The plug-in's own. Written only during start-up.
 ScannerSettings& Settings();
 
-// Reads `folder`\kestoav.ini. Without that file the settings stay as they are, but for `logfile`, which is
-// then empty.
+// Reads `folder`\kestoav.ini. Without that file only `logfile` changes: it becomes empty.
 void ReadSettings(const char* folder, ScannerSettings& settings);
 
 }  // namespace kesto

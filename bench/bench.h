@@ -3,39 +3,46 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "bench/report.h"
+#include "tests/support/plugin_host.h"
 
 namespace kesto {
 
 struct Bench {
     int rounds;
-    std::vector<uint8_t> file;  // the largest that is scanned; smaller ones are its start
+    std::string file;  // the largest that is scanned; smaller ones are its start
     Rows rows;
 };
 
-// Two programs beside Wine, see unix_peer.cpp.
-struct UnixPeer {
-    uint16_t sink = 0;   // its port
-    std::string sender;  // its command line, but for port, count and size
+// An installation whose plug-in is started with the loopback's `port` as its only server. The process that
+// the plug-in takes for its engine is the sink, whose program is named like it.
+struct StartedPlugin : InstalledPlugin {
+    explicit StartedPlugin(uint16_t port, bool encrypt = true);
+    // Throws unless the file is found clean.
+    void Scan(std::string_view data) const;
+};
+
+// The engine bridge as installed, in front of the loopback's `upstream`.
+struct StartedBridge {
+    explicit StartedBridge(uint16_t upstream);
+    // Of all its processes.
+    double WorkingSetKilobytes() const;
+
+    Installation installed;
+    const uint16_t port;
+    const ProgramRun run;
 };
 
 void MeasureShift(Bench& bench);
-void MeasureProcessWalks(Bench& bench);
-
-// These need a sink engine, named as the plug-in asks for it.
+// These need a sink, whose port they are given.
 void MeasureScans(Bench& bench, uint16_t sink);
 void MeasureThreads(Bench& bench, uint16_t sink);
-void MeasureCall(Bench& bench, uint16_t sink);
 void MeasureMemory(Bench& bench, uint16_t sink);
-
-// Starts a bridge of its own.
-void MeasureBridge(Bench& bench, uint16_t sink, const UnixPeer& peer);
-
-void MeasureDelayedAcknowledgements(Bench& bench, const UnixPeer& peer);
-// The command-line host over many small files.
 void MeasureHost(Bench& bench, uint16_t sink);
+void MeasureBridge(Bench& bench, uint16_t sink);
+// A sink that delays its acknowledgements.
+void MeasureDelayedAcknowledgements(Bench& bench, uint16_t sink);
 // `clamdscan` is the command line of clamd's own client, without files.
 void MeasureClamd(Bench& bench, uint16_t clamd, const std::string& clamdscan);
 

@@ -1,116 +1,77 @@
 // What the bridge costs between a plug-in and its engine, and both with a real clamd.
-#include <windows.h>
-#include <psapi.h>
-
 #include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <optional>
 #include <stdexcept>
-#include <string_view>
-#include <thread>
 #include <tuple>
 #include <vector>
 
 #include "base/clamd_words.h"
 #include "bench/bench.h"
-#include "bench/plugin_copy.h"
-#include "bench/processor_time.h"
 #include "bench/timing.h"
 #include "bench/wire.h"
-#include "common/server_talk.h"
-#include "tests/loopback/loopback.h"
 
 namespace kesto {
 namespace {
 
-using namespace std::chrono_literals;
-
-double WorkingSetKilobytes(HANDLE process) {
-    PROCESS_MEMORY_COUNTERS counters = {};
-    GetProcessMemoryInfo(process, &counters, sizeof counters);
-    return static_cast<double>(counters.WorkingSetSize) / 1024;
-}
+constexpr size_t kSmall = 1000;
 
 // File data that the bridge has taken in so far, in bytes.
 double BytesTaken(uint16_t bridge) {
-    const ServerAnswer counters =
-        AskServer({"127.0.0.1", bridge}, kStatsCommand, std::chrono::steady_clock::now() + 10s);
     constexpr std::string_view kName = "\nkestoav_bytes_total ";
-    const std::string& text = counters.reply.value();
-    return std::stod(text.substr(text.find(kName) + kName.size()));
+    const std::string numbers = Ask(bridge, std::string(kStatsCommand));
+    return std::stod(numbers.substr(numbers.find(kName) + kName.size()));
 }
 
-constexpr size_t kSmall = 1000;
-
 // Scans of which all but the end has been sent: the bridge keeps each, so that it can be repeated.
-void MeasureOpenScans(Bench& bench, const BridgeProcess& bridge) {
-    constexpr int kScans = 200;
-    constexpr size_t kSize = 1'000'000;
-    constexpr double kKeptKilobytes = 128 * 1024;
-    constexpr double kBesideKilobytes = 10 * 1024;
-    const double before = WorkingSetKilobytes(bridge.Handle());
-    const double taken_before = BytesTaken(bridge.Port());
+void MeasureOpenScans(Bench& bench, const StartedBridge& bridge) {
+    constexpr size_t kScans = 200, kSize = 1'000'000;
+    constexpr double kKeptKilobytes = 128 * 1024, kBesideKilobytes = 10 * 1024;
+    const double before = bridge.WorkingSetKilobytes();
+    const double all_taken = BytesTaken(bridge.port) + double{kScans} * kSize;
     std::vector<SOCKET> connections;
-    for (int i = 0; i < kScans; ++i) {
-        const SOCKET connection = ConnectTo(bridge.Port());
-        const uint32_t prefix = htonl(kSize);
-        SendAll(connection, kScanCommand.data(), kScanCommand.size());
-        SendAll(connection, &prefix, sizeof prefix);
-        SendAll(connection, bench.file.data(), kSize);
-        connections.push_back(connection);
+    for (size_t i = 0; i < kScans; ++i) {
+        connections.push_back(ConnectTo(bridge.port));
+        SendAll(connections.back(), kScanCommand);
+        SendLength(connections.back(), kSize);
+        SendAll(connections.back(), std::string_view(bench.file).substr(0, kSize));
     }
-    if (!WaitFor([&] { return BytesTaken(bridge.Port()) >= taken_before + double{kScans} * kSize; })) {
+    if (!WaitFor([&] { return BytesTaken(bridge.port) >= all_taken; })) {
         throw std::runtime_error("the bridge does not take in what it is sent");
     }
     bench.rows.push_back({.name = "bridge: memory for 200 scans of 1 MB under way",
                           .unit = "KB",
-                          .value = WorkingSetKilobytes(bridge.Handle()) - before,
-                          .most = kKeptKilobytes + kBesideKilobytes,
-                          .explanation = "more than `keep` and 10 MB"});
+                          .value = bridge.WorkingSetKilobytes() - before,
+                          .most = kKeptKilobytes + kBesideKilobytes});
     for (SOCKET connection : connections) {
         closesocket(connection);
     }
 }
 
-void MeasureBridgeThroughput(Bench& bench, const PluginCopy& through, const PluginCopy& direct) {
-    constexpr size_t kSize = 16'000'000;
-    struct {
-        int connections;
-        double least_ratio;
-    } static constexpr kRows[] = {{1, 0.8}, {8, 0.9}};
-    for (const auto& [connections, least_ratio] : kRows) {
+void MeasureBridgeThroughput(Bench& bench, const StartedPlugin& through, const StartedPlugin& direct) {
+    const auto data = std::string_view(bench.file).substr(0, 16'000'000);
+    const std::pair<int, double> rows[] = {{1, 0.8}, {8, 0.9}};
+    for (const auto& [connections, least_ratio] : rows) {
         const Comparison times = Compare(
-            bench.rounds, [&] { through.Scan(bench.file.data(), kSize); },
-            [&] { direct.Scan(bench.file.data(), kSize); }, connections);
-        const double megabytes = kSize / 1e6 * connections;
-        bench.rows.push_back(
-            {.name = "bridge: 16 MB, connections at once: " + std::to_string(connections),
-             .unit = "MB/s",
-             .value = megabytes / times.seconds,
-             .beside_name = "direct",
-             .beside = megabytes / times.beside_seconds,
-             .ratio = times.speed,
-             .least_ratio = least_ratio,
-             .explanation = Formatted("every byte is received and sent once more on the same %u "
-                                      "processors that run sender, sink and Wine: %.0f ms instead of %.0f ms",
-                                      std::thread::hardware_concurrency(), times.seconds * 1e3,
-                                      times.beside_seconds * 1e3)});
+            bench.rounds, [&] { through.Scan(data); }, [&] { direct.Scan(data); }, connections);
+        const double megabytes = static_cast<double>(data.size()) / 1e6 * connections;
+        bench.rows.push_back({.name = "bridge: 16 MB, connections at once: " + std::to_string(connections),
+                              .unit = "MB/s",
+                              .value = megabytes / times.seconds,
+                              .beside_name = "direct",
+                              .beside = megabytes / times.beside_seconds,
+                              .ratio = times.speed,
+                              .least_ratio = least_ratio});
     }
 }
 
 // Bare senders: the plug-in's walk of the process table would take most of the time on both sides.
 void MeasureSmallScans(Bench& bench, uint16_t bridge, uint16_t sink) {
-    constexpr int kCalls = 2000;
     for (int clients : {1, 8, 64}) {
-        const int calls = kCalls / clients;
         const auto sending = [&](uint16_t port) {
             return LatencyOf(
-                calls, [&bench, port] { SendBare(port, bench.file.data(), kSmall); }, clients);
+                2000 / clients, [&] { SendBare(port, std::string_view(bench.file).substr(0, kSmall)); },
+                clients);
         };
-        const Latency through = sending(bridge);
-        const Latency direct = sending(sink);
+        const Latency through = sending(bridge), direct = sending(sink);
         const std::tuple<const char*, double, double> rows[] = {{"median", through.median, direct.median},
                                                                 {"99th percentile", through.p99, direct.p99}};
         for (const auto& [name, seconds, beside] : rows) {
@@ -150,91 +111,49 @@ std::string RunUnixCommand(const std::string& command) {
     return output;
 }
 
-// What scans cost the bridge, and the Wine server: sender and sink are beside Wine.
-void MeasureProcessorTime(Bench& bench, const UnixPeer& peer) {
-    struct {
-        const char* name;
-        int scans;
-        size_t size;
-        double units;  // what the seconds are divided by
-        std::optional<double> most_in_bridge;
-        std::optional<double> most_in_server;
-    } static constexpr kRows[] = {{"a scan of 1 KB", 3000, kSmall, 3000, 350, 325},
-                                  {"each MB", 20, 16'000'000, 320, {}, {}}};
-    const BridgeProcess bridge(peer.sink);
-    for (const auto& row : kRows) {
-        struct {
-            const char *where, *program;
-            std::optional<double> most;
-            double before;
-        } sides[] = {{"the bridge", "bridge\\kestoav.exe", row.most_in_bridge, 0},
-                     {"the Wine server", "wineserver", row.most_in_server, 0}};
-        for (auto& side : sides) {
-            side.before = ProcessorSeconds(side.program);
-        }
-        const std::string said = RunUnixCommand(peer.sender + " " + std::to_string(bridge.Port()) + " " +
-                                                std::to_string(row.scans) + " " + std::to_string(row.size));
-        if (said != "done\n") {
-            throw std::runtime_error("the bridge does not call a file clean");
-        }
-        for (const auto& side : sides) {
-            bench.rows.push_back({.name = std::string("processor time of ") + row.name + " in " + side.where,
-                                  .unit = "us",
-                                  .value = (ProcessorSeconds(side.program) - side.before) / row.units * 1e6,
-                                  .most = side.most,
-                                  .explanation = "what it is for stands below"});
-        }
-    }
-}
-
 }  // namespace
 
-void MeasureBridge(Bench& bench, uint16_t sink, const UnixPeer& peer) {
-    const BridgeProcess bridge(sink);
-    MeasureBridgeThroughput(bench, PluginCopy("through", bridge.Port(), true),
-                            PluginCopy("encrypting", sink, true));
-    MeasureSmallScans(bench, bridge.Port(), sink);
+void MeasureBridge(Bench& bench, uint16_t sink) {
+    const StartedBridge bridge(sink);
+    MeasureBridgeThroughput(bench, StartedPlugin(bridge.port), StartedPlugin(sink));
+    MeasureSmallScans(bench, bridge.port, sink);
     MeasureOpenScans(bench, bridge);
-    MeasureProcessorTime(bench, peer);
 }
 
-void MeasureDelayedAcknowledgements(Bench& bench, const UnixPeer& peer) {
-    constexpr int kCalls = 40;
-    const BridgeProcess bridge(peer.sink);
+void MeasureDelayedAcknowledgements(Bench& bench, uint16_t sink) {
+    const StartedBridge bridge(sink);
     const auto median = [&](uint16_t port) {
-        const PluginCopy plugin("delayed", port, true);
-        return LatencyOf(kCalls, [&] { plugin.Scan(bench.file.data(), kSmall); }).median * 1e6;
+        const StartedPlugin plugin(port);
+        return LatencyOf(40, [&] { plugin.Scan(std::string_view(bench.file).substr(0, kSmall)); }).median *
+               1e6;
     };
     bench.rows.push_back({.name = "1 KB to a receiver that delays: bridge",
                           .unit = "us",
-                          .value = median(bridge.Port()),
+                          .value = median(bridge.port),
                           .beside_name = "direct",
-                          .beside = median(peer.sink)});
+                          .beside = median(sink)});
 }
 
 void MeasureClamd(Bench& bench, uint16_t clamd, const std::string& clamdscan) {
-    constexpr int kFiles = 16;
-    constexpr size_t kSize = 1'000'000;
+    constexpr size_t kFiles = 16, kSize = 1'000'000;
+    const auto data = [&](size_t i) { return std::string_view(bench.file).substr(i * kSize, kSize); };
     std::filesystem::create_directory("files");
-    auto data = [&](int i) { return bench.file.data() + i * kSize; };
-    for (int i = 0; i < kFiles; ++i) {
-        std::ofstream("files\\" + std::to_string(i), std::ios::binary)
-            .write(reinterpret_cast<const char*>(data(i)), kSize);
+    for (size_t i = 0; i < kFiles; ++i) {
+        WriteFile("files\\" + std::to_string(i), data(i));
     }
-    auto scan_all = [&](const PluginCopy& plugin) {
-        for (int i = 0; i < kFiles; ++i) {
-            plugin.Scan(data(i), kSize);
-        }
-    };
     const Work client = [&] {
         const std::string output = RunUnixCommand(clamdscan + " files/*");
         if (std::count(output.begin(), output.end(), '\n') != kFiles) {
             throw std::runtime_error("clamdscan answers: " + output);
         }
     };
-    auto measure = [&](const char* name, const PluginCopy& plugin) {
-        const Comparison times = Compare(
-            bench.rounds, [&] { scan_all(plugin); }, client);
+    const auto measure = [&](const char* name, const StartedPlugin& plugin) {
+        const auto scan_all = [&] {
+            for (size_t i = 0; i < kFiles; ++i) {
+                plugin.Scan(data(i));
+            }
+        };
+        const Comparison times = Compare(bench.rounds, scan_all, client);
         constexpr double kMegabytes = kFiles * kSize / 1e6;
         bench.rows.push_back({.name = name,
                               .unit = "MB/s",
@@ -243,9 +162,9 @@ void MeasureClamd(Bench& bench, uint16_t clamd, const std::string& clamdscan) {
                               .beside = kMegabytes / times.beside_seconds,
                               .ratio = times.speed});
     };
-    measure("clamd, 16 files of 1 MB: straight", PluginCopy("clamd", clamd, false));
-    const BridgeProcess bridge(clamd);
-    measure("clamd, 16 files of 1 MB: through the bridge", PluginCopy("clamd_through", bridge.Port(), true));
+    measure("clamd, 16 files of 1 MB: straight", StartedPlugin(clamd, false));
+    const StartedBridge bridge(clamd);
+    measure("clamd, 16 files of 1 MB: through the bridge", StartedPlugin(bridge.port));
 }
 
 }  // namespace kesto

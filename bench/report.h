@@ -1,4 +1,4 @@
-// The table of results, and the same as JSON.
+// The table of results.
 #pragma once
 
 #include <iosfwd>
@@ -16,22 +16,13 @@ struct Row {
     std::string beside_name = {};
     double beside = 0;
     std::optional<double> ratio = {};
-    // The ratio should be at least this.
     std::optional<double> least_ratio = {};
-    // The value should be at most this.
-    std::optional<double> most = {};
-    // Said below the table where the aim is missed.
-    std::string explanation = {};
-
-    bool Missed() const { return (least_ratio && *ratio < *least_ratio) || (most && value > *most); }
+    std::optional<double> most = {};  // that the value should be
 };
 
 using Rows = std::vector<Row>;
 
-// Like printf.
-[[gnu::format(__MINGW_PRINTF_FORMAT, 1, 2)]] std::string Formatted(const char* format, ...);
-
+// As Markdown, with columns that are also aligned on a terminal.
 void WriteTable(std::ostream& out, const Rows& rows);
-void WriteJson(std::ostream& out, const Rows& rows);
 
 }  // namespace kesto

@@ -1,4 +1,4 @@
-// Timing two sides in turn, and medians.
+// Times two sides in turn, and takes medians.
 #pragma once
 
 #include <functional>
@@ -10,8 +10,8 @@ using Work = std::function<void()>;
 
 double Median(std::vector<double> values);
 
-// Seconds that `calls` calls take on each of `threads` threads at once. What a call throws is thrown
-// again when all threads have ended.
+// Seconds that `calls` calls take on each of `threads` threads at once. An exception of a call is
+// thrown again when all threads have ended.
 double SecondsFor(int calls, const Work& work, int threads = 1);
 
 struct Comparison {

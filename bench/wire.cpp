@@ -1,7 +1,6 @@
 #include "bench/wire.h"
 
 #include <algorithm>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -28,32 +27,31 @@ void WaitForListener(uint16_t port) {
     }
 }
 
-void SendAll(SOCKET connection, const void* data, size_t count) {
-    if (send(connection, static_cast<const char*>(data), static_cast<int>(count), 0) !=
-        static_cast<int>(count)) {
+void SendAll(SOCKET connection, std::string_view bytes) {
+    const int count = static_cast<int>(bytes.size());
+    if (send(connection, bytes.data(), count, 0) != count) {
         throw std::runtime_error("a send failed: error " + std::to_string(WSAGetLastError()));
     }
 }
 
-void SendBare(uint16_t port, const uint8_t* data, size_t size) {
-    SendBareOver(ConnectTo(port), data, size);
+void SendLength(SOCKET connection, size_t length) {
+    const uint32_t prefix = htonl(static_cast<u_long>(length));
+    SendAll(connection, {reinterpret_cast<const char*>(&prefix), sizeof prefix});
 }
 
-void SendBareOver(SOCKET connection, const uint8_t* data, size_t size) {
-    SendAll(connection, kScanCommand.data(), kScanCommand.size());
-    uint32_t prefix = 0;
-    for (size_t offset = 0; offset < size; offset += kChunkSize) {
-        const size_t length = std::min<size_t>(kChunkSize, size - offset);
-        prefix = htonl(static_cast<u_long>(length));
-        SendAll(connection, &prefix, sizeof prefix);
-        SendAll(connection, data + offset, length);
+void SendBare(uint16_t port, std::string_view data) {
+    const SOCKET connection = ConnectTo(port);
+    SendAll(connection, kScanCommand);
+    for (; !data.empty(); data.remove_prefix(std::min<size_t>(kChunkSize, data.size()))) {
+        const std::string_view chunk = data.substr(0, kChunkSize);
+        SendLength(connection, chunk.size());
+        SendAll(connection, chunk);
     }
-    prefix = 0;
-    SendAll(connection, &prefix, sizeof prefix);
-    char reply[11] = {};
+    SendLength(connection, 0);
+    char reply[20];
     const int count = recv(connection, reply, sizeof reply, 0);
     closesocket(connection);
-    if (count != sizeof reply || memcmp(reply, kCleanReply.data(), sizeof reply) != 0) {
+    if (count < 1 || std::string_view(reply, static_cast<size_t>(count) - 1) != kCleanReply) {
         throw std::runtime_error("the sink did not reply to a bare sender");
     }
 }

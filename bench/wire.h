@@ -3,8 +3,8 @@
 
 #include <winsock2.h>
 
-#include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace kesto {
 
@@ -15,13 +15,12 @@ SOCKET ConnectTo(uint16_t port);
 void WaitForListener(uint16_t port);
 
 // Sends all of it with one blocking send or throws.
-void SendAll(SOCKET connection, const void* data, size_t count);
+void SendAll(SOCKET connection, std::string_view bytes);
+// A chunk's length, as it stands before the chunk.
+void SendLength(SOCKET connection, size_t length);
 
 // What SCANFILE puts on the wire, in the same sends, and nothing else: blocking sends straight from
 // `data`, then one wait for the reply. Throws where that is not "stream: OK".
-void SendBare(uint16_t port, const uint8_t* data, size_t size);
-
-// The same over a connection, which is closed.
-void SendBareOver(SOCKET connection, const uint8_t* data, size_t size);
+void SendBare(uint16_t port, std::string_view data);
 
 }  // namespace kesto

@@ -1,12 +1,14 @@
 #include "bridge/attempt.h"
 
+#include <winsock2.h>
+#include <mstcpip.h>
+
 #include <algorithm>
 #include <array>
-#include <cstring>
+#include <asio/ip/tcp.hpp>
 #include <utility>
 
-#include "base/clamd_words.h"
-#include "bridge/connect.h"
+#include "bridge/task.h"
 #include "common/error_words.h"
 
 namespace kesto::bridge {
@@ -16,6 +18,12 @@ using asio::ip::tcp;
 using namespace std::chrono_literals;
 
 constexpr auto kConnectLimit = 3s;  // to one address
+
+// After a failed send, for the reply that may have come before.
+constexpr auto kLastWords = 3s;
+
+// A machine that was reset, or a firewall that has forgotten the connection, says so only when asked.
+constexpr tcp_keepalive kKeepAlive = {1, 10'000, 1'000};  // on, after 10 s of silence, then every second
 
 // An engine's replies are one short line; a longer one is not a reply.
 constexpr size_t kLongestReply = 8 << 10;
@@ -41,6 +49,13 @@ std::string LostText(const asio::error_code& error) {
     return "lost before its reply: " + Words(error);
 }
 
+void KeepAlive(tcp::socket& socket) {
+    tcp_keepalive values = kKeepAlive;
+    DWORD size = 0;
+    WSAIoctl(socket.native_handle(), SIO_KEEPALIVE_VALS, &values, sizeof values, nullptr, 0, &size, nullptr,
+             nullptr);
+}
+
 // A server that replies early and closes resets the connection right behind its reply. The wait for data
 // then ends with the reset, while the reply may still be there to be read.
 size_t LastBytes(tcp::socket& socket, asio::mutable_buffer bytes) {
@@ -49,70 +64,102 @@ size_t LastBytes(tcp::socket& socket, asio::mutable_buffer bytes) {
     return error ? 0 : socket.read_some(bytes, error);
 }
 
-}  // namespace
+class SocketAttempt : public Attempt, public Owner, public std::enable_shared_from_this<SocketAttempt> {
+ public:
+    SocketAttempt(asio::io_context& io, const Shared& shared, ServerPtr server,
+                  std::shared_ptr<KeptStream> request, AttemptEvents events, Time reply_until)
+        : idle_(shared.settings.idle),
+          server_(std::move(server)),
+          request_(std::move(request)),
+          events_(std::move(events)),
+          socket_(io),
+          reply_until_(reply_until) {}
 
-Attempt::Attempt(Bridge& bridge, const ServerPtr& server, const std::shared_ptr<KeptStream>& request)
-    : bridge_(bridge), server_(server), request_(request), socket_(bridge.io) {}
+    static Task Converse(std::shared_ptr<SocketAttempt> self);
 
-std::shared_ptr<Attempt> Attempt::Begin(Bridge& bridge, const ServerPtr& server,
-                                        const std::shared_ptr<KeptStream>& request,
-                                        std::function<void()> progressed,
-                                        std::function<void(const AttemptEnd&)> ended) {
-    auto attempt = std::make_shared<Attempt>(bridge, server, request);
-    attempt->progressed_ = std::move(progressed);
-    attempt->ended_ = std::move(ended);
-    bridge.attempts.insert(attempt);
-    Converse(attempt);
-    return attempt;
-}
+    void More() override {
+        if (state_ == State::kTalking && sending_ == 0) {
+            Send(shared_from_this());
+        }
+    }
+    void Tick(Time now) override;
+    void Cancel() override { Close(); }
+    uint64_t Sent() const override { return sent_; }
+    void Failed() noexcept override;
 
-Task Attempt::Converse(std::shared_ptr<Attempt> self) {
+ private:
+    enum class State {
+        kConnecting,
+        kTalking,
+        kReplyWaitsForSend,  // the reply is true only if the send under way took all that it was given
+        kOver,
+    };
+
+    static Task Send(std::shared_ptr<SocketAttempt> self);
+    void TakeReply(std::string_view bytes, const asio::error_code& error);
+    bool HandedOver() const { return request_->Ended() && sent_ == request_->Size(); }
+    void CalledCleanTooEarly() { End({AttemptEnd::Kind::kBroken, "called the file clean before its end"}); }
+    void End(AttemptEnd end);
+    void Close() noexcept;
+
+    const std::chrono::seconds idle_;
+    const ServerPtr server_;
+    const std::shared_ptr<KeptStream> request_;
+    AttemptEvents events_;
+    tcp::socket socket_;
+    State state_ = State::kConnecting;
+    std::array<char, 1024> bytes_;
+    std::string reply_;
+    uint64_t sent_ = 0;
+    uint64_t sending_ = 0;           // bytes of the send under way
+    bool no_delay_ = false;          // asked for with the second send, which many scans do not have
+    Time step_until_ = Time::max();  // of the connect or send under way
+    Time reply_until_;
+};
+
+Task SocketAttempt::Converse(std::shared_ptr<SocketAttempt> self) {
     tcp::socket& socket = self->socket_;
-    const std::vector<ServerAddress> addresses = self->server_->addresses;
-    const size_t first = self->server_->good;
-    asio::error_code error = asio::error::host_not_found;
-    for (size_t i = 0; i < addresses.size() && !self->connected_; ++i) {
+    Server::Lookup& lookup = self->server_->lookup;
+    const std::vector<ServerAddress> addresses = lookup.addresses;
+    const size_t first = lookup.good;
+    AttemptEnd failure{AttemptEnd::Kind::kUnreached, ""};
+    for (size_t i = 0; i < addresses.size() && self->state_ == State::kConnecting; ++i) {
         const size_t at = (first + i) % addresses.size();
-        const tcp::endpoint endpoint = Endpoint(addresses[at]);
-        self->timed_out_ = false;
         self->step_until_ = Clock::now() + kConnectLimit;
-        const auto first_piece = self->request_->Piece(0);
-        auto connect = Operation([&](auto handler) {
-            Connect(socket, endpoint, asio::buffer(first_piece.data(), first_piece.size()),
-                    std::move(handler));
-        });
-        const Outcome outcome = co_await connect;
-        error = outcome.error;
+        auto connect = Operation(
+            [&](auto handler) { socket.async_connect(Endpoint(addresses[at]), std::move(handler)); });
+        const asio::error_code error = (co_await connect).error;
         self->step_until_ = Time::max();
-        if (self->over_) {
+        if (self->state_ == State::kOver) {
             co_return;
         }
-        if (!error && !self->timed_out_) {
-            self->connected_ = true;
-            self->sent_ = outcome.size;
-            if (self->server_->addresses == addresses) {
-                self->server_->good = at;
+        if (!socket.is_open()) {
+            failure = {AttemptEnd::Kind::kUnreached, "connect timed out"};
+        } else if (!error) {
+            self->state_ = State::kTalking;
+            if (lookup.addresses == addresses) {
+                lookup.good = at;
             }
+        } else if (error == asio::error::connection_reset || error == asio::error::connection_aborted) {
+            failure = {AttemptEnd::Kind::kBroken, LostText(error)};  // it is there, and resets
         } else {
+            failure = {AttemptEnd::Kind::kUnreached, Words(error)};
+        }
+        if (self->state_ == State::kConnecting) {
             asio::error_code ignored;
             socket.close(ignored);
         }
     }
-    if (!self->connected_) {
-        // One that accepts and resets is there.
-        if (error == asio::error::connection_reset || error == asio::error::connection_aborted) {
-            self->End(AttemptEnd::kBroken, LostText(error));
-        } else {
-            self->End(AttemptEnd::kUnreached, self->timed_out_ ? "connect timed out" : Words(error));
-        }
+    if (self->state_ == State::kConnecting) {
+        self->End(std::move(failure));
         co_return;
     }
-    self->progressed_();
+    KeepAlive(socket);
     self->More();
-    while (!self->over_ && !self->replied_) {
+    while (self->state_ == State::kTalking) {
         auto read = ReadSome(socket, asio::buffer(self->bytes_));
         auto [failed, size] = co_await read;
-        if (self->over_) {
+        if (self->state_ == State::kOver) {
             break;
         }
         if (failed) {
@@ -122,117 +169,120 @@ Task Attempt::Converse(std::shared_ptr<Attempt> self) {
     }
 }
 
-void Attempt::TakeReply(std::string_view bytes, const asio::error_code& error) {
+void SocketAttempt::TakeReply(std::string_view bytes, const asio::error_code& error) {
     const size_t nul = bytes.find('\0');
     reply_.append(bytes.substr(0, nul));
-    replied_ = nul != std::string_view::npos;
-    if (!replied_) {
+    if (nul == std::string_view::npos) {
         if (error) {
-            End(AttemptEnd::kBroken, LostText(error));
+            End({AttemptEnd::Kind::kBroken, LostText(error)});
         } else if (reply_.size() > kLongestReply) {
-            End(AttemptEnd::kBroken, "its reply is too long");
+            End({AttemptEnd::Kind::kBroken, "its reply is too long"});
         }
         return;
     }
+    AttemptEnd end = EndOfReply(std::move(reply_));
     // Clean is only what the server has got to its end. Of the last part it is not yet known.
-    if (reply_ == kCleanReply && !HandedOver()) {
-        if (!request_->Ended() || sent_ + sending_ != request_->Size()) {
-            End(AttemptEnd::kBroken, "called the file clean before its end");
-        }
-        return;
-    }
-    End(AttemptEnd::kReplied, reply_);
-}
-
-void Attempt::More() {
-    if (connected_ && !over_ && sending_ == 0 && !replied_) {
-        Send(shared_from_this());
+    if (end.kind != AttemptEnd::Kind::kClean || HandedOver()) {
+        End(std::move(end));
+    } else if (request_->Ended() && sent_ + sending_ == request_->Size()) {
+        reply_ = std::move(end.text);
+        state_ = State::kReplyWaitsForSend;
+    } else {
+        CalledCleanTooEarly();
     }
 }
 
-Task Attempt::Send(std::shared_ptr<Attempt> self) {
-    while (!self->over_) {
+Task SocketAttempt::Send(std::shared_ptr<SocketAttempt> self) {
+    while (self->state_ == State::kTalking) {
         std::array<asio::const_buffer, kPiecesAtOnce> pieces;
-        self->sending_ = 0;
+        uint64_t size_of_all = 0;
         for (asio::const_buffer& piece : pieces) {
-            const auto next = self->request_->Piece(self->sent_ + self->sending_);
+            const auto next = self->request_->Piece(self->sent_ + size_of_all);
             piece = asio::buffer(next.data(), next.size());
-            self->sending_ += next.size();
+            size_of_all += next.size();
         }
-        if (self->sending_ == 0) {
+        if (size_of_all == 0) {
             co_return;
         }
         if (self->sent_ != 0 && !std::exchange(self->no_delay_, true)) {
             asio::error_code ignored;
             self->socket_.set_option(tcp::no_delay(true), ignored);
         }
-        self->step_until_ = Clock::now() + std::chrono::seconds(self->bridge_.settings.idle);
+        self->step_until_ = Clock::now() + self->idle_;
+        self->sending_ = size_of_all;
         auto write = WriteSome(self->socket_, pieces);
         const auto [error, size] = co_await write;
         self->step_until_ = Time::max();
         self->sending_ = 0;
-        if (self->over_) {
+        if (self->state_ == State::kOver) {
             co_return;
         }
-        if (error) {
-            // The reading learns why, and may yet find a reply. One that is there already was no true one.
-            if (self->replied_) {
-                self->End(AttemptEnd::kBroken, "called the file clean before its end");
-            }
-            self->reply_until_ = std::min(self->reply_until_, Clock::now() + kConnectLimit);
+        if (error && self->state_ == State::kTalking) {
+            // The reading learns why, and may yet find a reply.
+            self->reply_until_ = std::min(self->reply_until_, Clock::now() + kLastWords);
             co_return;
         }
         self->sent_ += size;
-        if (self->replied_) {
-            const bool all = self->HandedOver();
-            self->End(all ? AttemptEnd::kReplied : AttemptEnd::kBroken,
-                      all ? self->reply_ : "called the file clean before its end");
-            co_return;
+        if (self->state_ == State::kTalking) {
+            Guarded(*self->events_.owner, [&] { self->events_.progressed(self->HandedOver()); });
+        } else if (!error && self->HandedOver()) {
+            self->End(EndOfReply(std::move(self->reply_)));
+        } else {
+            self->CalledCleanTooEarly();
         }
-        self->progressed_();
     }
 }
 
-void Attempt::Tick(Time now) {
-    if (over_) {
+void SocketAttempt::Tick(Time now) {
+    if (state_ == State::kOver) {
         return;
     }
-    if (!connected_ && now >= step_until_) {
-        timed_out_ = true;
+    if (state_ == State::kConnecting && now >= step_until_) {
         asio::error_code ignored;
-        socket_.close(ignored);
+        socket_.close(ignored);  // which ends the connect
+    } else if (now >= step_until_ && now < server_->health.worked + idle_) {
+        step_until_ = server_->health.worked + idle_;  // it is busy
     } else if (now >= step_until_) {
-        End(AttemptEnd::kSilent, "took no data for " + std::to_string(bridge_.settings.idle) + " s");
+        End({AttemptEnd::Kind::kSilent, "took no data for " + std::to_string(idle_.count()) + " s"});
     } else if (now >= reply_until_) {
-        End(AttemptEnd::kSilent, "gave no reply");
+        End({AttemptEnd::Kind::kSilent, "gave no reply"});
     }
 }
 
-void Attempt::End(AttemptEnd::Kind kind, const std::string& text) {
-    if (over_) {
-        return;
-    }
-    const auto ended = std::move(ended_);
-    const auto self = shared_from_this();
-    Close();
-    ended({kind, text});
-}
-
-void Attempt::Cancel() {
-    if (!over_) {
+void SocketAttempt::End(AttemptEnd end) {
+    if (state_ != State::kOver) {
         const auto self = shared_from_this();
+        const AttemptEvents events = std::move(events_);
         Close();
+        Guarded(*events.owner, [&] { events.ended(end); });
     }
 }
 
-void Attempt::Close() {
-    over_ = true;
-    asio::error_code ignored;
-    if (sending_ != 0) {
-        socket_.cancel(ignored);  // Wine does not end a send for the close alone
+void SocketAttempt::Failed() noexcept {
+    if (state_ != State::kOver) {
+        Close();
+        events_.owner->Failed();
     }
-    socket_.close(ignored);
-    bridge_.attempts.erase(shared_from_this());
+}
+
+void SocketAttempt::Close() noexcept {
+    if (std::exchange(state_, State::kOver) != State::kOver) {
+        asio::error_code ignored;
+        if (sending_ != 0) {
+            socket_.cancel(ignored);  // Wine does not end a send for the close alone
+        }
+        socket_.close(ignored);
+    }
+}
+
+}  // namespace
+
+AttemptPtr BeginAttempt(asio::io_context& io, const Shared& shared, const ServerPtr& server,
+                        const std::shared_ptr<KeptStream>& request, AttemptEvents events, Time reply_until) {
+    const auto attempt =
+        std::make_shared<SocketAttempt>(io, shared, server, request, std::move(events), reply_until);
+    SocketAttempt::Converse(attempt);
+    return attempt;
 }
 
 }  // namespace kesto::bridge

@@ -1,41 +1,48 @@
 // What all connections share. One thread runs all of it; only names are looked up beside it.
 #pragma once
 
+#include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
+#include <list>
 #include <memory>
 #include <set>
 #include <vector>
 
-#include "bridge/fleet.h"
-#include "bridge/kept_stream.h"
-#include "bridge/metrics.h"
-#include "bridge/task.h"
-#include "common/bridge_settings.h"
+#include "bridge/exchange.h"
 
 namespace kesto::bridge {
 
-class Attempt;
 class Client;
 
-struct Bridge {
+struct Bridge : Shared {
+    Bridge();
+
     asio::io_context io{1};
-    BridgeSettings settings;
+    asio::executor_work_guard<asio::io_context::executor_type> work{io.get_executor()};  // till it is stopped
     std::vector<ServerAddress> own;  // addresses of this machine
-    Fleet fleet;
-    KeepRoom room;
-    Metrics metrics;
     std::set<std::shared_ptr<Client>> clients;
-    std::set<std::shared_ptr<Attempt>> attempts;
-    Gate place;            // opened when a client has gone
-    bool crowded = false;  // one waits for a place
+    std::shared_ptr<const char> place = std::make_shared<char>();  // shared by all that have a scan under way
+    std::list<std::shared_ptr<Client>> queue;                      // have asked for one
     bool stopping = false;
     Time stopped_at{};  // when stopping was asked for
 };
 
 // The settings have changed, or have just been read.
-inline void Apply(Bridge& bridge, Time now) {
-    bridge.room.limit = static_cast<size_t>(bridge.settings.keep) << 20;
-    SetServers(bridge.fleet, bridge.settings.upstreams, now);
-}
+void Apply(Bridge& bridge, Time now);
+
+// As many scans are under way as the settings allow.
+bool IsFull(const Bridge& bridge);
+
+// The client has gone.
+void Remove(Bridge& bridge, const std::shared_ptr<Client>& client) noexcept;
+
+// No client is let in any more: runs to the end of those that have asked something.
+void Stop(Bridge& bridge, Time now);
+
+// To be called when a handler has ended: scans go on that waited for a server or a place.
+void TakeUpNews(Bridge& bridge, Time now);
+void Tick(Bridge& bridge, Time now);  // every now and then
+
+std::string StatsText(const Bridge& bridge, Time now);
 
 }  // namespace kesto::bridge

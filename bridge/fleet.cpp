@@ -8,6 +8,7 @@ namespace kesto::bridge {
 namespace {
 
 using namespace std::chrono_literals;
+using Probe = Server::Health::Probe;
 
 constexpr std::chrono::seconds kFirstPause = 1s;
 constexpr std::chrono::seconds kLongestPause = 32s;
@@ -18,14 +19,24 @@ constexpr std::chrono::seconds kLongLookup = 5s;
 constexpr unsigned kFailuresUntilDown = 3;
 constexpr auto kBetweenSuspicions = 20s;
 
+// A server that died while no mail came is to be known before the next mail comes.
+constexpr auto kLongestWithoutVerdict = 60s;
+
+// After so long on a connection that stands still the system asks whether the other side knows of it: what
+// ends then may have been lost long before.
+constexpr auto kStandsStill = 10s;
+
 // More scans at a time wait for their turn. It also bounds a ring of bridges, in which one scan would take
 // all connections that there are.
 constexpr unsigned kMostOpen = 250;
 
+bool AnyUp(const Fleet& fleet, const Server* beside = nullptr) {
+    return std::any_of(fleet.servers.begin(), fleet.servers.end(),
+                       [beside](const ServerPtr& server) { return server.get() != beside && IsUp(*server); });
+}
+
 void NoteChange(Fleet& fleet, Time now) {
-    const bool any = std::any_of(fleet.servers.begin(), fleet.servers.end(),
-                                 [](const ServerPtr& server) { return IsUp(*server); });
-    if (any) {
+    if (AnyUp(fleet)) {
         fleet.down_since.reset();
     } else if (!fleet.down_since) {
         fleet.down_since = now;
@@ -33,8 +44,8 @@ void NoteChange(Fleet& fleet, Time now) {
 }
 
 std::chrono::seconds PauseOf(const Fleet& fleet, const Server& server) {
-    const bool hurry = fleet.scans_wait && fleet.down_since;
-    return std::min(server.pause, hurry ? kLongestPauseWhileScansWait : kLongestPause);
+    const bool hurry = fleet.down_since && fleet.scans_wait();
+    return std::min(server.health.pause, hurry ? kLongestPauseWhileScansWait : kLongestPause);
 }
 
 void TellDown(const Fleet& fleet, const Server& server, const std::string& reason) {
@@ -49,96 +60,98 @@ void TellUp(const Fleet& fleet, const Server& server) {
 
 // Down, or down for longer.
 void Pause(Fleet& fleet, Server& server, const std::string& reason, Time now) {
-    server.up = false;
-    server.suspected = false;
-    server.pause = std::clamp(server.pause * 2, kFirstPause, kLongestPause);
-    server.paused_at = now;
-    server.look_up_at = std::min(server.look_up_at, now);
+    Server::Health& health = server.health;
+    health.up = false;
+    health.pause = std::clamp(health.pause * 2, kFirstPause, kLongestPause);
+    health.paused_at = now;
+    server.lookup.at = std::min(server.lookup.at, now);
     NoteChange(fleet, now);
     TellDown(fleet, server,
              reason + "; tried again in " + std::to_string(PauseOf(fleet, server).count()) + " s");
 }
 
+void NoteFailedScan(Fleet& fleet, Server& server, Time now) {
+    if (++server.health.failed_in_row >= kFailuresUntilDown && server.health.up) {
+        Pause(fleet, server, "failed " + std::to_string(server.health.failed_in_row) + " scans in a row",
+              now);
+    }
+}
+
+bool MayBeSuspected(const Server& server, Time now) {
+    const Server::Health& health = server.health;
+    return health.up && health.probe == Probe::kNone && now - health.probed >= kBetweenSuspicions;
+}
+
 }  // namespace
 
-void MinuteCount::Forget(Time now) {
-    const int64_t second = std::chrono::duration_cast<std::chrono::seconds>(now.time_since_epoch()).count();
-    const int64_t size = static_cast<int64_t>(seconds_.size());
-    for (latest_ = std::max(latest_, second - size); latest_ < second;) {
-        seconds_[static_cast<size_t>(++latest_ % size)] = 0;
+size_t MinuteCount::Sum(Time now) {
+    while (!times.empty() && times.front() <= now - 60s) {
+        times.pop_front();
     }
-}
-
-void MinuteCount::Add(Time now) {
-    Forget(now);
-    ++seconds_[static_cast<size_t>(latest_) % seconds_.size()];
-}
-
-unsigned MinuteCount::Sum(Time now) {
-    Forget(now);
-    unsigned sum = 0;
-    for (const unsigned count : seconds_) {
-        sum += count;
-    }
-    return sum;
+    return times.size();
 }
 
 void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now) {
-    const std::vector<ServerPtr> before = std::exchange(fleet.servers, {});
+    std::vector<ServerPtr> servers;
     for (const ServerAddress& name : names) {
-        const auto known = std::find_if(before.begin(), before.end(),
+        const auto known = std::find_if(fleet.servers.begin(), fleet.servers.end(),
                                         [&](const ServerPtr& server) { return server->name == name; });
-        if (known != before.end()) {
-            fleet.servers.push_back(*known);
+        if (known != fleet.servers.end()) {
+            servers.push_back(*known);
             continue;
         }
         const auto server = std::make_shared<Server>();
         server->name = name;
-        server->look_up_at = now;
+        server->lookup.at = now;
+        server->health.worked = now;
         if (name.kind != HostKind::kName) {
-            server->addresses.push_back(name);
+            server->lookup.addresses.push_back(name);
         }
-        fleet.servers.push_back(server);
+        servers.push_back(server);
+    }
+    fleet.servers.swap(servers);
+    for (const ServerPtr& server : servers) {
+        if (std::find(fleet.servers.begin(), fleet.servers.end(), server) == fleet.servers.end()) {
+            server->health.up = false;
+            server->health.probe = Probe::kNone;
+        }
     }
     NoteChange(fleet, now);
+}
+
+bool LookupIsDue(Fleet& fleet, Server& server, Time now) {
+    Server::Lookup& lookup = server.lookup;
+    if (lookup.running && lookup.addresses.empty() && !lookup.failed && now >= lookup.at + kLongLookup) {
+        lookup.failed = true;
+        TellDown(fleet, server, "looking its name up takes long");
+    }
+    return server.name.kind == HostKind::kName && !lookup.running && lookup.at <= now;
 }
 
 void NoteAddresses(Fleet& fleet, Server& server, std::vector<ServerAddress> addresses,
                    const std::string& reason, Time now) {
-    server.looking_up = false;
-    if (addresses != server.addresses && !addresses.empty()) {
-        server.addresses = std::move(addresses);
-        server.good = 0;
+    Server::Lookup& lookup = server.lookup;
+    lookup.running = false;
+    if (!addresses.empty()) {
+        const auto good = lookup.addresses.empty()
+                              ? addresses.begin()
+                              : std::find(addresses.begin(), addresses.end(), lookup.addresses[lookup.good]);
+        lookup.good = good == addresses.end() ? 0 : static_cast<size_t>(good - addresses.begin());
+        lookup.addresses = std::move(addresses);
     }
-    server.look_up_at = now + (server.addresses.empty() ? kLookupPauseWithoutAddress : kLookupPause);
-    if (server.addresses.empty()) {
-        if (!std::exchange(server.lookup_told, true)) {
+    lookup.at = now + (lookup.addresses.empty() ? kLookupPauseWithoutAddress : kLookupPause);
+    NoteChange(fleet, now);
+    if (lookup.addresses.empty()) {
+        if (!std::exchange(lookup.failed, true)) {
             TellDown(fleet, server, reason);
         }
-    } else if (std::exchange(server.lookup_told, false) && server.up) {
+    } else if (std::exchange(lookup.failed, false) && server.health.up) {
         TellUp(fleet, server);
     }
-    NoteChange(fleet, now);
-}
-
-std::vector<ServerPtr> LookupsDue(Fleet& fleet, Time now) {
-    std::vector<ServerPtr> due;
-    for (const ServerPtr& server : fleet.servers) {
-        if (server->name.kind == HostKind::kName && !server->looking_up && server->look_up_at <= now) {
-            server->looking_up = true;
-            server->look_up_at = now;
-            due.push_back(server);
-        } else if (server->looking_up && server->addresses.empty() && !server->lookup_told &&
-                   now >= server->look_up_at + kLongLookup) {
-            server->lookup_told = true;
-            TellDown(fleet, *server, "looking its name up takes long");
-        }
-    }
-    return due;
 }
 
 bool IsUp(const Server& server) {
-    return server.up && !server.addresses.empty();
+    return server.health.up && !server.lookup.addresses.empty();
 }
 
 ServerPtr Choose(const Fleet& fleet, const std::function<std::optional<unsigned>(const Server&)>& rank) {
@@ -162,77 +175,120 @@ void TakeTurn(Fleet& fleet, Server& server) {
     server.last_turn = ++fleet.turns;
 }
 
-void NoteBroken(Fleet& fleet, Server& server, const std::string& reason, Time now) {
-    ++server.failures;
-    if (server.up) {
+void NoteBroken(Fleet& fleet, Server& server, const std::string& reason, Time moved, Time now) {
+    ++server.numbers.failures;
+    const bool old = now - moved >= kStandsStill && server.health.worked > moved;
+    if (server.health.up && !old) {
         Pause(fleet, server, reason, now);
     }
 }
 
-void NoteFailedScan(Fleet& fleet, Server& server, Time now) {
-    ++server.failures;
-    if (++server.failed_in_row >= kFailuresUntilDown && server.up) {
-        Pause(fleet, server, "failed " + std::to_string(server.failed_in_row) + " scans in a row", now);
+void NoteSilence(Fleet& fleet, Server& server, Time since, Time now) {
+    ++server.numbers.failures;
+    if (server.health.worked <= since) {
+        NoteFailedScan(fleet, server, now);
     }
 }
 
-void NoteVerdict(Server& server) {
-    server.failed_in_row = 0;
-    if (server.up) {
-        server.pause = 0s;
+void NoteError(Fleet& fleet, Server& server, Time now) {
+    ++server.numbers.failures;
+    NoteFailedScan(fleet, server, now);
+}
+
+void NoteVerdict(Server& server, Time now) {
+    Server::Health& health = server.health;
+    health.worked = now;
+    health.failed_in_row = 0;
+    if (health.up) {
+        health.pause = 0s;
     }
 }
 
-void Suspect(Fleet& fleet, Server& server, Time now) {
-    const auto other_up = [&server](const ServerPtr& other) {
-        return other.get() != &server && IsUp(*other);
-    };
-    if (server.up && !server.probing && now - server.last_probe >= kBetweenSuspicions &&
-        std::any_of(fleet.servers.begin(), fleet.servers.end(), other_up)) {
-        server.suspected = true;
+void SuspectForError(Server& server, Time now) {
+    if (MayBeSuspected(server, now)) {
+        server.health.probe = Probe::kWanted;
+    }
+}
+
+void SuspectForSilence(const Fleet& fleet, Server& server, Time now) {
+    const bool another = std::any_of(fleet.servers.begin(), fleet.servers.end(), [](const ServerPtr& other) {
+        return other->health.up && other->health.probe != Probe::kNone;
+    });
+    if (!another && MayBeSuspected(server, now)) {
+        server.health.probe = Probe::kWanted;
     }
 }
 
 void NoteAlive(Server& server) {
-    server.paused_at = Time{};
+    server.health.paused_at = Time{};
 }
 
-std::vector<ServerPtr> ProbesDue(Fleet& fleet, Time now) {
-    std::vector<ServerPtr> due;
-    for (const ServerPtr& server : fleet.servers) {
-        const bool wanted =
-            server->up ? server->suspected : server->paused_at + PauseOf(fleet, *server) <= now;
-        if (wanted && !server->probing && !server->addresses.empty()) {
-            server->probing = true;
-            server->last_probe = now;
-            due.push_back(server);
-        }
+bool ProbeIsDue(const Fleet& fleet, const Server& server, Time now) {
+    const Server::Health& health = server.health;
+    if (server.lookup.addresses.empty() || health.probe == Probe::kRunning) {
+        return false;
     }
-    return due;
+    if (!health.up) {
+        return now >= health.paused_at + PauseOf(fleet, server);
+    }
+    return health.probe == Probe::kWanted ||
+           now >= std::max(health.worked, health.probed) + kLongestWithoutVerdict;
 }
 
-void NoteProbe(Fleet& fleet, Server& server, Health health, const std::string& reason, Time now) {
-    server.probing = false;
-    server.suspected = false;
-    server.last_sick = health == Health::kSick ? now : Time{};
-    if (health != Health::kWell) {
-        ++server.failures;
-        Pause(fleet, server, reason, now);
-    } else if (!std::exchange(server.up, true)) {
-        server.failed_in_row = 0;
-        TellUp(fleet, server);
-        NoteChange(fleet, now);
+void ProbeBegins(Server& server, Time now) {
+    server.health.probe = Probe::kRunning;
+    server.health.probed = now;
+}
+
+void CallProbeOff(Server& server) {
+    if (server.health.probe == Probe::kRunning) {
+        server.health.probe = Probe::kNone;
+    }
+}
+
+void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now) {
+    const auto is_it = [&](const ServerPtr& each) { return each.get() == &server; };
+    if (std::none_of(fleet.servers.begin(), fleet.servers.end(), is_it)) {
+        return CallProbeOff(server);  // it was taken out meanwhile
+    }
+    Server::Health& health = server.health;
+    health.probe = Probe::kNone;
+    const bool well = end.kind == AttemptEnd::Kind::kClean;
+    const bool sick = end.Replied() && !well;
+    const bool silent = end.kind == AttemptEnd::Kind::kSilent;
+    health.sick = Time{};
+    if (well) {
+        health.worked = now;
+    }
+    if (well || (silent && health.worked >= health.probed)) {
+        if (!std::exchange(health.up, true)) {
+            health.failed_in_row = 0;
+            NoteChange(fleet, now);
+            TellUp(fleet, server);
+        }
+        return;
+    }
+    ++server.numbers.failures;
+    if (server.lookup.addresses.size() > 1) {
+        server.lookup.good = (server.lookup.good + 1) % server.lookup.addresses.size();
+        server.lookup.moved = now;
+    }
+    if (sick && server.lookup.good == 0) {  // at none of its addresses is it any better
+        health.sick = now;
+    }
+    if (!health.up || !silent || AnyUp(fleet, &server)) {
+        Pause(fleet, server, (sick ? "did not call a clean file clean: " : "") + end.text, now);
     }
 }
 
 bool AllSick(const Fleet& fleet, Time since) {
     return std::all_of(fleet.servers.begin(), fleet.servers.end(), [since](const ServerPtr& server) {
-        return !server->up && server->last_sick >= since;
+        return !server->health.up && server->health.sick >= since;
     });
 }
 
 bool MayAskBeside(Fleet& fleet, Time now) {
-    return fleet.beside.Sum(now) < std::max(1u, fleet.scans.Sum(now) / 10);
+    return fleet.beside.Sum(now) < std::max<size_t>(1, fleet.scans.Sum(now) / 10);
 }
 
 }  // namespace kesto::bridge

@@ -1,17 +1,19 @@
-// The clamd servers behind the bridge: which are up, whose turn it is, when one that is down is probed. Knows
-// neither sockets nor clocks: it is told what happened, and when.
+// The clamd servers behind the bridge: which are up, whose turn it is, when one is probed. Knows neither
+// sockets nor clocks: it is told what happened, and when.
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "bridge/reply.h"
 #include "common/server_address.h"
+#include "common/signatures.h"
 
 namespace kesto::bridge {
 
@@ -19,65 +21,77 @@ using Clock = std::chrono::steady_clock;
 using Time = Clock::time_point;
 
 struct Server {
-    ServerAddress name;                    // as set
-    std::vector<ServerAddress> addresses;  // the last ones found for it, all numeric; empty: none yet
-    size_t good = 0;                       // the one of them that accepted last
+    ServerAddress name;  // as set
 
-    bool up = true;                 // takes scans, once it has an address
-    unsigned open = 0;              // scans under way there
-    uint64_t last_turn = 0;         // when it was chosen last, counted in turns
-    unsigned failed_in_row = 0;     // scans, by silence or error
-    std::chrono::seconds pause{0};  // before the next probe; doubles until it gives a verdict
-    Time paused_at{};
-    bool probing = false;
-    bool suspected = false;  // up, but to be probed
-    Time last_probe{};
-    Time last_sick{};  // when a probe found it to accept, but to give no verdict
+    // Where it is.
+    struct Lookup {
+        std::vector<ServerAddress> addresses;  // the last ones found, all numeric; empty: none yet
+        size_t good = 0;                       // the one of them that accepted last
+        Time moved{};                          // when a failed probe made the next one the good one
+        bool running = false;
+        Time at{};            // when next; of a running one, since when
+        bool failed = false;  // no address was ever found, and the log tells so
+    } lookup;
 
-    bool looking_up = false;
-    Time look_up_at{};         // when next
-    bool lookup_told = false;  // that no address is found
+    // Whether it takes scans.
+    struct Health {
+        enum class Probe { kNone, kWanted, kRunning };
+        bool up = true;                 // it does, once it has an address
+        Time worked{};                  // when it gave a verdict last, to a scan or a probe
+        unsigned failed_in_row = 0;     // scans, by silence or error
+        std::chrono::seconds pause{0};  // of one that is down, before the next probe
+        Time paused_at{};
+        Probe probe = Probe::kNone;
+        Time probed{};  // when the last probe began
+        Time sick{};    // when a probe was replied to with something else than OK; no time: the last was not
+    } health;
 
-    // Since the start, for the numbers.
-    uint64_t replies = 0;
-    uint64_t failures = 0;
-    double seconds = 0;  // of all replies
+    // Whose turn it is.
+    unsigned open = 0;       // scans under way there
+    uint64_t last_turn = 0;  // when it was chosen last, counted in turns
+
+    Time ask_version_at{};
+
+    // Since the start, for monitoring. Nothing is decided by them.
+    struct Numbers {
+        uint64_t replies = 0;
+        uint64_t failures = 0;
+        double seconds = 0;  // of all replies
+        std::optional<Signatures> signatures;
+    } numbers;
 };
 
 using ServerPtr = std::shared_ptr<Server>;
 
 // Counts of the last sixty seconds.
-class MinuteCount {
- public:
-    void Add(Time now);
-    unsigned Sum(Time now);
-
- private:
-    void Forget(Time now);
-    std::array<unsigned, 60> seconds_{};
-    int64_t latest_ = 0;
+struct MinuteCount {
+    void Add(Time now) { times.push_back(now); }
+    size_t Sum(Time now);
+    std::deque<Time> times;
 };
 
 struct Fleet {
     std::vector<ServerPtr> servers;
     std::optional<Time> down_since;  // when the last one went down; nothing while one is up
-    bool scans_wait = false;         // for any server
     uint64_t turns = 0;
     MinuteCount scans;   // whose stream has ended
     MinuteCount beside;  // that were given to a second server beside a silent one
+    // Whether a scan waits for any server.
+    std::function<bool()> scans_wait = [] { return false; };
     // Takes lines for the log, each with its kind.
     std::function<void(const std::string& kind, const std::string& line)> tell = [](auto&, auto&) {};
 };
 
-// Takes these servers from now on. Those that were there before stay as they are.
+// Takes these servers from now on. Those that were there before stay as they are; one that is there no more
+// counts as down for the scans that it still has.
 void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now);
+
+// Whether its name is to be looked up now. Who does so sets lookup.running.
+bool LookupIsDue(Fleet& fleet, Server& server, Time now);
 
 // The addresses found for a server's name; none: the lookup failed, for the reason. The last good ones stay.
 void NoteAddresses(Fleet& fleet, Server& server, std::vector<ServerAddress> addresses,
                    const std::string& reason, Time now);
-
-// Servers whose name is to be looked up now; they count as being looked up from then on.
-std::vector<ServerPtr> LookupsDue(Fleet& fleet, Time now);
 
 bool IsUp(const Server& server);
 
@@ -86,27 +100,36 @@ bool IsUp(const Server& server);
 ServerPtr Choose(const Fleet& fleet, const std::function<std::optional<unsigned>(const Server&)>& rank);
 void TakeTurn(Fleet& fleet, Server& server);
 
-// It refused, did not answer, or broke a connection off: it is down until a probe succeeds.
-void NoteBroken(Fleet& fleet, Server& server, const std::string& reason, Time now);
+// It refused, or broke a connection off that had moved at `moved` last: it is down until a probe succeeds.
+// The end of a connection that had long stood still says nothing of a server that has worked since.
+void NoteBroken(Fleet& fleet, Server& server, const std::string& reason, Time moved, Time now);
 
-// It failed a scan by silence, or by an error where another server gave a verdict. Down after three in a row.
-void NoteFailedScan(Fleet& fleet, Server& server, Time now);
+// It failed a scan: down after three in a row. By silence since then, which is not held against one that has
+// worked since; or by an error where another server gave a verdict.
+void NoteSilence(Fleet& fleet, Server& server, Time since, Time now);
+void NoteError(Fleet& fleet, Server& server, Time now);
 
-void NoteVerdict(Server& server);
+void NoteVerdict(Server& server, Time now);
 
-// It is silent for long while others are up: a probe is to tell whether it is sick or only busy.
-void Suspect(Fleet& fleet, Server& server, Time now);
+// A probe is to tell whether it is sick: it has replied with an error, which may be the file's fault.
+void SuspectForError(Server& server, Time now);
+// The same of one that is silent. One at a time: where all are busy, probes would wait behind the scans.
+void SuspectForSilence(const Fleet& fleet, Server& server, Time now);
 
 // A server that is down has shown life: it is probed at once.
 void NoteAlive(Server& server);
 
-// Servers to be probed now; they count as being probed from then on. Probes come after 1, 2, 4 ... 32 s, or
-// at least every two while scans wait for any server.
-std::vector<ServerPtr> ProbesDue(Fleet& fleet, Time now);
-enum class Health { kUnreached, kSick, kWell };
-void NoteProbe(Fleet& fleet, Server& server, Health health, const std::string& reason, Time now);
+// Whether it is to be probed now: one that is suspected, or has given no verdict for a minute, or is down and
+// its pause is over. Pauses are of 1, 2, 4 ... 32 s, but of two at most while all are down and scans wait.
+bool ProbeIsDue(const Fleet& fleet, const Server& server, Time now);
+void ProbeBegins(Server& server, Time now);
 
-// All servers are down, and probes since then have found that every one accepts: waiting is of no use.
+void CallProbeOff(Server& server);
+
+// One that was silent because it is busy, or is the last one that is up, stays up.
+void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now);
+
+// All servers are down, and probes since then have found every one sick: waiting is of no use.
 bool AllSick(const Fleet& fleet, Time since);
 
 // Whether one more scan may be given to a second server beside a silent one: one in ten of the last minute.

@@ -38,7 +38,7 @@ CommandFound FindCommand(const uint8_t* bytes, size_t size) {
 
 ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bool unshift) {
     size_t used = 0;
-    while (used < size && !stream.ended) {
+    while (used < size) {
         if (stream.data_left != 0) {
             const size_t run = std::min<size_t>(stream.data_left, size - used);
             if (unshift) {
@@ -54,14 +54,16 @@ ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bo
             continue;
         }
         if (stream.length > kMaxChunkSize) {
-            return {used, false};
+            return {used, StreamState::kInvalid};
         }
-        stream.ended = stream.length == 0;
+        if (stream.length == 0) {
+            return {used, StreamState::kEnded};
+        }
         stream.data_left = stream.length;
         stream.length = 0;
         stream.length_bytes = 0;
     }
-    return {used, true};
+    return {used, StreamState::kGoesOn};
 }
 
 }  // namespace kesto::bridge

@@ -27,15 +27,20 @@ struct ChunkStream {
     unsigned length_bytes = 0;
     uint32_t data_left = 0;   // of the current chunk
     uint64_t data_bytes = 0;  // seen in all
-    bool ended = false;       // the zero length was seen
+};
+
+enum class StreamState {
+    kGoesOn,
+    kEnded,    // the zero length was seen
+    kInvalid,  // a length is above kMaxChunkSize; nothing may be passed on
 };
 
 // Follows the stream through the next bytes and, with unshift, adds one to every data byte in place
 // (lengths stay as they are). Returns how many bytes belong to the stream: all of them, or fewer once it
-// has ended. False in `valid` when a length is above kMaxChunkSize; nothing may be passed on then.
+// has ended, which it must not have before.
 struct ChunksFollowed {
     size_t used;
-    bool valid;
+    StreamState state;
 };
 ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bool unshift);
 

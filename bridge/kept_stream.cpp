@@ -1,7 +1,6 @@
 #include "bridge/kept_stream.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -18,37 +17,24 @@ constexpr size_t kSmallestOfWindow = 16 * 1024;
 
 }  // namespace
 
-KeepRoom::~KeepRoom() {
-    while (spares_ != 0) {
-        TakeSpare();
-    }
-}
-
-std::unique_ptr<uint8_t[]> KeepRoom::TakeSpare() {
-    std::unique_ptr<uint8_t[]> block(spare_);
-    std::memcpy(&spare_, block.get(), sizeof spare_);
-    --spares_;
-    return block;
+// Giving a block back takes no memory.
+void KeepRoom::SetLimit(size_t bytes) {
+    spare.reserve(bytes / kLargestBlock);
+    limit = bytes;
 }
 
 std::unique_ptr<uint8_t[]> KeepRoom::NewBlock(size_t size) {
-    if (size == kLargestBlock && spares_ != 0) {
-        return TakeSpare();
+    if (size != kLargestBlock || spare.empty()) {
+        return std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[size]);
     }
-    return std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[size]);
+    auto block = std::move(spare.back());
+    spare.pop_back();
+    return block;
 }
 
-void KeepRoom::TakeBack(std::unique_ptr<uint8_t[]> block, size_t size) {
-    if (size == kLargestBlock && used + (spares_ + 1) * kLargestBlock <= limit) {
-        std::memcpy(block.get(), &spare_, sizeof spare_);
-        spare_ = block.release();
-        ++spares_;
-    }
-}
-
-void KeepRoom::ShrinkSpare() {
-    for (size_t most = spares_ * 7 / 8; spares_ > most;) {
-        TakeSpare();
+void KeepRoom::TakeBack(std::unique_ptr<uint8_t[]> block, size_t size) noexcept {
+    if (size == kLargestBlock && used + (spare.size() + 1) * kLargestBlock <= limit) {
+        spare.push_back(std::move(block));
     }
 }
 

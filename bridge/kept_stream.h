@@ -7,32 +7,21 @@
 #include <deque>
 #include <memory>
 #include <span>
+#include <vector>
 
 namespace kesto::bridge {
 
 // Memory is given back to the system with a delay: what is fresh from there costs more than what is copied
 // into it.
-class KeepRoom {
- public:
-    KeepRoom() = default;
-    KeepRoom(const KeepRoom&) = delete;
-    KeepRoom& operator=(const KeepRoom&) = delete;
-    ~KeepRoom();
+struct KeepRoom {
+    void SetLimit(size_t bytes);
+    std::unique_ptr<uint8_t[]> NewBlock(size_t size);  // null: out of memory
+    void TakeBack(std::unique_ptr<uint8_t[]> block, size_t size) noexcept;
+    void ShrinkSpare() { spare.resize(spare.size() * 7 / 8); }  // to be called every now and then
 
     size_t limit = 0;  // bytes
     size_t used = 0;
-
-    std::unique_ptr<uint8_t[]> NewBlock(size_t size);  // null: out of memory
-    void TakeBack(std::unique_ptr<uint8_t[]> block, size_t size);
-    void ShrinkSpare();  // to be called every now and then
-
- private:
-    std::unique_ptr<uint8_t[]> TakeSpare();
-
-    // Of the largest size, each with the pointer to the next in its own bytes: giving one back takes no
-    // memory.
-    uint8_t* spare_ = nullptr;
-    size_t spares_ = 0;
+    std::vector<std::unique_ptr<uint8_t[]>> spare;  // of the largest size
 };
 
 class KeptStream {

@@ -1,17 +1,55 @@
 // Lets clients in, as many at a time as the settings allow.
 #pragma once
 
+#include <winsock2.h>
+
 #include <asio/ip/tcp.hpp>
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <thread>
 
 #include "bridge/bridge.h"
 
 namespace kesto::bridge {
 
-// Nobody else may take the port as well while we listen on it. Where it is in use, as it may be for a moment
-// after a restart, tries again for ten seconds.
-asio::error_code Listen(asio::ip::tcp::acceptor& acceptor, const ServerAddress& where);
+// Accepts in a thread of its own: the listening socket is shared with the guard and with other workers, and a
+// completion port keeps a socket to itself for ever. It must not block.
+class Listener {
+ public:
+    Listener(Bridge& bridge, SOCKET shared);
 
-// Lets clients in until the acceptor is closed. `bridge.crowded` tells that one waits for a place.
-Task LetIn(Bridge& bridge, asio::ip::tcp::acceptor& acceptor);
+    // Lets no further client in; those that others of this socket can take wait for them.
+    void Stop() { stopping_ = true; }
+
+    // Lets the one in that has arrived, when there is room; to be called when a handler has ended.
+    void LetIn();
+    bool HasArrival() const { return arrival_.has_value(); }
+
+ private:
+    // Held by the one client at a time that is to be let in; the next is not accepted before.
+    struct LeaveDoor {
+        using pointer = HANDLE;
+        void operator()(HANDLE door) const { SetEvent(door); }
+    };
+    using Doorway = std::unique_ptr<HANDLE, LeaveDoor>;
+
+    void Accept();
+    struct Arrival {
+        asio::ip::tcp::socket socket;
+        asio::ip::tcp::endpoint peer;
+        Doorway doorway;
+    };
+    void HandOver(SOCKET client, const asio::ip::tcp::endpoint& peer, Doorway doorway);
+    void LogFailure(int error);
+
+    Bridge& bridge_;
+    const SOCKET shared_;
+    bool acknowledges_ = true;  // the system has the option
+    std::atomic<bool> stopping_ = false;
+    std::optional<Arrival> arrival_;
+    const HANDLE door_ = CreateEventW(nullptr, FALSE, TRUE, nullptr);
+    std::thread thread_;
+};
 
 }  // namespace kesto::bridge

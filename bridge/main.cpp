@@ -1,69 +1,56 @@
-// kestoav.exe: stands between the plug-in and one or more clamd servers. Started without arguments.
+// kestobridge.exe: stands between the plug-in and one or more clamd servers. Started by kestoav.exe.
+#include <winsock2.h>
 #include <windows.h>
 
 #include <asio/post.hpp>
-#include <asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "bridge/bridge.h"
-#include "bridge/bridge_log.h"
-#include "bridge/client.h"
 #include "bridge/listener.h"
 #include "bridge/reload.h"
 #include "bridge/upkeep.h"
 #include "common/bridge_ini.h"
+#include "common/bridge_log.h"
 #include "common/error_words.h"
+#include "common/guard_words.h"
 #include "common/program_folder.h"
 
 namespace kesto::bridge {
 namespace {
 
-using asio::ip::tcp;
 using namespace std::chrono_literals;
 
 // One timer serves every time limit: limits of a session that moved with each byte would cost system calls.
 constexpr auto kTick = 250ms;
+constexpr unsigned kTicksASign = 4;  // of life
 
-// For the console's handler, which has no arguments and runs on a thread of its own.
-Bridge* g_bridge = nullptr;
-tcp::acceptor* g_acceptor = nullptr;
-HANDLE g_ended = nullptr;
+// A client that is let in at the last moment gets this long to begin with its command.
+constexpr auto kLastArrivals = 2s;
 
-void Stop() {
-    if (std::exchange(g_bridge->stopping, true)) {
-        return;
+// Another worker takes the clients from now on.
+class Leaving {
+ public:
+    void Begin(Listener& listener) {
+        LogBridge("end", "ending after the running scans");
+        listener.Stop();
+        since_ = Clock::now();
     }
-    g_bridge->stopped_at = Clock::now();
-    LogBridge("end", "ending after the running scans");
-    asio::error_code ignored;
-    g_acceptor->close(ignored);
-    const auto clients = g_bridge->clients;
-    for (const auto& client : clients) {
-        client->Stop();
-    }
-    if (g_bridge->clients.empty()) {
-        g_bridge->io.stop();
-    }
-}
 
-BOOL WINAPI OnConsoleEvent(DWORD event) {
-    static LONG asked = 0;
-    if (event == CTRL_LOGOFF_EVENT) {
-        return TRUE;  // services hear of it whenever anybody logs off
+    void Tick(Bridge& bridge, const Listener& listener, Time now) const {
+        if (!bridge.stopping && now >= since_ + kLastArrivals && !listener.HasArrival()) {
+            Stop(bridge, now);
+        }
     }
-    if (InterlockedExchange(&asked, 1) != 0 && (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT)) {
-        return FALSE;  // asked twice: end at once
-    }
-    asio::post(g_bridge->io, Stop);
-    if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
-        WaitForSingleObject(g_ended, INFINITE);  // the process is ended when this returns
-    }
-    return TRUE;
-}
+
+ private:
+    Time since_ = Time::max() - kLastArrivals;
+};
 
 // For want of memory only what it came from may fail: time goes on for all else.
 template <typename Work>
@@ -75,91 +62,116 @@ void Guarded(Work work) {
     }
 }
 
-void Tick(Bridge& bridge, Reload& reload, Time now) {
-    const auto attempts = bridge.attempts;
-    for (const auto& attempt : attempts) {
-        Guarded([&] { attempt->Tick(now); });
-    }
-    const auto clients = bridge.clients;
-    unsigned places = bridge.crowded ? 1 + bridge.settings.clients / 4 : 0;
-    for (const auto& client : clients) {
-        Guarded([&] {
-            client->Tick(now);
-            places -= places != 0 && client->MakeWay(now);
-        });
-    }
-    LookUpAndProbe(bridge, now);
-    reload.Tick(bridge, now);
-    bridge.room.ShrinkSpare();
-    LogLeftOut();
-}
-
-Task KeepTime(Bridge& bridge, Reload& reload) {
-    asio::steady_timer timer(bridge.io);
-    for (;;) {
-        timer.expires_after(kTick);
-        auto tick = Operation([&timer](auto handler) { timer.async_wait(std::move(handler)); });
-        co_await tick;
-        Guarded([&] { Tick(bridge, reload, Clock::now()); });
+// Runs until the bridge is stopped; takes no memory of its own. `alive` tells the guard that time goes on.
+void RunLoop(Bridge& bridge, Listener& listener, Reload& reload, const Leaving& leaving, HANDLE alive) {
+    Upkeep upkeep(bridge);
+    Time next = Clock::now();
+    for (unsigned ticks = 0; !bridge.io.stopped();) {
+        Guarded([&] { bridge.io.run_one_until(next); });
+        const Time now = Clock::now();
+        Guarded([&] { TakeUpNews(bridge, now); });
+        Guarded([&] { listener.LetIn(); });
+        if (now < next) {
+            continue;
+        }
+        next = now + kTick;
+        if (ticks++ % kTicksASign == 0) {
+            SetEvent(alive);
+        }
+        Tick(bridge, now);
+        Guarded([&] { upkeep.Tick(now); });
+        Guarded([&] { reload.Tick(bridge, now); });
+        bridge.room.ShrinkSpare();
+        Guarded(LogLeftOut);
+        leaving.Tick(bridge, listener, now);
     }
 }
 
-int Fail(const std::string& problem) {
-    LogBridge("start", kCannotStart + problem);
-    std::fprintf(stderr, "kestoav: %s\n", problem.c_str());
-    return 1;
+// The socket on which the guard listens; where that is, is written into `where`.
+SOCKET OpenListener(WorkerOrders& orders, ServerAddress& where) {
+    const SOCKET shared = WSASocketW(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO,
+                                     &orders.listener, 0, WSA_FLAG_OVERLAPPED);
+    sockaddr_in bound = {};
+    int size = sizeof bound;
+    if (getsockname(shared, reinterpret_cast<sockaddr*>(&bound), &size) == 0) {
+        const asio::ip::address_v4 address(ntohl(bound.sin_addr.s_addr));
+        where = *ParseServerAddress(address.to_string() + ":" + std::to_string(ntohs(bound.sin_port)));
+    }
+    return shared;
+}
+
+// Reads what the guard writes, to the end of the guard.
+bool ReadOrders(void* orders, DWORD size) {
+    const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    DWORD read = 0;
+    return GetFileType(input) == FILE_TYPE_PIPE && ReadFile(input, orders, size, &read, nullptr) &&
+           read == size;
 }
 
 int Run() {
-    // Never destroyed: a console event or a lookup may still come while the process ends.
+    WorkerOrders orders;
+    if (!ReadOrders(&orders, sizeof orders) || orders.size != sizeof orders) {
+        std::fputs("kestobridge.exe is started by kestoav.exe of the same version.\n", stderr);
+        return 2;
+    }
+    // None of these is ever destroyed: a lookup or the guard may still come while the process ends.
     Bridge& bridge = *new Bridge;
+    Leaving& leaving = *new Leaving;
     const std::wstring folder = ProgramFolder();
-    BridgeIni ini = ReadBridgeIni(folder);
-    UseLogOf(ini, folder);
-    if (!ini.problems.empty()) {
-        for (const std::string& problem : ini.problems) {
-            Fail(problem);
-        }
+    const SOCKET shared = OpenListener(orders, bridge.settings.listen);
+    if (shared == INVALID_SOCKET) {
         return 1;
     }
-    bridge.settings = std::move(ini.settings);
-    auto& acceptor = *new tcp::acceptor(bridge.io);
-    const std::string where = AddressText(bridge.settings.listen);
-    if (const auto error = Listen(acceptor, bridge.settings.listen)) {
-        return Fail("cannot listen on " + where + " - " +
-                    ErrorWords(static_cast<unsigned long>(error.value())));
-    }
-    LogBridge("start", "listening on " + where + ": " + SettingsText(bridge.settings));
-
+    Reload reload(folder);
+    BridgeIni ini = ReadBridgeIni(folder);
+    const std::string log_problem = UseBridgeLog(ini, folder);
     bridge.own = OwnAddresses();
+    const std::vector<std::string> problems = Problems(ini, bridge);
+    if (!problems.empty() && orders.known_problem != 0) {
+        return kCannotFollow;
+    }
+    if (!log_problem.empty()) {
+        LogBridge("log", log_problem);
+    }
+    if (!problems.empty()) {
+        for (const std::string& problem : problems) {
+            LogBridge("start", kCannotStart + problem);
+        }
+        return kCannotFollow;
+    }
+    const bool moved =
+        !(std::exchange(ini.settings.listen, bridge.settings.listen) == bridge.settings.listen);
+    bridge.settings = std::move(ini.settings);
+    LogBridge("start",
+              "listening on " + AddressText(bridge.settings.listen) + ": " + SettingsText(bridge.settings));
+    if (moved) {
+        LogBridge("start", "listen is taken up when kestoav.exe is started anew");
+    }
     bridge.metrics.started = Clock::now();
-    bridge.fleet.tell = LogBridge;
+    bridge.metrics.worker_starts = orders.starts;
     Apply(bridge, Clock::now());
 
-    g_bridge = &bridge;
-    g_acceptor = &acceptor;
-    g_ended = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
-    Reload reload(folder);
-    LetIn(bridge, acceptor);
-    KeepTime(bridge, reload);
-    while (!bridge.io.stopped()) {
-        Guarded([&] { bridge.io.run(); });
-    }
+    Listener& listener = *new Listener(bridge, shared);
+    std::thread([&] {
+        for (char order = '\0'; ReadOrders(&order, 1);) {
+            asio::post(bridge.io, [&] { leaving.Begin(listener); });
+        }
+        TerminateProcess(GetCurrentProcess(), 0);
+    }).detach();
+    RunLoop(bridge, listener, reload, leaving,
+            reinterpret_cast<HANDLE>(static_cast<uintptr_t>(orders.alive)));
     LogBridge("end", "ended");
-    SetEvent(g_ended);
     return 0;
 }
 
 }  // namespace
-
 }  // namespace kesto::bridge
 
 int main() {
     try {
         return kesto::bridge::Run();
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "kestoav: %s\n", error.what());
+        std::fprintf(stderr, "kestobridge: %s\n", error.what());
         return 1;
     }
 }

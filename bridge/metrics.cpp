@@ -44,22 +44,26 @@ std::string Label(std::string_view name, const Number& value) {
 
 }  // namespace
 
-void CountSeconds(Metrics& metrics, double seconds) {
-    const auto* bound = std::lower_bound(kSecondsBounds.begin(), kSecondsBounds.end(), seconds);
-    ++metrics.seconds[static_cast<size_t>(bound - kSecondsBounds.begin())];
-    metrics.seconds_sum += seconds;
+void CountScan(Metrics& metrics, Outcome outcome, double seconds) {
+    ++metrics.scans[static_cast<size_t>(outcome)];
+    if (outcome <= Outcome::kNoVerdict) {
+        const auto* bound = std::lower_bound(kSecondsBounds.begin(), kSecondsBounds.end(), seconds);
+        ++metrics.seconds[static_cast<size_t>(bound - kSecondsBounds.begin())];
+        metrics.seconds_sum += seconds;
+    }
 }
 
-std::string MetricsText(const Metrics& metrics, const Fleet& fleet, const KeepRoom& room, Time now) {
+std::string MetricsText(const Metrics& metrics, const Gauges& gauges, const Fleet& fleet, Time now) {
     Text text;
     text.Single("uptime_seconds", "gauge", "Time since the start.",
                 std::chrono::duration_cast<std::chrono::seconds>(now - metrics.started).count());
+    text.Single("worker_starts_total", "counter", "Starts of kestobridge.exe.", metrics.worker_starts);
     text.Name("scans_total", "counter", "Scans that have ended, by outcome.");
-    text.Value(metrics.clean, Label("outcome", "clean"));
-    text.Value(metrics.infected, Label("outcome", "infected"));
-    text.Value(metrics.no_verdict, Label("outcome", "no_verdict"));
-    text.Value(metrics.no_reply, Label("outcome", "no_reply"));
-    text.Value(metrics.left, Label("outcome", "left"));
+    for (size_t i = 0; i < kOutcomes; ++i) {
+        constexpr std::array kNames{"clean", "infected", "no_verdict", "no_reply", "left"};
+        static_assert(kNames.size() == kOutcomes);
+        text.Value(metrics.scans[i], Label("outcome", kNames[i]));
+    }
     text.Name("scan_seconds", "histogram", "Time from a scan's command to its reply.");
     uint64_t count = 0;
     for (size_t i = 0; i < kSecondsBounds.size(); ++i) {
@@ -71,9 +75,11 @@ std::string MetricsText(const Metrics& metrics, const Fleet& fleet, const KeepRo
     text.Single("bytes_total", "counter", "File data received.", metrics.bytes);
     text.Single("repeats_total", "counter", "Scans given to a further server.", metrics.repeats);
     text.Single("refused_total", "counter", "Clients that broke the rules.", metrics.refused);
-    text.Single("scans_waiting", "gauge", "Scans that wait for a server.", metrics.waiting);
-    text.Single("kept_bytes", "gauge", "Memory taken of the setting keep.", room.used);
-    text.Single("clients", "gauge", "Clients connected.", metrics.clients);
+    text.Single("scans_waiting", "gauge", "Scans that wait for a server.", gauges.scans_waiting);
+    text.Single("kept_bytes", "gauge", "Memory taken of the setting keep.", gauges.kept_bytes);
+    text.Single("keep_bytes", "gauge", "The setting keep.", gauges.keep_bytes);
+    text.Single("clients", "gauge", "Clients connected.", gauges.clients);
+    text.Single("clients_limit", "gauge", "The setting clients.", gauges.clients_limit);
     const auto of_each = [&](std::string_view name, std::string_view type, std::string_view help,
                              auto value) {
         text.Name(name, type, help);
@@ -84,11 +90,24 @@ std::string MetricsText(const Metrics& metrics, const Fleet& fleet, const KeepRo
     of_each("upstream_up", "gauge", "1: it takes scans.", [](const Server& s) { return IsUp(s) ? 1 : 0; });
     of_each("upstream_scans", "gauge", "Scans under way there.", [](const Server& s) { return s.open; });
     of_each("upstream_replies_total", "counter", "Its replies to scans.",
-            [](const Server& s) { return s.replies; });
+            [](const Server& s) { return s.numbers.replies; });
     of_each("upstream_failures_total", "counter", "Scans and probes that it failed.",
-            [](const Server& s) { return s.failures; });
+            [](const Server& s) { return s.numbers.failures; });
     of_each("upstream_seconds_total", "counter", "Time that its replies took.",
-            [](const Server& s) { return s.seconds; });
+            [](const Server& s) { return s.numbers.seconds; });
+    // Left out where they are not known.
+    const auto of_signatures = [&](std::string_view name, std::string_view help, auto value) {
+        text.Name(name, "gauge", help);
+        for (const ServerPtr& server : fleet.servers) {
+            if (const auto& signatures = server->numbers.signatures) {
+                text.Value(value(*signatures), Label("upstream", AddressText(server->name)));
+            }
+        }
+    };
+    of_signatures("upstream_signatures_version", "Version of its signatures.",
+                  [](const Signatures& s) { return s.version; });
+    of_signatures("upstream_signatures_timestamp_seconds", "When its signatures were made.",
+                  [](const Signatures& s) { return s.written.time_since_epoch().count(); });
     return text.Take();
 }
 

@@ -1,13 +1,8 @@
 #include "bridge/reload.h"
 
-#include <windows.h>
-
-#include <cstdio>
 #include <utility>
 
-#include "bridge/bridge_log.h"
-#include "bridge/client.h"
-#include "common/error_words.h"
+#include "common/bridge_log.h"
 
 namespace kesto::bridge {
 namespace {
@@ -18,64 +13,51 @@ constexpr auto kBetweenLooks = 2s;
 
 }  // namespace
 
-void UseLogOf(const BridgeIni& ini, const std::wstring& program_folder) {
-    if (UseBridgeLog(ini.log_path, ini.log_only_if_present)) {
-        return;
+std::vector<std::string> Problems(const BridgeIni& ini, const Bridge& bridge) {
+    std::vector<std::string> problems = ini.problems;
+    for (const ServerAddress& server : ini.settings.upstreams) {
+        // The address that it has until it is started anew may stand there for another server already.
+        if (problems.empty() && IsBridgeItself(server, bridge.settings, bridge.own)) {
+            problems.push_back("upstream " + AddressText(server) +
+                               " is the bridge itself until it is restarted");
+        }
     }
-    const std::string problem = "cannot write the log file " +
-                                (ini.settings.logfile.empty() ? "bridge.log" : ini.settings.logfile) + " - " +
-                                ErrorWords(GetLastError());
-    std::fprintf(stderr, "kestoav: %s\n", problem.c_str());
-    UseBridgeLog(DefaultBridgeLog(program_folder), false);
-    LogBridge("log", problem);
+    return problems;
 }
 
 Reload::Reload(std::wstring program_folder)
-    : folder_(std::move(program_folder)), taken_up_(Look()), seen_(taken_up_) {}
-
-Reload::Stamp Reload::Look() const {
-    WIN32_FILE_ATTRIBUTE_DATA data;
-    if (!GetFileAttributesExW((folder_ + L"\\bridge.ini").c_str(), GetFileExInfoStandard, &data)) {
-        return {};
-    }
-    const auto whole = [](DWORD high, DWORD low) { return static_cast<uint64_t>(high) << 32 | low; };
-    return {whole(data.ftLastWriteTime.dwHighDateTime, data.ftLastWriteTime.dwLowDateTime),
-            whole(data.nFileSizeHigh, data.nFileSizeLow)};
-}
+    : folder_(std::move(program_folder)), taken_up_(BridgeIniStamp(folder_)), seen_(taken_up_) {}
 
 void Reload::Tick(Bridge& bridge, Time now) {
     if (now < next_look_) {
         return;
     }
     next_look_ = now + kBetweenLooks;
-    const Stamp stamp = Look();
+    const FileStamp stamp = BridgeIniStamp(folder_);
     // A file that is missing, or was written a moment ago, may be in the middle of being saved.
-    if (stamp != std::exchange(seen_, stamp) || stamp == taken_up_ || stamp == Stamp{}) {
+    if (stamp != std::exchange(seen_, stamp) || stamp == taken_up_ || stamp == FileStamp{}) {
         return;
     }
-    taken_up_ = stamp;
     BridgeIni ini = ReadBridgeIni(folder_);
-    if (!ini.problems.empty()) {
-        for (const std::string& problem : ini.problems) {
+    if (!ini.readable && stamp == std::exchange(unreadable_, stamp)) {
+        return;  // it is told already, and looked at again
+    }
+    taken_up_ = !ini.readable ? taken_up_ : stamp;
+    if (const auto problems = Problems(ini, bridge); !problems.empty()) {
+        for (const std::string& problem : problems) {
             LogBridge("reload", "changed settings are not followed - " + problem);
         }
         return;
     }
     BridgeSettings& settings = bridge.settings;
-    // The address that it has until it is started anew may stand there for another server already.
-    for (const ServerAddress& server : ini.settings.upstreams) {
-        if (IsBridgeItself(server, settings, bridge.own)) {
-            LogBridge("reload", "changed settings are not followed - upstream " + AddressText(server) +
-                                    " is the bridge itself until it is restarted");
-            return;
-        }
-    }
     const bool restart_wanted =
         !(ini.settings.listen == settings.listen) || ini.settings.decrypt != settings.decrypt;
     ini.settings.listen = settings.listen;
     ini.settings.decrypt = settings.decrypt;
     if (ini.settings.logfile != settings.logfile) {
-        UseLogOf(ini, folder_);
+        if (const std::string problem = UseBridgeLog(ini, folder_); !problem.empty()) {
+            LogBridge("log", problem);
+        }
     }
     settings = std::move(ini.settings);
     Apply(bridge, now);
@@ -83,8 +65,6 @@ void Reload::Tick(Bridge& bridge, Time now) {
     if (restart_wanted) {
         LogBridge("reload", "listen and decrypt are taken up by a restart only");
     }
-    bridge.place.Open();
-    AdvanceWaiting(bridge);
 }
 
 }  // namespace kesto::bridge

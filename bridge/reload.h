@@ -2,14 +2,15 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "bridge/bridge.h"
 #include "common/bridge_ini.h"
 
 namespace kesto::bridge {
 
-// Opens the log that the settings name, or else the default one, and says so on standard error and there.
-void UseLogOf(const BridgeIni& ini, const std::wstring& program_folder);
+// Why the bridge, which listens where bridge.settings says, cannot follow what it has read; empty: it can.
+std::vector<std::string> Problems(const BridgeIni& ini, const Bridge& bridge);
 
 class Reload {
  public:
@@ -20,16 +21,10 @@ class Reload {
     void Tick(Bridge& bridge, Time now);
 
  private:
-    struct Stamp {
-        uint64_t written = 0;
-        uint64_t size = 0;
-        bool operator==(const Stamp&) const = default;
-    };
-    Stamp Look() const;
-
     std::wstring folder_;
-    Stamp taken_up_;
-    Stamp seen_;
+    FileStamp taken_up_;
+    FileStamp seen_;
+    FileStamp unreadable_;  // that could not be read, and was told
     Time next_look_{};
 };
 

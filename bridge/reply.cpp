@@ -1,13 +1,24 @@
 #include "bridge/reply.h"
 
+#include <utility>
+
 #include "base/clamd_words.h"
 
 namespace kesto::bridge {
 
-std::string ReplyForClient(std::string_view reply) {
-    const bool misleading =
-        reply.starts_with(kVerdictBeginning) && ReadScanAnswer(reply) == ScanAnswer::kNoVerdict;
-    return (misleading ? "no verdict: " : "") + std::string(reply);
+AttemptEnd EndOfReply(std::string reply) {
+    using Kind = AttemptEnd::Kind;
+    const ScanAnswer answer = ReadScanAnswer(reply);
+    const Kind kind = answer == ScanAnswer::kClean      ? Kind::kClean
+                      : answer == ScanAnswer::kInfected ? Kind::kInfected
+                      : reply == kSizeLimitReply        ? Kind::kTooLarge
+                                                        : Kind::kNoVerdict;
+    return {kind, std::move(reply)};
+}
+
+std::string ReplyForClient(const AttemptEnd& reply) {
+    const bool misleading = !reply.Verdict() && reply.text.starts_with(kVerdictBeginning);
+    return (misleading ? "no verdict: " : "") + reply.text;
 }
 
 }  // namespace kesto::bridge

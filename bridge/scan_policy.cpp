@@ -8,7 +8,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A server that has had the whole stream for this long is silent: another may be asked beside it.
+// A server that has had the whole stream for this long takes long: another may be asked beside it.
 constexpr auto kSilence = 10s;
 
 // The client gives up after 20 s without a byte, so it gets the verdicts' common beginning one by one.
@@ -19,23 +19,30 @@ constexpr auto kTrickle = 15s;
 constexpr auto kTrickleToFinished = 3s;
 constexpr size_t kTricklesToFinished = 2;
 
-// A file that ends its engine must not end the fleet.
+// A file that ends its engine must not end the fleet; nor must one that something between us and the servers
+// dislikes. A server that has replied has not ended.
 constexpr unsigned kMostWholeAttempts = 3;
+constexpr unsigned kMostAttempts = 5;
+
+// It runs with a server that is down, or at an address of it that is used no more.
+bool IsForsaken(const Server& server, Time began) {
+    return !server.health.up || began < server.lookup.moved;
+}
 
 }  // namespace
 
 ScanPolicy::~ScanPolicy() {
-    for (const Attempt& attempt : attempts_) {
-        attempt.server->open -= attempt.running;
+    for (Attempt& attempt : attempts_) {
+        Release(attempt, Attempt::State::kLost);
     }
 }
 
 void ScanPolicy::EnoughCame() {
-    enough_ = true;
+    stage_ = std::max(stage_, Stage::kSeeking);
 }
 
 void ScanPolicy::StreamEnded(Time now) {
-    enough_ = true;
+    EnoughCame();
     ended_ = now;
     trickle_at_ = now + kTrickle;
     fleet_.scans.Add(now);
@@ -45,146 +52,206 @@ void ScanPolicy::FinishedSending(Time now) {
     finished_sending_ = now;
 }
 
-void ScanPolicy::End(Attempt& attempt, Time now) {
-    if (std::exchange(attempt.running, false)) {
+bool ScanPolicy::Runs() const {
+    return std::any_of(attempts_.begin(), attempts_.end(),
+                       [](const Attempt& attempt) { return attempt.state == Attempt::State::kRunning; });
+}
+
+void ScanPolicy::Release(Attempt& attempt, Attempt::State state) {
+    if (attempt.state == Attempt::State::kRunning) {
+        attempt.state = state;
         --attempt.server->open;
-        if (attempt.replied) {
-            ++attempt.server->replies;
-            attempt.server->seconds += std::chrono::duration<double>(now - attempt.began).count();
-        }
     }
 }
 
-void ScanPolicy::Decide(ScanStep::Kind kind, std::string text) {
-    decided_ = true;
-    waits_ = false;
-    end_.kind = kind;
+void ScanPolicy::Decide(Outcome outcome, std::string text) {
+    stage_ = Stage::kDecided;
+    end_.kind = outcome == Outcome::kNoReply ? ScanStep::Kind::kNoReply : ScanStep::Kind::kReply;
     end_.text = std::move(text);
+    end_.outcome = outcome;
 }
 
 void ScanPolicy::DecideWithoutVerdict(const std::string& reason) {
     if (last_reply_ && trickled_ == 0) {
-        answer_ = ScanAnswer::kNoVerdict;
-        Decide(ScanStep::kReply, ReplyForClient(*last_reply_));
+        Decide(Outcome::kNoVerdict, ReplyForClient(*last_reply_));
     } else {
-        Decide(ScanStep::kNoReply, reason.empty() ? "no upstream server gave a verdict" : reason);
+        Decide(Outcome::kNoReply, reason.empty() ? "no upstream server gave a verdict" : reason);
     }
 }
 
 void ScanPolicy::Progressed(size_t attempt, bool handed_over, Time now) {
     attempts_[attempt].progressed = now;
+    attempts_[attempt].sent = true;
     attempts_[attempt].handed_over = handed_over;
 }
 
-void ScanPolicy::Replied(size_t number, const std::string& reply, Time now) {
-    Attempt& attempt = attempts_[number];
-    attempt.replied = true;
-    End(attempt, now);
-    if (decided_) {
-        return;
-    }
-    const ScanAnswer answer = ReadScanAnswer(reply);
-    if (answer == ScanAnswer::kNoVerdict) {
-        attempt.erred = reply != kSizeLimitReply;
-        last_reply_ = reply;
-        return;
-    }
-    answer_ = answer;
-    Decide(ScanStep::kReply, reply);
-    NoteVerdict(*attempt.server);
+void ScanPolicy::TakeVerdict(Attempt& attempt, const AttemptEnd& end, Time now) {
+    Decide(end.kind == AttemptEnd::Kind::kClean ? Outcome::kClean : Outcome::kInfected, end.text);
+    NoteVerdict(*attempt.server, now);
+    Release(attempt, Attempt::State::kLost);
     for (Attempt& other : attempts_) {
-        if (other.erred || (other.running && IsSilent(other, now))) {
-            NoteFailedScan(fleet_, *other.server, now);
+        if (other.state == Attempt::State::kErred) {
+            NoteError(fleet_, *other.server, now);
+        } else if (other.state == Attempt::State::kRunning && IsSilent(other, now)) {
+            NoteSilence(fleet_, *other.server, other.progressed, now);
         }
-        End(other, now);
+        Release(other, Attempt::State::kLost);
     }
 }
 
-void ScanPolicy::Broken(size_t attempt, const std::string& reason, Time now) {
-    End(attempts_[attempt], now);
-    last_failure_ = "upstream " + AddressText(attempts_[attempt].server->name) + " " + reason;
-    NoteBroken(fleet_, *attempts_[attempt].server, reason, now);
-}
-
-void ScanPolicy::Silent(size_t attempt, const std::string& reason, Time now) {
-    End(attempts_[attempt], now);
-    last_failure_ = "upstream " + AddressText(attempts_[attempt].server->name) + " " + reason;
-    NoteFailedScan(fleet_, *attempts_[attempt].server, now);
+void ScanPolicy::Ended(size_t number, const AttemptEnd& end, Time now) {
+    Attempt& attempt = attempts_[number];
+    Server& server = *attempt.server;
+    if (attempt.state != Attempt::State::kRunning) {
+        return;
+    }
+    if (end.Replied()) {
+        ++server.numbers.replies;
+        server.numbers.seconds += std::chrono::duration<double>(now - attempt.began).count();
+        last_reply_ = end;
+    } else {
+        last_failure_ = "upstream " + AddressText(server.name) + " " + end.text;
+    }
+    switch (end.kind) {
+        case AttemptEnd::Kind::kClean:
+        case AttemptEnd::Kind::kInfected:
+            TakeVerdict(attempt, end, now);
+            break;
+        case AttemptEnd::Kind::kTooLarge:
+            Release(attempt, Attempt::State::kTooLarge);
+            break;
+        case AttemptEnd::Kind::kNoVerdict:
+            Release(attempt, Attempt::State::kErred);
+            SuspectForError(server, now);
+            break;
+        case AttemptEnd::Kind::kUnreached:
+            Release(attempt, Attempt::State::kLost);
+            NoteBroken(fleet_, server, end.text, now, now);
+            break;
+        case AttemptEnd::Kind::kBroken:
+            Release(attempt, Attempt::State::kLost);
+            NoteBroken(fleet_, server, end.text, attempt.progressed, now);
+            break;
+        case AttemptEnd::Kind::kSilent:
+            Release(attempt, Attempt::State::kLost);
+            NoteSilence(fleet_, server, attempt.progressed, now);
+            SuspectForSilence(fleet_, server, now);
+            break;
+    }
 }
 
 bool ScanPolicy::TakesLong(const Attempt& attempt, Time now) const {
     return ended_ && now >= std::max(*ended_, attempt.began) + kSilence;
 }
 
-// And takes no data either, which over a slow line could be the reason.
+// And it takes no data either, which over a slow line could be the reason, and the server works for nobody.
 bool ScanPolicy::IsSilent(const Attempt& attempt, Time now) const {
-    return TakesLong(attempt, now) && now >= attempt.progressed + kSilence;
+    return TakesLong(attempt, now) &&
+           now >= std::max(attempt.progressed, attempt.server->health.worked) + kSilence;
 }
 
-// First one that this scan has not tried, then one that broke off. One that has replied to the file would
-// say the same again.
+// It has the scan, or has replied to it and would say the same again.
+bool ScanPolicy::HasAsked(const Server& server) const {
+    return std::any_of(attempts_.begin(), attempts_.end(), [&server](const Attempt& attempt) {
+        return attempt.server.get() == &server && attempt.state != Attempt::State::kLost &&
+               !IsForsaken(server, attempt.began);
+    });
+}
+
+// First one that this scan has not tried, then one that broke off.
 ServerPtr ScanPolicy::NextServer() const {
     return Choose(fleet_, [this](const Server& server) -> std::optional<unsigned> {
-        unsigned tries = 0;
-        for (const Attempt& attempt : attempts_) {
-            if (attempt.server.get() == &server) {
-                if (attempt.running || attempt.replied) {
-                    return std::nullopt;
-                }
-                ++tries;
-            }
-        }
-        return tries;
+        const auto tries = std::count_if(attempts_.begin(), attempts_.end(), [&](const Attempt& attempt) {
+            return attempt.server.get() == &server;
+        });
+        return HasAsked(server) ? std::nullopt : std::optional(static_cast<unsigned>(tries));
     });
 }
 
-// One that is up and has not yet replied to this scan, though it may have its hands full.
+// One that is up and may yet be asked, though it has its hands full.
 bool ScanPolicy::ServerIsLeft() const {
-    return std::any_of(fleet_.servers.begin(), fleet_.servers.end(), [this](const ServerPtr& server) {
-        return IsUp(*server) && std::none_of(attempts_.begin(), attempts_.end(), [&](const Attempt& attempt) {
-                   return attempt.server == server && attempt.replied;
-               });
+    return std::any_of(fleet_.servers.begin(), fleet_.servers.end(),
+                       [this](const ServerPtr& server) { return IsUp(*server) && !HasAsked(*server); });
+}
+
+// Whether an error was the server's fault: then there is hope for the scan.
+bool ScanPolicy::ProbeWillTell() const {
+    return std::any_of(attempts_.begin(), attempts_.end(), [](const Attempt& attempt) {
+        return attempt.state == Attempt::State::kErred &&
+               attempt.server->health.probe != Server::Health::Probe::kNone;
     });
 }
 
-// With nobody at it, or with only such as take long: then beside them, if those are known to be sick or few
-// scans have got that lately.
+// With nobody at it, or with only such as take long: then beside them, if those are forsaken or few scans
+// have got that lately.
 bool ScanPolicy::MayBegin(Time now) {
-    unsigned whole = 0, running = 0;
-    bool all_late = true, all_down = true;
+    unsigned whole = 0, sent = 0;
+    bool all_late = true, all_forsaken = true;
     for (const Attempt& attempt : attempts_) {
-        whole += attempt.running || attempt.handed_over;
-        if (attempt.running) {
-            ++running;
-            all_late &= TakesLong(attempt, now);
-            all_down &= !attempt.server->up;
-            if (IsSilent(attempt, now)) {
-                Suspect(fleet_, *attempt.server, now);
-            }
-        }
+        const bool runs = attempt.state == Attempt::State::kRunning;
+        const bool lost = attempt.state == Attempt::State::kLost;
+        whole += runs || (lost && attempt.handed_over);
+        sent += runs || (lost && attempt.sent);
+        all_late &= !runs || TakesLong(attempt, now);
+        all_forsaken &= !runs || IsForsaken(*attempt.server, attempt.began);
     }
-    if (!enough_ || whole >= kMostWholeAttempts) {
+    if (whole >= kMostWholeAttempts || sent >= kMostAttempts || (!attempts_.empty() && !repeatable_)) {
         return false;
     }
-    if (running == 0) {
-        return true;
+    return !Runs() || (all_late && (all_forsaken || asked_beside_ || MayAskBeside(fleet_, now)));
+}
+
+// The server that is to have the scan now, if any. May find that there is no use in seeking.
+ServerPtr ScanPolicy::Seek(Time now) {
+    for (const Attempt& attempt : attempts_) {
+        if (attempt.state == Attempt::State::kRunning && IsSilent(attempt, now)) {
+            SuspectForSilence(fleet_, *attempt.server, now);
+        }
     }
-    return all_late && repeatable_ && (all_down || asked_beside_ || MayAskBeside(fleet_, now));
+    if (ended_ && now >= *ended_ + limits_.verdict) {
+        for (Attempt& attempt : attempts_) {
+            if (attempt.state == Attempt::State::kRunning) {
+                NoteSilence(fleet_, *attempt.server, attempt.progressed, now);
+                Release(attempt, Attempt::State::kLost);
+            }
+        }
+        DecideWithoutVerdict("no verdict within " + std::to_string(limits_.verdict.count()) + " s");
+        return nullptr;
+    }
+    const bool may_begin = MayBegin(now);
+    ServerPtr server = may_begin ? NextServer() : nullptr;
+    if (server || Runs()) {
+        return server;
+    }
+    if (!may_begin) {
+        DecideWithoutVerdict(last_failure_);
+        return nullptr;
+    }
+    waits_since_ = waits_since_.value_or(now);
+    if (!ServerIsLeft() && !ProbeWillTell()) {
+        const bool last_word = last_reply_ && !fleet_.down_since;
+        const bool sick = AllSick(fleet_, *waits_since_);
+        if (last_word || sick || now >= fleet_.down_since.value_or(now) + limits_.wait) {
+            DecideWithoutVerdict(last_word ? ""
+                                 : sick    ? last_failure_
+                                           : "no upstream server could be reached");
+        }
+    }
+    return nullptr;
 }
 
 ScanStep ScanPolicy::Begin(const ServerPtr& server, Time now) {
     const bool beside = std::any_of(attempts_.begin(), attempts_.end(), [](const Attempt& attempt) {
-        return attempt.running && attempt.server->up;
+        return attempt.state == Attempt::State::kRunning && !IsForsaken(*attempt.server, attempt.began);
     });
+    attempts_.push_back({server, now, now});
+    ++server->open;
+    TakeTurn(fleet_, *server);
     if (beside && !std::exchange(asked_beside_, true)) {
         fleet_.beside.Add(now);
     }
-    waits_ = false;
     waits_since_.reset();
-    TakeTurn(fleet_, *server);
-    ++server->open;
-    attempts_.push_back({server, now, now});
-    return {ScanStep::kAttempt, attempts_.size() - 1, server, {}};
+    return {ScanStep::Kind::kAttempt, attempts_.size() - 1, server, {}};
 }
 
 ScanStep ScanPolicy::Trickle(Time now) {
@@ -195,57 +262,25 @@ ScanStep ScanPolicy::Trickle(Time now) {
     }
     trickle_at_ = (finished ? now : trickle_at_) + kTrickle;
     ScanStep step;
-    step.kind = ScanStep::kTrickle;
+    step.kind = ScanStep::Kind::kTrickle;
     step.text = kVerdictBeginning.substr(trickled_++, 1);
     return step;
 }
 
 ScanStep ScanPolicy::Next(Time now) {
-    const bool nobody = std::none_of(attempts_.begin(), attempts_.end(),
-                                     [](const Attempt& attempt) { return attempt.running; });
-    if (!decided_ && enough_) {
-        waits_ = false;
-        if (ended_ && now >= *ended_ + limits_.verdict) {
-            for (Attempt& attempt : attempts_) {
-                if (attempt.running) {
-                    NoteFailedScan(fleet_, *attempt.server, now);
-                    End(attempt, now);
-                }
-            }
-            DecideWithoutVerdict("no verdict within " + std::to_string(limits_.verdict.count()) + " s");
-        } else if (nobody && !attempts_.empty() && !repeatable_) {
-            DecideWithoutVerdict(last_failure_);
-        } else if (!MayBegin(now)) {
-            if (nobody) {
-                DecideWithoutVerdict(last_failure_);
-            }
-        } else if (const ServerPtr server = NextServer()) {
+    if (stage_ == Stage::kSeeking) {
+        if (const ServerPtr server = Seek(now)) {
             return Begin(server, now);
-        } else if (nobody && !ServerIsLeft()) {
-            waits_since_ = waits_since_.value_or(now);
-            const bool last_word = last_reply_ && !fleet_.down_since;
-            const bool sick = AllSick(fleet_, *waits_since_);
-            waits_ = !last_word && !sick && now < fleet_.down_since.value_or(now) + limits_.wait;
-            if (!waits_) {
-                DecideWithoutVerdict(last_word ? ""
-                                     : sick    ? last_failure_
-                                               : "no upstream server could be reached");
-            }
-        } else {
-            waits_ = nobody;
         }
     }
-    if (told_) {
-        return {};
-    }
-    if (decided_ && (ended_ || end_.kind == ScanStep::kNoReply)) {
-        told_ = true;
-        if (end_.kind == ScanStep::kReply) {
+    if (stage_ == Stage::kDecided && (ended_ || end_.kind == ScanStep::Kind::kNoReply)) {
+        stage_ = Stage::kTold;
+        if (end_.kind == ScanStep::Kind::kReply) {
             end_.text.erase(0, trickled_);
         }
         return std::exchange(end_, {});
     }
-    return ended_ && !decided_ ? Trickle(now) : ScanStep{};
+    return stage_ == Stage::kSeeking && ended_ ? Trickle(now) : ScanStep{};
 }
 
 }  // namespace kesto::bridge

@@ -17,18 +17,23 @@ struct ScanLimits {
     std::chrono::seconds verdict;  // from the stream's end
 };
 
+// How a scan ended: by a verdict, another reply, none, or because its client left.
+enum class Outcome { kClean, kInfected, kNoVerdict, kNoReply, kLeft };
+inline constexpr size_t kOutcomes = 5;
+
 struct ScanStep {
-    enum Kind {
+    enum class Kind {
         kNothing,  // until something happens; ask again every now and then
         kAttempt,  // begin this attempt with this server, and ask again
         kTrickle,  // send the client the text
         kReply,    // send the client the text and a NUL: the end
         kNoReply,  // close without a reply, the text tells why: the end
     };
-    Kind kind = kNothing;
+    Kind kind = Kind::kNothing;
     size_t attempt = 0;  // its number, by which it is spoken of later
     ServerPtr server;
     std::string text;
+    Outcome outcome{};  // of the end
 };
 
 class ScanPolicy {
@@ -48,59 +53,63 @@ class ScanPolicy {
 
     // Of an attempt.
     void Progressed(size_t attempt, bool handed_over, Time now);  // it took data, or the rest of them
-    void Replied(size_t attempt, const std::string& reply, Time now);
-    void Broken(size_t attempt, const std::string& reason, Time now);  // no reply: the server's fault
-    void Silent(size_t attempt, const std::string& reason, Time now);  // it took no data for too long
+    void Ended(size_t attempt, const AttemptEnd& end, Time now);
 
     ScanStep Next(Time now);
 
-    // The end is known, though a reply is not told before the stream's end: no more of the stream is needed.
-    bool Decided() const { return decided_; }
+    // No more of the stream is needed, though a reply is not told before its end.
+    bool Decided() const { return stage_ >= Stage::kDecided; }
+    bool StreamHasEnded() const { return ended_.has_value(); }
     // No server has the scan, and there is none to take it.
-    bool Waits() const { return waits_; }
-    // How it ended; nothing before its end.
-    std::optional<ScanAnswer> Answer() const { return answer_; }
+    bool Waits() const { return stage_ == Stage::kSeeking && waits_since_; }
 
  private:
+    enum class Stage {
+        kFilling,  // too little of the stream came for a server to be taken
+        kSeeking,  // a verdict is sought
+        kDecided,  // the end is known
+        kTold,     // and was told
+    };
     struct Attempt {
+        enum class State { kRunning, kTooLarge, kErred, kLost };
         ServerPtr server;
         Time began;
         Time progressed;
-        bool running = true;
+        State state = State::kRunning;
+        bool sent = false;
         bool handed_over = false;
-        bool erred = false;  // replied without a verdict, and not for the file's size
-        bool replied = false;
     };
 
-    void End(Attempt& attempt, Time now);
-    void Decide(ScanStep::Kind kind, std::string text);
+    bool Runs() const;
+    void Release(Attempt& attempt, Attempt::State state);
+    void Decide(Outcome outcome, std::string text);
     void DecideWithoutVerdict(const std::string& reason);
+    void TakeVerdict(Attempt& attempt, const AttemptEnd& end, Time now);
     bool TakesLong(const Attempt& attempt, Time now) const;
     bool IsSilent(const Attempt& attempt, Time now) const;
     bool MayBegin(Time now);
-    ScanStep Begin(const ServerPtr& server, Time now);
     ServerPtr NextServer() const;
+    bool HasAsked(const Server& server) const;
     bool ServerIsLeft() const;
+    bool ProbeWillTell() const;
+    ServerPtr Seek(Time now);
+    ScanStep Begin(const ServerPtr& server, Time now);
     ScanStep Trickle(Time now);
 
     Fleet& fleet_;
     ScanLimits limits_;
+    Stage stage_ = Stage::kFilling;
     std::vector<Attempt> attempts_;
-    bool enough_ = false;
     bool repeatable_ = true;
     bool asked_beside_ = false;
-    bool decided_ = false;
-    bool told_ = false;
-    bool waits_ = false;
     std::optional<Time> ended_;
     std::optional<Time> finished_sending_;
     std::optional<Time> waits_since_;
     size_t trickled_ = 0;
     Time trickle_at_;
-    std::optional<std::string> last_reply_;  // without a verdict
+    std::optional<AttemptEnd> last_reply_;  // without a verdict
     std::string last_failure_;
     ScanStep end_;
-    std::optional<ScanAnswer> answer_;
 };
 
 }  // namespace kesto::bridge

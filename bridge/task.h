@@ -5,45 +5,58 @@
 
 #include <asio/buffer.hpp>
 #include <asio/error_code.hpp>
+#include <cassert>
 #include <coroutine>
-#include <exception>
+#include <type_traits>
 #include <utility>
+
+#include "bridge/exchange.h"
 
 namespace kesto::bridge {
 
-// Nobody waits for it; its memory goes when it ends. What it uses must be kept alive by its parameters.
+// Nobody waits for it; its memory goes when it ends. It belongs to its only parameter, the shared pointer
+// that keeps the owner alive meanwhile: what it throws ends the owner and nothing else.
 struct Task {
     struct promise_type {
+        template <typename Anyone>
+        requires std::is_base_of_v<Owner, Anyone>
+        explicit promise_type(std::shared_ptr<Anyone>& owner) : owner_(*owner) {}
         Task get_return_object() { return {}; }
         std::suspend_never initial_suspend() { return {}; }
         std::suspend_never final_suspend() noexcept { return {}; }
         void return_void() {}
-        void unhandled_exception() { std::rethrow_exception(std::current_exception()); }
+        void unhandled_exception() noexcept { owner_.Failed(); }
+
+     private:
+        Owner& owner_;
     };
 };
 
-struct Outcome {
+struct IoResult {
     asio::error_code error;
     size_t size = 0;
 };
 
-// Begins an operation when it is waited for; `start` is handed the handler.
+// Begins an operation when it is waited for; `start` is handed the handler. It must have a name: the compiler
+// destroys a temporary one twice.
 template <typename Start>
 class Operation {
  public:
     explicit Operation(Start start) : start_(std::move(start)) {}
+    Operation& operator co_await() & { return *this; }
+    void operator co_await() && = delete;
     bool await_ready() const noexcept { return false; }
     void await_suspend(std::coroutine_handle<> waiting) {
         start_([this, waiting](const asio::error_code& error, size_t size = 0) {
-            outcome_ = {error, size};
+            result_ = {error, size};
             waiting.resume();
         });
     }
-    Outcome await_resume() const noexcept { return outcome_; }
+    IoResult await_resume() const noexcept { return result_; }
 
  private:
     Start start_;
-    Outcome outcome_;
+    IoResult result_;
 };
 
 template <typename Socket>
@@ -57,12 +70,16 @@ auto WriteSome(Socket& socket, const Buffers& buffers) {
         [&socket, buffers](auto handler) { socket.async_write_some(buffers, std::move(handler)); });
 }
 
-// One task waits here until somebody opens the gate, and runs on within that call.
+// One task waits here until somebody opens the gate, and runs on within that call up to its next wait.
 class Gate {
  public:
     bool await_ready() const noexcept { return false; }
-    void await_suspend(std::coroutine_handle<> waiting) { waiting_ = waiting; }
+    void await_suspend(std::coroutine_handle<> waiting) {
+        assert(!waiting_);
+        waiting_ = waiting;
+    }
     void await_resume() const noexcept {}
+    bool IsWaitedAt() const { return static_cast<bool>(waiting_); }
     void Open() {
         if (const auto waiting = std::exchange(waiting_, nullptr)) {
             waiting.resume();

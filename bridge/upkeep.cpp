@@ -4,117 +4,185 @@
 #include <ws2tcpip.h>
 
 #include <algorithm>
-#include <asio/post.hpp>
+#include <atomic>
 #include <exception>
 #include <new>
-#include <string_view>
 #include <thread>
 #include <utility>
 
 #include "base/clamd_words.h"
-#include "bridge/attempt.h"
-#include "bridge/client.h"
 #include "common/error_words.h"
 
 namespace kesto::bridge {
 namespace {
 
 using namespace std::chrono_literals;
-using namespace std::string_view_literals;
 
 // Longer than a mail server waits for a scan: who needs this for a few bytes is of no use.
 constexpr auto kProbeLimit = 20s;
-constexpr auto kCleanStream = "\0\0\0\5clean\0\0\0\0"sv;
+constexpr std::string_view kCleanStream("\0\0\0\5clean\0\0\0\0", 13);
+
+constexpr auto kVersionLimit = 20s;
+constexpr auto kBetweenVersions = 10min;
+constexpr auto kFirstVersion = 30s;  // after the start: scans come first
 
 // Returns the error, 0 with addresses.
-int LookUp(const ServerAddress& name, std::vector<ServerAddress>& addresses) {
+int LookUpName(const ServerAddress& name, std::vector<ServerAddress>& addresses) {
     addrinfo hints = {};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     const int error = getaddrinfo(name.host.c_str(), nullptr, &hints, &found);
+    const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(found, [](addrinfo* at) { freeaddrinfo(at); });
     for (const addrinfo* at = found; at; at = at->ai_next) {
         char text[INET6_ADDRSTRLEN + 1] = "";
         getnameinfo(at->ai_addr, static_cast<socklen_t>(at->ai_addrlen), text, sizeof text, nullptr, 0,
                     NI_NUMERICHOST);
         auto address = ParseHost(text);
-        if (address && std::find(addresses.begin(), addresses.end(), *address) == addresses.end()) {
-            addresses.push_back(*address);
+        if (address) {
+            address->port = name.port;
+            if (std::find(addresses.begin(), addresses.end(), *address) == addresses.end()) {
+                addresses.push_back(*address);
+            }
         }
-    }
-    if (found) {
-        freeaddrinfo(found);
-    }
-    for (ServerAddress& address : addresses) {
-        address.port = name.port;
     }
     return addresses.empty() ? std::max(error, 1) : 0;
 }
 
-void TakeAddresses(Bridge& bridge, Server& server, int error, std::vector<ServerAddress> addresses) {
-    std::string reason = error == 0 ? "" : ErrorWords(static_cast<unsigned long>(error));
-    const auto leads_back = [&](const ServerAddress& address) {
-        return IsBridgeItself(address, bridge.settings, bridge.own);
-    };
-    if (std::erase_if(addresses, leads_back) != 0) {
-        reason = "its name is the bridge's own";
-    }
-    NoteAddresses(bridge.fleet, server, std::move(addresses), reason, Clock::now());
-    AdvanceWaiting(bridge);
-}
-
-// On a thread of its own, since a lookup that hangs cannot be called back: it must delay nothing else.
-void BeginLookup(Bridge& bridge, const ServerPtr& server) {
-    std::thread([&bridge, server] {
-        std::vector<ServerAddress> addresses;
-        const int error = LookUp(server->name, addresses);
-        asio::post(bridge.io, [&bridge, server, error, addresses = std::move(addresses)] {
-            TakeAddresses(bridge, *server, error, addresses);
-        });
-    }).detach();
-}
-
-void BeginProbe(Bridge& bridge, const ServerPtr& server) {
-    auto request = std::make_shared<KeptStream>(bridge.room);
-    if (request->Space().empty()) {
-        throw std::bad_alloc();
-    }
-    for (const std::string_view part : {kScanCommand, kCleanStream}) {
-        std::copy(part.begin(), part.end(), request->Space().begin());
-        request->Append(part.size());
-    }
-    request->End();
-    const auto attempt = Attempt::Begin(
-        bridge, server, request, [] {},
-        [&bridge, server](const AttemptEnd& end) {
-            const bool replied = end.kind == AttemptEnd::kReplied;
-            const bool clean = replied && ReadScanAnswer(end.text) == ScanAnswer::kClean;
-            const Health health = clean                                ? Health::kWell
-                                  : end.kind == AttemptEnd::kUnreached ? Health::kUnreached
-                                                                       : Health::kSick;
-            NoteProbe(bridge.fleet, *server, health,
-                      replied ? "did not call a clean file clean: " + end.text : end.text, Clock::now());
-            AdvanceWaiting(bridge);
-        });
-    attempt->LimitReply(kProbeLimit, Clock::now());
-}
-
 }  // namespace
 
-void LookUpAndProbe(Bridge& bridge, Time now) {
-    for (const ServerPtr& server : LookupsDue(bridge.fleet, now)) {
+// On a thread of its own, since a lookup that hangs cannot be called back: it must delay nothing else.
+struct Upkeep::Lookup {
+    ServerPtr server;
+    ServerAddress name;
+    std::vector<ServerAddress> addresses;
+    int error = 0;
+    std::atomic<bool> done = false;  // the above belongs to the thread until then
+
+    void Run() noexcept {
         try {
-            BeginLookup(bridge, server);
-        } catch (const std::exception& error) {
-            NoteAddresses(bridge.fleet, *server, {}, error.what(), now);
+            error = LookUpName(name, addresses);
+        } catch (const std::exception&) {
+            addresses.clear();
+            error = ERROR_NOT_ENOUGH_MEMORY;
+        }
+        done = true;
+    }
+};
+
+class Upkeep::Question : public Owner {
+ public:
+    explicit Question(ServerPtr server) : server_(std::move(server)) {}
+    void Failed() noexcept override {
+        CallProbeOff(*server_);
+        over = true;
+    }
+    AttemptPtr attempt;
+    bool over = false;
+
+ private:
+    ServerPtr server_;
+};
+
+void Upkeep::LookUp(const ServerPtr& server, Time now) {
+    const auto lookup = std::make_shared<Lookup>();
+    lookup->server = server;
+    lookup->name = server->name;
+    lookups_.push_back(lookup);
+    try {
+        std::thread([lookup] { lookup->Run(); }).detach();
+    } catch (const std::exception&) {
+        lookups_.pop_back();
+        throw;
+    }
+    server->lookup.running = true;
+    server->lookup.at = now;
+}
+
+void Upkeep::Ask(const ServerPtr& server, std::string_view request, std::chrono::seconds limit, Time now,
+                 std::function<void(const AttemptEnd&)> ended) {
+    const auto stream = std::make_shared<KeptStream>(bridge_.room);
+    const auto space = stream->Space();
+    if (space.size() < request.size()) {
+        throw std::bad_alloc();
+    }
+    std::copy(request.begin(), request.end(), space.begin());
+    stream->Append(request.size());
+    stream->End();
+    const auto question = std::make_shared<Question>(server);
+    questions_.push_back(question);
+    question->attempt = bridge_.begin_attempt(server, stream,
+                                              {question, [](bool) {},
+                                               [question, ended = std::move(ended)](const AttemptEnd& end) {
+                                                   question->over = true;
+                                                   ended(end);
+                                               }},
+                                              now + limit);
+}
+
+void Upkeep::Probe(const ServerPtr& server, Time now) {
+    ProbeBegins(*server, now);
+    try {
+        Ask(server, std::string(kScanCommand).append(kCleanStream), kProbeLimit, now,
+            [this, server](const AttemptEnd& end) {
+                bridge_.news = true;
+                NoteProbe(bridge_.fleet, *server, end, Clock::now());
+            });
+    } catch (const std::exception&) {
+        CallProbeOff(*server);
+        throw;
+    }
+}
+
+void Upkeep::AskVersion(const ServerPtr& server, Time now) {
+    server->ask_version_at = now + kBetweenVersions;
+    Ask(server, kVersionCommand, kVersionLimit, now, [server](const AttemptEnd& end) {
+        if (end.Replied()) {
+            server->numbers.signatures = ReadSignatures(end.text);
+        }
+    });
+}
+
+void Upkeep::Tick(Time now) {
+    for (auto at = questions_.begin(); at != questions_.end();) {
+        const auto question = *at;
+        if (!question->over && question->attempt) {
+            question->attempt->Tick(now);
+        }
+        if (question->over || !question->attempt) {
+            question->attempt.reset();
+            at = questions_.erase(at);
+        } else {
+            ++at;
         }
     }
-    bridge.fleet.scans_wait = bridge.metrics.waiting != 0;
-    for (const ServerPtr& server : ProbesDue(bridge.fleet, now)) {
-        try {
-            BeginProbe(bridge, server);
-        } catch (const std::exception& error) {
-            NoteProbe(bridge.fleet, *server, Health::kUnreached, error.what(), now);
+    for (auto at = lookups_.begin(); at != lookups_.end();) {
+        const auto lookup = *at;
+        if (!lookup->done) {
+            ++at;
+            continue;
+        }
+        at = lookups_.erase(at);
+        std::string reason = lookup->error == 0 ? "" : ErrorWords(static_cast<unsigned long>(lookup->error));
+        const auto leads_back = [&](const ServerAddress& address) {
+            return IsBridgeItself(address, bridge_.settings, bridge_.own);
+        };
+        if (std::erase_if(lookup->addresses, leads_back) != 0) {
+            reason = "its name is the bridge's own";
+        }
+        bridge_.news = true;
+        NoteAddresses(bridge_.fleet, *lookup->server, std::move(lookup->addresses), reason, now);
+    }
+    for (const ServerPtr& server : bridge_.fleet.servers) {
+        if (LookupIsDue(bridge_.fleet, *server, now)) {
+            LookUp(server, now);
+        }
+        if (ProbeIsDue(bridge_.fleet, *server, now)) {
+            Probe(server, now);
+        }
+        if (IsUp(*server) &&
+            now >= std::max(bridge_.metrics.started + kFirstVersion, server->ask_version_at)) {
+            AskVersion(server, now);
         }
     }
 }

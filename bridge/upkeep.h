@@ -1,11 +1,33 @@
-// What is done for the servers beside the scans: looking their names up, and probing those that are down.
+// What is done for the servers beside the scans: looking their names up, probing them, and asking which
+// signatures they have.
 #pragma once
+
+#include <list>
+#include <memory>
+#include <string_view>
 
 #include "bridge/bridge.h"
 
 namespace kesto::bridge {
 
-// To be called every now and then.
-void LookUpAndProbe(Bridge& bridge, Time now);
+class Upkeep {
+ public:
+    explicit Upkeep(Bridge& bridge) : bridge_(bridge) {}
+    void Tick(Time now);  // to be called every now and then
+
+ private:
+    class Question;
+    struct Lookup;
+
+    void LookUp(const ServerPtr& server, Time now);
+    void Ask(const ServerPtr& server, std::string_view request, std::chrono::seconds limit, Time now,
+             std::function<void(const AttemptEnd&)> ended);
+    void Probe(const ServerPtr& server, Time now);
+    void AskVersion(const ServerPtr& server, Time now);
+
+    Bridge& bridge_;
+    std::list<std::shared_ptr<Question>> questions_;
+    std::list<std::shared_ptr<Lookup>> lookups_;
+};
 
 }  // namespace kesto::bridge

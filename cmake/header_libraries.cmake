@@ -1,5 +1,5 @@
 # Asio, CLI11 and nlohmann-json are header-only packages under /usr/include. The cross compiler must see
-# these headers and none of the machine's own, so it is given a folder of links to just them.
+# these headers and none of the machine's own, so it gets a folder with links to just these.
 set(linked_headers ${CMAKE_BINARY_DIR}/linked_headers)
 file(MAKE_DIRECTORY ${linked_headers})
 foreach(name IN ITEMS asio asio.hpp CLI nlohmann)

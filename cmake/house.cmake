@@ -1,18 +1,18 @@
 # The floors of the house. Each folder is one library, which names what it stands on with
-# target_link_libraries; a program or library sees the headers of what it links and of nothing else, so that
-# an include that runs upward does not compile.
+# target_link_libraries. A program or library sees the headers of what it links and no others, so that an
+# include that runs upward does not compile.
 
-# What our own code is compiled with; libraries from elsewhere are not held to our warnings.
+# How our own code is compiled. Libraries from elsewhere need not be free of these warnings.
 add_library(house INTERFACE)
 target_compile_options(house INTERFACE -Wall -Wextra -Wshadow -Wformat=2 -Werror)
 if(WIN32)
-  # GCC 12 reports overlaps in "text" + std::string that cannot be.
+  # GCC 12 reports overlaps in "text" + std::string that are impossible.
   target_compile_options(house INTERFACE -Wno-restrict)
   target_compile_definitions(house INTERFACE _WIN32_WINNT=0x0601 NOMINMAX WIN32_LEAN_AND_MEAN)
 endif()
 
-# The library NAME of the current folder. Its headers are included by the folder's path below the top, which
-# is all that a folder of links shows of it.
+# The library NAME of the current folder. Its headers are included by the folder's path below the top: users
+# see it through a folder of links that holds nothing else.
 function(house_library name)
   add_library(${name} STATIC ${ARGN})
   cmake_path(RELATIVE_PATH CMAKE_CURRENT_SOURCE_DIR BASE_DIRECTORY ${PROJECT_SOURCE_DIR} OUTPUT_VARIABLE path)
@@ -24,8 +24,8 @@ function(house_library name)
   target_link_libraries(${name} PRIVATE house)
 endfunction()
 
-# The same for what the plug-in is made of. An exception must never reach its host: there are hosts whose
-# process ends even at one that the plug-in catches itself. So there are none here.
+# The same for the plug-in's parts. An exception must never reach the host, and the processes of some hosts
+# end even at one that the plug-in itself catches. So these parts have no exceptions.
 function(plugin_library name)
   house_library(${name} ${ARGN})
   target_compile_options(${name} PRIVATE -fno-exceptions)

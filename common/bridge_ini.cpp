@@ -43,9 +43,10 @@ BridgeIni ReadBridgeIni(const std::wstring& program_folder) {
     std::string text;
     const DWORD error = ReadText(program_folder + L"\\bridge.ini", text);
     if (error == 0) {
-        auto [settings, problems] = ReadBridgeSettings(text, OwnAddresses());
+        auto [settings, problems, updater_problems] = ReadBridgeSettings(text, OwnAddresses());
         ini.settings = std::move(settings);
         ini.problems = std::move(problems);
+        ini.updater_problems = std::move(updater_problems);
     } else if (error != ERROR_FILE_NOT_FOUND) {
         ini.problems = {"bridge.ini cannot be read - " + ErrorWords(error)};
         ini.readable = false;
@@ -60,6 +61,20 @@ BridgeIni ReadBridgeIni(const std::wstring& program_folder) {
 
 std::wstring DefaultBridgeLog(const std::wstring& program_folder) {
     return program_folder + L"\\bridge.log";
+}
+
+FileStamp BridgeIniStamp(const std::wstring& program_folder) {
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    if (!GetFileAttributesExW((program_folder + L"\\bridge.ini").c_str(), GetFileExInfoStandard, &data)) {
+        return {};
+    }
+    const auto whole = [](DWORD high, DWORD low) { return static_cast<uint64_t>(high) << 32 | low; };
+    return {whole(data.ftLastWriteTime.dwHighDateTime, data.ftLastWriteTime.dwLowDateTime),
+            whole(data.nFileSizeHigh, data.nFileSizeLow)};
+}
+
+std::wstring UpdateLogPath(const BridgeIni& ini) {
+    return ini.log_path.substr(0, ini.log_path.find_last_of(L"\\/") + 1) + L"update.log";
 }
 
 std::vector<ServerAddress> OwnAddresses() {

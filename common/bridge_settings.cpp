@@ -14,12 +14,15 @@ constexpr struct {
     unsigned BridgeSettings::*value;
     unsigned lowest, highest;
     const char* what;
+    bool of_updater = false;
 } kNumbers[] = {
     {"idle", &BridgeSettings::idle, 1, 3600, "a number of seconds"},
     {"keep", &BridgeSettings::keep, 0, 1024, "a number of MB"},
     {"wait", &BridgeSettings::wait, 0, 3600, "a number of seconds"},
     {"verdict", &BridgeSettings::verdict, 1, 3600, "a number of seconds"},
     {"clients", &BridgeSettings::clients, 1, 20000, "a number"},
+    {"timeout", &BridgeSettings::timeout, 1, 86400, "a number of seconds", true},
+    {"signatures", &BridgeSettings::signatures, 1, 365, "a number of days", true},
 };
 
 class Reader {
@@ -41,7 +44,8 @@ class Reader {
             Line(line);
         }
         line_ = 0;
-        if (!section_seen_) {
+        in_updater_ = false;
+        if (!Seen("[bridge]")) {
             Problem("has no [bridge] section");
         }
         RefuseRings();
@@ -51,7 +55,7 @@ class Reader {
  private:
     void Problem(const std::string& text) {
         const std::string where = line_ == 0 ? " " : " line " + std::to_string(line_) + ": ";
-        read_.problems.push_back("bridge.ini" + where + text);
+        (in_updater_ ? read_.updater_problems : read_.problems).push_back("bridge.ini" + where + text);
     }
 
     void Line(const IniLine& line) {
@@ -63,30 +67,42 @@ class Reader {
         } else if (!in_section_) {
             Problem(quoted + " stands above the section [bridge]");
         } else {
-            Setting(line.name, line.value);
+            Setting(line);
         }
     }
 
     void Section(const IniLine& line, const std::string& quoted) {
-        if (line.name != "bridge" || !line.closed) {
-            Problem(quoted + " is not the section [bridge]");
-        } else if (section_seen_) {
-            Problem("a second section [bridge]");
+        const std::string name = "[" + line.name + "]";
+        in_updater_ = name == "[updater]";
+        if ((name != "[bridge]" && !in_updater_) || !line.closed) {
+            Problem(quoted + " is neither the section [bridge] nor [updater]");
+        } else if (Seen(name)) {
+            Problem("a second section " + name);
         } else {
-            section_seen_ = true;
+            seen_.push_back(name);
         }
         in_section_ = true;
     }
 
-    void Setting(const std::string& key, std::string_view value) {
-        if (std::find(seen_.begin(), seen_.end(), key) != seen_.end()) {
+    bool Seen(const std::string& name) const {
+        return std::find(seen_.begin(), seen_.end(), name) != seen_.end();
+    }
+
+    void Setting(const IniLine& line) {
+        const std::string& key = line.name;
+        const std::string_view value = line.value;
+        const std::string name = (in_updater_ ? "[updater] " : "") + key;
+        if (Seen(name)) {
             Problem("'" + key + "' is given twice");
             return;
         }
-        seen_.push_back(key);
+        seen_.push_back(name);
         BridgeSettings& settings = read_.settings;
         const std::string text = key + "=" + std::string(value.substr(0, 100));
-        if (key == "listen") {
+        if (name == "[updater] command") {
+            // Quotation marks belong to a command line.
+            settings.command = TrimmedIni(line.text.substr(line.text.find('=') + 1));
+        } else if (name == "listen") {
             const auto address = ParseServerAddress(value);
             if (!address || address->kind != HostKind::kIpv4 ||
                 (address->host != "0.0.0.0" && !MayBeServer(*address))) {
@@ -94,14 +110,14 @@ class Reader {
             } else {
                 settings.listen = *address;
             }
-        } else if (key == "upstreams") {
+        } else if (name == "upstreams") {
             Upstreams(TrimmedIni(value));
-        } else if (key == "decrypt") {
+        } else if (name == "decrypt") {
             if (value != "0" && value != "1") {
                 Problem(text + " is neither 0 nor 1");
             }
             settings.decrypt = value != "0";
-        } else if (key == "logfile") {
+        } else if (name == "logfile") {
             // Blanks and semicolons may be part of a name, but hardly one behind the other.
             if (value.find(" ;") != std::string_view::npos || value.find("\t;") != std::string_view::npos) {
                 Problem(text + " holds a comment; put it on a line of its own");
@@ -113,8 +129,9 @@ class Reader {
     }
 
     void Number(const std::string& key, std::string_view text, const std::string& setting) {
-        const auto* known = std::find_if(std::begin(kNumbers), std::end(kNumbers),
-                                         [&](const auto& number) { return number.key == key; });
+        const auto* known = std::find_if(std::begin(kNumbers), std::end(kNumbers), [&](const auto& number) {
+            return number.key == key && number.of_updater == in_updater_;
+        });
         if (known == std::end(kNumbers)) {
             Problem("unknown setting '" + key.substr(0, 100) + "'");
             return;
@@ -168,11 +185,11 @@ class Reader {
 
     const std::vector<ServerAddress>& own_;
     BridgeSettingsRead read_;
-    std::vector<std::string> seen_;
+    std::vector<std::string> seen_;  // settings and sections
     size_t line_ = 0;
     size_t upstreams_line_ = 0;
     bool in_section_ = false;  // of whatever name: what stands in a wrong one is read all the same
-    bool section_seen_ = false;
+    bool in_updater_ = false;
 };
 
 }  // namespace
@@ -184,6 +201,9 @@ std::string SettingsText(const BridgeSettings& settings) {
     }
     text += std::string(" decrypt=") + (settings.decrypt ? "1" : "0");
     for (const auto& number : kNumbers) {
+        if (number.of_updater) {
+            continue;
+        }
         text += " " + std::string(number.key) + "=" + std::to_string(settings.*number.value);
     }
     return text;

@@ -1,5 +1,6 @@
-// What bridge.ini says. Every key may be missing; a file that says something the bridge cannot follow to the
-// letter is refused, because a guess could let mail through unscanned.
+// What bridge.ini says, for the bridge and for the updater. Every key may be missing; a file that says
+// something the bridge cannot follow to the letter is refused, because a guess could let mail through
+// unscanned.
 #pragma once
 
 #include <string>
@@ -20,11 +21,18 @@ struct BridgeSettings {
     unsigned verdict = 120;   // seconds from a stream's end to its verdict
     unsigned clients = 1000;  // at a time
     std::string logfile;      // as written, in the ANSI code page; empty: bridge.log, if it exists
+
+    // The section [updater].
+    std::string command;      // the command line of an updater; empty: the servers update themselves
+    unsigned timeout = 900;   // seconds for the command
+    unsigned signatures = 7;  // days from which on they are too old
 };
 
 struct BridgeSettingsRead {
     BridgeSettings settings;            // without problems: what is in effect
     std::vector<std::string> problems;  // in the bridge's words; not empty: it does not start
+    // Those of the section [updater]: they keep the updater from its work, but no mail from being scanned.
+    std::vector<std::string> updater_problems;
 };
 
 // "listen=127.0.0.1:3313 upstreams=... decrypt=1 ...": what is in effect, but for the log.

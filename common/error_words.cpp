@@ -12,7 +12,7 @@
 namespace kesto {
 namespace {
 
-// The system has texts for these, too, but long ones, and not everywhere.
+// The system has texts for these, too, but they are long, and not every system has them.
 constexpr struct {
     unsigned long code;
     const char* words;

@@ -10,13 +10,13 @@ namespace kesto {
 // One line in UTF-8, without a final full stop: "connection refused".
 std::string SystemErrorText(unsigned long code);
 
-// That as a fault; `before` stands in front of it.
+// That text as a fault, after `before`.
 Fault SystemFault(unsigned long code, const std::string& before = "");
 
-// The same with the number: "connection refused (10061)".
+// The text and the number: "connection refused (10061)".
 std::string SystemErrorWithCode(unsigned long code);
 
-// That in the ANSI code page, which is the bridge's.
+// The same in the ANSI code page, in which the bridge keeps its texts.
 std::string ErrorWords(unsigned long code);
 
 }  // namespace kesto

@@ -13,7 +13,8 @@ bool HasDrive(std::wstring_view path) {
     return path.size() >= 2 && path[1] == L':' && ((path[0] | 0x20) >= L'a' && (path[0] | 0x20) <= L'z');
 }
 
-// Of names without a blank, full stop or device at their end: the system's own way is right for them.
+// The system's own full path. It is right only for names that are not a device and do not end with a blank or
+// a full stop.
 std::wstring SystemFullPath(const std::wstring& path) {
     std::wstring full(GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
     full.resize(GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
@@ -42,7 +43,7 @@ std::wstring ExactPath(const std::wstring& path) {
     std::replace(slashed.begin(), slashed.end(), L'/', L'\\');
     const std::wstring rooted = Rooted(slashed);
     const bool on_server = rooted.starts_with(L"\\\\");
-    const size_t root_parts = on_server ? 2 : 1;  // \\server\share, or the drive: ".." does not leave them
+    const size_t root_parts = on_server ? 2 : 1;  // \\server\share, or the drive; ".." does not go beyond
 
     std::vector<std::wstring_view> parts;
     for (std::wstring_view rest = rooted; !rest.empty();) {

@@ -1,16 +1,17 @@
-// Paths in the form that the system takes as they stand.
+// Paths in the form that the system takes literally.
 #pragma once
 
 #include <string>
 
 namespace kesto {
 
-// The full path of `path` with \\?\ in front: of any length, and naming exactly this file. In any other form
-// "NUL.txt" is a device, and a blank or full stop at the end of a name is dropped, so that another file than
-// the listed one is read. A path that already begins \\?\ or \\.\ is returned as it is.
+// The full path of `path` with \\?\ in front. It may be of any length and names exactly this file: in any
+// other form "NUL.txt" is a device, and the system drops a blank or full stop at the end of a name, so that
+// it would read another file than the one named. A path that already begins with \\?\ or \\.\ is returned as
+// it is.
 std::wstring ExactPath(const std::wstring& path);
 
-// The part of `path` up to and with its last separator; may be empty.
+// The part of `path` up to and including its last separator; may be empty.
 std::wstring FolderPart(const std::wstring& path);
 
 }  // namespace kesto

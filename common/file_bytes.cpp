@@ -12,7 +12,7 @@ namespace kesto {
 namespace {
 
 constexpr uint32_t kReadSize = 16u << 20;
-constexpr uint32_t kFirstCapacity = 64u << 10;  // where the size is not known
+constexpr uint32_t kFirstCapacity = 64u << 10;  // where the size is unknown
 constexpr uint32_t kMostBytes = INT32_MAX;
 
 FileBytes Failed(const Fault& fault) {
@@ -44,7 +44,7 @@ bool Grow(FileBytes& bytes, uint32_t capacity) {
     return more != nullptr;
 }
 
-// One byte of room above the told size, so that the end shows without another round of memory.
+// Has room for one byte more than the expected size, so that the end shows without taking more memory.
 FileBytes ReadToEnd(HANDLE file, uint64_t told_size) {
     FileBytes bytes;
     auto capacity = static_cast<uint32_t>(std::min<uint64_t>(told_size + 1, kMostBytes));
@@ -87,7 +87,7 @@ FileBytes ReadWholeFile(const std::wstring& path) {
     FileIdentity identity;
     FileBytes bytes;
     if (!Identify(file, identity)) {
-        bytes = Failed(SystemFault(GetLastError()));  // a device has none
+        bytes = Failed(SystemFault(GetLastError()));  // a device has no identity
     } else {
         bytes = ReadToEnd(file, identity.size);
         bytes.identity = identity;

@@ -1,4 +1,4 @@
-// Where the running program lies.
+// The folder of the running program.
 #pragma once
 
 #include <string>

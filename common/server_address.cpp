@@ -28,8 +28,8 @@ bool MayStandInLabel(char c) {
     return IsDigit(c) || (c >= 'a' && c <= 'z') || c == '-' || c == '_';
 }
 
-// Cuts the part up to the next separator off the text. False when there was no separator: the part is the
-// rest, and the text empty.
+// Cuts the part before the next separator off the text. Returns false when there is no separator: the part is
+// then all that was left, and the text is empty.
 bool Cut(std::string_view& text, char separator, std::string_view& part) {
     const size_t at = text.find(separator);
     part = text.substr(0, at);
@@ -37,7 +37,7 @@ bool Cut(std::string_view& text, char separator, std::string_view& part) {
     return at != std::string_view::npos;
 }
 
-// The system's resolver takes "10.1" and "0x7f000001" for addresses: a name must not end in a number.
+// The system's resolver takes "10.1" and "0x7f000001" for addresses, so a name must not end with a number.
 bool MayBeName(std::string_view name) {
     if (name.size() > kLongestName) {
         return false;
@@ -111,7 +111,7 @@ bool MayBeServer(const ServerAddress& address) {
         case HostKind::kIpv4:
             return bytes[0] != 0 && bytes[0] < 224 && address.host != "127.255.255.255";
         case HostKind::kIpv6:
-            // Neither ff00::/8, nor "::", nor an IPv4 address in IPv6's clothes.
+            // Not ff00::/8, not "::", and not an IPv4 address written as IPv6.
             return bytes[0] != 0xff && (!IsZero(bytes, 10) || (IsZero(bytes, 15) && bytes[15] == 1));
         default:
             return true;

@@ -48,7 +48,7 @@ std::string Utf8FromAnsi(std::string_view ansi) {
 }
 
 std::string AnsiFromWide(std::wstring_view wide, bool* lossy) {
-    // Where UTF-8 is the ANSI code page the system refuses to tell about replacements: there are none.
+    // Where UTF-8 is the ANSI code page, the system refuses to tell about replacements. There are none.
     if (lossy && GetACP() == CP_UTF8) {
         *lossy = false;
         lossy = nullptr;

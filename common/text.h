@@ -12,14 +12,14 @@ std::wstring WideFromUtf8(std::string_view utf8);
 std::string Utf8FromAnsi(std::string_view ansi);
 std::wstring WideFromAnsi(std::string_view ansi);
 
-// With `lossy` given, tells there whether a character had no place in the code page.
+// `lossy`, if given, becomes whether some character does not exist in the code page.
 std::string AnsiFromWide(std::wstring_view wide, bool* lossy = nullptr);
 
-// Text of a file of unknown making: UTF-16 or UTF-8 by its byte order mark, else UTF-8 where it is that, else
-// the code page in which the command shell writes files.
+// Text of a file that any program may have written: UTF-16 or UTF-8 by its byte order mark, otherwise UTF-8
+// if it is valid, otherwise the code page in which the command shell writes files.
 std::wstring WideFromFile(std::string_view bytes);
 
-// Control characters become '?', so that a name from outside cannot break a line or drive a terminal.
+// Control characters become '?', so that a name from outside cannot break a line or control a terminal.
 std::string Printable(std::string_view text);
 
 // The same line by line.

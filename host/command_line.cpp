@@ -127,6 +127,7 @@ Parser::Parser(Options& options) {
         {"--check", Task::kCheck, "Diagnose the installation and say what to do"},
         {"--ping", Task::kPing, "Tell whether the engine answers a scan"},
         {"--stats", Task::kStats, "Print the engine bridge's counters, in the Prometheus text format"},
+        {"--restart", Task::kRestart, "Start the engine bridge anew without losing a scan"},
         {"--version", Task::kVersion, "Print what plug-in and engine say of their versions"},
         {"--update", Task::kUpdate, "Update the signatures as the mail server does"}};
     for (const auto& [name, task, description] : kTasks) {
@@ -153,7 +154,7 @@ std::string Parser::Contradiction(const Options& options) const {
         {{json}, {Task::kScan, Task::kCheck}, " goes with files to scan and with --check only"},
         {{wait},
          {Task::kScan, Task::kPing, Task::kVersion, Task::kUpdate},
-         " goes neither with --check nor with --stats"},
+         " goes with neither --check, --restart nor --stats"},
     };
     for (const auto& [names, allowed, words] : goes_with) {
         for (const CLI::Option* option : names) {
@@ -167,7 +168,7 @@ std::string Parser::Contradiction(const Options& options) const {
         return "";
     }
     if (files->count() == 0 && file_list->count() == 0) {
-        return "name files to scan, or one of --check, --ping, --stats, --version and --update";
+        return "name files to scan, or one of --check, --ping, --restart, --stats, --version and --update";
     }
     if (std::find(options.paths.begin(), options.paths.end(), kStandardInput) == options.paths.end()) {
         return "";

@@ -9,7 +9,7 @@
 
 namespace kesto::host {
 
-enum class Task { kScan, kVersion, kUpdate, kCheck, kPing, kStats, kHelp };
+enum class Task { kScan, kVersion, kUpdate, kCheck, kPing, kStats, kRestart, kHelp };
 
 struct Options {
     Task task = Task::kScan;

@@ -33,9 +33,7 @@ bool Create(const InstalledPlugin& installed, DWORD flags, PROCESS_INFORMATION& 
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESHOWWINDOW;
     startup.wShowWindow = SW_HIDE;
-    // A console of its own, which nobody sees: no event of ours reaches it.
-    return CreateProcessW(installed.engine.c_str(), nullptr, nullptr, nullptr, FALSE,
-                          CREATE_NO_WINDOW | CREATE_NEW_PROCESS_GROUP | flags, nullptr,
+    return CreateProcessW(installed.engine.c_str(), nullptr, nullptr, nullptr, FALSE, flags, nullptr,
                           installed.engine_folder.c_str(), &startup, &started) != FALSE;
 }
 

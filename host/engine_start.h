@@ -1,5 +1,4 @@
-// The engine, started by us and not by the plug-in, so that it lives on: what the plug-in starts shares our
-// console and process group, and Ctrl-C would end it under every other user of it.
+// The engine, started before the plug-in does: with several scans at a time, each would start it for itself.
 #pragma once
 
 #include <string>

@@ -16,6 +16,7 @@
 #include "host/file_list.h"
 #include "host/interrupt.h"
 #include "host/probe.h"
+#include "host/restart.h"
 #include "host/scan_files.h"
 #include "host/update.h"
 
@@ -134,6 +135,9 @@ int RunOptions(const Options& options) {
     }
     if (options.task == Task::kStats) {
         return PrintStats(installed);
+    }
+    if (options.task == Task::kRestart) {
+        return Restart(installed);
     }
     PluginLibrary plugin;
     if (const Fault fault = LoadPlugin(options.library, plugin)) {

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <thread>
 
+#include "common/bridge_ini.h"
+#include "common/file_bytes.h"
 #include "common/text.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
@@ -17,6 +19,7 @@ namespace kesto::host {
 namespace {
 
 constexpr DWORD kPollMs = 20;
+constexpr uint64_t kMostTold = 4096;  // of what the updater has logged
 
 bool UpdaterRuns(const InstalledPlugin& installed) {
     const auto updaters = ProcessesNamed(L"kestoavu.exe");
@@ -29,6 +32,23 @@ int TellInterrupted(const InstalledPlugin& installed) {
     PrintError(UpdaterRuns(installed) ? "kestoscan: interrupted; the updater goes on\n"
                                       : "kestoscan: interrupted; no updater runs\n");
     return kExitError;
+}
+
+uint64_t SizeOf(const std::wstring& path) {
+    WIN32_FILE_ATTRIBUTE_DATA file = {};
+    GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &file);
+    return (static_cast<uint64_t>(file.nFileSizeHigh) << 32) + file.nFileSizeLow;
+}
+
+// What the updater of this edition has written since its log had this size.
+std::string LoggedSince(const std::wstring& log, uint64_t size) {
+    const uint64_t grown = std::max(SizeOf(log), size) - size;
+    std::string lines = FileTail(log, static_cast<uint32_t>(std::min(grown, kMostTold)));
+    if (grown > kMostTold) {
+        lines.erase(0, lines.find('\n') + 1);
+    }
+    std::erase(lines, '\r');
+    return Utf8FromAnsi(lines);
 }
 
 }  // namespace
@@ -46,6 +66,8 @@ int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
         const std::lock_guard guard(OutputLock());
         SetLastWords([&] { return TellInterrupted(installed); });
     }
+    const std::wstring log = UpdateLogPath(ReadBridgeIni(installed.engine_folder));
+    const uint64_t logged = SizeOf(log);
     plugin.get_expiry(0, 0, 0);  // as the mail server does: before it every update is refused
     char title[kUpdateTitleSize] = "";
     char message[kUpdateMessageSize] = "";
@@ -62,10 +84,10 @@ int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
     updating.join();
     SetLastWords(nullptr);
     if (updated) {
-        PrintOut("Update finished\n");
+        PrintOut(LoggedSince(log, logged) + "Update finished\n");
         return kExitClean;
     }
-    PrintError(Utf8FromAnsi(title) + "\n" + Utf8FromAnsi(message) + "\n");
+    PrintError(LoggedSince(log, logged) + Utf8FromAnsi(title) + "\n" + Utf8FromAnsi(message) + "\n");
     return kExitError;
 }
 

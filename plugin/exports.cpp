@@ -13,7 +13,7 @@
 
 namespace {
 
-// Kept as the loader hands it over; nothing reads it.
+// Kept as the loader passes it; nothing reads it.
 HINSTANCE g_module;
 
 }  // namespace
@@ -73,7 +73,7 @@ int32_t __stdcall ProcessWindowsMessage(uint32_t, uint32_t, uint32_t) {
     return 0;
 }
 
-// The licence routines' arguments are the host's own and never followed.
+// The arguments of the licence routines mean something to the host only, and are never dereferenced.
 
 int32_t __stdcall CheckLicence(uint32_t, uint32_t) {
     return kesto::LicenceHeld() ? 1 : 0;

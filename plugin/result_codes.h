@@ -7,8 +7,8 @@ namespace kesto {
 
 bool IsFatal(uint32_t code);
 
-// Writes the text of `code` into a buffer of `size` bytes, cut to fit and terminated. Writes nothing
-// without a buffer or for a size of 0 or less.
+// Writes the text of `code` into a buffer of `size` bytes, cut to fit and terminated. Writes nothing when the
+// buffer is null or the size is 0 or less.
 void WriteErrorText(uint32_t code, char* buffer, int32_t size);
 
 }  // namespace kesto

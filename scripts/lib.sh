@@ -1,5 +1,5 @@
-# Sourced by the other scripts: steps told in a line each, a Wine server of our own and a real clamd. What a
-# script has started and made here ends with it, whatever ends it.
+# Sourced by the other scripts: one line for each step, a Wine server of our own and a real clamd. What a
+# script starts and makes with these functions ends with it, however it ends.
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 prefixes=()
@@ -13,14 +13,14 @@ complain() {
   return 1
 }
 
-# Starts a command in a process group of its own, with which all that it starts is ended.
+# Starts a command in a process group of its own, so that all that it starts can be ended with it.
 start() {
   set -m
   "$@" </dev/null 9>&- &
   set +m
 }
 
-# Runs a command so that a signal to the script counts at once, not only when the command has ended.
+# Runs a command so that a signal to the script takes effect at once, not only when the command has ended.
 run() {
   start "$@"
   wait "$!"
@@ -45,7 +45,7 @@ finish() {
   rm -rf "$work"
 } 2>/dev/null
 
-work=$(mktemp -u -t kestoav.XXXXXXXX)  # named before it is made: no signal comes between the two
+work=$(mktemp -u -t kestoav.XXXXXXXX)  # named first and made later, so that no signal comes between the two
 trap finish EXIT
 trap 'exit 129' HUP
 trap 'exit 130' INT
@@ -74,17 +74,17 @@ build() { # PRESET [TARGET...]
   run cmake --build "$top/build/$preset" ${1:+--target "$@"} >&2
 }
 
-# Readies the prefix build/wine/NAME, for the first NAME as the one in which programs run, and keeps a server
-# alive for it: programs then start in a fraction of the time.
+# Prepares the prefixes build/wine/NAME; programs run in the first one. Keeps a Wine server alive for each,
+# with which programs start in a fraction of the time.
 start_wine() { # NAME...
   local name booting=()
   step "starting Wine (the first time it makes its folders, build/wine)"
   for name in "$@"; do
     export WINEPREFIX="$top/build/wine/$name"
     prefixes+=("$WINEPREFIX")
-    "$top/scripts/wine" wineserver -k 2>/dev/null || true  # of a run that was killed
+    "$top/scripts/wine" wineserver -k 2>/dev/null || true  # left by a run that was killed
     [ -e "$WINEPREFIX/ready" ] || rm -rf "$WINEPREFIX"     # half made
-    # What it says is of no interest: at its end it lists objects that outlived their processes.
+    # Its output does not matter: at its end it lists objects that outlived their processes.
     "$top/scripts/wine" wineserver -p 2>/dev/null
     start "$top/scripts/wine" wineboot >"$work/wine-$name.log" 2>&1
     booting+=("$!")
@@ -97,7 +97,7 @@ start_wine() { # NAME...
   export WINEPREFIX="$top/build/wine/$1"
 }
 
-# Assembled only here: a file that holds the whole string is quarantined on many machines.
+# It is put together only here, since many machines quarantine files that hold the whole string.
 eicar() {
   printf '%s%s' 'X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-' 'STANDARD-ANTIVIRUS-TEST-FILE!$H+H*'
 }
@@ -142,7 +142,7 @@ ${1:-}
 CONF
     start clamd --foreground --config-file="$work/clamd.conf" >"$work/clamd.log" 2>&1
     if wait_for_engine "$clamd_port" "$!"; then return 0; fi
-    if kill "$!" 2>/dev/null; then break; fi  # it had no trouble with the port
+    if kill "$!" 2>/dev/null; then break; fi  # the port was not the trouble
   done
   complain "clamd does not answer: $(cat "$work/clamd.log")"
 }

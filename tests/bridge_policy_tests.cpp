@@ -9,7 +9,7 @@
 
 #include "bridge/framing.h"
 #include "bridge/kept_stream.h"
-#include "bridge/log_limit.h"
+#include "bridge/metrics.h"
 #include "bridge/scan_policy.h"
 #include "common/bridge_settings.h"
 
@@ -21,11 +21,13 @@ namespace {
 using namespace std::literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 
 // Servers a, b, c ... and one scan for them. Its story is told in steps "SECONDS EVENT > WHAT IS THEN DONE":
 // a letter for an attempt there, "+" and the text of a trickle, "=" and a reply, "!" and why there is none.
 // Attempts count from 0. The texts of kTexts go by their short names.
 struct Story {
+    using Kind = ScanStep::Kind;
     explicit Story(char last_server = 'b') {
         std::vector<ServerAddress> names;
         for (char name = 'a'; name <= last_server; ++name) {
@@ -42,20 +44,40 @@ struct Story {
 
     std::string Next() {
         std::string done;
-        for (ScanStep step = scan->Next(now); step.kind != ScanStep::kNothing; step = scan->Next(now)) {
+        for (ScanStep step = scan->Next(now); step.kind != Kind::kNothing; step = scan->Next(now)) {
             for (const auto& [name, text] : kTexts) {
                 step.text = step.text == text ? name : step.text;
             }
-            done += step.kind == ScanStep::kAttempt ? step.server->name.host : "??+=!"[step.kind] + step.text;
+            done += step.kind == Kind::kAttempt ? step.server->name.host
+                                                : "??+=!"[static_cast<int>(step.kind)] + step.text;
         }
         return done;
     }
-    void Event(const std::string& name, char of, const std::string& reply) {
+    void Event(const std::string& name, const std::string& whom, const std::string& reply) {
+        const char of = whom[0];
         const auto attempt = static_cast<size_t>(of - '0');
-        const std::map<std::string, Health> probes = {
-            {"well", Health::kWell}, {"sick", Health::kSick}, {"unreached", Health::kUnreached}};
+        const std::map<std::string, AttemptEnd> probes = {
+            {"well", EndOfReply("stream: OK")},
+            {"sick", EndOfReply("stream: no memory ERROR")},
+            {"failed", {AttemptEnd::Kind::kUnreached, "refused"}},
+            {"mute", {AttemptEnd::Kind::kSilent, "gave no reply"}}};
+        const std::map<std::string, AttemptEnd::Kind> ends = {{"refused", AttemptEnd::Kind::kUnreached},
+                                                              {"cut", AttemptEnd::Kind::kBroken},
+                                                              {"lost", AttemptEnd::Kind::kBroken},
+                                                              {"late", AttemptEnd::Kind::kBroken},
+                                                              {"silent", AttemptEnd::Kind::kSilent}};
         if (probes.contains(name)) {
-            NoteProbe(fleet, (*this)[of], probes.at(name), "bad", now);
+            NoteProbe(fleet, (*this)[of], probes.at(name), now);
+        } else if (ends.contains(name)) {
+            if (name != "refused" && name != "late") {
+                scan->Progressed(attempt, name == "lost", now);
+            }
+            scan->Ended(attempt, {ends.at(name), "lost"}, now);
+        } else if (name == "reply" || name == "took") {
+            scan->Progressed(attempt, true, now);
+            if (name == "reply") {
+                scan->Ended(attempt, EndOfReply(kTexts.at(reply)), now);
+            }
         } else if (name == "new" || name == "part") {
             scan.emplace(fleet, ScanLimits{60s, 120s});
             name == "new" ? scan->StreamEnded(now) : scan->EnoughCame();
@@ -65,13 +87,32 @@ struct Story {
             scan->FinishedSending(now);
         } else if (name == "window") {
             scan->NotRepeatable();
-        } else if (name == "reply") {
-            scan->Progressed(attempt, true, now);
-            scan->Replied(attempt, kTexts.at(reply), now);
-        } else if (name != "-") {
-            scan->Progressed(attempt, name == "lost", now);
-            scan->Broken(attempt, "lost", now);
+        } else if (name == "works") {
+            NoteVerdict((*this)[of], now);
+        } else if (name == "spent") {
+            fleet.beside.Add(now);
+        } else if (name == "out") {
+            SetServers(fleet, {fleet.servers.back()->name}, now);
+        } else if (name == "two") {
+            NoteAddresses(fleet, (*this)[of],
+                          {*ParseServerAddress("10.0.0.1:1"), *ParseServerAddress("10.0.0.2:1")}, "", now);
+        } else if (name == "up" || name == "down") {
+            EXPECT_EQ(IsUp((*this)[of]), name == "up") << now - start;
+        } else if (name == "failures") {
+            EXPECT_EQ(std::to_string((*this)[of].numbers.failures), reply);
+        } else if (name == "probes") {
+            EXPECT_EQ(Probed(), whom == "-" ? "" : whom) << now - start;
         }
+    }
+    std::string Probed() {
+        std::string due;
+        for (const ServerPtr& server : fleet.servers) {
+            if (ProbeIsDue(fleet, *server, now)) {
+                ProbeBegins(*server, now);
+                due += server->name.host;
+            }
+        }
+        return due;
     }
     void Tell(const std::string& story) {
         std::istringstream steps(story);
@@ -81,7 +122,7 @@ struct Story {
             for (size_t i = 0; all >> done && done != ">"; words[i++] = done) {
             }
             At(std::stod(words[0]));
-            Event(words[1], words[2][0], words[3]);
+            Event(words[1], words[2], words[3]);
             done.clear();
             std::getline(all >> std::ws, done);
             ASSERT_EQ(Next(), done.substr(0, done.find_last_not_of(' ') + 1)) << step << " in " << story;
@@ -110,22 +151,57 @@ TEST(BridgeScan, Stories) {
         {'c', "0 new > a | 0 reply 0 K > =K | 0 new > b | 0 reply 0 K > =K | 0 new > c"},
         // What is no verdict goes to the next server; three at most get the whole file.
         {'d', "0 new > a | 0 refused 0 > b | 0 lost 1 > c | 0 lost 2 > d | 0 lost 3 > !upstream d:1 lost"},
-        {'c', "0 new > a | 0 reply 0 E > b | 0 reply 1 L > c | 0 reply 2 E > =NE"},
+        {'f', "0 new > a |0 cut 0 > b |0 cut 1 > c |0 cut 2 > d |0 cut 3 > e |0 cut 4 > !upstream e:1 lost"},
+        {'e',
+         "0 new > a |0 reply 0 E > b |0 reply 1 E > c |0 reply 2 L > d |0 reply 3 E > e |0 reply 4 E >"
+         "| 0 probes abde > | 0 well a > | 0 well b > | 0 well d > | 0 well e > =NE"},
+        // Clean bytes tell a server's fault from the file's.
+        {'b',
+         "0 new > a | 0 reply 0 E > b | 0 probes a > | 0 well a > | 0 reply 1 E > | 0 probes b >"
+         "| 0 sick b > =NE | 0 up a > | 0 down b >"},
+        {'b', "0 new > a | 0 reply 0 L > b | 0 probes - >"},
         // One that broke off may have come back.
         {'b', "0 new > a | 0 lost 0 > b | 0 refused 1 > | 1 well b > b | 1 reply 2 F > =F"},
         // A second server beside a silent one, and the first verdict counts.
         {'c', "0 new > a |9.9 - > |10 - > b |14 reply 0 E > |15 - > +s |16 reply 1 F > =tream: Evil FOUND"},
         {'b', "0 new > a | 10 - > b | 11 reply 0 K > =K"},
+        {'b', "0 part > a | 5 end > | 14 - > | 15 - > b"},
+        {'b', "0 new > a | 9 spent - > | 10 - > | 10 out - > b"},  // with one that is taken out
+        // A silent one is probed: the busy and the last one stay up, and one at a time is suspected.
+        {'c',
+         "0 new > a | 10 - > b | 10 probes a > | 20 - > c+s | 20 probes - > | 29 works a > | 30 mute a > +t"
+         "| 30 up a > | 30 probes b >"},
+        {'b',
+         "0 new > a | 10 - > b | 10 probes a > | 30 mute a > +s+t | 30 down a > | 30 up b >"
+         "| 30 probes b > | 50 mute b > +r | 50 up b > | 50 probes ab >"},
+        {'b', "0 new > a | 10 - > b | 10 probes a > | 11 well a > | 25 - > +s | 25 probes b >"},
+        {'a', "0 new > a | 10 - > | 10 probes a > | 11 well a > | 29 - > +s | 29 probes - >"},
+        {'a', "0 part > a | 30 silent 0 > a | 60 silent 1 > a | 90 silent 2 > | 90 down a >"},
+        {'a', "0 new > a | 0 reply 0 K > =K | 59 probes - > | 60 probes a > | 60 failed a > | 60 down a >"},
+        // At another address it is another server.
+        {'a',
+         "0 new > a | 0 two a > | 10 - > | 10 probes a > | 30 mute a > a+s+t | 31 reply 1 K > =ream: OK"},
+        {'a',
+         "0 new > a | 0 two a > | 0 reply 0 E > | 0 probes a > | 1 sick a > | 2 probes a > | 2 well a > a"},
+        // What was lost long ago says nothing of a server that has worked since.
+        {'b', "0 new > a | 0 took 0 > | 5 works a > | 11 late 0 > b | 11 up a >"},
+        {'b', "0 new > a | 0 took 0 > | 5 works a > | 9 late 0 > b | 9 down a >"},
         // No reply but a verdict behind a trickle, and an end in time.
-        {'a', "0 new > a |14.9 - > |15 - > +s |30 - > +t |31 reply 0 E > !no upstream server gave a verdict"},
-        {'b', "0 new > a | 1 reply 0 E > b | 20 - > +s | 120 - > !no verdict within 120 s"},
+        {'a',
+         "0 new > a |14.9 - > |15 - > +s |30 - > +t |31 reply 0 E > | 31 well a > !no upstream server gave a "
+         "verdict"},
+        {'b',
+         "0 new > a | 1 reply 0 E > b | 20 - > +s | 120 - > !no verdict within 120 s | 120 failures b 1 >"},
         {'b', "0 new > a | 1 reply 0 L > b | 14 lost 1 > =L"},
         // Waits from when the last server went down, but for none that accepts and is sick.
         {'b',
          "0 new > a | 0 refused 0 > b | 10 refused 1 > | 69 - > +s+t+r+e | 70 - > !NONE | 71 new > !NONE"},
         {'b',
-         "0 new > a |0 lost 0 > b |0 lost 1 > |1 sick a > |1 unreached b > |3 sick b > !upstream b:1 lost"
+         "0 new > a |0 lost 0 > b |0 lost 1 > |1 sick a > |1 failed b > |3 sick b > !upstream b:1 lost"
          "| 4 new > | 5 sick a > | 6 well b > b"},
+        {'b',
+         "0 new > a |0 lost 0 > b |0 lost 1 > |1 probes ab > |1 failed a > |9 mute b > |59 - > +s+t+r |59.5 "
+         "well a > a"},
         // A window that has let go of its beginning.
         {'b', "0 part > a | 0 refused 0 > b | 0 window > | 0 lost 1 > !upstream b:1 lost"},
         {'b', "0 new > a | 0 window > | 11 - >"},
@@ -144,9 +220,10 @@ TEST(BridgeScan, Stories) {
             for (size_t i = 0; i < told; ++i) {
                 story.Tell(std::to_string(15 * (i + 1)) + " - > +" + kVerdictBeginning[i]);
             }
-            story.scan->Replied(0, story.kTexts.at({reply}), story.At(119));
+            story.scan->Ended(0, EndOfReply(story.kTexts.at({reply})), story.At(119));
+            story.Event("well", "a", "");
             const ScanStep end = story.scan->Next(story.now);
-            EXPECT_EQ(end.kind, told == 0 || verdict ? ScanStep::kReply : ScanStep::kNoReply);
+            EXPECT_EQ(end.kind, told == 0 || verdict ? Story::Kind::kReply : Story::Kind::kNoReply);
             EXPECT_TRUE(!verdict || end.text == story.kTexts.at({reply}).substr(told)) << end.text;
         }
     }
@@ -154,22 +231,20 @@ TEST(BridgeScan, Stories) {
 
 TEST(BridgeScan, ErrorsAreHeldAgainstAServerBesideAVerdictOnly) {
     for (const auto& [replies, up] : {std::pair("E > b | 0 reply 1 K > =K", false),
-                                      {"E > b | 0 reply 1 E > =NE", true},
+                                      {"E > b | 0 reply 1 E > | 0 well a > | 0 well b > =NE", true},
                                       {"L > b | 0 reply 1 K > =K", true}}) {
         Story world;
         for (int i = 0; i < 3; ++i) {
             world['a'].last_turn = 0;
             world.Tell("0 new > a | 0 reply 0 " + std::string(replies));
         }
-        EXPECT_EQ(world['a'].up, up) << replies;
+        EXPECT_EQ(IsUp(world['a']), up) << replies;
     }
     Story silence;
-    silence.Tell("0 new > a | 10 - > b");
-    EXPECT_EQ(ProbesDue(silence.fleet, silence.now).size(), 1u);  // sick, or only busy?
-    silence.Tell("20 reply 1 K > =K");
-    EXPECT_EQ(silence['a'].failed_in_row, 1u);
+    silence.Tell("0 new > a | 10 - > b | 20 reply 1 K > =K");
+    EXPECT_EQ(silence['a'].health.failed_in_row, 1u);
     silence.Tell("20 new > a | 20 reply 0 K > =K");
-    EXPECT_EQ(silence['a'].failed_in_row + silence['a'].open, 0u);
+    EXPECT_EQ(silence['a'].health.failed_in_row + silence['a'].open, 0u);
 }
 
 TEST(BridgeScan, OneInTenIsAskedBeside) {
@@ -178,7 +253,7 @@ TEST(BridgeScan, OneInTenIsAskedBeside) {
     const auto begun = [&](double seconds) {
         size_t count = 0;
         for (ScanPolicy& scan : scans) {
-            count += scan.Next(world.At(seconds)).kind == ScanStep::kAttempt;
+            count += scan.Next(world.At(seconds)).kind == Story::Kind::kAttempt;
         }
         return count;
     };
@@ -188,41 +263,54 @@ TEST(BridgeScan, OneInTenIsAskedBeside) {
     EXPECT_EQ(begun(0), 25u);
     EXPECT_EQ(world['a'].open + world['b'].open, 25u);
     EXPECT_EQ(begun(10), 2u);
-    world['a'].up = false;  // known to be sick: all that are left with it are helped
+    world['a'].health.up = false;  // known to be sick: all that are left with it are helped
     EXPECT_EQ(begun(11), 12u);
     scans.clear();
     EXPECT_EQ(world['a'].open + world['b'].open, 0u);
+    EXPECT_EQ(world.fleet.scans.Sum(world.At(61)), 0u);
     world['b'].open = 250;  // a ring of bridges grows no further
-    world.Tell("12 new >");
+    world.Tell("62 new >");
 }
 
 TEST(BridgeFleet, PausesDoubleAndAreShortWhileScansWait) {
     Story world('a');
-    const auto probed = [&](double seconds) { return !ProbesDue(world.fleet, world.At(seconds)).empty(); };
-    NoteBroken(world.fleet, world['a'], "refused", world.At(0));
-    NoteBroken(world.fleet, world['a'], "refused", world.At(0.5));  // with the first: no new pause
+    const auto probed = [&](double seconds) { return world.At(seconds), !world.Probed().empty(); };
+    const auto broken = [&] { NoteBroken(world.fleet, world['a'], "refused", world.now, world.now); };
+    broken();
+    world.At(0.5);
+    broken();  // with the first: no new pause
     double at = 0;
     for (const int pause : {1, 2, 4, 8, 16, 32, 32}) {
         EXPECT_FALSE(probed(at + pause - 0.1)) << pause;
         EXPECT_TRUE(probed(at += pause)) << pause;
         EXPECT_FALSE(probed(at + 1));  // under way
-        NoteProbe(world.fleet, world['a'], Health::kUnreached, "refused", world.At(at));
+        world.At(at);
+        world.Event("failed", "a", "");
     }
     EXPECT_EQ(world.told, "upstream a:1 down - refused; tried again in 32 s");
-    world.fleet.scans_wait = true;
+    world.fleet.scans_wait = [] { return true; };
     EXPECT_TRUE(probed(at + 2));
-    NoteProbe(world.fleet, world['a'], Health::kWell, "", world.now);
+    world.Event("well", "a", "");
     EXPECT_EQ(world.told, "upstream a:1 up");
-    NoteBroken(world.fleet, world['a'], "refused", world.now);
-    EXPECT_EQ(world['a'].pause, 32s);  // no verdict yet
-    NoteProbe(world.fleet, world['a'], Health::kWell, "", world.now);
+    broken();
+    EXPECT_EQ(world['a'].health.pause, 32s);  // no verdict yet
+    world.Event("well", "a", "");
     world.Tell("200 new > a | 200 reply 0 K > =K");
-    EXPECT_EQ(world['a'].pause, 0s);
+    EXPECT_EQ(world['a'].health.pause, 0s);
 }
 
 TEST(BridgeFleet, NamesKeepTheirLastGoodAddresses) {
     Story world('a');
-    const auto due = [&](double seconds) { return LookupsDue(world.fleet, world.At(seconds)).size(); };
+    const auto due = [&](double seconds) {
+        unsigned count = 0;
+        for (const ServerPtr& server : world.fleet.servers) {
+            if (LookupIsDue(world.fleet, *server, world.At(seconds))) {
+                server->lookup.running = ++count != 0;
+                server->lookup.at = world.now;
+            }
+        }
+        return count;
+    };
     EXPECT_EQ(due(59.9), 0u);
     EXPECT_EQ(due(60), 1u);
     EXPECT_EQ(due(100), 0u);  // under way
@@ -236,6 +324,29 @@ TEST(BridgeFleet, NamesKeepTheirLastGoodAddresses) {
     EXPECT_EQ(world.told, "upstream b:1 down - looking its name up takes long");
     NoteAddresses(world.fleet, world['b'], {*ParseServerAddress("[::1]:1")}, "", world.now);
     world.Tell("106 new > b");
+}
+
+TEST(BridgeMetrics, TellWhatIsCounted) {
+    Story world('b');
+    world['b'].numbers.signatures = ReadSignatures("ClamAV 1.4.3/27000/Thu Jan  1 00:01:00 1970");
+    Metrics metrics;
+    for (size_t i = 0; i < kOutcomes; ++i) {
+        for (size_t count = 0; count <= i; ++count) {
+            CountScan(metrics, static_cast<Outcome>(i), 0.3);
+        }
+    }
+    const std::string text = MetricsText(metrics, {1, 2, 3, 4, 5}, world.fleet, world.now);
+    for (const char* line :
+         {"scans_total{outcome=\"clean\"} 1", "scans_total{outcome=\"infected\"} 2",
+          "scans_total{outcome=\"no_verdict\"} 3", "scans_total{outcome=\"no_reply\"} 4",
+          "scans_total{outcome=\"left\"} 5", "scan_seconds_bucket{le=\"0.25\"} 0",
+          "scan_seconds_bucket{le=\"0.5\"} 6", "scan_seconds_count 6", "clients 1", "clients_limit 2",
+          "scans_waiting 3", "kept_bytes 4", "keep_bytes 5", "upstream_up{upstream=\"a:1\"} 1",
+          "upstream_signatures_version{upstream=\"b:1\"} 27000",
+          "upstream_signatures_timestamp_seconds{upstream=\"b:1\"} 60"}) {
+        EXPECT_THAT(text, HasSubstr(std::string("\nkestoav_") + line + "\n"));
+    }
+    EXPECT_THAT(text, Not(HasSubstr("version{upstream=\"a:1\"}")));
 }
 
 TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
@@ -256,7 +367,7 @@ TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
         return from == stream.Size();
     };
     KeepRoom room;
-    room.limit = 1'000'000;
+    room.SetLimit(1'000'000);
     {
         KeptStream small(room), large(room), window(room);
         EXPECT_EQ(fill(small, 3000), 3000u);
@@ -273,7 +384,12 @@ TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
         EXPECT_TRUE(held(window, taken));
     }
     EXPECT_EQ(room.used, 0u);
-    room.limit = 0;
+    EXPECT_FALSE(room.spare.empty());
+    for (int i = 0; i < 100; ++i) {
+        room.ShrinkSpare();
+    }
+    EXPECT_TRUE(room.spare.empty());
+    room.SetLimit(0);
     KeptStream none(room);
     EXPECT_LE(fill(none, 1'000'000), 132u * 1024);
 }
@@ -284,21 +400,15 @@ TEST(BridgeFraming, CommandsAreKnownEarlyAndLengthsHaveALimit) {
     for (const auto& [bytes, command] : cases) {
         EXPECT_EQ(FindCommand(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()).command, command);
     }
+    ChunkStream empty;
+    uint8_t end[4] = {};
+    EXPECT_EQ(FollowChunks(empty, end, 4, true).state, StreamState::kEnded);
     for (const uint8_t last : {0, 1}) {
         ChunkStream stream;
         uint8_t length[] = {4, 0, 0, last};
-        EXPECT_EQ(FollowChunks(stream, length, 4, true).valid, last == 0);
+        EXPECT_EQ(FollowChunks(stream, length, 4, true).state,
+                  last == 0 ? StreamState::kGoesOn : StreamState::kInvalid);
     }
-}
-
-TEST(BridgeLog, TenOfAKindAMinute) {
-    LogLimit limit;
-    const LogLimit::Time start{};
-    for (int i = 0; i < 25; ++i) {
-        EXPECT_EQ(limit.Take("a", "line", start + 1s).size(), i < 10 ? 1u : 0u);
-    }
-    EXPECT_THAT(limit.Take("b", "other", start + 2s), ElementsAre("other"));
-    EXPECT_THAT(limit.Overdue(start + 61s), ElementsAre("15 more such lines left out, the last: line"));
 }
 
 TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
@@ -318,7 +428,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         {"holds a comment", {"logfile=a ;b"}},
         {"unknown setting 'upsteams'", {"upsteams=a:1"}},
         {"is not a setting", {"prose"}},
-        {"is not the section", {"[other]"}},
+        {"is neither the section", {"[other]"}},
         {"a second section", {"[bridge]"}},
     };
     const std::vector own{*ParseHost("10.1.2.3")};
@@ -336,9 +446,13 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
     }
     const auto read = ReadBridgeSettings(
         "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nverdict=7\nupstreams=a.b:1 "
-        "[::1]:2\t10.0.0.1:3",
+        "[::1]:2\t10.0.0.1:3\n"
+        "[updater]\ncommand=\"a b\" --c=\"d\"\nsignatures=3\nidle=9\ntimeout=0",
         own);
     EXPECT_THAT(read.problems, ElementsAre());
+    EXPECT_EQ(read.settings.command + std::to_string(read.settings.signatures), "\"a b\" --c=\"d\"3");
+    EXPECT_THAT(read.updater_problems, ElementsAre(HasSubstr("line 11: unknown setting 'idle'"),
+                                                   HasSubstr("timeout=0 is not a number")));
     EXPECT_EQ(AddressText(read.settings.upstreams.at(1)), "[::1]:2");
     EXPECT_THAT(SettingsText(read.settings), HasSubstr(" idle=20 keep=0 wait=60 verdict=7 "));
 }

@@ -16,15 +16,17 @@ using namespace testing;
 const std::string kOk = WithNul("stream: OK"), kFound = WithNul("stream: Test.Virus FOUND");
 const std::string kScan = WithNul("zINSTREAM");
 
-// A real kestoav.exe beside its bridge.ini and in no plug-in's folder. It runs under another name, so that no
-// plug-in of a test beside this one takes it for its engine; for the road through the plug-in see
-// Installation::PlaceBridge.
+// A real guard and bridge beside their bridge.ini and in no plug-in's folder. The guard runs under another
+// name, so that no plug-in of a test beside this one takes it for its engine; for the road through the
+// plug-in see Installation::PlaceBridge.
 struct BridgeProcess {
-    // On a free port with these upstreams and further ini lines; waits until it listens or has ended.
+    // On a free port with these upstreams and further ini lines; waits until it serves or tells why not.
     explicit BridgeProcess(const std::string& upstreams, const std::string& more_lines = "")
         : port(home.PlaceBridge(upstreams, more_lines, kProgram)) {
         run.emplace(home.engine_folder / kProgram);
-        EXPECT_TRUE(WaitFor([this] { return !run->Running() || !Command("zSTATS").empty(); }));
+        EXPECT_TRUE(WaitFor([this] {
+            return !Command("zSTATS").empty() || Log().find("cannot start") != std::string::npos;
+        }));
     }
     void WriteIni(const std::string& text) const { WriteFile(home.engine_folder / "bridge.ini", text); }
     std::string Log(const char* name = "bridge.log") const { return ReadText(home.engine_folder / name); }
@@ -35,11 +37,13 @@ struct BridgeProcess {
     // The reply to a scan of `data`, shifted as the plug-in does, with its NUL; empty for none.
     std::string Scan(const std::string& data) const { return Ask(port, ScanRequestOf(data)); }
     std::string Command(const char* command) const { return Ask(port, WithNul(command)); }
+    // Has another bridge take the place of this one.
+    RunResult Restart() const { return ProgramRun(home.folder / "kestoscan.exe", L"--restart").Finish(); }
 
     static constexpr char kProgram[] = "bridge_alone.exe";
     Installation home{L"bridge"};
     uint16_t port;
-    std::optional<ProgramRun> run;  // console events, exit status, standard error
+    std::optional<ProgramRun> run;
 };
 
 // To each connection what `reply` holds when it has read so much of the request.
@@ -126,11 +130,11 @@ TEST(BridgeScan, WaitsForAServer) {
     gone.Reset();
     EXPECT_TRUE(stats("\nkestoav_scans_waiting 1\n"));
     EXPECT_TRUE(stats("\nkestoav_scans_total{outcome=\"left\"} 1\n"));
-    bridge.run->SendConsoleEvent(CTRL_BREAK_EVENT);
+    EXPECT_EQ(bridge.Restart().status, 0u);
     EXPECT_TRUE(bridge.Tells("ending"));
     clamd.Revive();
     EXPECT_EQ(client.Receive(), kFound);
-    EXPECT_EQ(bridge.run->Finish().status, 0u);
+    EXPECT_TRUE(bridge.Tells("ended"));
     EXPECT_TRUE(bridge.Tells("upstream " + clamd.Address() + " up"));
 }
 
@@ -202,7 +206,7 @@ TEST(BridgeClient, WhoeverBreaksTheRulesHurtsNobodyElse) {
     }
     EXPECT_EQ(bridge.Scan("VIRUS"), kFound);
     EXPECT_EQ(clamd.Accepted(), 1u);
-    EXPECT_THAT(bridge.Log(), HasSubstr("silent while others wait for a place"));
+    EXPECT_THAT(bridge.Log(), HasSubstr("too slow while others wait for a place"));
 
     Wire leaving(ConnectToLoopback(bridge.port)), slow(ConnectToLoopback(bridge.port));
     const std::string request = ScanRequestOf(std::string(100'000, 'd') + "VIRUS");
@@ -227,22 +231,22 @@ TEST(BridgeEnd, ComesAfterTheRunningScans) {
     scanning.Send(ScanRequestOf("data"));
     trickling.Send(kScan);
     EXPECT_TRUE(WaitFor([&] { return clamd.Accepted() == 1; }));
-    bridge.run->SendConsoleEvent(CTRL_LOGOFF_EVENT);
-    EXPECT_NE(bridge.Command("zSTATS"), "");
-    bridge.run->SendConsoleEvent(CTRL_BREAK_EVENT);
+    Wire late(ConnectToLoopback(bridge.port));
+    EXPECT_EQ(bridge.Restart().out, "Restarted\n");
+    EXPECT_THAT(bridge.Command("zSTATS"), HasSubstr("\nkestoav_worker_starts_total 2\n"));
+    clamd.Play(Realistic());
+    EXPECT_TRUE(late.Send(ScanRequestOf("VIRUS")));
+    EXPECT_EQ(late.Receive(), kFound);
     EXPECT_TRUE(WaitFor([&] { return !trickling.Send("\0\0\0\1d"s) || (Sleep(50), false); }));
-    EXPECT_EQ(bridge.Command("zSTATS"), "");
-    EXPECT_TRUE(bridge.run->Running());
-    bridge.run->SendConsoleEvent(CTRL_BREAK_EVENT);  // at once
-    EXPECT_NE(bridge.run->Finish().status, STILL_ACTIVE);
+    EXPECT_EQ(bridge.Log().find("ended"), std::string::npos);
+    scanning.Reset();
+    EXPECT_TRUE(bridge.Tells("ended"));
 }
 
 TEST(BridgeStart, TellsWhatItCannotFollow) {
     BridgeProcess bridge("x", "idel=3\nlogfile=none\\x.log");
-    EXPECT_EQ(bridge.run->Finish().status, 1u);
-    for (const std::string& text : {bridge.run->Err(), bridge.Log()}) {
-        EXPECT_THAT(text, AllOf(HasSubstr("x.log"), HasSubstr("'x' is not"), HasSubstr("setting 'idel'")));
-    }
+    EXPECT_THAT(bridge.Log(),
+                AllOf(HasSubstr("x.log"), HasSubstr("'x' is not"), HasSubstr("setting 'idel'")));
 }
 
 TEST(BridgeStart, TakesUpChangedSettings) {
@@ -259,12 +263,16 @@ TEST(BridgeStart, TakesUpChangedSettings) {
 }
 
 TEST(BridgeStart, WaitsForThePortAndOpensItsLogAnew) {
-    BridgeProcess bridge("127.0.0.1:1", "logfile=own.log");
-    const ProgramRun second(bridge.home.engine_folder / bridge.kProgram);
-    EXPECT_TRUE(bridge.Tells("the port is in use (10048)", "own.log"));
+    BridgeProcess bridge("127.0.0.1:1", "logfile=own.log"), second("127.0.0.1:1", "logfile=own.log");
     std::filesystem::rename(bridge.home.engine_folder / "own.log", bridge.home.top / "moved.log");
+    second.run.reset();
+    second.WriteIni("[bridge]\nlogfile=own.log\nlisten=127.0.0.1:" + std::to_string(bridge.port));
+    second.run.emplace(second.home.engine_folder / second.kProgram);
+    EXPECT_TRUE(second.Tells("the port is in use (10048)", "own.log"));
+    EXPECT_EQ(bridge.Restart().status, 0u);
+    EXPECT_TRUE(bridge.Tells("ending after", "own.log"));
     bridge.run.reset();
-    EXPECT_TRUE(bridge.Tells("listening on", "own.log"));
+    EXPECT_TRUE(second.Tells("listening on 127.0.0.1:" + std::to_string(bridge.port), "own.log"));
 }
 
 }  // namespace

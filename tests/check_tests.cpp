@@ -113,6 +113,16 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
                       HasSubstr("failed   upstream " + blind.Address() + " EICAR: found clean"),
                       HasSubstr("failed   upstream " + dead + " connection: not made")));
 
+    for (int ended = 0; ended < 2; ++ended) {
+        installed.EndPrograms(installed.worker.wstring());
+        EXPECT_EQ(Ask(port, WithNul("zPING")), WithNul("PONG"));
+    }
+    EXPECT_THAT(Check().out, HasSubstr("warning  engine worker: kestobridge.exe has been started 3 times, "));
+    std::filesystem::rename(installed.worker, installed.top / "old");
+    EXPECT_THAT(Check().out, HasSubstr("kestobridge.exe is missing: every scan ends with error 1003"));
+    installed.PlaceStandIn(installed.worker, "wait");
+    EXPECT_THAT(Check().out, HasSubstr("failed   engine worker: kestoav.exe is of version "));
+
     const auto log = installed.engine_folder / "bridge.log";
     WriteFile(installed.engine_folder / "bridge.ini",
               std::string(2000, ';') + "\r\n[bridge]\r\nidle=5\r\ndecrypt=0\r\nwait=121\r\nupstreams=" +
@@ -129,7 +139,7 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
     installed.WriteSettings(Servers(port) + "encrypt=0");
     EXPECT_THAT(Check().out, AllOf(Not(HasSubstr("decrypt differs")),
                                    HasSubstr("EICAR: found only with encrypt=1: plug-in and engine do not "
-                                             "agree, and every virus passes -> end kestoav.exe, which")));
+                                             "agree, and every virus passes -> run kestoscan --restart")));
 }
 
 TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysTheSameAsJson) {

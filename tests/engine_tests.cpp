@@ -6,7 +6,7 @@ namespace {
 
 using namespace testing;
 
-// The log in words, repeated ones once and counted.
+// The log with a word for each message; repeated ones stand once, with their number.
 std::string InWords(const std::vector<std::string>& messages) {
     static const std::pair<const char*, const char*> kWords[] = {
         {"Scan file - mail.eml - 1", "scan"},
@@ -46,14 +46,14 @@ TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
     const FakeProcess engine;
     const std::string missing = "scan restart stop missing start", refused = "scan refused restart stop ";
     const std::string ended = refused + "terminated ended ending";
-    // The log is of a scan that fails when it gave up.
+    // When the log ends with "gave-up", the scan fails.
     const std::tuple<std::string, SystemState, std::string> cases[] = {
         {"", {}, "scan"},
         // A limit of n seconds is over when n + 1 have passed.
         {"", {.accepts_from = 10'000}, "scan refused*10"},
         {"restartcount=0", {.accepts_from = 10'001}, "scan refused*11 restart stop terminated ended start"},
         {"connectwait=-1", {.accepts_from = 100'000}, "scan refused*100"},
-        // Not looked for between passes.
+        // The engine is not looked for between passes.
         {"", {.processes = {{.ends = 1500}}, .accepts_from = 5000}, "scan refused*5"},
         {"", {.processes = {}}, missing},
         {"startwait=-1", {.processes = {}, .started = {.appears = 300'000}}, missing + " starting*3000"},
@@ -66,7 +66,7 @@ TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
         {"startwait=0", {.processes = {}, .starts = false}, missing + " failed:0 starting*11 dead gave-up"},
         {"startwait=0", {.enumerates = false}, missing + " starting*11 dead gave-up"},
         {"connectwait=0", {.accepts_from = 1001, .end_takes = 250}, ended + "*3 start"},
-        // Of two only one is ended, and none started.
+        // Of two engines only one is ended, and none is started.
         {"connectwait=0\nstartwait=2",
          {.processes = {engine, engine}, .accepts_from = kLate},
          ended + "*31 alive gave-up"},
@@ -76,9 +76,9 @@ TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
         {"connectwait=0\nstartwait=2",
          {.processes = {{.refused = PROCESS_TERMINATE}}, .accepts_from = kLate},
          refused + "ending*31 alive gave-up"},
-        // Without the right to ask an engine for its name it is not seen.
+        // An engine is not seen without the right to ask for its name.
         {"", {.processes = {{.refused = PROCESS_QUERY_INFORMATION}}}, missing},
-        // The restart's time is taken from the connecting after it, whose limit is startwait.
+        // The time of a restart counts towards the connecting after it, whose limit is startwait.
         {"startwait=3",
          {.processes = {}, .accepts_from = 4001, .started = {.appears = 2000}},
          missing + " starting*20 refused*2 restart stop terminated ended start starting*20"},
@@ -92,7 +92,7 @@ TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
         it.system.Become(state);
         EXPECT_EQ(it.Scan("x"), log.ends_with("gave-up") ? "failed 1001" : "clean");
         EXPECT_EQ(InWords(it.installed.LogMessages()), log);
-        // The two handles of every start are kept, by design.
+        // The two handles of every start are kept on purpose.
         const size_t starts = it.system.processes.size() - state.processes.size();
         EXPECT_EQ(it.system.open_handles, static_cast<int>(2 * starts));
     }
@@ -127,7 +127,7 @@ TEST(Engine, IsWhateverProgramIsNamedSo) {
          false},
         {{longest}, true},
         {many, true},
-        {one_more, false},  // beyond what is asked for
+        {one_more, false},  // more than the plug-in asks for
     };
     DrivenPlugin it;
     for (const auto& [images, found] : cases) {

@@ -1,4 +1,4 @@
-// The library as its host's loader sees it.
+// The library as the loader of its host sees it.
 #include <map>
 #include <sstream>
 
@@ -9,7 +9,7 @@ namespace {
 
 struct StackCall {
     uint32_t result;
-    int32_t bytes_left;  // of the arguments, on the stack after the return
+    int32_t bytes_left;  // bytes of the arguments that are still on the stack after the return
 };
 
 // Calls with the stack `misalignment` bytes below a multiple of 16 before the arguments are pushed.
@@ -27,8 +27,9 @@ struct StackCall {
 }
 
 struct Called {
-    std::string routine;  // its decorated name, which tells the bytes of the arguments
-    std::string returns;  // for arguments of 0, called in the order of the ordinals; -: nothing
+    std::string routine;  // its decorated name, with the size of the arguments
+    std::string
+        returns;  // when all arguments are 0 and calls are in the order of the ordinals; "-" for nothing
 };
 
 // All names in the order of their ordinals. Each routine but one has an upper-case name, too.
@@ -54,55 +55,38 @@ class ExportsTest : public PluginTest {
     FARPROC Named(const char* name) const {
         return GetProcAddress(static_cast<HMODULE>(plugin.module), name);
     }
-    template <class T>
-    const T* At(DWORD offset) const {
-        return reinterpret_cast<const T*>(static_cast<const char*>(plugin.module) + offset);
-    }
-    const IMAGE_NT_HEADERS32& Headers() const {
-        return *At<IMAGE_NT_HEADERS32>(static_cast<DWORD>(At<IMAGE_DOS_HEADER>(0)->e_lfanew));
-    }
-    const IMAGE_DATA_DIRECTORY& Directory(size_t index) const {
-        return Headers().OptionalHeader.DataDirectory[index];
-    }
 };
 
-TEST_F(ExportsTest, NamesOrdinalsAndAddressesAreTheHosts) {
-    const auto& directory =
-        *At<IMAGE_EXPORT_DIRECTORY>(Directory(IMAGE_DIRECTORY_ENTRY_EXPORT).VirtualAddress);
-    EXPECT_STREQ(At<char>(directory.Name), "CLAMDLL.dll");
-    EXPECT_EQ(directory.Base, 1u);
-    EXPECT_EQ(directory.NumberOfFunctions, 31u);
-    ASSERT_EQ(directory.NumberOfNames, 31u);
-    DWORD i = 0;
-    for (const auto& [name, called] : AllNames()) {
-        EXPECT_EQ(At<char>(At<DWORD>(directory.AddressOfNames)[i]), name);
-        EXPECT_EQ(At<WORD>(directory.AddressOfNameOrdinals)[i], i) << name;
-        EXPECT_EQ(Named(reinterpret_cast<const char*>(++i)), Named(name.c_str()));
-        EXPECT_EQ(Named(called.routine.c_str()), Named(name.c_str()));
-    }
-    EXPECT_EQ(Named("_UnloadScanner@0"), Named("_ReloadScanner@0"));
-}
-
-TEST_F(ExportsTest, RefuseNothingsAndRemoveTheirArguments) {
+TEST_F(ExportsTest, StandAtTheirOrdinalsRefuseNothingsAndRemoveTheirArguments) {
     const uint32_t nothings[6] = {};
     uint32_t misalignment = 0;
+    WORD ordinal = 0;
     for (const auto& [name, called] : AllNames()) {
+        const FARPROC routine = Named(name.c_str());
+        ASSERT_NE(routine, nullptr) << name;
+        EXPECT_EQ(Named(MAKEINTRESOURCEA(++ordinal)), routine) << name;
+        EXPECT_EQ(Named(called.routine.c_str()), routine) << name;
         const size_t bytes = std::stoul(called.routine.substr(called.routine.find('@') + 1));
-        const StackCall call = CallOnStack(Named(name.c_str()), nothings, bytes / 4, misalignment);
+        const StackCall call = CallOnStack(routine, nothings, bytes / 4, misalignment);
         misalignment = (misalignment + 4) % 16;
         EXPECT_EQ(call.bytes_left, 0) << name;
         EXPECT_TRUE(called.returns == "-" || called.returns == std::to_string(call.result)) << name;
     }
+    EXPECT_EQ(ordinal, 31);
+    EXPECT_EQ(Named("_UnloadScanner@0"), Named("_ReloadScanner@0"));
 }
 
 TEST_F(ExportsTest, LibraryIsRelocatableAndGuardedAndShowsItsVersion) {
-    const IMAGE_NT_HEADERS32& headers = Headers();
+    const char* const base = static_cast<const char*>(plugin.module);
+    const auto& headers = *reinterpret_cast<const IMAGE_NT_HEADERS32*>(
+        base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
     EXPECT_EQ(headers.FileHeader.Machine, IMAGE_FILE_MACHINE_I386);
     constexpr WORD kGuards = IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE | IMAGE_DLLCHARACTERISTICS_NX_COMPAT;
     EXPECT_EQ(headers.OptionalHeader.DllCharacteristics & kGuards, kGuards);
-    EXPECT_NE(Directory(IMAGE_DIRECTORY_ENTRY_BASERELOC).Size, 0u);  // without it the first mark is empty
+    // Without relocations, the first of these marks would mean nothing.
+    EXPECT_NE(headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_BASERELOC].Size, 0u);
 
-    // The signature and the layout's version, then the file's version, 1.0.4.0, as two words of two each.
+    // The signature and the version of the layout, then the version of the file, 1.0.4.0.
     EXPECT_THAT(ReadFile(installed.folder / "CLAMDLL.dll"),
                 testing::HasSubstr(std::string("\xBD\x04\xEF\xFE\0\0\1\0\0\0\1\0\0\0\4\0", 16)));
 }

@@ -306,5 +306,50 @@ TEST_F(HostTest, UpdatesAsTheMailServerDoesAndOnceAtATime) {
     EXPECT_EQ(installed.Starts(installed.updater), 2u);
 }
 
+TEST_F(HostTest, TheUpdaterRunsItsCommandOrLooksAtTheSignatures) {
+    Configure(engine.Port(), "autostart=0");
+    std::filesystem::copy_file(BuiltFolder() / "kestoavu.exe", installed.updater);
+    const std::filesystem::path slow = installed.top / "slow.exe";
+    installed.PlaceStandIn(slow, "wait");
+    const auto version = [](int days) {
+        char text[80];
+        const time_t date = time(nullptr) - days * 86400;
+        std::strftime(text, sizeof text, "ClamAV 1.4.3/27000/%a %b %d %H:%M:%S %Y", std::gmtime(&date));
+        return Realistic({.version = text});
+    };
+    WriteFile(installed.engine_folder / "output", "10%\r20%\r\n\r\nnext");
+    ScriptedEngine young(version(0)), old(version(1)), silent;
+    silent.Kill();
+    const auto asked = [&](const std::string& servers) {
+        return "[bridge]\nupstreams=" + young.Address() + " " + servers + "\n[updater]\nsignatures=1\n";
+    };
+    const std::string command = "[bridge]\n[updater]\n";
+    const struct {
+        std::string ini;
+        int error;         // 0: updated
+        const char* told;  // by the updater's log
+    } cases[] = {
+        {asked(""), 0, ": signatures of 0 days before"},
+        {asked(silent.Address()), 0, " does not answer: "},
+        {asked(old.Address()), 1, "1 of 2 clamds have no signatures younger than signatures=1 days"},
+        {"[bridge]\nupstreams=" + silent.Address(), 1, "no clamd answers"},
+        {command + "command=cmd /c type output", 0, ": 20%\n"},
+        {command + "command=cmd /c for /l %i in (1,1,250) do @echo line %i& exit 52", 52,
+         "50 more lines left out, the last: line 250"},
+        {command + "timeout=1\ncommand=" + slow.string(), 1460, "took more than timeout=1 seconds"},
+        {command + "command=no.such.program", 2, "could not be started"},
+        {command + "comand=a", 1, "bridge.ini line 3: unknown setting 'comand'"},
+        {"[bridge]\nupstream=a:1", 1, "bridge.ini line 2: unknown setting 'upstream'"},
+    };
+    for (const auto& [ini, error, told] : cases) {
+        WriteFile(installed.engine_folder / "bridge.ini", ini);
+        const RunResult run = Run(L"--update");
+        const std::string end =
+            error == 0 ? "Update finished\n" : "attempt failed with error " + std::to_string(error) + "\n";
+        EXPECT_THAT(run.out + run.err, AllOf(HasSubstr(told), EndsWith(end))) << ini;
+    }
+    EXPECT_TRUE(WaitFor([&] { return DeleteFileW(slow.c_str()) != FALSE; }));  // which no running program is
+}
+
 }  // namespace
 }  // namespace kesto

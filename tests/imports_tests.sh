@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The least Windows is 7: the programs given import only what windows7_imports.txt holds.
+# Windows 7 or later is needed: the programs given import only what windows7_imports.txt lists.
 set -euo pipefail
 for program in "$@"; do
   imports=$(i686-w64-mingw32-objdump -p "$program" |

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Packs the release, unpacks it into a folder whose name has a blank in it and scans there: through a Wine
-# prefix of its own, in which every process ends with the test.
+# Packs the release, unpacks the zip into a folder whose name has a blank in it and scans there; then has the set-up
+# program install, upgrade and remove it. In a Wine prefix of its own, in which every process ends with the test.
 set -euo pipefail
 . "$(dirname "$0")/../scripts/lib.sh"
 
@@ -12,19 +12,27 @@ fi
 
 pack() { # UMASK
   (umask "$1" && "$top/scripts/package") >"$work/packed" 2>&1 || fail "$(cat "$work/packed")"
-  sha256sum <"$(echo "$top"/build/release/kestoav-*-win32.zip)"
+  cat "$top"/build/release/kestoav-*-{win32.zip,setup.exe} | sha256sum
 }
 first=$(pack 022)
 second=$(pack 077)
 [ "$first" = "$second" ] || fail "two packings of one commit differ"
 
+(cd "$work" && openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=KESTO -addext extendedKeyUsage=codeSigning \
+  -keyout key.pem -out certificate.pem && echo 'pass word' >password &&
+  openssl pkcs12 -export -inkey key.pem -in certificate.pem -passout file:password -out key.pfx) 2>/dev/null
+KESTOAV_SIGN_PFX="$work/key.pfx" KESTOAV_SIGN_PASSWORD_FILE="$work/password" pack 022 >/dev/null
+
 installed="$work/KESTO AV"
 unzip -q "$top"/build/release/kestoav-*-win32.zip -d "$installed"
 cd "$installed"
+signed() { osslsigncode verify -CAfile "$work/certificate.pem" -in "$1" >"$work/verified" || fail "$1: $(cat "$work/verified")"; }
+for program in *.dll *.exe plugins/kestoav/*.exe "$top"/build/release/kestoav-*-setup.exe; do signed "$program"; done
 files=$(find . -type f | sort | xargs)
 [ "$files" = "./CHANGES.txt ./CLAMDLL.dll ./INSTALL.txt ./KESTOSCAN.txt ./OPERATIONS.txt ./README.txt \
 ./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe \
-./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoav.exe" ] || fail "the zip holds $files"
+./monitoring/alerts.yml ./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoav.exe \
+./plugins/kestoav/kestoavu.exe ./plugins/kestoav/kestobridge.exe" ] || fail "the zip holds $files"
 for text in *.txt *.ini plugins/kestoav/*.ini; do
   if grep -qv $'\r$' "$text"; then fail "$text has lines that do not end in CR LF"; fi
 done
@@ -51,3 +59,69 @@ grep -q 'started .*kestoav.exe' scanned || fail "the engine was not started"
 if grep restarting "$installed/kestoav.log"; then fail "the engine was restarted"; fi
 
 "$top/scripts/wine" "$installed/kestoscan.exe" --check || fail "the check found a fault"
+"$top/scripts/wine" "$installed/kestoscan.exe" --stats | tee stats | promtool check metrics ||
+  fail "Prometheus refuses the numbers"
+# This clamd has no signatures of which it could tell the age.
+for name in $(grep -o 'kestoav_[a-z_]*' "$installed/monitoring/alerts.yml" | grep -v signatures); do
+  grep -q "^$name[{ ]" stats || fail "an alarm asks for $name, which is not among the numbers"
+done
+"$top/scripts/wine" taskkill /f /im kestoav.exe >taskkill.log || fail "$(cat taskkill.log)"
+
+
+# The set-up program. Where something else on this machine has the usual port, its check fails.
+setup() { # EXIT_CODE ARGUMENT...
+  local status=0 expected=$1
+  shift
+  "$top/scripts/wine" "$top"/build/release/kestoav-*-setup.exe /S "$@" >"$work/said" || status=$?
+  [ "$status" -eq "$expected" ] || fail "set-up $* ended with $status: $(cat "$work/said" logs/setup.log)"
+}
+rm -rf "$WINEPREFIX/drive_c/KESTO"
+mkdir "$WINEPREFIX/drive_c/KESTO"
+cd "$WINEPREFIX/drive_c/KESTO"
+setup 3 '/D=C:\KESTO' /UPSTREAMS=127.0.0.1:0
+grep -q "upstreams: '127.0.0.1:0' is not host:port" "$work/said" || fail "the set-up says $(cat "$work/said")"
+setup 3 '/D=C:\KESTO' /ACCOUNT=nobody.of.this.name
+setup 3 '/D=C:\KESTO' /WHAT
+setup 3 "/D=C:\\KESTO\\$(printf '%220s' '' | tr ' ' x)"
+[ -z "$(ls)" ] || fail "a refused set-up leaves $(ls)"
+expected=0
+if (exec 3<>/dev/tcp/127.0.0.1/3313) 2>/dev/null; then expected=7; fi
+setup "$expected" '/D=C:\KESTO' "/UPSTREAMS=127.0.0.1:$KESTOAV_TEST_CLAMD_PORT" "/ACCOUNT=$(id -un)"
+signed uninstall.exe
+[ -e plugins/kestoav/kestoavu.exe ] || fail "there is no updater"
+
+# An upgrade keeps the settings and a foreign updater, exchanges the bridge that runs, and is refused while a host has the plug-in.
+sed -i "s/^servers=.*/servers=127.0.0.1:$port\r/" kestoav.ini
+sed -i "s/^listen=.*/listen=127.0.0.1:$port\r/" plugins/kestoav/bridge.ini
+sha256sum kestoav.ini plugins/kestoav/bridge.ini >"$work/settings"
+cp "$work/eicar.com" .
+status=0
+"$top/scripts/wine" kestoscan.exe eicar.com >"$work/scanned" || status=$?
+[ "$status" -eq 1 ] || fail "EICAR is not found: $(cat "$work/scanned")"
+echo mine >plugins/kestoav/kestoavu.exe
+sha256sum plugins/kestoav/kestoavu.exe >>"$work/settings"
+setup 0
+sha256sum -c --quiet "$work/settings" || fail "an upgrade changes what is the administrator's"
+files=$(find . -name '*.old*' -o -name '*.new' | xargs)
+[ "$files" = ./plugins/kestoav/kestoav.exe.old ] || fail "an upgrade leaves $files"  # the guard goes on
+mkfifo "$work/pipe"
+exec 4<>"$work/pipe"
+"$top/scripts/wine" kestoscan.exe - <"$work/pipe" >"$work/scanned" 2>&1 4>&- &
+host=$!
+timeout 60 head -c 100000 /dev/zero >&4 || fail "kestoscan reads nothing"  # more than a pipe holds
+setup 4 4>&-
+status=0
+"$top/scripts/wine" uninstall.exe /S '_?=C:\KESTO' >"$work/said" 4>&- || status=$?
+[ "$status" -eq 4 ] || fail "uninstalling under a host ends with $status"
+exec 4>&-
+wait "$host" || fail "the scan ends with $?: $(cat "$work/scanned")"
+
+"$top/scripts/wine" uninstall.exe /S >"$work/said"  # goes on by a copy of itself
+for _ in {1..300}; do
+  "$top/scripts/wine" reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\KESTO AV' \
+    >"$work/said" 2>&1 || break
+  sleep 0.1
+done
+files=$(find . -type f | sort | xargs)
+[ "$files" = "./eicar.com ./kestoav.ini ./logs/bridge.log ./logs/kestoav.log ./logs/setup.log \
+./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoavu.exe" ] || fail "uninstalling leaves $files"

@@ -5,7 +5,8 @@
 
 #include "base/byte_shift.h"
 #include "base/server_list.h"
-#include "host/check/database_age.h"
+#include "common/log_limit.h"
+#include "common/signatures.h"
 #include "host/check/ini_lint.h"
 #include "host/progress.h"
 
@@ -47,8 +48,8 @@ TEST(ByteShift, WrapsAndStaysWithinTheCount) {
 }
 
 TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
-    // The lines below the section, a part of the one finding's text and remedy (empty for none), and whether
-    // the plug-in misreads it.
+    // The lines below the section, a part of the text and remedy of their only finding (empty when there is
+    // none), and whether the plug-in misreads them.
     const std::tuple<std::string, const char*, bool> cases[] = {
         {"encrypt=0\r\nautostart=1\r\nstartwait=120\r\nlogfile=C:\\logs\\av.log\r\n[other]\r\nwords", "",
          true},
@@ -97,15 +98,37 @@ TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
     EXPECT_THAT(LintIni("\xEF\xBB\xBF[kestoav]\n").at(0).text, testing::HasSubstr("byte order mark"));
 }
 
-TEST(DatabaseAge, CountsDaysOfThreeFieldsOnly) {
+TEST(Signatures, AreReadOfThreeFieldsOnly) {
     using namespace std::chrono;
-    const sys_days today = 2026y / November / 21;
-    EXPECT_EQ(DatabaseAgeDays("ClamAV 1.0.9/27821/Fri Feb  6 09:12:31 2026", today), 288);
-    EXPECT_EQ(DatabaseAgeDays("ClamAV 1.0.9/27821/Tue Dec  1 09:12:31 2026", today), -10);
+    const auto read = ReadSignatures("ClamAV 1.0.9/27821/Fri Feb  6 09:12:31 2026");
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->version, 27821u);
+    EXPECT_EQ(read->written, sys_days(2026y / February / 6) + 9h + 12min + 31s);
     for (const char* odd : {"", "ClamAV 1.0.9", "a/b/c/d", "a/27821/Fri Foo  6 09:12:31 2026",
                             "a/27821/Fri Feb 30 09:12:31 2026", "a/27821/Fri Feb 6 2026"}) {
-        EXPECT_EQ(DatabaseAgeDays(odd, today), std::nullopt) << odd;
+        EXPECT_FALSE(ReadSignatures(odd)) << odd;
     }
+}
+
+TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
+    using namespace std::chrono;
+    using Lines = std::vector<std::string>;
+    LogLimit limit;
+    const LogLimit::Time start{hours(1)};
+    // 25 lines of a kind, one every 4 seconds: a new minute begins with the sixteenth.
+    std::string written;
+    for (int i = 0; i < 25; ++i) {
+        for (const std::string& line : limit.Take("lost", std::to_string(i), start + seconds(4 * i))) {
+            written += line + ' ';
+        }
+        EXPECT_EQ(limit.Take("other " + std::to_string(i), "other", start), Lines{"other"});
+    }
+    EXPECT_EQ(written,
+              "0 1 2 3 4 5 6 7 8 9 5 more such lines left out, the last: 14 15 16 17 18 19 20 21 22 23 24 ");
+    EXPECT_EQ(limit.Take("lost", "25", start + seconds(119)), Lines());
+    EXPECT_EQ(limit.Overdue(start + seconds(119)), Lines());
+    EXPECT_EQ(limit.Overdue(start + seconds(120)), Lines{"1 more such lines left out, the last: 25"});
+    EXPECT_EQ(limit.Overdue(start + hours(1)), Lines());
 }
 
 TEST(ProgressText, TellsCountBytesRateAndTimeLeft) {

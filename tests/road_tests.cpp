@@ -1,5 +1,5 @@
-// The whole road with real processes: engine and updater that the plug-in starts, ends and finds, and a real
-// clamd behind the bridge.
+// The whole road with real processes: engine and updater, which the plug-in starts, ends and finds, and a
+// real clamd behind the bridge.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -80,7 +80,10 @@ TEST_F(RoadTest, LeadsToARealClamd) {
     EXPECT_EQ(Scan("nothing in here"), "clean");
     EXPECT_EQ(Scan(EicarTestString()), "mail.eml: Eicar-Test-Signature.UNOFFICIAL");
     EXPECT_EQ(Scan(std::string(3'000'001, '\0')), "clean");
-    EXPECT_THAT(plugin.VersionDetails(), StartsWith("KESTOAV Version 1.0.4\nClamAV"));  // undated: as it is
+    EXPECT_THAT(
+        plugin.VersionDetails(),
+        StartsWith(
+            "KESTOAV Version 1.0.4\nClamAV"));  // its signatures have no date, so the reply is shown as it is
     EXPECT_THAT(installed.LogMessages(), Not(Contains(StartsWith("Unexpected"))));
     // 64 MB is the limit of the clamd that the tests use.
     EXPECT_EQ(Scan(std::string(65 << 20, 'x')), "failed 1003");

@@ -1,4 +1,4 @@
-// A scan through the exports: what goes on the wire, and what the host sees of all that an engine can do.
+// A scan through the exports: what is sent, and what the host sees of all that an engine can do.
 #include "tests/support/fake_system.h"
 #include "tests/support/losses.h"
 
@@ -9,10 +9,16 @@ using namespace testing;
 
 using ScanTest = PluginTest;
 
+// As when the network's buffers are nearly full.
+int WSAAPI SendHalf(SOCKET socket, const char* bytes, int size, int flags) {
+    return send(socket, bytes, (size + 1) / 2, flags);
+}
+
 TEST_F(ScanTest, SendsTheFileInPrefixedChunksAndShiftedUnlessTheSettingIsOff) {
+    const ImportPatch sends(plugin.module, "send", SendHalf);
     ScriptedEngine engine;
     const std::pair<const char*, bool> cases[] = {
-        {"encrypt=0", false},    {"", true},  // the default is not what was in force
+        {"encrypt=0", false},    {"", true},  // the default, not what was in effect before
         {"encrypt=1", true},     {"encrypt=2", true},
         {"encrypt=256", true},   {"encrypt=-1", true},
         {"encrypt=abc", false},  {"ENCRYPT = 0x ", false},
@@ -27,7 +33,7 @@ TEST_F(ScanTest, SendsTheFileInPrefixedChunksAndShiftedUnlessTheSettingIsOff) {
             std::string hosts_memory = data;
             ASSERT_EQ(Scan(hosts_memory), "clean");
             EXPECT_EQ(hosts_memory, data);
-            // Compared as a truth: a difference in so many bytes would drown the output.
+            // Compared as a truth value, since a difference in so many bytes would drown the output.
             EXPECT_TRUE(engine.Requests().back().raw == ScanRequestOf(data, shifted))
                 << setting << ' ' << size;
         }
@@ -54,7 +60,7 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
         {found(v49), "mail.eml: " + v49},
         {found(v49 + "%n"), "mail.eml: " + v49},
         {found(std::string((1 << 20) - 14, 'v')), "mail.eml: " + v49},
-        {found(std::string((1 << 20) - 13, 'v')), "failed 1003"},  // above 1 MiB it is refused
+        {found(std::string((1 << 20) - 13, 'v')), "failed 1003"},  // a reply above 1 MiB is refused
         {Endless("stream: "), "failed 1003"},
         {ReplyingBytes(WithNul("stream: In.Pieces FOUND"), Then::kHolds, 1), "mail.eml: In.Pieces"},
         {ReplyingBytes(WithNul("stream: A FOUND") + WithNul("stream: OK")), "mail.eml: A"},
@@ -64,7 +70,7 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
         {ReplyingBytes("stream: OK"), "failed 1003"},  // without its NUL
         {ReplyingBytes("stream: A FOUND", Then::kResets), "failed 1003"},
         {ReplyingBytes("", Then::kResets), "failed 1003"},
-        {DyingAfter(0, true), "failed 1002 or failed 1003"},  // as the network's timing has it
+        {DyingAfter(0, true), "failed 1002 or failed 1003"},  // depending on the timing of the network
         {DyingAfter(10), "failed 1002 or failed 1003"},
     };
     installed.CreateLog();
@@ -141,7 +147,7 @@ TEST_F(ScanTest, ReadsTheSizeAgainBeforeEveryChunk) {
 
 std::string g_waits;
 
-// Connects for real, and else lets the time pass at once.
+// Connects for real; all other waits pass at once.
 int WSAAPI PassTime(int, fd_set* read, fd_set* send, fd_set* refused, timeval* limit) {
     g_waits += (refused ? " connect "
                 : read  ? " read "

@@ -7,6 +7,7 @@
 
 #include "common/text.h"
 #include "host/check/check_engine.h"
+#include "host/check/check_guard.h"
 #include "host/check/check_report.h"
 #include "host/check/check_server.h"
 #include "host/check/check_settings.h"
@@ -70,8 +71,9 @@ class Check {
         report_.Add(CheckEngineProgram(installed_));
         report_.Add(CheckBridgeSettings(installed_, bridge));
         report_.Add(CheckEngineProcess(installed_, bridge));
+        report_.Add(CheckGuard(installed_, bridge));
         CheckAllServers(bridge);
-        report_.Add(CheckUpdater());
+        report_.Add(CheckUpdater(bridge));
         return report_.Finish();
     }
 
@@ -136,13 +138,16 @@ class Check {
         report_.Add(findings);
     }
 
-    Findings CheckUpdater() const {
+    Findings CheckUpdater(const InstalledBridge& bridge) const {
         Findings findings;
         const std::string name = Utf8FromWide(installed_.updater);
         if (installed_.updater.size() > kLongestProgramPath) {
             findings.Warning("updater", name + " is a longer path than the plug-in can start a program by",
                              "install into a folder of at most 228 characters if there is to be an updater");
             return findings;
+        }
+        for (const std::string& problem : bridge.ini.updater_problems) {
+            findings.Failed("updater", problem, "correct that line: no signatures are updated");
         }
         const Fault fault = ProgramFault(installed_.updater);
         if (fault.code == ERROR_FILE_NOT_FOUND) {

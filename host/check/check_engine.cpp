@@ -61,8 +61,7 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
         const std::string value = installed.settings.encrypt ? "1" : "0";
         findings.Failed(check,
                         "decrypt differs from encrypt=" + value + " in kestoav.ini: every virus passes",
-                        "write decrypt=" + value +
-                            " into bridge.ini, and end kestoav.exe: the next scan starts it again");
+                        "write decrypt=" + value + " into bridge.ini, then run kestoscan --restart");
     }
     if (!settings.listen.host.starts_with("127.")) {
         findings.Warning(check,
@@ -90,7 +89,7 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
     }
     if (settings.keep > kMostSensibleKeep) {
         findings.Warning(
-            check, "keep=" + std::to_string(settings.keep) + " may be more memory than kestoav.exe gets",
+            check, "keep=" + std::to_string(settings.keep) + " may be more memory than kestobridge.exe gets",
             "write keep=128, or 512 at most");
     }
     for (const auto& [key, value] : {std::pair{"wait", settings.wait}, {"verdict", settings.verdict}}) {
@@ -134,7 +133,7 @@ std::string ShiftRemedy(const Endpoint& server, const InstalledPlugin& installed
     return !bridge.ini.problems.empty() ? "first correct bridge.ini"
            : bridge.ini.settings.decrypt != installed.settings.encrypt
                ? "do what is said of decrypt under \"bridge settings\""
-               : "end kestoav.exe, which still runs with earlier settings: the next scan starts it again";
+               : "run kestoscan --restart: the bridge still runs with earlier settings";
 }
 
 InstalledBridge ReadBridge(const InstalledPlugin& installed) {
@@ -176,7 +175,7 @@ Findings CheckBridgeSettings(const InstalledPlugin& installed, const InstalledBr
     for (const std::string& problem : bridge.ini.problems) {
         findings.Failed("bridge settings", Utf8FromAnsi(problem),
                         bridge.ini.readable
-                            ? "correct it: kestoav.exe ends at once with such a setting"
+                            ? "correct it: no scan succeeds before kestobridge.exe can follow it"
                             : "give this account, and the mail server's, the right to read it");
     }
     if (bridge.ini.problems.empty()) {

@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "base/clamd_words.h"
+#include "common/signatures.h"
 #include "common/text.h"
-#include "host/check/database_age.h"
 #include "host/check/port_owner.h"
 #include "host/check/test_samples.h"
 
@@ -178,14 +178,14 @@ class ServerCheck {
             return;
         }
         const std::string& reply = *answer.reply;
-        const auto today = std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now());
-        const std::optional<int> age = DatabaseAgeDays(reply, today);
-        if (!age) {
+        const auto signatures = ReadSignatures(reply);
+        const int age = signatures ? AgeInDays(*signatures, std::chrono::system_clock::now()) : 0;
+        if (!signatures) {
             findings_.Warning(check, Quoted(reply) + ": the age of its signatures is unknown", remedy);
-        } else if (*age > kOldDays) {
+        } else if (age > kOldDays) {
             findings_.Warning(
-                check, Quoted(reply) + ": its signatures are " + std::to_string(*age) + " days old", remedy);
-        } else if (*age < -1) {  // a day may be the time zone
+                check, Quoted(reply) + ": its signatures are " + std::to_string(age) + " days old", remedy);
+        } else if (age < -1) {  // a day may be the time zone
             findings_.Warning(check, Quoted(reply) + ": its signatures are of a day to come",
                               "set the clocks of both machines");
         } else {

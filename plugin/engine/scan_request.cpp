@@ -19,7 +19,7 @@ namespace {
 constexpr uint32_t kConnectMs = 1000;
 constexpr size_t kMostLoggedReply = 900;  // characters
 
-// One pass: the first server that accepts.
+// One pass over the servers: connects to the first that accepts.
 bool ConnectToAnyServer(SocketConnection& connection) {
     for (const ServerEntry& server : Servers()) {
         if (connection.Connect(server.host, server.port, false, kConnectMs)) {
@@ -29,8 +29,8 @@ bool ConnectToAnyServer(SocketConnection& connection) {
     return false;
 }
 
-// Passes until the limit is exceeded, without a pause between them. None is made while no engine process
-// runs, which is asked once: not between passes, and for servers on other machines, too.
+// Makes passes without a pause until the limit is exceeded, but none when no engine process runs. That is
+// asked once, not between passes, and even when all servers are on other machines.
 bool ConnectWithin(SocketConnection& connection, uint32_t start, uint32_t limit_seconds) {
     if (FindEngineProcess() == 0) {
         return false;
@@ -44,7 +44,7 @@ bool ConnectWithin(SocketConnection& connection, uint32_t start, uint32_t limit_
     return false;
 }
 
-// Restarts the engine as often as it takes; false when a restart leaves none running.
+// Restarts the engine as often as needed. Returns false when no engine runs after a restart.
 bool ConnectToEngine(SocketConnection& connection) {
     uint32_t start = GetTickCount();
     uint32_t limit_seconds = Settings().connectwait;
@@ -54,7 +54,7 @@ bool ConnectToEngine(SocketConnection& connection) {
             LogMessage("unable to connect to kestoav process - permanent error");
             return false;
         }
-        // The restart's time is taken from the connecting after it.
+        // The time that the restart took counts towards the limit for connecting.
         start = restart.began;
         limit_seconds = Settings().startwait;
     }
@@ -91,7 +91,7 @@ uint32_t ScanFile(const ScanFileInput* input, ScanFileResult* result, uint32_t* 
         return FailScan(error_code, kErrorCommunicate);
     }
     SocketConnection connection;
-    // Without servers there was no start-up, and no folder to restart an engine from.
+    // Without servers there was no start-up, and so there is no folder with an engine to start.
     if (Servers().empty() || !ConnectToEngine(connection)) {
         return FailScan(error_code, kErrorConnect);
     }

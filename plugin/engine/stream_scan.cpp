@@ -20,7 +20,7 @@ bool SendChunkLength(SocketConnection& connection, uint32_t length) {
 
 bool SendFile(SocketConnection& connection, const ScanFileInput& input, bool encrypt) {
     uint8_t chunk[kChunkSize];
-    // 64 bits: the sum of a 32-bit offset and a chunk may pass 4 GiB.
+    // 64 bits, since a 32-bit offset and a chunk together may exceed 4 GiB.
     uint64_t offset = 0;
     for (;;) {
         const uint32_t size = *static_cast<const volatile uint32_t*>(&input.size);

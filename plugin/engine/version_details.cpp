@@ -12,8 +12,8 @@ namespace {
 constexpr uint32_t kConnectMs = 20000;
 constexpr char kUnknown[] = "AV Engine version unknown";
 
-// "engine/database/date" becomes words, without the engine's own version; any other form is shown as
-// it is.
+// Puts "engine/database/date" into words, without the engine's own version. A reply of any other form is
+// shown as it is.
 void DescribeReply(std::string_view reply, char (&detail)[kMessageSize]) {
     const auto length = [](std::string_view text) { return static_cast<int>(text.size()); };
     const size_t first = reply.find('/');

@@ -1,13 +1,13 @@
-// The licence: the one place where a distributor puts a real query.
+// The licence. A distributor who has a licence service puts the query here.
 #pragma once
 
 namespace kesto {
 
-// Looks for a licence and keeps what it found. This edition has no licence service: it always finds one
-// held, without expiry.
+// Asks for the licence and keeps the answer. This edition has no licence service: the answer is always a
+// licence without an end.
 void QueryLicence();
 
-// Whether the latest query found a licence held; false before the first query.
+// Whether the latest query found a licence; false before the first query.
 bool LicenceHeld();
 
 }  // namespace kesto

@@ -13,7 +13,7 @@ const addrinfo* Next(const addrinfo* entry) {
     return entry->ai_next;
 }
 
-// The declaration of this link names another type than the one it leads to.
+// This link is declared with another type than what it points to.
 const ADDRINFOEXW* Next(const ADDRINFOEXW* entry) {
     return reinterpret_cast<const ADDRINFOEXW*>(entry->ai_next);
 }
@@ -34,7 +34,7 @@ Resolution Outcome(int& error, const HostAddresses& found) {
     return error == 0 ? Resolution::kFound : Resolution::kFailed;
 }
 
-// The resolver's call that runs beside ours and can be cancelled, from Windows 8 on.
+// The resolver that works in the background and can be cancelled, from Windows 8 on.
 struct AsyncResolver {
     decltype(&GetAddrInfoExW) start;
     int(WSAAPI* outcome)(OVERLAPPED*);
@@ -55,8 +55,8 @@ bool FindAsyncResolver(AsyncResolver& resolver) {
            resolver.free != nullptr;
 }
 
-// One resolution under way, all zero at first. The system writes into it until the event is set, which may
-// be after we stopped waiting: it therefore lives on the heap.
+// One lookup under way; all zero at first. The system writes into it until the event is set. That may be
+// after we have stopped waiting, so it is on the heap.
 struct Lookup {
     OVERLAPPED overlapped;
     HANDLE cancel_handle;
@@ -66,7 +66,7 @@ struct Lookup {
     Lookup* next;
 };
 
-// Lookups that their cancelling did not end at once.
+// Lookups that were cancelled but did not end at once.
 std::atomic<Lookup*> g_abandoned;
 
 void Abandon(Lookup* lookup) {
@@ -126,7 +126,7 @@ Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_
     if (error == WSA_IO_PENDING) {
         if (!Ended(lookup, limit_ms)) {
             resolver.cancel(&lookup->cancel_handle);
-            // Not every system ends it upon that; it must not hold up the caller beyond the limit.
+            // Not every system ends the lookup then, and the caller must not wait beyond the limit.
             constexpr DWORD kCancelMs = 50;
             if (Ended(lookup, kCancelMs)) {
                 Destroy(resolver, lookup);
@@ -144,7 +144,7 @@ Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_
     return Outcome(error, found);
 }
 
-// The answer may take as long as the system likes, and one after the limit is none.
+// The system takes as long as it likes. An answer after the limit does not count.
 Resolution ResolveBlocking(const char* host, uint32_t limit_ms, HostAddresses& found, int& error) {
     const uint32_t start = GetTickCount();
     addrinfo hints = {};

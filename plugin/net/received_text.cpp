@@ -8,7 +8,7 @@ namespace kesto {
 bool ReceivedText::Append(std::string_view more) {
     if (more.size() > capacity_ - size_) {
         const size_t capacity = std::max(size_ + more.size(), 2 * capacity_);
-        // Not the new operator: its nothrow form throws within, and catches that again.
+        // Not the new operator: its nothrow form throws internally, and catches that again.
         void* const bytes = realloc(bytes_, capacity);
         if (bytes == nullptr) {
             return false;

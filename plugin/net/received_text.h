@@ -1,4 +1,4 @@
-// Text that a peer sent, in memory that is taken without ever throwing: there are hosts whose process does
+// Text that a peer sent, in memory that is allocated without ever throwing: the processes of some hosts do
 // not survive an exception of ours.
 #pragma once
 
@@ -8,7 +8,7 @@
 
 namespace kesto {
 
-// Starts empty. What View gives is the object's own and valid until it changes or ends.
+// Starts empty. What View returns belongs to the object and is valid until the object changes or ends.
 class ReceivedText {
  public:
     ReceivedText() = default;
@@ -18,7 +18,7 @@ class ReceivedText {
 
     std::string_view View() const { return {bytes_, size_}; }
 
-    // False when memory is lacking; the text then stays as it is.
+    // False when memory runs out; the text then stays as it is.
     bool Append(std::string_view more);
 
     void Swap(ReceivedText& other);

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "base/ipv4_address.h"
@@ -15,18 +16,18 @@
 namespace kesto {
 namespace {
 
-// Never stopped: connections of other threads may be open whenever one ends.
+// The layer is never stopped, since other threads may have connections open.
 std::atomic<bool> g_layer_started;
 
 }  // namespace
 
 bool SocketConnection::LayerStarted() {
     if (!g_layer_started) {
-        // Two threads at once start it twice, which the system counts and allows.
+        // Two threads at once may start it twice; the system allows that and counts it.
         WSADATA data;
         g_layer_started = WSAStartup(MAKEWORD(2, 2), &data) == 0;
-        // Nor may it be unloaded while it is started, as it would be with us in a host that has no sockets of
-        // its own: what it holds would be lost, and the next one to load it would find it broken.
+        // In a host that has no sockets of its own it would be unloaded together with us. What it holds would
+        // be lost, and whoever loads it next would find it broken. So it stays loaded.
         HMODULE pinned = nullptr;
         GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN, "ws2_32.dll", &pinned);
     }
@@ -39,6 +40,7 @@ SocketConnection::SocketConnection() {
 
 SocketConnection::~SocketConnection() {
     Drop();
+    free(ring_);
 }
 
 void SocketConnection::Drop() {
@@ -53,7 +55,7 @@ void SocketConnection::StartAccount(std::string_view operation) {
     AddText(operation);
 }
 
-// Plain copies: this runs for every chunk of a file.
+// A plain copy, since this runs for every chunk of a file.
 void SocketConnection::AddText(std::string_view text) {
     size_t length = std::min(text.size(), sizeof account_ - 1 - account_length_);
     memcpy(account_ + account_length_, text.data(), length);
@@ -83,7 +85,7 @@ void SocketConnection::AddSocketError(int error) {
         AddLine(description);
         return;
     }
-    // The hint stands with the errors that have no words of their own, and only there: that is meant.
+    // Only errors without words of their own get this hint: the others tell their cause.
     char text[32];
     snprintf(text, sizeof text, "Error 0x%x", static_cast<unsigned>(error));
     AddLine(text);
@@ -107,7 +109,7 @@ bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, ui
     const uint32_t start = GetTickCount();
     Drop();
     StartAccount("Connect_Socket");
-    // A long name is cut here so that the reason below it stays within one log line.
+    // A long name is cut here so that the log line has room for the reason that follows.
     const char* const name = hostname != nullptr ? hostname : "";
     AddEntry("hostname", std::string_view(name, strnlen(name, 200)));
     AddEntry("port", port);
@@ -162,8 +164,9 @@ bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, ui
 
 namespace {
 
-// Within this machine a refusal is final, but Windows asks again for about two seconds: a closed port would
-// show as a time-out. Systems before Windows 10 1709 do not know the request, and go on as they did.
+// Within this machine a refusal is final, but Windows tries again for about two seconds, so that a closed
+// port would show as a time-out. Systems before Windows 10 1709 do not know this request; there it has no
+// effect.
 void AskOnceOnLoopback(SOCKET connecting, uint32_t address) {
     if ((ntohl(address) >> 24) != 127) {
         return;
@@ -174,7 +177,7 @@ void AskOnceOnLoopback(SOCKET connecting, uint32_t address) {
     WSAIoctl(connecting, SIO_TCP_INITIAL_RTO, &once, sizeof once, nullptr, 0, &written, nullptr, nullptr);
 }
 
-// Waits until the connection is made, refused or the time has passed; 0 or the error.
+// Waits until the connection is made or refused, or the time has passed. Returns 0 or the error.
 int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
     fd_set made;
     fd_set refused;
@@ -203,9 +206,27 @@ int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
 
 }  // namespace
 
-// One address within the limit that all addresses of a name share; 0 or the error.
+namespace {
+
+// Programs that the host starts must not inherit the socket: they would keep the connection open.
+SOCKET OpenSocket() {
+    SOCKET opened = WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
+                               WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+    if (opened == INVALID_SOCKET && WSAGetLastError() == WSAEINVAL) {
+        // Windows 7 without its service pack does not know the flag.
+        opened = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+        if (opened != INVALID_SOCKET) {
+            SetHandleInformation(reinterpret_cast<HANDLE>(opened), HANDLE_FLAG_INHERIT, 0);
+        }
+    }
+    return opened;
+}
+
+}  // namespace
+
+// Connects to one address, within the limit that all addresses of a name share. Returns 0 or the error.
 int SocketConnection::ConnectTo(uint32_t address, uint16_t port, uint32_t start, uint32_t max_wait_ms) {
-    socket_ = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    socket_ = OpenSocket();
     if (socket_ == INVALID_SOCKET) {
         return WSAGetLastError();
     }
@@ -231,7 +252,7 @@ int SocketConnection::ConnectTo(uint32_t address, uint16_t port, uint32_t start,
 
 namespace {
 
-// 1 when the socket is ready, 0 when the time has passed, SOCKET_ERROR.
+// Returns 1 when the socket is ready, 0 when the time has passed, or SOCKET_ERROR.
 int WaitUntilReady(SOCKET waiting, bool to_send, uint32_t wait_ms) {
     fd_set set;
     FD_ZERO(&set);
@@ -267,7 +288,7 @@ bool SocketConnection::SendAll(const char* data, uint32_t byte_count) {
             byte_count -= static_cast<uint32_t>(sent);
             continue;
         }
-        // Waiting only after a send that could not proceed saves a system call on all others.
+        // Waiting only after a send that could not proceed saves a system call for all others.
         int ready = 1;
         int error = WSAGetLastError();
         if (error == WSAEWOULDBLOCK) {
@@ -299,7 +320,7 @@ bool SocketConnection::ReceiveStringUntilByte(int byte_value, ReceivedText& text
     }
     ReceivedText received;
     for (;;) {
-        // The engine scans before it replies: a `recv` without waiting first would come too early.
+        // The engine scans before it replies, so a `recv` without waiting first would find nothing.
         int count = WaitUntilReady(socket_, false, max_read_idle_ms_);
         if (count == 0) {
             AddLine("WaitForData timed out.");
@@ -353,6 +374,12 @@ bool SocketConnection::Close(uint32_t max_wait_ms) {
 }
 
 const char* SocketConnection::LastErrorText() {
+    if (ring_ == nullptr) {
+        ring_ = static_cast<char(*)[kAccountSize]>(calloc(kRingSlots, kAccountSize));
+    }
+    if (ring_ == nullptr) {
+        return account_;  // valid until the next operation; no caller keeps it for longer
+    }
     ring_index_ = (ring_index_ + 1) % kRingSlots;
     memcpy(ring_[ring_index_], account_, sizeof account_);
     return ring_[ring_index_];

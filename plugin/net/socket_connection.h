@@ -10,12 +10,12 @@
 
 namespace kesto {
 
-// One conversation of one thread. Every operation blocks until it ends or its time limit has passed,
-// returns whether it succeeded, never throws, and starts the account that LastErrorText hands out
-// afresh. An object that failed stays usable: it can be connected again.
+// A conversation with one server, for one thread. Every operation blocks until it ends or its time limit has
+// passed, returns whether it succeeded, never throws, and begins a new account, which LastErrorText returns.
+// After a failure the object can be connected again.
 class SocketConnection {
  public:
-    // Starts the socket layer of the process, once.
+    // Starts the socket layer of the process if it is not started yet.
     SocketConnection();
     // Closes a connection that is still open.
     ~SocketConnection();
@@ -25,30 +25,30 @@ class SocketConnection {
     // False when the system's socket layer cannot be started; every Connect then fails.
     static bool LayerStarted();
 
-    // Whether connections made from now on send small pieces at once, each in a packet of its own.
+    // Whether connections made from now on send small pieces at once, in a packet for each.
     void NoDelay(bool on) { no_delay_ = on; }
 
-    // Connects to a dotted IPv4 address or a host name; `max_wait_ms` bounds resolution and connecting
-    // together. `ssl` appears in the account only: the connection is never secured.
+    // Connects to a dotted IPv4 address or a host name; `max_wait_ms` limits looking the name up and
+    // connecting together. `ssl` appears in the account only: the connection is never encrypted.
     bool Connect(const char* hostname, uint16_t port, bool ssl, uint32_t max_wait_ms);
 
-    // The longest wait for a byte to arrive, or to be accepted by the network, in milliseconds.
+    // The longest wait for a byte to arrive, or for the network to accept one, in milliseconds.
     void MaxReadIdleMs(uint32_t limit) { max_read_idle_ms_ = limit; }
     void MaxSendIdleMs(uint32_t limit) { max_send_idle_ms_ = limit; }
 
-    // Hands all bytes to the network. Nothing to send is a failure.
+    // Sends all bytes. With nothing to send it fails.
     bool SendBytes(const void* data, uint32_t byte_count);
 
     // Reads until a byte of this value (brought into 0..255) has arrived and stores the bytes before it
-    // in `text`, which stays as it is on failure. What arrives behind that byte may be lost. A reply
-    // beyond kMostReplyBytes is a failure.
+    // in `text`, which stays as it is on failure. What arrives after that byte may be lost. Fails when a
+    // reply is longer than kMostReplyBytes.
     bool ReceiveStringUntilByte(int byte_value, ReceivedText& text);
 
-    // `max_wait_ms` is for secured connections, which there are none of: this never waits.
+    // `max_wait_ms` would matter to encrypted connections only. There are none, so this never waits.
     bool Close(uint32_t max_wait_ms);
 
-    // The account of the latest operation, in lines separated by "\n". Owned by the object and valid
-    // until ten further calls of this.
+    // The account of the latest operation, in lines separated by "\n". The object owns it, and it is valid
+    // until this has been called ten more times.
     const char* LastErrorText();
 
     // An engine that sends without end must not exhaust the host's memory.
@@ -74,7 +74,9 @@ class SocketConnection {
     uint32_t max_send_idle_ms_ = 20000;
     char account_[kAccountSize] = {};
     size_t account_length_ = 0;
-    char ring_[kRingSlots][kAccountSize] = {};
+    // Allocated when the first text is asked for, since the object stands on the stack of the host's thread
+    // and most scans ask for no text.
+    char (*ring_)[kAccountSize] = nullptr;
     int ring_index_ = 0;
 };
 

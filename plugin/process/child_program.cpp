@@ -17,7 +17,8 @@ bool StartHiddenProgram(const char* program, PROCESS_INFORMATION& started, DWORD
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESHOWWINDOW;
     startup.wShowWindow = SW_HIDE;
-    // The bare path as the command line, unquoted even where it holds blanks: that is meant.
+    // The command line is the bare path, unquoted even where it holds blanks: how Windows reads those is part
+    // of the interface.
     if (CreateProcessA(nullptr, path, nullptr, nullptr, FALSE, 0, nullptr, folder, &startup, &started)) {
         return true;
     }

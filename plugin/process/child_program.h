@@ -6,7 +6,7 @@
 namespace kesto {
 
 // Starts `program` (a bare file name) in the engine folder, which is also its working folder. Returns whether
-// it was started: then `started` is filled, and its two handles are the caller's. Otherwise `error` is the
+// it was started. If so, `started` is filled in, and the caller owns its two handles; if not, `error` is the
 // system error code, which may be 0.
 bool StartHiddenProgram(const char* program, PROCESS_INFORMATION& started, DWORD& error);
 

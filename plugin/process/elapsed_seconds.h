@@ -5,7 +5,7 @@
 
 namespace kesto {
 
-// Both in milliseconds; the count wraps after 49.7 days, which the unsigned difference sees through.
+// Both are in milliseconds. The count wraps after 49.7 days; the unsigned difference stays right.
 constexpr uint32_t ElapsedSeconds(uint32_t start, uint32_t now) {
     return static_cast<uint32_t>(now - start) / 1000;
 }

@@ -18,8 +18,8 @@ constexpr char kEngineProgram[] = "kestoav.exe";
 constexpr DWORD kMostProcesses = 10240;
 constexpr DWORD kPollMs = 100;
 
-// Overwritten by each start, read by nothing, its handles never closed: the plug-in keeps no link to
-// the engine but its name, and that is meant.
+// Each start overwrites it, nothing reads it, and its handles are never closed. The engine may be anybody's,
+// so the plug-in knows it by its name only.
 PROCESS_INFORMATION g_started_engine;
 
 char LowerAscii(char c) {
@@ -53,7 +53,7 @@ uint32_t FirstEngine(DWORD* ids) {
         if (ids[i] == 0) {
             continue;
         }
-        // This right and no weaker one: an engine that it does not open counts as not running.
+        // This right and not a weaker one: an engine that cannot be opened with it counts as not running.
         HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, ids[i]);
         if (process == nullptr) {
             continue;
@@ -70,7 +70,7 @@ uint32_t FirstEngine(DWORD* ids) {
 }  // namespace
 
 uint32_t FindEngineProcess() {
-    // 40 KB are too much for the stack of a mail server's thread.
+    // 40 KB would be too much for the stack of a mail server's thread.
     auto* const ids = static_cast<DWORD*>(malloc(kMostProcesses * sizeof(DWORD)));
     const uint32_t found = ids != nullptr ? FirstEngine(ids) : 0;
     free(ids);
@@ -97,10 +97,10 @@ void StopEngineProcess() {
     if (process == nullptr) {
         return;
     }
-    // Logged before the act: the line records the decision, not its outcome.
+    // Logged first, since the line tells of the decision and not of the outcome.
     LogMessage("terminated kestoav process");
     TerminateProcess(process, 0xFFFFFFFF);
-    // Without the right to synchronise this fails at once, and that is meant: a restart polls.
+    // This fails at once, since the handle has no right to wait. A restart polls for the end instead.
     WaitForSingleObject(process, 1000);
     CloseHandle(process);
     LogMessage("kestoav process ended");
@@ -109,7 +109,7 @@ void StopEngineProcess() {
 namespace {
 
 // Polls until an engine process exists, or until none does, for as long as the restart that began at
-// `began` may take. Writes `waiting` at each poll, and `given_up` when the time has passed.
+// `began` may take. Logs `waiting` at each poll, and `given_up` when the time has passed.
 void WaitForEngine(bool to_exist, uint32_t began, const char* waiting, const char* given_up) {
     while ((FindEngineProcess() != 0) != to_exist) {
         LogMessage("%s", waiting);

@@ -4,7 +4,7 @@ namespace kesto {
 namespace {
 
 char g_plugin_folder[kPathSize];
-bool g_given;  // by the host, which may give an empty text
+bool g_given;  // whether the host has named one, which may be an empty text
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// The folder that the host gave us at start-up, and the engine folder below it.
+// The folder that the host names at start-up, and the engine folder below it.
 #pragma once
 
 #include "base/bounded_text.h"
@@ -8,11 +8,11 @@ namespace kesto {
 // Keeps a copy of `folder`, cut at kPathSize - 1 characters: the host may free its own.
 void SetPluginFolder(const char* folder);
 
-// Owned here; an empty text before start-up.
+// The copy; empty before start-up.
 const char* PluginFolder();
 
-// Formats "FOLDER\plugins\kestoav", where the engine, the updater and the signatures lie. False before the
-// host has given a folder: that would be the root of the current drive, where anybody may have put a program.
+// Formats "FOLDER\plugins\kestoav", where engine, updater and signatures are. False before the host has named
+// a folder: the path would begin at the root of the current drive, where anybody may have put a program.
 bool FormatEngineFolder(char (&folder)[kMessageSize]);
 
 }  // namespace kesto

@@ -24,13 +24,13 @@ uint32_t Fail(char* title, char* message, const char* reason) {
     return 0;
 }
 
-// The updater's exit code, or the system error code with which it could not be started.
+// Returns the updater's exit code, or the system error code when it could not be started.
 DWORD RunUpdater() {
     PROCESS_INFORMATION updater;
     DWORD outcome = 0;
     if (StartHiddenProgram("kestoavu.exe", updater, outcome)) {
         WaitForSingleObject(updater.hProcess, INFINITE);
-        GetExitCodeProcess(updater.hProcess, &outcome);  // a failure leaves 0
+        GetExitCodeProcess(updater.hProcess, &outcome);  // where this fails, the outcome stays 0
         CloseHandle(updater.hProcess);
         CloseHandle(updater.hThread);
     }
@@ -55,8 +55,8 @@ uint32_t RunUpdate(char* title, char* message) {
     }
     g_update_busy = true;
     if (!LicenceHeld()) {
-        // The flag stays set, and that is meant: after a refusal nothing is launched until the library
-        // is loaded anew.
+        // The flag stays set: after a refusal nothing is launched until the library has been loaded again,
+        // which mail servers rely on.
         return Fail(title, message,
                     "The KESTO Antivirus Update attempt failed because you do not have a valid licence");
     }

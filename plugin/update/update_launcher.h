@@ -5,9 +5,9 @@
 
 namespace kesto {
 
-// Runs kestoavu.exe of the engine folder and waits for its end, without a limit. Returns 1 when it ended
-// with 0 or when an update is already under way, and 0 when it failed or no licence is held, with
-// `title` (kUpdateTitleSize bytes) and `message` (kUpdateMessageSize bytes) written; either may be null.
+// Runs kestoavu.exe in the engine folder and waits for its end, however long that takes. Returns 1 when it
+// ended with 0 or when another update is under way. Returns 0 when it failed or there is no licence, and then
+// writes `title` (kUpdateTitleSize bytes) and `message` (kUpdateMessageSize bytes); either may be null.
 uint32_t RunUpdate(char* title, char* message);
 
 }  // namespace kesto

@@ -1,4 +1,4 @@
-// The fuzz targets, one a part: PART names the function that gets each input.
+// The fuzz targets, one for each part. PART names the function that gets the inputs.
 #include <algorithm>
 #include <cstdlib>
 #include <string>
@@ -13,8 +13,8 @@ using namespace bridge;
 
 const auto Expect = [](bool holds) { return holds ? void() : abort(); };
 
-// A client's bytes come out the same cut into pieces or whole, and undoing the shift touches data only. The
-// first byte tells the size of the pieces.
+// A client's bytes come out the same whether they come in pieces or whole, and undoing the shift changes data
+// only. The first byte is the size of the pieces.
 void bridge_framing(const std::string& text) {
     const auto* const client = reinterpret_cast<const uint8_t*>(text.data()) + 1;
     const size_t command = text.empty() ? 0 : FindCommand(client, text.size() - 1).size;
@@ -29,13 +29,13 @@ void bridge_framing(const std::string& text) {
         const size_t piece = cut ? static_cast<uint8_t>(text[0]) + 1u : chunks.size();
         ChunkStream stream;
         size_t& used = ends[cut] = 0;
-        for (bool valid = true; valid && !stream.ended && used < chunks.size();) {
+        for (auto state = StreamState::kGoesOn; state == StreamState::kGoesOn && used < chunks.size();) {
             const size_t next = std::min(piece, chunks.size() - used);
             auto* const at = reinterpret_cast<uint8_t*>(bytes[cut].data()) + used;
             const ChunksFollowed followed = FollowChunks(stream, at, next, true);
-            valid = followed.valid;
+            state = followed.state;
             used += followed.used;
-            Expect(followed.used == next || (followed.used < next && (!valid || stream.ended)));
+            Expect(followed.used == next || (followed.used < next && state != StreamState::kGoesOn));
         }
         data_bytes = stream.data_bytes;
     }
@@ -48,7 +48,7 @@ void bridge_framing(const std::string& text) {
     Expect(data_bytes == 0);
 }
 
-// Every finding has a line that the file has, and something to say.
+// Every finding is about a line of the file, and has a text.
 void ini_lint(const std::string& text) {
     const auto ends_line = [](char c) { return c == '\n' || c == '\r'; };
     const int lines = static_cast<int>(std::count_if(text.begin(), text.end(), ends_line)) + 1;
@@ -58,7 +58,7 @@ void ini_lint(const std::string& text) {
     }
 }
 
-// A reply is infected, clean or unexpected, and its parts put together again give the reply.
+// A reply is infected, clean or unexpected, and its parts put together are the reply again.
 void reply_verdict(const std::string& reply) {
     const auto [kind, text] = VerdictOfReply(reply);
     const bool verdict = reply.starts_with("stream: "),

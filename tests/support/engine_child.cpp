@@ -1,6 +1,6 @@
 // The stand-in for the engine and the updater: a program that is copied under whatever name a test needs.
-// PROGRAM.role beside it tells what to do (see Installation::PlaceStandIn); it runs until it is ended. Every
-// start adds a byte to PROGRAM.started once the role is taken up.
+// PROGRAM.role beside it says what to do (see Installation::PlaceStandIn); it runs until it is ended. Every
+// start adds a byte to PROGRAM.started as soon as the program plays its role.
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -12,7 +12,7 @@
 namespace kesto {
 namespace {
 
-constexpr int kLongestLifeMs = 120'000;  // when all else fails
+constexpr int kLongestLifeMs = 120'000;  // if nothing else ends it
 
 DWORD Play(const std::string& program) {
     std::ifstream file(program + ".role");

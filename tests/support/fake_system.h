@@ -1,5 +1,5 @@
 // Clock, process table and network as the plug-in sees them, all made up: waits of minutes pass at once, and
-// a test knows every answer that the plug-in was given. Log, settings and all else it asks for are real.
+// a test knows every answer that the plug-in gets. Log, settings and everything else are real.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -13,12 +13,12 @@
 
 namespace kesto {
 
-// What a loaded library calls of the system, for as long as the object lives: how a test makes the system
-// fail, and sees exactly what it was asked.
+// Replaces a system function that a loaded library calls, for as long as the object lives. In this way a test
+// makes the system fail, and sees exactly what it was asked.
 class ImportPatch {
  public:
-    // Puts `replacement` in the place of the function that `module` imports by this name; throws when it
-    // imports none. The two must be declared alike.
+    // Puts `replacement` in the place of the function that `module` imports by this name, and throws when it
+    // imports none. Both must be declared alike.
     template <class Function>
     ImportPatch(void* module, const char* name, Function* replacement) : slot_(FindSlot(module, name)) {
         original_ = *slot_;
@@ -40,22 +40,22 @@ inline constexpr uint32_t kNever = UINT32_MAX;
 
 struct FakeProcess {
     std::string image = "\\Device\\HarddiskVolume1\\mail\\plugins\\kestoav\\kestoav.exe";
-    DWORD refused = 0;  // rights that cannot be had
+    DWORD refused = 0;  // rights that are not granted
     uint32_t ends = kNever;
-    uint32_t appears = 0;  // times are the clock's below
+    uint32_t appears = 0;  // both times by the clock below
 };
 
-// How the system stands, and what it will do.
+// The state of the system, and what it will do.
 struct SystemState {
-    std::vector<FakeProcess> processes{1};  // with the IDs 4, 8, ..., behind one of ID 0
-    uint32_t accepts_from = 0;  // when connects begin to reach the network; before, each is refused in 1 s
+    std::vector<FakeProcess> processes{1};  // with the IDs 4, 8, ..., after one with ID 0
+    uint32_t accepts_from = 0;  // when connects begin to reach the loopback; all others are refused in 1 s
     bool enumerates = true;     // false: the process table cannot be read
-    uint32_t end_takes = 0;     // after TerminateProcess; kNever: that fails
+    uint32_t end_takes = 0;     // time after TerminateProcess; kNever: that fails
     bool starts = true;         // what CreateProcess returns
     DWORD start_error = 0;      // and leaves as the last error
     FakeProcess started = {};   // what it adds to the table
     DWORD exit_code = 0;        // of every process
-    uint32_t look_takes = 0;    // each look at the clock: for waits that nothing else would end
+    uint32_t look_takes = 0;    // how far each look at the clock advances it
     uint32_t clock = 0;         // in ms; the tick count starts shortly before it wraps
 };
 
@@ -66,12 +66,13 @@ class FakeSystem : public SystemState {  // one at a time
 
     std::vector<std::string> calls;  // in order, with what matters of their arguments
     int open_handles = 0;
+    int steps = 0;  // of all waits so far
 
  private:
     std::list<ImportPatch> patches_;
 };
 
-// A plug-in in which an engine process only seems to run. Ports are real.
+// A plug-in to which an engine process only seems to run. Ports are real.
 struct DrivenPlugin : InstalledPlugin {
     FakeSystem system{plugin};
 };

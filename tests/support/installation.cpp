@@ -4,21 +4,46 @@
 #include <psapi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <span>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace kesto {
 namespace {
 
-// What is started here, and by what is started here, ends with this process, however that ends.
+// All programs that this process starts, and that those start, end with it, however it ends.
 [[maybe_unused]] const bool g_children_end_with_us = [] {
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
     const HANDLE job = CreateJobObjectA(nullptr, nullptr);  // closed with the process
     return SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits) &&
            AssignProcessToJobObject(job, GetCurrentProcess());
+}();
+
+// A test that hangs ends its program, with its children, before the runner's limit passes: a signal from
+// outside has taken Wine's server along. The thread outlives the test framework, so it touches nothing of that.
+std::atomic<ULONGLONG> g_test_ends_by = ULLONG_MAX;
+
+class Watch : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo&) override {
+        g_test_ends_by = GetTickCount64() + 10 * kTestLimit.count();
+    }
+    void OnTestEnd(const testing::TestInfo&) override { g_test_ends_by = ULLONG_MAX; }
+};
+
+[[maybe_unused]] const bool g_tests_end = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new Watch);
+    std::thread([] {
+        while (GetTickCount64() < g_test_ends_by) {
+            Sleep(250);
+        }
+        fputs("the test hangs\n", stderr);
+        TerminateProcess(GetCurrentProcess(), 1);
+    }).detach();
+    return true;
 }();
 
 std::filesystem::path NewFolder() {
@@ -30,7 +55,7 @@ std::filesystem::path NewFolder() {
     return folder;
 }
 
-// The paths of all processes' programs that this one can tell, with their IDs.
+// The IDs and program paths of all processes, as far as this one may know them.
 std::vector<std::pair<DWORD, std::filesystem::path>> AllPrograms() {
     std::vector<std::pair<DWORD, std::filesystem::path>> all;
     DWORD ids[4096], bytes = 0;
@@ -70,17 +95,24 @@ Installation::Installation(const std::wstring& name) : top(NewFolder()), folder(
 Installation::~Installation() {
     started_.clear();
     EndPrograms();
-    // In its exact form, for the names in it that Windows would read as others. A program's file may be held
-    // for a moment after its end.
+    // The path is in its exact form, for names that Windows would take for others. A program's file may be in
+    // use for a moment after its end.
     std::error_code error;
     EXPECT_TRUE(WaitFor([&] {
         return std::filesystem::remove_all(L"\\\\?\\" + top.wstring(), error), !error;
     })) << error.message();
 }
 
-void Installation::EndPrograms() const {
+DWORD Installation::ProcessOf(const std::filesystem::path& program) {
+    const auto programs = AllPrograms();
+    const auto found = std::find_if(programs.begin(), programs.end(),
+                                    [&](const auto& each) { return each.second == program; });
+    return found == programs.end() ? 0 : found->first;
+}
+
+void Installation::EndPrograms(std::wstring_view path) const {
     for (const auto& [id, program] : AllPrograms()) {
-        if (program.wstring().starts_with(top.wstring() + L"\\")) {
+        if (program.wstring().starts_with(path.empty() ? top.wstring() + L"\\" : path)) {
             const HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
             TerminateProcess(process, 1);
             WaitForSingleObject(process, static_cast<DWORD>(kTestLimit.count()));
@@ -110,7 +142,7 @@ std::vector<std::string> Installation::LogMessages() const {
 
 void Installation::PlaceStandIn(const std::filesystem::path& program, const std::string& role) const {
     WriteFile(Beside(program, ".role"), role);
-    // One that runs cannot be written over, and need not be.
+    // A program that runs cannot be overwritten, and need not be.
     CopyFileW((BuiltFolder() / "tests" / "engine_child.exe").c_str(), program.c_str(), TRUE);
 }
 
@@ -121,6 +153,7 @@ uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::stri
                                                 "\r\nupstreams=" + upstreams + "\r\n" + more_lines + "\r\n");
     WriteFile(engine_folder / "bridge.log", "");
     CopyFileW((BuiltFolder() / "kestoav.exe").c_str(), (engine_folder / program).c_str(), FALSE);
+    CopyFileW((BuiltFolder() / "kestobridge.exe").c_str(), worker.c_str(), FALSE);
     return port;
 }
 

@@ -32,6 +32,7 @@ class Installation {
     const std::filesystem::path folder;
     const std::filesystem::path engine_folder = folder / "plugins" / "kestoav";
     const std::filesystem::path engine = engine_folder / "kestoav.exe";
+    const std::filesystem::path worker = engine_folder / "kestobridge.exe";
     const std::filesystem::path updater = engine_folder / "kestoavu.exe";
     const std::filesystem::path log = folder / "kestoav.log";
     // Where an engine runs that the plug-in finds and stops, but never starts.
@@ -47,7 +48,7 @@ class Installation {
     // there), "engine PORT SCRIPT" (a ScriptedEngine, see ScriptNamed). A program that is there already takes
     // up the new role at its next start.
     void PlaceStandIn(const std::filesystem::path& program, const std::string& role) const;
-    // Puts the real bridge there as the engine, with an empty bridge.log and a bridge.ini of a free port,
+    // Puts the real bridge there as the engine, with an empty bridge.log and with a free port in bridge.ini,
     // which is returned.
     uint16_t PlaceBridge(const std::string& upstreams, const std::string& more_lines = "",
                          const char* program = "kestoav.exe") const;
@@ -55,8 +56,10 @@ class Installation {
     void StartStandIn(const std::filesystem::path& program);
     size_t Starts(const std::filesystem::path& program) const;  // of a stand-in, so far
     bool WaitForStarts(const std::filesystem::path& program, size_t count) const;
-    // Ends all programs that run from below `top`, and waits for it.
-    void EndPrograms() const;
+    // The process of a program; 0 when it does not run.
+    static DWORD ProcessOf(const std::filesystem::path& program);
+    // Ends all programs that run from below `top`, or one of them, and waits for it.
+    void EndPrograms(std::wstring_view path = L"") const;
 
  private:
     std::list<ProgramRun> started_;

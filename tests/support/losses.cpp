@@ -10,7 +10,7 @@ namespace kesto {
 
 Holdings CountHoldings() {
     Holdings held = {};
-    // GetProcessHandleCount would do on Windows; elsewhere it answers 0.
+    // On Windows GetProcessHandleCount would do; elsewhere it returns 0.
     for (uintptr_t handle = 4; handle < 16384; handle += 4) {
         DWORD flags;
         held.handles += GetHandleInformation(reinterpret_cast<HANDLE>(handle), &flags);

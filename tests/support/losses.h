@@ -12,8 +12,8 @@ struct Holdings {
 };
 Holdings CountHoldings();
 
-// Expects that `fault` loses nothing: runs it once for what is made only once, and then so often that a loss
-// each time shows.
+// Expects that `fault` loses nothing: runs it once for what is made only once, and then often enough for a
+// loss to show.
 void ExpectNothingLost(int rounds, const std::function<void()>& fault);
 
 }  // namespace kesto

@@ -12,8 +12,8 @@
 namespace kesto {
 using namespace host;
 
-// The library of an installation, loaded so that everything in it starts afresh. Closed and unloaded at the
-// end.
+// The library of an installation, newly loaded, so that nothing in it was used before. It is closed and
+// unloaded at the end.
 struct LoadedPlugin : PluginLibrary {
     explicit LoadedPlugin(const Installation& installed);
     ~LoadedPlugin();
@@ -36,7 +36,7 @@ std::string ScanWith(const PluginLibrary& plugin, std::string_view data, std::st
 struct InstalledPlugin {
     // Writes the settings and starts the plug-in with them, version 1 and no buffers.
     int32_t Start(const std::string& settings) {
-        plugin.close_scanner();  // a second start lets go of an open log without closing it
+        plugin.close_scanner();  // a second start would leave an open log open
         installed.WriteSettings(settings);
         return plugin.Initialize(installed.folder);
     }

@@ -22,7 +22,7 @@ struct RunResult {
 
 class ProgramRun {
  public:
-    // Starts `program` in a folder, with `arguments` as they stand and `input` as its standard input.
+    // Starts `program` in a folder, with `arguments` taken literally and `input` as its standard input.
     explicit ProgramRun(const std::filesystem::path& program, const std::wstring& arguments = L"",
                         const std::filesystem::path& folder = L"C:\\", const std::string& input = "");
     ~ProgramRun();  // ends it if it still runs
@@ -31,7 +31,7 @@ class ProgramRun {
 
     bool Running() const { return WaitForSingleObject(process_.hProcess, 0) == WAIT_TIMEOUT; }
     std::string Err() const { return ReadFile(err_path_); }  // so far
-    // The system's own way of telling one process, with any event: CTRL_BREAK_EVENT, CTRL_LOGOFF_EVENT...
+    // As the system itself tells a single process, with any event: CTRL_BREAK_EVENT, CTRL_LOGOFF_EVENT...
     void SendConsoleEvent(DWORD event) const;
     RunResult Finish() const;  // waits for the end
 

@@ -69,7 +69,7 @@ bool Wire::Send(std::string_view bytes) {
     return true;
 }
 
-// Not one byte more than wanted, so that a script that ends early ends at the very byte it means.
+// Reads no byte more than wanted, so that a script that ends early ends exactly where it means to.
 bool Wire::ReceiveSome(std::string& bytes, size_t most) {
     char piece[65536];
     const int size = static_cast<int>(std::min(most, sizeof piece));
@@ -212,7 +212,7 @@ void ScriptedEngine::Accept(SOCKET listener) {
                         wire.Reset();
                     }
                 }
-                if (accepted_ > 100) {  // memory has its end
+                if (accepted_ > 100) {  // so as not to run out of memory
                     it.request = {};
                 }
                 ++ended_;

@@ -1,5 +1,5 @@
-// The one scripted engine of all tests: a clamd that does what a test tells it, in the test's own process or
-// in an engine program's (see installation.h), and keeps what it was sent.
+// The scripted engine, which all tests use: a clamd that does what a test tells it, in the test's own process
+// or in that of a stand-in (see installation.h), and keeps what it was sent.
 //
 //     ScriptedEngine engine(Replying("stream: Evil FOUND"));
 //     ... scan with engine.Port() ...
@@ -22,16 +22,16 @@ namespace kesto {
 
 // One connection as the engine saw it.
 struct EngineRequest {
-    std::string raw;      // every byte that came, also behind the request
+    std::string raw;      // every byte that came, even after the request
     std::string command;  // without its NUL
     std::string data;     // of the chunks, whole ones only
-    bool whole = false;   // the command with its NUL, of a scan the stream to its end
+    bool whole = false;   // whether the command has come with its NUL and, for a scan, the stream to its end
     size_t parsed = 0;    // bytes of `raw` that the fields above hold
 };
 
 // A connection, of a script or of a client; closed with the object. Calls after the other side has gone are
-// harmless. Everything waits by polling: Wine keeps the sockets of a process that is ended while it waits on
-// them, and an engine must be fit to be ended at any moment. A client waits kTestLimit at most; a script's
+// harmless. Everything waits by polling, since Wine keeps the sockets of a process that is ended while it
+// waits on them, and an engine may be ended at any moment. A client waits kTestLimit at most; a script's
 // waits end with its engine.
 class Wire {
  public:
@@ -71,7 +71,7 @@ class Wire {
 using EngineScript = std::function<void(Wire&)>;
 
 enum class Then { kHangsUp, kResets, kHolds };
-// To each request with exactly these bytes, in pieces of this size.
+// Replies to each request with exactly these bytes, in pieces of this size.
 EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp, size_t piece = SIZE_MAX);
 EngineScript Replying(std::string_view text);                       // the same with a NUL behind it
 EngineScript DyingAfter(size_t bytes, bool resets = false);         // as soon as it has received so many

@@ -1,0 +1,11 @@
+// An engine that reads a scan's stream to its end and finds everything clean.
+#pragma once
+
+#include <cstdint>
+
+namespace kesto {
+
+// Serves the loopback port until the process is ended; returns 1 when it cannot listen there.
+int ServeSink(uint16_t port);
+
+}  // namespace kesto

@@ -1,0 +1,97 @@
+#include "bridge/bridge.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "bridge/attempt.h"
+#include "bridge/client.h"
+#include "common/bridge_log.h"
+
+namespace kesto::bridge {
+namespace {
+
+// A client may end within the work, and be followed by a new one; no other one ends.
+template <typename Work>
+void ForEachClient(Bridge& bridge, Work work) {
+    for (auto at = bridge.clients.begin(); at != bridge.clients.end();) {
+        const std::shared_ptr<Client> client = *at++;
+        work(*client);
+    }
+}
+
+size_t CountWaiting(const Bridge& bridge) {
+    return static_cast<size_t>(std::count_if(bridge.clients.begin(), bridge.clients.end(),
+                                             [](const auto& client) { return client->Waits(); }));
+}
+
+}  // namespace
+
+Bridge::Bridge() {
+    fleet.scans_wait = [this] { return CountWaiting(*this) != 0; };
+    fleet.tell = LogBridge;
+    begin_attempt = [this](const ServerPtr& server, const std::shared_ptr<KeptStream>& request,
+                           AttemptEvents events, Time reply_until) {
+        return BeginAttempt(io, *this, server, request, std::move(events), reply_until);
+    };
+}
+
+void Apply(Bridge& bridge, Time now) {
+    bridge.room.SetLimit(static_cast<size_t>(bridge.settings.keep) << 20);
+    SetServers(bridge.fleet, bridge.settings.upstreams, now);
+    bridge.news = true;
+}
+
+bool IsFull(const Bridge& bridge) {
+    return bridge.place.use_count() > static_cast<long>(bridge.settings.clients);
+}
+
+void Remove(Bridge& bridge, const std::shared_ptr<Client>& client) noexcept {
+    bridge.clients.erase(client);
+    if (bridge.stopping && bridge.clients.empty()) {
+        bridge.io.stop();
+    }
+}
+
+void Stop(Bridge& bridge, Time now) {
+    bridge.stopping = true;
+    bridge.stopped_at = now;
+    ForEachClient(bridge, [](Client& client) { client.Stop(); });
+    if (bridge.clients.empty()) {
+        bridge.io.stop();
+    }
+}
+
+void TakeUpNews(Bridge& bridge, Time now) {
+    while (!bridge.queue.empty() && !IsFull(bridge)) {
+        const std::shared_ptr<Client> first = bridge.queue.front();
+        bridge.queue.pop_front();
+        first->BeginQueued();
+    }
+    if (std::exchange(bridge.news, false)) {
+        ForEachClient(bridge, [now](Client& client) {
+            if (client.Waits()) {
+                client.Advance(now);
+            }
+        });
+    }
+}
+
+void Tick(Bridge& bridge, Time now) {
+    const bool crowded = bridge.clients.size() > bridge.settings.clients;
+    unsigned places = crowded ? 1 + bridge.settings.clients / 4 : 0;
+    ForEachClient(bridge, [&](Client& client) {
+        client.Tick(now);
+        places -= places != 0 && client.MakeWay(now);
+    });
+}
+
+std::string StatsText(const Bridge& bridge, Time now) {
+    const Gauges gauges = {.clients = bridge.clients.size(),
+                           .clients_limit = bridge.settings.clients,
+                           .scans_waiting = CountWaiting(bridge),
+                           .kept_bytes = bridge.room.used,
+                           .keep_bytes = bridge.room.limit};
+    return MetricsText(bridge.metrics, gauges, bridge.fleet, now);
+}
+
+}  // namespace kesto::bridge

@@ -1,0 +1,44 @@
+#include "common/log_limit.h"
+
+namespace kesto {
+namespace {
+
+constexpr unsigned kMost = 10;
+constexpr std::chrono::minutes kWindow{1};
+
+}  // namespace
+
+std::vector<std::string> LogLimit::Take(const std::string& kind, const std::string& line, Time now) {
+    std::vector<std::string> lines = Overdue(now);
+    Kind& of = kinds_[kind];
+    if (of.written == 0) {
+        of.since = now;
+    }
+    if (of.written < kMost) {
+        ++of.written;
+        lines.push_back(line);
+    } else {
+        ++of.left_out;
+        of.last = line;
+    }
+    return lines;
+}
+
+std::vector<std::string> LogLimit::Overdue(Time now) {
+    std::vector<std::string> lines;
+    for (auto at = kinds_.begin(); at != kinds_.end();) {
+        const Kind& kind = at->second;
+        if (now < kind.since + kWindow) {
+            ++at;
+            continue;
+        }
+        if (kind.left_out != 0) {
+            lines.push_back(std::to_string(kind.left_out) +
+                            " more such lines left out, the last: " + kind.last);
+        }
+        at = kinds_.erase(at);
+    }
+    return lines;
+}
+
+}  // namespace kesto

@@ -1,0 +1,103 @@
+#include "guard/listener.h"
+
+#include <windows.h>
+
+#include <cstring>
+#include <utility>
+
+#include "common/acknowledge.h"
+#include "common/bridge_ini.h"
+#include "common/bridge_log.h"
+#include "common/error_words.h"
+
+namespace kesto::guard {
+namespace {
+
+constexpr DWORD kWaitForPortMs = 10'000;
+constexpr DWORD kBetweenTriesMs = 250;
+constexpr int kLongestSilenceMs = 20'000;  // as the plug-in has it
+constexpr LONG kMostTurnedAway = 200;      // at a time, who are let finish
+
+volatile LONG g_turned_away = 0;
+
+SOCKET TryToListen(const sockaddr_in& where) {
+    const SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    const BOOL on = TRUE;
+    u_long nonblocking = 1;
+    setsockopt(listener, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on), sizeof on);
+    AcknowledgeAtOnce(listener);
+    if (bind(listener, reinterpret_cast<const sockaddr*>(&where), sizeof where) == 0 &&
+        ioctlsocket(listener, FIONBIO, &nonblocking) == 0 && listen(listener, SOMAXCONN) == 0) {
+        return listener;
+    }
+    const int error = WSAGetLastError();
+    closesocket(listener);
+    WSASetLastError(error);
+    return INVALID_SOCKET;
+}
+
+DWORD WINAPI LetFinish(void* argument) {
+    const auto client = reinterpret_cast<SOCKET>(argument);
+    u_long nonblocking = 0;
+    ioctlsocket(client, FIONBIO, &nonblocking);
+    setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&kLongestSilenceMs),
+               sizeof kLongestSilenceMs);
+    char scrap[4096];
+    while (recv(client, scrap, sizeof scrap, 0) > 0) {
+    }
+    closesocket(client);
+    InterlockedDecrement(&g_turned_away);
+    return 0;
+}
+
+}  // namespace
+
+SOCKET Listen(const std::wstring& folder) {
+    const BridgeIni ini = ReadBridgeIni(folder);
+    UseBridgeLog(ini, folder);
+    const ServerAddress& listen_on = ini.settings.listen;
+    sockaddr_in where = {};
+    where.sin_family = AF_INET;
+    where.sin_port = htons(listen_on.port);
+    std::memcpy(&where.sin_addr, listen_on.bytes.data(), sizeof where.sin_addr);
+    const DWORD start = GetTickCount();
+    for (bool told = false;;) {
+        const SOCKET listener = TryToListen(where);
+        if (listener != INVALID_SOCKET) {
+            return listener;
+        }
+        const std::string why = " - " + ErrorWords(static_cast<DWORD>(WSAGetLastError()));
+        const std::string what = "cannot listen on " + AddressText(listen_on);
+        if (GetTickCount() - start >= kWaitForPortMs) {
+            LogBridge("listen", "cannot start - " + what + why);
+            return INVALID_SOCKET;
+        }
+        if (!std::exchange(told, true)) {
+            LogBridge("listen", what + " yet" + why);
+        }
+        Sleep(kBetweenTriesMs);
+    }
+}
+
+void TurnAway(SOCKET listener) {
+    for (;;) {
+        const SOCKET client = accept(listener, nullptr, nullptr);
+        if (client == INVALID_SOCKET) {
+            return;
+        }
+        shutdown(client, SD_SEND);
+        HANDLE thread = nullptr;
+        if (InterlockedIncrement(&g_turned_away) <= kMostTurnedAway) {
+            thread = CreateThread(nullptr, 65536, LetFinish, reinterpret_cast<void*>(client),
+                                  STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+        }
+        if (thread == nullptr) {
+            InterlockedDecrement(&g_turned_away);
+            closesocket(client);
+        } else {
+            CloseHandle(thread);
+        }
+    }
+}
+
+}  // namespace kesto::guard

@@ -1,0 +1,64 @@
+#include "guard/requests.h"
+
+#include <sddl.h>
+
+#include "common/guard_words.h"
+
+namespace kesto::guard {
+namespace {
+
+// The system, administrators, and the account under which the guard runs.
+constexpr wchar_t kWhoMayAsk[] = L"D:P(A;;GA;;;SY)(A;;GA;;;BA)(A;;GA;;;OW)";
+constexpr DWORD kAnswerSize = 4096;  // more than any answer takes
+
+}  // namespace
+
+bool Requests::Open(const std::wstring& folder) {
+    SECURITY_ATTRIBUTES security = {sizeof security, nullptr, FALSE};
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(kWhoMayAsk, SDDL_REVISION_1,
+                                                              &security.lpSecurityDescriptor, nullptr)) {
+        return true;
+    }
+    pipe_ = CreateNamedPipeW(GuardPipe(folder).c_str(),
+                             PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+                             PIPE_TYPE_BYTE | PIPE_REJECT_REMOTE_CLIENTS, 1, kAnswerSize, 0, 0, &security);
+    const DWORD error = GetLastError();
+    LocalFree(security.lpSecurityDescriptor);
+    if (pipe_ == INVALID_HANDLE_VALUE) {
+        return error != ERROR_ACCESS_DENIED && error != ERROR_PIPE_BUSY;
+    }
+    event_.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    Wait();
+    return true;
+}
+
+void Requests::Wait() {
+    state_ = State::kWaiting;
+    if (!ConnectNamedPipe(pipe_, &event_) && GetLastError() == ERROR_PIPE_CONNECTED) {
+        SetEvent(event_.hEvent);
+    }
+}
+
+bool Requests::Take() {
+    ResetEvent(event_.hEvent);
+    if (state_ == State::kWaiting) {
+        state_ = State::kAsked;
+        return true;
+    }
+    DisconnectNamedPipe(pipe_);
+    Wait();
+    return false;
+}
+
+void Requests::Answer(const std::string& text) {
+    OVERLAPPED writing = {};
+    WriteFile(pipe_, text.data(), static_cast<DWORD>(text.size()), nullptr,
+              &writing);  // there is room for it
+    state_ = State::kAnswered;
+    // Whoever asked has read it when this ends, with its closing of the pipe.
+    if (!ReadFile(pipe_, &scrap_, 1, nullptr, &event_) && GetLastError() != ERROR_IO_PENDING) {
+        SetEvent(event_.hEvent);
+    }
+}
+
+}  // namespace kesto::guard

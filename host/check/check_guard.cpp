@@ -1,0 +1,90 @@
+#include "host/check/check_guard.h"
+
+#include <windows.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <vector>
+
+#include "base/clamd_words.h"
+#include "common/guard_words.h"
+#include "common/server_talk.h"
+#include "common/text.h"
+#include "host/common/processes.h"
+
+namespace kesto::host {
+namespace {
+
+constexpr std::chrono::seconds kAnswerLimit(2);
+constexpr double kOften = 3;           // starts
+constexpr double kLately = 10 * 60.0;  // seconds
+
+// "1.0.4", of one of our programs; empty for any other file.
+std::wstring OurVersion(const std::wstring& program) {
+    std::vector<char> block(GetFileVersionInfoSizeW(program.c_str(), nullptr));
+    const auto text = [&](const wchar_t* name) {
+        void* value = nullptr;
+        UINT length = 0;
+        return VerQueryValueW(block.data(), (L"\\StringFileInfo\\040904E4\\" + std::wstring(name)).c_str(),
+                              &value, &length)
+                   ? std::wstring(static_cast<const wchar_t*>(value))
+                   : L"";
+    };
+    const bool known =
+        !block.empty() &&
+        GetFileVersionInfoW(program.c_str(), 0, static_cast<DWORD>(block.size()), block.data()) &&
+        text(L"ProductName") == L"KESTO AV";
+    return known ? text(L"ProductVersion") : L"";
+}
+
+double Counter(const std::string& text, const std::string& name) {
+    const size_t at = text.find("\n" + name + " ");
+    return at == std::string::npos ? 0 : std::strtod(text.c_str() + at + name.size() + 2, nullptr);
+}
+
+}  // namespace
+
+Findings CheckGuard(const InstalledPlugin& installed, const InstalledBridge& bridge) {
+    Findings findings;
+    const std::string check = "engine worker";
+    const std::wstring worker = installed.engine_folder + L"\\" + kWorkerProgram;
+    const std::wstring guard_version = OurVersion(installed.engine);
+    if (guard_version.empty()) {
+        return findings;
+    }
+    if (!IsFile(worker)) {
+        findings.Failed(check, Utf8FromWide(worker) + " is missing: every scan ends with error 1003",
+                        "copy kestobridge.exe from the release there");
+        return findings;
+    }
+    if (const std::wstring version = OurVersion(worker); version != guard_version) {
+        findings.Failed(check,
+                        "kestoav.exe is of version " + Utf8FromWide(guard_version) + ", kestobridge.exe " +
+                            (version.empty() ? "is damaged" : "of " + Utf8FromWide(version)),
+                        "copy both from one release");
+    }
+    if (EngineProcesses().empty() || !bridge.used) {
+        return findings;
+    }
+    const std::string remedy = "bridge.log tells how it ended";
+    if (ProcessesNamed(kWorkerProgram).empty()) {
+        findings.Failed(check, "kestobridge.exe does not run: every scan ends with error 1003", remedy);
+        return findings;
+    }
+    const ServerAddress& listen = bridge.ini.settings.listen;
+    const ServerAnswer numbers =
+        AskServer({listen.host, listen.port}, kStatsCommand, std::chrono::steady_clock::now() + kAnswerLimit);
+    const double starts = Counter(numbers.reply.value_or(""), "kestoav_worker_starts_total");
+    const double uptime = Counter(numbers.reply.value_or(""), "kestoav_uptime_seconds");
+    if (starts >= kOften && uptime < kLately) {
+        findings.Warning(check,
+                         "kestobridge.exe has been started " + std::to_string(static_cast<int>(starts)) +
+                             " times, the last time " + DurationText(uptime) + " ago",
+                         "unless you have restarted it, it keeps ending: " + remedy);
+    } else {
+        findings.Ok(check, "kestobridge.exe runs");
+    }
+    return findings;
+}
+
+}  // namespace kesto::host

@@ -1,0 +1,472 @@
+; The set-up program and the uninstaller in it. scripts/package defines
+;   VERSION  of the release
+;   STAGED   the folder of all files, laid out as they lie on the mail server
+;   FILES    a list of them: !insertmacro ${EACH} "PATH" for every file but the two .ini files and the updater
+;   FOLDERS  the same for the folders
+;   HELP     setup_help.exe
+;   RESULT   the set-up program to write
+; and SIGN, a command that signs a program, where one is to. Exit codes: INSTALL.txt, "The set-up program".
+
+Unicode true
+SetCompressor /SOLID lzma
+Name "KESTO AV ${VERSION}"
+OutFile "${RESULT}"
+!ifdef SIGN
+  !finalize '${SIGN} "%1"'
+  !uninstfinalize '${SIGN} "%1"'
+!endif
+VIProductVersion "${VERSION}.0"
+VIAddVersionKey ProductName "KESTO AV"
+VIAddVersionKey ProductVersion "${VERSION}"
+VIAddVersionKey FileVersion "${VERSION}"
+VIAddVersionKey CompanyName "KESTO"
+VIAddVersionKey FileDescription "KESTO AV set-up"
+VIAddVersionKey LegalCopyright "Copyright (C) 2026 KESTO"
+RequestExecutionLevel admin
+BrandingText "KESTO AV ${VERSION}"
+!define PROGRAMS_KEY "Software\Microsoft\Windows\CurrentVersion\Uninstall\KESTO AV"
+InstallDir "C:\KestoAV"
+InstallDirRegKey HKLM "${PROGRAMS_KEY}" InstallLocation
+ShowInstDetails show
+ShowUninstDetails show
+
+!define UPDATER "plugins\kestoav\kestoavu.exe"
+
+!define kBadValue 3
+!define kInUse 4
+!define kNotWritten 5
+!define kNotRestarted 6
+!define kCheckFailed 7
+
+!include MUI2.nsh
+!include LogicLib.nsh
+!include FileFunc.nsh
+!include WordFunc.nsh
+!include nsDialogs.nsh
+
+Var Reason     ; why it cannot be done; empty when it can
+Var Upstreams
+Var Account
+Var AccountField
+Var UpstreamsField
+Var Ran        ; whether the engine of this folder ran before: yes or no
+Var Foreign    ; 0, unless the updater there is the administrator's own, which is left alone
+Var Outcome    ; for the last page
+
+!define MUI_DIRECTORYPAGE_TEXT_TOP "The folder that your mail server names to its scanner plug-in. Only administrators \
+should be able to write there."
+!define MUI_PAGE_CUSTOMFUNCTION_LEAVE LeaveFolderPage
+!insertmacro MUI_PAGE_DIRECTORY
+Page custom ShowEnginePage LeaveEnginePage
+!insertmacro MUI_PAGE_INSTFILES
+!define MUI_FINISHPAGE_NOAUTOCLOSE
+!define MUI_FINISHPAGE_TITLE "KESTO AV is installed"
+!define MUI_FINISHPAGE_TEXT "$Outcome$\r$\n$\r$\nIn the mail server:$\r$\n$\r$\n1. Register $INSTDIR\CLAMDLL.dll as its \
+scanner plug-in, with $INSTDIR as the folder.$\r$\n2. Let it keep the mail and try again on every error code; never \
+deliver such mail unscanned.$\r$\n3. Restart it. It starts the bridge, kestoav.exe.$\r$\n$\r$\nThen, in the command \
+prompt of an administrator:$\r$\n$\r$\n$\"$INSTDIR\kestoscan.exe$\" --check"
+!define MUI_FINISHPAGE_LINK "INSTALL.txt has the rest: clamd, rights, firewall"
+!define MUI_FINISHPAGE_LINK_LOCATION "$INSTDIR\INSTALL.txt"
+!insertmacro MUI_PAGE_FINISH
+!insertmacro MUI_UNPAGE_CONFIRM
+!define MUI_UNFINISHPAGE_NOAUTOCLOSE
+!insertmacro MUI_UNPAGE_INSTFILES
+!insertmacro MUI_LANGUAGE English
+
+; --- What set-up and uninstaller share ---------------------------------------------------------------------------
+
+!macro Shared un
+  ; Tells TEXT, from the stack: in a silent run whoever started it, else the page.
+  Function ${un}Say
+    Exch $0
+    Push $1
+    ${If} ${Silent}
+      System::Call 'kernel32::GetStdHandle(i -11) p .r1'
+      ${If} $1 P= 0
+        System::Call 'kernel32::AttachConsole(i -1)'
+        System::Call 'kernel32::GetStdHandle(i -11) p .r1'
+      ${EndIf}
+      FileWrite $1 "$0$\r$\n"
+    ${Else}
+      DetailPrint $0
+    ${EndIf}
+    Pop $1
+    Pop $0
+  FunctionEnd
+
+  ; Ends with $Reason and the exit code from the stack.
+  Function ${un}Refuse
+    Pop $0
+    Push $Reason
+    Call ${un}Say
+    MessageBox MB_OK|MB_ICONSTOP $Reason /SD IDOK
+    SetErrorLevel $0
+    Quit
+  FunctionEnd
+
+  ; Windows lets nobody write to a library that is loaded.
+  Function ${un}RefuseWhileHosted
+    ${If} ${FileExists} "$INSTDIR\CLAMDLL.dll"
+      ClearErrors
+      FileOpen $0 "$INSTDIR\CLAMDLL.dll" a
+      ${If} ${Errors}
+        StrCpy $Reason "$INSTDIR\CLAMDLL.dll is in use: stop the mail server, and kestoscan where it runs, and try \
+again. Nothing was changed."
+        Push ${kInUse}
+        Call ${un}Refuse
+      ${EndIf}
+      FileClose $0
+    ${EndIf}
+  FunctionEnd
+
+  Function ${un}LookAtUpdater
+    StrCpy $Foreign 0
+    ${If} ${FileExists} "$INSTDIR\${UPDATER}"
+      nsExec::Exec '"$PLUGINSDIR\help.exe" ours "$INSTDIR\${UPDATER}"'
+      Pop $Foreign
+    ${EndIf}
+  FunctionEnd
+
+  ; Ends the engine of this folder: first what would start the worker anew.
+  Function ${un}EndEngine
+    nsExec::Exec '"$PLUGINSDIR\help.exe" end "$INSTDIR\plugins\kestoav\kestoav.exe"'
+    Pop $0
+    nsExec::Exec '"$PLUGINSDIR\help.exe" end "$INSTDIR\plugins\kestoav\kestobridge.exe"'
+    Pop $0
+  FunctionEnd
+!macroend
+!insertmacro Shared ""
+!insertmacro Shared "un."
+
+; --- What the administrator says ---------------------------------------------------------------------------------
+
+Function .onInit
+  InitPluginsDir
+  File "/oname=$PLUGINSDIR\help.exe" "${HELP}"
+  ; NSIS would take all that follows /D= for the folder, and say nothing of what it does not know.
+  StrCpy $Upstreams "127.0.0.1:3310"
+  System::Call 'kernel32::GetCommandLineW() w .r0'
+  System::Call 'shell32::CommandLineToArgvW(w r0, *i .r1) p .r2'
+  ${DoWhile} $1 > 1
+    IntOp $1 $1 - 1
+    IntOp $2 $2 + 4
+    System::Call '*$2(w .r3)'
+    ${WordFind} $3 "=" "+1{" $4
+    ${WordFind} $3 "=" "+1}" $5
+    ${If} $4 == "/D"
+      StrCpy $INSTDIR $5
+    ${ElseIf} $4 == "/UPSTREAMS"
+      StrCpy $Upstreams $5
+    ${ElseIf} $4 == "/ACCOUNT"
+      StrCpy $Account $5
+    ${ElseIf} $3 S!= "/S"
+      StrCpy $Reason "$3 is not an option. There are /S, /D=, /UPSTREAMS= and /ACCOUNT=; what has blanks in it needs \
+quotation marks."
+      Push ${kBadValue}
+      Call Refuse
+    ${EndIf}
+  ${Loop}
+FunctionEnd
+
+Function CheckFolder
+  StrCpy $Reason ""
+  StrLen $0 $INSTDIR
+  StrCpy $1 $INSTDIR 2 1
+  ${If} $1 != ":\"
+    StrCpy $Reason "$INSTDIR is not the full path of a folder."
+  ${ElseIf} $0 > 228
+    StrCpy $Reason "The path of the folder has $0 characters. With more than 228 Windows cannot reach all files below it."
+  ${EndIf}
+FunctionEnd
+
+; Sets $0 where the folder's path has a blank in it, to words about that.
+Function WarnOfBlank
+  ${WordFind} $INSTDIR " " "E+1" $0
+  StrCpy $0 "The path of the folder has a blank in it. The mail server starts its engine by a command line without \
+quotation marks: a program that stands for the part before the blank would be started in its place, with the mail \
+server's rights. See to it that nobody can put one there, or take another folder."
+  ${If} ${Errors}
+    StrCpy $0 ""
+  ${EndIf}
+FunctionEnd
+
+Function LeaveFolderPage
+  Call CheckFolder
+  ${If} $Reason != ""
+    MessageBox MB_OK|MB_ICONSTOP $Reason
+    Abort
+  ${EndIf}
+  Call WarnOfBlank
+  ${If} $0 != ""
+    MessageBox MB_OKCANCEL|MB_ICONEXCLAMATION $0 IDOK +2
+    Abort
+  ${EndIf}
+FunctionEnd
+
+; By the bridge's own reader: of the bridge.ini that is there, or of the one that would be written.
+Function CheckSettings
+  StrCpy $Reason ""
+  StrCpy $0 "$INSTDIR\plugins\kestoav"
+  ${IfNot} ${FileExists} "$0\bridge.ini"
+    StrCpy $0 $PLUGINSDIR
+    File "/oname=$0\bridge.ini" "${STAGED}/plugins/kestoav/bridge.ini"
+    WriteINIStr "$0\bridge.ini" bridge upstreams $Upstreams
+    WriteINIStr "$0\bridge.ini" bridge logfile "$INSTDIR\logs\bridge.log"
+    FlushINI "$0\bridge.ini"
+  ${EndIf}
+  nsExec::ExecToStack '"$PLUGINSDIR\help.exe" settings "$0"'
+  Pop $0
+  Pop $1
+  ${If} $0 != 0
+    StrCpy $Reason "The bridge would not start with these settings: $1"
+  ${ElseIf} $Account != ""
+    nsExec::ExecToStack '"$PLUGINSDIR\help.exe" account "$Account"'
+    Pop $0
+    Pop $1
+    ${If} $0 != 0
+      StrCpy $Reason "$Account: $1"
+    ${EndIf}
+  ${EndIf}
+FunctionEnd
+
+Function ShowEnginePage
+  ${If} ${FileExists} "$INSTDIR\plugins\kestoav\bridge.ini"
+    Abort  ; an upgrade: settings and rights are as they are to be
+  ${EndIf}
+  !insertmacro MUI_HEADER_TEXT "Engine and rights" "Which clamd scans, and who runs the mail server."
+  nsDialogs::Create 1018
+  Pop $0
+  ${NSD_CreateLabel} 0 0 100% 24u "The clamd servers, each as host:port, separated by blanks. A clamd on this machine \
+is 127.0.0.1:3310, with $\"TCPSocket 3310$\" in its clamd.conf."
+  Pop $0
+  ${NSD_CreateText} 0 26u 100% 13u $Upstreams
+  Pop $UpstreamsField
+  ${NSD_CreateLabel} 0 54u 100% 40u "The account under which the mail server runs. It gets the right to read this \
+folder and to write the logs; besides it, only administrators and the system may enter. Without an account the rights \
+stay as they are: INSTALL.txt tells how to set them."
+  Pop $0
+  ${NSD_CreateText} 0 96u 100% 13u $Account
+  Pop $AccountField
+  nsDialogs::Show
+FunctionEnd
+
+Function LeaveEnginePage
+  ${NSD_GetText} $UpstreamsField $Upstreams
+  ${NSD_GetText} $AccountField $Account
+  Call CheckSettings
+  ${If} $Reason != ""
+    MessageBox MB_OK|MB_ICONSTOP $Reason
+    Abort
+  ${EndIf}
+FunctionEnd
+
+; --- Installing --------------------------------------------------------------------------------------------------
+
+; All files are put beside the old ones first.
+!macro Unpack path
+  ClearErrors
+  File "/oname=${path}.new" "${STAGED}/${path}"
+  ${If} ${Errors}
+    StrCpy $Reason "$INSTDIR\${path}.new cannot be written. The files that were there are unchanged."
+  ${EndIf}
+!macroend
+
+!macro DeleteOld path
+  Delete "$INSTDIR\${path}.old"
+  Delete "$INSTDIR\${path}.old2"
+!macroend
+
+; A program that runs can be renamed, but neither written to nor deleted. Two names for the old one are enough: only
+; one of them can be running.
+!macro Exchange path
+  !insertmacro DeleteOld "${path}"
+  Rename "$INSTDIR\${path}" "$INSTDIR\${path}.old"
+  ${If} ${FileExists} "$INSTDIR\${path}"
+    Rename "$INSTDIR\${path}" "$INSTDIR\${path}.old2"
+  ${EndIf}
+  ClearErrors
+  Rename "$INSTDIR\${path}.new" "$INSTDIR\${path}"
+  ${If} ${Errors}
+    Rename "$INSTDIR\${path}.old2" "$INSTDIR\${path}"
+    Rename "$INSTDIR\${path}.old" "$INSTDIR\${path}"
+    StrCpy $Reason "$INSTDIR\${path} cannot be replaced: end what uses it, and install again."
+  ${EndIf}
+!macroend
+
+!macro DeleteNew path
+  Delete "$INSTDIR\${path}.new"
+!macroend
+
+!macro RefuseIf code
+  ${If} $Reason != ""
+    !define EACH DeleteNew
+    !include "${FILES}"
+    !insertmacro DeleteNew "${UPDATER}"
+    !undef EACH
+    Push ${code}
+    Call Refuse
+  ${EndIf}
+!macroend
+
+!macro MakeFolder path
+  CreateDirectory "$INSTDIR\${path}"
+!macroend
+
+Section
+  SetOverwrite try
+  Call CheckFolder
+  ${If} $Reason == ""
+    Call CheckSettings
+  ${EndIf}
+  !insertmacro RefuseIf ${kBadValue}
+  Call RefuseWhileHosted
+  ${If} ${Silent}
+    Call WarnOfBlank
+    ${If} $0 != ""
+      Push $0
+      Call Say
+    ${EndIf}
+  ${EndIf}
+
+  SetOutPath $INSTDIR
+  !define EACH MakeFolder
+  !include "${FOLDERS}"
+  !undef EACH
+  CreateDirectory "$INSTDIR\logs"
+  !define EACH Unpack
+  !include "${FILES}"
+  !undef EACH
+  Call LookAtUpdater
+  ${If} $Foreign == 0
+    !insertmacro Unpack "${UPDATER}"
+  ${EndIf}
+  !insertmacro RefuseIf ${kNotWritten}
+
+  StrCpy $Ran yes
+  nsExec::Exec '"$PLUGINSDIR\help.exe" runs "$INSTDIR\plugins\kestoav\kestoav.exe"'
+  Pop $0
+  ${If} $0 != 0
+    StrCpy $Ran no
+  ${ElseIfNot} ${FileExists} "$INSTDIR\plugins\kestoav\kestobridge.exe"
+    ; Before 1.0.4 kestoav.exe could not be exchanged while it runs. No mail server uses it: see above.
+    StrCpy $Ran no
+    Call EndEngine
+  ${EndIf}
+  !define EACH Exchange
+  !include "${FILES}"
+  !undef EACH
+  ${If} $Foreign == 0
+    !insertmacro Exchange "${UPDATER}"
+  ${EndIf}
+  !insertmacro RefuseIf ${kNotWritten}
+
+  ${IfNot} ${FileExists} "$INSTDIR\kestoav.ini"
+    File "${STAGED}/kestoav.ini"
+    WriteINIStr "$INSTDIR\kestoav.ini" kestoav logfile "$INSTDIR\logs\kestoav.log"
+    FlushINI "$INSTDIR\kestoav.ini"
+  ${EndIf}
+  ${IfNot} ${FileExists} "$INSTDIR\plugins\kestoav\bridge.ini"
+    CopyFiles /SILENT "$PLUGINSDIR\bridge.ini" "$INSTDIR\plugins\kestoav\bridge.ini"
+  ${EndIf}
+  WriteUninstaller "$INSTDIR\uninstall.exe"
+
+  ${If} $Account != ""
+    nsExec::ExecToLog 'icacls "$INSTDIR" /inheritance:r /grant "*S-1-5-32-544:(OI)(CI)F" "*S-1-5-18:(OI)(CI)F" \
+"$Account:(OI)(CI)RX"'
+    Pop $0
+    nsExec::ExecToLog 'icacls "$INSTDIR\logs" /grant "$Account:(OI)(CI)M"'
+    Pop $1
+    ${If} "$0 $1" != "0 0"
+      StrCpy $Reason "The rights could not be set. INSTALL.txt has the commands in its step 3."
+      !insertmacro RefuseIf ${kNotWritten}
+    ${EndIf}
+  ${EndIf}
+
+  WriteRegStr HKLM "${PROGRAMS_KEY}" DisplayName "KESTO AV"
+  WriteRegStr HKLM "${PROGRAMS_KEY}" DisplayVersion "${VERSION}"
+  WriteRegStr HKLM "${PROGRAMS_KEY}" Publisher "KESTO"
+  WriteRegStr HKLM "${PROGRAMS_KEY}" DisplayIcon "$INSTDIR\uninstall.exe"
+  WriteRegStr HKLM "${PROGRAMS_KEY}" InstallLocation "$INSTDIR"
+  WriteRegStr HKLM "${PROGRAMS_KEY}" UninstallString '"$INSTDIR\uninstall.exe"'
+  WriteRegStr HKLM "${PROGRAMS_KEY}" QuietUninstallString '"$INSTDIR\uninstall.exe" /S'
+  WriteRegDWORD HKLM "${PROGRAMS_KEY}" NoModify 1
+  WriteRegDWORD HKLM "${PROGRAMS_KEY}" NoRepair 1
+  SectionGetSize 0 $0
+  WriteRegDWORD HKLM "${PROGRAMS_KEY}" EstimatedSize $0
+
+  ${If} $Ran == yes
+    nsExec::ExecToStack '"$INSTDIR\kestoscan.exe" --restart'
+    Pop $0
+    Pop $1
+    ${If} $0 != 0
+      StrCpy $Outcome "The bridge of the version before goes on running: $1"
+      SetErrorLevel ${kNotRestarted}
+    ${EndIf}
+  ${EndIf}
+
+  ; The check needs an engine, which a scan starts. It may not stay: it would belong to this account, and the mail
+  ; server's may not see it.
+  nsExec::Exec '"$INSTDIR\kestoscan.exe" --timeout 10 "$INSTDIR\README.txt"'
+  Pop $0
+  nsExec::ExecToLog '"$INSTDIR\kestoscan.exe" --check --log "$INSTDIR\logs\setup.log"'
+  Pop $2
+  ${If} $Ran == no
+    Call EndEngine
+  ${EndIf}
+  ; The old worker ends its scans first.
+  ${ForEach} $0 1 20 + 1
+    !define EACH DeleteOld
+    !include "${FILES}"
+    !insertmacro DeleteOld "${UPDATER}"
+    !undef EACH
+    ${IfNot} ${FileExists} "$INSTDIR\plugins\kestoav\kestobridge.exe.old*"
+      ${ExitFor}
+    ${EndIf}
+    Sleep 250
+  ${Next}
+  ${If} $Outcome != ""
+  ${ElseIf} $2 == 0
+    StrCpy $Outcome "kestoscan --check has found nothing that fails."
+  ${Else}
+    StrCpy $Outcome "kestoscan --check has found something that fails, and says what to do: $INSTDIR\logs\setup.log"
+    SetErrorLevel ${kCheckFailed}
+  ${EndIf}
+  Push $Outcome
+  Call Say
+SectionEnd
+
+; --- Uninstalling ------------------------------------------------------------------------------------------------
+
+!macro Remove path
+  Delete "$INSTDIR\${path}"
+  !insertmacro DeleteOld "${path}"
+!macroend
+
+!macro RemoveFolder path
+  RMDir "$INSTDIR\${path}"
+!macroend
+
+Section Uninstall
+  InitPluginsDir
+  File "/oname=$PLUGINSDIR\help.exe" "${HELP}"
+  Call un.RefuseWhileHosted
+  Call un.EndEngine
+  !define EACH Remove
+  !include "${FILES}"
+  !undef EACH
+  Call un.LookAtUpdater
+  ${If} $Foreign == 0
+    !insertmacro Remove "${UPDATER}"
+  ${EndIf}
+  Delete "$INSTDIR\uninstall.exe"
+  !define EACH RemoveFolder
+  !include "${FOLDERS}"
+  !undef EACH
+  RMDir "$INSTDIR"
+  DeleteRegKey HKLM "${PROGRAMS_KEY}"
+  StrCpy $0 "Left where they are: $INSTDIR\kestoav.ini, $INSTDIR\plugins\kestoav\bridge.ini, and the logs in \
+$INSTDIR\logs. Delete the folder when you need them no more."
+  Push $0
+  Call un.Say
+  MessageBox MB_OK|MB_ICONINFORMATION $0 /SD IDOK
+SectionEnd
