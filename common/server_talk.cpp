@@ -35,12 +35,12 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kConnectLimit(3000);        // for each address
-constexpr milliseconds kPlugInConnectLimit(1000);  // the plug-in's, for a name and all its addresses
+constexpr milliseconds kPlugInConnectLimit(1000);  // of the plug-in, for a name and all its addresses
 constexpr milliseconds kIdleLimit(kIdleLimitMs);
 constexpr milliseconds kWaitingInterval(250);
 constexpr size_t kMostReply = 1 << 20;
 constexpr size_t kMostSent = 64 << 10;  // at a time, so that progress shows
-constexpr size_t kQuotedOfReply = 60;   // bytes of one that did not end
+constexpr size_t kQuotedOfReply = 60;   // bytes of a reply that did not end
 
 using Addresses = std::vector<asio::ip::address>;
 
@@ -49,7 +49,7 @@ std::string Begun(const std::string& reply) {
            (reply.size() > kQuotedOfReply ? "...\"" : "\"");
 }
 
-// Within this machine a refusal is final, but Windows asks again for two seconds, if it is not told so.
+// Within this machine a refusal is final, but Windows tries again for two seconds unless it is told not to.
 void AskOnceOnLoopback(tcp::socket& socket, const asio::ip::address& address) {
     TCP_INITIAL_RTO_PARAMETERS once = {TCP_INITIAL_RTO_UNSPECIFIED_RTT,
                                        TCP_INITIAL_RTO_NO_SYN_RETRANSMISSIONS};
@@ -80,7 +80,7 @@ int LookUp(const std::string& host, Addresses& addresses) {
 
 }  // namespace
 
-// Outlived by no talk, but kept by lookups that may outlive all of this: nothing ends one that hangs.
+// Lives as long as any talk, and longer where a lookup hangs, which nothing can end.
 struct ServerTalks::Loop {
     explicit Loop(Deadline end) : deadline(end) {}
     const Deadline deadline;
@@ -107,7 +107,7 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
         } else if (answer_.connected) {
             const bool sent = co_await Send();
             const std::string send_failure = answer_.failure;
-            // A server that refuses a file for its size says so and breaks the connection.
+            // A server that refuses a file because of its size says so and breaks the connection.
             if (co_await Receive()) {
                 answer_.failure.clear();
             }
@@ -128,7 +128,7 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
         return false;
     }
 
-    // Until the next call, what is under way on the socket ends at this time.
+    // Until the next call, operations on the socket end at this time.
     void EndBy(Deadline time) {
         timer_.expires_at(std::min(loop_->deadline, time));
         timer_.async_wait([self = shared_from_this()](const asio::error_code& error) {
@@ -243,9 +243,9 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
     asio::steady_timer timer_;
     tcp::socket socket_;
     asio::error_code error_;  // of the last operation
-    bool late_ = false;       // the socket was closed for it
+    bool late_ = false;       // the time was over, and the socket was closed
     Deadline connect_by_;
-    std::pair<int, Addresses> lookup_{WSATRY_AGAIN, {}};  // what came of it
+    std::pair<int, Addresses> lookup_{WSATRY_AGAIN, {}};  // the result of the lookup
     ServerAnswer answer_;
 };
 
