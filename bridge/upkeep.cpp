@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <atomic>
 #include <exception>
+#include <memory>
 #include <new>
 #include <utility>
 
 #include "base/clamd_words.h"
+#include "common/detached_thread.h"
 #include "common/error_words.h"
 
 namespace kesto::bridge {
@@ -59,17 +61,14 @@ struct Upkeep::Lookup {
     int error = 0;
     std::atomic<bool> done = false;  // the above belongs to the thread until then
 
-    static DWORD WINAPI Run(void* shared) {
-        const std::unique_ptr<std::shared_ptr<Lookup>> keeper(static_cast<std::shared_ptr<Lookup>*>(shared));
-        Lookup& self = **keeper;
+    void Run() {
         try {
-            self.error = LookUpName(self.name, self.addresses);
+            error = LookUpName(name, addresses);
         } catch (const std::exception&) {
-            self.addresses.clear();
-            self.error = ERROR_NOT_ENOUGH_MEMORY;
+            addresses.clear();
+            error = ERROR_NOT_ENOUGH_MEMORY;
         }
-        self.done = true;
-        return 0;
+        done = true;
     }
 };
 
@@ -91,15 +90,10 @@ void Upkeep::LookUp(const ServerPtr& server, Time now) {
     const auto lookup = std::make_shared<Lookup>();
     lookup->server = server;
     lookup->name = server->name;
-    // Not by std::thread: its detaching and its start fail now and then, with this library, in short threads.
-    auto keeper = std::make_unique<std::shared_ptr<Lookup>>(lookup);
     std::list<std::shared_ptr<Lookup>> entry{lookup};
-    const HANDLE thread = CreateThread(nullptr, 0, Lookup::Run, keeper.get(), 0, nullptr);
-    if (thread == nullptr) {
+    if (!RunDetached([lookup] { lookup->Run(); })) {
         return;  // the next time, then
     }
-    CloseHandle(thread);
-    keeper.release();
     lookups_.splice(lookups_.end(), entry);
     server->lookup.running = true;
     server->lookup.at = now;

@@ -17,12 +17,12 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "base/byte_shift.h"
 #include "base/clamd_words.h"
+#include "common/detached_thread.h"
 #include "common/error_words.h"
 #include "common/text.h"
 
@@ -174,7 +174,7 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
         } else if (loop_->known.contains(host)) {
             addresses = loop_->known[host];
         } else {
-            std::thread([talk = weak_from_this(), loop = loop_, host] {
+            const bool runs = RunDetached([talk = weak_from_this(), loop = loop_, host] {
                 Addresses found;
                 const int failed = kesto::LookUp(host, found);
                 asio::post(loop->io, [talk, failed, found = std::move(found)] {
@@ -183,9 +183,13 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
                         waiting->timer_.cancel();
                     }
                 });
-            }).detach();
-            timer_.expires_at(std::min(loop_->deadline, connect_by_));
-            co_await timer_.async_wait(Into());
+            });
+            if (runs) {
+                timer_.expires_at(std::min(loop_->deadline, connect_by_));
+                co_await timer_.async_wait(Into());
+            } else {
+                lookup_.first = WSA_NOT_ENOUGH_MEMORY;
+            }
             error = lookup_.first;
             addresses = loop_->known[host] = lookup_.second;
         }
