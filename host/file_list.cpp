@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <iterator>
 #include <optional>
 #include <string_view>
 
@@ -16,7 +15,7 @@
 namespace kesto::host {
 namespace {
 
-constexpr wchar_t kExact[] = L"\\\\?\\";
+constexpr size_t kExactPrefix = 4;  // characters in front of the drive
 
 // With the separators of the system and none at its end, as patterns are compared.
 std::wstring Plain(std::wstring path) {
@@ -51,7 +50,7 @@ bool NamesDevice(const std::wstring& path) {
 
 class Lister {
  public:
-    explicit Lister(const ListOptions& options) : options_(options) {
+    Lister(const ListOptions& options, FileListing& listing) : options_(options), listing_(listing) {
         if (!options.quarantine.empty()) {
             quarantine_ = IdentityOf(ExactPath(options.quarantine));
         }
@@ -101,9 +100,9 @@ class Lister {
 
     void AddFailed(const std::wstring& path, DWORD code) { AddFailed(path, SystemErrorText(code), code); }
 
-    void AddSkipped(const std::wstring& path, const char* why) {
+    void AddUnread(const std::wstring& path, const char* why, bool skipped) {
         AddFailed(path, why, ERROR_DIRECTORY);
-        listing_.files.back().skipped = true;
+        listing_.files.back().skipped = skipped;
     }
 
     // Counts what is.
@@ -113,7 +112,7 @@ class Lister {
             const std::wstring pattern = Plain(each);
             const bool whole = pattern.find(L'\\') != std::wstring::npos;
             return whole ? MatchesPattern(Plain(path), pattern) ||
-                               MatchesPattern(exact.substr(std::size(kExact) - 1), pattern)
+                               MatchesPattern(exact.substr(kExactPrefix), pattern)
                          : MatchesPattern(name, pattern);
         });
         listing_.left_out += left_out ? 1 : 0;
@@ -122,8 +121,7 @@ class Lister {
 
     void AddFolder(const std::wstring& path, const std::wstring& exact, bool matched) {
         if (!options_.recursive) {
-            AddFailed(path, "Is a folder (--recursive scans it)", ERROR_DIRECTORY);
-            listing_.files.back().skipped = matched;
+            AddUnread(path, "Is a folder (--recursive scans it)", matched);
             return;
         }
         const bool ends = path.find_last_of(L"\\/:") == path.size() - 1;
@@ -175,17 +173,14 @@ class Lister {
             return;
         }
         if (options_.recursive && quarantine_ && SameFile(IdentityOf(exact), quarantine_)) {
-            AddSkipped(path, "Is the folder that found files are put into");
+            AddUnread(path, "Is the folder that found files are put into", true);
         } else {
             AddFolder(path, exact, matched);
         }
     }
 
- public:
-    FileListing listing_;
-
- private:
     const ListOptions& options_;
+    FileListing& listing_;
     std::optional<FileIdentity> quarantine_;
 };
 
@@ -193,14 +188,15 @@ class Lister {
 
 FileListing ListFiles(const std::vector<std::wstring>& arguments, const std::vector<std::wstring>& from_list,
                       const ListOptions& options) {
-    Lister lister(options);
+    FileListing listing;
+    Lister lister(options, listing);
     for (const std::wstring& path : arguments) {
         lister.AddArgument(path);
     }
     for (const std::wstring& path : from_list) {
         lister.AddNamed(path);
     }
-    return std::move(lister.listing_);
+    return listing;
 }
 
 Fault ReadPathList(const std::wstring& file, std::vector<std::wstring>& paths) {

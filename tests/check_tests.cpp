@@ -59,13 +59,6 @@ TEST_F(CheckTest, HealthyInstallationPassesEveryCheckAndIsLeftAsItIs) {
     Configure("logfile=" + log.string());
     const RunResult result = Check();
     EXPECT_EQ(result.status, 0u);
-    for (const std::string check :
-         {"library: ", "settings: ", "log: ", "engine program: ", "engine process: ", "updater: "}) {
-        EXPECT_THAT(result.out, HasSubstr("ok       " + check));
-    }
-    for (const char* check : {"connection: ", "zPING: ", "zVERSION: ", "clean sample: ", "EICAR: "}) {
-        EXPECT_THAT(result.out, HasSubstr("ok       server " + engine.Address() + " " + check));
-    }
     EXPECT_THAT(result.out, HasSubstr("\n11 ok, 0 warnings, 0 failed\n"));
     EXPECT_FALSE(std::filesystem::exists(log));
     EXPECT_EQ(installed.Starts(installed.engine), 1u);
@@ -172,6 +165,9 @@ TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     WriteFile(installed.engine_folder / "bridge.log", "old\r\ncannot start - new\r\n");
     says("; the last line of its log is \"cannot start - new\"");
     DeleteFileW((installed.engine_folder / "bridge.ini").c_str());
+    DeleteFileW((installed.engine_folder / "bridge.log").c_str());
+    Configure("autostart=0");
+    says("warning  engine process: kestoav.exe does not run: with autostart=0 the first scan starts it");
     installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
     says("warning  engine process: kestoav.exe runs from elsewhere");

@@ -19,6 +19,7 @@ namespace {
 constexpr unsigned kLeastIdle = 20;          // seconds for which the plug-in waits for a byte
 constexpr unsigned kMostUsefulWait = 120;    // seconds; a scan ends after little more, whatever comes then
 constexpr unsigned kMostSensibleKeep = 512;  // MB of the 2 GB that a 32-bit program has, with all else in it
+constexpr unsigned kDefaultDynamic = 49152;  // first of the ports for outgoing connections
 constexpr uint32_t kLogTail = 4096;          // bytes; holds the last line
 
 // The plug-in starts programs by an unquoted command line, in which the system tries each part up to a
@@ -76,8 +77,9 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
                          "port " + port +
                              " is one that Windows gives to outgoing connections: while the engine is down a "
                              "scan can be connected to itself",
-                         "netsh int ipv4 add excludedportrange protocol=tcp startport=" + port +
-                             " numberofports=1, or choose another port for listen= and servers=");
+                         settings.listen.port < kDefaultDynamic
+                             ? "run: netsh int ipv4 set dynamicport tcp start=49152 num=16384"
+                             : "choose a port below 49152 for listen= and servers=");
     }
     if (settings.idle < kLeastIdle) {
         findings.Warning(check,
