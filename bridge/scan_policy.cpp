@@ -14,6 +14,9 @@ constexpr auto kSilence = 10s;
 // The client gives up after 20 s without a byte, so it gets the verdicts' common beginning one by one.
 constexpr auto kTrickle = 15s;
 
+// For the probe that tells whether an error is the server's fault.
+constexpr auto kProbePatience = 5s;
+
 // A client that has closed its side may only have finished sending, or have left: the answer to these bytes
 // tells, where no reply comes soon.
 constexpr auto kTrickleToFinished = 3s;
@@ -228,7 +231,7 @@ ServerPtr ScanPolicy::Seek(Time now) {
         return nullptr;
     }
     waits_since_ = waits_since_.value_or(now);
-    if (!ServerIsLeft() && !ProbeWillTell()) {
+    if (!ServerIsLeft() && !(ProbeWillTell() && now < *waits_since_ + kProbePatience)) {
         const bool last_word = last_reply_ && !fleet_.down_since;
         const bool sick = AllSick(fleet_, *waits_since_);
         if (last_word || sick || now >= fleet_.down_since.value_or(now) + limits_.wait) {

@@ -1,16 +1,18 @@
 #include "bridge/upkeep.h"
 
 #include <winsock2.h>
+#include <windows.h>
 #include <ws2tcpip.h>
 
 #include <algorithm>
 #include <atomic>
 #include <exception>
+#include <memory>
 #include <new>
-#include <thread>
 #include <utility>
 
 #include "base/clamd_words.h"
+#include "common/detached_thread.h"
 #include "common/error_words.h"
 
 namespace kesto::bridge {
@@ -59,7 +61,7 @@ struct Upkeep::Lookup {
     int error = 0;
     std::atomic<bool> done = false;  // the above belongs to the thread until then
 
-    void Run() noexcept {
+    void Run() {
         try {
             error = LookUpName(name, addresses);
         } catch (const std::exception&) {
@@ -88,13 +90,11 @@ void Upkeep::LookUp(const ServerPtr& server, Time now) {
     const auto lookup = std::make_shared<Lookup>();
     lookup->server = server;
     lookup->name = server->name;
-    lookups_.push_back(lookup);
-    try {
-        std::thread([lookup] { lookup->Run(); }).detach();
-    } catch (const std::exception&) {
-        lookups_.pop_back();
-        throw;
+    std::list<std::shared_ptr<Lookup>> entry{lookup};
+    if (!RunDetached([lookup] { lookup->Run(); })) {
+        return;  // the next time, then
     }
+    lookups_.splice(lookups_.end(), entry);
     server->lookup.running = true;
     server->lookup.at = now;
 }

@@ -1,4 +1,4 @@
-// bridge.ini as it lies beside the program, and where the bridge's log is.
+// The bridge.ini beside the program, and the path of the bridge's log.
 #pragma once
 
 #include <string>
@@ -8,25 +8,25 @@
 
 namespace kesto {
 
-// How the line of its log begins that says why it ends at once.
+// The beginning of the line of its log that tells why it ends at once.
 inline constexpr char kCannotStart[] = "cannot start - ";
 
 struct BridgeIni {
     BridgeSettings settings;
-    std::vector<std::string> problems;          // in the bridge's words; not empty: it does not start
-    std::vector<std::string> updater_problems;  // the updater does nothing
-    bool readable = true;                       // otherwise that is the problem; another program may have it open
-    std::wstring log_path;                      // also with problems
-    bool log_only_if_present;                   // no path is set: the file is used if it exists
+    std::vector<std::string> problems;          // in words; with any of these the bridge does not start
+    std::vector<std::string> updater_problems;  // with any of these the updater does nothing
+    bool readable = true;      // false: that is the problem; another program may have it open
+    std::wstring log_path;     // valid even with problems
+    bool log_only_if_present;  // no path is set: the file is used if it exists
 };
 
-// A missing file means that every setting has its default.
+// Without the file every setting has its default.
 BridgeIni ReadBridgeIni(const std::wstring& program_folder);
 
-// The log that is used where no path is set, or where that one cannot be written.
+// The log that is used when no path is set, or when that one cannot be written.
 std::wstring DefaultBridgeLog(const std::wstring& program_folder);
 
-// When bridge.ini was written last, and its size: differs where the file has changed. All 0 without a file.
+// When bridge.ini was last written, and its size; they differ after a change. All 0 without a file.
 struct FileStamp {
     uint64_t written = 0;
     uint64_t size = 0;
@@ -34,10 +34,10 @@ struct FileStamp {
 };
 FileStamp BridgeIniStamp(const std::wstring& program_folder);
 
-// The log of the updater, beside the bridge's. It is always written.
+// The log of the updater, beside the bridge's log. It is always written.
 std::wstring UpdateLogPath(const BridgeIni& ini);
 
-// Addresses of this machine, for ReadBridgeSettings.
+// The addresses of this machine, for ReadBridgeSettings.
 std::vector<ServerAddress> OwnAddresses();
 
 }  // namespace kesto

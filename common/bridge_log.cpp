@@ -21,8 +21,8 @@ namespace {
 std::wstring g_path;  // empty: off
 LogLimit g_limit;
 
-// Null with the system's error code where it cannot be opened. Guard and bridges write into one file: what
-// may only append to it is put behind all that the others have written, a line at a time.
+// Null, with the system's error code set, when it cannot be opened. Guard and bridges write to one file: a
+// handle that may only append puts each line after everything that others have written.
 FILE* OpenLog(const std::wstring& path) {
     const HANDLE file = CreateFileW(path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,

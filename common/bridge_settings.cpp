@@ -100,7 +100,7 @@ class Reader {
         BridgeSettings& settings = read_.settings;
         const std::string text = key + "=" + std::string(value.substr(0, 100));
         if (name == "[updater] command") {
-            // Quotation marks belong to a command line.
+            // Quotation marks are part of a command line.
             settings.command = TrimmedIni(line.text.substr(line.text.find('=') + 1));
         } else if (name == "listen") {
             const auto address = ParseServerAddress(value);
@@ -118,7 +118,7 @@ class Reader {
             }
             settings.decrypt = value != "0";
         } else if (name == "logfile") {
-            // Blanks and semicolons may be part of a name, but hardly one behind the other.
+            // A name may have blanks and semicolons in it, but hardly a blank before a semicolon.
             if (value.find(" ;") != std::string_view::npos || value.find("\t;") != std::string_view::npos) {
                 Problem(text + " holds a comment; put it on a line of its own");
             }
@@ -172,7 +172,7 @@ class Reader {
         }
     }
 
-    // Scans would go round in circles.
+    // The bridge would pass its scans to itself for ever.
     void RefuseRings() {
         const BridgeSettings& settings = read_.settings;
         line_ = upstreams_line_;
@@ -188,7 +188,7 @@ class Reader {
     std::vector<std::string> seen_;  // settings and sections
     size_t line_ = 0;
     size_t upstreams_line_ = 0;
-    bool in_section_ = false;  // of whatever name: what stands in a wrong one is read all the same
+    bool in_section_ = false;  // of any name: settings in a wrong section are read all the same
     bool in_updater_ = false;
 };
 

@@ -1,5 +1,5 @@
-// What bridge.ini says, for the bridge and for the updater. Every key may be missing; a file that says
-// something the bridge cannot follow to the letter is refused, because a guess could let mail through
+// What bridge.ini says, for the bridge and for the updater. Every key may be missing; a file with
+// anything that the bridge cannot follow exactly is refused, because a guess could let mail through
 // unscanned.
 #pragma once
 
@@ -29,16 +29,17 @@ struct BridgeSettings {
 };
 
 struct BridgeSettingsRead {
-    BridgeSettings settings;            // without problems: what is in effect
-    std::vector<std::string> problems;  // in the bridge's words; not empty: it does not start
-    // Those of the section [updater]: they keep the updater from its work, but no mail from being scanned.
+    BridgeSettings settings;            // in effect if there are no problems
+    std::vector<std::string> problems;  // in words; with any of these the bridge does not start
+    // Problems of the section [updater]. With any of these the updater does nothing; mail is scanned all the
+    // same.
     std::vector<std::string> updater_problems;
 };
 
-// "listen=127.0.0.1:3313 upstreams=... decrypt=1 ...": what is in effect, but for the log.
+// "listen=127.0.0.1:3313 upstreams=... decrypt=1 ...": what is in effect, without the log.
 std::string SettingsText(const BridgeSettings& settings);
 
-// Whether a server is what the bridge itself listens on: scans would go round in circles. `own` are the
+// Whether a server is the bridge itself, which would pass its scans to itself for ever. `own` are the
 // addresses of this machine (ParseHost).
 bool IsBridgeItself(const ServerAddress& server, const BridgeSettings& settings,
                     const std::vector<ServerAddress>& own);

@@ -17,12 +17,12 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "base/byte_shift.h"
 #include "base/clamd_words.h"
+#include "common/detached_thread.h"
 #include "common/error_words.h"
 #include "common/text.h"
 
@@ -35,12 +35,12 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kConnectLimit(3000);        // for each address
-constexpr milliseconds kPlugInConnectLimit(1000);  // the plug-in's, for a name and all its addresses
+constexpr milliseconds kPlugInConnectLimit(1000);  // of the plug-in, for a name and all its addresses
 constexpr milliseconds kIdleLimit(kIdleLimitMs);
 constexpr milliseconds kWaitingInterval(250);
 constexpr size_t kMostReply = 1 << 20;
 constexpr size_t kMostSent = 64 << 10;  // at a time, so that progress shows
-constexpr size_t kQuotedOfReply = 60;   // bytes of one that did not end
+constexpr size_t kQuotedOfReply = 60;   // bytes of a reply that did not end
 
 using Addresses = std::vector<asio::ip::address>;
 
@@ -49,7 +49,7 @@ std::string Begun(const std::string& reply) {
            (reply.size() > kQuotedOfReply ? "...\"" : "\"");
 }
 
-// Within this machine a refusal is final, but Windows asks again for two seconds, if it is not told so.
+// Within this machine a refusal is final, but Windows tries again for two seconds unless it is told not to.
 void AskOnceOnLoopback(tcp::socket& socket, const asio::ip::address& address) {
     TCP_INITIAL_RTO_PARAMETERS once = {TCP_INITIAL_RTO_UNSPECIFIED_RTT,
                                        TCP_INITIAL_RTO_NO_SYN_RETRANSMISSIONS};
@@ -80,7 +80,7 @@ int LookUp(const std::string& host, Addresses& addresses) {
 
 }  // namespace
 
-// Outlived by no talk, but kept by lookups that may outlive all of this: nothing ends one that hangs.
+// Lives as long as any talk, and longer where a lookup hangs, which nothing can end.
 struct ServerTalks::Loop {
     explicit Loop(Deadline end) : deadline(end) {}
     const Deadline deadline;
@@ -107,7 +107,7 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
         } else if (answer_.connected) {
             const bool sent = co_await Send();
             const std::string send_failure = answer_.failure;
-            // A server that refuses a file for its size says so and breaks the connection.
+            // A server that refuses a file because of its size says so and breaks the connection.
             if (co_await Receive()) {
                 answer_.failure.clear();
             }
@@ -128,7 +128,7 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
         return false;
     }
 
-    // Until the next call, what is under way on the socket ends at this time.
+    // Until the next call, operations on the socket end at this time.
     void EndBy(Deadline time) {
         timer_.expires_at(std::min(loop_->deadline, time));
         timer_.async_wait([self = shared_from_this()](const asio::error_code& error) {
@@ -174,7 +174,7 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
         } else if (loop_->known.contains(host)) {
             addresses = loop_->known[host];
         } else {
-            std::thread([talk = weak_from_this(), loop = loop_, host] {
+            const bool runs = RunDetached([talk = weak_from_this(), loop = loop_, host] {
                 Addresses found;
                 const int failed = kesto::LookUp(host, found);
                 asio::post(loop->io, [talk, failed, found = std::move(found)] {
@@ -183,9 +183,13 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
                         waiting->timer_.cancel();
                     }
                 });
-            }).detach();
-            timer_.expires_at(std::min(loop_->deadline, connect_by_));
-            co_await timer_.async_wait(Into());
+            });
+            if (runs) {
+                timer_.expires_at(std::min(loop_->deadline, connect_by_));
+                co_await timer_.async_wait(Into());
+            } else {
+                lookup_.first = WSA_NOT_ENOUGH_MEMORY;
+            }
             error = lookup_.first;
             addresses = loop_->known[host] = lookup_.second;
         }
@@ -243,9 +247,9 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
     asio::steady_timer timer_;
     tcp::socket socket_;
     asio::error_code error_;  // of the last operation
-    bool late_ = false;       // the socket was closed for it
+    bool late_ = false;       // the time was over, and the socket was closed
     Deadline connect_by_;
-    std::pair<int, Addresses> lookup_{WSATRY_AGAIN, {}};  // what came of it
+    std::pair<int, Addresses> lookup_{WSATRY_AGAIN, {}};  // the result of the lookup
     ServerAnswer answer_;
 };
 

@@ -20,16 +20,16 @@ struct Endpoint {
 
 struct ServerAnswer {
     std::optional<std::string> reply{};  // whole, without its NUL
-    std::string failure{};               // where there is none: why, one line (UTF-8)
-    bool name_failed = false;            // that is why
+    std::string failure{};               // why there is no reply: one line in UTF-8
+    bool name_failed = false;            // the name could not be looked up
     bool connected = false;
     double seconds = 0;  // from the start of connecting to the end
 };
 
 struct Question {
     Endpoint server;
-    std::string bytes{};          // what is sent; empty: the reply to a connection is empty at once
-    std::string_view patience{};  // what comes of it is not a reply yet: the bridge sends it while it waits
+    std::string bytes{};          // what is sent; empty: only connects, and the reply is empty
+    std::string_view patience{};  // its beginning is not a reply yet: the bridge sends it while it waits
     bool as_the_plug_in = false;  // connects to IPv4 addresses only, and within a second
 };
 
@@ -37,8 +37,8 @@ struct Question {
 // the plug-in, the talk takes a reply that comes before all of them are sent.
 Question ScanQuestion(const Endpoint& server, std::string_view bytes, bool shifted);
 
-// Talks with any number of servers at a time, in one thread. Each ends by the deadline, and when nothing came
-// for as long as the plug-in waits.
+// Talks with any number of servers at a time, in one thread. Each talk ends by the deadline, and earlier when
+// nothing came for as long as the plug-in would wait.
 class ServerTalks {
  public:
     explicit ServerTalks(Deadline deadline);
@@ -60,10 +60,10 @@ class ServerTalks {
 // One question.
 ServerAnswer AnswerTo(Question question, Deadline deadline);
 
-// Connects and says nothing; the reply is then empty.
+// Connects and sends nothing; the reply is then empty.
 ServerAnswer ConnectToServer(const Endpoint& server, Deadline deadline);
 
-// Sends a command, which holds its NUL.
+// Sends a command, which includes its NUL.
 ServerAnswer AskServer(const Endpoint& server, std::string_view command, Deadline deadline);
 
 ServerAnswer ScanAtServer(const Endpoint& server, std::string_view bytes, bool shifted, Deadline deadline);

@@ -1,4 +1,4 @@
-// Which signatures an engine has, by its reply to the version command.
+// Which signatures an engine has, according to its reply to the version command.
 #pragma once
 
 #include <chrono>
@@ -12,10 +12,10 @@ struct Signatures {
     std::chrono::sys_seconds written;  // the engine's time zone is taken for UTC
 };
 
-// Of a reply "ENGINE/27000/Fri Nov 20 09:12:31 2026"; nothing for any other form.
+// Reads a reply "ENGINE/27000/Fri Nov 20 09:12:31 2026"; returns nothing for any other form.
 std::optional<Signatures> ReadSignatures(std::string_view version_reply);
 
-// Whole days between the two dates; negative for signatures of a day to come.
+// Whole days between the two dates; negative for signatures from the future.
 int AgeInDays(const Signatures& signatures, std::chrono::system_clock::time_point now);
 
 }  // namespace kesto

@@ -3,9 +3,9 @@
 #include <windows.h>
 
 #include <mutex>
-#include <thread>
 #include <utility>
 
+#include "common/detached_thread.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
 
@@ -22,10 +22,10 @@ void End(int status) {
 }
 
 BOOL WINAPI OnControlEvent(DWORD) {
-    std::thread([] {
+    RunDetached([] {
         Sleep(kOutputMs);
         End(kExitError);
-    }).detach();
+    });
     OutputLock().lock();
     ClearProgress();
     End(g_last_words ? g_last_words() : kExitError);

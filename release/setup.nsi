@@ -1,11 +1,12 @@
 ; The set-up program and the uninstaller in it. scripts/package defines
 ;   VERSION  of the release
-;   STAGED   the folder of all files, laid out as they lie on the mail server
+;   STAGED   the folder of all files, laid out as on the mail server
 ;   FILES    a list of them: !insertmacro ${EACH} "PATH" for every file but the two .ini files and the updater
 ;   FOLDERS  the same for the folders
 ;   HELP     setup_help.exe
 ;   RESULT   the set-up program to write
-; and SIGN, a command that signs a program, where one is to. Exit codes: INSTALL.txt, "The set-up program".
+; and, if programs are to be signed, SIGN, the command for that. INSTALL.txt lists the exit codes under "The set-up
+; program".
 
 Unicode true
 SetCompressor /SOLID lzma
@@ -76,7 +77,7 @@ prompt of an administrator:$\r$\n$\r$\n$\"$INSTDIR\kestoscan.exe$\" --check"
 ; --- What set-up and uninstaller share ---------------------------------------------------------------------------
 
 !macro Shared un
-  ; Tells TEXT, from the stack: in a silent run whoever started it, else the page.
+  ; Prints the text on the stack: to standard output in a silent run, otherwise on the page.
   Function ${un}Say
     Exch $0
     Push $1
@@ -104,13 +105,13 @@ prompt of an administrator:$\r$\n$\r$\n$\"$INSTDIR\kestoscan.exe$\" --check"
     Quit
   FunctionEnd
 
-  ; Windows lets nobody write to a library that is loaded.
+  ; Nobody can write to a library that is loaded.
   Function ${un}RefuseWhileHosted
     ${If} ${FileExists} "$INSTDIR\CLAMDLL.dll"
       ClearErrors
       FileOpen $0 "$INSTDIR\CLAMDLL.dll" a
       ${If} ${Errors}
-        StrCpy $Reason "$INSTDIR\CLAMDLL.dll is in use: stop the mail server, and kestoscan where it runs, and try \
+        StrCpy $Reason "$INSTDIR\CLAMDLL.dll is in use: stop the mail server, and kestoscan if it runs, and try \
 again. Nothing was changed."
         Push ${kInUse}
         Call ${un}Refuse
@@ -127,7 +128,7 @@ again. Nothing was changed."
     ${EndIf}
   FunctionEnd
 
-  ; Ends the engine of this folder: first what would start the worker anew.
+  ; Ends the engine of this folder: first the guard, which would start the worker again.
   Function ${un}EndEngine
     nsExec::Exec '"$PLUGINSDIR\help.exe" end "$INSTDIR\plugins\kestoav\kestoav.exe"'
     Pop $0
@@ -143,7 +144,7 @@ again. Nothing was changed."
 Function .onInit
   InitPluginsDir
   File "/oname=$PLUGINSDIR\help.exe" "${HELP}"
-  ; NSIS would take all that follows /D= for the folder, and say nothing of what it does not know.
+  ; NSIS would take everything after /D= for the folder, and ignore options that it does not know.
   StrCpy $Upstreams "127.0.0.1:3310"
   System::Call 'kernel32::GetCommandLineW() w .r0'
   System::Call 'shell32::CommandLineToArgvW(w r0, *i .r1) p .r2'
@@ -160,8 +161,8 @@ Function .onInit
     ${ElseIf} $4 == "/ACCOUNT"
       StrCpy $Account $5
     ${ElseIf} $3 S!= "/S"
-      StrCpy $Reason "$3 is not an option. There are /S, /D=, /UPSTREAMS= and /ACCOUNT=; what has blanks in it needs \
-quotation marks."
+      StrCpy $Reason "$3 is not an option. The options are /S, /D=, /UPSTREAMS= and /ACCOUNT=; one with blanks in it \
+needs quotation marks."
       Push ${kBadValue}
       Call Refuse
     ${EndIf}
@@ -179,12 +180,12 @@ Function CheckFolder
   ${EndIf}
 FunctionEnd
 
-; Sets $0 where the folder's path has a blank in it, to words about that.
+; Sets $0 to a warning when the folder's path has a blank in it.
 Function WarnOfBlank
   ${WordFind} $INSTDIR " " "E+1" $0
-  StrCpy $0 "The path of the folder has a blank in it. The mail server starts its engine by a command line without \
-quotation marks: a program that stands for the part before the blank would be started in its place, with the mail \
-server's rights. See to it that nobody can put one there, or take another folder."
+  StrCpy $0 "The path of the folder has a blank in it. The mail server starts its engine with a command line without \
+quotation marks: a program whose path is the part before the blank would be started instead, with the mail server's \
+rights. Make sure that nobody can put one there, or choose another folder."
   ${If} ${Errors}
     StrCpy $0 ""
   ${EndIf}
@@ -203,7 +204,7 @@ Function LeaveFolderPage
   ${EndIf}
 FunctionEnd
 
-; By the bridge's own reader: of the bridge.ini that is there, or of the one that would be written.
+; Lets the bridge's own reader check the bridge.ini that is there, or the one that would be written.
 Function CheckSettings
   StrCpy $Reason ""
   StrCpy $0 "$INSTDIR\plugins\kestoav"
@@ -231,7 +232,7 @@ FunctionEnd
 
 Function ShowEnginePage
   ${If} ${FileExists} "$INSTDIR\plugins\kestoav\bridge.ini"
-    Abort  ; an upgrade: settings and rights are as they are to be
+    Abort  ; an upgrade keeps settings and rights
   ${EndIf}
   !insertmacro MUI_HEADER_TEXT "Engine and rights" "Which clamd scans, and who runs the mail server."
   nsDialogs::Create 1018
@@ -242,8 +243,8 @@ is 127.0.0.1:3310, with $\"TCPSocket 3310$\" in its clamd.conf."
   ${NSD_CreateText} 0 26u 100% 13u $Upstreams
   Pop $UpstreamsField
   ${NSD_CreateLabel} 0 54u 100% 40u "The account under which the mail server runs. It gets the right to read this \
-folder and to write the logs; besides it, only administrators and the system may enter. Without an account the rights \
-stay as they are: INSTALL.txt tells how to set them."
+folder and to write the logs; apart from it, only administrators and the system have access. Without an account the \
+rights stay as they are: INSTALL.txt explains how to set them."
   Pop $0
   ${NSD_CreateText} 0 96u 100% 13u $Account
   Pop $AccountField
@@ -262,7 +263,7 @@ FunctionEnd
 
 ; --- Installing --------------------------------------------------------------------------------------------------
 
-; All files are put beside the old ones first.
+; First, all files are put beside the old ones.
 !macro Unpack path
   ClearErrors
   File "/oname=${path}.new" "${STAGED}/${path}"
@@ -276,7 +277,7 @@ FunctionEnd
   Delete "$INSTDIR\${path}.old2"
 !macroend
 
-; A program that runs can be renamed, but neither written to nor deleted. Two names for the old one are enough: only
+; A running program can be renamed, but neither overwritten nor deleted. Two names for old ones are enough, since only
 ; one of them can be running.
 !macro Exchange path
   !insertmacro DeleteOld "${path}"

@@ -1,5 +1,5 @@
-// What the set-up program asks of Windows and of the bridge's own reader. It runs this program from a
-// temporary folder and takes the exit code for the answer: 0 yes, 1 no, with the reason on standard output.
+// Questions of the set-up program to Windows and to the bridge's own reader. It runs this program from a
+// temporary folder. The exit code is the answer: 0 is yes, 1 is no, with the reason on standard output.
 #include <windows.h>
 
 #include <cstdio>
@@ -12,7 +12,7 @@
 namespace kesto::setup {
 namespace {
 
-// Every process of exactly this program file, also where an upgrade has renamed it since.
+// Every process of exactly this program file, even if an upgrade has renamed it since.
 std::vector<uint32_t> ProcessesOf(const std::wstring& file) {
     std::vector<uint32_t> ids;
     const auto same = [&](const std::wstring& path) {
@@ -61,7 +61,7 @@ bool EndAll(const std::wstring& file) {
     return ended;
 }
 
-// Whether a program is one of KESTO AV, by its version resource.
+// Whether a program belongs to KESTO AV, according to its version resource.
 bool IsOurs(const std::wstring& file) {
     DWORD ignored;
     std::vector<BYTE> resource(GetFileVersionInfoSizeW(file.c_str(), &ignored));

@@ -332,7 +332,7 @@ TEST_F(HostTest, TheUpdaterRunsItsCommandOrLooksAtTheSignatures) {
         int error;         // 0: updated
         const char* told;  // by the updater's log
     } cases[] = {
-        {asked(""), 0, ": signatures of 0 days before"},
+        {asked(""), 0, ": signatures from 0 days ago"},
         {asked(silent.Address()), 0, " does not answer: "},
         {asked(old.Address()), 1, "1 of 2 clamds have no signatures younger than signatures=1 days"},
         {"[bridge]\nupstreams=" + silent.Address(), 1, "no clamd answers"},

@@ -93,10 +93,9 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
 TEST_F(ScanTest, CutsTheFileNameToEachField) {
     ScriptedEngine engine(Replying("stream: V FOUND"));
     installed.CreateLog();
-    Start("autostart=0");
+    Start(Servers(engine.Port()) + "autostart=0");
     EXPECT_EQ(Scan(""), "clean");  // needs no engine
     EXPECT_TRUE(system.calls.empty());
-    Start(Servers(engine.Port()));
     for (const std::string& name : {std::string(300, 'n'), std::string(256, 'n'), std::string(255, 'n'),
                                     std::string(100, 'n'), std::string("100%s%n%d.eml"), std::string()}) {
         EXPECT_EQ(Scan("x", name), name.substr(0, 255) + ": V");

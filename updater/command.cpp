@@ -15,7 +15,8 @@ namespace {
 constexpr DWORD kPollMs = 50;
 constexpr unsigned kMostLines = 200;  // of one command
 
-// The lines of what a program writes. One that it writes over, as a progress bar, is told as it was at last.
+// The lines that a program writes. Of a line that it overwrites, such as a progress bar, the last state
+// counts.
 class OutputLines {
  public:
     void Take(const char* bytes, size_t count) {
@@ -92,7 +93,7 @@ uint32_t RunCommand(const std::string& command, const std::wstring& folder, unsi
     }
     SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
     startup.hStdError = startup.hStdOutput;
-    // What the command starts ends with it, too, when its time is over.
+    // Programs that the command has started end with it when its time is over.
     HANDLE job = CreateJobObjectW(nullptr, nullptr);
     PROCESS_INFORMATION started;
     if (!CreateProcessW(nullptr, WideFromAnsi(command).data(), nullptr, nullptr, TRUE,
@@ -112,7 +113,7 @@ uint32_t RunCommand(const std::string& command, const std::wstring& folder, unsi
     lines.End();
     if (!ended) {
         TerminateJobObject(job, ERROR_TIMEOUT);
-        TerminateProcess(started.hProcess, ERROR_TIMEOUT);  // where it could not be put into the job
+        TerminateProcess(started.hProcess, ERROR_TIMEOUT);  // in case it could not be put into the job
         LogUpdate("the command was ended: it took more than timeout=" + std::to_string(seconds) + " seconds");
         return ERROR_TIMEOUT;
     }

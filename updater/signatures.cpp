@@ -33,7 +33,7 @@ uint32_t LookAtSignatures(const BridgeSettings& settings) {
         const int age = signatures ? AgeInDays(*signatures, now) : 0;
         young += signatures && age < static_cast<int>(settings.signatures) ? 1 : 0;
         LogUpdate(name + ": " + *answer.reply + ": " +
-                  (signatures ? "signatures of " + std::to_string(age) + " days before"
+                  (signatures ? "signatures from " + std::to_string(age) + " days ago"
                               : "signatures of unknown age"));
     }
     if (answers == 0) {
@@ -42,7 +42,7 @@ uint32_t LookAtSignatures(const BridgeSettings& settings) {
         LogUpdate(
             std::to_string(answers - young) + " of " + std::to_string(answers) +
             " clamds have no signatures younger than signatures=" + std::to_string(settings.signatures) +
-            " days: see their own updater (freshclam), or have one run by command=");
+            " days: check their own updater (freshclam), or name one in command=");
     }
     return answers != 0 && young == answers ? 0 : 1;
 }

@@ -1,4 +1,4 @@
-// How old the signatures of the clamds are, which update themselves.
+// How old the signatures of the clamds are, where these update themselves.
 #pragma once
 
 #include <cstdint>
@@ -7,8 +7,8 @@
 
 namespace kesto::updater {
 
-// Asks every upstream. 0: at least one answers, and all that answer have young ones; else 1. The log has the
-// reason.
+// Asks every upstream. Returns 0 when at least one answers and all that answer have recent signatures;
+// otherwise 1, with the reason in the log.
 uint32_t LookAtSignatures(const BridgeSettings& settings);
 
 }  // namespace kesto::updater
