@@ -11,7 +11,8 @@ endforeach()
 
 add_library(asio INTERFACE)
 target_include_directories(asio SYSTEM INTERFACE ${linked_headers})
-target_compile_definitions(asio INTERFACE ASIO_STANDALONE)
+# The last two are what Asio finds for itself with GCC, but not with the clang of the linter.
+target_compile_definitions(asio INTERFACE ASIO_STANDALONE ASIO_HAS_CO_AWAIT ASIO_HAS_STD_COROUTINE)
 target_link_libraries(asio INTERFACE ws2_32 mswsock)
 
 add_library(cli11 INTERFACE)

@@ -6,9 +6,9 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <utility>
 
+#include "common/detached_thread.h"
 #include "common/file_bytes.h"
 #include "common/text.h"
 #include "host/common/exit_status.h"
@@ -128,12 +128,15 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         auto lane = std::make_shared<Lane>();
         lanes_.push_back(lane);
         ++threads_;
-        std::thread([run = shared_from_this(), lane] {
+        const bool began = RunDetached([run = shared_from_this(), lane] {
             Guard guard(OutputLock());
             run->Work(guard, *lane);
             --run->threads_;
             run->changed_.notify_all();
-        }).detach();
+        });
+        if (!began && --threads_ == 0) {
+            stop_words_ = "the system has no thread for a scan\n";
+        }
     }
 
     // Returns whether there was a scan among them.
