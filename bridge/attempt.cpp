@@ -19,11 +19,11 @@ using namespace std::chrono_literals;
 
 constexpr auto kConnectLimit = 3s;  // to one address
 
-// After a failed send, for the reply that may have come before.
+// How long to wait after a failed send for a reply that may have come before.
 constexpr auto kLastWords = 3s;
 
-// A machine that was reset, or a firewall that has forgotten the connection, says so only when asked.
-constexpr tcp_keepalive kKeepAlive = {1, 10'000, 1'000};  // on, after 10 s of silence, then every second
+// A machine that was reset, or a firewall that has forgotten the connection, tells so only when it is asked.
+constexpr tcp_keepalive kKeepAlive = {1, 10'000, 1'000};  // on; asks after 10 s of silence, then every second
 
 // An engine's replies are one short line; a longer one is not a reply.
 constexpr size_t kLongestReply = 8 << 10;
@@ -56,8 +56,8 @@ void KeepAlive(tcp::socket& socket) {
              nullptr);
 }
 
-// A server that replies early and closes resets the connection right behind its reply. The wait for data
-// then ends with the reset, while the reply may still be there to be read.
+// A server that replies early and closes resets the connection right after its reply. The wait for data then
+// ends with the reset, while the reply may still be there to be read.
 size_t LastBytes(tcp::socket& socket, asio::mutable_buffer bytes) {
     asio::error_code error;
     socket.non_blocking(true, error);
@@ -91,7 +91,7 @@ class SocketAttempt : public Attempt, public Owner, public std::enable_shared_fr
     enum class State {
         kConnecting,
         kTalking,
-        kReplyWaitsForSend,  // the reply is true only if the send under way took all that it was given
+        kReplyWaitsForSend,  // the reply counts only if the send under way takes all its data
         kOver,
     };
 
@@ -112,8 +112,8 @@ class SocketAttempt : public Attempt, public Owner, public std::enable_shared_fr
     std::string reply_;
     uint64_t sent_ = 0;
     uint64_t sending_ = 0;           // bytes of the send under way
-    bool no_delay_ = false;          // asked for with the second send, which many scans do not have
-    Time step_until_ = Time::max();  // of the connect or send under way
+    bool no_delay_ = false;          // turned on with the second send, which many scans do not need
+    Time step_until_ = Time::max();  // time limit of the connect or send under way
     Time reply_until_;
 };
 
@@ -181,7 +181,7 @@ void SocketAttempt::TakeReply(std::string_view bytes, const asio::error_code& er
         return;
     }
     AttemptEnd end = EndOfReply(std::move(reply_));
-    // Clean is only what the server has got to its end. Of the last part it is not yet known.
+    // A file is clean only if the server has received all of it, which is not yet known of the last part.
     if (end.kind != AttemptEnd::Kind::kClean || HandedOver()) {
         End(std::move(end));
     } else if (request_->Ended() && sent_ + sending_ == request_->Size()) {
@@ -218,7 +218,7 @@ Task SocketAttempt::Send(std::shared_ptr<SocketAttempt> self) {
             co_return;
         }
         if (error && self->state_ == State::kTalking) {
-            // The reading learns why, and may yet find a reply.
+            // Reading will tell why, and may still find a reply.
             self->reply_until_ = std::min(self->reply_until_, Clock::now() + kLastWords);
             co_return;
         }
@@ -269,7 +269,7 @@ void SocketAttempt::Close() noexcept {
     if (std::exchange(state_, State::kOver) != State::kOver) {
         asio::error_code ignored;
         if (sending_ != 0) {
-            socket_.cancel(ignored);  // Wine does not end a send for the close alone
+            socket_.cancel(ignored);  // under Wine, closing alone does not end a send
         }
         socket_.close(ignored);
     }

@@ -1,4 +1,4 @@
-// An attempt over a socket: a request goes out while it comes in, one reply comes back.
+// An attempt over a socket: sends a request while it is still coming in, and reads one reply.
 #pragma once
 
 #include <asio/io_context.hpp>

@@ -15,12 +15,12 @@ namespace {
 using asio::ip::tcp;
 using namespace std::chrono_literals;
 
-// After the reply the client has this long to close first, so that what it still had under way does not
-// turn our close into a reset that takes the reply with it.
+// After the reply the client has this long to close first. If we closed while it is still sending, the close
+// would become a reset, and the reply would be lost.
 constexpr auto kLingering = 2s;
 
-// While others wait for a place a client is to keep to this rate, which is far below what a plug-in sends
-// at. It is given the first for its command; and what it sends pays for as much as the second ahead.
+// While others wait for a place, a client must keep to this rate, which is far below that of a plug-in. It
+// has the first time for its command; what it sends pays in advance for at most the second.
 constexpr auto kPatience = 1s;
 constexpr auto kMostPaid = 5s;
 constexpr size_t kLeastBytesASecond = 1000;
@@ -64,7 +64,8 @@ std::span<uint8_t> Client::Space(std::shared_ptr<KeptStream>& keeper) {
 
 Task Client::Read(std::shared_ptr<Client> self) {
     while (self->phase_ != Phase::kClosed) {
-        std::shared_ptr<KeptStream> keeper;  // the bytes come into its memory, even if the exchange drops it
+        std::shared_ptr<KeptStream>
+            keeper;  // keeps the memory that is read into, even if the exchange drops it
         const auto space = self->Space(keeper);
         if (space.empty()) {
             co_await self->space_;
@@ -166,7 +167,7 @@ void Client::Send(std::string_view text) {
 }
 
 void Client::Reply(std::string_view text) {
-    const std::string line = std::string(text) + '\0';  // the text may be the exchange's
+    const std::string line = std::string(text) + '\0';  // the text may belong to the exchange
     phase_ = Phase::kLingering;
     place_.reset();
     if (exchange_) {
@@ -233,7 +234,7 @@ void Client::Close() noexcept {
     }
     asio::error_code ignored;
     if (writing_) {
-        socket_.cancel(ignored);  // Wine does not end a send for the close alone
+        socket_.cancel(ignored);  // under Wine, closing alone does not end a send
     }
     socket_.close(ignored);
     space_.Open();

@@ -14,15 +14,17 @@ namespace kesto::bridge {
 
 class Client : public Asker, public std::enable_shared_from_this<Client> {
  public:
-    // Serves it to its end. Whatever goes wrong ends this connection only; no reply is ever made up.
+    // Serves the client to its end. Whatever goes wrong ends this connection only; no reply is ever made up.
     static void Serve(Bridge& bridge, asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer);
     Client(Bridge& bridge, asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer);
 
-    // Each of these may end it, and none may be called from within another, or for another client's sake.
+    // Each of these may end the client. None may be called from within another one, or on behalf of another
+    // client.
     void Tick(Time now);     // to be called every now and then
-    void Advance(Time now);  // there is news for one that waits
-    void Stop();             // the bridge is to end: who has asked nothing yet goes at once
-    bool MakeWay(Time now);  // others wait for its place; true: it was too slow to keep them waiting
+    void Advance(Time now);  // there is news for a client that waits
+    void Stop();             // the bridge ends: a client that has asked nothing yet is closed at once
+    bool MakeWay(
+        Time now);  // closes it if it is too slow while others wait for its place; returns whether it did
 
     void BeginQueued();  // there is a place for its scan
 
@@ -39,10 +41,10 @@ class Client : public Asker, public std::enable_shared_from_this<Client> {
 
  private:
     enum class Phase {
-        kOpening,    // its command is to come
-        kQueued,     // that was a scan, for which there is no place yet
+        kOpening,    // its command has not come yet
+        kQueued,     // it has asked for a scan, for which there is no place yet
         kBusy,       // the exchange goes on
-        kLingering,  // its reply is on the way, and the connection is to end
+        kLingering,  // its reply is on the way; the connection ends afterwards
         kClosed,
     };
 
@@ -60,18 +62,18 @@ class Client : public Asker, public std::enable_shared_from_this<Client> {
     asio::ip::tcp::socket socket_;
     asio::ip::tcp::endpoint peer_;
     Phase phase_ = Phase::kOpening;
-    std::shared_ptr<KeptStream> opening_;  // what is there of its command
+    std::shared_ptr<KeptStream> opening_;  // what has come of its command
     size_t opened_ = 0;                    // bytes of it
     std::shared_ptr<const char> place_;    // while it scans
     std::unique_ptr<Exchange> exchange_;   // from kBusy on
     Time heard_;                           // when bytes came from it last
-    Time paid_until_;                      // so long its bytes entitle it to its place
+    Time paid_until_;                      // until when its bytes entitle it to its place
     Gate space_;                           // opened when there may be space again
-    std::array<char, 64> scrap_;           // what comes behind the request
+    std::array<char, 64> scrap_;           // whatever comes after the request
     std::string outbox_;
     bool writing_ = false;
     bool finished_ = false;           // its side of the connection is closed
-    Time write_until_ = Time::max();  // of the send under way, then of the lingering
+    Time write_until_ = Time::max();  // time limit of the send under way, then of the lingering
 };
 
 }  // namespace kesto::bridge

@@ -1,5 +1,5 @@
-// What a client asked for, while it is answered; and what such an exchange needs of the connections at both
-// sides of it. Knows no sockets.
+// An exchange: a client's request and the way to its answer, and what that needs of the connections on both
+// sides. Knows no sockets.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 
 namespace kesto::bridge {
 
-// What throws ends its owner, and nothing else.
+// The owner of what may throw. An exception ends it, and nothing else.
 class Owner {
  public:
     virtual void Failed() noexcept = 0;  // called while the exception is handled
@@ -42,7 +42,7 @@ class Asker : public Owner {
     virtual void Reply(std::string_view text) = 0;
     virtual void NoReply(const std::string& reason) = 0;
     virtual void Refuse(const char* kind, const std::string& reason) = 0;
-    virtual void SpaceIsFree() = 0;  // Space was empty, and may be so no more
+    virtual void SpaceIsFree() = 0;  // Space was empty, but may have room again
     virtual std::string Name() const = 0;
     virtual std::shared_ptr<Owner> Self() = 0;
 
@@ -56,12 +56,12 @@ class Attempt {
     virtual ~Attempt() = default;
     virtual void More() = 0;            // the request has grown or ended
     virtual void Tick(Time now) = 0;    // to be called every now and then
-    virtual void Cancel() = 0;          // closes it, and nothing is called any more
+    virtual void Cancel() = 0;          // closes it; after that it calls nothing
     virtual uint64_t Sent() const = 0;  // bytes
 };
 using AttemptPtr = std::shared_ptr<Attempt>;
 
-// What an attempt calls, and on whose behalf; nothing from within its beginning, Cancel or More.
+// What an attempt calls, but never while it begins or from within Cancel or More.
 struct AttemptEvents {
     std::shared_ptr<Owner> owner;
     std::function<void(bool handed_over)> progressed;  // some bytes, or the last ones, were taken
@@ -74,8 +74,8 @@ struct Shared {
     Fleet fleet;
     KeepRoom room;
     Metrics metrics;
-    bool news = false;  // scans that wait may have found a server
-    // Sends the request from its beginning; without a reply at this time it is silent.
+    bool news = false;  // waiting scans may find a server now
+    // Sends the request from its beginning. If no reply has come at this time, the server is silent.
     std::function<AttemptPtr(const ServerPtr& server, const std::shared_ptr<KeptStream>& request,
                              AttemptEvents events, Time reply_until)>
         begin_attempt;
@@ -87,20 +87,20 @@ class Exchange {
 
     // More of the request is to come.
     virtual bool Hears() const { return false; }
-    // Where the next bytes of it are to be put, and what keeps that memory. Empty: none is free.
+    // The memory for its next bytes, and its owner. Empty: none is free.
     virtual std::span<uint8_t> Space(std::shared_ptr<KeptStream>& /*keeper*/) { return {}; }
-    // They are there.
+    // The bytes have been put there.
     virtual void Take(uint8_t* /*bytes*/, size_t /*size*/, Time /*now*/) {}
-    // The client has closed its side of the connection, behind the request.
+    // The client has closed its side of the connection after the request.
     virtual void FinishedSending(Time /*now*/) {}
 
-    // Does what is to be done now: to be called when it waits and there is news. Tick comes every now and
-    // then. Neither is to be called from within what the exchange itself calls.
+    // Does what has become possible: to be called when it waits and there is news. Tick is to be called now
+    // and then. Neither may be called from within a call of the exchange itself.
     virtual void Advance(Time now) = 0;
     virtual void Tick(Time now) = 0;
-    // It waits for any server.
+    // Whether it waits until any server is up.
     virtual bool Waits() const { return false; }
-    // The client has its reply, or has gone: lets go of everything.
+    // The client has its reply or has left: releases everything.
     virtual void Stop() = 0;
 };
 

@@ -1,5 +1,5 @@
-// What a client sends to an engine: one command, and for a scan the chunk stream behind it. Knows no
-// sockets: it is handed bytes as they come, cut anywhere.
+// What a client sends to an engine: one command and, for a scan, the chunk stream after it. Knows no sockets:
+// it is given bytes as they come, cut anywhere.
 #pragma once
 
 #include <cstddef>
@@ -18,10 +18,10 @@ struct CommandFound {
     size_t size;  // bytes of the command with its NUL; 0 when incomplete or unknown
 };
 
-// Looks for one whole command at the start of the bytes. Unknown as soon as they cannot become one.
+// Looks for one whole command at the start of the bytes. It is unknown as soon as they cannot become one.
 CommandFound FindCommand(const uint8_t* bytes, size_t size);
 
-// Where in the chunk stream the bytes seen so far end. A fresh one stands before the first length.
+// The position in the chunk stream after the bytes so far. A new one is before the first length.
 struct ChunkStream {
     uint32_t length = 0;  // of the current chunk, as far as its four bytes are known
     unsigned length_bytes = 0;
@@ -32,7 +32,7 @@ struct ChunkStream {
 enum class StreamState {
     kGoesOn,
     kEnded,    // the zero length was seen
-    kInvalid,  // a length is above kMaxChunkSize; nothing may be passed on
+    kInvalid,  // a length is above kMaxChunkSize, and nothing may be passed on
 };
 
 // Follows the stream through the next bytes and, with unshift, adds one to every data byte in place

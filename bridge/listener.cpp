@@ -43,7 +43,7 @@ void Listener::Accept() {
             FD_SET(shared_, &waiting);
             select(0, &waiting, nullptr, nullptr, &limit);
         } else if (error != WSAECONNRESET) {
-            // A client that was gone before it was let in is no reason to keep the next one waiting.
+            // A client that left before it was let in must not keep the next one waiting.
             LogFailure(error);
             std::this_thread::sleep_for(kPauseAfterFailure);
         }
@@ -64,7 +64,7 @@ void Listener::HandOver(SOCKET client, const tcp::endpoint& peer, Doorway doorwa
                    [this, arrival = Arrival{std::move(socket), peer, std::move(doorway)}]() mutable {
                        arrival_.emplace(std::move(arrival));
                    });
-    } catch (const std::exception&) {  // out of memory: it is hung up on
+    } catch (const std::exception&) {  // out of memory: the connection is closed
         std::this_thread::sleep_for(kPauseAfterFailure);
     }
 }
@@ -79,7 +79,7 @@ void Listener::LogFailure(int error) {
     }
 }
 
-// More than may have a scan under way: a question finds its place beside them.
+// More clients than may have a scan under way, so that questions can be asked beside them.
 void Listener::LetIn() {
     if (!arrival_ || (bridge_.clients.size() >= size_t{2} * bridge_.settings.clients && !bridge_.stopping)) {
         return;

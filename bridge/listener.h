@@ -13,21 +13,21 @@
 
 namespace kesto::bridge {
 
-// Accepts in a thread of its own: the listening socket is shared with the guard and with other workers, and a
-// completion port keeps a socket to itself for ever. It must not block.
+// Accepts in a thread of its own, since the listening socket is shared with the guard and other workers, and
+// a completion port never gives a socket back. The socket must not block.
 class Listener {
  public:
     Listener(Bridge& bridge, SOCKET shared);
 
-    // Lets no further client in; those that others of this socket can take wait for them.
+    // Lets no further client in. New clients wait for others that share this socket.
     void Stop() { stopping_ = true; }
 
-    // Lets the one in that has arrived, when there is room; to be called when a handler has ended.
+    // Lets in the client that has arrived, if there is room; to be called when a handler has ended.
     void LetIn();
     bool HasArrival() const { return arrival_.has_value(); }
 
  private:
-    // Held by the one client at a time that is to be let in; the next is not accepted before.
+    // Held by the one client that is being let in; the next one is not accepted before.
     struct LeaveDoor {
         using pointer = HANDLE;
         void operator()(HANDLE door) const { SetEvent(door); }

@@ -1,4 +1,4 @@
-// kestobridge.exe: stands between the plug-in and one or more clamd servers. Started by kestoav.exe.
+// kestobridge.exe: the bridge between the plug-in and one or more clamd servers. kestoav.exe starts it.
 #include <winsock2.h>
 #include <windows.h>
 
@@ -26,7 +26,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// One timer serves every time limit: limits of a session that moved with each byte would cost system calls.
+// One timer serves all time limits: a timer that is set anew with each byte would cost system calls.
 constexpr auto kTick = 250ms;
 constexpr unsigned kTicksASign = 4;  // of life
 
@@ -52,7 +52,7 @@ class Leaving {
     Time since_ = Time::max() - kLastArrivals;
 };
 
-// For want of memory only what it came from may fail: time goes on for all else.
+// Running out of memory must fail only the operation concerned; the timer goes on.
 template <typename Work>
 void Guarded(Work work) {
     try {
@@ -62,7 +62,7 @@ void Guarded(Work work) {
     }
 }
 
-// Runs until the bridge is stopped; takes no memory of its own. `alive` tells the guard that time goes on.
+// Runs until the bridge is stopped and takes no memory of its own. `alive` shows the guard that it works.
 void RunLoop(Bridge& bridge, Listener& listener, Reload& reload, const Leaving& leaving, HANDLE alive) {
     Upkeep upkeep(bridge);
     Time next = Clock::now();
@@ -100,7 +100,7 @@ SOCKET OpenListener(WorkerOrders& orders, ServerAddress& where) {
     return shared;
 }
 
-// Reads what the guard writes, to the end of the guard.
+// Reads what the guard writes, until the guard ends.
 bool ReadOrders(void* orders, DWORD size) {
     HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
     DWORD read = 0;
@@ -114,7 +114,7 @@ int Run() {
         std::fputs("kestobridge.exe is started by kestoav.exe of the same version.\n", stderr);
         return 2;
     }
-    // None of these is ever destroyed: a lookup or the guard may still come while the process ends.
+    // None of these is ever destroyed, since a lookup or the guard may still use them while the process ends.
     Bridge& bridge = *new Bridge;
     Leaving& leaving = *new Leaving;
     const std::wstring folder = ProgramFolder();

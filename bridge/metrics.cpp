@@ -9,7 +9,7 @@ namespace {
 
 class Text {
  public:
-    Text() { out_.precision(12); }  // sums grow, and shall still show what a short scan adds
+    Text() { out_.precision(12); }  // so that even large sums show what a short scan adds
 
     // Values of this name follow.
     void Name(std::string_view name, std::string_view type, std::string_view help) {
@@ -95,7 +95,7 @@ std::string MetricsText(const Metrics& metrics, const Gauges& gauges, const Flee
             [](const Server& s) { return s.numbers.failures; });
     of_each("upstream_seconds_total", "counter", "Time that its replies took.",
             [](const Server& s) { return s.numbers.seconds; });
-    // Left out where they are not known.
+    // They are left out when unknown.
     const auto of_signatures = [&](std::string_view name, std::string_view help, auto value) {
         text.Name(name, "gauge", help);
         for (const ServerPtr& server : fleet.servers) {

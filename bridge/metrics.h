@@ -1,5 +1,4 @@
-// Counters since the start, and the text in which they are told: the Prometheus exposition format. Nothing
-// is decided by them.
+// Counters since the start, and their text in the Prometheus exposition format. Nothing is decided by them.
 #pragma once
 
 #include <array>
@@ -18,17 +17,17 @@ struct Metrics {
     unsigned worker_starts = 0;               // by the guard, this one included
     std::array<uint64_t, kOutcomes> scans{};  // that have ended, by their outcome
     std::array<uint64_t, kSecondsBounds.size() + 1>
-        seconds{};  // how many scans took up to each bound, or longer
+        seconds{};  // how many scans took up to each limit, or longer
     double seconds_sum = 0;
     uint64_t bytes = 0;    // file data received
-    uint64_t repeats = 0;  // attempts at a scan behind its first one
-    uint64_t refused = 0;  // connections ended for what the client sent or did not send
+    uint64_t repeats = 0;  // attempts at a scan after its first one
+    uint64_t refused = 0;  // connections ended because of what the client sent or did not send
 };
 
 // A scan has ended this long after its command.
 void CountScan(Metrics& metrics, Outcome outcome, double seconds);
 
-// What is so now.
+// The present state.
 struct Gauges {
     size_t clients;
     size_t clients_limit;

@@ -7,11 +7,11 @@
 namespace kesto::bridge {
 namespace {
 
-constexpr std::chrono::seconds kLimit(5);  // one server's reply, and the look-up of all names
+constexpr std::chrono::seconds kLimit(5);  // for the reply of one server, and for looking up all names
 
 }  // namespace
 
-// Nothing of the client's is at stake, so every server may be asked in turn, those that are down last.
+// No data of the client can be lost, so every server may be asked in turn, those that are down last.
 Query::Query(Shared& shared, Asker& asker, std::shared_ptr<KeptStream> request, Time now)
     : shared_(shared),
       asker_(asker),

@@ -1,4 +1,4 @@
-// A client's question to any server, as for its version.
+// A client's question to any server, such as for its version.
 #pragma once
 
 #include <memory>

@@ -16,7 +16,8 @@ constexpr auto kBetweenLooks = 2s;
 std::vector<std::string> Problems(const BridgeIni& ini, const Bridge& bridge) {
     std::vector<std::string> problems = ini.problems;
     for (const ServerAddress& server : ini.settings.upstreams) {
-        // The address that it has until it is started anew may stand there for another server already.
+        // The address that it keeps until it is started again may already be listed as that of another
+        // server.
         if (problems.empty() && IsBridgeItself(server, bridge.settings, bridge.own)) {
             problems.push_back("upstream " + AddressText(server) +
                                " is the bridge itself until it is restarted");
@@ -40,7 +41,7 @@ void Reload::Tick(Bridge& bridge, Time now) {
     }
     BridgeIni ini = ReadBridgeIni(folder_);
     if (!ini.readable && stamp == std::exchange(unreadable_, stamp)) {
-        return;  // it is told already, and looked at again
+        return;  // this has been logged, and the file will be looked at again
     }
     taken_up_ = !ini.readable ? taken_up_ : stamp;
     if (const auto problems = Problems(ini, bridge); !problems.empty()) {

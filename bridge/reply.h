@@ -1,5 +1,4 @@
-// How an exchange with an engine ended: the one place where its reply is read, and what of it a client may be
-// shown.
+// How an exchange with an engine ended. Only here is its reply read, and decided what of it a client may see.
 #pragma once
 
 #include <string>
@@ -14,7 +13,7 @@ struct AttemptEnd {
         kTooLarge,   // for this server
         kNoVerdict,  // any other reply
         kUnreached,  // text, here and below: the reason
-        kBroken,     // lost, or not to be believed
+        kBroken,     // the connection broke, or the reply cannot be true
         kSilent,     // took or gave nothing for too long
     };
     Kind kind;
@@ -26,8 +25,9 @@ struct AttemptEnd {
 
 AttemptEnd EndOfReply(std::string reply);
 
-// The reply as it is passed on: only verdicts keep their beginning. Anything else that has it, as an engine's
-// "stream: ... ERROR", is put behind other words, so that the plug-in logs it as an unexpected reply.
+// The reply as it is passed on. Only verdicts keep their beginning: any other reply that has it, such as an
+// engine's "stream: ... ERROR", gets other words in front, so that the plug-in logs it as an unexpected
+// reply.
 std::string ReplyForClient(const AttemptEnd& reply);
 
 }  // namespace kesto::bridge

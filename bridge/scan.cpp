@@ -5,7 +5,7 @@
 namespace kesto::bridge {
 namespace {
 
-// A server is taken for a scan when so much of it is there, or all of it.
+// A scan is given to a server once this much of it, or all of it, has arrived.
 constexpr uint64_t kEnough = 64u << 10;
 
 }  // namespace
@@ -53,7 +53,7 @@ void Scan::FinishedSending(Time now) {
 
 void Scan::Tick(Time now) {
     ForEachAttempt([now](Attempt& attempt) { attempt.Tick(now); });
-    // There may be memory again, or the server has taken some.
+    // There may be memory again, or the server may have taken data.
     asker_.SpaceIsFree();
     Advance(now);
 }
@@ -62,7 +62,7 @@ void Scan::Advance(Time now) {
     while (policy_) {
         const ScanStep step = policy_->Next(now);
         if (policy_->Decided() && stream_->Size() != 0) {
-            // Nobody needs it any more, nor what is still to come.
+            // Nobody needs it any more, or what is still to come.
             CancelAttempts();
             stream_ = std::make_shared<KeptStream>(shared_.room);
             asker_.SpaceIsFree();
@@ -121,8 +121,9 @@ void Scan::AttemptEnded(size_t number, const ServerPtr& server, const AttemptEnd
     Advance(now);
 }
 
-// A window lets go of what a server has got. From then on no other server can take over. It has one attempt
-// at a time: a second one comes only when the stream has ended, and from then on nothing is let go.
+// A window releases what its server has received. From then on no other server can take over. It has one
+// attempt at a time: a second one begins only when the stream has ended, and then nothing is released any
+// more.
 void Scan::FreeWindow() {
     if (!stream_->IsWindow() || stream_->Ended()) {
         return;
@@ -138,7 +139,7 @@ void Scan::FreeWindow() {
     }
 }
 
-// The list may change meanwhile.
+// The list may change during the loop.
 template <typename Work>
 void Scan::ForEachAttempt(Work work) {
     for (size_t i = 0; i < attempts_.size(); ++i) {

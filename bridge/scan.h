@@ -1,4 +1,4 @@
-// One scan: what is kept of its stream, its attempts, and the doing of what its policy says.
+// One scan: what is kept of its stream, its attempts, and the execution of what its policy decides.
 #pragma once
 
 #include <memory>

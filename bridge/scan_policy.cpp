@@ -8,26 +8,27 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A server that has had the whole stream for this long takes long: another may be asked beside it.
+// A server that has had the whole stream for this long is late: another one may be asked as well.
 constexpr auto kSilence = 10s;
 
-// The client gives up after 20 s without a byte, so it gets the verdicts' common beginning one by one.
+// The client gives up after 20 s without a byte, so it gets the common beginning of all verdicts byte by
+// byte.
 constexpr auto kTrickle = 15s;
 
 // For the probe that tells whether an error is the server's fault.
 constexpr auto kProbePatience = 5s;
 
-// A client that has closed its side may only have finished sending, or have left: the answer to these bytes
-// tells, where no reply comes soon.
+// A client that has closed its side may have finished sending, or may have left. If no reply comes soon, what
+// happens to these bytes tells.
 constexpr auto kTrickleToFinished = 3s;
 constexpr size_t kTricklesToFinished = 2;
 
-// A file that ends its engine must not end the fleet; nor must one that something between us and the servers
-// dislikes. A server that has replied has not ended.
+// A file that ends its engine must not end the fleet. Nor must a file that some device between us and the
+// servers blocks. A server that has replied has not ended.
 constexpr unsigned kMostWholeAttempts = 3;
 constexpr unsigned kMostAttempts = 5;
 
-// It runs with a server that is down, or at an address of it that is used no more.
+// Its server is down, or it goes to an address that is no longer used.
 bool IsForsaken(const Server& server, Time began) {
     return !server.health.up || began < server.lookup.moved;
 }
@@ -153,7 +154,7 @@ bool ScanPolicy::IsSilent(const Attempt& attempt, Time now) const {
            now >= std::max(attempt.progressed, attempt.server->health.worked) + kSilence;
 }
 
-// It has the scan, or has replied to it and would say the same again.
+// It has the scan, or has replied to it and would reply the same again.
 bool ScanPolicy::HasAsked(const Server& server) const {
     return std::any_of(attempts_.begin(), attempts_.end(), [&server](const Attempt& attempt) {
         return attempt.server.get() == &server && attempt.state != Attempt::State::kLost &&
@@ -161,7 +162,7 @@ bool ScanPolicy::HasAsked(const Server& server) const {
     });
 }
 
-// First one that this scan has not tried, then one that broke off.
+// First a server that this scan has not tried, then one whose connection broke.
 ServerPtr ScanPolicy::NextServer() const {
     return Choose(fleet_, [this](const Server& server) -> std::optional<unsigned> {
         const auto tries = std::count_if(attempts_.begin(), attempts_.end(), [&](const Attempt& attempt) {
@@ -171,7 +172,7 @@ ServerPtr ScanPolicy::NextServer() const {
     });
 }
 
-// One that is up and may yet be asked, though it has its hands full.
+// A server that is up and may still be asked, although it is busy.
 bool ScanPolicy::ServerIsLeft() const {
     return std::any_of(fleet_.servers.begin(), fleet_.servers.end(),
                        [this](const ServerPtr& server) { return IsUp(*server) && !HasAsked(*server); });
@@ -185,8 +186,8 @@ bool ScanPolicy::ProbeWillTell() const {
     });
 }
 
-// With nobody at it, or with only such as take long: then beside them, if those are forsaken or few scans
-// have got that lately.
+// True when no attempt runs, or when all that run are late and either they are forsaken or few scans had a
+// second server lately.
 bool ScanPolicy::MayBegin(Time now) {
     unsigned whole = 0, sent = 0;
     bool all_late = true, all_forsaken = true;
@@ -204,7 +205,7 @@ bool ScanPolicy::MayBegin(Time now) {
     return !Runs() || (all_late && (all_forsaken || asked_beside_ || MayAskBeside(fleet_, now)));
 }
 
-// The server that is to have the scan now, if any. May find that there is no use in seeking.
+// The server that gets the scan now, if any. May find that seeking is useless.
 ServerPtr ScanPolicy::Seek(Time now) {
     for (const Attempt& attempt : attempts_) {
         if (attempt.state == Attempt::State::kRunning && IsSilent(attempt, now)) {

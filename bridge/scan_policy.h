@@ -1,5 +1,5 @@
-// What is to be done for one scan: which server gets it next, when a second one beside the first, what the
-// client is told and when nothing. Knows neither sockets nor clocks: it is told what happened, and when.
+// Decides what is done for one scan: which server gets it next, when a second one gets it as well, and what
+// the client is told. Knows neither sockets nor clocks: it is told what happened, and when.
 #pragma once
 
 #include <optional>
@@ -23,14 +23,14 @@ inline constexpr size_t kOutcomes = 5;
 
 struct ScanStep {
     enum class Kind {
-        kNothing,  // until something happens; ask again every now and then
+        kNothing,  // wait until something happens; ask again now and then
         kAttempt,  // begin this attempt with this server, and ask again
         kTrickle,  // send the client the text
         kReply,    // send the client the text and a NUL: the end
         kNoReply,  // close without a reply, the text tells why: the end
     };
     Kind kind = Kind::kNothing;
-    size_t attempt = 0;  // its number, by which it is spoken of later
+    size_t attempt = 0;  // its number, by which later calls name it
     ServerPtr server;
     std::string text;
     Outcome outcome{};  // of the end
@@ -41,34 +41,34 @@ class ScanPolicy {
     ScanPolicy(Fleet& fleet, ScanLimits limits) : fleet_(fleet), limits_(limits) {}
     ScanPolicy(const ScanPolicy&) = delete;
     ScanPolicy& operator=(const ScanPolicy&) = delete;
-    ~ScanPolicy();  // attempts that still run are called off
+    ~ScanPolicy();  // attempts that still run are cancelled
 
     // Of the client.
     void EnoughCame();               // for a server to be taken
     void StreamEnded(Time now);      // all of it came
-    void FinishedSending(Time now);  // its side of the connection is closed: it may have left altogether
+    void FinishedSending(Time now);  // its side of the connection is closed; it may also have left
 
-    // Part of the stream is gone that an attempt has sent: no other can begin any more.
+    // A part of the stream that an attempt has sent is gone: no other attempt can begin.
     void NotRepeatable() { repeatable_ = false; }
 
     // Of an attempt.
-    void Progressed(size_t attempt, bool handed_over, Time now);  // it took data, or the rest of them
+    void Progressed(size_t attempt, bool handed_over, Time now);  // it took data, or the last of it
     void Ended(size_t attempt, const AttemptEnd& end, Time now);
 
     ScanStep Next(Time now);
 
-    // No more of the stream is needed, though a reply is not told before its end.
+    // No more of the stream is needed, although the reply is not sent before its end.
     bool Decided() const { return stage_ >= Stage::kDecided; }
     bool StreamHasEnded() const { return ended_.has_value(); }
-    // No server has the scan, and there is none to take it.
+    // No server has the scan, and none can take it.
     bool Waits() const { return stage_ == Stage::kSeeking && waits_since_; }
 
  private:
     enum class Stage {
-        kFilling,  // too little of the stream came for a server to be taken
-        kSeeking,  // a verdict is sought
-        kDecided,  // the end is known
-        kTold,     // and was told
+        kFilling,  // too little of the stream has come to choose a server
+        kSeeking,  // it seeks a verdict
+        kDecided,  // the outcome is known
+        kTold,     // the client has been told
     };
     struct Attempt {
         enum class State { kRunning, kTooLarge, kErred, kLost };

@@ -1,6 +1,6 @@
-// Coroutines over Asio's operations that take no detour: a task runs at once up to its first wait, and goes
-// on in the very call that ends the wait. Asio's own kind posts each start and each wake to its queue, which
-// is several system calls a scan.
+// Coroutines over Asio's operations without detours: a task runs at once up to its first wait, and goes on
+// within the call that ends the wait. Asio's own coroutines post each start and each wake-up to a queue,
+// which costs several system calls for each scan.
 #pragma once
 
 #include <asio/buffer.hpp>
@@ -14,8 +14,8 @@
 
 namespace kesto::bridge {
 
-// Nobody waits for it; its memory goes when it ends. It belongs to its only parameter, the shared pointer
-// that keeps the owner alive meanwhile: what it throws ends the owner and nothing else.
+// Nobody waits for a task, and its memory is freed when it ends. It belongs to its only parameter, the shared
+// pointer that keeps the owner alive: an exception ends the owner and nothing else.
 struct Task {
     struct promise_type {
         template <typename Anyone>
@@ -37,8 +37,8 @@ struct IoResult {
     size_t size = 0;
 };
 
-// Begins an operation when it is waited for; `start` is handed the handler. It must have a name: the compiler
-// destroys a temporary one twice.
+// Begins an operation when it is waited for; `start` is given the handler. The object must have a name: the
+// compiler destroys a temporary one twice.
 template <typename Start>
 class Operation {
  public:
@@ -70,7 +70,7 @@ auto WriteSome(Socket& socket, const Buffers& buffers) {
         [&socket, buffers](auto handler) { socket.async_write_some(buffers, std::move(handler)); });
 }
 
-// One task waits here until somebody opens the gate, and runs on within that call up to its next wait.
+// A task waits here until the gate is opened, and then goes on within that call up to its next wait.
 class Gate {
  public:
     bool await_ready() const noexcept { return false; }

@@ -20,7 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Longer than a mail server waits for a scan: who needs this for a few bytes is of no use.
+// Longer than a mail server waits for a scan: a server that needs this for a few bytes is useless.
 constexpr auto kProbeLimit = 20s;
 constexpr std::string_view kCleanStream("\0\0\0\5clean\0\0\0\0", 13);
 
@@ -53,13 +53,13 @@ int LookUpName(const ServerAddress& name, std::vector<ServerAddress>& addresses)
 
 }  // namespace
 
-// On a thread of its own, since a lookup that hangs cannot be called back: it must delay nothing else.
+// In a thread of its own: a lookup that hangs cannot be cancelled, and must not delay anything else.
 struct Upkeep::Lookup {
     ServerPtr server;
     ServerAddress name;
     std::vector<ServerAddress> addresses;
     int error = 0;
-    std::atomic<bool> done = false;  // the above belongs to the thread until then
+    std::atomic<bool> done = false;  // until then the members above belong to the thread
 
     void Run() {
         try {
@@ -92,7 +92,7 @@ void Upkeep::LookUp(const ServerPtr& server, Time now) {
     lookup->name = server->name;
     std::list<std::shared_ptr<Lookup>> entry{lookup};
     if (!RunDetached([lookup] { lookup->Run(); })) {
-        return;  // the next time, then
+        return;  // it is tried again the next time
     }
     lookups_.splice(lookups_.end(), entry);
     server->lookup.running = true;

@@ -1,4 +1,4 @@
-// What is done for the servers beside the scans: looking their names up, probing them, and asking which
+// What is done for the servers apart from scans: looking up their names, probing them, and asking which
 // signatures they have.
 #pragma once
 

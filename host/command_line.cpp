@@ -16,8 +16,9 @@ constexpr unsigned kMostJobs = 16;
 constexpr unsigned kLongestTime = 86400;  // seconds
 
 constexpr char kFooter[] =
-    "Exit status: 0 nothing found, 1 something infected, whatever else happened, 2 an error or an\n"
-    "interruption and nothing infected. Without files to scan: 0 or 2.\n"
+    "Exit status: 0 if nothing was found, 1 if something infected was found, whatever else happened, 2 "
+    "after\n"
+    "an error or an interruption with nothing infected. Without files to scan: 0 or 2.\n"
     "\n"
     "Examples:\n"
     "  kestoscan --check\n"
@@ -37,7 +38,7 @@ std::wstring FullPath(const std::wstring& path) {
     return full;
 }
 
-// The parser would split "[a,b]" into two values: this in front, which no argument holds, keeps it from that.
+// The parser would split "[a,b]" into two values. This prefix, which no argument has, prevents it.
 constexpr char kAsItStands[] = "\"";
 
 std::wstring Given(std::string_view text) {
@@ -49,7 +50,7 @@ using Names = std::vector<CLI::Option*>;
 struct Parser {
     explicit Parser(Options& options);
 
-    std::string Contradiction(const Options& options) const;  // empty when everything goes together
+    std::string Contradiction(const Options& options) const;  // empty when all options go together
     Task ChosenTask() const;
 
     CLI::App app{"Scans files through the mail server's anti-virus plug-in.", "kestoscan"};
@@ -91,44 +92,43 @@ Parser::Parser(Options& options) {
     const auto flag = [&](const char* name, bool& value, const char* description) {
         return app.add_flag(name, value, description);
     };
-    files = Texts("FILE", "", options.paths,
-                  "Files to scan; * and ? stand for what they match, - for standard input");
+    files = Texts("FILE", "", options.paths, "Files to scan; * and ? are wildcards, - is standard input");
     file_list = Text("--file-list", "FILE", options.file_list,
-                     "Scan what this file names, one path a line; - reads standard input");
+                     "Scan the files that this file names, one path on each line; - reads standard input");
     scan_only = {files, file_list};
     scan_only.push_back(
         flag("-r,--recursive", options.list.recursive, "Scan the files in and below named folders"));
     scan_only.push_back(Texts("--exclude", "PATTERN", options.list.excluded_files,
-                              "Leave out files of such a name; may be repeated")
+                              "Leave out files whose name matches; may be repeated")
                             ->allow_extra_args(false));
     scan_only.push_back(Texts("--exclude-dir", "PATTERN", options.list.excluded_folders,
-                              "Leave out folders of such a name; may be repeated")
+                              "Leave out folders whose name matches; may be repeated")
                             ->allow_extra_args(false));
     scan_only.push_back(
         flag("-i,--infected", options.infected, "Print infected files only; errors go to standard error"));
     scan_only.push_back(Number("-j,--jobs", "N", options.jobs, 1, kMostJobs,
                                "Files scanned at a time, 1 (the default) to 16"));
     scan_only.push_back(Number("--timeout", "SECONDS", options.timeout, 1, kLongestTime,
-                               "Give a file up after this time (default 300)"));
+                               "Give up a file after this time (default 300)"));
     wait = Number("--wait", "SECONDS", options.wait, 0, kLongestTime,
-                  "Wait so long for the engine to answer; alone: as --ping");
-    move = Text("--move", "FOLDER", options.list.quarantine, "Move what is found into this folder");
-    copy = Text("--copy", "FOLDER", options.list.quarantine, "Copy what is found into this folder")
+                  "Wait up to this long until the engine answers");
+    move = Text("--move", "FOLDER", options.list.quarantine, "Move infected files into this folder");
+    copy = Text("--copy", "FOLDER", options.list.quarantine, "Copy infected files into this folder")
                ->excludes(move);
     json = flag("--json", options.json, "Print one JSON document");
     scan_only.insert(scan_only.end(),
                      {move, copy,
                       app.add_flag_callback(
                           "--no-summary", [&] { options.summary = false; }, "Print no totals at the end")});
-    Text("--log", "FILE", options.log, "Append all that is printed to this file, too");
+    Text("--log", "FILE", options.log, "Also append all output to this file");
     Text("--library", "PATH", options.library, "The plug-in (default: CLAMDLL.dll beside this program)");
     Text("--folder", "PATH", options.folder, "The plug-in's folder (default: the folder of this program)");
     const std::tuple<const char*, Task, const char*> kTasks[] = {
         {"--check", Task::kCheck, "Diagnose the installation and say what to do"},
-        {"--ping", Task::kPing, "Tell whether the engine answers a scan"},
+        {"--ping", Task::kPing, "Tell whether the engine answers when something is scanned"},
         {"--stats", Task::kStats, "Print the engine bridge's counters, in the Prometheus text format"},
         {"--restart", Task::kRestart, "Start the engine bridge anew without losing a scan"},
-        {"--version", Task::kVersion, "Print what plug-in and engine say of their versions"},
+        {"--version", Task::kVersion, "Print the versions of plug-in and engine"},
         {"--update", Task::kUpdate, "Update the signatures as the mail server does"}};
     for (const auto& [name, task, description] : kTasks) {
         CLI::Option* const option = app.add_flag(name, description);

@@ -19,7 +19,7 @@ struct Options {
     std::wstring library;  // absolute
     std::wstring folder;   // absolute, without a backslash at its end
     std::wstring log;      // empty: none
-    bool move = false;     // what is found into list.quarantine; otherwise it is copied there
+    bool move = false;     // infected files are moved into list.quarantine, otherwise copied
     unsigned jobs = 1;
     unsigned timeout = 300;  // seconds for a file
     unsigned wait = 0;       // seconds for the engine to answer
@@ -28,7 +28,7 @@ struct Options {
     bool summary = true;
 };
 
-// Of wrong usage only `json` is set. Help is printed here.
+// After wrong usage only `json` is set. Prints the help.
 Fault ParseCommandLine(int count, wchar_t** arguments, Options& options);
 
 }  // namespace kesto::host

@@ -21,7 +21,7 @@ constexpr DWORD kEndedByPlugin =
     0xFFFFFFFF;  // the exit code that the plug-in gives an engine that it restarts
 
 std::atomic<HANDLE> g_engine =
-    nullptr;  // the last that was started; no handle is closed, since there are few
+    nullptr;  // the one that was started last; no handle is closed, since there are few
 
 bool EngineVisible() {
     const auto engines = EngineProcesses();
@@ -44,7 +44,7 @@ EngineStart EnsureEngine(const InstalledPlugin& installed) {
         return EngineStart::kRuns;
     }
     PROCESS_INFORMATION started;
-    // Out of a job that may end with us, where the job allows it.
+    // It leaves our job, which may end with us, if the job allows that.
     if (!Create(installed, CREATE_BREAKAWAY_FROM_JOB, started) && !Create(installed, 0, started)) {
         return EngineStart::kNotStarted;
     }

@@ -17,7 +17,7 @@ namespace {
 
 constexpr size_t kExactPrefix = 4;  // characters in front of the drive
 
-// With the separators of the system and none at its end, as patterns are compared.
+// In the form in which patterns are compared: with the system's separators, and without one at the end.
 std::wstring Plain(std::wstring path) {
     std::replace(path.begin(), path.end(), L'/', L'\\');
     while (path.size() > 1 && path.back() == L'\\') {
@@ -34,14 +34,14 @@ uint64_t Size(DWORD high, DWORD low) {
     return static_cast<uint64_t>(high) << 32 | low;
 }
 
-// A link to a folder or a junction; not what a cloud or deduplicating file system marks in the same way.
+// A link to a folder or a junction, but not what cloud or deduplicating file systems mark in a similar way.
 bool IsLink(const WIN32_FIND_DATAW& found) {
     const DWORD tag = found.dwReserved0;
     return (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
            (tag == 0 || IsReparseTagNameSurrogate(tag));
 }
 
-// Of what the user wrote in exact form himself: a file's path, and no device's.
+// Whether a path that the user wrote in the exact form leads to a file and not to a device.
 bool NamesDevice(const std::wstring& path) {
     const bool on_drive = path.size() > 6 && path[5] == L':' && path[6] == L'\\';
     return path.starts_with(L"\\\\.\\") ||
@@ -128,8 +128,8 @@ class Lister {
         AddMatches(ends ? path : path + L"\\", exact, L"*", false);
     }
 
-    // `folder` is empty or ends with a separator. `named`: the pattern is the user's own, so that folders
-    // which it matches count as named.
+    // `folder` is empty or ends with a separator. `named`: the pattern is from the user, so that the folders
+    // that it matches count as named.
     void AddMatches(const std::wstring& folder, const std::wstring& exact, const std::wstring& pattern,
                     bool named) {
         const std::wstring inside = exact.ends_with(L'\\') ? exact : exact + L"\\";
@@ -207,7 +207,7 @@ Fault ReadPathList(const std::wstring& file, std::vector<std::wstring>& paths) {
                 ")"};
     }
     const std::wstring text = WideFromFile({reinterpret_cast<const char*>(bytes.data.get()), bytes.size});
-    // Such a list is part UTF-16, or no text at all: some of its lines would be lost.
+    // Such a list is partly UTF-16, or not text at all: some of its lines would be lost.
     if (text.find(L'\0') != std::wstring::npos) {
         return {name + " holds NUL characters: save it as UTF-8, or all of it as UTF-16"};
     }

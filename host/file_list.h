@@ -1,4 +1,4 @@
-// Which files the named paths stand for.
+// Turns the paths that the user names into a list of files.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@ struct ListedFile {
     std::wstring path;     // as named, with what was found below it
     std::wstring exact{};  // to open it by; empty for standard input
     uint64_t size = 0;     // when it was listed
-    Fault fault{};         // this is not a file to scan, and this is why
-    bool skipped = false;  // nothing is wrong about that
+    Fault fault{};         // why this is not a file to scan
+    bool skipped = false;  // that is not an error
 };
 
 struct ListOptions {
@@ -32,11 +32,12 @@ struct FileListing {
 
 inline constexpr wchar_t kStandardInput[] = L"-";  // as an argument
 
-// A last part with * or ? stands for the files it matches: the command shell leaves that to programs. A
-// folder stands for the files in it and below it when `recursive`, and for an error when not. Junctions and
-// links to folders below a named one are not entered, so that a loop ends. What is not there is listed too,
-// with its error, and so are devices. The patterns of `options` are for what was found, not for what was
-// named. Only among the `arguments` "-" is standard input: a list has it for a file of that name.
+// A last part with * or ? stands for the files that it matches, since the command shell leaves that to
+// programs. A folder stands for the files in it and below it if `recursive` is set, otherwise it is an error.
+// Junctions and links to folders below a named folder are not entered, so that loops end. Paths that do not
+// exist are listed with their error, and so are devices. The patterns of `options` apply to what was found,
+// not to what was named. "-" is standard input among the `arguments` only; in a list it is a file of that
+// name.
 FileListing ListFiles(const std::vector<std::wstring>& arguments, const std::vector<std::wstring>& from_list,
                       const ListOptions& options);
 

@@ -12,7 +12,7 @@
 namespace kesto::host {
 namespace {
 
-constexpr DWORD kOutputMs = 2000;  // for what reads our output to take it
+constexpr DWORD kOutputMs = 2000;  // for the reader of our output to take it
 
 std::function<int()> g_last_words;
 
@@ -35,7 +35,7 @@ BOOL WINAPI OnControlEvent(DWORD) {
 }  // namespace
 
 void WatchForInterrupt() {
-    // A parent may have had us ignore Ctrl-C.
+    // The parent may have started us so that Ctrl-C is ignored.
     SetConsoleCtrlHandler(nullptr, FALSE);
     SetConsoleCtrlHandler(OnControlEvent, TRUE);
 }

@@ -5,11 +5,11 @@
 
 namespace kesto::host {
 
-// From now on these end the process at once, but not within a line: a scan may wait minutes for its engine,
-// so nothing is waited for but the output, and that for 2 seconds at most.
+// From now on these end the process at once, but not in the middle of a line. Since a scan may wait minutes
+// for its engine, only the output is waited for, for 2 seconds at most.
 void WatchForInterrupt();
 
-// Prints what is still to be told then and returns the exit status, which is otherwise kExitError. Called
+// Prints what remains to be told and returns the exit status; without it that is kExitError. It is called
 // under OutputLock, at most once; set it under OutputLock.
 void SetLastWords(std::function<int()> last_words);
 

@@ -64,7 +64,7 @@ Fault FindFiles(const Options& options, FileListing& listing) {
     return {};
 }
 
-// With the plug-in loaded. `stays`: it must not be unloaded.
+// Does the tasks that need the plug-in. `stays`: it must not be unloaded.
 int RunTask(const Options& options, const InstalledPlugin& installed, const PluginLibrary& plugin,
             bool& stays) {
     const bool scan = options.task == Task::kScan;
@@ -86,7 +86,7 @@ int RunTask(const Options& options, const InstalledPlugin& installed, const Plug
     }
     bool without_engine = false;
     if (const Fault fault = StartPlugin(plugin, options.folder, without_engine)) {
-        // Without an engine every single scan would wait for one in vain; the other tasks need none.
+        // Without an engine each scan would wait for one in vain; the other tasks need none.
         if (scan || !without_engine) {
             return Fail(options, fault);
         }
@@ -152,13 +152,14 @@ int RunOptions(const Options& options) {
 }
 
 int Run(int count, wchar_t** arguments) {
-    SetErrorMode(SEM_FAILCRITICALERRORS);  // a damaged library or an empty drive: no dialogue, an error
+    SetErrorMode(
+        SEM_FAILCRITICALERRORS);  // a damaged library or an empty drive is an error, without a dialogue
     WatchForInterrupt();
     Options options;
     int status = kExitClean;
     if (const Fault fault = ParseCommandLine(count, arguments, options)) {
         status = Fail(options, fault);
-        PrintError("kestoscan --help lists what it takes.\n");
+        PrintError("kestoscan --help lists the options.\n");
     } else if (options.task != Task::kHelp) {
         status = RunOptions(options);
     }
@@ -179,7 +180,7 @@ int wmain(int count, wchar_t** arguments) {
     } catch (const std::exception& error) {
         kesto::host::PrintError("kestoscan: " + std::string(error.what()) + "\n");
     }
-    // Nothing is buffered. An orderly end would pull the plug-in from under threads that are inside it.
+    // Nothing is buffered. An orderly end would unload the plug-in while threads are inside it.
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(status));
     return status;
 }

@@ -15,7 +15,7 @@ bool SameLetter(wchar_t a, wchar_t b) {
 bool MatchesPattern(std::wstring_view name, std::wstring_view pattern) {
     size_t in_name = 0;
     size_t in_pattern = 0;
-    size_t star = std::wstring_view::npos;  // the last one met, and how far its characters reach
+    size_t star = std::wstring_view::npos;  // the last star, and the end of the characters that it matches
     size_t star_end = 0;
     while (in_name < name.size()) {
         const wchar_t wanted = in_pattern < pattern.size() ? pattern[in_pattern] : L'\0';

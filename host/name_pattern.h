@@ -5,7 +5,7 @@
 
 namespace kesto::host {
 
-// Whether all of `name` is what `pattern` says, in any case: * stands for any characters, ? for one.
+// Whether `pattern` matches the whole of `name`: * matches any characters, ? one. Case does not matter.
 bool MatchesPattern(std::wstring_view name, std::wstring_view pattern);
 
 }  // namespace kesto::host

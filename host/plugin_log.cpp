@@ -9,7 +9,7 @@
 namespace kesto::host {
 namespace {
 
-constexpr uint32_t kTail = 64 << 10;  // holds the lines of a good many scans at a time
+constexpr uint32_t kTail = 64 << 10;  // enough for the lines of many scans at a time
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// What the plug-in wrote to its log: it tells there what its error codes do not.
+// Reads the plug-in's log, which tells more than its error codes.
 #pragma once
 
 #include <string>
@@ -6,9 +6,9 @@
 
 namespace kesto::host {
 
-// The end of the log's last line about an engine's reply that was no verdict, if it stands behind the line of
-// this file's scan (its name as it was handed over, and its size): "Unexpected response from KESTOAV - ...".
-// Empty when there is none.
+// The end of the log's last line about a reply that was not a verdict ("Unexpected response from KESTOAV -
+// ..."), if it follows the line of this file's scan, with its name as the plug-in was given it, and its size.
+// Otherwise empty.
 std::string LoggedResponse(const std::wstring& log, std::string_view name, uint32_t size);
 
 }  // namespace kesto::host

@@ -7,8 +7,8 @@
 
 namespace kesto::host {
 
-// Has a few clean bytes scanned by the server that the plug-in would take, again and again for `wait_seconds`
-// and at least once. True when they were found clean; `words` tells of the last try, in one line.
+// Lets the server that the plug-in would use scan a few clean bytes, again and again for `wait_seconds`, and
+// at least once. True when they were found clean; `words` tells the result of the last try, in one line.
 bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words);
 
 // Why a scan would wait for a server for ever; empty when one accepts a connection.
@@ -17,7 +17,7 @@ std::string NoServerAccepts(const InstalledPlugin& installed);
 // Whether the server that the plug-in asks for its version tells it.
 bool VersionIsTold(const InstalledPlugin& installed);
 
-// Prints what asking the engine came to and returns the exit status.
+// Prints the result of asking the engine and returns the exit status.
 int Ping(const InstalledPlugin& installed, unsigned wait_seconds);
 
 // Prints the engine's counters and returns the exit status.

@@ -14,7 +14,7 @@ struct Progress {
     double seconds = 0;        // since the start
 };
 
-// "12/40 files, 3.1 MB, 1.5 MB/s, 0:07 left"; the time left only once there is a rate to tell it from.
+// "12/40 files, 3.1 MB, 1.5 MB/s, 0:07 left"; the time left is given only when there is a rate.
 std::string ProgressLine(const Progress& progress);
 
 // "512 B", "3.1 MB": powers of 1000.

@@ -18,8 +18,8 @@ PutAwayResult Left(bool move, const Fault& fault) {
     return {.fault = {(move ? "Not moved: " : "Not copied: ") + fault.text, fault.code}};
 }
 
-// Moves the file to the first name of it in the folder that is free, which `name` then holds. Returns the
-// system's error code.
+// Moves the file to the first name in the folder that is free, which is then in `name`. Returns the system's
+// error code.
 DWORD MoveInto(const std::wstring& inside, const std::wstring& from, std::wstring& name) {
     const std::wstring wanted = name;
     for (int i = 0; i < kMostOfOneName; ++i) {
@@ -39,7 +39,7 @@ DWORD MoveInto(const std::wstring& inside, const std::wstring& from, std::wstrin
     return ERROR_ALREADY_EXISTS;
 }
 
-// The same with a copy, which has its name only once it is whole.
+// The same with a copy, which gets its name only when it is complete.
 DWORD CopyInto(const std::wstring& inside, const std::wstring& from, std::wstring& name) {
     const std::wstring part = inside + L"kestoscan." + std::to_wstring(GetCurrentProcessId()) + L".part";
     if (!CopyFileW(from.c_str(), part.c_str(), FALSE)) {
@@ -56,7 +56,7 @@ DWORD CopyInto(const std::wstring& inside, const std::wstring& from, std::wstrin
 
 // Returns the system's error code.
 DWORD Remove(const std::wstring& path) {
-    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);  // the system keeps what is read-only
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);  // the system would not delete a read-only file
     return DeleteFileW(path.c_str()) ? 0 : GetLastError();
 }
 

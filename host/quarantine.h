@@ -1,4 +1,4 @@
-// Putting away what was found.
+// Moves or copies infected files away.
 #pragma once
 
 #include <string>
@@ -13,12 +13,12 @@ enum class PutAwayEnd { kLeft, kCopied, kMoved };
 struct PutAwayResult {
     PutAwayEnd end = PutAwayEnd::kLeft;
     std::wstring where{};  // the new path
-    Fault fault{};         // why it was left, or only copied
+    Fault fault{};         // why it was left where it is, or only copied
 };
 
-// Moves or copies the file into the folder, under its own name, or with .001, .002 ... behind it where that
-// is taken: nothing is ever overwritten, and no part of a file is left there. A file that is no longer the
-// one that was `scanned` is left alone. One that lies in that folder already is left without a fault.
+// Moves or copies the file into the folder, under its own name, or with .001, .002 ... added where that is
+// taken. Nothing is ever overwritten, and no incomplete file is left there. A file that is no longer the one
+// that was `scanned` stays where it is. A file that is in that folder already stays there without a fault.
 PutAwayResult PutAway(const std::wstring& exact_path, const FileIdentity& scanned, const std::wstring& folder,
                       bool move);
 

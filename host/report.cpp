@@ -9,7 +9,7 @@
 namespace kesto::host {
 namespace {
 
-// Comes with the first line printed, so that an interrupted run leaves a whole document or nothing.
+// Printed with the first line, so that an interrupted run leaves a whole document or nothing.
 constexpr char kJsonStart[] = "{\"files\": [";
 
 std::string SecondsText(double seconds) {

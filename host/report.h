@@ -1,4 +1,4 @@
-// What a scan found: one line or JSON member a file as it comes, and the summary.
+// The result of a scan: one line or JSON member for each file as it comes, and the summary.
 #pragma once
 
 #include <cstdint>
@@ -34,8 +34,8 @@ class Report {
     explicit Report(const ReportOptions& options);
 
     void Clean(const std::string& path, uint64_t size);
-    // `put_away`: what became of the file, "moved" or "copied", and where to; empty when it was left alone,
-    // and then `fault` is why, if it was to be put away.
+    // `put_away` tells what happened to the file, "moved" or "copied", and where it is now. It is empty when
+    // nothing happened; `fault` then tells why, if the file should have been moved or copied.
     void Infected(const std::string& path, uint64_t size, const std::string& virus,
                   const std::string& put_away, const std::string& where, const Fault& fault);
     void Failed(const std::string& path, const Fault& fault);

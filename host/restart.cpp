@@ -17,9 +17,9 @@ namespace {
 
 constexpr DWORD kLimitMs = 15'000;  // the guard itself needs 10 s at most
 
-// What the guard answers; the reason, where it does not.
+// The guard's answer, or the reason why there is none.
 std::string AskGuard(const InstalledPlugin& installed) {
-    // A stranger who has made a pipe of this name learns nothing of us.
+    // Should a stranger have made a pipe of this name, he learns nothing about us.
     HANDLE pipe =
         CreateFileW(GuardPipe(installed.engine_folder).c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
                     FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS, nullptr);

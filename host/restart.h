@@ -1,12 +1,12 @@
-// The engine is exchanged without losing a scan.
+// Exchanges the engine without losing a scan.
 #pragma once
 
 #include "host/common/installed_plugin.h"
 
 namespace kesto::host {
 
-// Has the guard start a new kestobridge.exe, which takes the place of the one that runs. Tells the outcome,
-// and returns the exit status.
+// Lets the guard start a new kestobridge.exe, which takes the place of the running one. Tells the outcome and
+// returns the exit status.
 int Restart(const InstalledPlugin& installed);
 
 }  // namespace kesto::host

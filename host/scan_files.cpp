@@ -26,22 +26,23 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Guard = std::unique_lock<std::recursive_mutex>;
 
-// Of the files in memory together: several large ones at once could exhaust the address space though each
-// fits. A file above this is in memory alone.
+// Limit for all files in memory together, since several large ones could exhaust the address space though
+// each fits. A larger file is in memory alone.
 constexpr uint64_t kMostHeld = 128u << 20;
 constexpr auto kWatchInterval = std::chrono::milliseconds(250);
-constexpr auto kThreadsLeave = std::chrono::milliseconds(500);  // what they take that need nothing more
-constexpr uint32_t kTimedOut = 1460;                            // the system's code for it
+constexpr auto kThreadsLeave =
+    std::chrono::milliseconds(500);   // that is enough for threads that have nothing more to do
+constexpr uint32_t kTimedOut = 1460;  // the system's code for it
 
 // A thread that takes one file after the other.
 struct Lane {
-    const ListedFile* file = nullptr;  // none between two
+    const ListedFile* file = nullptr;  // null between two files
     Clock::time_point began;           // with it
     bool scanning = false;             // it has been read
-    bool given_up = false;             // its call may return or not; nobody waits for it
+    bool given_up = false;             // nobody waits for its call any more
 };
 
-// Kept by every thread of it: one that was given up may outlast the run.
+// Every thread of the run keeps it, since a thread that was given up may outlast the run.
 class ScanRun : public std::enable_shared_from_this<ScanRun> {
  public:
     ScanRun(const PluginLibrary& plugin, const InstalledPlugin& installed, FileListing listing,
@@ -97,7 +98,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
     }
 
  private:
-    // Nothing is waited for once the run is of no use.
+    // Nothing is waited for when the run has become useless.
     bool AllDone() const {
         const auto scans = [](const auto& lane) { return lane->file && lane->scanning && !lane->given_up; };
         return progress_.files_done == files_.size() || !stop_words_.empty() || OutputFault() ||
@@ -246,7 +247,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         }
     }
 
-    // The plug-in's own words for 1003 say nothing.
+    // The plug-in's own text for 1003 does not help.
     std::string ErrorText(uint32_t code, const std::string& name, uint32_t size) const {
         std::string logged = code == kErrorReply ? LoggedResponse(installed_.log, name, size) : std::string();
         if (!logged.empty()) {
@@ -280,7 +281,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         report_.Failed(path, fault);
     }
 
-    // The lane's file is done with.
+    // The lane is done with its file.
     void LetGo(Lane& lane) {
         held_ -= lane.file->size;
         --busy_;
@@ -296,12 +297,12 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
     const Clock::time_point start_ = Clock::now();
     std::condition_variable_any changed_;
 
-    // What follows, and all lanes, are used under OutputLock.
+    // These and all lanes are used under OutputLock.
     Report report_;
     ScanTotals totals_;
     Progress progress_;
     std::vector<std::shared_ptr<Lane>> lanes_;
-    std::string stop_words_;  // not empty: why the run is of no use any more
+    std::string stop_words_;  // why the run has become useless; empty otherwise
     size_t threads_ = 0;
     size_t next_ = 0;    // the file to be taken next
     size_t busy_ = 0;    // lanes that have a file

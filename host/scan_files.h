@@ -14,7 +14,7 @@ namespace kesto::host {
 struct ScanOptions {
     unsigned jobs = 1;        // files scanned at a time
     unsigned timeout = 300;   // seconds for a file
-    std::wstring quarantine;  // empty: what is found stays where it is
+    std::wstring quarantine;  // empty: infected files stay where they are
     bool move = false;        // into the quarantine; otherwise copy
     ReportOptions report;
 };
@@ -24,8 +24,8 @@ struct ScanOutcome {
     bool threads_left;  // calls were given up that have not returned: the plug-in must stay loaded
 };
 
-// A file that cannot be read does not stop the rest; an error that the plug-in calls fatal does, since every
-// further scan would wait for the engine in vain, and so does an engine that ends whenever it is started.
+// A file that cannot be read does not stop the others. An error that the plug-in calls fatal does, since
+// every further scan would wait for the engine in vain. So does an engine that ends whenever it is started.
 ScanOutcome ScanFiles(const PluginLibrary& plugin, const InstalledPlugin& installed, FileListing listing,
                       const ScanOptions& options);
 

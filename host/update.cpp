@@ -40,7 +40,7 @@ uint64_t SizeOf(const std::wstring& path) {
     return (static_cast<uint64_t>(file.nFileSizeHigh) << 32) + file.nFileSizeLow;
 }
 
-// What the updater of this edition has written since its log had this size.
+// What the updater has written since its log had this size.
 std::string LoggedSince(const std::wstring& log, uint64_t size) {
     const uint64_t grown = std::max(SizeOf(log), size) - size;
     std::string lines = FileTail(log, static_cast<uint32_t>(std::min(grown, kMostTold)));
@@ -54,7 +54,7 @@ std::string LoggedSince(const std::wstring& log, uint64_t size) {
 }  // namespace
 
 int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
-    // Held until the process ends: of two updates that begin at once, one is refused.
+    // Held until the process ends, so that one of two updates that begin at once is refused.
     CreateMutexW(nullptr, TRUE, L"Global\\kestoscan update");
     if (GetLastError() == ERROR_ALREADY_EXISTS || UpdaterRuns(installed)) {
         PrintError("kestoscan: an update is under way already: wait for its end\n");
@@ -68,7 +68,7 @@ int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
     }
     const std::wstring log = UpdateLogPath(ReadBridgeIni(installed.engine_folder));
     const uint64_t logged = SizeOf(log);
-    plugin.get_expiry(0, 0, 0);  // as the mail server does: before it every update is refused
+    plugin.get_expiry(0, 0, 0);  // as the mail server does; without it every update is refused
     char title[kUpdateTitleSize] = "";
     char message[kUpdateMessageSize] = "";
     std::atomic<bool> ended = false;

@@ -1,4 +1,4 @@
-// A signature update as the mail server has it.
+// A signature update in the mail server's way.
 #pragma once
 
 #include "host/common/installed_plugin.h"
@@ -6,7 +6,7 @@
 
 namespace kesto::host {
 
-// Prints what came of it and returns the exit status. Refuses to run a second updater beside one that runs.
+// Prints the result and returns the exit status. Refuses to run a second updater while one runs.
 // Ctrl-C ends us, but not the updater: half an update could leave the engine without signatures.
 int Update(const PluginLibrary& plugin, const InstalledPlugin& installed);
 

@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t kLongestProgramPath = 259;
 
-// From the check's start; the rest takes no time to speak of.
+// From the start of the check; the rest takes hardly any time.
 constexpr std::chrono::seconds kServersLimit(27);
 
 Findings CheckLibrary(const std::wstring& path) {
@@ -108,8 +108,8 @@ class Check {
             report_.Add(each);
         }
         TellWhetherTheyMeet(bridge, AllWell(all));
-        // Where no bridge.ini is, another engine than the bridge may be in its place: as long as that scans,
-        // what lies behind it is its own affair.
+        // Without a bridge.ini there may be another engine in place of the bridge. As long as that scans, the
+        // servers behind it do not matter here.
         if (bridge.has_ini || !AllWell(all)) {
             for (const Findings& each : upstreams) {
                 report_.Add(each);
@@ -124,7 +124,7 @@ class Check {
         Findings findings;
         const std::string listen = kesto::AddressText(bridge.ini.settings.listen);
         const std::string text =
-            "listen=" + listen + " is none of servers= in kestoav.ini: scans pass the bridge by";
+            "listen=" + listen + " is not one of servers= in kestoav.ini: scans bypass the bridge";
         const std::string here = "127.0.0.1:" + std::to_string(bridge.ini.settings.listen.port);
         if (all_well) {
             findings.Ok("bridge settings", text);
@@ -142,7 +142,7 @@ class Check {
         Findings findings;
         const std::string name = Utf8FromWide(installed_.updater);
         if (installed_.updater.size() > kLongestProgramPath) {
-            findings.Warning("updater", name + " is a longer path than the plug-in can start a program by",
+            findings.Warning("updater", name + " is too long a path for the plug-in to start the program",
                              "install into a folder of at most 228 characters if there is to be an updater");
             return findings;
         }

@@ -1,4 +1,4 @@
-// Diagnoses an installation and says what to do.
+// Diagnoses an installation and tells what to do.
 #pragma once
 
 #include <string>
@@ -7,12 +7,12 @@
 
 namespace kesto::host {
 
-// Looks at the plug-in's library and folder, its settings, logs, engine and engine servers, changes none of
-// them, and returns the exit status. Ends within 30 seconds, whatever the servers do.
+// Looks at the plug-in's library and folder, its settings, logs, engine and engine servers without changing
+// any of them, and returns the exit status. Ends within 30 seconds, whatever the servers do.
 int CheckInstallation(const std::wstring& library, const std::wstring& folder, bool json);
 
-// What of the engine's files and settings would make it end at once: lines as the check prints them, UTF-8,
-// each with its line feed. Empty when nothing is known.
+// What in the engine's files and settings would make it end at once, in lines as the check prints them:
+// UTF-8, each with its line feed. Empty when nothing is known.
 std::string WhyEngineEnds(const InstalledPlugin& installed);
 
 }  // namespace kesto::host

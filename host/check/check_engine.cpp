@@ -17,8 +17,8 @@ namespace kesto::host {
 namespace {
 
 constexpr unsigned kLeastIdle = 20;          // seconds for which the plug-in waits for a byte
-constexpr unsigned kMostUsefulWait = 120;    // seconds; a scan ends after little more, whatever comes then
-constexpr unsigned kMostSensibleKeep = 512;  // MB of the 2 GB that a 32-bit program has, with all else in it
+constexpr unsigned kMostUsefulWait = 120;    // seconds; a scan ends soon after that in any case
+constexpr unsigned kMostSensibleKeep = 512;  // MB; a 32-bit program has 2 GB for everything
 constexpr unsigned kDefaultDynamic = 49152;  // first of the ports for outgoing connections
 constexpr uint32_t kLogTail = 4096;          // bytes; holds the last line
 
@@ -44,7 +44,7 @@ void CheckBlanks(Findings& findings, const std::wstring& program) {
     }
 }
 
-// What the last line of the bridge's log says, if that is why it did not start.
+// The last line of the bridge's log, if it tells why the bridge did not start.
 std::string LastEnd(const std::wstring& log_path) {
     const std::string tail = FileTail(log_path, kLogTail);
     std::string_view text = tail;

@@ -11,9 +11,9 @@ namespace kesto::host {
 struct InstalledBridge {
     BridgeIni ini;
     bool has_ini;                    // there is a bridge.ini
-    bool used;                       // by one of the plug-in's servers
+    bool used;                       // one of the plug-in's servers is the bridge
     std::vector<ServerAddress> own;  // addresses of this machine
-    std::string last_end;            // "cannot start - ...", when that is the log's last line
+    std::string last_end;            // "cannot start - ...", if that is the last line of the log
 };
 
 // Whether the plug-in reaches the bridge by this entry of its list. A name may be any address.
@@ -22,13 +22,13 @@ bool LeadsTo(const Endpoint& server, const InstalledBridge& bridge);
 // Whether it is one to listen on and connect to.
 bool IsOfThisMachine(const ServerAddress& listen, const InstalledBridge& bridge);
 
-// What to do where the engine at this entry of the list finds viruses only in bytes shifted the other way.
+// What to do when the engine at this entry of the list finds viruses only in bytes shifted the other way.
 std::string ShiftRemedy(const Endpoint& server, const InstalledPlugin& installed,
                         const InstalledBridge& bridge);
 
 InstalledBridge ReadBridge(const InstalledPlugin& installed);
 
-// No engine runs, and none is wanted yet.
+// Whether no engine runs and none is needed yet.
 bool StartsWithTheFirstScan(const InstalledPlugin& installed, const InstalledBridge& bridge);
 
 Findings CheckEngineProgram(const InstalledPlugin& installed);

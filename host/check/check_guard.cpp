@@ -19,7 +19,7 @@ constexpr std::chrono::seconds kAnswerLimit(2);
 constexpr double kOften = 3;           // starts
 constexpr double kLately = 10 * 60.0;  // seconds
 
-// "1.0.4", of one of our programs; empty for any other file.
+// The version of one of our programs, such as "1.0.4"; empty for any other file.
 std::wstring OurVersion(const std::wstring& program) {
     std::vector<char> block(GetFileVersionInfoSizeW(program.c_str(), nullptr));
     const auto text = [&](const wchar_t* name) {

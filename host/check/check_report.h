@@ -1,4 +1,4 @@
-// The findings of a check: a line each as they come, or one JSON document at the end.
+// The findings of a check: a line for each as it comes, or one JSON document at the end.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ enum class CheckState { kOk, kWarning, kFailed };
 // Texts are UTF-8 and one line each.
 struct Finding {
     CheckState state;
-    std::string check;  // what was looked at, named the same in every run, for monitoring to key on
+    std::string check;  // what was looked at; the same name in every run, so that monitoring can use it
     std::string text;
     std::string remedy;  // empty when nothing is to be done
 };
@@ -43,12 +43,12 @@ class CheckReport {
  public:
     explicit CheckReport(bool json) : json_(json) {}
 
-    // What is looked at next, told on a terminal only.
+    // Tells what is looked at next, on a terminal only.
     void Step(std::string_view what) const;
 
     void Add(const Findings& findings);
 
-    // Prints the totals and returns the exit status: warnings alone are no error.
+    // Prints the totals and returns the exit status. Warnings alone are not an error.
     int Finish();
 
  private:

@@ -15,12 +15,12 @@
 namespace kesto::host {
 namespace {
 
-constexpr double kSlowConnect = 0.3;  // seconds; near enough to the plug-in's limit of 1 to be told
-constexpr double kToldSeconds = 1;    // seconds from which on a scan's time is told
-constexpr double kSlowReply = 15;     // seconds; near enough to the plug-in's limit of 20
+constexpr double kSlowConnect = 0.3;  // seconds; close to the plug-in's limit of 1
+constexpr double kToldSeconds = 1;    // seconds; scans that take longer are told with their time
+constexpr double kSlowReply = 15;     // seconds; close to the plug-in's limit of 20
 constexpr int kOldDays = 7;           // signatures appear daily
 constexpr size_t kLongStream = 2 << 20;
-constexpr int kTries = 5;  // for a question to a server that hangs up: an engine that starts does
+constexpr int kTries = 5;  // for each question to a server that hangs up, as a starting engine does
 constexpr auto kTriesPause = std::chrono::milliseconds(500);
 
 std::string Quoted(std::string_view reply) {
@@ -49,7 +49,7 @@ std::string Describe(const ServerAnswer& answer) {
            (passes ? ", which the plug-in takes for clean" : "");
 }
 
-// What a server is asked once it is connected to.
+// What a server is asked after it has accepted a connection.
 enum Asked { kPing, kVersion, kClean, kEicar, kLong, kEicarOtherShift, kAllAsked };
 
 class ServerCheck {
@@ -68,7 +68,7 @@ class ServerCheck {
     bool Done() const { return done_; }
 
  private:
-    // At the same time: a server may take seconds for each.
+    // All at the same time, since a server may take seconds for each.
     void AskAll() {
         std::string long_text;
         while (long_text.size() < kLongStream) {
@@ -185,8 +185,8 @@ class ServerCheck {
         } else if (age > kOldDays) {
             findings_.Warning(
                 check, Quoted(reply) + ": its signatures are " + std::to_string(age) + " days old", remedy);
-        } else if (age < -1) {  // a day may be the time zone
-            findings_.Warning(check, Quoted(reply) + ": its signatures are of a day to come",
+        } else if (age < -1) {  // one day may be due to the time zone
+            findings_.Warning(check, Quoted(reply) + ": the date of its signatures is in the future",
                               "set the clocks of both machines");
         } else {
             findings_.Ok(check, Quoted(reply));

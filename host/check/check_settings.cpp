@@ -81,7 +81,7 @@ void CheckLogFile(Findings& findings, const char* check, const std::wstring& pat
         findings.Failed(check, fault + "it is read-only", "clear its read-only mark");
         return;
     }
-    // What was not there is not there afterwards either.
+    // A file that was not there is not left behind.
     HANDLE file = CreateFileW(path.c_str(), FILE_APPEND_DATA | (exists ? 0 : DELETE),
                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                               exists ? OPEN_EXISTING : CREATE_NEW,

@@ -10,7 +10,7 @@ Findings CheckSettings(const InstalledPlugin& installed);
 
 Findings CheckLog(const InstalledPlugin& installed);
 
-// Whether a log file at this path can be appended to by this account. None is left behind.
+// Whether this account can append to a log file at this path. Leaves no file behind.
 void CheckLogFile(Findings& findings, const char* check, const std::wstring& path);
 
 }  // namespace kesto::host

@@ -44,7 +44,7 @@ std::optional<PortRange> DynamicPorts() {
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdOutput = write;
     PROCESS_INFORMATION netsh = {};
-    char text[2000] = "";  // what it says is far shorter, and fits into the pipe
+    char text[2000] = "";  // its output is far shorter, and fits into the pipe
     DWORD size = 0;
     if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr,
                        &startup, &netsh)) {

@@ -1,5 +1,5 @@
 // The ports that the system gives to outgoing connections. A program that connects to one of them on its own
-// machine while nobody listens there can be connected to itself.
+// machine while nobody listens there may be connected to itself.
 #pragma once
 
 #include <optional>
@@ -12,7 +12,8 @@ struct PortRange {
     unsigned count;
 };
 
-// What "netsh interface ipv4 show dynamicport tcp" says in any language: its last two numbers.
+// Reads the output of "netsh interface ipv4 show dynamicport tcp" in any language: its last two numbers
+// count.
 std::optional<PortRange> PortRangeIn(std::string_view netsh_output);
 
 // None when the system does not tell.

@@ -24,7 +24,7 @@ constexpr std::array kKnownKeys = {
     KnownKey{"logfile", ValueKind::kPath},
 };
 
-constexpr size_t kMostServersText = 999;  // characters that the reader takes
+constexpr size_t kMostServersText = 999;  // characters that the reader accepts
 constexpr size_t kMostPath = 259;
 constexpr long kLongWait = 3600;  // seconds; a mail that waits longer for its scan is lost anyway
 
@@ -62,7 +62,7 @@ class Linter {
         for (const Elsewhere& setting : elsewhere_) {
             if (!seen_[setting.key]) {
                 line_ = setting.line;
-                Doubt(setting.text + " stands outside the section [kestoav] and is not read",
+                Doubt(setting.text + " is outside the section [kestoav] and is not read",
                       "move it below the line [kestoav], if it is meant for the plug-in");
             }
         }
@@ -104,7 +104,7 @@ class Linter {
     void SettingElsewhere(const IniLine& line) {
         const KnownKey* const key = Known(line.name);
         if (key && !other_section_ && !section_seen_) {
-            Misread(Quoted(line.text) + " stands outside the section [kestoav] and is not read",
+            Misread(Quoted(line.text) + " is outside the section [kestoav] and is not read",
                     "move it below the line [kestoav]");
         } else if (key && other_section_) {
             elsewhere_.push_back({line_, static_cast<size_t>(key - kKnownKeys.data()), Quoted(line.text)});
@@ -205,7 +205,7 @@ class Linter {
                   "write the whole path, with its drive");
         }
         if (value.find(" ;") != std::string_view::npos || value.find("\t;") != std::string_view::npos) {
-            Misread("the comment behind the path of logfile is a part of it to the reader",
+            Misread("the comment after the path of logfile is read as part of the path",
                     "put the comment on a line of its own");
         }
         if (value.find('%') != std::string_view::npos) {
@@ -227,12 +227,12 @@ class Linter {
         }
     }
 
-    // False when the rest of the line is a comment, about which enough has been said.
+    // False when the rest of the line is a comment, which has been reported already.
     bool Server(std::string_view server) {
         const size_t colon = server.find(':');
         const std::string_view host = server.substr(0, colon);
         if (server.starts_with(';') || server.starts_with('#')) {
-            Misread("what stands behind the servers is not a comment to the reader, but further servers",
+            Misread("the comment after the servers is read as further servers",
                     "put the comment on a line of its own");
             return false;
         }

@@ -1,5 +1,5 @@
-// What in a settings file does not mean what its writer meant: the reader never complains, it silently
-// takes something else.
+// What a settings file says differently than its writer meant: the reader never complains, but silently takes
+// something else.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@ namespace kesto::host {
 
 struct IniFinding {
     size_t line;         // from 1
-    bool misread;        // the scanner runs with something else than was written; otherwise a mere doubt
+    bool misread;        // the scanner uses something else than was written; otherwise it is only a doubt
     std::string text;    // what is wrong
     std::string remedy;  // what to write instead
 };

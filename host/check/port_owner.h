@@ -12,11 +12,10 @@ struct PortOwner {
     std::string program;  // its file name (UTF-8); empty when not known
 };
 
-// The program that listens for connections to this numeric IPv4 address; none when nobody does, or the system
-// does not tell.
+// The program that listens at this numeric IPv4 address; none when nobody does or the system does not tell.
 std::optional<PortOwner> ListenerOn(const std::string& address, uint16_t port);
 
-// Whether this process listens anywhere; false also where the system does not tell.
+// Whether this process listens anywhere; also false when the system does not tell.
 bool Listens(uint32_t process_id);
 
 // "chat.exe (process 1234)", or "another program".

@@ -1,12 +1,12 @@
-// What engines are tried with.
+// What engines are tested with.
 #pragma once
 
 #include <string>
 
 namespace kesto::host {
 
-// The harmless text that every engine reports as infected. Put together anew at each call: a file that
-// holds it whole, this program or its source among them, would itself be reported.
+// The harmless text that every engine reports as infected. It is put together at each call, since a file that
+// holds it whole, such as this program or its source, would itself be reported.
 std::string EicarTestString();
 
 inline constexpr char kCleanSample[] = "A sample without anything in it.\r\n";

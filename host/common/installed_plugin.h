@@ -1,4 +1,4 @@
-// Where an installation's parts lie, and what its settings say as the plug-in itself reads them.
+// Where the parts of an installation are, and its settings as the plug-in itself reads them.
 #pragma once
 
 #include <string>
@@ -18,12 +18,12 @@ struct InstalledPlugin {
     std::wstring log;            // the plug-in's; empty: off
     ScannerSettings settings;
     std::vector<Endpoint> servers;
-    Fault folder_fault;  // the plug-in cannot take the folder, and the settings are defaults
+    Fault folder_fault;  // why the plug-in cannot use the folder; the settings are then the defaults
 };
 
 InstalledPlugin ReadInstalledPlugin(const std::wstring& folder);
 
-// Whether anything in the folder is an installation's.
+// Whether the folder holds any part of an installation.
 bool HoldsPlugin(const InstalledPlugin& installed);
 
 // "127.0.0.1:3313"
@@ -31,7 +31,7 @@ std::string AddressText(const Endpoint& server);
 
 bool IsFile(const std::wstring& path);
 
-// Nothing is there; what this account may not see is not missing.
+// Whether nothing is there. What this account may not see is not missing.
 bool IsMissing(const std::wstring& path);
 
 // Why this machine does not run the program: "is missing", "is not a program ...".

@@ -8,7 +8,7 @@ namespace kesto::host {
 
 using Json = nlohmann::ordered_json;  // members stay in the order in which they were added
 
-// An object in one line, with blanks behind its colons and commas. What is no UTF-8 is replaced.
+// An object in one line, with blanks after its colons and commas. Whatever is not UTF-8 is replaced.
 std::string JsonLine(const Json& object);
 
 }  // namespace kesto::host

@@ -11,7 +11,7 @@
 namespace kesto::host {
 namespace {
 
-// What follows is used under OutputLock.
+// These are used under OutputLock.
 Fault g_output_fault;
 size_t g_progress_width = 0;
 HANDLE g_file = nullptr;  // open until the process ends
@@ -108,7 +108,7 @@ Fault PrintToFileToo(const std::wstring& path) {
     GetLocalTime(&now);
     std::snprintf(line, sizeof line, "kestoscan on %04u-%02u-%02u at %02u:%02u:%02u\n", now.wYear, now.wMonth,
                   now.wDay, now.wHour, now.wMinute, now.wSecond);
-    WriteBytes(file, line);  // what it comes to shows with the first line that matters
+    WriteBytes(file, line);  // a failure shows with the first line that matters
     return {};
 }
 
@@ -125,8 +125,7 @@ void DrawProgress(std::string_view line) {
     const std::lock_guard guard(OutputLock());
     CONSOLE_SCREEN_BUFFER_INFO screen;
     if (GetConsoleScreenBufferInfo(Error().handle, &screen) && screen.dwSize.X > 1) {
-        line =
-            line.substr(0, static_cast<size_t>(screen.dwSize.X) - 1);  // a longer one could not be wiped out
+        line = line.substr(0, static_cast<size_t>(screen.dwSize.X) - 1);  // a longer one could not be erased
     }
     std::string text = "\r";
     text += line;

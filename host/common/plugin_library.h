@@ -7,7 +7,8 @@
 #include "base/host_records.h"
 #include "common/fault.h"
 
-// The plug-in as the mail server meets it: a library loaded at run time and called through its exports.
+// The plug-in as the mail server uses it: a library that is loaded at run time and called through its
+// exports.
 namespace kesto::host {
 
 struct PluginLibrary {
@@ -24,18 +25,18 @@ struct PluginLibrary {
     int32_t(__stdcall* get_expiry)(uint32_t a, uint32_t b, uint32_t c);
 };
 
-// The fault: the library cannot be loaded or lacks an export.
+// The fault tells why the library cannot be loaded, or which export it lacks.
 Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin);
 
-// CLOSESCANNER, then the library leaves memory.
+// Calls CLOSESCANNER, then unloads the library.
 void ClosePlugin(const PluginLibrary& plugin);
 
 // INITIALIZESCANNER. A fault leaves nothing to call but ClosePlugin; if `without_engine`, a plug-in that can
 // update and tell its version, but whose scans have no engine.
 Fault StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, bool& without_engine);
 
-// The folder as the interface takes it: in the ANSI code page, in short names where the long ones have
-// letters outside of it, and no longer than what the plug-in starts from there may be.
+// The folder as the interface takes it: in the ANSI code page, with short names where long names have other
+// letters, and short enough for the programs that the plug-in starts from there.
 Fault AnsiFolder(const std::wstring& folder, std::string& ansi);
 
 std::string PluginErrorText(const PluginLibrary& plugin, uint32_t code);

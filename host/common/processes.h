@@ -9,7 +9,7 @@ namespace kesto::host {
 
 struct ProgramProcess {
     uint32_t id;
-    bool visible;       // this account may query it; the plug-in in this account would not see it otherwise
+    bool visible;       // this account may query it; otherwise the plug-in would not see it from this account
     std::wstring path;  // of its program; empty when not visible
 };
 
@@ -22,7 +22,7 @@ inline std::vector<ProgramProcess> EngineProcesses() {
 // The name of a process's program file; empty when there is no such process.
 std::wstring ProcessName(uint32_t id);
 
-// Whether both name one and the same file, also where one of them is in short names.
+// Whether both name the same file, even if one of them uses short names.
 bool SameFile(const std::wstring& a, const std::wstring& b);
 
 }  // namespace kesto::host
