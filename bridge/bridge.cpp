@@ -1,6 +1,8 @@
 #include "bridge/bridge.h"
 
 #include <algorithm>
+#include <exception>
+#include <new>
 #include <utility>
 
 #include "bridge/attempt.h"
@@ -83,6 +85,16 @@ void Tick(Bridge& bridge, Time now) {
         client.Tick(now);
         places -= places != 0 && client.MakeWay(now);
     });
+}
+
+void LogException() noexcept {
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        LogBridge("exception", "out of step");  // short enough to take no memory
+    } catch (const std::exception& error) {
+        LogBridge("exception", std::string("out of step - ") + error.what());
+    }
 }
 
 std::string StatsText(const Bridge& bridge, Time now) {

@@ -43,6 +43,9 @@ void Stop(Bridge& bridge, Time now);
 void TakeUpNews(Bridge& bridge, Time now);
 void Tick(Bridge& bridge, Time now);  // every now and then
 
+// Of the exception that is handled; leaves out what there is no memory for.
+void LogException() noexcept;
+
 std::string StatsText(const Bridge& bridge, Time now);
 
 }  // namespace kesto::bridge

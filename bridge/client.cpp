@@ -1,7 +1,6 @@
 #include "bridge/client.h"
 
 #include <algorithm>
-#include <exception>
 #include <utility>
 
 #include "bridge/framing.h"
@@ -215,11 +214,7 @@ void Client::NoReply(const std::string& reason) {
 }
 
 void Client::Failed() noexcept {
-    try {
-        throw;
-    } catch (const std::exception& error) {
-        LogBridge("exception", error.what());
-    }
+    LogException();
     Close();
 }
 

@@ -57,8 +57,8 @@ template <typename Work>
 void Guarded(Work work) {
     try {
         work();
-    } catch (const std::exception& error) {
-        LogBridge("exception", std::string("out of step - ") + error.what());
+    } catch (const std::exception&) {
+        LogException();
     }
 }
 
