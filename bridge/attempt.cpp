@@ -64,7 +64,7 @@ size_t LastBytes(tcp::socket& socket, asio::mutable_buffer bytes) {
     return error ? 0 : socket.read_some(bytes, error);
 }
 
-class SocketAttempt : public Attempt, public Owner, public std::enable_shared_from_this<SocketAttempt> {
+class SocketAttempt final : public Attempt, public Owner, public std::enable_shared_from_this<SocketAttempt> {
  public:
     SocketAttempt(asio::io_context& io, const Shared& shared, ServerPtr server,
                   std::shared_ptr<KeptStream> request, AttemptEvents events, Time reply_until)
@@ -85,7 +85,7 @@ class SocketAttempt : public Attempt, public Owner, public std::enable_shared_fr
     void Tick(Time now) override;
     void Cancel() override { Close(); }
     uint64_t Sent() const override { return sent_; }
-    void Failed() noexcept override;
+    void Failed() override;
 
  private:
     enum class State {
@@ -100,7 +100,7 @@ class SocketAttempt : public Attempt, public Owner, public std::enable_shared_fr
     bool HandedOver() const { return request_->Ended() && sent_ == request_->Size(); }
     void CalledCleanTooEarly() { End({AttemptEnd::Kind::kBroken, "called the file clean before its end"}); }
     void End(AttemptEnd end);
-    void Close() noexcept;
+    void Close();
 
     const std::chrono::seconds idle_;
     const ServerPtr server_;
@@ -258,14 +258,14 @@ void SocketAttempt::End(AttemptEnd end) {
     }
 }
 
-void SocketAttempt::Failed() noexcept {
+void SocketAttempt::Failed() {
     if (state_ != State::kOver) {
         Close();
         events_.owner->Failed();
     }
 }
 
-void SocketAttempt::Close() noexcept {
+void SocketAttempt::Close() {
     if (std::exchange(state_, State::kOver) != State::kOver) {
         asio::error_code ignored;
         if (sending_ != 0) {

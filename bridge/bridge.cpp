@@ -47,7 +47,7 @@ bool IsFull(const Bridge& bridge) {
     return bridge.place.use_count() > static_cast<long>(bridge.settings.clients);
 }
 
-void Remove(Bridge& bridge, const std::shared_ptr<Client>& client) noexcept {
+void Remove(Bridge& bridge, const std::shared_ptr<Client>& client) {
     bridge.clients.erase(client);
     if (bridge.stopping && bridge.clients.empty()) {
         bridge.io.stop();

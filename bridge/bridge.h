@@ -34,7 +34,7 @@ void Apply(Bridge& bridge, Time now);
 bool IsFull(const Bridge& bridge);
 
 // The client has gone.
-void Remove(Bridge& bridge, const std::shared_ptr<Client>& client) noexcept;
+void Remove(Bridge& bridge, const std::shared_ptr<Client>& client);
 
 // No client is let in any more: runs to the end of those that have asked something.
 void Stop(Bridge& bridge, Time now);

@@ -213,12 +213,12 @@ void Client::NoReply(const std::string& reason) {
     Close();
 }
 
-void Client::Failed() noexcept {
+void Client::Failed() {
     LogException();
     Close();
 }
 
-void Client::Close() noexcept {
+void Client::Close() {
     if (std::exchange(phase_, Phase::kClosed) == Phase::kClosed) {
         return;
     }

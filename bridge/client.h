@@ -12,7 +12,7 @@
 
 namespace kesto::bridge {
 
-class Client : public Asker, public std::enable_shared_from_this<Client> {
+class Client final : public Asker, public std::enable_shared_from_this<Client> {
  public:
     // Serves the client to its end. Whatever goes wrong ends this connection only; no reply is ever made up.
     static void Serve(Bridge& bridge, asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer);
@@ -37,7 +37,7 @@ class Client : public Asker, public std::enable_shared_from_this<Client> {
     void SpaceIsFree() override { space_.Open(); }
     std::string Name() const override;
     std::shared_ptr<Owner> Self() override { return shared_from_this(); }
-    void Failed() noexcept override;
+    void Failed() override;
 
  private:
     enum class Phase {
@@ -55,7 +55,7 @@ class Client : public Asker, public std::enable_shared_from_this<Client> {
     void TakeBytes(uint8_t* bytes, size_t size);
     void TakeOpening(uint8_t* bytes, size_t size);
     void ReadingFailed(const asio::error_code& error);
-    void Close() noexcept;
+    void Close();
     std::chrono::seconds Idle() const { return std::chrono::seconds(bridge_.settings.idle); }
 
     Bridge& bridge_;

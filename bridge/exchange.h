@@ -20,7 +20,7 @@ namespace kesto::bridge {
 // The owner of what may throw. An exception ends it, and nothing else.
 class Owner {
  public:
-    virtual void Failed() noexcept = 0;  // called while the exception is handled
+    virtual void Failed() = 0;  // called while the exception is handled
 
  protected:
     ~Owner() = default;

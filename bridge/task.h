@@ -25,7 +25,7 @@ struct Task {
         std::suspend_never initial_suspend() { return {}; }
         std::suspend_never final_suspend() noexcept { return {}; }
         void return_void() {}
-        void unhandled_exception() noexcept { owner_.Failed(); }
+        void unhandled_exception() { owner_.Failed(); }
 
      private:
         Owner& owner_;

@@ -72,10 +72,10 @@ struct Upkeep::Lookup {
     }
 };
 
-class Upkeep::Question : public Owner {
+class Upkeep::Question final : public Owner {
  public:
     explicit Question(ServerPtr server) : server_(std::move(server)) {}
-    void Failed() noexcept override {
+    void Failed() override {
         CallProbeOff(*server_);
         over = true;
     }
