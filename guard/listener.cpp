@@ -15,7 +15,7 @@ namespace {
 
 constexpr DWORD kWaitForPortMs = 10'000;
 constexpr DWORD kBetweenTriesMs = 250;
-constexpr int kLongestSilenceMs = 20'000;  // as the plug-in has it
+constexpr int kLongestSilenceMs = 20'000;  // like the plug-in's
 constexpr LONG kMostTurnedAway = 200;      // at a time, who are let finish
 
 volatile LONG g_turned_away = 0;

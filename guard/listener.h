@@ -1,4 +1,4 @@
-// The listening socket, which is the guard's for as long as it lives.
+// The listening socket, which the guard owns for as long as it lives.
 #pragma once
 
 #include <winsock2.h>

@@ -1,6 +1,6 @@
-// kestoav.exe: owns the port on which the plug-in finds its engine, and sees to it that a worker serves
-// there, kestobridge.exe of the same folder. It does little else, so that it never goes away: each scan that
-// finds no kestoav.exe starts it anew for itself. Started without arguments.
+// kestoav.exe: owns the port on which the plug-in finds its engine, and makes sure that a worker serves
+// there: kestobridge.exe of the same folder. It does little else, so that it never goes away, since each scan
+// that finds no kestoav.exe starts one for itself. It is started without arguments.
 #include <winsock2.h>
 #include <windows.h>
 
@@ -24,14 +24,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kLongestSilence = 15s;  // the plug-in gives a scan up after 20
+constexpr auto kLongestSilence = 15s;  // the plug-in gives up a scan after 20 s
 constexpr auto kLongestStart = 10s;    // of a worker beside another
-constexpr auto kSettled = 5s;          // one that ends after so long is not said to keep ending
+constexpr auto kSettled =
+    5s;  // a worker that ends later than this does not count as one that ends again and again
 constexpr auto kFirstPause = 250ms;
 constexpr auto kLongestPause = 8000ms;
 constexpr auto kSettingsPause = 5s;  // until settings that cannot be followed are tried again
-constexpr auto kGap = 2s;            // for which clients wait in the system's queue for a worker
-constexpr auto kStandstill = 2s;     // between two steps: the machine slept
+constexpr auto kGap = 2s;            // how long clients wait in the system's queue for a worker
+constexpr auto kStandstill = 2s;     // so long between two steps: the machine was asleep
 constexpr DWORD kStepMs = 250;
 constexpr DWORD kStepWithoutWorkerMs = 25;
 
@@ -187,7 +188,8 @@ class Guard {
     const std::wstring folder_;
     const SOCKET listener_;
     Requests& requests_;
-    std::list<Worker> workers_;  // one that starts or serves, both in an exchange, and those that leave
+    std::list<Worker>
+        workers_;  // the one that starts or serves, or both during an exchange, and those that leave
     uint32_t starts_ = 0;
     Time stepped_ = Clock::now();
     Time served_ = Clock::now();  // when a worker served last
@@ -197,7 +199,7 @@ class Guard {
     bool settings_wrong_ = false;  // none has served since one could not follow them
 };
 
-// Whatever fails for want of memory is tried again: without its guard the engine is nothing.
+// Whatever fails because there is no memory is tried again, since the engine needs its guard.
 template <typename Work>
 auto Persist(Work work) {
     for (;;) {
@@ -226,7 +228,7 @@ int Explain() {
 
 int Run() {
     SetErrorMode(SEM_FAILCRITICALERRORS |
-                 SEM_NOGPFAULTERRORBOX);  // inherited: no dialogue keeps a dead worker
+                 SEM_NOGPFAULTERRORBOX);  // inherited, so that no dialogue keeps a crashed worker
     const std::wstring folder = Persist(ProgramFolder);
     Requests requests;
     if (!Persist([&] { return requests.Open(folder); })) {

@@ -9,7 +9,7 @@ namespace {
 
 // The system, administrators, and the account under which the guard runs.
 constexpr wchar_t kWhoMayAsk[] = L"D:P(A;;GA;;;SY)(A;;GA;;;BA)(A;;GA;;;OW)";
-constexpr DWORD kAnswerSize = 4096;  // more than any answer takes
+constexpr DWORD kAnswerSize = 4096;  // larger than any answer
 
 }  // namespace
 
@@ -55,7 +55,7 @@ void Requests::Answer(const std::string& text) {
     WriteFile(pipe_, text.data(), static_cast<DWORD>(text.size()), nullptr,
               &writing);  // there is room for it
     state_ = State::kAnswered;
-    // Whoever asked has read it when this ends, with its closing of the pipe.
+    // This ends when whoever asked has read the answer and closed the pipe.
     if (!ReadFile(pipe_, &scrap_, 1, nullptr, &event_) && GetLastError() != ERROR_IO_PENDING) {
         SetEvent(event_.hEvent);
     }

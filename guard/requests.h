@@ -1,5 +1,5 @@
-// Requests for a restart, from a pipe whose name holds the folder: whoever may connect to it asks for one by
-// doing so, and is answered on it. It also marks that a guard is at work: a folder has one at a time.
+// Requests for a restart, by a pipe whose name holds the folder: whoever connects to it asks for a restart,
+// and gets the answer there. The pipe also shows that a guard is at work: a folder has one at a time.
 #pragma once
 
 #include <windows.h>
@@ -10,12 +10,12 @@ namespace kesto::guard {
 
 class Requests {
  public:
-    // False: another guard of this folder is at work. Where there can be no such pipe, nobody asks.
+    // False: another guard of this folder is at work. If the pipe cannot be made, nobody can ask.
     bool Open(const std::wstring& folder);
 
     // Set when Take is to be called.
     HANDLE Event() const { return event_.hEvent; }
-    // True when a restart is asked for: it is to be answered.
+    // True when somebody asks for a restart, who must get an answer.
     bool Take();
     bool Asked() const { return state_ == State::kAsked; }
     void Answer(const std::string& text);

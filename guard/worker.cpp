@@ -25,7 +25,7 @@ constexpr struct {
     {0xC0000409, "stopped itself"},
 };
 
-// Starts the program with the two handles and nothing else of ours.
+// Starts the program with these two handles and no others of ours.
 bool Start(const std::wstring& program, const std::wstring& folder, HANDLE input, HANDLE alive,
            PROCESS_INFORMATION& started) {
     alignas(std::max_align_t) std::byte memory[256];  // enough for one attribute

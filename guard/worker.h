@@ -1,4 +1,4 @@
-// One worker as its guard sees it: kestobridge.exe, started without a console or a window.
+// A worker as its guard sees it: kestobridge.exe, started without a console or a window.
 #pragma once
 
 #include <winsock2.h>
@@ -15,9 +15,9 @@ using Clock = std::chrono::steady_clock;
 using Time = Clock::time_point;
 
 enum class State {
-    kStarting,  // has given no sign of life yet
+    kStarting,  // no sign of life yet
     kServing,
-    kLeaving  // lets no client in any more, and ends after its running scans
+    kLeaving  // lets no more clients in, and ends after its running scans
 };
 
 struct Worker {
@@ -29,7 +29,7 @@ struct Worker {
     Time heard;
 };
 
-// Starts one that shares the listening socket. Returns the system's error code.
+// Starts a worker that shares the listening socket. Returns the system's error code.
 DWORD StartWorker(const std::wstring& folder, SOCKET listener, WorkerOrders orders, Worker& worker);
 
 // Whether it has given a sign of life since the last call.
@@ -37,7 +37,7 @@ bool GaveSign(const Worker& worker);
 
 void TellToLeave(Worker& worker);
 
-// To be called once it has ended.
+// To be called when it has ended.
 void Forget(Worker& worker);
 
 // How a process ended, in words: "crashed: access violation (0xC0000005)".
