@@ -8,6 +8,7 @@
 #include "bridge/client.h"
 #include "common/acknowledge.h"
 #include "common/bridge_log.h"
+#include "common/detached_thread.h"
 #include "common/error_words.h"
 
 namespace kesto::bridge {
@@ -21,8 +22,11 @@ constexpr auto kPauseAfterFailure = 100ms;
 
 }  // namespace
 
-Listener::Listener(Bridge& bridge, SOCKET shared)
-    : bridge_(bridge), shared_(shared), thread_([this] { Accept(); }) {}
+Listener::Listener(Bridge& bridge, SOCKET shared) : bridge_(bridge), shared_(shared) {
+    if (!RunDetached([this] { Accept(); })) {
+        throw std::bad_alloc();
+    }
+}
 
 void Listener::Accept() {
     for (;;) {

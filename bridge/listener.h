@@ -7,7 +7,6 @@
 #include <atomic>
 #include <memory>
 #include <optional>
-#include <thread>
 
 #include "bridge/bridge.h"
 
@@ -49,7 +48,6 @@ class Listener {
     std::atomic<bool> stopping_ = false;
     std::optional<Arrival> arrival_;
     HANDLE door_ = CreateEventW(nullptr, FALSE, TRUE, nullptr);
-    std::thread thread_;
 };
 
 }  // namespace kesto::bridge

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <exception>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -17,7 +16,7 @@
 #include "bridge/upkeep.h"
 #include "common/bridge_ini.h"
 #include "common/bridge_log.h"
-#include "common/error_words.h"
+#include "common/detached_thread.h"
 #include "common/guard_words.h"
 #include "common/program_folder.h"
 
@@ -127,37 +126,38 @@ int Run() {
     const std::string log_problem = UseBridgeLog(ini, folder);
     bridge.own = OwnAddresses();
     const std::vector<std::string> problems = Problems(ini, bridge);
-    if (!problems.empty() && orders.known_problem != 0) {
-        return kCannotFollow;
-    }
-    if (!log_problem.empty()) {
-        LogBridge("log", log_problem);
-    }
-    if (!problems.empty()) {
+    if (problems.empty() || orders.known_problem == 0) {
+        if (!log_problem.empty()) {
+            LogBridge("log", log_problem);
+        }
         for (const std::string& problem : problems) {
             LogBridge("start", kCannotStart + problem);
         }
+    }
+    if (!problems.empty()) {
         return kCannotFollow;
     }
-    const bool moved =
-        !(std::exchange(ini.settings.listen, bridge.settings.listen) == bridge.settings.listen);
+    if (!(ini.settings.listen == bridge.settings.listen)) {
+        LogBridge("start", "listen is taken up when kestoav.exe is started anew");
+    }
+    ini.settings.listen = bridge.settings.listen;
     bridge.settings = std::move(ini.settings);
     LogBridge("start",
               "listening on " + AddressText(bridge.settings.listen) + ": " + SettingsText(bridge.settings));
-    if (moved) {
-        LogBridge("start", "listen is taken up when kestoav.exe is started anew");
-    }
     bridge.metrics.started = Clock::now();
     bridge.metrics.worker_starts = orders.starts;
     Apply(bridge, Clock::now());
 
     Listener& listener = *new Listener(bridge, shared);
-    std::thread([&] {
+    const bool obeys = RunDetached([&] {
         for (char order = '\0'; ReadOrders(&order, 1);) {
             asio::post(bridge.io, [&] { leaving.Begin(listener); });
         }
         TerminateProcess(GetCurrentProcess(), 0);
-    }).detach();
+    });
+    if (!obeys) {
+        return 1;
+    }
     RunLoop(bridge, listener, reload, leaving,
             reinterpret_cast<HANDLE>(static_cast<uintptr_t>(orders.alive)));
     LogBridge("end", "ended");

@@ -31,7 +31,7 @@ constexpr auto kSettled =
 constexpr auto kFirstPause = 250ms;
 constexpr auto kLongestPause = 8000ms;
 constexpr auto kSettingsPause = 5s;  // until settings that cannot be followed are tried again
-constexpr auto kGap = 2s;            // how long clients wait in the system's queue for a worker
+constexpr auto kGap = 1800ms;        // how long clients wait in the system's queue for a worker: 2 s in all
 constexpr auto kStandstill = 2s;     // so long between two steps: the machine was asleep
 constexpr DWORD kStepMs = 250;
 constexpr DWORD kStepWithoutWorkerMs = 25;
@@ -42,8 +42,7 @@ class Guard {
         : folder_(std::move(folder)), listener_(listener), requests_(requests) {}
 
     void Step() {
-        const bool idle = Clock::now() > served_ + kGap;
-        Wait(idle ? kStepWithoutWorkerMs : kStepMs);
+        Wait(Any(State::kServing) ? kStepMs : kStepWithoutWorkerMs);
         const Time now = Clock::now();
         const bool stood_still = now > stepped_ + kStandstill;
         stepped_ = now;

@@ -98,7 +98,7 @@ cp "$work/eicar.com" .
 status=0
 "$top/scripts/wine" kestoscan.exe eicar.com >"$work/scanned" || status=$?
 [ "$status" -eq 1 ] || fail "EICAR is not found: $(cat "$work/scanned")"
-cp kestoscan.exe plugins/kestoav/kestoavu.exe  # for one of the administrator's own
+cp "$WINEPREFIX/drive_c/windows/system32/hostname.exe" plugins/kestoav/kestoavu.exe  # of the administrator's own
 sha256sum plugins/kestoav/kestoavu.exe >>"$work/settings"
 setup 0
 sha256sum -c --quiet "$work/settings" || fail "an upgrade changes what is the administrator's"
