@@ -24,7 +24,8 @@ namespace {
 }();
 
 // A test that hangs ends its program, with its children, before the runner's limit passes: a signal from
-// outside has taken Wine's server along. The thread outlives the test framework, so it touches nothing of that.
+// outside has taken Wine's server along. The thread outlives the test framework, so it touches nothing of
+// that.
 std::atomic<ULONGLONG> g_test_ends_by = ULLONG_MAX;
 
 class Watch : public testing::EmptyTestEventListener {
@@ -77,13 +78,6 @@ std::filesystem::path Beside(std::filesystem::path program, const char* ending) 
 }
 
 }  // namespace
-
-size_t CountEngines() {
-    const auto programs = AllPrograms();
-    return static_cast<size_t>(std::count_if(programs.begin(), programs.end(), [](const auto& each) {
-        return _wcsicmp(each.second.filename().c_str(), L"kestoav.exe") == 0;
-    }));
-}
 
 Installation::Installation(const std::wstring& name) : top(NewFolder()), folder(top / name) {
     std::filesystem::create_directories(engine_folder);
