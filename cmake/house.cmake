@@ -25,9 +25,11 @@ function(house_library name)
 endfunction()
 
 # The same for the plug-in's parts. An exception must never reach the host, and the processes of some hosts
-# end even at one that the plug-in itself catches. So these parts have no exceptions.
+# end even at one that the plug-in itself catches. So these parts have no exceptions. Its stack is the host's,
+# too: no function takes more of it than a chunk of a scan needs.
 function(plugin_library name)
   house_library(${name} ${ARGN})
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-Wframe-larger-than=9000>)
   target_compile_options(${name} PRIVATE -fno-exceptions)
 endfunction()
 

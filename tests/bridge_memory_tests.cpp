@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <new>
-#include <thread>
 
 #include "bridge/client.h"
 #include "bridge/upkeep.h"
@@ -23,30 +22,6 @@ long g_held = 0;     // blocks
 
 struct alignas(16) Header {
     bool counted;
-};
-
-// Serves one connection after the other.
-struct SerialEngine {
-    explicit SerialEngine(const EngineScript& script)
-        : listener(ListenOnLoopback(port)), thread([this, script] {
-              while (!ended) {
-                  Wire::Script state(ended);
-                  Wire wire(accept(listener, nullptr, nullptr), &state);
-                  script(wire);
-              }
-          }) {}
-    ~SerialEngine() {
-        ended = true;
-        closesocket(ConnectToLoopback(port));
-        thread.join();
-        closesocket(listener);
-    }
-    std::string Port() const { return ":" + std::to_string(port); }
-
-    uint16_t port = 0;
-    const SOCKET listener;
-    std::atomic<bool> ended = false;
-    std::thread thread;
 };
 
 struct RunningBridge : Bridge {
@@ -105,9 +80,9 @@ struct RunningBridge : Bridge {
 
 TEST(BridgeMemory, LackOfItAtAnyPointEndsOneClientAtMost) {
     const std::string no_verdict = WithNul("no memory ERROR");
-    SerialEngine sick(ReplyingBytes(no_verdict)), clamd(Realistic());
-    RunningBridge bridge("127.0.0.1" + sick.Port() + " 127.0.0.1" + clamd.Port() + " localhost" +
-                         sick.Port());
+    ScriptedEngine sick(ReplyingBytes(no_verdict)), clamd(Realistic());
+    RunningBridge bridge(sick.Address() + " " + clamd.Address() +
+                         " localhost:" + std::to_string(sick.Port()));
     const std::string scan = ScanRequestOf(std::string(200'000, 'd') + "VIRUS");
     const std::pair<std::string, std::string> cases[] = {
         {scan, WithNul("stream: Test.Virus FOUND")},

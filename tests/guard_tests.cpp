@@ -1,43 +1,23 @@
 // The guard as a process: that clients are never refused, whatever becomes of its worker.
 #include <gmock/gmock.h>
 
-#include <algorithm>
-
-#include "tests/support/plugin_host.h"
+#include "tests/support/bridge_process.h"
 
 namespace kesto {
 namespace {
 
 using namespace testing;
 
-const std::string kFound = WithNul("stream: Test.Virus FOUND");
-
 class GuardTest : public testing::Test {
  protected:
-    GuardTest() { EXPECT_TRUE(Serves()); }
-
-    std::string Scan() const { return Ask(port, ScanRequestOf(std::string(1'000'000, 'd') + "VIRUS")); }
+    std::string Scan() const { return bridge.Scan(std::string(1'000'000, 'd') + "VIRUS"); }
     bool Serves() const {
         return WaitFor([this] { return Scan() == kFound; });
     }
-    std::string Log() const { return ReadText(it.engine_folder / "bridge.log"); }
-    size_t Told(const std::string& text) const {
-        const std::string log = Log();
-        size_t times = 0;
-        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
-            ++times;
-        }
-        return times;
-    }
-    RunResult Restart() const { return ProgramRun(it.folder / "kestoscan.exe", L"--restart").Finish(); }
-    // As one does whose program is to be replaced while it runs.
-    void RenameWorker() const { std::filesystem::rename(it.worker, it.top / "kestobridge-old.exe"); }
 
-    Installation it{L"bridge"};
     ScriptedEngine clamd{Realistic()};
-    const uint16_t port = it.PlaceBridge(clamd.Address(), "", "guard_alone.exe");
-    const std::filesystem::path program = it.engine_folder / "guard_alone.exe";
-    std::optional<ProgramRun> run{std::in_place, program};
+    BridgeProcess bridge{clamd.Address()};
+    Installation& it = bridge.home;
 };
 
 TEST_F(GuardTest, StartsAWorkerThatEndsAnewAndRefusesNobody) {
@@ -47,15 +27,15 @@ TEST_F(GuardTest, StartsAWorkerThatEndsAnewAndRefusesNobody) {
         EXPECT_EQ(Scan(), kFound);  // waits for the next worker
         EXPECT_NE(it.ProcessOf(it.worker), former);
     }
-    EXPECT_THAT(Ask(port, WithNul("zSTATS")), HasSubstr("\nkestoav_worker_starts_total 4\n"));
-    EXPECT_EQ(Told("kestobridge.exe ended (1)"), 3u);
+    EXPECT_THAT(bridge.Command("zSTATS"), HasSubstr("\nkestoav_worker_starts_total 4\n"));
+    EXPECT_THAT(bridge.Log(), HasSubstr("kestobridge.exe ended (1)"));
 }
 
 TEST_F(GuardTest, EndsAWorkerThatStandsStill) {
     const HANDLE worker = OpenProcess(PROCESS_ALL_ACCESS, FALSE, it.ProcessOf(it.worker));
     reinterpret_cast<LONG(WINAPI*)(HANDLE)>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtSuspendProcess")))(worker);
-    EXPECT_TRUE(WaitFor([&] { return Told("gave no sign of life for 15 s") == 1; }, 2 * kTestLimit));
+    EXPECT_TRUE(bridge.Tells("gave no sign of life for 15 s", "bridge.log", 2 * kTestLimit));
     EXPECT_EQ(Scan(), kFound);
     EXPECT_EQ(WaitForSingleObject(worker, 0), WAIT_OBJECT_0);
     CloseHandle(worker);
@@ -65,11 +45,12 @@ TEST_F(GuardTest, HangsUpWhileNoWorkerCanServe) {
     const auto ini = it.engine_folder / "bridge.ini";
     const std::string good = ReadFile(ini);
     WriteFile(ini, good + "idle=soon\r\n");
-    EXPECT_THAT(Restart().err, AllOf(HasSubstr("not restarted - the new kestobridge.exe cannot follow its"),
-                                     HasSubstr("bridge settings: bridge.ini line 5: idle=soon")));
+    EXPECT_THAT(bridge.Restart().err,
+                AllOf(HasSubstr("not restarted - the new kestobridge.exe cannot follow its"),
+                      HasSubstr("bridge settings: bridge.ini line 5: idle=soon")));
     EXPECT_EQ(Scan(), kFound);  // the old one goes on
     it.EndPrograms(it.worker.wstring());
-    it.WriteSettings(Servers(port) + "startwait=1\n");
+    it.WriteSettings(Servers(bridge.port) + "startwait=1\n");
     LoadedPlugin plugin(it);
     EXPECT_TRUE(WaitFor([&] { return Scan().empty(); }));
     it.PlaceStandIn(it.elsewhere, "wait");  // to the plug-in, its engine runs
@@ -78,38 +59,42 @@ TEST_F(GuardTest, HangsUpWhileNoWorkerCanServe) {
     const DWORD start = GetTickCount();
     EXPECT_EQ(ScanWith(plugin, std::string(3'000'000, 'd')), "failed 1003");
     EXPECT_LT(GetTickCount() - start, 2000u);
-    EXPECT_EQ(Told("cannot start - bridge.ini line 5: idle=soon"), 1u);
+    const std::string log = bridge.Log(), told = "cannot start - bridge.ini line 5: idle=soon";
+    EXPECT_NE(log.find(told), log.npos);
+    EXPECT_EQ(log.find(told), log.rfind(told));
     WriteFile(ini, good);
     EXPECT_TRUE(Serves());
 }
 
 TEST_F(GuardTest, EndsWithItsWorkerAndIsTheOnlyOneOfItsFolder) {
+    const auto program = it.engine_folder / bridge.kProgram;
     const RunResult second = ProgramRun(program).Finish();
     EXPECT_EQ(std::to_string(second.status) + second.err, "0");
     EXPECT_THAT(ProgramRun(program, L"--help").Finish().err, StartsWith("kestoav.exe is started by"));
-    const std::string log = Log();
-    run.reset();
+    const std::string log = bridge.Log();
+    bridge.run.reset();
     EXPECT_TRUE(WaitFor([&] { return it.ProcessOf(it.worker) == 0; }, std::chrono::seconds(1)));
-    run.emplace(program);
+    bridge.run.emplace(program);
     EXPECT_TRUE(Serves());
-    EXPECT_EQ(Log().substr(0, log.size()), log);
+    EXPECT_EQ(bridge.Log().substr(0, log.size()), log);
 }
 
 TEST_F(GuardTest, KeepsTheOldWorkerWhereNoNewOneComesUp) {
-    RenameWorker();
+    // As one does whose program is to be replaced while it runs.
+    std::filesystem::rename(it.worker, it.top / "kestobridge-old.exe");
     it.PlaceStandIn(it.worker, "wait");
     ProgramRun silent(it.folder / "kestoscan.exe", L"--restart");
     EXPECT_TRUE(it.WaitForStarts(it.worker, 1));
-    EXPECT_THAT(Restart().err, HasSubstr("not restarted - another restart is under way\n"));
+    EXPECT_THAT(bridge.Restart().err, HasSubstr("not restarted - another restart is under way\n"));
     EXPECT_EQ(Scan(), kFound);
     EXPECT_THAT(silent.Finish().err, HasSubstr("gave no sign of life for 10 s"));
     DeleteFileW(it.worker.c_str());
-    EXPECT_THAT(Restart().err, HasSubstr("cannot start kestobridge.exe - File not found (2)"));
+    EXPECT_THAT(bridge.Restart().err, HasSubstr("cannot start kestobridge.exe - File not found (2)"));
     std::filesystem::copy_file(BuiltFolder() / "kestobridge.exe", it.worker);
-    EXPECT_EQ(Restart().status, 0u);
+    EXPECT_EQ(bridge.Restart().status, 0u);
     EXPECT_EQ(Scan(), kFound);
-    run.reset();
-    EXPECT_THAT(Restart().err, HasSubstr("kestoav.exe runs\n"));
+    bridge.run.reset();
+    EXPECT_THAT(bridge.Restart().err, HasSubstr("kestoav.exe runs\n"));
 }
 
 }  // namespace

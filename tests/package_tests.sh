@@ -47,33 +47,35 @@ touch kestoav.log
 echo 'Nothing to see here.' >"$work/clean.txt"
 eicar >"$work/eicar.com"
 
+# Runs a program to its end; what it says goes into $work/said.
+run_to() { # EXIT_CODE PROGRAM ARGUMENT...
+  local status=0 expected=$1
+  shift
+  "$top/scripts/wine" "$@" >"$work/said" 2>&1 4>&- || status=$?
+  [ "$status" -eq "$expected" ] || fail "$* ended with $status: $(cat "$work/said")"
+}
 start_wine package
 cd "$work"
-status=0
-"$top/scripts/wine" "$installed/kestoscan.exe" clean.txt eicar.com >scanned 2>&1 || status=$?
-tr -d '\r' <scanned
-[ "$status" -eq 1 ] || fail "kestoscan ended with $status"
-grep -q '^clean.txt: OK' scanned || fail "the clean sample is not clean"
-grep -q '^eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND' scanned || fail "EICAR is not found"
-grep -q 'started .*kestoav.exe' scanned || fail "the engine was not started"
+run_to 1 "$installed/kestoscan.exe" clean.txt eicar.com
+tr -d '\r' <said
+for line in '^clean.txt: OK' '^eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND' 'started .*kestoav.exe'; do
+  grep -q "$line" said || fail "the scan says nothing of $line"
+done
 if grep restarting "$installed/kestoav.log"; then fail "the engine was restarted"; fi
 
-"$top/scripts/wine" "$installed/kestoscan.exe" --check || fail "the check found a fault"
+run_to 0 "$installed/kestoscan.exe" --check
 "$top/scripts/wine" "$installed/kestoscan.exe" --stats | tee stats | promtool check metrics ||
   fail "Prometheus refuses the numbers"
 # This clamd has no signatures of which it could tell the age.
 for name in $(grep -o 'kestoav_[a-z_]*' "$installed/monitoring/alerts.yml" | grep -v signatures); do
   grep -q "^$name[{ ]" stats || fail "an alarm asks for $name, which is not among the numbers"
 done
-"$top/scripts/wine" taskkill /f /im kestoav.exe >taskkill.log || fail "$(cat taskkill.log)"
+run_to 0 taskkill /f /im kestoav.exe
 
 
 # The set-up program. Where something else on this machine has the usual port, its check fails.
 setup() { # EXIT_CODE ARGUMENT...
-  local status=0 expected=$1
-  shift
-  "$top/scripts/wine" "$top"/build/release/kestoav-*-setup.exe /S "$@" >"$work/said" || status=$?
-  [ "$status" -eq "$expected" ] || fail "set-up $* ended with $status: $(cat "$work/said" logs/setup.log)"
+  run_to "$1" "$top"/build/release/kestoav-*-setup.exe /S "${@:2}"
 }
 rm -rf "$WINEPREFIX/drive_c/KESTO"
 mkdir "$WINEPREFIX/drive_c/KESTO"
@@ -95,9 +97,7 @@ sed -i "s/^servers=.*/servers=127.0.0.1:$port\r/" kestoav.ini
 sed -i "s/^listen=.*/listen=127.0.0.1:$port\r/" plugins/kestoav/bridge.ini
 sha256sum kestoav.ini plugins/kestoav/bridge.ini >"$work/settings"
 cp "$work/eicar.com" .
-status=0
-"$top/scripts/wine" kestoscan.exe eicar.com >"$work/scanned" || status=$?
-[ "$status" -eq 1 ] || fail "EICAR is not found: $(cat "$work/scanned")"
+run_to 1 kestoscan.exe eicar.com
 cp "$WINEPREFIX/drive_c/windows/system32/hostname.exe" plugins/kestoav/kestoavu.exe  # of the administrator's own
 sha256sum plugins/kestoav/kestoavu.exe >>"$work/settings"
 setup 0
@@ -109,10 +109,8 @@ exec 4<>"$work/pipe"
 "$top/scripts/wine" kestoscan.exe - <"$work/pipe" >"$work/scanned" 2>&1 4>&- &
 host=$!
 timeout 60 head -c 100000 /dev/zero >&4 || fail "kestoscan reads nothing"  # more than a pipe holds
-setup 4 4>&-
-status=0
-"$top/scripts/wine" uninstall.exe /S '_?=C:\KESTO' >"$work/said" 4>&- || status=$?
-[ "$status" -eq 4 ] || fail "uninstalling under a host ends with $status"
+setup 4
+run_to 4 uninstall.exe /S '_?=C:\KESTO'
 exec 4>&-
 wait "$host" || fail "the scan ends with $?: $(cat "$work/scanned")"
 

@@ -16,7 +16,6 @@ TEST(ServerList, SplitsAtSingleBlanksAndReadsPortsAsNumbersOf16Bits) {
     const std::pair<const char*, const char*> cases[] = {
         {"a:1  b", "<a|1><|3313><b|3313>"},
         {" a ", "<|3313><a|3313><|3313>"},
-        {"", "<|3313>"},
         {"a\t,b:2 [::1]:3310 h:1:2", "<a\t,b|2><[|0><h|1>"},
         {"h: h:x h:-1 h:70000 h:010 h:0x1F h:+7 h:\t8 h:9z",
          "<h|0><h|0><h|65535><h|4464><h|10><h|0><h|7><h|8><h|9>"},

@@ -16,14 +16,13 @@ constexpr int kLongestLifeMs = 120'000;  // if nothing else ends it
 
 DWORD Play(const std::string& program) {
     std::ifstream file(program + ".role");
-    std::string role, script;
+    std::string role;
     uint16_t number = 0;
-    file >> role >> number >> std::ws;
-    std::getline(file, script);
+    file >> role >> number;
 
     std::optional<ScriptedEngine> engine;
     if (role == "engine") {
-        engine.emplace(script == "shifted" ? Realistic({.shifted = true}) : Replying(script), number);
+        engine.emplace(Realistic({.shifted = true}), number);
     }
     std::ofstream(program + ".started", std::ios::app | std::ios::binary) << '1';
     if (role == "exit") {

@@ -79,13 +79,6 @@ std::filesystem::path Beside(std::filesystem::path program, const char* ending) 
 
 }  // namespace
 
-size_t CountEngines() {
-    const auto programs = AllPrograms();
-    return static_cast<size_t>(std::count_if(programs.begin(), programs.end(), [](const auto& each) {
-        return _wcsicmp(each.second.filename().c_str(), L"kestoav.exe") == 0;
-    }));
-}
-
 Installation::Installation(const std::wstring& name) : top(NewFolder()), folder(top / name) {
     std::filesystem::create_directories(engine_folder);
     for (const char* each : {"CLAMDLL.dll", "kestoscan.exe"}) {

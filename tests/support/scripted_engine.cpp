@@ -1,6 +1,7 @@
 #include "tests/support/scripted_engine.h"
 
 #include <algorithm>
+#include <ctime>
 #include <stdexcept>
 #include <utility>
 
@@ -136,9 +137,10 @@ EngineScript Replying(std::string_view text) {
     return ReplyingBytes(WithNul(text));
 }
 
-EngineScript DyingAfter(size_t bytes, bool resets) {
+EngineScript DyingAfter(size_t bytes, bool resets, const std::string& reply) {
     return [=](Wire& wire) {
         wire.Receive(bytes);
+        wire.Send(reply);
         if (resets) {
             wire.Reset();
         }
@@ -167,6 +169,13 @@ EngineScript Realistic(ClamdTraits traits) {
                                                                               : "stream: OK");
         }
     };
+}
+
+std::string VersionOfDaysAgo(int days) {
+    const std::time_t then = std::time(nullptr) - days * 86400;
+    char text[64];
+    std::strftime(text, sizeof text, "Engine 1/27000/%a %b %d %H:%M:%S %Y", std::gmtime(&then));
+    return text;
 }
 
 ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port) : script_(std::move(script)), port_(port) {

@@ -73,8 +73,9 @@ using EngineScript = std::function<void(Wire&)>;
 enum class Then { kHangsUp, kResets, kHolds };
 // Replies to each request with exactly these bytes, in pieces of this size.
 EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp, size_t piece = SIZE_MAX);
-EngineScript Replying(std::string_view text);                       // the same with a NUL behind it
-EngineScript DyingAfter(size_t bytes, bool resets = false);         // as soon as it has received so many
+EngineScript Replying(std::string_view text);  // the same with a NUL behind it
+// As soon as it has received so many bytes, having sent the reply as it stands.
+EngineScript DyingAfter(size_t bytes, bool resets = false, const std::string& reply = "");
 inline const EngineScript kDeaf = [](Wire& wire) { wire.Hold(); };  // never reads
 EngineScript Endless(std::string beginning);  // the beginning and then x after x, without a NUL
 // As clamd does: PONG, its version, and to a scan FOUND when the data is the EICAR string or holds VIRUS,
@@ -84,6 +85,7 @@ struct ClamdTraits {
     std::string version = "ClamAV 1.4.3/27000/Mon Jan  1 00:00:00 2024";
 };
 EngineScript Realistic(ClamdTraits traits = {});
+std::string VersionOfDaysAgo(int days);  // with signatures so old
 
 class ScriptedEngine {
  public:
