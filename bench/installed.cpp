@@ -32,7 +32,7 @@ double StartedBridge::WorkingSetKilobytes() const {
     DWORD ids[4096], size = 0;
     EnumProcesses(ids, sizeof ids, &size);
     for (const DWORD id : std::span(ids, size / sizeof *ids)) {
-        const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id);
+        HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id);
         wchar_t path[MAX_PATH] = L"";
         DWORD length = MAX_PATH;
         PROCESS_MEMORY_COUNTERS counters = {};

@@ -1,7 +1,6 @@
 #include "bridge/listener.h"
 
 #include <asio/post.hpp>
-#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -15,10 +14,9 @@ namespace kesto::bridge {
 namespace {
 
 using asio::ip::tcp;
-using namespace std::chrono_literals;
 
 constexpr long kBetweenLooksUs = 100'000;  // for the end
-constexpr auto kPauseAfterFailure = 100ms;
+constexpr DWORD kPauseAfterFailureMs = 100;
 
 }  // namespace
 
@@ -49,7 +47,7 @@ void Listener::Accept() {
         } else if (error != WSAECONNRESET) {
             // A client that left before it was let in must not keep the next one waiting.
             LogFailure(error);
-            std::this_thread::sleep_for(kPauseAfterFailure);
+            Sleep(kPauseAfterFailureMs);
         }
     }
 }
@@ -69,7 +67,7 @@ void Listener::HandOver(SOCKET client, const tcp::endpoint& peer, Doorway doorwa
                        arrival_.emplace(std::move(arrival));
                    });
     } catch (const std::exception&) {  // out of memory: the connection is closed
-        std::this_thread::sleep_for(kPauseAfterFailure);
+        Sleep(kPauseAfterFailureMs);
     }
 }
 

@@ -149,13 +149,12 @@ int Run() {
     Apply(bridge, Clock::now());
 
     Listener& listener = *new Listener(bridge, shared);
-    const bool obeys = RunDetached([&] {
-        for (char order = '\0'; ReadOrders(&order, 1);) {
-            asio::post(bridge.io, [&] { leaving.Begin(listener); });
-        }
-        TerminateProcess(GetCurrentProcess(), 0);
-    });
-    if (!obeys) {
+    if (!RunDetached([&] {
+            for (char order = '\0'; ReadOrders(&order, 1);) {
+                asio::post(bridge.io, [&] { leaving.Begin(listener); });
+            }
+            TerminateProcess(GetCurrentProcess(), 0);
+        })) {
         return 1;
     }
     RunLoop(bridge, listener, reload, leaving,

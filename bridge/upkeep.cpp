@@ -2,7 +2,6 @@
 
 #include <winsock2.h>
 #include <windows.h>
-#include <ws2tcpip.h>
 
 #include <algorithm>
 #include <atomic>
@@ -14,6 +13,7 @@
 #include "base/clamd_words.h"
 #include "common/detached_thread.h"
 #include "common/error_words.h"
+#include "common/name_lookup.h"
 
 namespace kesto::bridge {
 namespace {
@@ -28,29 +28,6 @@ constexpr auto kVersionLimit = 20s;
 constexpr auto kBetweenVersions = 10min;
 constexpr auto kFirstVersion = 30s;  // after the start: scans come first
 
-// Returns the error, 0 with addresses.
-int LookUpName(const ServerAddress& name, std::vector<ServerAddress>& addresses) {
-    addrinfo hints = {};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int error = getaddrinfo(name.host.c_str(), nullptr, &hints, &found);
-    const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(found, [](addrinfo* at) { freeaddrinfo(at); });
-    for (const addrinfo* at = found; at; at = at->ai_next) {
-        char text[INET6_ADDRSTRLEN + 1] = "";
-        getnameinfo(at->ai_addr, static_cast<socklen_t>(at->ai_addrlen), text, sizeof text, nullptr, 0,
-                    NI_NUMERICHOST);
-        auto address = ParseHost(text);
-        if (address) {
-            address->port = name.port;
-            if (std::find(addresses.begin(), addresses.end(), *address) == addresses.end()) {
-                addresses.push_back(*address);
-            }
-        }
-    }
-    return addresses.empty() ? std::max(error, 1) : 0;
-}
-
 }  // namespace
 
 // In a thread of its own: a lookup that hangs cannot be cancelled, and must not delay anything else.
@@ -63,7 +40,7 @@ struct Upkeep::Lookup {
 
     void Run() {
         try {
-            error = LookUpName(name, addresses);
+            error = LookUpName(name.host, name.port, addresses);
         } catch (const std::exception&) {
             addresses.clear();
             error = ERROR_NOT_ENOUGH_MEMORY;

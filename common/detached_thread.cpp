@@ -20,11 +20,11 @@ DWORD WINAPI Run(void* argument) {
 
 bool RunDetached(Work work) {
     auto handed_over = std::make_unique<Work>(std::move(work));
-    const HANDLE thread = CreateThread(nullptr, 0, Run, handed_over.get(), 0, nullptr);
+    HANDLE thread = CreateThread(nullptr, 0, Run, handed_over.get(), 0, nullptr);
     if (thread == nullptr) {
         return false;
     }
-    handed_over.release();
+    static_cast<void>(handed_over.release());  // it is the thread's now
     CloseHandle(thread);
     return true;
 }

@@ -15,7 +15,6 @@
 #include <asio/steady_timer.hpp>
 #include <asio/use_awaitable.hpp>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <utility>
 #include <vector>
@@ -24,6 +23,7 @@
 #include "base/clamd_words.h"
 #include "common/detached_thread.h"
 #include "common/error_words.h"
+#include "common/name_lookup.h"
 #include "common/text.h"
 
 namespace kesto {
@@ -58,24 +58,6 @@ void AskOnceOnLoopback(tcp::socket& socket, const asio::ip::address& address) {
         WSAIoctl(socket.native_handle(), SIO_TCP_INITIAL_RTO, &once, sizeof once, nullptr, 0, &written,
                  nullptr, nullptr);
     }
-}
-
-// Returns the system's error code.
-int LookUp(const std::string& host, Addresses& addresses) {
-    addrinfo wanted = {};
-    wanted.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int error = getaddrinfo(host.c_str(), nullptr, &wanted, &found);
-    for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
-        tcp::endpoint endpoint;
-        endpoint.resize(each->ai_addrlen);
-        std::memcpy(endpoint.data(), each->ai_addr, each->ai_addrlen);
-        addresses.push_back(endpoint.address());
-    }
-    if (found != nullptr) {
-        freeaddrinfo(found);
-    }
-    return error;
 }
 
 }  // namespace
@@ -175,8 +157,12 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
             addresses = loop_->known[host];
         } else {
             const bool runs = RunDetached([talk = weak_from_this(), loop = loop_, host] {
+                std::vector<ServerAddress> named;
+                const int failed = LookUpName(host, 0, named);
                 Addresses found;
-                const int failed = kesto::LookUp(host, found);
+                for (const ServerAddress& each : named) {
+                    found.push_back(asio::ip::make_address(each.host));
+                }
                 asio::post(loop->io, [talk, failed, found = std::move(found)] {
                     if (const auto waiting = talk.lock()) {
                         waiting->lookup_ = {failed, found};
