@@ -68,6 +68,14 @@ TEST_F(StartUpTest, StartsTheEngineUnlessItRunsOrIsNotToBeStarted) {
     }
 }
 
+int WINAPI NoSockets(WORD, WSADATA*) {
+    return WSASYSNOTREADY;
+}
+TEST_F(StartUpTest, IsRefusedWithoutSockets) {
+    const ImportPatch patch(plugin.module, "WSAStartup", NoSockets);
+    EXPECT_EQ(Start(""), -1);
+}
+
 TEST_F(StartUpTest, KeepsItsOwnCopyOf259CharactersOfTheFolder) {
     EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
     plugin.get_expiry(0, 0, 0);
