@@ -20,7 +20,7 @@ long g_spare = 0;    // allocations that still succeed
 long g_lacking = 0;  // that fail behind them
 long g_held = 0;     // blocks
 
-struct alignas(16) Header {
+struct alignas(8) Header {  // as malloc has it
     bool counted;
 };
 
