@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <atomic>
 
+#include "common/processes.h"
 #include "common/text.h"
 #include "host/check/check.h"
 #include "host/check/port_owner.h"
 #include "host/common/output.h"
-#include "host/common/processes.h"
 
 namespace kesto::host {
 namespace {

@@ -7,9 +7,9 @@
 #include <string_view>
 
 #include "common/error_words.h"
-#include "common/exact_path.h"
 #include "common/file_bytes.h"
 #include "common/text.h"
+#include "host/exact_path.h"
 #include "host/name_pattern.h"
 
 namespace kesto::host {

@@ -7,7 +7,7 @@
 #include <iterator>
 
 #include "common/error_words.h"
-#include "common/exact_path.h"
+#include "host/exact_path.h"
 
 namespace kesto::host {
 namespace {

@@ -9,10 +9,10 @@
 
 #include "common/bridge_ini.h"
 #include "common/file_bytes.h"
+#include "common/processes.h"
 #include "common/text.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
-#include "host/common/processes.h"
 #include "host/interrupt.h"
 
 namespace kesto::host {
@@ -24,7 +24,7 @@ constexpr uint64_t kMostTold = 4096;  // of what the updater has logged
 bool UpdaterRuns(const InstalledPlugin& installed) {
     const auto updaters = ProcessesNamed(L"kestoavu.exe");
     return std::any_of(updaters.begin(), updaters.end(), [&](const ProgramProcess& updater) {
-        return updater.path.empty() || SameFile(updater.path, installed.updater);
+        return updater.path.empty() || NameSameFile(updater.path, installed.updater);
     });
 }
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "common/bridge_ini.h"
-#include "host/common/processes.h"
+#include "common/processes.h"
 
 namespace kesto::setup {
 namespace {
@@ -16,11 +16,10 @@ namespace {
 std::vector<uint32_t> ProcessesOf(const std::wstring& file) {
     std::vector<uint32_t> ids;
     const auto same = [&](const std::wstring& path) {
-        return host::SameFile(path, file) || host::SameFile(path, file + L".old") ||
-               host::SameFile(path, file + L".old2");
+        return NameSameFile(path, file) || NameSameFile(path, file + L".old") ||
+               NameSameFile(path, file + L".old2");
     };
-    for (const host::ProgramProcess& process :
-         host::ProcessesNamed(file.substr(file.find_last_of(L'\\') + 1).c_str())) {
+    for (const ProgramProcess& process : ProcessesNamed(file.substr(file.find_last_of(L'\\') + 1).c_str())) {
         if (!process.path.empty() && same(process.path)) {
             ids.push_back(process.id);
         }

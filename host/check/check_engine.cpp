@@ -7,11 +7,11 @@
 
 #include "common/error_words.h"
 #include "common/file_bytes.h"
+#include "common/processes.h"
 #include "common/text.h"
 #include "host/check/check_settings.h"
 #include "host/check/dynamic_ports.h"
 #include "host/check/port_owner.h"
-#include "host/common/processes.h"
 
 namespace kesto::host {
 namespace {
@@ -232,7 +232,7 @@ Findings CheckEngineProcess(const InstalledPlugin& installed, const InstalledBri
                          std::to_string(engines.size()) +
                              " processes named kestoav.exe run: the plug-in cannot restart its engine then",
                          "end all but one");
-    } else if (!engines[0].path.empty() && !SameFile(engines[0].path, installed.engine)) {
+    } else if (!engines[0].path.empty() && !NameSameFile(engines[0].path, installed.engine)) {
         findings.Warning(check, "kestoav.exe runs from elsewhere: " + Utf8FromWide(engines[0].path),
                          "end it unless it is meant to be this plug-in's engine");
     } else if (bridge.has_ini && owner && !owner->program.empty() && owner->process_id != engines[0].id) {

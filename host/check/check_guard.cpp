@@ -8,9 +8,9 @@
 
 #include "base/clamd_words.h"
 #include "common/guard_words.h"
+#include "common/processes.h"
 #include "common/server_talk.h"
 #include "common/text.h"
-#include "host/common/processes.h"
 
 namespace kesto::host {
 namespace {

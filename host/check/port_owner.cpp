@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "base/ipv4_address.h"
+#include "common/processes.h"
 #include "common/text.h"
-#include "host/common/processes.h"
 
 namespace kesto::host {
 namespace {

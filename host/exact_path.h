@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace kesto {
+namespace kesto::host {
 
 // The full path of `path` with \\?\ in front. It may be of any length and names exactly this file: in any
 // other form "NUL.txt" is a device, and the system drops a blank or full stop at the end of a name, so that
@@ -14,4 +14,4 @@ std::wstring ExactPath(const std::wstring& path);
 // The part of `path` up to and including its last separator; may be empty.
 std::wstring FolderPart(const std::wstring& path);
 
-}  // namespace kesto
+}  // namespace kesto::host

@@ -1,4 +1,4 @@
-#include "host/common/processes.h"
+#include "common/processes.h"
 
 #include <windows.h>
 // Needs windows.h before it.
@@ -9,7 +9,7 @@
 
 #include "common/file_bytes.h"
 
-namespace kesto::host {
+namespace kesto {
 namespace {
 
 void ForEachProcess(const std::function<void(const PROCESSENTRY32W&)>& look) {
@@ -59,10 +59,10 @@ std::wstring ProcessName(uint32_t id) {
     return name;
 }
 
-bool SameFile(const std::wstring& a, const std::wstring& b) {
+bool NameSameFile(const std::wstring& a, const std::wstring& b) {
     const auto first = IdentityOf(a);
     const auto second = IdentityOf(b);
-    return first && second ? kesto::SameFile(first, second) : _wcsicmp(a.c_str(), b.c_str()) == 0;
+    return first && second ? SameFile(first, second) : _wcsicmp(a.c_str(), b.c_str()) == 0;
 }
 
-}  // namespace kesto::host
+}  // namespace kesto

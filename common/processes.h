@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace kesto::host {
+namespace kesto {
 
 struct ProgramProcess {
     uint32_t id;
@@ -23,6 +23,6 @@ inline std::vector<ProgramProcess> EngineProcesses() {
 std::wstring ProcessName(uint32_t id);
 
 // Whether both name the same file, even if one of them uses short names.
-bool SameFile(const std::wstring& a, const std::wstring& b);
+bool NameSameFile(const std::wstring& a, const std::wstring& b);
 
-}  // namespace kesto::host
+}  // namespace kesto

@@ -1,4 +1,4 @@
-#include "common/exact_path.h"
+#include "host/exact_path.h"
 
 #include <windows.h>
 
@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kesto {
+namespace kesto::host {
 namespace {
 
 bool HasDrive(std::wstring_view path) {
@@ -69,4 +69,4 @@ std::wstring FolderPart(const std::wstring& path) {
     return end == std::wstring::npos ? L"" : path.substr(0, end + 1);
 }
 
-}  // namespace kesto
+}  // namespace kesto::host
