@@ -1,8 +1,5 @@
 #include "bridge/attempt.h"
 
-#include <winsock2.h>
-#include <mstcpip.h>
-
 #include <algorithm>
 #include <array>
 #include <asio/ip/tcp.hpp>
@@ -10,6 +7,7 @@
 
 #include "bridge/task.h"
 #include "common/error_words.h"
+#include "common/tcp_options.h"
 
 namespace kesto::bridge {
 namespace {
@@ -21,9 +19,6 @@ constexpr auto kConnectLimit = 3s;  // to one address
 
 // How long to wait after a failed send for a reply that may have come before.
 constexpr auto kLastWords = 3s;
-
-// A machine that was reset, or a firewall that has forgotten the connection, tells so only when it is asked.
-constexpr tcp_keepalive kKeepAlive = {1, 10'000, 1'000};  // on; asks after 10 s of silence, then every second
 
 // An engine's replies are one short line; a longer one is not a reply.
 constexpr size_t kLongestReply = 8 << 10;
@@ -47,13 +42,6 @@ std::string Words(const asio::error_code& error) {
 
 std::string LostText(const asio::error_code& error) {
     return "lost before its reply: " + Words(error);
-}
-
-void KeepAlive(tcp::socket& socket) {
-    tcp_keepalive values = kKeepAlive;
-    DWORD size = 0;
-    WSAIoctl(socket.native_handle(), SIO_KEEPALIVE_VALS, &values, sizeof values, nullptr, 0, &size, nullptr,
-             nullptr);
 }
 
 // A server that replies early and closes resets the connection right after its reply. The wait for data then
@@ -154,7 +142,7 @@ Task SocketAttempt::Converse(std::shared_ptr<SocketAttempt> self) {
         self->End(std::move(failure));
         co_return;
     }
-    KeepAlive(socket);
+    KeepAlive(socket.native_handle());
     self->More();
     while (self->state_ == State::kTalking) {
         auto read = ReadSome(socket, asio::buffer(self->bytes_));

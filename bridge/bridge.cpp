@@ -16,14 +16,14 @@ namespace {
 template <typename Work>
 void ForEachClient(Bridge& bridge, Work work) {
     for (auto at = bridge.clients.begin(); at != bridge.clients.end();) {
-        const std::shared_ptr<Client> client = *at++;
+        const std::shared_ptr<Client> client = (at++)->second;
         work(*client);
     }
 }
 
 size_t CountWaiting(const Bridge& bridge) {
     return static_cast<size_t>(std::count_if(bridge.clients.begin(), bridge.clients.end(),
-                                             [](const auto& client) { return client->Waits(); }));
+                                             [](const auto& entry) { return entry.second->Waits(); }));
 }
 
 }  // namespace
@@ -47,8 +47,8 @@ bool IsFull(const Bridge& bridge) {
     return bridge.place.use_count() > static_cast<long>(bridge.settings.clients);
 }
 
-void Remove(Bridge& bridge, const std::shared_ptr<Client>& client) {
-    bridge.clients.erase(client);
+void Remove(Bridge& bridge, uint64_t number) {
+    bridge.clients.erase(number);
     if (bridge.stopping && bridge.clients.empty()) {
         bridge.io.stop();
     }

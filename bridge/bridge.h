@@ -4,8 +4,8 @@
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <list>
+#include <map>
 #include <memory>
-#include <set>
 #include <vector>
 
 #include "bridge/exchange.h"
@@ -19,8 +19,9 @@ struct Bridge : Shared {
 
     asio::io_context io{1};
     asio::executor_work_guard<asio::io_context::executor_type> work{io.get_executor()};  // till it is stopped
-    std::vector<ServerAddress> own;  // addresses of this machine
-    std::set<std::shared_ptr<Client>> clients;
+    std::vector<ServerAddress> own;                       // addresses of this machine
+    std::map<uint64_t, std::shared_ptr<Client>> clients;  // by their numbers, in the order in which they came
+    uint64_t arrived = 0;                                 // clients so far
     std::shared_ptr<const char> place = std::make_shared<char>();  // shared by all that have a scan under way
     std::list<std::shared_ptr<Client>> queue;                      // have asked for one
     bool stopping = false;
@@ -33,8 +34,8 @@ void Apply(Bridge& bridge, Time now);
 // As many scans are under way as the settings allow.
 bool IsFull(const Bridge& bridge);
 
-// The client has gone.
-void Remove(Bridge& bridge, const std::shared_ptr<Client>& client);
+// The client with this number has gone.
+void Remove(Bridge& bridge, uint64_t number);
 
 // No client is let in any more: runs to the end of those that have asked something.
 void Stop(Bridge& bridge, Time now);

@@ -28,6 +28,7 @@ constexpr size_t kLeastBytesASecond = 1000;
 
 Client::Client(Bridge& bridge, tcp::socket socket, const tcp::endpoint& peer)
     : bridge_(bridge),
+      number_(++bridge.arrived),
       socket_(std::move(socket)),
       peer_(peer),
       opening_(std::make_shared<KeptStream>(bridge.room)),
@@ -36,7 +37,7 @@ Client::Client(Bridge& bridge, tcp::socket socket, const tcp::endpoint& peer)
 
 void Client::Serve(Bridge& bridge, tcp::socket socket, const tcp::endpoint& peer) {
     const auto client = std::make_shared<Client>(bridge, std::move(socket), peer);
-    bridge.clients.insert(client);
+    bridge.clients.emplace(client->number_, client);
     Guarded(*client, [&client] { Read(client); });
 }
 
@@ -88,7 +89,8 @@ Task Client::Read(std::shared_ptr<Client> self) {
 void Client::TakeBytes(uint8_t* bytes, size_t size) {
     heard_ = Clock::now();
     paid_until_ =
-        std::min(std::max(paid_until_, heard_) + size * 1000ms / kLeastBytesASecond, heard_ + kMostPaid);
+        std::min(std::max(paid_until_, heard_) + std::chrono::milliseconds(size * 1000 / kLeastBytesASecond),
+                 heard_ + kMostPaid);
     if (phase_ == Phase::kOpening) {
         TakeOpening(bytes - opened_, opened_ + size);
     } else if (Hears()) {
@@ -233,7 +235,7 @@ void Client::Close() {
     }
     socket_.close(ignored);
     space_.Open();
-    Remove(bridge_, self);
+    Remove(bridge_, number_);
 }
 
 void Client::Advance(Time now) {

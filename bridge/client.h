@@ -59,6 +59,7 @@ class Client final : public Asker, public std::enable_shared_from_this<Client> {
     std::chrono::seconds Idle() const { return std::chrono::seconds(bridge_.settings.idle); }
 
     Bridge& bridge_;
+    const uint64_t number_;
     asio::ip::tcp::socket socket_;
     asio::ip::tcp::endpoint peer_;
     Phase phase_ = Phase::kOpening;

@@ -11,14 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "bridge/clock.h"
 #include "bridge/reply.h"
 #include "common/server_address.h"
 #include "common/signatures.h"
 
 namespace kesto::bridge {
-
-using Clock = std::chrono::steady_clock;
-using Time = Clock::time_point;
 
 struct Server {
     ServerAddress name;  // as set

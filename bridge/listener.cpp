@@ -5,10 +5,10 @@
 #include <utility>
 
 #include "bridge/client.h"
-#include "common/acknowledge.h"
 #include "common/bridge_log.h"
 #include "common/detached_thread.h"
 #include "common/error_words.h"
+#include "common/tcp_options.h"
 
 namespace kesto::bridge {
 namespace {

@@ -12,8 +12,8 @@
 
 #include "bridge/bridge.h"
 #include "bridge/listener.h"
+#include "bridge/loop.h"
 #include "bridge/reload.h"
-#include "bridge/upkeep.h"
 #include "common/bridge_ini.h"
 #include "common/bridge_log.h"
 #include "common/detached_thread.h"
@@ -25,8 +25,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// One timer serves all time limits: a timer that is set anew with each byte would cost system calls.
-constexpr auto kTick = 250ms;
 constexpr unsigned kTicksASign = 4;  // of life
 
 // A client that is let in at the last moment gets this long to begin with its command.
@@ -51,37 +49,19 @@ class Leaving {
     Time since_ = Time::max() - kLastArrivals;
 };
 
-// Running out of memory must fail only the operation concerned; the timer goes on.
-template <typename Work>
-void Guarded(Work work) {
-    try {
-        work();
-    } catch (const std::exception&) {
-        LogException();
-    }
-}
-
 // Runs until the bridge is stopped and takes no memory of its own. `alive` shows the guard that it works.
 void RunLoop(Bridge& bridge, Listener& listener, Reload& reload, const Leaving& leaving, HANDLE alive) {
-    Upkeep upkeep(bridge);
-    Time next = Clock::now();
+    Loop loop(bridge);
     for (unsigned ticks = 0; !bridge.io.stopped();) {
-        Guarded([&] { bridge.io.run_one_until(next); });
-        const Time now = Clock::now();
-        Guarded([&] { TakeUpNews(bridge, now); });
-        Guarded([&] { listener.LetIn(); });
-        if (now < next) {
+        if (!loop.RunOnce([&] { listener.LetIn(); })) {
             continue;
         }
-        next = now + kTick;
         if (ticks++ % kTicksASign == 0) {
             SetEvent(alive);
         }
-        Tick(bridge, now);
-        Guarded([&] { upkeep.Tick(now); });
-        Guarded([&] { reload.Tick(bridge, now); });
-        bridge.room.ShrinkSpare();
-        Guarded(LogLeftOut);
+        const Time now = Clock::now();
+        Contain([&] { reload.Tick(bridge, now); });
+        Contain(LogLeftOut);
         leaving.Tick(bridge, listener, now);
     }
 }

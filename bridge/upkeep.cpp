@@ -1,8 +1,5 @@
 #include "bridge/upkeep.h"
 
-#include <winsock2.h>
-#include <windows.h>
-
 #include <algorithm>
 #include <atomic>
 #include <exception>
@@ -39,12 +36,7 @@ struct Upkeep::Lookup {
     std::atomic<bool> done = false;  // until then the members above belong to the thread
 
     void Run() {
-        try {
-            error = LookUpName(name.host, name.port, addresses);
-        } catch (const std::exception&) {
-            addresses.clear();
-            error = ERROR_NOT_ENOUGH_MEMORY;
-        }
+        error = LookUpName(name.host, name.port, addresses);
         done = true;
     }
 };

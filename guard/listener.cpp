@@ -5,10 +5,10 @@
 #include <cstring>
 #include <utility>
 
-#include "common/acknowledge.h"
 #include "common/bridge_ini.h"
 #include "common/bridge_log.h"
 #include "common/error_words.h"
+#include "common/tcp_options.h"
 
 namespace kesto::guard {
 namespace {

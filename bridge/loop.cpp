@@ -1,0 +1,26 @@
+#include "bridge/loop.h"
+
+namespace kesto::bridge {
+namespace {
+
+// One timer serves all time limits: a timer that is set anew with each byte would cost system calls.
+constexpr std::chrono::milliseconds kTick(250);
+
+}  // namespace
+
+bool Loop::RunOnce(const std::function<void()>& let_in) {
+    Contain([&] { bridge_.io.run_one_until(next_tick_); });
+    const Time now = Clock::now();
+    Contain([&] { TakeUpNews(bridge_, now); });
+    Contain(let_in);
+    if (now < next_tick_) {
+        return false;
+    }
+    next_tick_ = now + kTick;
+    Tick(bridge_, now);
+    Contain([&] { upkeep_.Tick(now); });
+    bridge_.room.ShrinkSpare();
+    return true;
+}
+
+}  // namespace kesto::bridge
