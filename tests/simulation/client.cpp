@@ -113,7 +113,8 @@ bool Client::MayBeAsked() const {
 // Since the bridge took it for up last.
 bool Client::HasAsked(const Server& server) const {
     return std::any_of(lines.begin(), lines.end(), [&](const auto& line) {
-        return line->server == &server && line->began >= server.up_since && (line->Runs() || line->replied);
+        return line->server == &server &&
+               (line->Runs() || (line->replied && line->replied_at >= server.up_since));
     });
 }
 

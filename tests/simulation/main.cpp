@@ -13,7 +13,7 @@ namespace kesto::simulation {
 namespace {
 
 constexpr unsigned kLongest = 60;  // seconds for one seed
-constexpr unsigned kMostNamed = 5;
+constexpr unsigned kMostNamed = 5000;
 
 const char* g_program = "";
 uint64_t g_seed = 0;

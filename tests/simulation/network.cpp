@@ -112,6 +112,7 @@ void Line::Write(std::vector<std::span<const uint8_t>> pieces, Handler handler) 
     for (const auto& piece : pieces) {
         size += piece.size();
     }
+    Writes(pieces.front());
     writing_ = {std::move(pieces), size, 0, std::move(handler)};
     PumpWriting();
 }

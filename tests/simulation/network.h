@@ -106,7 +106,8 @@ class Line : public std::enable_shared_from_this<Line> {
     virtual void Begins() = 0;  // the bridge connects
     virtual void Content(uint64_t at, std::span<uint8_t> bytes) = 0;
     virtual void WasRead() = 0;
-    virtual void Gives(std::span<const uint8_t> bytes) = 0;  // on their way
+    virtual void Writes(std::span<const uint8_t> /*bytes*/) {}  // the beginning of what it begins to write
+    virtual void Gives(std::span<const uint8_t> bytes) = 0;     // on their way
     virtual bool Takes() const = 0;
     virtual void Took() = 0;             // more of them have come
     virtual void Closed(bool ends) = 0;  // the bridge has: nothing more comes; otherwise it is over at once

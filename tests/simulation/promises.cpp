@@ -92,7 +92,7 @@ void World::Ended(Client& client) {
         Broken(Named(client) + " gets a part of a reply");
     }
     const bool silent = net.now >= client.heard + std::chrono::seconds(settings.idle) && client.AllRead();
-    const bool slow = bridge->clients.size() >= settings.clients &&
+    const bool slow = bridge->clients.size() + 2 + settings.clients / 4 > settings.clients &&
                       (client.plan.rate < 1100 || net.now >= client.heard + 900ms);
     if (client.left || client.lacked || because("left", false) || because("it left", false) ||
         because("the bridge ends", bridge->stopping && client.ended == Time{}) ||

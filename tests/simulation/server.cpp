@@ -145,6 +145,7 @@ void ServerLine::WasRead() {
     if (nul == std::string::npos || std::exchange(replied, true)) {
         return;
     }
+    replied_at = net_.now;
     const std::string text = read.substr(0, nul);
     const ScanAnswer answer = ReadScanAnswer(text);
     if (client == nullptr && head_ != kProbe) {
@@ -162,29 +163,26 @@ void ServerLine::WasRead() {
 
 // Everything that leaves the bridge must be what its client sent, or a question of the bridge's own.
 void ServerLine::Gives(std::span<const uint8_t> bytes) {
-    if (head_.size() < kHead || client == nullptr) {
-        head_.append(bytes.begin(),
-                     bytes.begin() + static_cast<ptrdiff_t>(std::min<size_t>(bytes.size(), 32)));
-        Recognize();
-    }
-    if (client != nullptr) {
-        static std::array<uint8_t, kSystemHolds> expected;
-        const uint64_t at = given_at_;
-        for (size_t done = 0; done < bytes.size();) {
-            const auto part = bytes.subspan(done, std::min(bytes.size() - done, expected.size()));
-            client->Request(at + done, std::span(expected).first(part.size()), false);
-            if (std::memcmp(part.data(), expected.data(), part.size()) != 0) {
-                world_.Broken("wrong bytes of client " + std::to_string(client->number) + " go to " +
-                              server->name);
-            }
-            done += part.size();
+    static std::array<uint8_t, kSystemHolds> expected;
+    while (client != nullptr && !bytes.empty()) {
+        const auto part = bytes.first(std::min(bytes.size(), expected.size()));
+        client->Request(given_at_, std::span(expected).first(part.size()), false);
+        if (std::memcmp(part.data(), expected.data(), part.size()) != 0) {
+            world_.Broken("wrong bytes of client " + std::to_string(client->number) + " go to " +
+                          server->name);
         }
+        given_at_ += part.size();
+        whole = given_at_ == client->RequestSize();
+        bytes = bytes.subspan(part.size());
     }
-    given_at_ += bytes.size();
-    whole |= client != nullptr && given_at_ == client->RequestSize();
 }
 
-void ServerLine::Recognize() {
+// Tells whose it is.
+void ServerLine::Writes(std::span<const uint8_t> bytes) {
+    if (!head_.empty()) {
+        return;
+    }
+    head_.assign(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(std::min<size_t>(bytes.size(), 32)));
     if (std::string_view(head_).starts_with(kScanCommand)) {
         if (head_.size() >= 14 && std::string_view(head_).substr(10, 4) == std::string_view("\0\0\0\0", 4)) {
             size_ = 14;
@@ -201,7 +199,7 @@ void ServerLine::Recognize() {
             client->lines.push_back(std::static_pointer_cast<ServerLine>(shared_from_this()));
             world_.AttemptIsKnown(*client, *this);
         }
-    } else if (head_.find('\0') != std::string::npos) {
+    } else {
         size_ = head_.size();
     }
 }

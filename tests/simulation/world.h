@@ -29,6 +29,7 @@ class ServerLine final : public Line {
     bool whole = false;    // all of the scan was given to the system
     bool got_all = false;  // and has come
     bool replied = false;  // a whole reply was read
+    Time replied_at{};
 
     bool Runs() const { return IsOpen() && !replied; }
 
@@ -36,11 +37,11 @@ class ServerLine final : public Line {
     void Begins() override;
     void Content(uint64_t at, std::span<uint8_t> bytes) override;
     void WasRead() override;
+    void Writes(std::span<const uint8_t> bytes) override;
     void Gives(std::span<const uint8_t> bytes) override;
     bool Takes() const override;
     void Took() override;
     void Closed(bool ends) override;
-    void Recognize();
     void Answer();
     void Say(const std::string& text, bool whole_reply = true);
 
