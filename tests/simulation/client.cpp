@@ -113,8 +113,14 @@ bool Client::MayBeAsked() const {
 // Since the bridge took it for up last.
 bool Client::HasAsked(const Server& server) const {
     return std::any_of(lines.begin(), lines.end(), [&](const auto& line) {
-        return line->server == &server &&
-               (line->Runs() || (line->replied && line->replied_at >= server.up_since));
+        const bool still = line->replied_at >= server.up_since || line->said == kSizeLimitReply;
+        return line->server == &server && (line->Runs() || (line->replied && still));
+    });
+}
+
+bool Client::WasTold(std::string_view text) const {
+    return std::any_of(lines.begin(), lines.end(), [&](const auto& line) {
+        return line->said == text && (line->whole || ReadScanAnswer(text) != ScanAnswer::kClean);
     });
 }
 

@@ -43,9 +43,7 @@ ClientPlan AClient(Dice& dice, Duration lasts, uint64_t largest) {
     client.size = dice.OneIn(20) ? 0 : dice.Wide(4, largest);
     client.chunk = dice.OneIn(4) ? static_cast<uint32_t>(dice.Wide(50, 1 << 20)) : 8192;
     client.rate = static_cast<double>(dice.Wide(400, 100'000'000));
-    if (dice.OneIn(2)) {
-        client.rate = std::max(client.rate, 1e6);
-    }
+    client.rate = std::max(client.rate, dice.OneIn(2) ? 1e6 : static_cast<double>(client.size) / 200);
     if (dice.OneIn(8)) {
         client.pauses_at = dice.Below(client.size + 14);
         client.pause = dice.Time(100ms, 45s);

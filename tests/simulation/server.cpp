@@ -140,23 +140,20 @@ void ServerLine::Content(uint64_t at, std::span<uint8_t> bytes) {
 }
 
 void ServerLine::WasRead() {
-    const std::string read = reply_.substr(0, read_);
-    const size_t nul = read.find('\0');
-    if (nul == std::string::npos || std::exchange(replied, true)) {
+    const size_t nul = reply_.find('\0');
+    if (replied || nul == std::string::npos || read_ <= nul || (client == nullptr && head_ != kProbe)) {
         return;
     }
+    said = reply_.substr(0, nul);
+    const ScanAnswer answer = ReadScanAnswer(said);
+    replied = answer != ScanAnswer::kClean || given_ == size_;  // the bridge takes no notice of one too early
     replied_at = net_.now;
-    const std::string text = read.substr(0, nul);
-    const ScanAnswer answer = ReadScanAnswer(text);
-    if (client == nullptr && head_ != kProbe) {
-        return;
+    if (replied) {
+        (answer == ScanAnswer::kNoVerdict ? server->erred_at : server->verdict_at) = net_.now;
     }
-    (answer == ScanAnswer::kNoVerdict ? server->erred_at : server->verdict_at) = net_.now;
     if (client != nullptr) {
-        world_.Tell("the bridge reads \"", text, "\" of ", server->name, " for client ", client->number);
-        client->replies.insert(text);
-        client->called_clean |= answer == ScanAnswer::kClean && (got_all || (net_.system_takes && whole));
-        client->verdict_read |= answer == ScanAnswer::kInfected || (answer == ScanAnswer::kClean && whole);
+        world_.Tell("the bridge reads \"", said, "\" of ", server->name, " for client ", client->number);
+        client->verdict_read |= replied && answer != ScanAnswer::kNoVerdict;
     }
     server->Pump();
 }
@@ -235,7 +232,7 @@ void ServerLine::Answer() {
     if (server->fault == Fault::kGarbled) {
         return Say(net_.dice.OneIn(2) ? "stream: OK" : "stream: " + std::string(9000, 'x'), false);
     }
-    if (server->fault == Fault::kSick) {
+    if (server->fault == Fault::kSick && head_.starts_with(kScanCommand)) {
         constexpr const char* kErrors[] = {"stream: no memory ERROR", "UNKNOWN COMMAND", "stream: OK "};
         return Say(kErrors[net_.dice.Below(3)]);
     }

@@ -244,7 +244,7 @@ void World::ServeTheLast() {
         Step();
     }
     for (size_t i = first; i < clients.size() && broken_.empty(); ++i) {
-        if (!clients[i]->answered || !clients[i]->called_clean) {
+        if (!clients[i]->answered || !clients[i]->WasTold(kCleanReply)) {
             Broken("client " + std::to_string(i) + " is not served although all servers are well");
         }
     }

@@ -3,7 +3,6 @@
 
 #include <deque>
 #include <iostream>
-#include <set>
 
 #include "bridge/bridge.h"
 #include "bridge/loop.h"
@@ -30,6 +29,7 @@ class ServerLine final : public Line {
     bool got_all = false;  // and has come
     bool replied = false;  // a whole reply was read
     Time replied_at{};
+    std::string said;
 
     bool Runs() const { return IsOpen() && !replied; }
 
@@ -101,13 +101,12 @@ class Client final : public Line {
     bool Scans() const { return plan.kind <= Kind::kErrs; }
     bool MayBeAsked() const;  // by one more server
     bool HasAsked(const Server& server) const;
+    bool WasTold(std::string_view text) const;  // by a server that has got all that matters
 
     World& world;
     const size_t number;
     const ClientPlan plan;
     std::vector<std::shared_ptr<ServerLine>> lines;  // of its scan, known by what they carry
-    std::set<std::string> replies;                   // whole ones, of servers
-    bool called_clean = false;                       // by a server that got all
     bool verdict_read = false;
     bool squeezed = false;  // there may have been no room for its stream
     bool lacked = false;    // memory
