@@ -186,13 +186,13 @@ void Client::WasRead() {
     }
     squeezed |= world.reading + (world.bridge->clients.size() << 18) > size_t{world.plan.settings.keep} << 20;
     if (read_ == RequestSize()) {
-        ended = told = with_nobody_since = net_.now;
+        ended = due = told = with_nobody_since = net_.now;
         world.Tell("the bridge has all of client ", number);
     }
     net_.After(0s, [this] { Step(); });
 }
 
-void Client::Gives(std::span<const uint8_t> bytes) {
+void Client::Writes(std::span<const uint8_t> bytes) {
     if (answered && !bytes.empty()) {
         world.Broken("client " + std::to_string(number) + " gets something after its reply");
     }

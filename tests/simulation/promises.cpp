@@ -29,7 +29,7 @@ void World::AttemptIsKnown(Client& client, ServerLine& line) {
         if (other.get() == &line) {
             continue;
         }
-        const Time began = other->began - (other->server->plan.dead_address != 0 ? kConnecting : 0s);
+        const Time began = other->began - (other->server->plan.named ? kConnecting : 0s);
         const bool late = client.ended != Time{} && line.began >= std::max(client.ended, began) + kLate;
         if (other->Runs() && !late) {
             Broken("a second server gets the scan of client " + std::to_string(client.number) + " too early");
@@ -64,7 +64,8 @@ void World::Replied(Client& client) {
         if (!by_a_server && !marked) {
             Broken(who + " gets an error that no server gave");
         }
-        if (net.now > client.ended + kTick) {  // otherwise it was decided before
+        const bool late = net.now >= client.ended + std::chrono::seconds(plan.settings.verdict);
+        if (net.now > client.ended + kTick && !late) {  // otherwise it was decided before
             Lost(client, "");
         }
     }
@@ -83,6 +84,9 @@ void World::Ended(Client& client) {
         return end.starts_with(words);
     };
     if (client.answered) {
+        if (!client.IsGiven() && !client.left) {
+            Broken(Named(client) + " is closed before its reply has gone out");
+        }
         if (!client.left && !client.plan.finishes && net.now < client.answered_at + 2s && !client.lacked) {
             Broken(Named(client) + " is closed before it had time to read its reply");
         }
@@ -95,7 +99,7 @@ void World::Ended(Client& client) {
     const bool slow = bridge->clients.size() + 2 + settings.clients / 4 > settings.clients &&
                       (client.plan.rate < 1100 || net.now >= client.heard + 900ms);
     if (client.left || client.lacked || because("left", false) || because("it left", false) ||
-        because("the bridge ends", bridge->stopping && client.ended == Time{}) ||
+        because("the bridge ends", bridge->stopping && (client.ended == Time{} || client.lines.empty())) ||
         because("sent a chunk", client.plan.kind == Kind::kTooLong) ||
         because("sent an unknown", client.plan.kind == Kind::kNoise) || because("sent no", silent) ||
         because("too slow", slow)) {
@@ -121,6 +125,7 @@ void World::Lost(Client& client, const std::string& reason) {
     if (client.lacked || client.plan.size == 0) {
         return;
     }
+    LookAtServers(false);
     const std::string what = Named(client) + " is lost (" + reason + ") ";
     const Time now = net.now;
     bool all_asked = true, all_sick = true, any_up = false;
@@ -204,24 +209,24 @@ void World::LookAt(Client& client) {
         return;
     }
     if (client.lines.empty() && bridge->clients.size() >= settings.clients) {
-        client.ended = client.told = now;  // it may wait for a place
+        client.due = client.told = now;  // it may wait for a place
     }
     if (now > client.told + kLongestStill) {
         Broken(Named(client) + " has waited for long without a byte");
     }
-    if (now > client.ended + std::chrono::seconds(settings.verdict) + kTick) {
+    if (now > client.due + std::chrono::seconds(settings.verdict) + kTick) {
         Broken(Named(client) + " is not told in time");
     }
     bool runs = false, late = true, down = true;
     for (const auto& line : client.lines) {
         runs |= line->Runs();
-        late &= !line->Runs() || now > std::max(client.ended, line->began) + kLate + 2 * kTick;
+        late &= !line->Runs() || now > std::max(client.due, line->began) + kLate + 2 * kTick;
         down &= !line->Runs() || !line->server->up;
     }
     if (runs || bridge->clients.size() >= settings.clients) {
         client.with_nobody_since = now;
     }
-    const bool alone = now > client.with_nobody_since + kConnecting;
+    const bool alone = now > std::max(client.with_nobody_since, client.repeated_at) + kConnecting;
     const bool connects = now < client.repeated_at + kConnecting;
     for (const Server* server : list_) {
         const Time since = std::max({server->fault_at, server->up_since, server->listed_at}) + kConnecting;

@@ -33,7 +33,7 @@ Server::Server(World& world, size_t number, const ServerPlan& plan)
             world.net.After(each.until, [this] { End(); });
         }
     }
-    fault = known ? Fault::kNone : Fault::kMoved;
+    Forgotten();
 }
 
 void Server::Begin(Fault next) {
@@ -74,6 +74,13 @@ void Server::Found() {
     if (!std::exchange(known, true)) {
         fault = Fault::kNone;
         fault_at = world.net.now;
+    }
+}
+
+void Server::Forgotten() {
+    if (plan.named) {
+        fault = Fault::kMoved;
+        known = false;
     }
 }
 

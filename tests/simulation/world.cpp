@@ -114,6 +114,7 @@ void World::SetList(unsigned which) {
             Tell(server->name, listed ? " is in the list" : " is taken out of the list");
             server->listed_at = net.now;
             server->up = false;
+            server->Forgotten();
         }
         server->listed = listed;
     }

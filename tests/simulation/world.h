@@ -60,7 +60,8 @@ class Server {
     Server(World& world, size_t number, const ServerPlan& plan);
     void Begin(Fault fault);
     void End() { Begin(Fault::kNone); }
-    void Found();  // where it is
+    void Found();      // where it is
+    void Forgotten();  // by the bridge
     bool IsWell() const { return fault == Fault::kNone; }
     LinePtr Connect();
     bool StandsStill() const {
@@ -97,6 +98,7 @@ class Client final : public Line {
     uint64_t RequestSize() const;
     void Request(uint64_t at, std::span<uint8_t> bytes, bool shifted) const;
     uint64_t Read() const { return read_; }
+    bool IsGiven() const { return given_ == given.size(); }
     bool AllRead() const { return read_ == arrived_; }
     bool Scans() const { return plan.kind <= Kind::kErrs; }
     bool MayBeAsked() const;  // by one more server
@@ -114,7 +116,7 @@ class Client final : public Line {
     bool over = false;      // and the bridge knows
     bool answered = false;
     size_t repeats = 0;
-    Time repeated_at{}, came{}, ended{}, heard{}, told{}, answered_at{}, with_nobody_since{};
+    Time repeated_at{}, came{}, ended{}, due{}, heard{}, told{}, answered_at{}, with_nobody_since{};
     std::string given;  // by the bridge
     std::string end;    // the bridge's last line about it
 
@@ -122,8 +124,9 @@ class Client final : public Line {
     void Begins() override {}
     void Content(uint64_t at, std::span<uint8_t> bytes) override;
     void WasRead() override;
-    void Gives(std::span<const uint8_t> bytes) override;
-    bool Takes() const override { return !left; }
+    void Writes(std::span<const uint8_t> bytes) override;
+    void Gives(std::span<const uint8_t> /*bytes*/) override {}
+    bool Takes() const override { return true; }
     void Took() override;
     void Closed(bool ends) override;
     void Step();
