@@ -97,7 +97,8 @@ void World::Ended(Client& client) {
     }
     const bool silent = net.now >= client.heard + std::chrono::seconds(settings.idle) && client.AllRead();
     const bool slow = bridge->clients.size() + 2 + settings.clients / 4 > settings.clients &&
-                      (client.plan.rate < 1100 || net.now >= client.heard + 900ms);
+                      (client.plan.rate < 1100 || client.plan.pauses_at < client.RequestSize() ||
+                       net.now >= client.heard + 900ms);
     if (client.left || client.lacked || because("left", false) || because("it left", false) ||
         because("the bridge ends", bridge->stopping && (client.ended == Time{} || client.lines.empty())) ||
         because("sent a chunk", client.plan.kind == Kind::kTooLong) ||
@@ -211,7 +212,7 @@ void World::LookAt(Client& client) {
     if (client.lines.empty() && bridge->clients.size() >= settings.clients) {
         client.due = client.told = now;  // it may wait for a place
     }
-    if (now > client.told + kLongestStill) {
+    if (now > client.told + kLongestStill && client.given.size() < kVerdictBeginning.size()) {
         Broken(Named(client) + " has waited for long without a byte");
     }
     if (now > client.due + std::chrono::seconds(settings.verdict) + kTick) {
