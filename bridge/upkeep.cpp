@@ -134,7 +134,7 @@ void Upkeep::Tick(Time now) {
         at = lookups_.erase(at);
         std::string reason = lookup->error == 0 ? "" : ErrorWords(static_cast<unsigned long>(lookup->error));
         const auto leads_back = [&](const ServerAddress& address) {
-            return IsBridgeItself(address, bridge_.settings, bridge_.own);
+            return IsBridgeItself(address, bridge_.settings.listen, bridge_.own);
         };
         if (std::erase_if(lookup->addresses, leads_back) != 0) {
             reason = "its name is the bridge's own";

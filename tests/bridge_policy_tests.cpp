@@ -393,7 +393,10 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         {"is not the address of a server",
          {"upstreams=0.0.0.0:1", "upstreams=255.255.255.255:1", "upstreams=[::]:1", "upstreams=224.0.0.1:1"}},
         {"is given twice", {"upstreams=a:1 A:1", "upstreams=[::1]:1 [0:0:0:0:0:0:0:1]:1", "idle=3\nIdle=4"}},
-        {"is the bridge itself", {"upstreams=127.0.0.2:3313", "upstreams=10.1.2.3:9\nlisten=127.0.0.1:9"}},
+        {"is the bridge itself",
+         {"upstreams=127.0.0.2:3313", "upstreams=10.1.2.3:9\nlisten=127.0.0.1:9",
+          "upstreams=127.0.0.2:3313\n[updater]"}},
+        {"is the bridge itself until it is restarted", {"upstreams=127.0.0.1:7"}},
         {"names no server", {"upstreams="}},
         {"is not an IPv4 address and port", {"listen=localhost:3313", "listen=127.0.0.1:0", "listen="}},
         {"is neither 0 nor 1", {"decrypt=yes"}},
@@ -405,9 +408,10 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         {"a second section", {"[bridge]"}},
     };
     const std::vector own{*ParseHost("10.1.2.3")};
+    const auto listens = ParseServerAddress("127.0.0.1:7");
     for (const auto& [problem, lines] : cases) {
         for (const std::string line : lines) {
-            const auto problems = ReadBridgeSettings("[bridge]\n" + line, own).problems;
+            const auto problems = ReadBridgeSettings("[bridge]\n" + line, own, listens).problems;
             EXPECT_THAT(problems, ElementsAre(HasSubstr(problem))) << line;
         }
     }

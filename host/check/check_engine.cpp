@@ -138,12 +138,12 @@ std::string ShiftRemedy(const Endpoint& server, const InstalledPlugin& installed
 
 InstalledBridge ReadBridge(const InstalledPlugin& installed) {
     InstalledBridge bridge;
-    bridge.has_ini = !IsMissing(installed.engine_folder + L"\\bridge.ini");
+    bridge.has_ini = !IsMissing(BridgeIniPath(installed.engine_folder));
     bridge.ini = ReadBridgeIni(installed.engine_folder);
     bridge.own = OwnAddresses();
     bridge.used = std::any_of(installed.servers.begin(), installed.servers.end(),
                               [&](const Endpoint& server) { return LeadsTo(server, bridge); });
-    bridge.last_end = LastEnd(bridge.ini.log_path);
+    bridge.last_end = LastEnd(BridgeLogPath(bridge.ini.settings, installed.engine_folder));
     return bridge;
 }
 
@@ -184,9 +184,9 @@ Findings CheckBridgeSettings(const InstalledPlugin& installed, const InstalledBr
                     std::string(bridge.has_ini ? "in effect: " : "bridge.ini is missing, in effect: ") +
                         SettingsText(bridge.ini.settings));
     }
-    const std::wstring& log = bridge.ini.log_path;
+    const std::wstring log = BridgeLogPath(bridge.ini.settings, installed.engine_folder);
     const bool off =
-        bridge.ini.log_only_if_present && GetFileAttributesW(log.c_str()) == INVALID_FILE_ATTRIBUTES;
+        bridge.ini.settings.logfile.empty() && GetFileAttributesW(log.c_str()) == INVALID_FILE_ATTRIBUTES;
     if (off) {
         findings.Ok("bridge log", "off; an empty " + Utf8FromWide(log) + " turns it on");
     } else {
