@@ -248,7 +248,7 @@ TEST_F(HostTest, RefusesWhatIsNotThePlugInOrNotUnderstood) {
     const std::pair<std::wstring, const char*> cases[] = {
         {L"x --folder C:\\" + std::wstring(229, L'x'), "at most 231 characters"},
         {L"x --library missing.dll", "cannot load "},
-        {L"x --library C:\\windows\\system32\\version.dll", "it lacks CHECKLICENCE, CLOSEINSTANCE"},
+        {L"x --library C:\\windows\\system32\\version.dll", "it lacks CLOSESCANNER, DOSIMPLEUPDATE"},
         {L"x --library \"\"", "--library: is empty"},
         {L"--exclude-dir \"C:\\T\\tmp\\\" C:\\T\\bad", "holds a quotation mark"},
         {L"x --folder C:\\windows", "C:\\windows holds no part of the plug-in"},
