@@ -70,16 +70,43 @@ void ScanPolicy::Release(Attempt& attempt, Attempt::State state) {
 
 void ScanPolicy::Decide(Outcome outcome, std::string text) {
     stage_ = Stage::kDecided;
-    end_.kind = outcome == Outcome::kNoReply ? ScanStep::Kind::kNoReply : ScanStep::Kind::kReply;
+    end_.kind = outcome.kind == Outcome::Kind::kNoReply ? ScanStep::Kind::kNoReply : ScanStep::Kind::kReply;
     end_.text = std::move(text);
     end_.outcome = outcome;
 }
 
-void ScanPolicy::DecideWithoutVerdict(const std::string& reason) {
+std::string ScanPolicy::WordsOf(Loss loss) const {
+    switch (loss) {
+        case Loss::kNone:
+            break;
+        case Loss::kOverTime:
+            return "no verdict within " + std::to_string(limits_.verdict.count()) + " s";
+        case Loss::kNotRepeatable:
+            return last_failure_ + "; not all of the data is kept for another server";
+        case Loss::kUsedUp:
+            return last_failure_ + "; no further server may get it";
+        case Loss::kNoVerdict:
+            return "no upstream server gave a verdict";
+        case Loss::kSick:
+            return last_failure_ + "; no upstream server calls a clean file clean";
+        case Loss::kUnreached:
+            return "no upstream server could be reached";
+    }
+    return "";
+}
+
+// The client gets the last reply without a verdict, if there is one and it has seen nothing else.
+void ScanPolicy::GiveUp(Loss loss, Time now) {
+    for (Attempt& attempt : attempts_) {
+        if (attempt.state == Attempt::State::kRunning) {
+            NoteSilence(fleet_, *attempt.server, attempt.progressed, now);
+            Release(attempt, Attempt::State::kLost);
+        }
+    }
     if (last_reply_ && trickled_ == 0) {
-        Decide(Outcome::kNoVerdict, ReplyForClient(*last_reply_));
+        Decide({Outcome::Kind::kNoVerdict, loss}, ReplyForClient(*last_reply_));
     } else {
-        Decide(Outcome::kNoReply, reason.empty() ? "no upstream server gave a verdict" : reason);
+        Decide({Outcome::Kind::kNoReply, loss}, WordsOf(loss));
     }
 }
 
@@ -90,7 +117,8 @@ void ScanPolicy::Progressed(size_t attempt, bool handed_over, Time now) {
 }
 
 void ScanPolicy::TakeVerdict(Attempt& attempt, const AttemptEnd& end, Time now) {
-    Decide(end.kind == AttemptEnd::Kind::kClean ? Outcome::kClean : Outcome::kInfected, end.text);
+    const bool clean = end.kind == AttemptEnd::Kind::kClean;
+    Decide({clean ? Outcome::Kind::kClean : Outcome::Kind::kInfected}, end.text);
     NoteVerdict(*attempt.server, now);
     Release(attempt, Attempt::State::kLost);
     for (Attempt& other : attempts_) {
@@ -186,62 +214,65 @@ bool ScanPolicy::ProbeWillTell() const {
     });
 }
 
-// True when no attempt runs, or when all that run are late and either they are forsaken or few scans had a
-// second server lately.
-bool ScanPolicy::MayBegin(Time now) {
+// As many servers have, or had, the scan as may have it.
+bool ScanPolicy::IsUsedUp() const {
     unsigned whole = 0, sent = 0;
-    bool all_late = true, all_forsaken = true;
     for (const Attempt& attempt : attempts_) {
         const bool runs = attempt.state == Attempt::State::kRunning;
         const bool lost = attempt.state == Attempt::State::kLost;
         whole += runs || (lost && attempt.handed_over);
         sent += runs || (lost && attempt.sent);
+    }
+    return whole >= kMostWholeAttempts || sent >= kMostAttempts;
+}
+
+// True when no attempt runs, or when all that run are late and either they are forsaken or few scans had a
+// second server lately.
+bool ScanPolicy::MayBegin(Time now) const {
+    bool all_late = true, all_forsaken = true;
+    for (const Attempt& attempt : attempts_) {
+        const bool runs = attempt.state == Attempt::State::kRunning;
         all_late &= !runs || TakesLong(attempt, now);
         all_forsaken &= !runs || IsForsaken(*attempt.server, attempt.began);
     }
-    if (whole >= kMostWholeAttempts || sent >= kMostAttempts || (!attempts_.empty() && !repeatable_)) {
+    if (IsUsedUp() || (!attempts_.empty() && !repeatable_)) {
         return false;
     }
     return !Runs() || (all_late && (all_forsaken || asked_beside_ || MayAskBeside(fleet_, now)));
 }
 
-// The server that gets the scan now, if any. May find that seeking is useless.
-ServerPtr ScanPolicy::Seek(Time now) {
+void ScanPolicy::SuspectSilentOnes(Time now) {
     for (const Attempt& attempt : attempts_) {
         if (attempt.state == Attempt::State::kRunning && IsSilent(attempt, now)) {
             SuspectForSilence(fleet_, *attempt.server, now);
         }
     }
+}
+
+// Why it is useless to wait for a verdict, or for a server that may give one. kNone: there is hope.
+Loss ScanPolicy::WhyUseless(Time now) const {
     if (ended_ && now >= *ended_ + limits_.verdict) {
-        for (Attempt& attempt : attempts_) {
-            if (attempt.state == Attempt::State::kRunning) {
-                NoteSilence(fleet_, *attempt.server, attempt.progressed, now);
-                Release(attempt, Attempt::State::kLost);
-            }
-        }
-        DecideWithoutVerdict("no verdict within " + std::to_string(limits_.verdict.count()) + " s");
-        return nullptr;
+        return Loss::kOverTime;
     }
-    const bool may_begin = MayBegin(now);
-    ServerPtr server = may_begin ? NextServer() : nullptr;
-    if (server || Runs()) {
-        return server;
+    if (Runs()) {
+        return Loss::kNone;
     }
-    if (!may_begin) {
-        DecideWithoutVerdict(last_failure_);
-        return nullptr;
+    if (!attempts_.empty() && !repeatable_) {
+        return Loss::kNotRepeatable;
     }
-    waits_since_ = waits_since_.value_or(now);
-    if (!ServerIsLeft() && !(ProbeWillTell() && now < *waits_since_ + kProbePatience)) {
-        const bool last_word = last_reply_ && !fleet_.down_since;
-        const bool sick = AllSick(fleet_, *waits_since_);
-        if (last_word || sick || now >= fleet_.down_since.value_or(now) + limits_.wait) {
-            DecideWithoutVerdict(last_word ? ""
-                                 : sick    ? last_failure_
-                                           : "no upstream server could be reached");
-        }
+    if (IsUsedUp()) {
+        return Loss::kUsedUp;
     }
-    return nullptr;
+    if (ServerIsLeft() || (ProbeWillTell() && now < *waits_since_ + kProbePatience)) {
+        return Loss::kNone;
+    }
+    if (last_reply_ && !fleet_.down_since) {
+        return Loss::kNoVerdict;
+    }
+    if (AllSick(fleet_, *waits_since_)) {
+        return Loss::kSick;
+    }
+    return now >= fleet_.down_since.value_or(now) + limits_.wait ? Loss::kUnreached : Loss::kNone;
 }
 
 ScanStep ScanPolicy::Begin(const ServerPtr& server, Time now) {
@@ -255,7 +286,7 @@ ScanStep ScanPolicy::Begin(const ServerPtr& server, Time now) {
         fleet_.beside.Add(now);
     }
     waits_since_.reset();
-    return {ScanStep::Kind::kAttempt, attempts_.size() - 1, server, {}};
+    return {ScanStep::Kind::kAttempt, attempts_.size() - 1, server, {}, {}};
 }
 
 ScanStep ScanPolicy::Trickle(Time now) {
@@ -273,7 +304,14 @@ ScanStep ScanPolicy::Trickle(Time now) {
 
 ScanStep ScanPolicy::Next(Time now) {
     if (stage_ == Stage::kSeeking) {
-        if (const ServerPtr server = Seek(now)) {
+        SuspectSilentOnes(now);
+        if (!Runs()) {
+            waits_since_ = waits_since_.value_or(now);
+        }
+        const Loss loss = WhyUseless(now);
+        if (loss != Loss::kNone) {
+            GiveUp(loss, now);
+        } else if (const ServerPtr server = MayBegin(now) ? NextServer() : nullptr) {
             return Begin(server, now);
         }
     }

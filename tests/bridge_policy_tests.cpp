@@ -145,8 +145,12 @@ TEST(BridgeScan, Stories) {
         // The longest unused of the idle ones.
         {'c', "0 new > a | 0 reply 0 K > =K | 0 new > b | 0 reply 0 K > =K | 0 new > c"},
         // What is no verdict goes to the next server; three at most get the whole file.
-        {'d', "0 new > a | 0 refused 0 > b | 0 lost 1 > c | 0 lost 2 > d | 0 lost 3 > !upstream d:1 lost"},
-        {'f', "0 new > a |0 cut 0 > b |0 cut 1 > c |0 cut 2 > d |0 cut 3 > e |0 cut 4 > !upstream e:1 lost"},
+        {'d',
+         "0 new > a | 0 refused 0 > b | 0 lost 1 > c | 0 lost 2 > d | 0 lost 3 > !upstream d:1 lost; no "
+         "further server may get it"},
+        {'f',
+         "0 new > a |0 cut 0 > b |0 cut 1 > c |0 cut 2 > d |0 cut 3 > e |0 cut 4 > !upstream e:1 lost; no "
+         "further server may get it"},
         {'e',
          "0 new > a |0 reply 0 E > b |0 reply 1 E > c |0 reply 2 L > d |0 reply 3 E > e |0 reply 4 E >"
          "| 0 probes abde > | 0 well a > | 0 well b > | 0 well d > | 0 well e > =NE"},
@@ -194,14 +198,17 @@ TEST(BridgeScan, Stories) {
         {'b',
          "0 new > a | 0 refused 0 > b | 10 refused 1 > | 69 - > +s+t+r+e | 70 - > !NONE | 71 new > !NONE"},
         {'b',
-         "0 new > a |0 lost 0 > b |0 lost 1 > |1 sick a > |1 refused b > |3 sick b > !upstream b:1 lost"
+         "0 new > a |0 lost 0 > b |0 lost 1 > |1 sick a > |1 refused b > |3 sick b > !upstream b:1 lost; no "
+         "upstream server calls a clean file clean"
          "| 4 new > | 5 sick a > | 6 well b > b"},
         {'b',
          "0 new > a |0 lost 0 > b |0 lost 1 > |1 probes ab > |1 refused a > |9 silent b > |59 - > +s+t+r "
          "|59.5 "
          "well a > a"},
         // A window that has let go of its beginning.
-        {'b', "0 part > a | 0 refused 0 > b | 0 window > | 0 lost 1 > !upstream b:1 lost"},
+        {'b',
+         "0 part > a | 0 refused 0 > b | 0 window > | 0 lost 1 > !upstream b:1 lost; not all of the data is "
+         "kept for another server"},
         {'b', "0 new > a | 0 window > | 11 - >"},
         // A client that has closed its side is tried, for it may have left.
         {'a', "0 new > a | 0.5 closed > | 3.4 - > | 3.5 - > +s | 6.5 - > +t | 21 - > | 21.5 - > +r"},
@@ -286,7 +293,8 @@ TEST(BridgeFleet, NamesKeepTheirLastGoodAddresses) {
     const auto due = [&](double seconds) {
         unsigned count = 0;
         for (const ServerPtr& server : world.fleet.servers) {
-            if (LookupIsDue(world.fleet, *server, world.At(seconds))) {
+            NoteLookup(world.fleet, *server, world.At(seconds));
+            if (LookupIsDue(*server, world.now)) {
                 server->lookup.running = ++count != 0;
                 server->lookup.at = world.now;
             }
@@ -314,7 +322,7 @@ TEST(BridgeMetrics, TellWhatIsCounted) {
     Metrics metrics;
     for (size_t i = 0; i < kOutcomes; ++i) {
         for (size_t count = 0; count <= i; ++count) {
-            CountScan(metrics, static_cast<Outcome>(i), 0.3);
+            CountScan(metrics, {static_cast<Outcome::Kind>(i)}, 0.3);
         }
     }
     const std::string text = MetricsText(metrics, {1, 2, 3, 4, 5}, world.fleet, world.now);
