@@ -67,6 +67,7 @@ void SetStanding(Fleet& fleet, Server& server, bool up, const std::string& reaso
         fleet.tell(kind, kind + " - " + reason + again);
     } else if (!was_up) {
         server.health.failed_in_row = 0;
+        server.health.up_since = now;
         fleet.tell(kind, kind);
     }
 }
@@ -78,13 +79,6 @@ void GoDown(Fleet& fleet, Server& server, const std::string& reason, Time now) {
     health.paused_at = now;
     server.lookup.at = std::min(server.lookup.at, now);
     SetStanding(fleet, server, false, reason, now);
-}
-
-void NoteFailedScan(Fleet& fleet, Server& server, Time now) {
-    if (++server.health.failed_in_row >= kFailuresUntilDown && server.health.up) {
-        GoDown(fleet, server, "failed " + std::to_string(server.health.failed_in_row) + " scans in a row",
-               now);
-    }
 }
 
 bool MayBeSuspected(const Server& server, Time now) {
@@ -194,16 +188,12 @@ void NoteBroken(Fleet& fleet, Server& server, const std::string& reason, Time mo
     }
 }
 
-void NoteSilence(Fleet& fleet, Server& server, Time since, Time now) {
+void NoteFailure(Fleet& fleet, Server& server, Time since, Time now) {
+    Server::Health& health = server.health;
     ++server.numbers.failures;
-    if (server.health.worked <= since) {
-        NoteFailedScan(fleet, server, now);
+    if (health.worked <= since && ++health.failed_in_row >= kFailuresUntilDown && health.up) {
+        GoDown(fleet, server, "failed " + std::to_string(health.failed_in_row) + " scans in a row", now);
     }
-}
-
-void NoteError(Fleet& fleet, Server& server, Time now) {
-    ++server.numbers.failures;
-    NoteFailedScan(fleet, server, now);
 }
 
 void NoteVerdict(Server& server, Time now) {

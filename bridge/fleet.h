@@ -34,6 +34,7 @@ struct Server {
     struct Health {
         enum class Probe { kNone, kWanted, kRunning };
         bool up = true;                 // it does, once it has an address
+        Time up_since{};                // when it came up last; no time: it was never down
         Time worked{};                  // when it gave a verdict last, to a scan or a probe
         unsigned failed_in_row = 0;     // scans, by silence or error
         std::chrono::seconds pause{0};  // of one that is down, before the next probe; none: it is not probed
@@ -103,10 +104,9 @@ void TakeTurn(Fleet& fleet, Server& server);
 // The end of a connection that had long stood still says nothing of a server that has worked since.
 void NoteBroken(Fleet& fleet, Server& server, const std::string& reason, Time moved, Time now);
 
-// It failed a scan: down after three in a row. By silence since then, which is not held against one that has
-// worked since; or by an error where another server gave a verdict.
-void NoteSilence(Fleet& fleet, Server& server, Time since, Time now);
-void NoteError(Fleet& fleet, Server& server, Time now);
+// It failed a scan, by an error at `since` where another server gave a verdict, or by silence since then:
+// down after three in a row. Not held against one that has given a verdict since, to a scan or a probe.
+void NoteFailure(Fleet& fleet, Server& server, Time since, Time now);
 
 void NoteVerdict(Server& server, Time now);
 
@@ -115,7 +115,7 @@ void SuspectForError(Server& server, Time now);
 // The same of one that is silent. One at a time: where all are busy, probes would wait behind the scans.
 void SuspectForSilence(const Fleet& fleet, Server& server, Time now);
 
-// A server that is down is probed at once: it has shown life.
+// A server that is down is probed at once: it has shown life, or a scan has nobody else to ask.
 void ProbeSoon(Server& server);
 
 // Whether it is to be probed now: one that is suspected, or has given no verdict for a minute, or is down and
@@ -131,7 +131,7 @@ void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now);
 // All servers are down, and probes since then have found every one sick: waiting is of no use.
 bool AllSick(const Fleet& fleet, Time since);
 
-// Whether one more scan may be given to a second server beside a silent one: one in ten of the last minute.
+// Whether one more scan may be given to a busy server beside a silent one: one in ten of the last minute.
 bool MayAskBeside(Fleet& fleet, Time now);
 
 }  // namespace kesto::bridge

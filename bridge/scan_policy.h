@@ -68,10 +68,10 @@ class ScanPolicy {
         kTold,     // the client has been told
     };
     struct Attempt {
-        enum class State { kRunning, kTooLarge, kErred, kLost };
+        enum class State { kRunning, kTooLarge, kErred, kLost, kUnreached };
         ServerPtr server;
         Time began;
-        Time progressed;
+        Time progressed;  // when it took data last, or replied
         State state = State::kRunning;
         bool sent = false;
         bool handed_over = false;
@@ -85,14 +85,13 @@ class ScanPolicy {
     void TakeVerdict(Attempt& attempt, const AttemptEnd& end, Time now);
     bool TakesLong(const Attempt& attempt, Time now) const;
     bool IsSilent(const Attempt& attempt, Time now) const;
-    bool IsUsedUp() const;
-    bool MayBegin(Time now) const;
-    ServerPtr NextServer() const;
     bool HasAsked(const Server& server) const;
-    bool ServerIsLeft() const;
-    bool ProbeWillTell() const;
-    void SuspectSilentOnes(Time now);
+    unsigned TriesOf(const Server& server) const;
+    bool IsUsedUp(bool for_untried) const;
+    bool MayHave(const Server& server) const;
+    ServerPtr NextServer(Time now) const;
     Loss WhyUseless(Time now) const;
+    bool AskTheRest() const;
     ScanStep Begin(const ServerPtr& server, Time now);
     ScanStep Trickle(Time now);
 
