@@ -7,7 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "base/log_line.h"
+#include "base/log_stamp.h"
 
 namespace kesto {
 namespace {
@@ -52,7 +52,8 @@ void LogMessage(const char* format, ...) {
     va_start(values, format);
     vsnprintf(message, sizeof message, format, values);
     va_end(values);
-    WriteLogLine(log, message);
+    fprintf(log, "%s%s\n", LogStampNow().text, message);
+    fflush(log);
 }
 
 }  // namespace kesto

@@ -8,7 +8,6 @@
 #include <exception>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "bridge/bridge.h"
 #include "bridge/listener.h"
@@ -102,19 +101,18 @@ int Run() {
         return 1;
     }
     Reload reload(folder);
-    BridgeIni ini = ReadBridgeIni(folder);
-    const std::string log_problem = UseBridgeLog(ini, folder);
+    BridgeIni ini = ReadBridgeIni(folder, bridge.settings.listen);
+    const std::string log_problem = UseBridgeLog(ini.settings, folder);
     bridge.own = OwnAddresses();
-    const std::vector<std::string> problems = Problems(ini, bridge);
-    if (problems.empty() || orders.known_problem == 0) {
+    if (ini.problems.empty() || orders.known_problem == 0) {
         if (!log_problem.empty()) {
             LogBridge("log", log_problem);
         }
-        for (const std::string& problem : problems) {
+        for (const std::string& problem : ini.problems) {
             LogBridge("start", kCannotStart + problem);
         }
     }
-    if (!problems.empty()) {
+    if (!ini.problems.empty()) {
         return kCannotFollow;
     }
     if (!(ini.settings.listen == bridge.settings.listen)) {

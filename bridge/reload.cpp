@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "common/bridge_ini.h"
 #include "common/bridge_log.h"
 
 namespace kesto::bridge {
@@ -13,39 +14,26 @@ constexpr auto kBetweenLooks = 2s;
 
 }  // namespace
 
-std::vector<std::string> Problems(const BridgeIni& ini, const Bridge& bridge) {
-    std::vector<std::string> problems = ini.problems;
-    for (const ServerAddress& server : ini.settings.upstreams) {
-        // The address that it keeps until it is started again may already be listed as that of another
-        // server.
-        if (problems.empty() && IsBridgeItself(server, bridge.settings, bridge.own)) {
-            problems.push_back("upstream " + AddressText(server) +
-                               " is the bridge itself until it is restarted");
-        }
-    }
-    return problems;
-}
-
 Reload::Reload(std::wstring program_folder)
-    : folder_(std::move(program_folder)), taken_up_(BridgeIniStamp(folder_)), seen_(taken_up_) {}
+    : folder_(std::move(program_folder)), taken_up_(IdentityOf(BridgeIniPath(folder_))), seen_(taken_up_) {}
 
 void Reload::Tick(Bridge& bridge, Time now) {
     if (now < next_look_) {
         return;
     }
     next_look_ = now + kBetweenLooks;
-    const FileStamp stamp = BridgeIniStamp(folder_);
+    const std::optional<FileIdentity> stamp = IdentityOf(BridgeIniPath(folder_));
     // A file that is missing, or was written a moment ago, may be in the middle of being saved.
-    if (stamp != std::exchange(seen_, stamp) || stamp == taken_up_ || stamp == FileStamp{}) {
+    if (stamp != std::exchange(seen_, stamp) || stamp == taken_up_ || !stamp) {
         return;
     }
-    BridgeIni ini = ReadBridgeIni(folder_);
+    BridgeIni ini = ReadBridgeIni(folder_, bridge.settings.listen);
     if (!ini.readable && stamp == std::exchange(unreadable_, stamp)) {
         return;  // this has been logged, and the file will be looked at again
     }
     taken_up_ = !ini.readable ? taken_up_ : stamp;
-    if (const auto problems = Problems(ini, bridge); !problems.empty()) {
-        for (const std::string& problem : problems) {
+    if (!ini.problems.empty()) {
+        for (const std::string& problem : ini.problems) {
             LogBridge("reload", "changed settings are not followed - " + problem);
         }
         return;
@@ -56,7 +44,7 @@ void Reload::Tick(Bridge& bridge, Time now) {
     ini.settings.listen = settings.listen;
     ini.settings.decrypt = settings.decrypt;
     if (ini.settings.logfile != settings.logfile) {
-        if (const std::string problem = UseBridgeLog(ini, folder_); !problem.empty()) {
+        if (const std::string problem = UseBridgeLog(ini.settings, folder_); !problem.empty()) {
             LogBridge("log", problem);
         }
     }

@@ -1,17 +1,13 @@
 // Takes up a changed bridge.ini while the bridge runs.
 #pragma once
 
+#include <optional>
 #include <string>
-#include <vector>
 
 #include "bridge/bridge.h"
-#include "common/bridge_ini.h"
+#include "common/file_bytes.h"
 
 namespace kesto::bridge {
-
-// Why the bridge, which goes on listening as bridge.settings says, cannot follow what it has read. Empty: it
-// can.
-std::vector<std::string> Problems(const BridgeIni& ini, const Bridge& bridge);
 
 class Reload {
  public:
@@ -23,9 +19,9 @@ class Reload {
 
  private:
     std::wstring folder_;
-    FileStamp taken_up_;
-    FileStamp seen_;
-    FileStamp unreadable_;  // of the file that could not be read, which has been logged
+    std::optional<FileIdentity> taken_up_;
+    std::optional<FileIdentity> seen_;
+    std::optional<FileIdentity> unreadable_;  // the file that could not be read, which has been logged
     Time next_look_{};
 };
 

@@ -5,32 +5,12 @@
 #include <iphlpapi.h>
 #include <ws2tcpip.h>
 
-#include <algorithm>
-#include <utility>
-
 #include "common/error_words.h"
+#include "common/file_bytes.h"
 #include "common/text.h"
 
 namespace kesto {
 namespace {
-
-constexpr DWORD kLargestIni = 1 << 20;
-
-// Returns the system's error code.
-DWORD ReadText(const std::wstring& path, std::string& text) {
-    HANDLE file =
-        CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                    nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-        return GetLastError();
-    }
-    DWORD size = 0;
-    text.resize(kLargestIni);
-    const DWORD error = ReadFile(file, text.data(), kLargestIni, &size, nullptr) ? 0 : GetLastError();
-    text.resize(size);
-    CloseHandle(file);
-    return error;
-}
 
 bool IsRelative(const std::string& path) {
     return path[0] != '\\' && path[0] != '/' && path.substr(1, 1) != ":";
@@ -38,43 +18,34 @@ bool IsRelative(const std::string& path) {
 
 }  // namespace
 
-BridgeIni ReadBridgeIni(const std::wstring& program_folder) {
+std::wstring BridgeIniPath(const std::wstring& program_folder) {
+    return program_folder + L"\\bridge.ini";
+}
+
+BridgeIni ReadBridgeIni(const std::wstring& program_folder, const std::optional<ServerAddress>& listens) {
+    const FileBytes file = ReadWholeFile(BridgeIniPath(program_folder));
+    if (!file.fault) {
+        return ReadBridgeSettings({reinterpret_cast<const char*>(file.data.get()), file.size}, OwnAddresses(),
+                                  listens);
+    }
     BridgeIni ini;
-    std::string text;
-    const DWORD error = ReadText(program_folder + L"\\bridge.ini", text);
-    if (error == 0) {
-        auto [settings, problems, updater_problems] = ReadBridgeSettings(text, OwnAddresses());
-        ini.settings = std::move(settings);
-        ini.problems = std::move(problems);
-        ini.updater_problems = std::move(updater_problems);
-    } else if (error != ERROR_FILE_NOT_FOUND) {
-        ini.problems = {"bridge.ini cannot be read - " + ErrorWords(error)};
+    if (file.fault.code != ERROR_FILE_NOT_FOUND) {
+        ini.problems = {"bridge.ini cannot be read - " + ErrorWords(file.fault.code)};
         ini.readable = false;
     }
-    const std::string& log = ini.settings.logfile;
-    ini.log_only_if_present = log.empty();
-    ini.log_path = log.empty()       ? DefaultBridgeLog(program_folder)
-                   : IsRelative(log) ? program_folder + L"\\" + WideFromAnsi(log)
-                                     : WideFromAnsi(log);
     return ini;
 }
 
-std::wstring DefaultBridgeLog(const std::wstring& program_folder) {
-    return program_folder + L"\\bridge.log";
+std::wstring BridgeLogPath(const BridgeSettings& settings, const std::wstring& program_folder) {
+    const std::string& log = settings.logfile;
+    return log.empty()       ? program_folder + L"\\bridge.log"
+           : IsRelative(log) ? program_folder + L"\\" + WideFromAnsi(log)
+                             : WideFromAnsi(log);
 }
 
-FileStamp BridgeIniStamp(const std::wstring& program_folder) {
-    WIN32_FILE_ATTRIBUTE_DATA data;
-    if (!GetFileAttributesExW((program_folder + L"\\bridge.ini").c_str(), GetFileExInfoStandard, &data)) {
-        return {};
-    }
-    const auto whole = [](DWORD high, DWORD low) { return static_cast<uint64_t>(high) << 32 | low; };
-    return {whole(data.ftLastWriteTime.dwHighDateTime, data.ftLastWriteTime.dwLowDateTime),
-            whole(data.nFileSizeHigh, data.nFileSizeLow)};
-}
-
-std::wstring UpdateLogPath(const BridgeIni& ini) {
-    return ini.log_path.substr(0, ini.log_path.find_last_of(L"\\/") + 1) + L"update.log";
+std::wstring UpdateLogPath(const BridgeSettings& settings, const std::wstring& program_folder) {
+    const std::wstring log = BridgeLogPath(settings, program_folder);
+    return log.substr(0, log.find_last_of(L"\\/") + 1) + L"update.log";
 }
 
 std::vector<ServerAddress> OwnAddresses() {

@@ -1,4 +1,4 @@
-// The bridge.ini beside the program, and the path of the bridge's log.
+// The bridge.ini beside the program, and the paths of the logs.
 #pragma once
 
 #include <string>
@@ -11,31 +11,16 @@ namespace kesto {
 // The beginning of the line of its log that tells why it ends at once.
 inline constexpr char kCannotStart[] = "cannot start - ";
 
-struct BridgeIni {
-    BridgeSettings settings;
-    std::vector<std::string> problems;          // in words; with any of these the bridge does not start
-    std::vector<std::string> updater_problems;  // with any of these the updater does nothing
-    bool readable = true;      // false: that is the problem; another program may have it open
-    std::wstring log_path;     // valid even with problems
-    bool log_only_if_present;  // no path is set: the file is used if it exists
-};
+std::wstring BridgeIniPath(const std::wstring& program_folder);
 
-// Without the file every setting has its default.
-BridgeIni ReadBridgeIni(const std::wstring& program_folder);
+// Without the file every setting has its default. `listens`: see ReadBridgeSettings.
+BridgeIni ReadBridgeIni(const std::wstring& program_folder, const std::optional<ServerAddress>& listens = {});
 
-// The log that is used when no path is set, or when that one cannot be written.
-std::wstring DefaultBridgeLog(const std::wstring& program_folder);
-
-// When bridge.ini was last written, and its size; they differ after a change. All 0 without a file.
-struct FileStamp {
-    uint64_t written = 0;
-    uint64_t size = 0;
-    bool operator==(const FileStamp&) const = default;
-};
-FileStamp BridgeIniStamp(const std::wstring& program_folder);
+// Where no path is set, the log is written only if it exists.
+std::wstring BridgeLogPath(const BridgeSettings& settings, const std::wstring& program_folder);
 
 // The log of the updater, beside the bridge's log. It is always written.
-std::wstring UpdateLogPath(const BridgeIni& ini);
+std::wstring UpdateLogPath(const BridgeSettings& settings, const std::wstring& program_folder);
 
 // The addresses of this machine, for ReadBridgeSettings.
 std::vector<ServerAddress> OwnAddresses();

@@ -1,18 +1,16 @@
 #include "common/bridge_log.h"
 
 #include <windows.h>
-#include <fcntl.h>
-#include <io.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <exception>
 #include <vector>
 
 #include "base/bounded_text.h"
-#include "base/log_line.h"
+#include "base/log_stamp.h"
+#include "common/bridge_ini.h"
 #include "common/error_words.h"
 #include "common/log_limit.h"
+#include "common/owned_handle.h"
 #include "common/text.h"
 
 namespace kesto {
@@ -21,60 +19,51 @@ namespace {
 std::wstring g_path;  // empty: off
 LogLimit g_limit;
 
-// Null, with the system's error code set, when it cannot be opened. Guard and bridges write to one file: a
-// handle that may only append puts each line after everything that others have written.
-FILE* OpenLog(const std::wstring& path) {
-    HANDLE file = CreateFileW(path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
-                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
-    const int number =
-        file == INVALID_HANDLE_VALUE ? -1 : _open_osfhandle(reinterpret_cast<intptr_t>(file), _O_APPEND);
-    return number == -1 ? nullptr : _fdopen(number, "at");
+// Guard and bridges write to one file: a handle that may only append puts each line after everything that
+// others have written.
+OwnedHandle OpenToAppend(const std::wstring& path, bool inherited = false) {
+    SECURITY_ATTRIBUTES security = {sizeof security, nullptr, inherited};
+    return Own(CreateFileW(path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &security, OPEN_ALWAYS,
+                           FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
-void Write(std::vector<std::string> lines) {
-    if (lines.empty() || g_path.empty()) {
-        return;
-    }
-    for (std::string& line : lines) {
-        line.resize(std::min<size_t>(line.size(), kMessageSize - 1));
-        line = Printable(line);
-    }
-    FILE* log = OpenLog(g_path);
-    if (log == nullptr) {
-        return;
-    }
+void Write(const std::vector<std::string>& lines) {
+    std::string text;
     for (const std::string& line : lines) {
-        WriteLogLine(log, line.c_str());
+        text += LogStampNow().text + Printable(line.substr(0, kMessageSize - 1)) + "\r\n";
     }
-    std::fclose(log);
-}
-
-bool UseLog(const std::wstring& path, bool only_if_present) {
-    g_path.clear();
-    if (only_if_present && GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
-        return true;
+    if (const OwnedHandle log = lines.empty() || g_path.empty() ? nullptr : OpenToAppend(g_path)) {
+        DWORD written = 0;
+        WriteFile(log.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
     }
-    FILE* log = OpenLog(path);
-    if (log == nullptr) {
-        return false;
-    }
-    std::fclose(log);
-    g_path = path;
-    return true;
 }
 
 }  // namespace
 
-std::string UseBridgeLog(const BridgeIni& ini, const std::wstring& program_folder) {
-    if (UseLog(ini.log_path, ini.log_only_if_present)) {
+std::string UseBridgeLog(const BridgeSettings& settings, const std::wstring& program_folder) {
+    const std::wstring path = BridgeLogPath(settings, program_folder);
+    if (settings.logfile.empty() && GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
+        g_path.clear();
+        return "";
+    }
+    if (UseLog(path)) {
         return "";
     }
     std::string problem = "cannot write the log file " +
-                          (ini.settings.logfile.empty() ? "bridge.log" : ini.settings.logfile) + " - " +
+                          (settings.logfile.empty() ? "bridge.log" : settings.logfile) + " - " +
                           ErrorWords(GetLastError());
-    UseLog(DefaultBridgeLog(program_folder), false);
+    UseLog(BridgeLogPath({}, program_folder));
     return problem;
+}
+
+bool UseLog(const std::wstring& path) {
+    g_path = OpenToAppend(path) ? path : L"";
+    return !g_path.empty();
+}
+
+void* InheritedLog() {
+    return OpenToAppend(g_path, true).release();
 }
 
 void LogBridge(const std::string& kind, const std::string& message) noexcept {

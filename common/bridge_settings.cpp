@@ -27,9 +27,10 @@ constexpr struct {
 
 class Reader {
  public:
-    explicit Reader(const std::vector<ServerAddress>& own) : own_(own) {}
+    Reader(const std::vector<ServerAddress>& own, const std::optional<ServerAddress>& listens)
+        : own_(own), listens_(listens) {}
 
-    BridgeSettingsRead Read(std::string_view text) {
+    BridgeIni Read(std::string_view text) {
         const IniText ini = ReadIniText(text);
         if (ini.has_nul) {
             Problem("is not ANSI text: save it as such");
@@ -177,14 +178,18 @@ class Reader {
         const BridgeSettings& settings = read_.settings;
         line_ = upstreams_line_;
         for (const ServerAddress& server : settings.upstreams) {
-            if (IsBridgeItself(server, settings, own_)) {
-                Problem("upstreams: '" + AddressText(server) + "' is the bridge itself");
+            const std::string subject = "upstreams: '" + AddressText(server) + "' is the bridge itself";
+            if (IsBridgeItself(server, settings.listen, own_)) {
+                Problem(subject);
+            } else if (listens_ && IsBridgeItself(server, *listens_, own_)) {
+                Problem(subject + " until it is restarted");
             }
         }
     }
 
     const std::vector<ServerAddress>& own_;
-    BridgeSettingsRead read_;
+    const std::optional<ServerAddress>& listens_;
+    BridgeIni read_;
     std::vector<std::string> seen_;  // settings and sections
     size_t line_ = 0;
     size_t upstreams_line_ = 0;
@@ -209,17 +214,18 @@ std::string SettingsText(const BridgeSettings& settings) {
     return text;
 }
 
-bool IsBridgeItself(const ServerAddress& server, const BridgeSettings& settings,
+bool IsBridgeItself(const ServerAddress& server, const ServerAddress& listen,
                     const std::vector<ServerAddress>& own) {
     ServerAddress host = server;
     host.port = 0;
     const bool here = host.host == "localhost" || (host.kind == HostKind::kIpv4 && host.bytes[0] == 127) ||
                       std::find(own.begin(), own.end(), host) != own.end();
-    return server == settings.listen || (here && server.port == settings.listen.port);
+    return server == listen || (here && server.port == listen.port);
 }
 
-BridgeSettingsRead ReadBridgeSettings(std::string_view text, const std::vector<ServerAddress>& own) {
-    return Reader(own).Read(text);
+BridgeIni ReadBridgeSettings(std::string_view text, const std::vector<ServerAddress>& own,
+                             const std::optional<ServerAddress>& listens) {
+    return Reader(own, listens).Read(text);
 }
 
 }  // namespace kesto

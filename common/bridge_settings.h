@@ -3,6 +3,7 @@
 // unscanned.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,24 +29,27 @@ struct BridgeSettings {
     unsigned signatures = 7;  // days from which on they are too old
 };
 
-struct BridgeSettingsRead {
+// What was read of the file.
+struct BridgeIni {
     BridgeSettings settings;            // in effect if there are no problems
     std::vector<std::string> problems;  // in words; with any of these the bridge does not start
     // Problems of the section [updater]. With any of these the updater does nothing; mail is scanned all the
     // same.
     std::vector<std::string> updater_problems;
+    bool readable = true;  // false: that is the problem; another program may have it open
 };
 
 // "listen=127.0.0.1:3313 upstreams=... decrypt=1 ...": what is in effect, without the log.
 std::string SettingsText(const BridgeSettings& settings);
 
-// Whether a server is the bridge itself, which would pass its scans to itself for ever. `own` are the
-// addresses of this machine (ParseHost).
-bool IsBridgeItself(const ServerAddress& server, const BridgeSettings& settings,
+// Whether a server is the bridge itself, which listens there and would pass its scans to itself for ever.
+// `own` are the addresses of this machine (ParseHost).
+bool IsBridgeItself(const ServerAddress& server, const ServerAddress& listen,
                     const std::vector<ServerAddress>& own);
 
-// `text` is the whole file in the ANSI code page; any bytes will do. No server may be the bridge
-// itself.
-BridgeSettingsRead ReadBridgeSettings(std::string_view text, const std::vector<ServerAddress>& own);
+// `text` is the whole file in the ANSI code page; any bytes will do. No server may be the bridge itself,
+// neither where it is to listen nor where it `listens` until it is restarted.
+BridgeIni ReadBridgeSettings(std::string_view text, const std::vector<ServerAddress>& own,
+                             const std::optional<ServerAddress>& listens = {});
 
 }  // namespace kesto

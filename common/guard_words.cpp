@@ -1,20 +1,13 @@
 #include "common/guard_words.h"
 
-#include <windows.h>
+#include "common/file_bytes.h"
 
 namespace kesto {
 
 std::wstring GuardPipe(const std::wstring& program_folder) {
-    BY_HANDLE_FILE_INFORMATION identity = {};
-    HANDLE folder = CreateFileW(program_folder.c_str(), FILE_READ_ATTRIBUTES,
-                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (folder != INVALID_HANDLE_VALUE) {
-        GetFileInformationByHandle(folder, &identity);
-        CloseHandle(folder);
-    }
-    return L"\\\\.\\pipe\\kestoav-" + std::to_wstring(identity.dwVolumeSerialNumber) + L"-" +
-           std::to_wstring(identity.nFileIndexHigh) + L"-" + std::to_wstring(identity.nFileIndexLow);
+    const FileIdentity folder = IdentityOf(program_folder).value_or(FileIdentity());
+    return L"\\\\.\\pipe\\kestoav-" + std::to_wstring(folder.volume) + L"-" +
+           std::to_wstring(folder.number >> 32) + L"-" + std::to_wstring(folder.number & 0xFFFFFFFF);
 }
 
 }  // namespace kesto

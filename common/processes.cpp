@@ -12,6 +12,8 @@
 namespace kesto {
 namespace {
 
+constexpr DWORD kEndMs = 10'000;
+
 void ForEachProcess(const std::function<void(const PROCESSENTRY32W&)>& look) {
     HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
     if (snapshot == INVALID_HANDLE_VALUE) {
@@ -26,6 +28,18 @@ void ForEachProcess(const std::function<void(const PROCESSENTRY32W&)>& look) {
 }
 
 }  // namespace
+
+void EnableDebugPrivilege() {
+    HANDLE token = nullptr;
+    TOKEN_PRIVILEGES wanted = {1, {{{}, SE_PRIVILEGE_ENABLED}}};
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token)) {
+        return;
+    }
+    if (LookupPrivilegeValueW(nullptr, L"SeDebugPrivilege", &wanted.Privileges[0].Luid)) {
+        AdjustTokenPrivileges(token, FALSE, &wanted, 0, nullptr, nullptr);
+    }
+    CloseHandle(token);
+}
 
 std::vector<ProgramProcess> ProcessesNamed(const wchar_t* name) {
     std::vector<ProgramProcess> processes;
@@ -47,6 +61,17 @@ std::vector<ProgramProcess> ProcessesNamed(const wchar_t* name) {
         processes.push_back(found);
     });
     return processes;
+}
+
+bool EndProcess(uint32_t id) {
+    HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
+    if (process == nullptr) {
+        return GetLastError() == ERROR_INVALID_PARAMETER;  // there is no such process any more
+    }
+    TerminateProcess(process, 0);
+    const bool ended = WaitForSingleObject(process, kEndMs) == WAIT_OBJECT_0;
+    CloseHandle(process);
+    return ended;
 }
 
 std::wstring ProcessName(uint32_t id) {

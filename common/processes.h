@@ -1,4 +1,4 @@
-// The running processes of a program, as an administrator wants to see them.
+// The running processes of a program, as an administrator wants to see and end them.
 #pragma once
 
 #include <cstdint>
@@ -13,11 +13,20 @@ struct ProgramProcess {
     std::wstring path;  // of its program; empty when not visible
 };
 
+// Windows lets an administrator look at the processes of other accounts, such as the mail server's, and end
+// them, only with a privilege that administrators have but that is off. Turns it on where this account has
+// it.
+void EnableDebugPrivilege();
+
 // Every process whose program file has this name, in any folder.
 std::vector<ProgramProcess> ProcessesNamed(const wchar_t* name);
 inline std::vector<ProgramProcess> EngineProcesses() {
     return ProcessesNamed(L"kestoav.exe");
 }
+
+// Ends a process and waits for its end, for 10 s at most. False when it may run on. A guard's worker ends
+// with it, a moment later.
+bool EndProcess(uint32_t id);
 
 // The name of a process's program file; empty when there is no such process.
 std::wstring ProcessName(uint32_t id);

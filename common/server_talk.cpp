@@ -267,16 +267,8 @@ ServerAnswer AnswerTo(Question question, Deadline deadline) {
     return answer;
 }
 
-ServerAnswer ConnectToServer(const Endpoint& server, Deadline deadline) {
-    return AnswerTo({server}, deadline);
-}
-
 ServerAnswer AskServer(const Endpoint& server, std::string_view command, Deadline deadline) {
     return AnswerTo({server, std::string(command)}, deadline);
-}
-
-ServerAnswer ScanAtServer(const Endpoint& server, std::string_view bytes, bool shifted, Deadline deadline) {
-    return AnswerTo(ScanQuestion(server, bytes, shifted), deadline);
 }
 
 Question ScanQuestion(const Endpoint& server, std::string_view bytes, bool shifted) {

@@ -60,13 +60,8 @@ class ServerTalks {
 // One question.
 ServerAnswer AnswerTo(Question question, Deadline deadline);
 
-// Connects and sends nothing; the reply is then empty.
-ServerAnswer ConnectToServer(const Endpoint& server, Deadline deadline);
-
 // Sends a command, which includes its NUL.
 ServerAnswer AskServer(const Endpoint& server, std::string_view command, Deadline deadline);
-
-ServerAnswer ScanAtServer(const Endpoint& server, std::string_view bytes, bool shifted, Deadline deadline);
 
 // "10 ms" or "2.3 s".
 std::string DurationText(double seconds);

@@ -59,7 +59,7 @@ DWORD WINAPI LetFinish(void* argument) {
 
 SOCKET Listen(const std::wstring& folder) {
     const BridgeIni ini = ReadBridgeIni(folder);
-    UseBridgeLog(ini, folder);
+    UseBridgeLog(ini.settings, folder);
     const ServerAddress& listen_on = ini.settings.listen;
     sockaddr_in where = {};
     where.sin_family = AF_INET;

@@ -8,12 +8,14 @@
 #include <chrono>
 #include <exception>
 #include <list>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "common/bridge_ini.h"
 #include "common/bridge_log.h"
 #include "common/error_words.h"
+#include "common/file_bytes.h"
 #include "common/program_folder.h"
 #include "guard/listener.h"
 #include "guard/requests.h"
@@ -69,7 +71,7 @@ class Guard {
     }
 
     void Log(const std::string& kind, const std::string& message) const {
-        UseBridgeLog(ReadBridgeIni(folder_), folder_);
+        UseBridgeLog(ReadBridgeIni(folder_).settings, folder_);
         LogBridge(kind, message);
     }
 
@@ -164,7 +166,7 @@ class Guard {
     void Start(Time now) {
         WorkerOrders orders;
         orders.starts = ++starts_;
-        const FileStamp settings = BridgeIniStamp(folder_);
+        const std::optional<FileIdentity> settings = IdentityOf(BridgeIniPath(folder_));
         orders.known_problem = settings_wrong_ && settings == tried_;
         tried_ = settings;
         Worker& worker = workers_.emplace_back();
@@ -194,8 +196,8 @@ class Guard {
     Time served_ = Clock::now();  // when a worker served last
     Time next_start_{};
     std::chrono::milliseconds pause_{};
-    FileStamp tried_;              // the settings that the last worker has read
-    bool settings_wrong_ = false;  // none has served since one could not follow them
+    std::optional<FileIdentity> tried_;  // the settings that the last worker has read
+    bool settings_wrong_ = false;        // none has served since one could not follow them
 };
 
 // Whatever fails because there is no memory is tried again, since the engine needs its guard.

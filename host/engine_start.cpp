@@ -7,9 +7,8 @@
 
 #include "common/processes.h"
 #include "common/text.h"
-#include "host/check/check.h"
-#include "host/check/port_owner.h"
 #include "host/common/output.h"
+#include "host/common/port_owner.h"
 
 namespace kesto::host {
 namespace {
@@ -64,10 +63,6 @@ bool StartedEngineIsGone() {
     DWORD exit_code = 0;
     return engine != nullptr && WaitForSingleObject(engine, 0) == WAIT_OBJECT_0 &&
            GetExitCodeProcess(engine, &exit_code) && exit_code != kEndedByPlugin && !EngineVisible();
-}
-
-std::string EngineEndsText(const InstalledPlugin& installed) {
-    return "the engine " + Utf8FromWide(installed.engine) + " ends at once\n" + WhyEngineEnds(installed);
 }
 
 }  // namespace kesto::host

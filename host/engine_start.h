@@ -1,8 +1,6 @@
 // Starts the engine before the plug-in does: of several scans at a time, each would start one for itself.
 #pragma once
 
-#include <string>
-
 #include "host/common/installed_plugin.h"
 
 namespace kesto::host {
@@ -20,8 +18,5 @@ EngineStart EnsureEngine(const InstalledPlugin& installed);
 
 // Whether the engine that EnsureEngine started last has ended by itself, and no other runs in its place.
 bool StartedEngineIsGone();
-
-// What is known about an engine that ends at once, for standard error.
-std::string EngineEndsText(const InstalledPlugin& installed);
 
 }  // namespace kesto::host

@@ -137,7 +137,11 @@ int RunOptions(const Options& options) {
         return PrintStats(installed);
     }
     if (options.task == Task::kRestart) {
-        return Restart(installed);
+        const int status = Restart(installed);
+        if (status != kExitClean) {
+            PrintError(WhyEngineEnds(installed));
+        }
+        return status;
     }
     PluginLibrary plugin;
     if (const Fault fault = LoadPlugin(options.library, plugin)) {

@@ -52,7 +52,7 @@ bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std:
         const Deadline deadline =
             wait_seconds == 0 ? Clock::now() + kOneTry : std::min<Deadline>(Clock::now() + kOneTry, end);
         const ServerAnswer answer = AskFirst(installed, words, [&](const Endpoint& server) {
-            return ScanAtServer(server, kCleanSample, installed.settings.encrypt, deadline);
+            return AnswerTo(ScanQuestion(server, kCleanSample, installed.settings.encrypt), deadline);
         });
         if (answer.reply == kCleanReply) {
             words += "answers, in " + DurationText(answer.seconds);
@@ -69,7 +69,7 @@ bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std:
 std::string NoServerAccepts(const InstalledPlugin& installed) {
     std::string words;
     const ServerAnswer answer = AskFirst(installed, words, [](const Endpoint& server) {
-        return ConnectToServer(server, Clock::now() + kConnectLimit);
+        return AnswerTo({server}, Clock::now() + kConnectLimit);
     });
     return answer.connected ? "" : "no server accepts a connection - " + words + Outcome(answer) + "\n";
 }

@@ -8,7 +8,6 @@
 
 #include "common/error_words.h"
 #include "common/text.h"
-#include "host/check/check.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
 
@@ -58,7 +57,7 @@ int Restart(const InstalledPlugin& installed) {
         PrintOut("Restarted\n");
         return kExitClean;
     }
-    PrintError("kestoscan: not restarted - " + answer + "\n" + WhyEngineEnds(installed));
+    PrintError("kestoscan: not restarted - " + answer + "\n");
     return kExitError;
 }
 

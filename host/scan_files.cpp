@@ -11,6 +11,7 @@
 #include "common/detached_thread.h"
 #include "common/file_bytes.h"
 #include "common/text.h"
+#include "host/check/check.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
 #include "host/engine_start.h"

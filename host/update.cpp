@@ -35,9 +35,7 @@ int TellInterrupted(const InstalledPlugin& installed) {
 }
 
 uint64_t SizeOf(const std::wstring& path) {
-    WIN32_FILE_ATTRIBUTE_DATA file = {};
-    GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &file);
-    return (static_cast<uint64_t>(file.nFileSizeHigh) << 32) + file.nFileSizeLow;
+    return IdentityOf(path).value_or(FileIdentity()).size;
 }
 
 // What the updater has written since its log had this size.
@@ -48,7 +46,7 @@ std::string LoggedSince(const std::wstring& log, uint64_t size) {
         lines.erase(0, lines.find('\n') + 1);
     }
     std::erase(lines, '\r');
-    return Utf8FromAnsi(lines);
+    return PrintableLines(Utf8FromAnsi(lines));
 }
 
 }  // namespace
@@ -66,7 +64,8 @@ int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
         const std::lock_guard guard(OutputLock());
         SetLastWords([&] { return TellInterrupted(installed); });
     }
-    const std::wstring log = UpdateLogPath(ReadBridgeIni(installed.engine_folder));
+    const std::wstring log =
+        UpdateLogPath(ReadBridgeIni(installed.engine_folder).settings, installed.engine_folder);
     const uint64_t logged = SizeOf(log);
     plugin.get_expiry(0, 0, 0);  // as the mail server does; without it every update is refused
     char title[kUpdateTitleSize] = "";

@@ -52,10 +52,7 @@ bool AccountExists(const std::wstring& name) {
 bool EndAll(const std::wstring& file) {
     bool ended = true;
     for (const uint32_t id : ProcessesOf(file)) {
-        HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
-        ended &= process != nullptr && TerminateProcess(process, 0) != FALSE &&
-                 WaitForSingleObject(process, 10000) == WAIT_OBJECT_0;
-        CloseHandle(process);
+        ended &= EndProcess(id);
     }
     return ended;
 }

@@ -248,7 +248,7 @@ TEST_F(HostTest, RefusesWhatIsNotThePlugInOrNotUnderstood) {
     const std::pair<std::wstring, const char*> cases[] = {
         {L"x --folder C:\\" + std::wstring(229, L'x'), "at most 231 characters"},
         {L"x --library missing.dll", "cannot load "},
-        {L"x --library C:\\windows\\system32\\version.dll", "it lacks CHECKLICENCE, CLOSEINSTANCE"},
+        {L"x --library C:\\windows\\system32\\version.dll", "it lacks CLOSESCANNER, DOSIMPLEUPDATE"},
         {L"x --library \"\"", "--library: is empty"},
         {L"--exclude-dir \"C:\\T\\tmp\\\" C:\\T\\bad", "holds a quotation mark"},
         {L"x --folder C:\\windows", "C:\\windows holds no part of the plug-in"},
@@ -306,8 +306,8 @@ TEST_F(HostTest, TheUpdaterRunsItsCommandOrLooksAtTheSignatures) {
     const std::filesystem::path slow = installed.top / "slow.exe";
     installed.PlaceStandIn(slow, "wait");
     const auto version = [](int days) { return Realistic({.version = VersionOfDaysAgo(days)}); };
-    WriteFile(installed.engine_folder / "output", "10%\r20%\r\n\r\nnext");
-    ScriptedEngine young(version(0)), old(version(1)), silent;
+    WriteFile(installed.engine_folder / "output", "10%\r20%\r\n\033[2Jnext");
+    ScriptedEngine young(version(0)), old(version(1)), odd(Realistic({.version = "ClamAV"})), silent;
     silent.Kill();
     const auto asked = [&](const std::string& servers) {
         return "[bridge]\nupstreams=" + young.Address() + " " + servers + "\n[updater]\nsignatures=1\n";
@@ -318,25 +318,32 @@ TEST_F(HostTest, TheUpdaterRunsItsCommandOrLooksAtTheSignatures) {
         int error;         // 0: updated
         const char* told;  // by the updater's log
     } cases[] = {
-        {asked(""), 0, ": signatures from 0 days ago"},
         {asked(silent.Address()), 0, " does not answer: "},
-        {asked(old.Address()), 1, "1 of 2 clamds have no signatures younger than signatures=1 days"},
+        {asked(""), 0, ": signatures from 0 days ago"},
         {"[bridge]\nupstreams=" + silent.Address(), 1, "no clamd answers"},
-        {command + "command=cmd /c type output", 0, ": 20%\n"},
-        {command + "command=cmd /c for /l %i in (1,1,250) do @echo line %i& exit 52", 52,
-         "50 more lines left out, the last: line 250"},
+        {asked(old.Address() + " " + odd.Address()), 1,
+         "2 of 3 clamds have no signatures younger than signatures=1 days"},
+        {command + "command=cmd /c type output", 0, "\n?[2Jnext\n2"},
+        {command + "command=cmd /c echo wrong>&2& exit 52", 52, "\nwrong"},
         {command + "timeout=1\ncommand=" + slow.string(), 1460, "took more than timeout=1 seconds"},
         {command + "command=no.such.program", 2, "could not be started"},
         {command + "comand=a", 1, "bridge.ini line 3: unknown setting 'comand'"},
-        {"[bridge]\nupstream=a:1", 1, "bridge.ini line 2: unknown setting 'upstream'"},
+        {"[bridge]\nup\1stream=a:1", 1, "bridge.ini line 2: unknown setting 'up?stream'"},
     };
+    const std::filesystem::path ini_file = installed.engine_folder / "bridge.ini";
+    const char* earlier = "none";
     for (const auto& [ini, error, told] : cases) {
-        WriteFile(installed.engine_folder / "bridge.ini", ini);
+        WriteFile(ini_file, ini);
         const RunResult run = Run(L"--update");
         const std::string end =
             error == 0 ? "Update finished\n" : "attempt failed with error " + std::to_string(error) + "\n";
-        EXPECT_THAT(run.out + run.err, AllOf(HasSubstr(told), EndsWith(end))) << ini;
+        EXPECT_THAT(run.out + run.err, AllOf(HasSubstr(told), EndsWith(end), Not(HasSubstr(earlier)))) << ini;
+        earlier = told;
     }
+    EXPECT_THAT(ReadFile(installed.engine_folder / "update.log"), EndsWith("'up?stream'\r\n"));
+    HANDLE held = CreateFileW(ini_file.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    EXPECT_THAT(Told(L"--update"), HasSubstr("bridge.ini cannot be read"));
+    CloseHandle(held);
     EXPECT_TRUE(WaitFor([&] { return DeleteFileW(slow.c_str()) != FALSE; }));  // which no running program is
 }
 

@@ -82,11 +82,13 @@ TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
     EXPECT_THAT(LintIni("\xEF\xBB\xBF[kestoav]\n").at(0).text, testing::HasSubstr("byte order mark"));
 }
 
-TEST(Signatures, AreReadOfThreeFieldsOnly) {
+TEST(Signatures, AreReadOfThreeFieldsOnlyAndAgeByTheCalendar) {
     for (const char* odd : {"", "ClamAV 1.0.9", "a/b/c/d", "a/27821/Fri Foo  6 09:12:31 2026",
                             "a/27821/Fri Feb 30 09:12:31 2026", "a/27821/Fri Feb 6 2026"}) {
         EXPECT_FALSE(ReadSignatures(odd)) << odd;
     }
+    const auto late = ReadSignatures("a/1/Fri Nov 20 23:00:00 2026");
+    EXPECT_EQ(AgeInDays(*late, late->written + std::chrono::hours(2)), 1);
 }
 
 TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {

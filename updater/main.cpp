@@ -1,9 +1,9 @@
 // kestoavu.exe: the plug-in starts it when the mail server asks for an update, and reports its exit code.
 #include "common/bridge_ini.h"
+#include "common/bridge_log.h"
 #include "common/program_folder.h"
 #include "updater/command.h"
 #include "updater/signatures.h"
-#include "updater/update_log.h"
 
 namespace kesto::updater {
 namespace {
@@ -11,15 +11,16 @@ namespace {
 uint32_t Update() {
     const std::wstring folder = ProgramFolder();
     const BridgeIni ini = ReadBridgeIni(folder);
-    UseUpdateLog(UpdateLogPath(ini));
+    const std::wstring log = UpdateLogPath(ini.settings, folder);
+    UseLog(log);
     for (const auto* problems : {&ini.problems, &ini.updater_problems}) {
         if (!problems->empty()) {
-            LogUpdate(problems->front());
+            LogBridge("settings", problems->front());
             return 1;
         }
     }
     return ini.settings.command.empty() ? LookAtSignatures(ini.settings)
-                                        : RunCommand(ini.settings.command, folder, ini.settings.timeout);
+                                        : RunCommand(ini.settings.command, folder, ini.settings.timeout, log);
 }
 
 }  // namespace

@@ -5,9 +5,9 @@
 #include <string>
 
 #include "base/clamd_words.h"
+#include "common/bridge_log.h"
 #include "common/server_talk.h"
 #include "common/signatures.h"
-#include "updater/update_log.h"
 
 namespace kesto::updater {
 namespace {
@@ -25,24 +25,24 @@ uint32_t LookAtSignatures(const BridgeSettings& settings) {
                                               std::chrono::steady_clock::now() + kAnswerLimit);
         const std::string name = AddressText(upstream);
         if (!answer.reply) {
-            LogUpdate(name + " does not answer: " + answer.failure);
+            LogBridge(name, name + " does not answer: " + answer.failure);
             continue;
         }
         ++answers;
         const auto signatures = ReadSignatures(*answer.reply);
         const int age = signatures ? AgeInDays(*signatures, now) : 0;
         young += signatures && age < static_cast<int>(settings.signatures) ? 1 : 0;
-        LogUpdate(name + ": " + *answer.reply + ": " +
-                  (signatures ? "signatures from " + std::to_string(age) + " days ago"
-                              : "signatures of unknown age"));
+        LogBridge(name, name + ": " + *answer.reply + ": " +
+                            (signatures ? "signatures from " + std::to_string(age) + " days ago"
+                                        : "signatures of unknown age"));
     }
     if (answers == 0) {
-        LogUpdate("no clamd answers");
+        LogBridge("result", "no clamd answers");
     } else if (young < answers) {
-        LogUpdate(
-            std::to_string(answers - young) + " of " + std::to_string(answers) +
-            " clamds have no signatures younger than signatures=" + std::to_string(settings.signatures) +
-            " days: check their own updater (freshclam), or name one in command=");
+        LogBridge("result", std::to_string(answers - young) + " of " + std::to_string(answers) +
+                                " clamds have no signatures younger than signatures=" +
+                                std::to_string(settings.signatures) +
+                                " days: check their own updater (freshclam), or name one in command=");
     }
     return answers != 0 && young == answers ? 0 : 1;
 }

@@ -1,5 +1,3 @@
-#include "host/check/check_guard.h"
-
 #include <windows.h>
 
 #include <chrono>
@@ -11,6 +9,7 @@
 #include "common/processes.h"
 #include "common/server_talk.h"
 #include "common/text.h"
+#include "host/check/checks.h"
 
 namespace kesto::host {
 namespace {
@@ -44,18 +43,17 @@ double Counter(const std::string& text, const std::string& name) {
 
 }  // namespace
 
-Findings CheckGuard(const InstalledPlugin& installed, const InstalledBridge& bridge) {
-    Findings findings;
+void CheckGuard(Findings& findings, const InstalledPlugin& installed, const InstalledBridge& bridge) {
     const std::string check = "engine worker";
     const std::wstring worker = installed.engine_folder + L"\\" + kWorkerProgram;
     const std::wstring guard_version = OurVersion(installed.engine);
     if (guard_version.empty()) {
-        return findings;
+        return;
     }
     if (!IsFile(worker)) {
         findings.Failed(check, Utf8FromWide(worker) + " is missing: every scan ends with error 1003",
                         "copy kestobridge.exe from the release there");
-        return findings;
+        return;
     }
     if (const std::wstring version = OurVersion(worker); version != guard_version) {
         findings.Failed(check,
@@ -64,12 +62,12 @@ Findings CheckGuard(const InstalledPlugin& installed, const InstalledBridge& bri
                         "copy both from one release");
     }
     if (EngineProcesses().empty() || !bridge.used) {
-        return findings;
+        return;
     }
     const std::string remedy = "bridge.log tells how it ended";
     if (ProcessesNamed(kWorkerProgram).empty()) {
         findings.Failed(check, "kestobridge.exe does not run: every scan ends with error 1003", remedy);
-        return findings;
+        return;
     }
     const ServerAddress& listen = bridge.ini.settings.listen;
     const ServerAnswer numbers =
@@ -84,7 +82,6 @@ Findings CheckGuard(const InstalledPlugin& installed, const InstalledBridge& bri
     } else {
         findings.Ok(check, "kestobridge.exe runs");
     }
-    return findings;
 }
 
 }  // namespace kesto::host

@@ -9,8 +9,8 @@
 #include "base/clamd_words.h"
 #include "common/signatures.h"
 #include "common/text.h"
-#include "host/check/port_owner.h"
 #include "host/check/test_samples.h"
+#include "host/common/port_owner.h"
 
 namespace kesto::host {
 namespace {
@@ -254,15 +254,17 @@ class ServerCheck {
 
 }  // namespace
 
-std::vector<Findings> CheckServers(const std::vector<CheckedServer>& servers, Deadline deadline,
-                                   const std::function<void(size_t)>& progress) {
+std::vector<Findings> AskServers(const std::vector<CheckedServer>& servers, Deadline deadline) {
     ServerTalks talks(deadline);
     std::list<ServerCheck> checks;
     for (const CheckedServer& server : servers) {
         checks.emplace_back(server, talks);
     }
     const auto done = [](const ServerCheck& check) { return check.Done(); };
-    talks.Run([&] { progress(static_cast<size_t>(std::count_if(checks.begin(), checks.end(), done))); });
+    talks.Run([&] {
+        ShowStep("the servers: " + std::to_string(std::count_if(checks.begin(), checks.end(), done)) +
+                 " of " + std::to_string(checks.size()) + " done");
+    });
     std::vector<Findings> all;
     for (const ServerCheck& check : checks) {
         all.push_back(check.All());

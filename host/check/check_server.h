@@ -1,12 +1,11 @@
 // Engine servers, asked directly and not through the plug-in.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "common/server_talk.h"
-#include "host/check/check_report.h"
+#include "host/check/findings.h"
 
 namespace kesto::host {
 
@@ -20,8 +19,7 @@ struct CheckedServer {
 
 // Connects to each server, asks for a sign of life and the version, and has it scan a clean and an infected
 // sample and a longer clean stream. The findings are in the order of the servers. Ends by the deadline,
-// whatever they do. `progress` is called now and then with the number of servers that are done.
-std::vector<Findings> CheckServers(const std::vector<CheckedServer>& servers, Deadline deadline,
-                                   const std::function<void(size_t)>& progress);
+// whatever they do, and shows how many are done.
+std::vector<Findings> AskServers(const std::vector<CheckedServer>& servers, Deadline deadline);
 
 }  // namespace kesto::host

@@ -2,8 +2,6 @@
 
 #include <windows.h>
 
-#include <sstream>
-
 #include "common/error_words.h"
 #include "common/text.h"
 
@@ -13,21 +11,6 @@ namespace {
 // The system starts a program by a path of at most 259 characters, and "\plugins\kestoav\kestoav.exe" takes
 // 28 of them.
 constexpr size_t kMostFolder = 231;
-
-// Every name that the mail server may ask for.
-constexpr char kExportNames[] =
-    "CHECKLICENCE CLOSEINSTANCE CLOSESCANNER DOSIMPLEUPDATE DOUPDATE GETERRORTEXT GETEXPIRY "
-    "GETVERSIONDETAILS INITIALIZEINSTANCE INITIALIZESCANNER ISFATALERROR "
-    "PROCESSWINDOWSMESSAGE RELOADSCANNER SCANFILE UNLOADSCANNER _CheckLicence@8 "
-    "_CloseInstance@4 _CloseScanner@0 _DoSimpleUpdate@8 _DoUpdate@16 _GetErrorText@12 "
-    "_GetExpiry2@20 _GetExpiry@12 _GetVersionDetails@8 _InitializeInstance@4 "
-    "_InitializeScanner@20 _IsFatalError@4 _ProcessWindowsMessage@12 _ReloadScanner@0 "
-    "_ScanFile@24 _UnloadScanner@0";
-
-template <typename Function>
-void Bind(HMODULE module, const char* name, Function& function) {
-    function = reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-}
 
 Fault LoadFault(const std::wstring& path, DWORD code) {
     std::string text = "cannot load " + Utf8FromWide(path) + ": " + SystemErrorWithCode(code);
@@ -39,32 +22,36 @@ Fault LoadFault(const std::wstring& path, DWORD code) {
 
 }  // namespace
 
+Fault LacksExports(const std::wstring& path, const std::string& names) {
+    return {Utf8FromWide(path) + " is not this plug-in, or is damaged: it lacks " + names};
+}
+
 Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin) {
     const HMODULE module = LoadLibraryW(path.c_str());
     if (!module) {
         return LoadFault(path, GetLastError());
     }
-    std::string missing;
-    std::istringstream names(kExportNames);
-    for (std::string name; names >> name;) {
-        if (!GetProcAddress(module, name.c_str())) {
-            missing += (missing.empty() ? "" : ", ") + name;
-        }
-    }
-    if (!missing.empty()) {
-        FreeLibrary(module);
-        return {Utf8FromWide(path) + " is not this plug-in, or is damaged: it lacks " + missing};
-    }
     plugin.module = module;
-    Bind(module, "INITIALIZESCANNER", plugin.initialize_scanner);
-    Bind(module, "CLOSESCANNER", plugin.close_scanner);
-    Bind(module, "ISFATALERROR", plugin.is_fatal_error);
-    Bind(module, "GETERRORTEXT", plugin.get_error_text);
-    Bind(module, "SCANFILE", plugin.scan_file);
-    Bind(module, "DOSIMPLEUPDATE", plugin.do_simple_update);
-    Bind(module, "GETVERSIONDETAILS", plugin.get_version_details);
-    Bind(module, "GETEXPIRY", plugin.get_expiry);
-    return {};
+    std::string missing;
+    const auto bind = [&]<typename Function>(const char* name, Function& function) {
+        function = reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+        if (function == nullptr) {
+            missing += (missing.empty() ? "" : ", ") + std::string(name);
+        }
+    };
+    bind("CLOSESCANNER", plugin.close_scanner);
+    bind("DOSIMPLEUPDATE", plugin.do_simple_update);
+    bind("GETERRORTEXT", plugin.get_error_text);
+    bind("GETEXPIRY", plugin.get_expiry);
+    bind("GETVERSIONDETAILS", plugin.get_version_details);
+    bind("INITIALIZESCANNER", plugin.initialize_scanner);
+    bind("ISFATALERROR", plugin.is_fatal_error);
+    bind("SCANFILE", plugin.scan_file);
+    if (missing.empty()) {
+        return {};
+    }
+    FreeLibrary(module);
+    return LacksExports(path, missing);
 }
 
 void ClosePlugin(const PluginLibrary& plugin) {

@@ -25,8 +25,11 @@ struct PluginLibrary {
     int32_t(__stdcall* get_expiry)(uint32_t a, uint32_t b, uint32_t c);
 };
 
-// The fault tells why the library cannot be loaded, or which export it lacks.
+// The fault tells why the library cannot be loaded, or which of the exports above it lacks.
 Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin);
+
+// The fault of a library without these exports.
+Fault LacksExports(const std::wstring& path, const std::string& names);
 
 // Calls CLOSESCANNER, then unloads the library.
 void ClosePlugin(const PluginLibrary& plugin);

@@ -1,9 +1,9 @@
-// The findings of a check: a line for each as it comes, or one JSON document at the end.
+// What a check finds, and how it is told: a line for each finding as it comes, or one JSON document at the
+// end.
 #pragma once
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace kesto::host {
@@ -21,30 +21,31 @@ struct Finding {
 class Findings {
  public:
     void Ok(const std::string& check, const std::string& text) {
-        findings_.push_back({CheckState::kOk, check, text, ""});
+        all_.push_back({CheckState::kOk, check, text, ""});
     }
     void Warning(const std::string& check, const std::string& text, const std::string& remedy) {
-        findings_.push_back({CheckState::kWarning, check, text, remedy});
+        all_.push_back({CheckState::kWarning, check, text, remedy});
     }
     void Failed(const std::string& check, const std::string& text, const std::string& remedy) {
-        findings_.push_back({CheckState::kFailed, check, text, remedy});
+        all_.push_back({CheckState::kFailed, check, text, remedy});
     }
-    const std::vector<Finding>& All() const { return findings_; }
-    bool Any(CheckState state) const;
+    void Add(const Findings& more) { all_.insert(all_.end(), more.all_.begin(), more.all_.end()); }
+    const std::vector<Finding>& All() const { return all_; }
+    bool AnyFailed() const;
 
  private:
-    std::vector<Finding> findings_;
+    std::vector<Finding> all_;
 };
 
 // "failed   engine program: ... -> ..."
 std::string FindingLine(const Finding& finding);
 
+// Tells what is looked at next, on a terminal only.
+void ShowStep(const std::string& what);
+
 class CheckReport {
  public:
     explicit CheckReport(bool json) : json_(json) {}
-
-    // Tells what is looked at next, on a terminal only.
-    void Step(std::string_view what) const;
 
     void Add(const Findings& findings);
 

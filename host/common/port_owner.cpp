@@ -1,4 +1,4 @@
-#include "host/check/port_owner.h"
+#include "host/common/port_owner.h"
 
 #include <winsock2.h>
 #include <windows.h>

@@ -1,4 +1,4 @@
-#include "host/check/check_report.h"
+#include "host/check/findings.h"
 
 #include <algorithm>
 
@@ -18,9 +18,9 @@ const char* Name(CheckState state) {
 
 }  // namespace
 
-bool Findings::Any(CheckState state) const {
-    return std::any_of(findings_.begin(), findings_.end(),
-                       [&](const Finding& finding) { return finding.state == state; });
+bool Findings::AnyFailed() const {
+    return std::any_of(all_.begin(), all_.end(),
+                       [](const Finding& finding) { return finding.state == CheckState::kFailed; });
 }
 
 std::string FindingLine(const Finding& finding) {
@@ -33,9 +33,9 @@ std::string FindingLine(const Finding& finding) {
     return Printable(line);
 }
 
-void CheckReport::Step(std::string_view what) const {
+void ShowStep(const std::string& what) {
     if (ProgressShown()) {
-        DrawProgress("checking " + std::string(what) + " ...");
+        DrawProgress("checking " + what + " ...");
     }
 }
 
