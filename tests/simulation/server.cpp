@@ -1,54 +1,52 @@
-#include <algorithm>
 #include <cstring>
-#include <utility>
 
-#include "base/clamd_words.h"
 #include "tests/simulation/world.h"
 
 namespace kesto::simulation {
 namespace {
 
+constexpr const char* kFaultNames[] = {
+    "is well again",         "dies",         "cannot be reached", "freezes",
+    "stands still",          "goes deaf",    "becomes sick",      "becomes hasty",
+    "becomes garbled",       "becomes slow", "becomes busy",      "begins to reset",
+    "loses all connections", "moves"};
 constexpr size_t kHead = 18;  // tells whose scan it is
 constexpr std::string_view kProbe("zINSTREAM\0\0\0\0\5clean\0\0\0\0", 23);
 
-std::string SetName(size_t number, const ServerPlan& plan) {
-    const std::string n = std::to_string(number);
-    return plan.named ? "s" + n + ".example:3313"
-           : plan.v6  ? "[fd00::" + n + "]:3310"
-                      : "10.0." + n + ".1:3310";
-}
-
 }  // namespace
 
-Server::Server(World& world, size_t number, const ServerPlan& plan)
-    : world(world),
-      number(number),
-      plan(plan),
-      name(SetName(number, plan)),
-      known(!plan.named),
-      idle_since(world.net.now) {
-    for (const FaultPlan& each : plan.faults) {
-        world.net.After(each.from, [this, each] { Begin(each.fault); });
-        if (each.fault != Fault::kMoved) {
-            world.net.After(each.until, [this] { End(); });
+Server::Server(World& the_world, size_t the_number) : world(the_world), number(the_number) {
+    Dice& dice = world.net.dice;
+    named = dice.OneIn(3);
+    v6 = dice.OneIn(8);
+    dead_address = named && dice.OneIn(3) ? dice.Between(1, 2) : 0;
+    largest = dice.OneIn(4) ? dice.Wide(1000, 1'000'000) : UINT64_MAX;
+    scan = dice.Time(1ms, 2s);
+    const std::string n = std::to_string(number);
+    name = named ? "s" + n + ".example:3313" : v6 ? "[fd00::" + n + "]:3310" : "10.0." + n + ".1:3310";
+    Forgotten();
+    if (named && dice.OneIn(6)) {
+        world.net.After(dice.Time(1s, world.lasts), [this] { Begin(Fault::kMoved); });
+    } else if (!dice.OneIn(4)) {
+        for (Duration at = dice.Time(1ms, 60s); at < world.lasts; at += dice.Time(1s, 60s)) {
+            const auto next = static_cast<Fault>(dice.Between(1, 12));
+            world.net.After(at, [this, next] { Begin(next); });
+            at += next == Fault::kForgets ? 21s : dice.Time(200ms, 100s);
+            world.net.After(at, [this] { Begin(Fault::kNone); });
         }
     }
-    Forgotten();
 }
 
 void Server::Begin(Fault next) {
-    if (!known || (next == fault)) {
+    if (!known || next == fault) {
         return;
     }
+    world.Tell(name, " ", kFaultNames[static_cast<size_t>(next)]);
     const Fault before = std::exchange(fault, next);
     fault_at = world.net.now;
-    world.Tell(name, next == Fault::kNone ? " is well again"
-                                          : std::string(" ") + kFaultNames[static_cast<size_t>(next)]);
-    if (next == Fault::kMoved) {
-        known = false;
-        ++moves;
-    }
-    const std::vector<std::shared_ptr<ServerLine>> all = lines;
+    known = next != Fault::kMoved;
+    moves += !known;
+    const auto all = lines;
     for (const auto& line : all) {
         if (next == Fault::kRefuses || next == Fault::kMoved || before == Fault::kDeaf) {
             line->Break(asio::error::connection_reset);
@@ -56,18 +54,7 @@ void Server::Begin(Fault next) {
             line->Forget();
         }
     }
-    if (next == Fault::kForgets) {
-        fault = Fault::kNone;
-    }
     Pump();
-}
-
-void Server::Pump() {
-    const std::vector<std::shared_ptr<ServerLine>> all = lines;
-    for (const auto& line : all) {
-        line->Resume();
-    }
-    std::erase_if(lines, [](const auto& line) { return !line->IsOpen(); });
 }
 
 void Server::Found() {
@@ -78,26 +65,25 @@ void Server::Found() {
 }
 
 void Server::Forgotten() {
-    if (plan.named) {
+    if (named) {
         fault = Fault::kMoved;
         known = false;
     }
 }
 
-LinePtr Server::Connect() {
-    lines.push_back(std::make_shared<ServerLine>(world, this));
-    asked_at = world.net.now;
-    return lines.back();
+void Server::Pump() {
+    const auto all = lines;
+    for (const auto& line : all) {
+        line->Resume();
+    }
+    std::erase_if(lines, [](const auto& line) { return !line->IsOpen(); });
 }
 
 // One that is busy has a thread for the first one alone.
 bool Server::Serves(const ServerLine& line) const {
-    if (StandsStill() || fault != Fault::kBusy) {
-        return !StandsStill();
-    }
     const auto first =
         std::find_if(lines.begin(), lines.end(), [](const auto& each) { return each->Runs(); });
-    return first != lines.end() && first->get() == &line;
+    return !StandsStill() && (fault != Fault::kBusy || (first != lines.end() && first->get() == &line));
 }
 
 size_t Server::Open() const {
@@ -105,125 +91,116 @@ size_t Server::Open() const {
         std::count_if(lines.begin(), lines.end(), [](const auto& line) { return line->Runs(); }));
 }
 
-ServerLine::ServerLine(World& world, Server* server, bool refuses)
-    : server(server), began(world.net.now), world_(world), refuses_(refuses) {}
-
 void ServerLine::Begins() {
-    if (server != nullptr) {
-        net_.After(delay_, [self = shared_from_this(), this] { Accept(); });
-    } else if (refuses_) {
-        net_.After(delay_, [self = shared_from_this(), this] { Connected(asio::error::connection_refused); });
-    }
+    net.After(delay, [self = shared_from_this(), this] {
+        if (server != nullptr) {
+            Accept();
+        } else if (refuses) {
+            Connected(asio::error::connection_refused);
+        }
+    });
 }
 
 void ServerLine::Accept() {
-    if (accepted_ || !IsOpen() || server->fault == Fault::kUnanswered || server->fault == Fault::kFrozen) {
+    if (accepted || !IsOpen() || server->fault == Fault::kUnanswered || server->fault == Fault::kFrozen) {
         return;
     }
-    accepted_ = true;
+    accepted = true;
     Connected(server->fault == Fault::kRefuses ? asio::error::connection_refused : asio::error_code());
     if (server->fault == Fault::kResets) {
-        net_.After(net_.dice.Time(1us, 300ms),
-                   [self = shared_from_this(), this] { Break(asio::error::connection_reset); });
+        net.After(net.dice.Time(1us, 300ms),
+                  [self = shared_from_this(), this] { Break(asio::error::connection_reset); });
     }
 }
 
+// The server goes on, perhaps.
 void ServerLine::Resume() {
-    if (!accepted_) {
-        net_.After(net_.dice.Time(1ms, 2s), [self = shared_from_this(), this] { Accept(); });
+    if (!accepted) {
+        net.After(net.dice.Time(1ms, 2s), [self = shared_from_this(), this] { Accept(); });
     }
     Flow();
-    if (delivered_ >= size_ && !std::exchange(answers_, true)) {
+    if (delivered >= size && !std::exchange(answers, true)) {
         Answer();
     }
 }
 
-bool ServerLine::Takes() const {
-    return accepted_ && server->Serves(*this);
-}
-
-void ServerLine::Content(uint64_t at, std::span<uint8_t> bytes) {
-    std::memcpy(bytes.data(), reply_.data() + at, bytes.size());
+void ServerLine::Content(uint64_t at, std::span<uint8_t> to) {
+    std::memcpy(to.data(), reply.data() + at, to.size());
 }
 
 void ServerLine::WasRead() {
-    const size_t nul = reply_.find('\0');
-    if (replied || nul == std::string::npos || read_ <= nul || (client == nullptr && head_ != kProbe)) {
+    const size_t nul = reply.find('\0');
+    if (replied || nul == std::string::npos || read <= nul || (client == nullptr && head != kProbe)) {
         return;
     }
-    said = reply_.substr(0, nul);
+    said = reply.substr(0, nul);
     const ScanAnswer answer = ReadScanAnswer(said);
-    replied = answer != ScanAnswer::kClean || given_ == size_;  // the bridge takes no notice of one too early
-    replied_at = net_.now;
+    replied = answer != ScanAnswer::kClean || given == size;  // one too early is none
+    replied_at = net.now;
     if (replied) {
-        (answer == ScanAnswer::kNoVerdict ? server->erred_at : server->verdict_at) = net_.now;
+        (answer == ScanAnswer::kNoVerdict ? server->erred_at : server->verdict_at) = net.now;
     }
     if (client != nullptr) {
-        world_.Tell("the bridge reads \"", said, "\" of ", server->name, " for client ", client->number);
-        client->verdict_read |= replied && answer != ScanAnswer::kNoVerdict;
+        world.Tell("the bridge reads \"", said, "\" of ", server->name, " for ", client->Text());
     }
     server->Pump();
 }
 
-// Everything that leaves the bridge must be what its client sent, or a question of the bridge's own.
+// Tells whose it is.
+void ServerLine::Writes(std::span<const uint8_t> bytes) {
+    if (!head.empty()) {
+        return;
+    }
+    head.assign(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(std::min<size_t>(bytes.size(), 32)));
+    size = head.size();  // of a question, or an empty file
+    if (head.starts_with(kScanCommand) && head != kProbe && size >= kHead) {
+        uint32_t number = 0;
+        std::memcpy(&number, head.data() + 14, sizeof number);
+        if (number >= world.clients.size() || !world.clients[number]->Scans()) {
+            return world.Broken("bytes that nobody sent go to ", server->name);
+        }
+        client = world.clients[number].get();
+        size = client->RequestSize();
+        client->lines.push_back(std::static_pointer_cast<ServerLine>(shared_from_this()));
+        world.AttemptBegins(*client, *this);
+    }
+}
+
+// Everything that leaves the bridge must be what its client sent.
 void ServerLine::Gives(std::span<const uint8_t> bytes) {
     static std::array<uint8_t, kSystemHolds> expected;
     while (client != nullptr && !bytes.empty()) {
         const auto part = bytes.first(std::min(bytes.size(), expected.size()));
-        client->Request(given_at_, std::span(expected).first(part.size()), false);
+        client->Request(checked, std::span(expected).first(part.size()), false);
         if (std::memcmp(part.data(), expected.data(), part.size()) != 0) {
-            world_.Broken("wrong bytes of client " + std::to_string(client->number) + " go to " +
-                          server->name);
+            world.Broken("wrong bytes of ", client->Text(), " go to ", server->name);
         }
-        given_at_ += part.size();
-        whole = given_at_ == client->RequestSize();
+        checked += part.size();
+        whole = checked == size;
         bytes = bytes.subspan(part.size());
     }
 }
 
-// Tells whose it is.
-void ServerLine::Writes(std::span<const uint8_t> bytes) {
-    if (!head_.empty()) {
+void ServerLine::Took() {
+    const bool early = client != nullptr && delivered < size;
+    const bool found =
+        early && client->kind == Kind::kInfected && client->number % 4 == 0 && server->IsWell();
+    const bool hasty = early && server->fault == Fault::kHasty && delivered > 20;
+    const bool too_large = client != nullptr && delivered > server->largest;
+    if (!(found && delivered > size / 2) && !hasty && !too_large && delivered < size) {
         return;
     }
-    head_.assign(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(std::min<size_t>(bytes.size(), 32)));
-    if (std::string_view(head_).starts_with(kScanCommand)) {
-        if (head_.size() >= 14 && std::string_view(head_).substr(10, 4) == std::string_view("\0\0\0\0", 4)) {
-            size_ = 14;
-        } else if (kProbe.starts_with(head_)) {
-            size_ = kProbe.size();
-        } else if (head_.size() >= kHead) {
-            uint32_t number = 0;
-            std::memcpy(&number, head_.data() + 14, sizeof number);
-            if (number >= world_.clients.size() || !world_.clients[number]->Scans()) {
-                return world_.Broken("bytes that nobody sent go to " + server->name);
-            }
-            client = world_.clients[number].get();
-            size_ = client->RequestSize();
-            client->lines.push_back(std::static_pointer_cast<ServerLine>(shared_from_this()));
-            world_.AttemptIsKnown(*client, *this);
-        }
-    } else {
-        size_ = head_.size();
+    if (std::exchange(answers, true)) {
+        return;
     }
-}
-
-void ServerLine::Took() {
-    if (client != nullptr && server->fault == Fault::kHasty && delivered_ > 20 && delivered_ < size_ &&
-        !std::exchange(answers_, true)) {
-        Say("stream: OK");
-    } else if (client != nullptr && delivered_ > server->plan.largest && !std::exchange(answers_, true)) {
-        Say(std::string(kSizeLimitReply));
-    } else if (client != nullptr && client->plan.kind == Kind::kInfected && client->number % 4 == 0 &&
-               delivered_ > size_ / 2 && server->fault == Fault::kNone && !std::exchange(answers_, true)) {
-        Say("stream: Evil." + std::to_string(client->number) + " FOUND");
-    } else if (delivered_ >= size_ && !std::exchange(answers_, true)) {
-        got_all = true;
-        const bool takes_long = client != nullptr && client->plan.kind == Kind::kLong;
-        Duration takes =
-            net_.dice.Time(100us, server->plan.scan) + (takes_long ? net_.dice.Time(8s, 40s) : 0s);
-        takes *= server->fault == Fault::kSlow ? 20 : 1;
-        net_.After(takes, [self = shared_from_this(), this] { Answer(); });
+    if (hasty || too_large) {
+        Say(std::string(hasty ? kCleanReply : kSizeLimitReply));
+    } else if (found) {
+        Answer();
+    } else {
+        Duration takes = net.dice.Time(100us, server->scan) * (server->fault == Fault::kSlow ? 20 : 1);
+        takes += client != nullptr && client->kind == Kind::kLong ? net.dice.Time(8s, 40s) : 0s;
+        net.After(takes, [self = shared_from_this(), this] { Answer(); });
     }
 }
 
@@ -232,66 +209,48 @@ void ServerLine::Answer() {
         return;
     }
     if (!server->Serves(*this)) {
-        answers_ = false;  // Resume will
+        answers = false;  // Resume will
         return;
     }
-    const Kind kind = client != nullptr ? client->plan.kind : Kind::kClean;
-    if (server->fault == Fault::kGarbled) {
-        return Say(net_.dice.OneIn(2) ? "stream: OK" : "stream: " + std::string(9000, 'x'), false);
-    }
-    if (server->fault == Fault::kSick && head_.starts_with(kScanCommand)) {
+    const Kind kind = client != nullptr ? client->kind : Kind::kClean;
+    if (!head.starts_with(kScanCommand)) {
+        Say(head.starts_with("zPING") ? "PONG" : "Engine 1/27000/Fri Nov 20 09:12:31 2026");
+    } else if (server->fault == Fault::kGarbled) {
+        Say("stream: " + (net.dice.OneIn(2) ? "OK" : std::string(9000, 'x')), false);
+    } else if (server->fault == Fault::kSick) {
         constexpr const char* kErrors[] = {"stream: no memory ERROR", "UNKNOWN COMMAND", "stream: OK "};
-        return Say(kErrors[net_.dice.Below(3)]);
-    }
-    if (!head_.starts_with(kScanCommand)) {
-        return Say(head_.starts_with("zPING") ? "PONG" : "Engine 1/27000/Fri Nov 20 09:12:31 2026");
-    }
-    if (kind == Kind::kKiller) {
+        Say(kErrors[net.dice.Below(3)]);
+    } else if (kind == Kind::kKiller) {
+        net.After(net.dice.Time(500ms, 20s), [server = server] { server->Begin(Fault::kNone); });
         server->Begin(Fault::kRefuses);
-        return net_.After(net_.dice.Time(500ms, 20s), [server = server] { server->End(); });
+    } else {
+        Say(kind == Kind::kInfected ? "stream: Evil." + std::to_string(client->number) + " FOUND"
+            : kind == Kind::kErrs   ? "stream: cannot open ERROR"
+                                    : std::string(kCleanReply));
     }
-    Say(kind == Kind::kInfected ? "stream: Evil." + std::to_string(client->number) + " FOUND"
-        : kind == Kind::kErrs   ? "stream: cannot open ERROR"
-                                : "stream: OK");
 }
 
 // And ends, in one of the ways in which servers do.
 void ServerLine::Say(const std::string& text, bool whole_reply) {
-    if (!IsOpen()) {
-        return;
+    world.Tell(server->name, " says \"", text.substr(0, 40), "\"",
+               client != nullptr ? " to " + client->Text() : "");
+    reply = text + std::string(whole_reply, '\0');
+    const uint64_t way = net.dice.Below(delivered < size ? 2 : 4),
+                   first = way == 2 ? reply.size() / 2 : reply.size();
+    if (way == 0) {  // its reset is there with the reply
+        arrived += first;
+        return Break(asio::error::connection_reset);
     }
-    world_.Tell(server->name, " says \"", text.substr(0, 40), "\"",
-                client != nullptr ? " to client " + std::to_string(client->number) : "");
-    reply_ = text;
-    if (whole_reply) {
-        reply_ += '\0';
-    }
-    const bool early = delivered_ < size_;
-    switch (net_.dice.Below(early ? 2 : 4)) {
-        case 0:  // its reset is there with the reply
-            arrived_ += reply_.size();
-            return Break(asio::error::connection_reset);
-        case 1:
-            Arrives(reply_.size());
-            return net_.After(1ms,
-                              [self = shared_from_this(), this] { Break(asio::error::connection_reset); });
-        case 2:
-            Arrives(reply_.size() / 2);
-            return net_.After(net_.dice.Time(1ms, 1s), [self = shared_from_this(), this] {
-                Arrives(reply_.size() - reply_.size() / 2);
-                Ends();
-            });
-        default:
-            Arrives(reply_.size());
-            Ends();
-    }
+    Arrives(first);
+    net.After(way == 2 ? net.dice.Time(1ms, 1s) : 1ms, [self = shared_from_this(), this, way, first] {
+        Arrives(reply.size() - first);
+        way == 1 ? Break(asio::error::connection_reset) : Ends();
+    });
 }
 
 void ServerLine::Closed(bool /*ends*/) {
     Break(asio::error::connection_reset);
-    if (server != nullptr) {
-        server->Pump();
-    }
+    server->Pump();
 }
 
 }  // namespace kesto::simulation
