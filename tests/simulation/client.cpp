@@ -169,7 +169,7 @@ void Client::Writes(std::span<const uint8_t> bytes) {
     if (answered) {
         answered_at = net.now;
         world.Replies(*this);
-    } else if (!finishes && !left && net.now < told + 14s) {
+    } else if (!finishes && !left && net.now < ended + 15s * text.size()) {
         world.Broken(Text(), " gets a byte too early");
     }
     told = net.now;

@@ -37,8 +37,8 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
         Broken("too many servers get the scan of ", client.Text());
     }
     for (const Server* server : list) {
-        const Time since = std::max({server->up_since, server->listed_at, server->busy_at}) + 2 * kTick;
-        if (client.lines.size() == 1 && line.server->Open() > 2 && server->up && net.now > since) {
+        const Time since = std::max({server->up_since, server->listed_at, server->busy_at}) + kConnecting;
+        if (client.lines.size() == 1 && line.server->Scans() > 2 && server->up && net.now > since) {
             Broken(line.server->name, " gets the scan of ", client.Text(), ", while ", server->name,
                    " has nothing to do");
         }
@@ -154,12 +154,14 @@ void World::Loses(Client& client, const std::string& reason) {
     const bool over_time =
         client.ended != Time{} && now >= client.ended + std::chrono::seconds(settings.verdict);
     const bool waited = down_since && now >= *down_since + std::chrono::seconds(settings.wait);
-    bool all_asked = !down_since, all_sick = true, all_tried = true;
+    bool all_asked = !down_since, all_sick = true, all_tried = true, just_up = false;
     for (const Server* server : list) {
         all_sick &= !server->up && server->erred_at >= client.came;
         all_asked &= !server->up || client.HasAsked(*server);
         all_tried &= !server->known || server->asked_at >= client.came;
-        const bool excused = client.IsUsedUp() || client.squeezed || over_time || client.HasAsked(*server);
+        just_up |= server->named && server->up_since == now;
+        const bool excused =
+            just_up || client.IsUsedUp() || client.squeezed || over_time || client.HasAsked(*server);
         if (server->up && server->IsWell() && !excused) {
             Broken(client.Text(), " is lost (", reason, ") although ", server->name,
                    " is well and up, and was not asked");
@@ -167,11 +169,11 @@ void World::Loses(Client& client, const std::string& reason) {
     }
     const std::pair<std::string_view, bool> reasons[] = {
         {"no verdict within", over_time},
-        {"; not all of the data is kept", client.squeezed},
-        {"; no further server may get it", used_up},
+        {"not all of the data is kept", client.squeezed},
+        {"no further server may get it", used_up},
         {"no upstream server gave a verdict", all_asked},
-        {"; no upstream server calls a clean file clean", all_sick},
-        {"no upstream server could be reached", waited && all_tried},
+        {"no upstream server calls a clean file clean", all_sick},
+        {"no upstream server could be reached", all_tried && (waited || just_up)},
     };
     const bool is_true = std::any_of(std::begin(reasons), std::end(reasons), [&](const auto& each) {
         return each.second && reason.find(reason.empty() ? "" : each.first) != std::string::npos;
@@ -199,7 +201,7 @@ void World::LookAtServers() {
         if (was_up && !server.up && server.IsWell() && server.fault_at <= server.verdict_at && !lacks) {
             Broken(server.name, " is well, has given a verdict since it was, and is called down");
         }
-        server.busy_at = server.Open() != 0 ? net.now : server.busy_at;
+        server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
         const Time listed = server.listed_at + (server.named ? kLookedUp : 0s);
         if (!server.up && server.IsWell() &&
             net.now > std::max({server.fault_at, listed, lacked_at}) + kKnowsAgain) {

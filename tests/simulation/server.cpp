@@ -86,9 +86,10 @@ bool Server::Serves(const ServerLine& line) const {
     return !StandsStill() && (fault != Fault::kBusy || (first != lines.end() && first->get() == &line));
 }
 
-size_t Server::Open() const {
-    return static_cast<size_t>(
-        std::count_if(lines.begin(), lines.end(), [](const auto& line) { return line->Runs(); }));
+size_t Server::Scans() const {
+    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [](const auto& line) {
+        return line->client != nullptr && line->Runs();
+    }));
 }
 
 void ServerLine::Begins() {

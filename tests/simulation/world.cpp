@@ -211,6 +211,9 @@ std::string World::Run() {
 
 // When all servers have been well for long, each of them gets its part of the scans.
 void World::ServeTheLast() {
+    for (const Time ready = net.now + 40s; broken.empty() && net.now < ready;) {
+        Step();
+    }
     const size_t first = clients.size();
     for (size_t i = 0; i < 2 * list.size(); ++i) {
         clients.push_back(std::make_shared<Client>(*this, clients.size(), 0s));

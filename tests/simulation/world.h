@@ -41,7 +41,7 @@ struct Server {
     bool IsWell() const { return fault == Fault::kNone; }
     bool StandsStill() const { return fault >= Fault::kUnanswered && fault <= Fault::kStopped; }
     bool Serves(const ServerLine& line) const;
-    size_t Open() const;  // connections
+    size_t Scans() const;  // under way
 
     World& world;
     const size_t number;
