@@ -32,7 +32,7 @@ class Attempt final : public std::enable_shared_from_this<Attempt> {
     const ServerPtr& Upstream() const { return server_; }
     uint64_t Sent() const { return sent_; }  // bytes
     bool HandedOver() const { return request_->Ended() && sent_ == request_->Size(); }
-    Time Moved() const { return moved_; }  // when some bytes were taken last
+    Time Moved() const { return moved_; }  // when some bytes were taken last, or it began
     // Null: it has not ended. Ends it when its time is over. Throws the exception that has ended it.
     const AttemptEnd* End(Time now);
 
@@ -64,7 +64,7 @@ class Attempt final : public std::enable_shared_from_this<Attempt> {
     std::string reply_;
     uint64_t sent_ = 0;
     uint64_t sending_ = 0;  // bytes of the send under way
-    Time moved_{};
+    Time moved_ = Clock::now();
     bool no_delay_ = false;          // turned on with the second send, which many scans do not need
     Time step_until_ = Time::max();  // time limit of the connect or send under way
     Time reply_until_;

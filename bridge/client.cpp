@@ -156,9 +156,11 @@ void Client::BeginQueued() {
 void Client::ReadingFailed(const asio::error_code& error) {
     if (phase_ == Phase::kBusy && Hears()) {
         Refuse("left in the middle", "left in the middle of its data");
-    } else if (phase_ == Phase::kBusy && error == asio::error::eof) {
+    } else if (error == asio::error::eof && (phase_ == Phase::kBusy || writing_)) {
         finished_ = true;
-        request_->FinishedSending(Clock::now());
+        if (request_) {
+            request_->FinishedSending(Clock::now());
+        }
     } else if (phase_ == Phase::kBusy) {
         NoReply("it left");
     } else {

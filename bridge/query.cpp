@@ -44,7 +44,7 @@ Answer Query::Advance(Time now) {
         if (end->kind == AttemptEnd::Kind::kSilent) {
             SuspectForSilence(bridge_.fleet, server, now);
         } else {
-            NoteBroken(bridge_.fleet, server, end->text, now, now);
+            NoteBroken(bridge_.fleet, server, *end, attempt_->Moved(), now);
         }
         attempt_.reset();
     }
