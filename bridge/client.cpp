@@ -156,9 +156,11 @@ void Client::BeginQueued() {
 void Client::ReadingFailed(const asio::error_code& error) {
     if (phase_ == Phase::kBusy && Hears()) {
         Refuse("left in the middle", "left in the middle of its data");
-    } else if (phase_ == Phase::kBusy && error == asio::error::eof) {
+    } else if (error == asio::error::eof && (phase_ == Phase::kBusy || writing_)) {
         finished_ = true;
-        request_->FinishedSending(Clock::now());
+        if (request_) {
+            request_->FinishedSending(Clock::now());
+        }
     } else if (phase_ == Phase::kBusy) {
         NoReply("it left");
     } else {
@@ -167,23 +169,18 @@ void Client::ReadingFailed(const asio::error_code& error) {
 }
 
 void Client::GoOn(Time now) {
-    Answer answer;
-    do {
-        answer = phase_ == Phase::kBusy ? request_->Advance(now) : Answer();
-        switch (answer.kind) {
-            case Answer::Kind::kNothing:
-                break;
-            case Answer::Kind::kPart:
-                Send(answer.text);
-                break;
-            case Answer::Kind::kReply:
-                Reply(answer.text);
-                break;
-            case Answer::Kind::kNoReply:
-                NoReply(answer.text);
-                break;
+    while (phase_ == Phase::kBusy) {
+        const Answer answer = request_->Advance(now);
+        if (answer.kind == Answer::Kind::kNothing) {
+            break;
+        } else if (answer.kind == Answer::Kind::kPart) {
+            Send(answer.text);
+        } else if (answer.kind == Answer::Kind::kReply) {
+            Reply(answer.text);
+        } else {
+            NoReply(answer.text);
         }
-    } while (answer.kind == Answer::Kind::kPart);
+    }
     space_.Open();  // the server may have taken data, or there may be memory again
 }
 

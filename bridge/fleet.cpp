@@ -180,11 +180,12 @@ void TakeTurn(Fleet& fleet, Server& server) {
     server.last_turn = ++fleet.turns;
 }
 
-void NoteBroken(Fleet& fleet, Server& server, const std::string& reason, Time moved, Time now) {
+void NoteBroken(Fleet& fleet, Server& server, const AttemptEnd& end, Time moved, Time now) {
     ++server.numbers.failures;
-    const bool old = now - moved >= kStandsStill && server.health.worked > moved;
+    const bool old = server.health.worked > moved &&
+                     (end.kind == AttemptEnd::Kind::kUnreached || now - moved >= kStandsStill);
     if (server.health.up && !old) {
-        GoDown(fleet, server, reason, now);
+        GoDown(fleet, server, end.text, now);
     }
 }
 
@@ -256,11 +257,12 @@ void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now) {
     const bool well = end.kind == AttemptEnd::Kind::kClean;
     const bool sick = end.Replied() && !well;
     const bool silent = end.kind == AttemptEnd::Kind::kSilent;
+    const bool old = silent || (health.up && end.kind == AttemptEnd::Kind::kUnreached);
     health.sick = Time{};
     if (well) {
         health.worked = now;
     }
-    if (well || (silent && health.worked >= health.probed)) {
+    if (well || (old && health.worked >= health.probed)) {
         return SetStanding(fleet, server, true, "", now);
     }
     ++server.numbers.failures;

@@ -100,9 +100,10 @@ bool IsUp(const Server& server);
 ServerPtr Choose(const Fleet& fleet, const std::function<std::optional<unsigned>(const Server&)>& rank);
 void TakeTurn(Fleet& fleet, Server& server);
 
-// It refused, or broke a connection off that had moved at `moved` last: it is down until a probe succeeds.
-// The end of a connection that had long stood still says nothing of a server that has worked since.
-void NoteBroken(Fleet& fleet, Server& server, const std::string& reason, Time moved, Time now);
+// An attempt that moved, or began, at `moved` last could not reach it or broke off: it is down until a probe
+// succeeds. Neither a connect nor the end of a connection that had long stood still says anything of a server
+// that has worked since.
+void NoteBroken(Fleet& fleet, Server& server, const AttemptEnd& end, Time moved, Time now);
 
 // It failed a scan, by an error at `since` where another server gave a verdict, or by silence since then:
 // down after three in a row. Not held against one that has given a verdict since, to a scan or a probe.

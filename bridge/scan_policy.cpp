@@ -155,11 +155,11 @@ void ScanPolicy::Ended(size_t number, const AttemptEnd& end, Time now) {
             break;
         case AttemptEnd::Kind::kUnreached:
             Release(attempt, Attempt::State::kUnreached);
-            NoteBroken(fleet_, server, end.text, now, now);
+            NoteBroken(fleet_, server, end, attempt.progressed, now);
             break;
         case AttemptEnd::Kind::kBroken:
             Release(attempt, Attempt::State::kLost);
-            NoteBroken(fleet_, server, end.text, attempt.progressed, now);
+            NoteBroken(fleet_, server, end, attempt.progressed, now);
             break;
         case AttemptEnd::Kind::kSilent:
             Release(attempt, Attempt::State::kLost);

@@ -288,7 +288,9 @@ TEST(BridgeScan, OneInTenIsAskedBeside) {
 TEST(BridgeFleet, PausesDoubleAndAreShortWhileScansWait) {
     Story world('a');
     const auto probed = [&](double seconds) { return world.At(seconds), !world.Probed().empty(); };
-    const auto broken = [&] { NoteBroken(world.fleet, world['a'], "refused", world.now, world.now); };
+    const auto broken = [&] {
+        NoteBroken(world.fleet, world['a'], {AttemptEnd::Kind::kBroken, "refused"}, world.now, world.now);
+    };
     broken();
     world.At(0.5);
     broken();  // with the first: no new pause
