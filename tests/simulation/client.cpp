@@ -78,12 +78,13 @@ void Client::Request(uint64_t at, std::span<uint8_t> to, bool shifted) const {
     }
 }
 
-// Three servers had all of it, or five were begun with.
+// Three servers had all of it or may have, or five were begun with.
 bool Client::IsUsedUp() const {
     const auto all =
         std::count_if(lines.begin(), lines.end(), [](const auto& line) { return !line->replied; });
-    return all >= 5 || 3 <= std::count_if(lines.begin(), lines.end(),
-                                          [](const auto& line) { return !line->replied && line->whole; });
+    return all >= 5 || 3 <= std::count_if(lines.begin(), lines.end(), [](const auto& line) {
+                           return !line->replied && (line->whole || line->Runs());
+                       });
 }
 
 // Since the bridge took it for up last. For some servers a file is too large for ever.

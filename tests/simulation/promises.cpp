@@ -201,6 +201,7 @@ void World::LookAtServers() {
         if (was_up && !server.up && server.IsWell() && server.fault_at <= server.verdict_at && !lacks) {
             Broken(server.name, " is well, has given a verdict since it was, and is called down");
         }
+        std::erase_if(server.lines, [](const auto& line) { return !line->IsOpen(); });
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
         const Time listed = server.listed_at + (server.named ? kLookedUp : 0s);
         if (!server.up && server.IsWell() &&
@@ -269,6 +270,7 @@ void World::LookAt(Client& client) {
 
 void World::CheckTheEnd() {
     std::string stats;
+    g_memory.lacking = 0;
     {
         const Inside inside;
         const std::string text = StatsText(*bridge, net.now);

@@ -139,6 +139,7 @@ void World::LetIn() {
     arrivals.pop_front();
     if (!bridge->stopping) {
         let_in.push_back(client);
+        client->heard = net.now;
         const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}),
                                            static_cast<uint16_t>(client->number));
         const Inside inside;
@@ -191,7 +192,6 @@ std::string World::Run() {
             Broken("some client never ends");
         }
     }
-    g_memory.lacking = 0;
     if (!bridge->io.stopped()) {
         ServeTheLast();
         const Inside inside;
