@@ -158,10 +158,10 @@ void World::Loses(Client& client, const std::string& reason) {
     for (const Server* server : list) {
         all_sick &= !server->up && server->erred_at >= client.came;
         all_asked &= !server->up || client.HasAsked(*server);
-        all_tried &= !server->known || server->asked_at >= client.came;
+        all_tried &= !server->known || server->asked_at >= client.came || server->busy_at == now;
         just_up |= server->named && server->up_since == now;
-        const bool excused =
-            just_up || client.IsUsedUp() || client.squeezed || over_time || client.HasAsked(*server);
+        const bool excused = just_up || client.IsUsedUp() || client.repeats > 4 || client.squeezed ||
+                             over_time || client.HasAsked(*server);
         if (server->up && server->IsWell() && !excused) {
             Broken(client.Text(), " is lost (", reason, ") although ", server->name,
                    " is well and up, and was not asked");
@@ -229,13 +229,17 @@ void World::LookAt(Client& client) {
     if (client.answered || client.left || client.lacked) {
         return;
     }
-    if (client.ended == Time{} && client.reading && now > client.heard + seconds(settings.idle)) {
+    const bool crowded = crowd >= settings.clients;
+    if (crowded && client.ended == Time{}) {
+        client.due = now;  // it may have waited for a place
+    }
+    if (client.ended == Time{} && client.reading &&
+        now > std::max(client.heard, client.due) + seconds(settings.idle)) {
         Broken(client.Text(), " has been silent for long and is not closed");
     }
     if (client.ended == Time{} || !client.Scans() || client.file == 0) {
         return;
     }
-    const bool crowded = crowd >= settings.clients;
     if (client.lines.empty() && crowded) {
         client.due = client.told = now;  // it may wait for a place
     }
