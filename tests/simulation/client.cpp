@@ -102,7 +102,7 @@ bool Client::WasTold(std::string_view words_told) const {
 }
 
 void Client::Arrive() {
-    world.Tell(Text(), " (", Scans() ? std::to_string(file) + " bytes, " : "",
+    world.Tell(*this, " (", Scans() ? std::to_string(file) + " bytes, " : "",
                kKindNames[static_cast<size_t>(kind)], ") connects");
     const auto arrive = [this](auto...) {
         const Outside outside;
@@ -115,7 +115,7 @@ void Client::Arrive() {
 
 void Client::Leave(const char* how, bool resets) {
     if (!left && IsOpen()) {
-        world.Tell(Text(), " ", how, resets ? " with a reset" : "");
+        world.Tell(*this, " ", how, resets ? " with a reset" : "");
         left = true;
         resets ? Break(asio::error::connection_reset) : Ends();
     }
@@ -131,7 +131,7 @@ void Client::Step() {
     }
     Arrives(part);
     if (arrived == all) {
-        world.Tell(Text(), " has sent all");
+        world.Tell(*this, " has sent all");
         return finishes ? Ends() : void();
     }
     steps = true;
@@ -156,14 +156,14 @@ void Client::WasRead() {
     squeezed |= world.reading + (world.bridge->clients.size() << 18) > size_t{world.settings.keep} << 20;
     if (read == RequestSize()) {
         ended = due = told = alone_since = net.now;
-        world.Tell("the bridge has all of ", Text());
+        world.Tell("the bridge has all of ", *this);
     }
     net.After(0s, [this] { Step(); });
 }
 
 void Client::Writes(std::span<const uint8_t> bytes) {
     if (answered) {
-        world.Broken(Text(), " gets something after its reply");
+        world.Broken(*this, " gets something after its reply");
     }
     text.append(bytes.begin(), bytes.end());
     answered = text.find('\0') != std::string::npos;
@@ -171,7 +171,7 @@ void Client::Writes(std::span<const uint8_t> bytes) {
         answered_at = net.now;
         world.Replies(*this);
     } else if (!finishes && !left && net.now < ended + 15s * text.size()) {
-        world.Broken(Text(), " gets a byte too early");
+        world.Broken(*this, " gets a byte too early");
     }
     told = net.now;
 }

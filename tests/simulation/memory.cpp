@@ -3,52 +3,44 @@
 #include <cstdlib>
 #include <new>
 
-namespace kesto::simulation {
-
-Memory g_memory;
+using kesto::simulation::g_memory;
 
 namespace {
 
 struct alignas(16) Header {
-    size_t size;  // 0: not the bridge's
+    int64_t size;  // 0: not the bridge's
 };
 
-void FailIfLacking() {
-    if (g_memory.inside && g_memory.lacking != 0) {
-        if (g_memory.spare == 0) {
-            --g_memory.lacking;
-            ++g_memory.failed;
-            throw std::bad_alloc();
-        }
-        --g_memory.spare;
-    }
+void Count(const Header& header, int64_t sign) {
+    g_memory.blocks += header.size != 0 ? sign : 0;
+    g_memory.bytes += sign * header.size;
 }
 
 }  // namespace
 
-Outside::Outside(bool allocates) : Inside((allocates ? FailIfLacking() : void(), false)) {}
-
-}  // namespace kesto::simulation
+void kesto::simulation::FailIfLacking() {
+    if (g_memory.inside && g_memory.lacking != 0 && (g_memory.spare == 0 || g_memory.spare-- == 0)) {
+        --g_memory.lacking;
+        ++g_memory.failed;
+        throw std::bad_alloc();
+    }
+}
 
 void* operator new(size_t size) {
-    using namespace kesto::simulation;
-    FailIfLacking();
+    kesto::simulation::FailIfLacking();
     auto* const header = static_cast<Header*>(std::malloc(sizeof(Header) + size));
     if (header == nullptr) {
         throw std::bad_alloc();
     }
-    header->size = g_memory.inside ? size : 0;
-    g_memory.blocks += header->size != 0;
-    g_memory.bytes += static_cast<int64_t>(header->size);
+    header->size = g_memory.inside ? static_cast<int64_t>(size) : 0;
+    Count(*header, 1);
     return header + 1;
 }
 
 void operator delete(void* block) noexcept {
-    using namespace kesto::simulation;
     if (block != nullptr) {
         auto* const header = static_cast<Header*>(block) - 1;
-        g_memory.blocks -= header->size != 0;
-        g_memory.bytes -= static_cast<int64_t>(header->size);
+        Count(*header, -1);
         std::free(header);
     }
 }

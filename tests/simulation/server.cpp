@@ -142,7 +142,7 @@ void ServerLine::WasRead() {
         (answer == ScanAnswer::kNoVerdict ? server->erred_at : server->verdict_at) = net.now;
     }
     if (client != nullptr) {
-        world.Tell("the bridge reads \"", said, "\" of ", server->name, " for ", client->Text());
+        world.Tell("the bridge reads \"", said, "\" of ", server->name, " for ", *client);
     }
     server->Pump();
 }
@@ -174,7 +174,7 @@ void ServerLine::Gives(std::span<const uint8_t> bytes) {
         const auto part = bytes.first(std::min(bytes.size(), expected.size()));
         client->Request(checked, std::span(expected).first(part.size()), false);
         if (std::memcmp(part.data(), expected.data(), part.size()) != 0) {
-            world.Broken("wrong bytes of ", client->Text(), " go to ", server->name);
+            world.Broken("wrong bytes of ", *client, " go to ", server->name);
         }
         checked += part.size();
         whole = checked == size;
@@ -233,8 +233,7 @@ void ServerLine::Answer() {
 
 // And ends, in one of the ways in which servers do.
 void ServerLine::Say(const std::string& text, bool whole_reply) {
-    world.Tell(server->name, " says \"", text.substr(0, 40), "\"",
-               client != nullptr ? " to " + client->Text() : "");
+    world.Tell(*server, " says \"", text.substr(0, 40), client != nullptr ? "\" to a client" : "\"");
     reply = text + std::string(whole_reply, '\0');
     const uint64_t way = net.dice.Below(delivered < size ? 2 : 4),
                    first = way == 2 ? reply.size() / 2 : reply.size();

@@ -227,7 +227,7 @@ void World::ServeTheLast() {
             served.push_back(line->server);
         }
         if (!clients[i]->WasTold(kCleanReply) || !clients[i]->answered) {
-            Broken(clients[i]->Text(), " is not served although all servers are well");
+            Broken(*clients[i], " is not served although all servers are well");
         }
     }
     for (Server* server : list) {

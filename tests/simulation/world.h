@@ -101,7 +101,6 @@ struct Client final : Line {
     Client(World& world, size_t number, Duration arrives);
     void Arrive();
     void Leave(const char* how, bool resets);
-    std::string Text() const { return "client " + std::to_string(number); }
     uint64_t RequestSize() const;
     void Request(uint64_t at, std::span<uint8_t> to, bool shifted) const;
     bool Scans() const { return kind <= Kind::kErrs; }
@@ -207,6 +206,13 @@ struct World {
     Time lacked_at{};
     std::string broken;
 };
+
+inline std::ostream& operator<<(std::ostream& out, const Client& client) {
+    return out << "client " << client.number;
+}
+inline std::ostream& operator<<(std::ostream& out, const Server& server) {
+    return out << server.name;
+}
 
 extern World* g_world;
 
