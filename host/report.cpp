@@ -4,7 +4,6 @@
 
 #include "common/text.h"
 #include "host/common/output.h"
-#include "host/progress.h"
 
 namespace kesto::host {
 namespace {
@@ -12,40 +11,34 @@ namespace {
 // Printed with the first line, so that an interrupted run leaves a whole document or nothing.
 constexpr char kJsonStart[] = "{\"files\": [";
 
-std::string SecondsText(double seconds) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1f s", seconds);
-    return text;
-}
-
-std::string SummaryText(const ScanTotals& totals) {
-    std::string text = "\n";
-    if (totals.interrupted) {
-        text += "Interrupted\n";
-    }
-    text += "Scanned files: " + std::to_string(totals.scanned) + "\n";
-    text += "Infected files: " + std::to_string(totals.infected) + "\n";
-    text += "Errors: " + std::to_string(totals.errors) + "\n";
-    if (totals.not_scanned != 0) {
-        text += "Not scanned: " + std::to_string(totals.not_scanned) + "\n";
+std::string SummaryText(const ScanTotals& totals, bool interrupted) {
+    std::string text = interrupted ? "\nInterrupted\n" : "\n";
+    const auto line = [&](const char* name, uint64_t number) {
+        text += name + (": " + std::to_string(number)) + "\n";
+    };
+    line("Scanned files", totals.scanned);
+    line("Infected files", totals.infected);
+    line("Errors", totals.errors);
+    if (totals.done != totals.files) {
+        line("Not scanned", totals.files - totals.done);
     }
     if (totals.left_out != 0) {
-        text += "Left out: " + std::to_string(totals.left_out) + "\n";
+        line("Left out", totals.left_out);
     }
-    text += "Data scanned: " + ByteText(totals.bytes) + "\n";
-    text += "Time: " + SecondsText(totals.seconds) + "\n";
-    return text;
+    char time[32];
+    std::snprintf(time, sizeof time, "%.1f s", totals.seconds);
+    return text + "Data scanned: " + ByteText(totals.bytes) + "\nTime: " + time + "\n";
 }
 
-Json SummaryJson(const ScanTotals& totals) {
+Json SummaryJson(const ScanTotals& totals, bool interrupted) {
     return {{"scanned", totals.scanned},
             {"infected", totals.infected},
             {"errors", totals.errors},
-            {"not_scanned", totals.not_scanned},
+            {"not_scanned", totals.files - totals.done},
             {"left_out", totals.left_out},
             {"bytes", totals.bytes},
             {"milliseconds", static_cast<uint64_t>(totals.seconds * 1000)},
-            {"interrupted", totals.interrupted}};
+            {"interrupted", interrupted}};
 }
 
 }  // namespace
@@ -110,12 +103,13 @@ void Report::Skipped(const std::string& path, const std::string& reason) {
     }
 }
 
-void Report::Summary(const ScanTotals& totals) {
+void Report::Summary(const ScanTotals& totals, bool interrupted) {
     if (options_.json) {
         PrintOut(std::string(first_ ? kJsonStart : "") + "\n]" +
-                 (options_.summary ? ", \"summary\": " + JsonLine(SummaryJson(totals)) : "") + "}\n");
+                 (options_.summary ? ", \"summary\": " + JsonLine(SummaryJson(totals, interrupted)) : "") +
+                 "}\n");
     } else if (options_.summary) {
-        PrintOut(SummaryText(totals));
+        PrintOut(SummaryText(totals, interrupted));
     }
 }
 

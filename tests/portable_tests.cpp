@@ -113,8 +113,11 @@ TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
 }
 
 TEST(ProgressText, TellsCountBytesRateAndTimeLeft) {
-    EXPECT_EQ(ProgressLine({12, 40, 3'140'000, 10'140'000, 2}), "12/40 files, 3.1 MB, 1.6 MB/s, 0:04 left");
-    EXPECT_EQ(ProgressLine({1, 2, 1'000'000, 5'000'000'000, 1}), "1/2 files, 1.0 MB, 1.0 MB/s, 1:23:19 left");
+    ScanTotals totals = {
+        .files = 40, .done = 12, .bytes = 3'140'000, .bytes_listed = 10'140'000, .seconds = 2};
+    EXPECT_EQ(ProgressLine(totals), "12/40 files, 3.1 MB, 1.6 MB/s, 0:04 left");
+    totals.bytes_listed = 10'000'000'000;
+    EXPECT_EQ(ProgressLine(totals), "12/40 files, 3.1 MB, 1.6 MB/s, 1:46:07 left");
     EXPECT_EQ(ByteText(999'960), "1.0 MB");
 }
 
