@@ -8,6 +8,7 @@
 #include <string>
 
 #include "common/guard_words.h"
+#include "common/worker_orders.h"
 
 namespace kesto::guard {
 
