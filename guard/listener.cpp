@@ -2,13 +2,16 @@
 
 #include <windows.h>
 
+#include <array>
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include "base/clamd_words.h"
 #include "common/bridge_ini.h"
 #include "common/bridge_log.h"
 #include "common/error_words.h"
+#include "common/owned_handle.h"
 #include "common/tcp_options.h"
 
 namespace kesto::guard {
@@ -107,28 +110,28 @@ bool HasClient(SOCKET listener) {
 }
 
 bool TurnAway(SOCKET listener) {
-    for (LONG taken = 0; taken < kMostTurnedAway; ++taken) {
-        const SOCKET client = accept(listener, nullptr, nullptr);
-        if (client == INVALID_SOCKET) {
-            if (WSAGetLastError() == WSAEWOULDBLOCK) {
-                return true;
-            }
-            continue;  // it has left
-        }
+    // Nobody is hung up on before all have been taken, since whoever is may come again at once.
+    std::array<SOCKET, kMostTurnedAway> clients;
+    size_t taken = 0;
+    bool all = false;
+    for (size_t tries = 0; tries < clients.size() && !all; ++tries) {
+        clients[taken] = accept(listener, nullptr, nullptr);
+        all = clients[taken] == INVALID_SOCKET && WSAGetLastError() == WSAEWOULDBLOCK;
+        taken += clients[taken] != INVALID_SOCKET;
+    }
+    for (const SOCKET client : std::span(clients).first(taken)) {
         shutdown(client, SD_SEND);
-        HANDLE thread = nullptr;
+        OwnedHandle thread;
         if (InterlockedIncrement(&g_turned_away) <= kMostTurnedAway) {
-            thread = CreateThread(nullptr, 65536, LetFinish, reinterpret_cast<void*>(client),
-                                  STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+            thread.reset(CreateThread(nullptr, 65536, LetFinish, reinterpret_cast<void*>(client),
+                                      STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
         }
-        if (thread == nullptr) {
+        if (!thread) {
             InterlockedDecrement(&g_turned_away);
             closesocket(client);
-        } else {
-            CloseHandle(thread);
         }
     }
-    return false;
+    return all;
 }
 
 }  // namespace kesto::guard

@@ -76,7 +76,7 @@ void Policy::Pause(Time now) {
 void Policy::StartFailed(uint32_t number, const std::string& why, Time now) {
     std::erase_if(workers_, [number](const Worker& worker) { return worker.number == number; });
     followed_ = true;
-    Pause(now);
+    next_start_ = now + kFirstPause;  // what does not start costs next to nothing
     refusal_ = asked_ ? why : "";
 }
 
