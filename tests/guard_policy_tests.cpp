@@ -94,8 +94,8 @@ TEST(GuardPolicy, Stories) {
          "0+1 0.1+2 0.45+3 1+4 2.1+5 3.2+6 4+7 4.25+8"},
         // Its program is missing. Clients that have waited for ten seconds are turned away; the next begin
         // anew.
-        {"0 well 1 |1 lacking |1 ended 1 |1.5 crowd |1.6 back |22 -",
-         "0+1 1+2 1.25+3 1.5+4 1.85+5 11.5? 17x5 17.25+6 21.75?"},
+        {"0 well 1 |1 lacking |1 ended 1 |1.5 crowd |1.75 back |22 -",
+         "0+1 1+2 1.25+3 1.5+4 1.75+5 11.5? 17x5 17.25+6 21.75?"},
         // At once only while the settings cannot be followed, which are tried again every five seconds.
         {"0 wrong 1 |1 crowd |1.1 gone |5.2 wrong 2 |5.5 crowd |5.6 gone |11 well 3 |20 ended 3 |20 crowd "
          "|22 -",
