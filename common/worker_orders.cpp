@@ -21,7 +21,7 @@ bool ReadAll(HANDLE input, void* into, DWORD size) {
 
 bool ReadOrders(HANDLE input, WorkerOrders& orders) {
     uint32_t sent = 0;
-    if (GetFileType(input) != FILE_TYPE_PIPE || !ReadAll(input, &sent, sizeof sent) ||
+    if (GetFileType(input) == FILE_TYPE_CHAR || !ReadAll(input, &sent, sizeof sent) ||
         sent < offsetof(WorkerOrders, closed)) {
         return false;
     }
