@@ -1,5 +1,5 @@
 // Requests for a restart, by a pipe whose name holds the folder: whoever connects to it asks for a restart,
-// and gets the answer there. The pipe also shows that a guard is at work: a folder has one at a time.
+// and gets the answer there.
 #pragma once
 
 #include <windows.h>
@@ -10,14 +10,14 @@ namespace kesto::guard {
 
 class Requests {
  public:
-    // False: another guard of this folder is at work. If the pipe cannot be made, nobody can ask.
-    bool Open(const std::wstring& folder);
+    // Makes the pipe, or returns the system's error code: nobody can ask until a later call succeeds. Mostly
+    // another guard of this folder is at work then. But any program can make a pipe of this name.
+    DWORD Open(const std::wstring& folder);
 
-    // Set when Take is to be called.
+    // Set when Take is to be called; null until the pipe has been made.
     HANDLE Event() const { return event_.hEvent; }
     // True when somebody asks for a restart, who must get an answer.
     bool Take();
-    bool Asked() const { return state_ == State::kAsked; }
     void Answer(const std::string& text);
 
  private:
