@@ -43,7 +43,7 @@ TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
         {"colour=red", "one of the keys servers, encrypt,", true},
         {"just words", "is not a setting", false},
         {"encrypt=true", "read as 0, which is off", true},
-        {"autostart=", "\"\" is read as its default", true},
+        {"autostart=", "\"\" is not a number and is read as its default", true},
         {"startwait=0", "no time to listen", false},
         {"startwait=120s", "is read as 120 ", true},
         {"connectwait=-1", "read as 4294967295", true},

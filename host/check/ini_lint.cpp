@@ -165,10 +165,12 @@ class Linter {
         const bool seconds = key.kind == ValueKind::kSeconds;
         const uint32_t taken = TakenNumber(value);
         if (!AllDigits(value) || WithoutZeros(value) != std::to_string(taken)) {
-            const bool whole = AllDigits(value.starts_with('-') && !seconds ? value.substr(1) : value);
+            const bool minus = value.starts_with('-');
+            const bool whole = AllDigits(value.substr(minus));
             const bool is_switch = key.kind == ValueKind::kSwitch;
-            findings_.push_back({line_, !whole,
-                                 name + "=" + Quoted(value) + " is read as " +
+            findings_.push_back({line_, !whole || (minus && seconds),
+                                 name + "=" + Quoted(value) +
+                                     (whole ? " is read as " : " is not a number and is read as ") +
                                      (value.empty() ? "its default"
                                       : !is_switch  ? std::to_string(taken)
                                       : taken == 0  ? "0, which is off"
