@@ -1,13 +1,12 @@
 #include "host/command_line.h"
 
-#include <windows.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 
 #include "common/program_folder.h"
 #include "common/text.h"
 #include "host/common/output.h"
+#include "host/exact_path.h"
 
 namespace kesto::host {
 namespace {
@@ -30,8 +29,7 @@ constexpr char kFooter[] =
     "  kestoscan --stats > D:\\metrics\\kestoav.prom";
 
 std::wstring FullPath(const std::wstring& path) {
-    std::wstring full(GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
-    full.resize(GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
+    std::wstring full = SystemFullPath(path);
     while (full.size() > 3 && full.back() == L'\\') {
         full.pop_back();
     }
@@ -44,8 +42,6 @@ constexpr char kAsItStands[] = "\"";
 std::wstring Given(std::string_view text) {
     return WideFromUtf8(text.starts_with(kAsItStands) ? text.substr(1) : text);
 }
-
-using Names = std::vector<CLI::Option*>;
 
 // "a, b and c"
 std::string Listed(const std::vector<std::string>& items) {
@@ -65,10 +61,16 @@ struct Parser {
     CLI::App app{"Scans files through the mail server's anti-virus plug-in.", "kestoscan"};
     const std::span<const Task> tasks;
     std::vector<std::pair<CLI::Option*, const Task*>> task_options;
-    Names scan_only;
-    CLI::Option *files, *file_list, *move, *copy, *wait, *json;
+    std::vector<std::pair<CLI::Option*, TaskTakes>> limited;  // that not every task goes with
+    CLI::Option *files, *file_list, *move, *wait;
 
  private:
+    CLI::Option* Limited(TaskTakes kind, CLI::Option* option) {
+        return limited.emplace_back(option, kind).first;
+    }
+    CLI::Option* Flag(const char* name, bool& value, const char* description) {
+        return app.add_flag(name, value, description);
+    }
     CLI::Option* Text(const char* name, const char* kind, std::wstring& value, const char* description) {
         return app
             .add_option_function<std::string>(
@@ -99,37 +101,35 @@ struct Parser {
 Parser::Parser(std::span<const Task> all, Options& options) : tasks(all) {
     app.allow_windows_style_options(false);  // a path may begin with a slash
     app.footer(kFooter);
-    const auto flag = [&](const char* name, bool& value, const char* description) {
-        return app.add_flag(name, value, description);
-    };
-    files = Texts("FILE", "", options.paths, "Files to scan; * and ? are wildcards, - is standard input");
-    file_list = Text("--file-list", "FILE", options.file_list,
-                     "Scan the files that this file names, one path on each line; - reads standard input");
-    scan_only = {files, file_list};
-    scan_only.push_back(
-        flag("-r,--recursive", options.list.recursive, "Scan the files in and below named folders"));
-    scan_only.push_back(Texts("--exclude", "PATTERN", options.list.excluded_files,
-                              "Leave out files whose name matches; may be repeated")
-                            ->allow_extra_args(false));
-    scan_only.push_back(Texts("--exclude-dir", "PATTERN", options.list.excluded_folders,
-                              "Leave out folders whose name matches; may be repeated")
-                            ->allow_extra_args(false));
-    scan_only.push_back(flag("-i,--infected", options.report.infected_only,
-                             "Print infected files only; error messages go to standard error"));
-    scan_only.push_back(Number("-j,--jobs", "N", options.scan.jobs, 1, kMostJobs,
-                               "Files scanned at a time, 1 (the default) to 16"));
-    scan_only.push_back(Number("--timeout", "SECONDS", options.scan.timeout, 1, kLongestTime,
-                               "Give up a file after this time (default 300)"));
-    wait = Number("--wait", "SECONDS", options.wait, 0, kLongestTime,
-                  "Wait up to this long for the engine to answer");
-    move = Text("--move", "FOLDER", options.scan.quarantine, "Move infected files into this folder");
-    copy = Text("--copy", "FOLDER", options.scan.quarantine, "Copy infected files into this folder")
-               ->excludes(move);
-    json = flag("--json", options.report.json, "Print one JSON document");
-    scan_only.insert(scan_only.end(), {move, copy,
-                                       app.add_flag_callback(
-                                           "--no-summary", [&] { options.report.summary = false; },
-                                           "Print no totals at the end")});
+    files = Limited(kFileOptions, Texts("FILE", "", options.paths,
+                                        "Files to scan; * and ? are wildcards, - is standard input"));
+    file_list =
+        Limited(kFileOptions,
+                Text("--file-list", "FILE", options.file_list,
+                     "Scan the files that this file names, one path on each line; - reads standard input"));
+    Limited(kFileOptions,
+            Flag("-r,--recursive", options.list.recursive, "Scan the files in and below named folders"));
+    Limited(kFileOptions, Texts("--exclude", "PATTERN", options.list.excluded_files,
+                                "Leave out files whose name matches; may be repeated"))
+        ->allow_extra_args(false);
+    Limited(kFileOptions, Texts("--exclude-dir", "PATTERN", options.list.excluded_folders,
+                                "Leave out folders whose name matches; may be repeated"))
+        ->allow_extra_args(false);
+    Limited(kFileOptions, Flag("-i,--infected", options.report.infected_only,
+                               "Print infected files only; error messages go to standard error"));
+    Limited(kFileOptions, Number("-j,--jobs", "N", options.scan.jobs, 1, kMostJobs,
+                                 "Files scanned at a time, 1 (the default) to 16"));
+    Limited(kFileOptions, Number("--timeout", "SECONDS", options.scan.timeout, 1, kLongestTime,
+                                 "Give up a file after this time (default 300)"));
+    wait = Limited(kWait, Number("--wait", "SECONDS", options.wait, 0, kLongestTime,
+                                 "Wait up to this long for the engine to answer"));
+    move = Limited(kFileOptions,
+                   Text("--move", "FOLDER", options.scan.quarantine, "Move infected files into this folder"));
+    Limited(kFileOptions,
+            Text("--copy", "FOLDER", options.scan.quarantine, "Copy infected files into this folder"))
+        ->excludes(move);
+    Limited(kJson, Flag("--json", options.report.json, "Print one JSON document"));
+    Limited(kFileOptions, Flag("--no-summary", options.report.no_summary, "Print no totals at the end"));
     Text("--log", "FILE", options.log, "Also append all output to this file");
     Text("--library", "PATH", options.library, "The plug-in (default: CLAMDLL.dll beside this program)");
     Text("--folder", "PATH", options.folder, "The plug-in's folder (default: the folder of this program)");
@@ -158,19 +158,17 @@ const Task* Parser::ChosenTask() const {
 }
 
 std::string Parser::Contradiction(const Options& options) const {
-    const std::pair<Names, TaskTakes> kinds[] = {{scan_only, kFileOptions}, {{json}, kJson}, {{wait}, kWait}};
-    for (const auto& [names, kind] : kinds) {
+    for (const auto& [option, kind] : limited) {
+        if (option->count() == 0 || (options.task->takes & kind) != 0) {
+            continue;
+        }
         std::vector<std::string> takers;
         for (const Task& task : tasks) {
             if (task.takes & kind) {
                 takers.push_back(task.option ? std::string("with ") + task.option : "files to scan");
             }
         }
-        for (const CLI::Option* option : names) {
-            if (option->count() != 0 && !(options.task->takes & kind)) {
-                return option->get_name() + " goes with " + Listed(takers) + " only";
-            }
-        }
+        return option->get_name() + " goes with " + Listed(takers) + " only";
     }
     if (!(options.task->takes & kFileOptions)) {
         return "";

@@ -46,74 +46,57 @@ Json SummaryJson(const ScanTotals& totals, bool interrupted) {
 Report::Report(const ReportOptions& options) : options_(options) {}
 
 void Report::Clean(const std::string& path, uint64_t size) {
-    if (options_.infected_only) {
-        return;
-    }
-    if (options_.json) {
-        PrintJson({{"path", path}, {"result", "clean"}, {"size", size}});
-    } else {
-        PrintOut(Printable(path) + ": OK\n");
+    if (!options_.infected_only) {
+        Tell({{"path", path}, {"result", "clean"}, {"size", size}}, path + ": OK", PrintOut);
     }
 }
 
 void Report::Infected(const std::string& path, uint64_t size, const std::string& virus,
                       const std::string& put_away, const std::string& where, const Fault& fault) {
-    if (options_.json) {
-        Json object = {{"path", path}, {"result", "infected"}, {"size", size}, {"name", virus}};
-        if (!put_away.empty()) {
-            object[put_away + "_to"] = where;
-        }
-        if (fault) {
-            object["error"] = fault.text;
-            object["code"] = fault.code;
-        }
-        PrintJson(object);
-        return;
-    }
-    PrintOut(Printable(path + ": " + (virus.empty() ? "(unnamed)" : virus)) + " FOUND\n");
+    Json object = {{"path", path}, {"result", "infected"}, {"size", size}, {"name", virus}};
     if (!put_away.empty()) {
-        PrintOut(Printable(path + ": " + put_away + " to " + where) + "\n");
+        object[put_away + "_to"] = where;
     }
     if (fault) {
-        PrintFault(path, fault);
+        object.update({{"error", fault.text}, {"code", fault.code}});
+    }
+    Tell(object, path + ": " + (virus.empty() ? "(unnamed)" : virus) + " FOUND", PrintOut);
+    if (!put_away.empty() && !options_.json) {
+        PrintOut(Printable(path + ": " + put_away + " to " + where) + "\n");
+    }
+    if (fault && !options_.json) {
+        Failed(path, fault);
     }
 }
 
 void Report::Failed(const std::string& path, const Fault& fault) {
-    if (options_.json) {
-        PrintJson({{"path", path}, {"result", "error"}, {"error", fault.text}, {"code", fault.code}});
-    } else {
-        PrintFault(path, fault);
-    }
-}
-
-void Report::PrintFault(const std::string& path, const Fault& fault) const {
-    const auto print = options_.infected_only ? PrintError : PrintOut;
-    print(Printable(path + ": ERROR " + fault.text) + " (" + std::to_string(fault.code) + ")\n");
+    Tell({{"path", path}, {"result", "error"}, {"error", fault.text}, {"code", fault.code}},
+         path + ": ERROR " + fault.text + " (" + std::to_string(fault.code) + ")",
+         options_.infected_only ? PrintError : PrintOut);
 }
 
 void Report::Skipped(const std::string& path, const std::string& reason) {
-    if (options_.infected_only) {
-        return;
-    }
-    if (options_.json) {
-        PrintJson({{"path", path}, {"result", "skipped"}, {"reason", reason}});
-    } else {
-        PrintOut(Printable(path + ": SKIPPED " + reason) + "\n");
+    if (!options_.infected_only) {
+        Tell({{"path", path}, {"result", "skipped"}, {"reason", reason}}, path + ": SKIPPED " + reason,
+             PrintOut);
     }
 }
 
 void Report::Summary(const ScanTotals& totals, bool interrupted) {
+    const std::string json_end =
+        options_.no_summary ? "}\n" : ", \"summary\": " + JsonLine(SummaryJson(totals, interrupted)) + "}\n";
     if (options_.json) {
-        PrintOut(std::string(first_ ? kJsonStart : "") + "\n]" +
-                 (options_.summary ? ", \"summary\": " + JsonLine(SummaryJson(totals, interrupted)) : "") +
-                 "}\n");
-    } else if (options_.summary) {
+        PrintOut(std::string(first_ ? kJsonStart : "") + "\n]" + json_end);
+    } else if (!options_.no_summary) {
         PrintOut(SummaryText(totals, interrupted));
     }
 }
 
-void Report::PrintJson(const Json& object) {
+void Report::Tell(const Json& object, const std::string& line, void (*print)(std::string_view)) {
+    if (!options_.json) {
+        print(Printable(line) + "\n");
+        return;
+    }
     PrintOut((first_ ? std::string(kJsonStart) + "\n" : ",\n") + JsonLine(object));
     first_ = false;
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "common/fault.h"
 #include "host/common/json_line.h"
@@ -13,7 +14,7 @@ namespace kesto::host {
 struct ReportOptions {
     bool json = false;
     bool infected_only = false;  // clean files are left out, and without JSON errors go to standard error
-    bool summary = true;
+    bool no_summary = false;
 };
 
 // One run's report, to be used under OutputLock by any thread: whole lines and a whole JSON document
@@ -32,8 +33,7 @@ class Report {
     void Summary(const ScanTotals& totals, bool interrupted);
 
  private:
-    void PrintFault(const std::string& path, const Fault& fault) const;
-    void PrintJson(const Json& object);
+    void Tell(const Json& object, const std::string& line, void (*print)(std::string_view));
 
     const ReportOptions options_;
     bool first_ = true;
