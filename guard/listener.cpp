@@ -23,15 +23,9 @@ constexpr DWORD kBetweenTriesMs = 250;
 constexpr int kLongestSilenceMs = kIdleLimitMs;
 constexpr LONG kMostTurnedAway = 200;  // at a time, who are let finish; and in each step
 
-// All scans at a time of a large mail server may have to wait for a worker. SOMAXCONN stands for about 200.
-// What is asked for in this way is the number itself, negative; where the system does not know that, it has
-// its own most.
-#ifndef SOMAXCONN_HINT
-constexpr int SOMAXCONN_HINT(int clients) {
-    return -clients;
-}
-#endif
-constexpr int kMostWaiting = 1000;
+// SOMAXCONN_HINT(1000), which the compiler's headers lack: all scans at a time of a large mail server may
+// have to wait for a worker, and SOMAXCONN stands for about 200.
+constexpr int kMostWaiting = -1000;
 
 volatile LONG g_turned_away = 0;
 
@@ -47,7 +41,7 @@ SOCKET TryToListen(const sockaddr_in& where) {
     AcknowledgeAtOnce(listener);
     if (bind(listener, reinterpret_cast<const sockaddr*>(&where), sizeof where) == 0 &&
         ioctlsocket(listener, FIONBIO, &nonblocking) == 0 &&
-        (listen(listener, SOMAXCONN_HINT(kMostWaiting)) == 0 || listen(listener, SOMAXCONN) == 0)) {
+        (listen(listener, kMostWaiting) == 0 || listen(listener, SOMAXCONN) == 0)) {
         return listener;
     }
     const int error = WSAGetLastError();

@@ -62,16 +62,13 @@ class Guard {
 
  private:
     void Wait(DWORD limit) const {
-        std::vector<HANDLE> handles;
-        if (requests_.Event() != nullptr) {
-            handles.push_back(requests_.Event());
-        }
+        std::vector<HANDLE> handles = {requests_.Event()};
         for (const Worker& worker : workers_) {
             handles.push_back(worker.process.get());
             handles.push_back(worker.alive.get());
         }
         const auto count = static_cast<DWORD>(std::min<size_t>(handles.size(), MAXIMUM_WAIT_OBJECTS));
-        if (count == 0 || WaitForMultipleObjects(count, handles.data(), FALSE, limit) == WAIT_FAILED) {
+        if (WaitForMultipleObjects(count, handles.data(), FALSE, limit) == WAIT_FAILED) {
             Sleep(limit);
         }
     }
@@ -102,15 +99,14 @@ class Guard {
     }
 
     void LookAfterRequests(Time now) {
-        if (requests_.Event() == nullptr) {
-            if (now >= next_try_) {
-                next_try_ = now + kBetweenTries;
-                if (requests_.Open(folder_) == 0) {
-                    Log("pipe", "restarts can be asked for");
-                }
-            }
-        } else if (WaitForSingleObject(requests_.Event(), 0) == WAIT_OBJECT_0 && requests_.Take()) {
+        if (WaitForSingleObject(requests_.Event(), 0) == WAIT_OBJECT_0 && requests_.Take()) {
             policy_.RestartAsked();
+        }
+        if (!requests_.IsOpen() && now >= next_try_) {
+            next_try_ = now + kBetweenTries;
+            if (requests_.Open(folder_) == 0) {
+                Log("pipe", "restarts can be asked for");
+            }
         }
     }
 

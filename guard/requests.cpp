@@ -27,7 +27,6 @@ DWORD Requests::Open(const std::wstring& folder) {
     if (pipe_ == INVALID_HANDLE_VALUE) {
         return error;
     }
-    event_.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     Wait();
     return 0;
 }

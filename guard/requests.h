@@ -14,7 +14,9 @@ class Requests {
     // another guard of this folder is at work then. But any program can make a pipe of this name.
     DWORD Open(const std::wstring& folder);
 
-    // Set when Take is to be called; null until the pipe has been made.
+    bool IsOpen() const { return pipe_ != INVALID_HANDLE_VALUE; }
+
+    // Set when Take is to be called.
     HANDLE Event() const { return event_.hEvent; }
     // True when somebody asks for a restart, who must get an answer.
     bool Take();
@@ -26,7 +28,7 @@ class Requests {
 
     State state_ = State::kWaiting;
     HANDLE pipe_ = INVALID_HANDLE_VALUE;
-    OVERLAPPED event_ = {};
+    OVERLAPPED event_ = {0, 0, {}, CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     char scrap_ = '\0';
 };
 
