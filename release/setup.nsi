@@ -149,7 +149,7 @@ prompt of an administrator:$\r$\n$\r$\n$\"$INSTDIR\kestoscan.exe$\" --check"
     FileClose $0
     !insertmacro Ask free $INSTDIR
     ${If} $Answer != 0
-      StrCpy $Reason "$Said. Stop the mail server, and kestoscan if it runs, and try again. Nothing was changed."
+      StrCpy $Reason "$Said. If it is in use, stop the mail server, and kestoscan if it runs. Then try again: nothing was changed."
       Push ${kInUse}
       Call ${un}Refuse
     ${EndIf}
@@ -296,13 +296,23 @@ FunctionEnd
 
 ; --- Installing --------------------------------------------------------------------------------------------------
 
-; First, all files are put beside the old ones.
-!macro Unpack path
-  ClearErrors
-  File "/oname=${path}.new" "${STAGED}/${path}"
+; First, all files are put beside the old ones: CLAMDLL.dl_, since no path may be longer than that of kestobridge.exe.
+!macro NewName path
+  StrCpy $1 "${path}" -1
+  StrCpy $1 "$1_"
+!macroend
+
+!macro CheckWritten
   ${If} ${Errors}
-    StrCpy $Reason "$INSTDIR\${path}.new cannot be written. The files that were there are unchanged."
+    StrCpy $Reason "$INSTDIR\$1 cannot be written. The files that were there are unchanged."
   ${EndIf}
+!macroend
+
+!macro Unpack path
+  !insertmacro NewName "${path}"
+  ClearErrors
+  File "/oname=$1" "${STAGED}/${path}"
+  !insertmacro CheckWritten
 !macroend
 
 ; Whatever happens, the old file is there or the new one, and whole. The others are what an upgrade by an earlier
@@ -310,8 +320,9 @@ FunctionEnd
 !macro Exchange path
   Delete "$INSTDIR\${path}.old"
   Delete "$INSTDIR\${path}.old2"
+  !insertmacro NewName "${path}"
   ${If} $Reason == ""
-    System::Call 'kernel32::MoveFileExW(w "$INSTDIR\${path}.new", w "$INSTDIR\${path}", i 1) i .r0'
+    System::Call 'kernel32::MoveFileExW(w "$INSTDIR\$1", w "$INSTDIR\${path}", i 1) i .r0'
     ${If} $0 = 0
       StrCpy $Reason "$INSTDIR\${path} cannot be replaced: end what uses it, and install again."
     ${EndIf}
@@ -319,10 +330,16 @@ FunctionEnd
 !macroend
 
 !macro DeleteNew path
-  Delete "$INSTDIR\${path}.new"
+  !insertmacro NewName "${path}"
+  Delete "$INSTDIR\$1"
 !macroend
 
+; NSIS itself ends with 2 when the disk is full.
 Function .onInstFailed
+  ${If} $Reason == ""
+    Push "A file cannot be written. The files that were there are unchanged."
+    Call Say
+  ${EndIf}
   !insertmacro EachFile DeleteNew
   !insertmacro DeleteNew uninstall.exe
 FunctionEnd
@@ -360,7 +377,8 @@ Function SetRights
 FunctionEnd
 
 !macro ListOwn path
-  FileWrite $0 "${path}$\r$\n${path}.new$\r$\n"
+  !insertmacro NewName "${path}"
+  FileWrite $0 "${path}$\r$\n$1$\r$\n"
 !macroend
 
 ; Before there are any files, whoever has made the folder or may write there loses it to the administrators, unless
@@ -384,8 +402,8 @@ plugins\kestoav\bridge.log$\r$\nplugins\kestoav\update.log$\r$\n"
       !insertmacro Ask own $INSTDIR  ; until now somebody could put a library there
     ${EndIf}
   ${Else}
-    Push "The rights of $INSTDIR stay as they are, and only those of $INSTDIR\plugins\kestoav are set: $Said. Make sure \
-that only administrators can write to it."
+    Push "$Said. So the rights of $INSTDIR stay as they are, and only those of its plugins\kestoav are set: make sure \
+that only administrators can write to the folder."
     Call Say
     StrCpy $0 "$INSTDIR\plugins\kestoav"
     Call SetRights
@@ -425,11 +443,10 @@ Section
   ${EndIf}
 
   !insertmacro EachFile Unpack
+  !insertmacro NewName uninstall.exe
   ClearErrors
-  WriteUninstaller "$INSTDIR\uninstall.exe.new"
-  ${If} ${Errors}
-    StrCpy $Reason "$INSTDIR\uninstall.exe.new cannot be written. The files that were there are unchanged."
-  ${EndIf}
+  WriteUninstaller "$INSTDIR\$1"
+  !insertmacro CheckWritten
   !insertmacro RefuseIf ${kNotWritten}
 
   Call EndEngine

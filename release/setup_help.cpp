@@ -69,7 +69,7 @@ std::vector<std::wstring> List(const wchar_t* name) {
 bool HoldsOnlyOwn(const std::wstring& folder) {
     const std::vector<std::wstring> own = List(L"\\own.txt");
     if (GetFileAttributesW(folder.c_str()) & FILE_ATTRIBUTE_REPARSE_POINT) {
-        return No("it is a link to another folder");
+        return No(Utf8FromWide(folder) + " leads to another folder");
     }
     auto entry = std::filesystem::recursive_directory_iterator(folder);
     for (; entry != std::filesystem::end(entry); ++entry) {
@@ -78,7 +78,7 @@ bool HoldsOnlyOwn(const std::wstring& folder) {
             return _wcsicmp(name.c_str(), path.c_str()) == 0;
         });
         if (!known || GetFileAttributesW(entry->path().c_str()) & FILE_ATTRIBUTE_REPARSE_POINT) {
-            return No(Utf8FromWide(path) + " there is not KESTO AV's");
+            return No(Utf8FromWide(entry->path().wstring()) + " does not belong to KESTO AV");
         }
         if (_wcsicmp(path.c_str(), L"logs") == 0) {
             entry.disable_recursion_pending();
