@@ -409,7 +409,7 @@ that only administrators can write to the folder."
     Call SetRights
   ${EndIf}
   ${If} $Answer != 0
-    StrCpy $Reason "The rights of $0 could not be set: $Said. INSTALL.txt has the commands in its step 3."
+    StrCpy $Reason "The rights of $0 could not be set, and no file was written. $Said"
   ${EndIf}
 FunctionEnd
 
