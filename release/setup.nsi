@@ -50,7 +50,7 @@ Var Upstreams
 Var Account
 Var AccountField
 Var UpstreamsField
-Var Upgrade    ; whether set-up has installed into this folder before: yes or no
+Var Upgrade    ; whether what is in this folder was installed by set-up: yes or no
 Var Foreign    ; 0, unless the updater there is the administrator's own, which is left alone
 Var Answer     ; the exit code of a program
 Var Said       ; what it printed
@@ -210,6 +210,7 @@ Function CheckFolder
   StrCpy $Upgrade no
   ReadRegStr $0 HKLM "${PROGRAMS_KEY}" InstallLocation
   ${If} $0 == $INSTDIR
+  ${AndIf} ${FileExists} "$INSTDIR\uninstall.exe"
     StrCpy $Upgrade yes
   ${EndIf}
 FunctionEnd
@@ -262,7 +263,8 @@ FunctionEnd
 
 Function ShowEnginePage
   ${If} $Upgrade == yes
-    Abort  ; it keeps settings and rights
+  ${AndIf} ${FileExists} "$INSTDIR\plugins\kestoav\bridge.ini"
+    Abort  ; settings and rights are kept
   ${EndIf}
   !insertmacro MUI_HEADER_TEXT "Engine and rights" "Which clamd scans, and who runs the mail server."
   nsDialogs::Create 1018
@@ -277,7 +279,7 @@ is 127.0.0.1:3310, with $\"TCPSocket 3310$\" in its clamd.conf."
   ${EndIf}
   ${NSD_CreateLabel} 0 54u 100% 40u "The account under which the mail server runs. It gets the right to read this \
 folder and to write the logs; apart from it, only administrators and the system have access. Without an account \
-every user of this machine may read it."
+everyone who has signed in may read, and nobody else write the logs."
   Pop $0
   ${NSD_CreateText} 0 96u 100% 13u $Account
   Pop $AccountField

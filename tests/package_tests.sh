@@ -83,7 +83,7 @@ done
 run_to 0 taskkill /f /im kestoav.exe
 
 # The set-up program. Where something else on this machine has the usual port, its check fails.
-if grep -E 'Exec[A-Za-z]* ' "$top/release/setup.nsi" | grep -Ev "Exec[A-Za-z]* '\"[\$](INSTDIR|PLUGINSDIR|SYSDIR)[\\]"; then
+if grep -E '\bExec[A-Za-z]* ' "$top/release/setup.nsi" | grep -Ev "Exec[A-Za-z]* '\"[\$](INSTDIR|PLUGINSDIR|SYSDIR)[\\]"; then
   fail "these start a program by less than its path"
 fi
 setup() { # EXIT_CODE ARGUMENT...
