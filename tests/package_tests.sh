@@ -152,7 +152,8 @@ files=$(find . -type f | sort | xargs)
 [ "$files" = "./eicar.com ./kestoav.ini ./logs/bridge.log ./logs/kestoav.log \
 ./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoavu.exe" ] || fail "uninstalling leaves $files"
 
-setup 0
+# Where anything else is, the folder keeps its rights.
+setup 0 '/D=C:\KESTO'
 if ! grep -q 'eicar.com does not belong' "$work/said" || rights "$work/said" | grep -v '^C:.KESTO.plugins.kestoav'; then
   fail "the set-up takes a folder that something else uses"
 fi
