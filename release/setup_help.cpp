@@ -71,7 +71,9 @@ bool HoldsOnlyOwn(const std::wstring& folder) {
     if (GetFileAttributesW(folder.c_str()) & FILE_ATTRIBUTE_REPARSE_POINT) {
         return No(Utf8FromWide(folder) + " leads to another folder");
     }
-    auto entry = std::filesystem::recursive_directory_iterator(folder);
+    // What nobody may look into yet is looked at again when the rights are set.
+    auto entry = std::filesystem::recursive_directory_iterator(
+        folder, std::filesystem::directory_options::skip_permission_denied);
     for (; entry != std::filesystem::end(entry); ++entry) {
         const std::wstring path = entry->path().wstring().substr(folder.size() + 1);
         const bool known = std::any_of(own.begin(), own.end(), [&](const std::wstring& name) {

@@ -27,12 +27,10 @@ installed="$work/KESTO AV"
 unzip -q "$top"/build/release/kestoav-*-win32.zip -d "$installed"
 cd "$installed"
 signed() { osslsigncode verify -CAfile "$work/certificate.pem" -in "$1" >"$work/verified" || fail "$1: $(cat "$work/verified")"; }
-for program in *.exe plugins/kestoav/*.exe "$top"/build/release/kestoav-*-setup.exe; do
+for program in *.dll *.exe plugins/kestoav/*.exe "$top"/build/release/kestoav-*-setup.exe; do
   signed "$program"
-  grep -Eq 'requestedExecutionLevel level="(asInvoker|requireAdministrator)"' "$program" &&
-    grep -q 'supportedOS Id="{35138b9a-5d96-4fbd-8e2d-a2440225f93a}"' "$program" || fail "$program has no manifest"
+  [[ $program = *.dll ]] || grep -q 'supportedOS Id="{35138b9a-' "$program" || fail "$program has no manifest"
 done
-signed CLAMDLL.dll
 files=$(find . -type f | sort | xargs)
 [ "$files" = "./CHANGES.txt ./CLAMDLL.dll ./INSTALL.txt ./KESTOSCAN.txt ./OPERATIONS.txt ./README.txt \
 ./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe \
@@ -154,6 +152,4 @@ files=$(find . -type f | sort | xargs)
 
 # Where anything else is, the folder keeps its rights.
 setup 0 '/D=C:\KESTO'
-if ! grep -q 'eicar.com does not belong' "$work/said" || rights "$work/said" | grep -v '^C:.KESTO.plugins.kestoav'; then
-  fail "the set-up takes a folder that something else uses"
-fi
+if rights "$work/said" | grep -v '^C:.KESTO.plugins.kestoav'; then fail "the set-up takes what something else uses"; fi
