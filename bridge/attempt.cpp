@@ -1,11 +1,8 @@
 #include "bridge/attempt.h"
 
 #include <algorithm>
-#include <array>
-#include <asio/ip/tcp.hpp>
 #include <utility>
 
-#include "bridge/task.h"
 #include "common/error_words.h"
 #include "common/tcp_options.h"
 
@@ -26,7 +23,7 @@ constexpr size_t kLongestReply = 8 << 10;
 // Pieces of the request that go out in one send.
 constexpr size_t kPiecesAtOnce = 4;
 
-tcp::endpoint Endpoint(const ServerAddress& address) {
+tcp::endpoint PlaceOf(const ServerAddress& address) {
     if (address.kind == HostKind::kIpv4) {
         asio::ip::address_v4::bytes_type bytes;
         std::copy_n(address.bytes.begin(), bytes.size(), bytes.begin());
@@ -52,60 +49,31 @@ size_t LastBytes(tcp::socket& socket, asio::mutable_buffer bytes) {
     return error ? 0 : socket.read_some(bytes, error);
 }
 
-class SocketAttempt final : public Attempt, public Owner, public std::enable_shared_from_this<SocketAttempt> {
- public:
-    SocketAttempt(asio::io_context& io, const Shared& shared, ServerPtr server,
-                  std::shared_ptr<KeptStream> request, AttemptEvents events, Time reply_until)
-        : idle_(shared.settings.idle),
-          server_(std::move(server)),
-          request_(std::move(request)),
-          events_(std::move(events)),
-          socket_(io),
-          reply_until_(reply_until) {}
+}  // namespace
 
-    static Task Converse(std::shared_ptr<SocketAttempt> self);
+std::shared_ptr<Attempt> Attempt::Begin(Bridge& bridge, Sleeper& owner, const ServerPtr& server,
+                                        const std::shared_ptr<KeptStream>& request, Time reply_until) {
+    const auto attempt = std::make_shared<Attempt>(bridge, owner, server, request, reply_until);
+    Converse(attempt);
+    return attempt;
+}
 
-    void More() override {
-        if (state_ == State::kTalking && sending_ == 0) {
-            Send(shared_from_this());
-        }
+Attempt::Attempt(Bridge& bridge, Sleeper& owner, ServerPtr server, std::shared_ptr<KeptStream> request,
+                 Time reply_until)
+    : idle_(bridge.settings.idle),
+      owner_(owner),
+      server_(std::move(server)),
+      request_(std::move(request)),
+      socket_(bridge.io),
+      reply_until_(reply_until) {}
+
+void Attempt::More() {
+    if (state_ == State::kTalking && sending_ == 0) {
+        Send(shared_from_this());
     }
-    void Tick(Time now) override;
-    void Cancel() override { Close(); }
-    uint64_t Sent() const override { return sent_; }
-    void Failed() override;
+}
 
- private:
-    enum class State {
-        kConnecting,
-        kTalking,
-        kReplyWaitsForSend,  // the reply counts only if the send under way takes all its data
-        kOver,
-    };
-
-    static Task Send(std::shared_ptr<SocketAttempt> self);
-    void TakeReply(std::string_view bytes, const asio::error_code& error);
-    bool HandedOver() const { return request_->Ended() && sent_ == request_->Size(); }
-    void CalledCleanTooEarly() { End({AttemptEnd::Kind::kBroken, "called the file clean before its end"}); }
-    void End(AttemptEnd end);
-    void Close();
-
-    const std::chrono::seconds idle_;
-    const ServerPtr server_;
-    const std::shared_ptr<KeptStream> request_;
-    AttemptEvents events_;
-    tcp::socket socket_;
-    State state_ = State::kConnecting;
-    std::array<char, 1024> bytes_;
-    std::string reply_;
-    uint64_t sent_ = 0;
-    uint64_t sending_ = 0;           // bytes of the send under way
-    bool no_delay_ = false;          // turned on with the second send, which many scans do not need
-    Time step_until_ = Time::max();  // time limit of the connect or send under way
-    Time reply_until_;
-};
-
-Task SocketAttempt::Converse(std::shared_ptr<SocketAttempt> self) {
+Task<Attempt> Attempt::Converse(std::shared_ptr<Attempt> self) {
     tcp::socket& socket = self->socket_;
     Server::Lookup& lookup = self->server_->lookup;
     const std::vector<ServerAddress> addresses = lookup.addresses;
@@ -115,7 +83,7 @@ Task SocketAttempt::Converse(std::shared_ptr<SocketAttempt> self) {
         const size_t at = (first + i) % addresses.size();
         self->step_until_ = Clock::now() + kConnectLimit;
         auto connect = Operation(
-            [&](auto handler) { socket.async_connect(Endpoint(addresses[at]), std::move(handler)); });
+            [&](auto handler) { socket.async_connect(PlaceOf(addresses[at]), std::move(handler)); });
         const asio::error_code error = (co_await connect).error;
         self->step_until_ = Time::max();
         if (self->state_ == State::kOver) {
@@ -139,7 +107,7 @@ Task SocketAttempt::Converse(std::shared_ptr<SocketAttempt> self) {
         }
     }
     if (self->state_ == State::kConnecting) {
-        self->End(std::move(failure));
+        self->Finish(std::move(failure));
         co_return;
     }
     KeepAlive(socket.native_handle());
@@ -157,21 +125,21 @@ Task SocketAttempt::Converse(std::shared_ptr<SocketAttempt> self) {
     }
 }
 
-void SocketAttempt::TakeReply(std::string_view bytes, const asio::error_code& error) {
+void Attempt::TakeReply(std::string_view bytes, const asio::error_code& error) {
     const size_t nul = bytes.find('\0');
     reply_.append(bytes.substr(0, nul));
     if (nul == std::string_view::npos) {
         if (error) {
-            End({AttemptEnd::Kind::kBroken, LostText(error)});
+            Finish({AttemptEnd::Kind::kBroken, LostText(error)});
         } else if (reply_.size() > kLongestReply) {
-            End({AttemptEnd::Kind::kBroken, "its reply is too long"});
+            Finish({AttemptEnd::Kind::kBroken, "its reply is too long"});
         }
         return;
     }
     AttemptEnd end = EndOfReply(std::move(reply_));
     // A file is clean only if the server has received all of it, which is not yet known of the last part.
     if (end.kind != AttemptEnd::Kind::kClean || HandedOver()) {
-        End(std::move(end));
+        Finish(std::move(end));
     } else if (request_->Ended() && sent_ + sending_ == request_->Size()) {
         reply_ = std::move(end.text);
         state_ = State::kReplyWaitsForSend;
@@ -180,7 +148,7 @@ void SocketAttempt::TakeReply(std::string_view bytes, const asio::error_code& er
     }
 }
 
-Task SocketAttempt::Send(std::shared_ptr<SocketAttempt> self) {
+Task<Attempt> Attempt::Send(std::shared_ptr<Attempt> self) {
     while (self->state_ == State::kTalking) {
         std::array<asio::const_buffer, kPiecesAtOnce> pieces;
         uint64_t size_of_all = 0;
@@ -211,17 +179,18 @@ Task SocketAttempt::Send(std::shared_ptr<SocketAttempt> self) {
             co_return;
         }
         self->sent_ += size;
+        self->moved_ = Clock::now();
         if (self->state_ == State::kTalking) {
-            Guarded(*self->events_.owner, [&] { self->events_.progressed(self->HandedOver()); });
+            self->owner_.Wake();
         } else if (!error && self->HandedOver()) {
-            self->End(EndOfReply(std::move(self->reply_)));
+            self->Finish(EndOfReply(std::move(self->reply_)));
         } else {
             self->CalledCleanTooEarly();
         }
     }
 }
 
-void SocketAttempt::Tick(Time now) {
+void Attempt::CheckTime(Time now) {
     if (state_ == State::kOver) {
         return;
     }
@@ -231,29 +200,37 @@ void SocketAttempt::Tick(Time now) {
     } else if (now >= step_until_ && now < server_->health.worked + idle_) {
         step_until_ = server_->health.worked + idle_;  // it is busy
     } else if (now >= step_until_) {
-        End({AttemptEnd::Kind::kSilent, "took no data for " + std::to_string(idle_.count()) + " s"});
+        Finish({AttemptEnd::Kind::kSilent, "took no data for " + std::to_string(idle_.count()) + " s"});
     } else if (now >= reply_until_) {
-        End({AttemptEnd::Kind::kSilent, "gave no reply"});
+        Finish({AttemptEnd::Kind::kSilent, "gave no reply"});
     }
 }
 
-void SocketAttempt::End(AttemptEnd end) {
+const AttemptEnd* Attempt::End(Time now) {
+    CheckTime(now);
+    if (failure_) {
+        std::rethrow_exception(failure_);
+    }
+    return end_ ? &*end_ : nullptr;
+}
+
+void Attempt::Finish(AttemptEnd end) {
     if (state_ != State::kOver) {
-        const auto self = shared_from_this();
-        const AttemptEvents events = std::move(events_);
+        end_ = std::move(end);
         Close();
-        Guarded(*events.owner, [&] { events.ended(end); });
+        owner_.Wake();
     }
 }
 
-void SocketAttempt::Failed() {
+void Attempt::Failed() {
     if (state_ != State::kOver) {
+        failure_ = std::current_exception();
         Close();
-        events_.owner->Failed();
+        owner_.Wake();
     }
 }
 
-void SocketAttempt::Close() {
+void Attempt::Close() {
     if (std::exchange(state_, State::kOver) != State::kOver) {
         asio::error_code ignored;
         if (sending_ != 0) {
@@ -261,16 +238,6 @@ void SocketAttempt::Close() {
         }
         socket_.close(ignored);
     }
-}
-
-}  // namespace
-
-AttemptPtr BeginAttempt(asio::io_context& io, const Shared& shared, const ServerPtr& server,
-                        const std::shared_ptr<KeptStream>& request, AttemptEvents events, Time reply_until) {
-    const auto attempt =
-        std::make_shared<SocketAttempt>(io, shared, server, request, std::move(events), reply_until);
-    SocketAttempt::Converse(attempt);
-    return attempt;
 }
 
 }  // namespace kesto::bridge

@@ -1,13 +1,75 @@
-// An attempt over a socket: sends a request while it is still coming in, and reads one reply.
+// A request on its way to one server: sends it while it is still coming in, and reads one reply. What happens
+// is noted down here and wakes the owner of the request.
 #pragma once
 
-#include <asio/io_context.hpp>
+#include <array>
+#include <asio/ip/tcp.hpp>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
 
-#include "bridge/exchange.h"
+#include "bridge/bridge.h"
+#include "bridge/reply.h"
+#include "bridge/task.h"
 
 namespace kesto::bridge {
 
-AttemptPtr BeginAttempt(asio::io_context& io, const Shared& shared, const ServerPtr& server,
-                        const std::shared_ptr<KeptStream>& request, AttemptEvents events, Time reply_until);
+class Attempt final : public std::enable_shared_from_this<Attempt> {
+ public:
+    // Sends the request from its beginning. If no reply has come at `reply_until`, the server is silent.
+    // Until it has ended, the owner may not end without cancelling it.
+    static std::shared_ptr<Attempt> Begin(Bridge& bridge, Sleeper& owner, const ServerPtr& server,
+                                          const std::shared_ptr<KeptStream>& request,
+                                          Time reply_until = Time::max());
+    Attempt(Bridge& bridge, Sleeper& owner, ServerPtr server, std::shared_ptr<KeptStream> request,
+            Time reply_until);
+
+    void More();                // the request has grown or ended
+    void Cancel() { Close(); }  // it wakes nobody any more
+    void Failed();              // the exception is being handled
+
+    const ServerPtr& Upstream() const { return server_; }
+    uint64_t Sent() const { return sent_; }  // bytes
+    bool HandedOver() const { return request_->Ended() && sent_ == request_->Size(); }
+    Time Moved() const { return moved_; }  // when some bytes were taken last, or it began
+    // Null: it has not ended. Ends it when its time is over. Throws the exception that has ended it.
+    const AttemptEnd* End(Time now);
+
+ private:
+    enum class State {
+        kConnecting,
+        kTalking,
+        kReplyWaitsForSend,  // the reply counts only if the send under way takes all its data
+        kOver,
+    };
+
+    static Task<Attempt> Converse(std::shared_ptr<Attempt> self);
+    static Task<Attempt> Send(std::shared_ptr<Attempt> self);
+    void TakeReply(std::string_view bytes, const asio::error_code& error);
+    void CheckTime(Time now);
+    void CalledCleanTooEarly() {
+        Finish({AttemptEnd::Kind::kBroken, "called the file clean before its end"});
+    }
+    void Finish(AttemptEnd end);
+    void Close();
+
+    const std::chrono::seconds idle_;
+    Sleeper& owner_;
+    const ServerPtr server_;
+    const std::shared_ptr<KeptStream> request_;
+    asio::ip::tcp::socket socket_;
+    State state_ = State::kConnecting;
+    std::array<char, 1024> bytes_;
+    std::string reply_;
+    uint64_t sent_ = 0;
+    uint64_t sending_ = 0;  // bytes of the send under way
+    Time moved_ = Clock::now();
+    bool no_delay_ = false;          // turned on with the second send, which many scans do not need
+    Time step_until_ = Time::max();  // time limit of the connect or send under way
+    Time reply_until_;
+    std::optional<AttemptEnd> end_;
+    std::exception_ptr failure_;
+};
 
 }  // namespace kesto::bridge

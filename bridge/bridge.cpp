@@ -5,7 +5,6 @@
 #include <new>
 #include <utility>
 
-#include "bridge/attempt.h"
 #include "bridge/client.h"
 #include "common/bridge_log.h"
 
@@ -31,10 +30,6 @@ size_t CountWaiting(const Bridge& bridge) {
 Bridge::Bridge() {
     fleet.scans_wait = [this] { return CountWaiting(*this) != 0; };
     fleet.tell = LogBridge;
-    begin_attempt = [this](const ServerPtr& server, const std::shared_ptr<KeptStream>& request,
-                           AttemptEvents events, Time reply_until) {
-        return BeginAttempt(io, *this, server, request, std::move(events), reply_until);
-    };
 }
 
 void Apply(Bridge& bridge, Time now) {
@@ -44,7 +39,7 @@ void Apply(Bridge& bridge, Time now) {
 }
 
 bool IsFull(const Bridge& bridge) {
-    return bridge.place.use_count() > static_cast<long>(bridge.settings.clients);
+    return bridge.scans >= bridge.settings.clients;
 }
 
 void Remove(Bridge& bridge, uint64_t number) {
@@ -64,27 +59,26 @@ void Stop(Bridge& bridge, Time now) {
 }
 
 void TakeUpNews(Bridge& bridge, Time now) {
+    Sleeper::LetGoOn(bridge.woken, now);
     while (!bridge.queue.empty() && !IsFull(bridge)) {
         const std::shared_ptr<Client> first = bridge.queue.front();
         bridge.queue.pop_front();
         first->BeginQueued();
     }
     if (std::exchange(bridge.news, false)) {
-        ForEachClient(bridge, [now](Client& client) {
+        ForEachClient(bridge, [](Client& client) {
             if (client.Waits()) {
-                client.Advance(now);
+                client.Wake();
             }
         });
     }
+    Sleeper::LetGoOn(bridge.woken, now);
 }
 
 void Tick(Bridge& bridge, Time now) {
     const bool crowded = bridge.clients.size() > bridge.settings.clients;
     unsigned places = crowded ? 1 + bridge.settings.clients / 4 : 0;
-    ForEachClient(bridge, [&](Client& client) {
-        client.Tick(now);
-        places -= places != 0 && client.MakeWay(now);
-    });
+    ForEachClient(bridge, [&](Client& client) { places -= client.Tick(now, places != 0); });
 }
 
 void LogException() noexcept {

@@ -1,4 +1,5 @@
-// What all connections share. One thread runs all of it; only names are looked up beside it.
+// What all connections share. One thread runs all of it; clients are accepted, orders are read and names are
+// looked up beside it.
 #pragma once
 
 #include <asio/executor_work_guard.hpp>
@@ -8,22 +9,32 @@
 #include <memory>
 #include <vector>
 
-#include "bridge/exchange.h"
+#include "bridge/fleet.h"
+#include "bridge/kept_stream.h"
+#include "bridge/metrics.h"
+#include "bridge/sleeper.h"
+#include "common/bridge_settings.h"
 
 namespace kesto::bridge {
 
 class Client;
 
-struct Bridge : Shared {
+struct Bridge {
     Bridge();
 
     asio::io_context io{1};
     asio::executor_work_guard<asio::io_context::executor_type> work{io.get_executor()};  // till it is stopped
-    std::vector<ServerAddress> own;                       // addresses of this machine
+    BridgeSettings settings;
+    std::vector<ServerAddress> own;  // addresses of this machine
+    Fleet fleet;
+    KeepRoom room;
+    Metrics metrics;
+    Sleeper::Woken woken;
+    bool news = false;                                    // waiting scans may find a server now
     std::map<uint64_t, std::shared_ptr<Client>> clients;  // by their numbers, in the order in which they came
     uint64_t arrived = 0;                                 // clients so far
-    std::shared_ptr<const char> place = std::make_shared<char>();  // shared by all that have a scan under way
-    std::list<std::shared_ptr<Client>> queue;                      // have asked for one
+    size_t scans = 0;                                     // under way
+    std::list<std::shared_ptr<Client>> queue;  // have asked for a scan, for which there is no place
     bool stopping = false;
     Time stopped_at{};  // when stopping was asked for
 };
@@ -40,7 +51,8 @@ void Remove(Bridge& bridge, uint64_t number);
 // No client is let in any more: runs to the end of those that have asked something.
 void Stop(Bridge& bridge, Time now);
 
-// To be called when a handler has ended: scans go on that waited for a server or a place.
+// To be called when a handler has ended: whoever was woken goes on, and scans that waited for a server or a
+// place.
 void TakeUpNews(Bridge& bridge, Time now);
 void Tick(Bridge& bridge, Time now);  // every now and then
 

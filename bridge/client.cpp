@@ -27,10 +27,11 @@ constexpr size_t kLeastBytesASecond = 1000;
 }  // namespace
 
 Client::Client(Bridge& bridge, tcp::socket socket, const tcp::endpoint& peer)
-    : bridge_(bridge),
+    : Sleeper(bridge.woken),
+      bridge_(bridge),
       number_(++bridge.arrived),
+      name_(peer.address().to_string() + ":" + std::to_string(peer.port())),
       socket_(std::move(socket)),
-      peer_(peer),
       opening_(std::make_shared<KeptStream>(bridge.room)),
       heard_(Clock::now()),
       paid_until_(heard_ + kPatience) {}
@@ -38,15 +39,20 @@ Client::Client(Bridge& bridge, tcp::socket socket, const tcp::endpoint& peer)
 void Client::Serve(Bridge& bridge, tcp::socket socket, const tcp::endpoint& peer) {
     const auto client = std::make_shared<Client>(bridge, std::move(socket), peer);
     bridge.clients.emplace(client->number_, client);
-    Guarded(*client, [&client] { Read(client); });
+    client->Try([&client] { Read(client); });
 }
 
-std::string Client::Name() const {
-    return peer_.address().to_string() + ":" + std::to_string(peer_.port());
+template <typename Work>
+void Client::Try(Work work) {
+    try {
+        work();
+    } catch (...) {
+        Failed();
+    }
 }
 
 bool Client::Hears() const {
-    return phase_ == Phase::kOpening || (phase_ == Phase::kBusy && exchange_->Hears());
+    return phase_ == Phase::kOpening || (phase_ == Phase::kBusy && request_->Hears());
 }
 
 std::span<uint8_t> Client::Space(std::shared_ptr<KeptStream>& keeper) {
@@ -56,16 +62,13 @@ std::span<uint8_t> Client::Space(std::shared_ptr<KeptStream>& keeper) {
     if (!Hears()) {
         return {reinterpret_cast<uint8_t*>(scrap_.data()), scrap_.size()};
     }
-    if (phase_ == Phase::kBusy) {
-        return exchange_->Space(keeper);
-    }
-    return opening_->Space().subspan(opened_);
+    return phase_ == Phase::kBusy ? request_->Space(keeper) : opening_->Space().subspan(opened_);
 }
 
-Task Client::Read(std::shared_ptr<Client> self) {
+Task<Client> Client::Read(std::shared_ptr<Client> self) {
     while (self->phase_ != Phase::kClosed) {
-        std::shared_ptr<KeptStream>
-            keeper;  // keeps the memory that is read into, even if the exchange drops it
+        // Keeps the memory that is read into, even if the request drops it.
+        std::shared_ptr<KeptStream> keeper;
         const auto space = self->Space(keeper);
         if (space.empty()) {
             co_await self->space_;
@@ -82,19 +85,15 @@ Task Client::Read(std::shared_ptr<Client> self) {
             self->ReadingFailed(error);
             break;
         }
-        self->TakeBytes(space.data(), size);
-    }
-}
-
-void Client::TakeBytes(uint8_t* bytes, size_t size) {
-    heard_ = Clock::now();
-    paid_until_ =
-        std::min(std::max(paid_until_, heard_) + std::chrono::milliseconds(size * 1000 / kLeastBytesASecond),
-                 heard_ + kMostPaid);
-    if (phase_ == Phase::kOpening) {
-        TakeOpening(bytes - opened_, opened_ + size);
-    } else if (Hears()) {
-        exchange_->Take(bytes, size, heard_);
+        self->heard_ = Clock::now();
+        self->paid_until_ = std::min(std::max(self->paid_until_, self->heard_) +
+                                         std::chrono::milliseconds(size * 1000 / kLeastBytesASecond),
+                                     self->heard_ + kMostPaid);
+        if (self->phase_ == Phase::kOpening) {
+            self->TakeOpening(space.data() - self->opened_, self->opened_ + size);
+        } else if (self->Hears()) {
+            self->TakeStream(space.data(), size);
+        }
     }
 }
 
@@ -108,21 +107,20 @@ void Client::TakeOpening(uint8_t* bytes, size_t size) {
                 phase_ = Phase::kQueued;
                 break;
             }
-            place_ = bridge_.place;
             opening_->Append(used);
-            exchange_ = std::make_unique<Scan>(bridge_, *this, std::move(opening_), heard_);
+            request_ = std::make_unique<Scan>(bridge_, *this, name_, std::move(opening_), heard_);
             phase_ = Phase::kBusy;
             if (size != used) {
-                exchange_->Take(bytes + used, size - used, heard_);
+                TakeStream(bytes + used, size - used);
             }
             break;
         case Command::kVersion:
         case Command::kPing:
             opening_->Append(used);
             opening_->End();
-            exchange_ = std::make_unique<Query>(bridge_, *this, std::move(opening_), heard_);
+            request_ = std::make_unique<Query>(bridge_, *this, std::move(opening_), heard_);
             phase_ = Phase::kBusy;
-            exchange_->Advance(heard_);
+            Wake();
             break;
         case Command::kStats:
             Reply(StatsText(bridge_, heard_));
@@ -136,9 +134,17 @@ void Client::TakeOpening(uint8_t* bytes, size_t size) {
     }
 }
 
+void Client::TakeStream(uint8_t* bytes, size_t size) {
+    if (request_->Take(bytes, size, heard_)) {
+        Wake();
+    } else {
+        Refuse("a chunk length", "sent a chunk length above " + std::to_string(kMaxChunkSize));
+    }
+}
+
 void Client::BeginQueued() {
     if (phase_ == Phase::kQueued) {
-        Guarded(*this, [this] {
+        Try([this] {
             phase_ = Phase::kOpening;
             heard_ = Clock::now();
             TakeOpening(opening_->Space().data(), opened_);
@@ -150,14 +156,37 @@ void Client::BeginQueued() {
 void Client::ReadingFailed(const asio::error_code& error) {
     if (phase_ == Phase::kBusy && Hears()) {
         Refuse("left in the middle", "left in the middle of its data");
-    } else if (phase_ == Phase::kBusy && error == asio::error::eof) {
+    } else if (error == asio::error::eof && (phase_ == Phase::kBusy || writing_)) {
         finished_ = true;
-        exchange_->FinishedSending(Clock::now());
+        if (request_) {
+            request_->FinishedSending(Clock::now());
+        }
     } else if (phase_ == Phase::kBusy) {
         NoReply("it left");
     } else {
         Close();
     }
+}
+
+void Client::GoOn(Time now) {
+    Answer answer;
+    do {
+        answer = phase_ == Phase::kBusy ? request_->Advance(now) : Answer();
+        switch (answer.kind) {
+            case Answer::Kind::kNothing:
+                break;
+            case Answer::Kind::kPart:
+                Send(answer.text);
+                break;
+            case Answer::Kind::kReply:
+                Reply(answer.text);
+                break;
+            case Answer::Kind::kNoReply:
+                NoReply(answer.text);
+                break;
+        }
+    } while (answer.kind == Answer::Kind::kPart);
+    space_.Open();  // the server may have taken data, or there may be memory again
 }
 
 void Client::Send(std::string_view text) {
@@ -168,16 +197,12 @@ void Client::Send(std::string_view text) {
 }
 
 void Client::Reply(std::string_view text) {
-    const std::string line = std::string(text) + '\0';  // the text may belong to the exchange
     phase_ = Phase::kLingering;
-    place_.reset();
-    if (exchange_) {
-        exchange_->Stop();
-    }
-    Send(line);
+    request_.reset();
+    Send(std::string(text) + '\0');
 }
 
-Task Client::Write(std::shared_ptr<Client> self) {
+Task<Client> Client::Write(std::shared_ptr<Client> self) {
     self->writing_ = true;
     while (!self->outbox_.empty() && self->phase_ != Phase::kClosed) {
         const std::string text = std::exchange(self->outbox_, {});
@@ -206,12 +231,12 @@ Task Client::Write(std::shared_ptr<Client> self) {
 
 void Client::Refuse(const char* kind, const std::string& reason) {
     ++bridge_.metrics.refused;
-    LogBridge(std::string("refused ") + kind, "refused " + Name() + " - " + reason);
+    LogBridge(std::string("refused ") + kind, "refused " + name_ + " - " + reason);
     Close();
 }
 
 void Client::NoReply(const std::string& reason) {
-    LogBridge("no reply " + reason, "no reply to " + Name() + " - " + reason);
+    LogBridge("no reply " + reason, "no reply to " + name_ + " - " + reason);
     Close();
 }
 
@@ -225,10 +250,7 @@ void Client::Close() {
         return;
     }
     const auto self = shared_from_this();
-    place_.reset();
-    if (exchange_) {
-        exchange_->Stop();
-    }
+    request_.reset();
     asio::error_code ignored;
     if (writing_) {
         socket_.cancel(ignored);  // under Wine, closing alone does not end a send
@@ -239,11 +261,13 @@ void Client::Close() {
 }
 
 void Client::Advance(Time now) {
-    Guarded(*this, [&] { exchange_->Advance(now); });
+    const auto self = shared_from_this();
+    Try([&] { GoOn(now); });
 }
 
-void Client::Tick(Time now) {
-    Guarded(*this, [&] {
+bool Client::Tick(Time now, bool others_wait) {
+    bool made_way = false;
+    Try([&] {
         const bool hears = Hears() && !space_.IsWaitedAt();
         if (now >= write_until_) {
             Close();
@@ -254,26 +278,20 @@ void Client::Tick(Time now) {
             Refuse("silence", phase_ == Phase::kOpening
                                   ? "sent no command in time"
                                   : "sent nothing for " + std::to_string(bridge_.settings.idle) + " s");
-        } else if (phase_ == Phase::kBusy) {
-            exchange_->Tick(now);
+        } else if (hears && others_wait && now >= paid_until_) {
+            made_way = true;
+            Refuse("others wait", "too slow while others wait for a place");
         } else {
-            SpaceIsFree();  // there may be memory again
+            GoOn(now);
         }
     });
+    return made_way;
 }
 
 void Client::Stop() {
     if (phase_ == Phase::kOpening) {
         Close();
     }
-}
-
-bool Client::MakeWay(Time now) {
-    const bool slow = Hears() && !space_.IsWaitedAt() && now >= paid_until_;
-    if (slow) {
-        Guarded(*this, [this] { Refuse("others wait", "too slow while others wait for a place"); });
-    }
-    return slow;
 }
 
 }  // namespace kesto::bridge

@@ -17,6 +17,7 @@ constexpr std::chrono::seconds kLookupPause = 60s;
 constexpr std::chrono::seconds kLookupPauseWithoutAddress = 2s;
 constexpr std::chrono::seconds kLongLookup = 5s;
 constexpr unsigned kFailuresUntilDown = 3;
+constexpr auto kFirstVersion = 30s;  // after a server was named
 constexpr auto kBetweenSuspicions = 20s;
 
 // A server that died while no mail came is to be known before the next mail comes.
@@ -35,12 +36,9 @@ bool AnyUp(const Fleet& fleet, const Server* beside = nullptr) {
                        [beside](const ServerPtr& server) { return server.get() != beside && IsUp(*server); });
 }
 
-void NoteChange(Fleet& fleet, Time now) {
-    if (AnyUp(fleet)) {
-        fleet.down_since.reset();
-    } else if (!fleet.down_since) {
-        fleet.down_since = now;
-    }
+bool Has(const Fleet& fleet, const Server& server) {
+    return std::any_of(fleet.servers.begin(), fleet.servers.end(),
+                       [&server](const ServerPtr& each) { return each.get() == &server; });
 }
 
 std::chrono::seconds PauseOf(const Fleet& fleet, const Server& server) {
@@ -48,33 +46,39 @@ std::chrono::seconds PauseOf(const Fleet& fleet, const Server& server) {
     return std::min(server.health.pause, hurry ? kLongestPauseWhileScansWait : kLongestPause);
 }
 
-void TellDown(const Fleet& fleet, const Server& server, const std::string& reason) {
-    const std::string kind = "upstream " + AddressText(server.name) + " down";
-    fleet.tell(kind, kind + " - " + reason);
+void NoteAnyUp(Fleet& fleet, Time now) {
+    if (AnyUp(fleet)) {
+        fleet.down_since.reset();
+    } else if (!fleet.down_since) {
+        fleet.down_since = now;
+    }
 }
 
-void TellUp(const Fleet& fleet, const Server& server) {
-    const std::string line = "upstream " + AddressText(server.name) + " up";
-    fleet.tell(line, line);
+// The only writer of a server's standing. The log tells a change, and each reason why the server stays down.
+void SetStanding(Fleet& fleet, Server& server, bool up, const std::string& reason, Time now) {
+    const bool was_up = std::exchange(server.health.up, up);
+    NoteAnyUp(fleet, now);
+    const std::string kind = "upstream " + AddressText(server.name) + (up ? " up" : " down");
+    if (!up) {
+        const std::string again =
+            server.health.pause == 0s
+                ? ""
+                : "; tried again in " + std::to_string(PauseOf(fleet, server).count()) + " s";
+        fleet.tell(kind, kind + " - " + reason + again);
+    } else if (!was_up) {
+        server.health.failed_in_row = 0;
+        server.health.up_since = now;
+        fleet.tell(kind, kind);
+    }
 }
 
 // Down, or down for longer.
-void Pause(Fleet& fleet, Server& server, const std::string& reason, Time now) {
+void GoDown(Fleet& fleet, Server& server, const std::string& reason, Time now) {
     Server::Health& health = server.health;
-    health.up = false;
     health.pause = std::clamp(health.pause * 2, kFirstPause, kLongestPause);
     health.paused_at = now;
     server.lookup.at = std::min(server.lookup.at, now);
-    NoteChange(fleet, now);
-    TellDown(fleet, server,
-             reason + "; tried again in " + std::to_string(PauseOf(fleet, server).count()) + " s");
-}
-
-void NoteFailedScan(Fleet& fleet, Server& server, Time now) {
-    if (++server.health.failed_in_row >= kFailuresUntilDown && server.health.up) {
-        Pause(fleet, server, "failed " + std::to_string(server.health.failed_in_row) + " scans in a row",
-              now);
-    }
+    SetStanding(fleet, server, false, reason, now);
 }
 
 bool MayBeSuspected(const Server& server, Time now) {
@@ -104,6 +108,7 @@ void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now)
         server->name = name;
         server->lookup.at = now;
         server->health.worked = now;
+        server->ask_version_at = now + kFirstVersion;
         if (name.kind != HostKind::kName) {
             server->lookup.addresses.push_back(name);
         }
@@ -111,42 +116,42 @@ void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now)
     }
     fleet.servers.swap(servers);
     for (const ServerPtr& server : servers) {
-        if (std::find(fleet.servers.begin(), fleet.servers.end(), server) == fleet.servers.end()) {
-            server->health.up = false;
+        if (!Has(fleet, *server)) {
             server->health.probe = Probe::kNone;
+            server->health.pause = 0s;
+            SetStanding(fleet, *server, false, "no longer named", now);
         }
     }
-    NoteChange(fleet, now);
+    NoteAnyUp(fleet, now);
 }
 
-bool LookupIsDue(Fleet& fleet, Server& server, Time now) {
-    Server::Lookup& lookup = server.lookup;
-    if (lookup.running && lookup.addresses.empty() && !lookup.failed && now >= lookup.at + kLongLookup) {
-        lookup.failed = true;
-        TellDown(fleet, server, "looking its name up takes long");
+bool LookupIsDue(const Server& server, Time now) {
+    return server.name.kind == HostKind::kName && !server.lookup.running && server.lookup.at <= now;
+}
+
+void NoteLookup(Fleet& fleet, Server& server, Time now) {
+    const Server::Lookup& lookup = server.lookup;
+    if (server.health.up && lookup.addresses.empty() && lookup.running && now >= lookup.at + kLongLookup) {
+        SetStanding(fleet, server, false, "looking its name up takes long", now);
     }
-    return server.name.kind == HostKind::kName && !lookup.running && lookup.at <= now;
 }
 
 void NoteAddresses(Fleet& fleet, Server& server, std::vector<ServerAddress> addresses,
                    const std::string& reason, Time now) {
     Server::Lookup& lookup = server.lookup;
     lookup.running = false;
+    const bool first = lookup.addresses.empty();
     if (!addresses.empty()) {
-        const auto good = lookup.addresses.empty()
+        const auto good = first
                               ? addresses.begin()
                               : std::find(addresses.begin(), addresses.end(), lookup.addresses[lookup.good]);
         lookup.good = good == addresses.end() ? 0 : static_cast<size_t>(good - addresses.begin());
         lookup.addresses = std::move(addresses);
     }
     lookup.at = now + (lookup.addresses.empty() ? kLookupPauseWithoutAddress : kLookupPause);
-    NoteChange(fleet, now);
-    if (lookup.addresses.empty()) {
-        if (!std::exchange(lookup.failed, true)) {
-            TellDown(fleet, server, reason);
-        }
-    } else if (std::exchange(lookup.failed, false) && server.health.up) {
-        TellUp(fleet, server);
+    const bool found = !lookup.addresses.empty();
+    if (first && Has(fleet, server) && (found || server.health.up)) {
+        SetStanding(fleet, server, found, reason, now);
     }
 }
 
@@ -175,24 +180,21 @@ void TakeTurn(Fleet& fleet, Server& server) {
     server.last_turn = ++fleet.turns;
 }
 
-void NoteBroken(Fleet& fleet, Server& server, const std::string& reason, Time moved, Time now) {
+void NoteBroken(Fleet& fleet, Server& server, const AttemptEnd& end, Time moved, Time now) {
     ++server.numbers.failures;
-    const bool old = now - moved >= kStandsStill && server.health.worked > moved;
+    const bool old = server.health.worked > moved &&
+                     (end.kind == AttemptEnd::Kind::kUnreached || now - moved >= kStandsStill);
     if (server.health.up && !old) {
-        Pause(fleet, server, reason, now);
+        GoDown(fleet, server, end.text, now);
     }
 }
 
-void NoteSilence(Fleet& fleet, Server& server, Time since, Time now) {
+void NoteFailure(Fleet& fleet, Server& server, Time since, Time now) {
+    Server::Health& health = server.health;
     ++server.numbers.failures;
-    if (server.health.worked <= since) {
-        NoteFailedScan(fleet, server, now);
+    if (health.worked <= since && ++health.failed_in_row >= kFailuresUntilDown && health.up) {
+        GoDown(fleet, server, "failed " + std::to_string(health.failed_in_row) + " scans in a row", now);
     }
-}
-
-void NoteError(Fleet& fleet, Server& server, Time now) {
-    ++server.numbers.failures;
-    NoteFailedScan(fleet, server, now);
 }
 
 void NoteVerdict(Server& server, Time now) {
@@ -219,7 +221,7 @@ void SuspectForSilence(const Fleet& fleet, Server& server, Time now) {
     }
 }
 
-void NoteAlive(Server& server) {
+void ProbeSoon(Server& server) {
     server.health.paused_at = Time{};
 }
 
@@ -247,8 +249,7 @@ void CallProbeOff(Server& server) {
 }
 
 void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now) {
-    const auto is_it = [&](const ServerPtr& each) { return each.get() == &server; };
-    if (std::none_of(fleet.servers.begin(), fleet.servers.end(), is_it)) {
+    if (!Has(fleet, server)) {
         return CallProbeOff(server);  // it was taken out meanwhile
     }
     Server::Health& health = server.health;
@@ -261,12 +262,7 @@ void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now) {
         health.worked = now;
     }
     if (well || (silent && health.worked >= health.probed)) {
-        if (!std::exchange(health.up, true)) {
-            health.failed_in_row = 0;
-            NoteChange(fleet, now);
-            TellUp(fleet, server);
-        }
-        return;
+        return SetStanding(fleet, server, true, "", now);
     }
     ++server.numbers.failures;
     if (server.lookup.addresses.size() > 1) {
@@ -277,7 +273,7 @@ void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now) {
         health.sick = now;
     }
     if (!health.up || !silent || AnyUp(fleet, &server)) {
-        Pause(fleet, server, (sick ? "did not call a clean file clean: " : "") + end.text, now);
+        GoDown(fleet, server, (sick ? "did not call a clean file clean: " : "") + end.text, now);
     }
 }
 

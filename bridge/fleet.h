@@ -27,17 +27,17 @@ struct Server {
         size_t good = 0;                       // the one of them that accepted last
         Time moved{};                          // when a failed probe made the next one the good one
         bool running = false;
-        Time at{};            // when next; of a running one, since when
-        bool failed = false;  // no address was ever found, and the log tells so
+        Time at{};  // when next; of a running one, since when
     } lookup;
 
     // Whether it takes scans.
     struct Health {
         enum class Probe { kNone, kWanted, kRunning };
         bool up = true;                 // it does, once it has an address
+        Time up_since{};                // when it came up last; no time: it was never down
         Time worked{};                  // when it gave a verdict last, to a scan or a probe
         unsigned failed_in_row = 0;     // scans, by silence or error
-        std::chrono::seconds pause{0};  // of one that is down, before the next probe
+        std::chrono::seconds pause{0};  // of one that is down, before the next probe; none: it is not probed
         Time paused_at{};
         Probe probe = Probe::kNone;
         Time probed{};  // when the last probe began
@@ -48,7 +48,7 @@ struct Server {
     unsigned open = 0;       // scans under way there
     uint64_t last_turn = 0;  // when it was chosen last, counted in turns
 
-    Time ask_version_at{};
+    Time ask_version_at{};  // scans come first
 
     // Since the start, for monitoring. Nothing is decided by them.
     struct Numbers {
@@ -81,11 +81,13 @@ struct Fleet {
 };
 
 // Takes these servers from now on. Those that were there before stay as they are; one that is there no more
-// counts as down for the scans that it still has.
+// is down for the scans that it still has.
 void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now);
 
 // Whether its name is to be looked up now. Who does so sets lookup.running.
-bool LookupIsDue(Fleet& fleet, Server& server, Time now);
+bool LookupIsDue(const Server& server, Time now);
+// To be called every now and then: it is down when its first lookup takes long.
+void NoteLookup(Fleet& fleet, Server& server, Time now);
 
 // The addresses found for a server's name; none: the lookup failed, for the reason. The last good ones stay.
 void NoteAddresses(Fleet& fleet, Server& server, std::vector<ServerAddress> addresses,
@@ -98,14 +100,14 @@ bool IsUp(const Server& server);
 ServerPtr Choose(const Fleet& fleet, const std::function<std::optional<unsigned>(const Server&)>& rank);
 void TakeTurn(Fleet& fleet, Server& server);
 
-// It refused, or broke a connection off that had moved at `moved` last: it is down until a probe succeeds.
-// The end of a connection that had long stood still says nothing of a server that has worked since.
-void NoteBroken(Fleet& fleet, Server& server, const std::string& reason, Time moved, Time now);
+// An attempt that moved, or began, at `moved` last could not reach it or broke off: it is down until a probe
+// succeeds. Neither a connect nor the end of a connection that had long stood still says anything of a server
+// that has worked since.
+void NoteBroken(Fleet& fleet, Server& server, const AttemptEnd& end, Time moved, Time now);
 
-// It failed a scan: down after three in a row. By silence since then, which is not held against one that has
-// worked since; or by an error where another server gave a verdict.
-void NoteSilence(Fleet& fleet, Server& server, Time since, Time now);
-void NoteError(Fleet& fleet, Server& server, Time now);
+// It failed a scan, by an error at `since` where another server gave a verdict, or by silence since then:
+// down after three in a row. Not held against one that has given a verdict since, to a scan or a probe.
+void NoteFailure(Fleet& fleet, Server& server, Time since, Time now);
 
 void NoteVerdict(Server& server, Time now);
 
@@ -114,8 +116,8 @@ void SuspectForError(Server& server, Time now);
 // The same of one that is silent. One at a time: where all are busy, probes would wait behind the scans.
 void SuspectForSilence(const Fleet& fleet, Server& server, Time now);
 
-// A server that is down has shown life: it is probed at once.
-void NoteAlive(Server& server);
+// A server that is down is probed at once: it has shown life, or a scan has nobody else to ask.
+void ProbeSoon(Server& server);
 
 // Whether it is to be probed now: one that is suspected, or has given no verdict for a minute, or is down and
 // its pause is over. Pauses are of 1, 2, 4 ... 32 s, but of two at most while all are down and scans wait.
@@ -130,7 +132,7 @@ void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now);
 // All servers are down, and probes since then have found every one sick: waiting is of no use.
 bool AllSick(const Fleet& fleet, Time since);
 
-// Whether one more scan may be given to a second server beside a silent one: one in ten of the last minute.
+// Whether one more scan may be given to a busy server beside a silent one: one in ten of the last minute.
 bool MayAskBeside(Fleet& fleet, Time now);
 
 }  // namespace kesto::bridge

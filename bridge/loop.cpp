@@ -11,16 +11,16 @@ constexpr std::chrono::milliseconds kTick(250);
 bool Loop::RunOnce(const std::function<void()>& let_in) {
     Contain([&] { bridge_.io.run_one_until(next_tick_); });
     const Time now = Clock::now();
-    Contain([&] { TakeUpNews(bridge_, now); });
-    Contain(let_in);
-    if (now < next_tick_) {
-        return false;
+    const bool tick = now >= next_tick_;
+    if (tick) {
+        next_tick_ = now + kTick;
+        Tick(bridge_, now);
+        Contain([&] { upkeep_.Tick(now); });
+        bridge_.room.ShrinkSpare();
     }
-    next_tick_ = now + kTick;
-    Tick(bridge_, now);
-    Contain([&] { upkeep_.Tick(now); });
-    bridge_.room.ShrinkSpare();
-    return true;
+    TakeUpNews(bridge_, now);
+    Contain(let_in);
+    return tick;
 }
 
 }  // namespace kesto::bridge

@@ -44,9 +44,10 @@ std::string Label(std::string_view name, const Number& value) {
 
 }  // namespace
 
-void CountScan(Metrics& metrics, Outcome outcome, double seconds) {
-    ++metrics.scans[static_cast<size_t>(outcome)];
-    if (outcome <= Outcome::kNoVerdict) {
+void CountScan(Metrics& metrics, const Outcome& outcome, double seconds) {
+    ++metrics.scans[static_cast<size_t>(outcome.kind)];
+    ++metrics.losses[static_cast<size_t>(outcome.loss)];
+    if (outcome.kind <= Outcome::Kind::kNoVerdict) {
         const auto* bound = std::lower_bound(kSecondsBounds.begin(), kSecondsBounds.end(), seconds);
         ++metrics.seconds[static_cast<size_t>(bound - kSecondsBounds.begin())];
         metrics.seconds_sum += seconds;
@@ -64,6 +65,13 @@ std::string MetricsText(const Metrics& metrics, const Gauges& gauges, const Flee
         static_assert(kNames.size() == kOutcomes);
         text.Value(metrics.scans[i], Label("outcome", kNames[i]));
     }
+    text.Name("scans_lost_total", "counter", "Scans that nobody gave a verdict, by the reason.");
+    for (size_t i = 1; i < kLosses; ++i) {
+        constexpr std::array kNames{"",           "over_time", "not_repeatable", "used_up",
+                                    "no_verdict", "sick",      "unreached"};
+        static_assert(kNames.size() == kLosses);
+        text.Value(metrics.losses[i], Label("reason", kNames[i]));
+    }
     text.Name("scan_seconds", "histogram", "Time from a scan's command to its reply.");
     uint64_t count = 0;
     for (size_t i = 0; i < kSecondsBounds.size(); ++i) {
@@ -73,7 +81,7 @@ std::string MetricsText(const Metrics& metrics, const Gauges& gauges, const Flee
     text.Value(metrics.seconds_sum, "", "_sum");
     text.Value(count, "", "_count");
     text.Single("bytes_total", "counter", "File data received.", metrics.bytes);
-    text.Single("repeats_total", "counter", "Scans given to a further server.", metrics.repeats);
+    text.Single("repeats_total", "counter", "Attempts at a scan after its first one.", metrics.repeats);
     text.Single("refused_total", "counter", "Clients that broke the rules.", metrics.refused);
     text.Single("scans_waiting", "gauge", "Scans that wait for a server.", gauges.scans_waiting);
     text.Single("kept_bytes", "gauge", "Memory taken of the setting keep.", gauges.kept_bytes);

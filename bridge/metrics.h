@@ -5,7 +5,7 @@
 #include <string>
 
 #include "bridge/fleet.h"
-#include "bridge/scan_policy.h"
+#include "bridge/outcome.h"
 
 namespace kesto::bridge {
 
@@ -16,8 +16,9 @@ struct Metrics {
     Time started{};
     unsigned worker_starts = 0;               // by the guard, this one included
     std::array<uint64_t, kOutcomes> scans{};  // that have ended, by their outcome
-    std::array<uint64_t, kSecondsBounds.size() + 1>
-        seconds{};  // how many scans took up to each limit, or longer
+    std::array<uint64_t, kLosses> losses{};   // those of them without a verdict, by the reason
+    // How many scans took up to each limit, or longer.
+    std::array<uint64_t, kSecondsBounds.size() + 1> seconds{};
     double seconds_sum = 0;
     uint64_t bytes = 0;    // file data received
     uint64_t repeats = 0;  // attempts at a scan after its first one
@@ -25,7 +26,7 @@ struct Metrics {
 };
 
 // A scan has ended this long after its command.
-void CountScan(Metrics& metrics, Outcome outcome, double seconds);
+void CountScan(Metrics& metrics, const Outcome& outcome, double seconds);
 
 // The present state.
 struct Gauges {

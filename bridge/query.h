@@ -4,27 +4,25 @@
 #include <memory>
 #include <vector>
 
-#include "bridge/exchange.h"
+#include "bridge/attempt.h"
+#include "bridge/request.h"
 
 namespace kesto::bridge {
 
-class Query : public Exchange {
+class Query final : public Request {
  public:
-    // `request` holds all of it.
-    Query(Shared& shared, Asker& asker, std::shared_ptr<KeptStream> request, Time now);
+    // `request` holds all of it. `client` outlives the query.
+    Query(Bridge& bridge, Sleeper& client, std::shared_ptr<KeptStream> request, Time now);
+    ~Query() override;
 
-    void Advance(Time now) override;
-    void Tick(Time now) override;
-    void Stop() override;
+    Answer Advance(Time now) override;
 
  private:
-    void Ended(const ServerPtr& server, const AttemptEnd& end);
-
-    Shared& shared_;
-    Asker& asker_;
-    std::shared_ptr<KeptStream> request_;  // until it is stopped
-    std::vector<ServerPtr> to_ask_;        // the next one last
-    AttemptPtr attempt_;
+    Bridge& bridge_;
+    Sleeper& client_;
+    std::shared_ptr<KeptStream> request_;
+    std::vector<ServerPtr> to_ask_;  // the next one last
+    std::shared_ptr<Attempt> attempt_;
     Time look_up_until_;  // those whose names are being looked up
 };
 

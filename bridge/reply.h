@@ -1,4 +1,4 @@
-// How an exchange with an engine ended. Only here is its reply read, and decided what of it a client may see.
+// How an attempt ended: reads the reply of a server, and decides what of it a client may see.
 #pragma once
 
 #include <string>

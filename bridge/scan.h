@@ -2,45 +2,45 @@
 #pragma once
 
 #include <memory>
-#include <optional>
+#include <string>
 #include <vector>
 
-#include "bridge/exchange.h"
+#include "bridge/attempt.h"
 #include "bridge/framing.h"
+#include "bridge/request.h"
 #include "bridge/scan_policy.h"
 
 namespace kesto::bridge {
 
-class Scan : public Exchange {
+class Scan final : public Request {
  public:
-    // `stream` holds the command.
-    Scan(Shared& shared, Asker& asker, std::shared_ptr<KeptStream> stream, Time now);
+    // `stream` holds the command. `client` and its name outlive the scan.
+    Scan(Bridge& bridge, Sleeper& client, const std::string& name, std::shared_ptr<KeptStream> stream,
+         Time now);
+    ~Scan() override;
 
-    bool Hears() const override { return policy_ && !policy_->StreamHasEnded(); }
+    bool Hears() const override { return !policy_.StreamHasEnded(); }
     std::span<uint8_t> Space(std::shared_ptr<KeptStream>& keeper) override;
-    void Take(uint8_t* bytes, size_t size, Time now) override;
-    void FinishedSending(Time now) override;
-    void Advance(Time now) override;
-    void Tick(Time now) override;
-    bool Waits() const override { return policy_ && policy_->Waits(); }
-    void Stop() override;
+    bool Take(uint8_t* bytes, size_t size, Time now) override;
+    void FinishedSending(Time now) override { policy_.FinishedSending(now); }
+    Answer Advance(Time now) override;
+    bool Waits() const override { return policy_.Waits(); }
 
  private:
-    void Begin(size_t number, const ServerPtr& server);
-    void AttemptEnded(size_t number, const ServerPtr& server, const AttemptEnd& end);
+    void Begin(const ServerPtr& server);
+    void HearAttempts(Time now);
     void FreeWindow();
-    template <typename Work>
-    void ForEachAttempt(Work work);
     void CancelAttempts();
-    void End(Outcome outcome);
 
-    Shared& shared_;
-    Asker& asker_;
+    Bridge& bridge_;
+    Sleeper& client_;
+    const std::string& name_;
     std::shared_ptr<KeptStream> stream_;
     ChunkStream chunks_;
-    std::optional<ScanPolicy> policy_;  // until the end
-    std::vector<AttemptPtr> attempts_;  // by the policy's numbers, null when ended
+    ScanPolicy policy_;
+    std::vector<std::shared_ptr<Attempt>> attempts_;  // by the policy's numbers, null when heard to the end
     const Time began_;
+    Outcome outcome_;
 };
 
 }  // namespace kesto::bridge

@@ -1,6 +1,7 @@
 #include "bridge/scan_policy.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace kesto::bridge {
@@ -15,7 +16,7 @@ constexpr auto kSilence = 10s;
 // byte.
 constexpr auto kTrickle = 15s;
 
-// For the probe that tells whether an error is the server's fault.
+// For the probes that a scan waits for before it is given up.
 constexpr auto kProbePatience = 5s;
 
 // A client that has closed its side may have finished sending, or may have left. If no reply comes soon, what
@@ -70,16 +71,39 @@ void ScanPolicy::Release(Attempt& attempt, Attempt::State state) {
 
 void ScanPolicy::Decide(Outcome outcome, std::string text) {
     stage_ = Stage::kDecided;
-    end_.kind = outcome == Outcome::kNoReply ? ScanStep::Kind::kNoReply : ScanStep::Kind::kReply;
+    end_.kind = outcome.kind == Outcome::Kind::kNoReply ? ScanStep::Kind::kNoReply : ScanStep::Kind::kReply;
     end_.text = std::move(text);
     end_.outcome = outcome;
 }
 
-void ScanPolicy::DecideWithoutVerdict(const std::string& reason) {
+std::string ScanPolicy::WordsOf(Loss loss) const {
+    constexpr std::array<const char*, kLosses> kWords{"",
+                                                      "no verdict within ",
+                                                      "not all of the data is kept for another server",
+                                                      "no further server may get it",
+                                                      "no upstream server gave a verdict",
+                                                      "no upstream server calls a clean file clean",
+                                                      "no upstream server could be reached"};
+    const std::string words = kWords[static_cast<size_t>(loss)];
+    if (loss == Loss::kOverTime) {
+        return words + std::to_string(limits_.verdict.count()) + " s";
+    }
+    const bool by_failure = loss == Loss::kNotRepeatable || loss == Loss::kUsedUp || loss == Loss::kSick;
+    return by_failure && !last_failure_.empty() ? last_failure_ + "; " + words : words;
+}
+
+// The client gets the last reply without a verdict, if there is one and it has seen nothing else.
+void ScanPolicy::GiveUp(Loss loss, Time now) {
+    for (Attempt& attempt : attempts_) {
+        if (attempt.state == Attempt::State::kRunning && IsSilent(attempt, now)) {
+            NoteFailure(fleet_, *attempt.server, attempt.progressed, now);
+        }
+        Release(attempt, Attempt::State::kLost);
+    }
     if (last_reply_ && trickled_ == 0) {
-        Decide(Outcome::kNoVerdict, ReplyForClient(*last_reply_));
+        Decide({Outcome::Kind::kNoVerdict, loss}, ReplyForClient(*last_reply_));
     } else {
-        Decide(Outcome::kNoReply, reason.empty() ? "no upstream server gave a verdict" : reason);
+        Decide({Outcome::Kind::kNoReply, loss}, WordsOf(loss));
     }
 }
 
@@ -90,14 +114,14 @@ void ScanPolicy::Progressed(size_t attempt, bool handed_over, Time now) {
 }
 
 void ScanPolicy::TakeVerdict(Attempt& attempt, const AttemptEnd& end, Time now) {
-    Decide(end.kind == AttemptEnd::Kind::kClean ? Outcome::kClean : Outcome::kInfected, end.text);
+    const bool clean = end.kind == AttemptEnd::Kind::kClean;
+    Decide({clean ? Outcome::Kind::kClean : Outcome::Kind::kInfected}, end.text);
     NoteVerdict(*attempt.server, now);
     Release(attempt, Attempt::State::kLost);
     for (Attempt& other : attempts_) {
-        if (other.state == Attempt::State::kErred) {
-            NoteError(fleet_, *other.server, now);
-        } else if (other.state == Attempt::State::kRunning && IsSilent(other, now)) {
-            NoteSilence(fleet_, *other.server, other.progressed, now);
+        if (other.state == Attempt::State::kErred ||
+            (other.state == Attempt::State::kRunning && IsSilent(other, now))) {
+            NoteFailure(fleet_, *other.server, other.progressed, now);
         }
         Release(other, Attempt::State::kLost);
     }
@@ -113,6 +137,7 @@ void ScanPolicy::Ended(size_t number, const AttemptEnd& end, Time now) {
         ++server.numbers.replies;
         server.numbers.seconds += std::chrono::duration<double>(now - attempt.began).count();
         last_reply_ = end;
+        attempt.progressed = now;
     } else {
         last_failure_ = "upstream " + AddressText(server.name) + " " + end.text;
     }
@@ -129,16 +154,16 @@ void ScanPolicy::Ended(size_t number, const AttemptEnd& end, Time now) {
             SuspectForError(server, now);
             break;
         case AttemptEnd::Kind::kUnreached:
-            Release(attempt, Attempt::State::kLost);
-            NoteBroken(fleet_, server, end.text, now, now);
+            Release(attempt, Attempt::State::kUnreached);
+            NoteBroken(fleet_, server, end, attempt.progressed, now);
             break;
         case AttemptEnd::Kind::kBroken:
             Release(attempt, Attempt::State::kLost);
-            NoteBroken(fleet_, server, end.text, attempt.progressed, now);
+            NoteBroken(fleet_, server, end, attempt.progressed, now);
             break;
         case AttemptEnd::Kind::kSilent:
             Release(attempt, Attempt::State::kLost);
-            NoteSilence(fleet_, server, attempt.progressed, now);
+            NoteFailure(fleet_, server, attempt.progressed, now);
             SuspectForSilence(fleet_, server, now);
             break;
     }
@@ -154,108 +179,117 @@ bool ScanPolicy::IsSilent(const Attempt& attempt, Time now) const {
            now >= std::max(attempt.progressed, attempt.server->health.worked) + kSilence;
 }
 
-// It has the scan, or has replied to it and would reply the same again.
+// It has the scan, or has replied to it and would reply the same again. What it replied before it was down
+// says nothing of it now.
 bool ScanPolicy::HasAsked(const Server& server) const {
     return std::any_of(attempts_.begin(), attempts_.end(), [&server](const Attempt& attempt) {
-        return attempt.server.get() == &server && attempt.state != Attempt::State::kLost &&
-               !IsForsaken(server, attempt.began);
+        const bool asked =
+            attempt.state == Attempt::State::kRunning ||
+            (attempt.state < Attempt::State::kLost && attempt.progressed >= server.health.up_since);
+        return attempt.server.get() == &server && asked && !IsForsaken(server, attempt.began);
     });
 }
 
-// First a server that this scan has not tried, then one whose connection broke.
-ServerPtr ScanPolicy::NextServer() const {
-    return Choose(fleet_, [this](const Server& server) -> std::optional<unsigned> {
-        const auto tries = std::count_if(attempts_.begin(), attempts_.end(), [&](const Attempt& attempt) {
-            return attempt.server.get() == &server;
-        });
-        return HasAsked(server) ? std::nullopt : std::optional(static_cast<unsigned>(tries));
-    });
+unsigned ScanPolicy::TriesOf(const Server& server) const {
+    return static_cast<unsigned>(
+        std::count_if(attempts_.begin(), attempts_.end(),
+                      [&server](const Attempt& attempt) { return attempt.server.get() == &server; }));
 }
 
-// A server that is up and may still be asked, although it is busy.
-bool ScanPolicy::ServerIsLeft() const {
-    return std::any_of(fleet_.servers.begin(), fleet_.servers.end(),
-                       [this](const ServerPtr& server) { return IsUp(*server) && !HasAsked(*server); });
-}
-
-// Whether an error was the server's fault: then there is hope for the scan.
-bool ScanPolicy::ProbeWillTell() const {
-    return std::any_of(attempts_.begin(), attempts_.end(), [](const Attempt& attempt) {
-        return attempt.state == Attempt::State::kErred &&
-               attempt.server->health.probe != Server::Health::Probe::kNone;
-    });
-}
-
-// True when no attempt runs, or when all that run are late and either they are forsaken or few scans had a
-// second server lately.
-bool ScanPolicy::MayBegin(Time now) {
+// As many servers have, or had, the scan as may have it. Connections that were lost before they took anything
+// do not keep it from a server that has not been tried.
+bool ScanPolicy::IsUsedUp(bool for_untried) const {
     unsigned whole = 0, sent = 0;
-    bool all_late = true, all_forsaken = true;
     for (const Attempt& attempt : attempts_) {
         const bool runs = attempt.state == Attempt::State::kRunning;
         const bool lost = attempt.state == Attempt::State::kLost;
         whole += runs || (lost && attempt.handed_over);
-        sent += runs || (lost && attempt.sent);
-        all_late &= !runs || TakesLong(attempt, now);
-        all_forsaken &= !runs || IsForsaken(*attempt.server, attempt.began);
+        sent += runs || (lost && (attempt.sent || !for_untried));
     }
-    if (whole >= kMostWholeAttempts || sent >= kMostAttempts || (!attempts_.empty() && !repeatable_)) {
-        return false;
-    }
-    return !Runs() || (all_late && (all_forsaken || asked_beside_ || MayAskBeside(fleet_, now)));
+    return whole >= kMostWholeAttempts || sent >= kMostAttempts || (!attempts_.empty() && !repeatable_);
 }
 
-// The server that gets the scan now, if any. May find that seeking is useless.
-ServerPtr ScanPolicy::Seek(Time now) {
+// Once it is up and not too busy.
+bool ScanPolicy::MayHave(const Server& server) const {
+    return !HasAsked(server) && !IsUsedUp(TriesOf(server) == 0);
+}
+
+// The server that gets the scan now, if any: first one that has not been tried, then one whose connection
+// broke. While others have the scan, all of them must be late, and either they are forsaken, or the further
+// server has nothing to do, or few scans had a further server lately.
+ServerPtr ScanPolicy::NextServer(Time now) const {
+    bool late = true, forsaken = true;
     for (const Attempt& attempt : attempts_) {
-        if (attempt.state == Attempt::State::kRunning && IsSilent(attempt, now)) {
-            SuspectForSilence(fleet_, *attempt.server, now);
-        }
+        const bool runs = attempt.state == Attempt::State::kRunning;
+        late &= !runs || TakesLong(attempt, now);
+        forsaken &= !runs || IsForsaken(*attempt.server, attempt.began);
     }
+    if (!late) {
+        return nullptr;
+    }
+    const bool also_busy = forsaken || asked_beside_ || MayAskBeside(fleet_, now);
+    return Choose(fleet_, [&](const Server& server) {
+        const bool may = (also_busy || server.open == 0) && MayHave(server);
+        return may ? std::optional(TriesOf(server)) : std::nullopt;
+    });
+}
+
+// Why it is useless to wait for a verdict, or for a server that may give one. kNone: there is hope.
+Loss ScanPolicy::WhyUseless(Time now) const {
     if (ended_ && now >= *ended_ + limits_.verdict) {
-        for (Attempt& attempt : attempts_) {
-            if (attempt.state == Attempt::State::kRunning) {
-                NoteSilence(fleet_, *attempt.server, attempt.progressed, now);
-                Release(attempt, Attempt::State::kLost);
-            }
+        return Loss::kOverTime;
+    }
+    if (Runs() || std::any_of(fleet_.servers.begin(), fleet_.servers.end(), [this](const ServerPtr& server) {
+            return IsUp(*server) && MayHave(*server);
+        })) {
+        return Loss::kNone;
+    }
+    if (!attempts_.empty() && !repeatable_) {
+        return Loss::kNotRepeatable;
+    }
+    if (IsUsedUp(false)) {
+        return Loss::kUsedUp;
+    }
+    if (last_reply_ && !fleet_.down_since) {
+        return Loss::kNoVerdict;
+    }
+    if (AllSick(fleet_, *waits_since_)) {
+        return Loss::kSick;
+    }
+    return now >= fleet_.down_since.value_or(now) + limits_.wait ? Loss::kUnreached : Loss::kNone;
+}
+
+// Has each server probed that is down and was not asked since the scan waits. Whether an answer is still to
+// come: one of those, or whether an error was the server's fault.
+bool ScanPolicy::AskTheRest() const {
+    using Probe = Server::Health::Probe;
+    bool is_to_come =
+        !IsUsedUp(false) && std::any_of(attempts_.begin(), attempts_.end(), [](const Attempt& attempt) {
+            return attempt.state == Attempt::State::kErred && attempt.server->health.probe != Probe::kNone;
+        });
+    for (const ServerPtr& server : fleet_.servers) {
+        const Server::Health& health = server->health;
+        if (!IsUp(*server) && TriesOf(*server) == 0 && MayHave(*server) &&
+            (health.probe != Probe::kNone || health.probed < *waits_since_)) {
+            ProbeSoon(*server);
+            is_to_come = true;
         }
-        DecideWithoutVerdict("no verdict within " + std::to_string(limits_.verdict.count()) + " s");
-        return nullptr;
     }
-    const bool may_begin = MayBegin(now);
-    ServerPtr server = may_begin ? NextServer() : nullptr;
-    if (server || Runs()) {
-        return server;
-    }
-    if (!may_begin) {
-        DecideWithoutVerdict(last_failure_);
-        return nullptr;
-    }
-    waits_since_ = waits_since_.value_or(now);
-    if (!ServerIsLeft() && !(ProbeWillTell() && now < *waits_since_ + kProbePatience)) {
-        const bool last_word = last_reply_ && !fleet_.down_since;
-        const bool sick = AllSick(fleet_, *waits_since_);
-        if (last_word || sick || now >= fleet_.down_since.value_or(now) + limits_.wait) {
-            DecideWithoutVerdict(last_word ? ""
-                                 : sick    ? last_failure_
-                                           : "no upstream server could be reached");
-        }
-    }
-    return nullptr;
+    return is_to_come;
 }
 
 ScanStep ScanPolicy::Begin(const ServerPtr& server, Time now) {
     const bool beside = std::any_of(attempts_.begin(), attempts_.end(), [](const Attempt& attempt) {
         return attempt.state == Attempt::State::kRunning && !IsForsaken(*attempt.server, attempt.began);
     });
+    if (beside && server->open != 0 && !std::exchange(asked_beside_, true)) {
+        fleet_.beside.Add(now);
+    }
     attempts_.push_back({server, now, now});
     ++server->open;
     TakeTurn(fleet_, *server);
-    if (beside && !std::exchange(asked_beside_, true)) {
-        fleet_.beside.Add(now);
-    }
     waits_since_.reset();
-    return {ScanStep::Kind::kAttempt, attempts_.size() - 1, server, {}};
+    return {ScanStep::Kind::kAttempt, attempts_.size() - 1, server, {}, {}};
 }
 
 ScanStep ScanPolicy::Trickle(Time now) {
@@ -273,7 +307,19 @@ ScanStep ScanPolicy::Trickle(Time now) {
 
 ScanStep ScanPolicy::Next(Time now) {
     if (stage_ == Stage::kSeeking) {
-        if (const ServerPtr server = Seek(now)) {
+        for (const Attempt& attempt : attempts_) {
+            if (attempt.state == Attempt::State::kRunning && IsSilent(attempt, now)) {
+                SuspectForSilence(fleet_, *attempt.server, now);
+            }
+        }
+        if (!Runs()) {
+            waits_since_ = waits_since_.value_or(now);
+        }
+        const Loss loss = WhyUseless(now);
+        if (loss != Loss::kNone &&
+            (loss == Loss::kOverTime || now >= *waits_since_ + kProbePatience || !AskTheRest())) {
+            GiveUp(loss, now);
+        } else if (const ServerPtr server = loss == Loss::kNone ? NextServer(now) : nullptr) {
             return Begin(server, now);
         }
     }

@@ -8,6 +8,7 @@
 
 #include "base/clamd_words.h"
 #include "bridge/fleet.h"
+#include "bridge/outcome.h"
 #include "bridge/reply.h"
 
 namespace kesto::bridge {
@@ -16,10 +17,6 @@ struct ScanLimits {
     std::chrono::seconds wait;     // while no server is up, from when the last one went down
     std::chrono::seconds verdict;  // from the stream's end
 };
-
-// How a scan ended: by a verdict, another reply, none, or because its client left.
-enum class Outcome { kClean, kInfected, kNoVerdict, kNoReply, kLeft };
-inline constexpr size_t kOutcomes = 5;
 
 struct ScanStep {
     enum class Kind {
@@ -33,7 +30,7 @@ struct ScanStep {
     size_t attempt = 0;  // its number, by which later calls name it
     ServerPtr server;
     std::string text;
-    Outcome outcome{};  // of the end
+    Outcome outcome;  // of the end
 };
 
 class ScanPolicy {
@@ -71,10 +68,10 @@ class ScanPolicy {
         kTold,     // the client has been told
     };
     struct Attempt {
-        enum class State { kRunning, kTooLarge, kErred, kLost };
+        enum class State { kRunning, kTooLarge, kErred, kLost, kUnreached };
         ServerPtr server;
         Time began;
-        Time progressed;
+        Time progressed;  // when it took data last, or replied
         State state = State::kRunning;
         bool sent = false;
         bool handed_over = false;
@@ -83,16 +80,18 @@ class ScanPolicy {
     bool Runs() const;
     void Release(Attempt& attempt, Attempt::State state);
     void Decide(Outcome outcome, std::string text);
-    void DecideWithoutVerdict(const std::string& reason);
+    void GiveUp(Loss loss, Time now);
+    std::string WordsOf(Loss loss) const;
     void TakeVerdict(Attempt& attempt, const AttemptEnd& end, Time now);
     bool TakesLong(const Attempt& attempt, Time now) const;
     bool IsSilent(const Attempt& attempt, Time now) const;
-    bool MayBegin(Time now);
-    ServerPtr NextServer() const;
     bool HasAsked(const Server& server) const;
-    bool ServerIsLeft() const;
-    bool ProbeWillTell() const;
-    ServerPtr Seek(Time now);
+    unsigned TriesOf(const Server& server) const;
+    bool IsUsedUp(bool for_untried) const;
+    bool MayHave(const Server& server) const;
+    ServerPtr NextServer(Time now) const;
+    Loss WhyUseless(Time now) const;
+    bool AskTheRest() const;
     ScanStep Begin(const ServerPtr& server, Time now);
     ScanStep Trickle(Time now);
 

@@ -7,20 +7,17 @@
 #include <asio/error_code.hpp>
 #include <cassert>
 #include <coroutine>
-#include <type_traits>
+#include <memory>
 #include <utility>
-
-#include "bridge/exchange.h"
 
 namespace kesto::bridge {
 
 // Nobody waits for a task, and its memory is freed when it ends. It belongs to its only parameter, the shared
 // pointer that keeps the owner alive: an exception ends the owner and nothing else.
+template <typename Owner>
 struct Task {
     struct promise_type {
-        template <typename Anyone>
-        requires std::is_base_of_v<Owner, Anyone>
-        explicit promise_type(std::shared_ptr<Anyone>& owner) : owner_(*owner) {}
+        explicit promise_type(std::shared_ptr<Owner>& owner) : owner_(*owner) {}
         Task get_return_object() { return {}; }
         std::suspend_never initial_suspend() { return {}; }
         std::suspend_never final_suspend() noexcept { return {}; }

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <exception>
-#include <memory>
 #include <new>
+#include <string>
 #include <utility>
 
 #include "base/clamd_words.h"
@@ -18,12 +18,10 @@ namespace {
 using namespace std::chrono_literals;
 
 // Longer than a mail server waits for a scan: a server that needs this for a few bytes is useless.
-constexpr auto kProbeLimit = 20s;
+constexpr auto kLimit = 20s;
 constexpr std::string_view kCleanStream("\0\0\0\5clean\0\0\0\0", 13);
 
-constexpr auto kVersionLimit = 20s;
 constexpr auto kBetweenVersions = 10min;
-constexpr auto kFirstVersion = 30s;  // after the start: scans come first
 
 }  // namespace
 
@@ -41,20 +39,6 @@ struct Upkeep::Lookup {
     }
 };
 
-class Upkeep::Question final : public Owner {
- public:
-    explicit Question(ServerPtr server) : server_(std::move(server)) {}
-    void Failed() override {
-        CallProbeOff(*server_);
-        over = true;
-    }
-    AttemptPtr attempt;
-    bool over = false;
-
- private:
-    ServerPtr server_;
-};
-
 void Upkeep::LookUp(const ServerPtr& server, Time now) {
     const auto lookup = std::make_shared<Lookup>();
     lookup->server = server;
@@ -68,8 +52,9 @@ void Upkeep::LookUp(const ServerPtr& server, Time now) {
     server->lookup.at = now;
 }
 
-void Upkeep::Ask(const ServerPtr& server, std::string_view request, std::chrono::seconds limit, Time now,
-                 std::function<void(const AttemptEnd&)> ended) {
+void Upkeep::Ask(const ServerPtr& server, bool is_probe, Time now) {
+    const std::string request =
+        is_probe ? std::string(kScanCommand).append(kCleanStream) : std::string(kVersionCommand);
     const auto stream = std::make_shared<KeptStream>(bridge_.room);
     const auto space = stream->Space();
     if (space.size() < request.size()) {
@@ -78,60 +63,45 @@ void Upkeep::Ask(const ServerPtr& server, std::string_view request, std::chrono:
     std::copy(request.begin(), request.end(), space.begin());
     stream->Append(request.size());
     stream->End();
-    const auto question = std::make_shared<Question>(server);
-    questions_.push_back(question);
-    question->attempt = bridge_.begin_attempt(server, stream,
-                                              {question, [](bool) {},
-                                               [question, ended = std::move(ended)](const AttemptEnd& end) {
-                                                   question->over = true;
-                                                   ended(end);
-                                               }},
-                                              now + limit);
+    std::list<Errand> errand{{nullptr, is_probe}};
+    errand.back().attempt = Attempt::Begin(bridge_, *this, server, stream, now + kLimit);
+    errands_.splice(errands_.end(), errand);
 }
 
-void Upkeep::Probe(const ServerPtr& server, Time now) {
-    ProbeBegins(*server, now);
+bool Upkeep::IsOver(const Errand& errand, Time now) {
+    Server& server = *errand.attempt->Upstream();
     try {
-        Ask(server, std::string(kScanCommand).append(kCleanStream), kProbeLimit, now,
-            [this, server](const AttemptEnd& end) {
-                bridge_.news = true;
-                NoteProbe(bridge_.fleet, *server, end, Clock::now());
-            });
+        const AttemptEnd* const end = errand.attempt->End(now);
+        if (!end) {
+            return false;
+        }
+        if (errand.is_probe) {
+            bridge_.news = true;
+            NoteProbe(bridge_.fleet, server, *end, now);
+        } else if (end->Replied()) {
+            server.numbers.signatures = ReadSignatures(end->text);
+        }
     } catch (const std::exception&) {
-        CallProbeOff(*server);
-        throw;
+        LogException();
+        if (errand.is_probe) {
+            CallProbeOff(server);
+        }
     }
+    return true;
 }
 
-void Upkeep::AskVersion(const ServerPtr& server, Time now) {
-    server->ask_version_at = now + kBetweenVersions;
-    Ask(server, kVersionCommand, kVersionLimit, now, [server](const AttemptEnd& end) {
-        if (end.Replied()) {
-            server->numbers.signatures = ReadSignatures(end.text);
-        }
-    });
+void Upkeep::Advance(Time now) {
+    errands_.remove_if([&](const Errand& errand) { return IsOver(errand, now); });
 }
 
 void Upkeep::Tick(Time now) {
-    for (auto at = questions_.begin(); at != questions_.end();) {
-        const auto question = *at;
-        if (!question->over && question->attempt) {
-            question->attempt->Tick(now);
-        }
-        if (question->over || !question->attempt) {
-            question->attempt.reset();
-            at = questions_.erase(at);
-        } else {
-            ++at;
-        }
-    }
+    Advance(now);
     for (auto at = lookups_.begin(); at != lookups_.end();) {
         const auto lookup = *at;
         if (!lookup->done) {
             ++at;
             continue;
         }
-        at = lookups_.erase(at);
         std::string reason = lookup->error == 0 ? "" : ErrorWords(static_cast<unsigned long>(lookup->error));
         const auto leads_back = [&](const ServerAddress& address) {
             return IsBridgeItself(address, bridge_.settings.listen, bridge_.own);
@@ -139,19 +109,22 @@ void Upkeep::Tick(Time now) {
         if (std::erase_if(lookup->addresses, leads_back) != 0) {
             reason = "its name is the bridge's own";
         }
+        at = lookups_.erase(at);
         bridge_.news = true;
         NoteAddresses(bridge_.fleet, *lookup->server, std::move(lookup->addresses), reason, now);
     }
     for (const ServerPtr& server : bridge_.fleet.servers) {
-        if (LookupIsDue(bridge_.fleet, *server, now)) {
+        if (LookupIsDue(*server, now)) {
             LookUp(server, now);
         }
+        NoteLookup(bridge_.fleet, *server, now);
         if (ProbeIsDue(bridge_.fleet, *server, now)) {
-            Probe(server, now);
+            Ask(server, true, now);
+            ProbeBegins(*server, now);
         }
-        if (IsUp(*server) &&
-            now >= std::max(bridge_.metrics.started + kFirstVersion, server->ask_version_at)) {
-            AskVersion(server, now);
+        if (IsUp(*server) && now >= server->ask_version_at) {
+            server->ask_version_at = now + kBetweenVersions;
+            Ask(server, false, now);
         }
     }
 }

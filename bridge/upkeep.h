@@ -6,27 +6,30 @@
 #include <memory>
 #include <string_view>
 
+#include "bridge/attempt.h"
 #include "bridge/bridge.h"
 
 namespace kesto::bridge {
 
-class Upkeep {
+class Upkeep final : public Sleeper {
  public:
-    explicit Upkeep(Bridge& bridge) : bridge_(bridge) {}
+    explicit Upkeep(Bridge& bridge) : Sleeper(bridge.woken), bridge_(bridge) {}
+    void Advance(Time now) override;
     void Tick(Time now);  // to be called every now and then
 
  private:
-    class Question;
+    struct Errand {
+        std::shared_ptr<Attempt> attempt;
+        bool is_probe;  // or asks for the version
+    };
     struct Lookup;
 
     void LookUp(const ServerPtr& server, Time now);
-    void Ask(const ServerPtr& server, std::string_view request, std::chrono::seconds limit, Time now,
-             std::function<void(const AttemptEnd&)> ended);
-    void Probe(const ServerPtr& server, Time now);
-    void AskVersion(const ServerPtr& server, Time now);
+    void Ask(const ServerPtr& server, bool is_probe, Time now);
+    bool IsOver(const Errand& errand, Time now);
 
     Bridge& bridge_;
-    std::list<std::shared_ptr<Question>> questions_;
+    std::list<Errand> errands_;
     std::list<std::shared_ptr<Lookup>> lookups_;
 };
 

@@ -69,7 +69,7 @@ struct RunningBridge : Bridge {
         return client.Receive();
     }
     bool Idle() const {
-        return clients.empty() && queue.empty() && place.use_count() == 1 && room.used == 0 &&
+        return clients.empty() && queue.empty() && scans == 0 && room.used == 0 &&
                std::all_of(fleet.servers.begin(), fleet.servers.end(),
                            [](const ServerPtr& server) { return server->open == 0; });
     }

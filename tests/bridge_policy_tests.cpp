@@ -145,8 +145,12 @@ TEST(BridgeScan, Stories) {
         // The longest unused of the idle ones.
         {'c', "0 new > a | 0 reply 0 K > =K | 0 new > b | 0 reply 0 K > =K | 0 new > c"},
         // What is no verdict goes to the next server; three at most get the whole file.
-        {'d', "0 new > a | 0 refused 0 > b | 0 lost 1 > c | 0 lost 2 > d | 0 lost 3 > !upstream d:1 lost"},
-        {'f', "0 new > a |0 cut 0 > b |0 cut 1 > c |0 cut 2 > d |0 cut 3 > e |0 cut 4 > !upstream e:1 lost"},
+        {'d',
+         "0 new > a | 0 refused 0 > b | 0 lost 1 > c | 0 lost 2 > d | 0 lost 3 > !upstream d:1 lost; no "
+         "further server may get it"},
+        {'f',
+         "0 new > a |0 cut 0 > b |0 cut 1 > c |0 cut 2 > d |0 cut 3 > e |0 cut 4 > !upstream e:1 lost; no "
+         "further server may get it"},
         {'e',
          "0 new > a |0 reply 0 E > b |0 reply 1 E > c |0 reply 2 L > d |0 reply 3 E > e |0 reply 4 E >"
          "| 0 probes abde > | 0 well a > | 0 well b > | 0 well d > | 0 well e > =NE"},
@@ -161,7 +165,8 @@ TEST(BridgeScan, Stories) {
         {'c', "0 new > a |9.9 - > |10 - > b |14 reply 0 E > |15 - > +s |16 reply 1 F > =tream: Evil FOUND"},
         {'b', "0 new > a | 10 - > b | 11 reply 0 K > =K"},
         {'b', "0 part > a | 5 end > | 14 - > | 15 - > b"},
-        {'b', "0 new > a | 9 spent - > | 10 - > | 10 out - > b"},  // with one that is taken out
+        // Or one that has nothing to do, although the share of scans that may ask a further one is used up.
+        {'b', "0 new > a | 9 spent - > | 10 - > b"},
         // A silent one is probed: the busy and the last one stay up, and one at a time is suspected.
         {'c',
          "0 new > a | 10 - > b | 10 probes a > | 20 - > c+s | 20 probes - > | 29 works a > | 30 silent a > +t"
@@ -192,16 +197,41 @@ TEST(BridgeScan, Stories) {
         {'b', "0 new > a | 1 reply 0 L > b | 14 lost 1 > =L"},
         // Waits from when the last server went down, but for none that accepts and is sick.
         {'b',
-         "0 new > a | 0 refused 0 > b | 10 refused 1 > | 69 - > +s+t+r+e | 70 - > !NONE | 71 new > !NONE"},
+         "0 new > a | 0 refused 0 > b | 10 refused 1 > | 69 - > +s+t+r+e | 70 - > !NONE "
+         // No scan is given up before every server was asked since it came.
+         "| 71 new > | 71 probes ab > | 71 refused a > | 71 refused b > !NONE"
+         "| 72 new > | 72 probes ab > | 74 refused a > | 76 - > | 77 - > !NONE | 78 new > | 78 well a > a"},
         {'b',
-         "0 new > a |0 lost 0 > b |0 lost 1 > |1 sick a > |1 refused b > |3 sick b > !upstream b:1 lost"
+         "0 new > a | 0 refused 0 > b | 0 reply 1 K > =K | 0 new > b | 0 reply 0 L > | 0 probes a > | 1 well "
+         "a > a"},
+        // What was said before the server went down says nothing of it now.
+        {'b',
+         "0 new > a | 0 reply 0 E > b | 0 probes a > | 0 refused 1 > | 1 sick a > | 3 well a > a | 4 reply 2 "
+         "K > =K"},
+        // An attempt that is new is not silent, and the verdict of a probe counts.
+        {'a',
+         "0 new > a | 0 lost 0 > | 119 well a > a+s+t+r+e+a+m+: | 120 - > !no verdict within 120 s | 120 "
+         "failures "
+         "a 1 >"},
+        // Dead tunnels.
+        {'a',
+         "0 new > a | 0 late 0 > | 1 well a > a | 1 late 1 > | 2 well a > a | 2 late 2 > | 3 well a > a | 3 "
+         "late 3 > | 4 well a > a | 4 late 4 > !upstream a:1 lost; no further server may get it"},
+        {'f',
+         "0 new > a |0 late 0 > b |0 late 1 > c |0 late 2 > d |0 late 3 > e |0 late 4 > f | 1 reply 5 K > "
+         "=K"},
+        {'b',
+         "0 new > a |0 lost 0 > b |0 lost 1 > |1 sick a > |1 refused b > |3 sick b > !upstream b:1 lost; no "
+         "upstream server calls a clean file clean"
          "| 4 new > | 5 sick a > | 6 well b > b"},
         {'b',
          "0 new > a |0 lost 0 > b |0 lost 1 > |1 probes ab > |1 refused a > |9 silent b > |59 - > +s+t+r "
          "|59.5 "
          "well a > a"},
         // A window that has let go of its beginning.
-        {'b', "0 part > a | 0 refused 0 > b | 0 window > | 0 lost 1 > !upstream b:1 lost"},
+        {'b',
+         "0 part > a | 0 refused 0 > b | 0 window > | 0 lost 1 > !upstream b:1 lost; not all of the data is "
+         "kept for another server"},
         {'b', "0 new > a | 0 window > | 11 - >"},
         // A client that has closed its side is tried, for it may have left.
         {'a', "0 new > a | 0.5 closed > | 3.4 - > | 3.5 - > +s | 6.5 - > +t | 21 - > | 21.5 - > +r"},
@@ -214,6 +244,7 @@ TEST(BridgeScan, Stories) {
 TEST(BridgeScan, ErrorsAreHeldAgainstAServerBesideAVerdictOnly) {
     for (const auto& [replies, up] : {std::pair("E > b | 0 reply 1 K > =K", false),
                                       {"E > b | 0 reply 1 E > | 0 well a > | 0 well b > =NE", true},
+                                      {"E > b | 1 well a > | 2 reply 1 K > =K", true},
                                       {"L > b | 0 reply 1 K > =K", true}}) {
         Story world;
         for (int i = 0; i < 3; ++i) {
@@ -257,7 +288,9 @@ TEST(BridgeScan, OneInTenIsAskedBeside) {
 TEST(BridgeFleet, PausesDoubleAndAreShortWhileScansWait) {
     Story world('a');
     const auto probed = [&](double seconds) { return world.At(seconds), !world.Probed().empty(); };
-    const auto broken = [&] { NoteBroken(world.fleet, world['a'], "refused", world.now, world.now); };
+    const auto broken = [&] {
+        NoteBroken(world.fleet, world['a'], {AttemptEnd::Kind::kBroken, "refused"}, world.now, world.now);
+    };
     broken();
     world.At(0.5);
     broken();  // with the first: no new pause
@@ -286,7 +319,8 @@ TEST(BridgeFleet, NamesKeepTheirLastGoodAddresses) {
     const auto due = [&](double seconds) {
         unsigned count = 0;
         for (const ServerPtr& server : world.fleet.servers) {
-            if (LookupIsDue(world.fleet, *server, world.At(seconds))) {
+            NoteLookup(world.fleet, *server, world.At(seconds));
+            if (LookupIsDue(*server, world.now)) {
                 server->lookup.running = ++count != 0;
                 server->lookup.at = world.now;
             }
@@ -314,7 +348,7 @@ TEST(BridgeMetrics, TellWhatIsCounted) {
     Metrics metrics;
     for (size_t i = 0; i < kOutcomes; ++i) {
         for (size_t count = 0; count <= i; ++count) {
-            CountScan(metrics, static_cast<Outcome>(i), 0.3);
+            CountScan(metrics, {static_cast<Outcome::Kind>(i)}, 0.3);
         }
     }
     const std::string text = MetricsText(metrics, {1, 2, 3, 4, 5}, world.fleet, world.now);
