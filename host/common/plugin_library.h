@@ -1,3 +1,5 @@
+// The plug-in as the mail server uses it: a library that is loaded at run time and called through its
+// exports.
 #pragma once
 
 #include <cstdint>
@@ -7,8 +9,6 @@
 #include "base/host_records.h"
 #include "common/fault.h"
 
-// The plug-in as the mail server uses it: a library that is loaded at run time and called through its
-// exports.
 namespace kesto::host {
 
 // Closed with CLOSESCANNER and unloaded at its end.
