@@ -24,10 +24,10 @@ inline constexpr std::chrono::seconds kLongestStart{10};
 // A worker that gives no sign of life for this long is ended, so that the plug-in's scans wait for another
 // one before they are given up.
 inline constexpr std::chrono::seconds kLongestSilence{15};
-// In this time the guard answers who asks for a restart: the new worker serves by then, and the former one
-// has shown that it accepts nobody any more, or was ended.
+// In this time the guard answers who asks for a restart: a worker that was starting already has served or was
+// ended, the new one serves, and the former one has shown that it accepts nobody any more, or was ended.
 inline constexpr std::chrono::seconds kLongestRestart =
-    kLongestStart + kLongestSilence + std::chrono::seconds(5);
+    kLongestStart + 2 * kLongestSilence + std::chrono::seconds(5);
 
 // The pipe of the guard in this folder, however the folder's path is written.
 std::wstring GuardPipe(const std::wstring& program_folder);

@@ -56,7 +56,6 @@ void Policy::GaveSign(uint32_t number, Time now) {
         if (worker->state == State::kStarting) {
             worker->state = State::kServing;
             told_ = false;
-            followed_ = true;
             waiting_.reset();
         }
     }
@@ -77,7 +76,9 @@ void Policy::StartFailed(uint32_t number, const std::string& why, Time now) {
     std::erase_if(workers_, [number](const Worker& worker) { return worker.number == number; });
     followed_ = true;
     next_start_ = now + kFirstPause;  // what does not start costs next to nothing
-    refusal_ = asked_ ? why : "";
+    if (number == restarted_by_) {
+        refusal_ = why;
+    }
 }
 
 std::string Policy::Ended(uint32_t number, uint32_t exit_code, const std::string& how, Time now) {
@@ -101,7 +102,7 @@ std::string Policy::Ended(uint32_t number, uint32_t exit_code, const std::string
     } else {
         next_start_ = now + kSettingsPause;
     }
-    if (asked_ && (worker.state == State::kStarting || number == restarted_by_)) {
+    if (number == restarted_by_) {
         refusal_ = "the new kestobridge.exe " + how;
     }
     return followed_ ? "kestobridge.exe " + how : "";
@@ -136,10 +137,9 @@ Step Policy::Next(Time now) {
                           return worker.state == State::kLeaving && worker.accepts;
                       });
     if (asked_ && (done || !refusal_.empty())) {
-        Step answer{Step::Kind::kAnswer, 0, done ? kRestarted : std::move(refusal_)};
+        Step answer{Step::Kind::kAnswer, 0, done ? kRestarted : std::exchange(refusal_, "")};
         asked_ = false;
         restarted_by_ = 0;
-        refusal_.clear();
         return answer;
     }
     // Who asks wants a worker that reads its settings from now on.

@@ -75,7 +75,7 @@ class Policy {
     Time next_start_{};
     std::chrono::milliseconds pause_{};
     bool told_ = false;            // none has served since one has logged why it cannot
-    bool followed_ = true;         // false: none serves since the settings cannot be followed
+    bool followed_ = true;         // false: the last one has ended since it cannot follow the settings
     std::optional<Time> waiting_;  // since when clients wait
     bool asked_ = false;           // for a restart
     uint32_t restarted_by_ = 0;    // the worker that was started for it

@@ -17,8 +17,8 @@ namespace {
 
 constexpr double kSlowConnect = 0.3;  // seconds; close to the plug-in's limit of 1
 constexpr double kToldSeconds = 1;    // seconds; scans that take longer are told with their time
-constexpr double kSlowReply = 15;     // seconds; close to the plug-in's limit of 20
-constexpr int kOldDays = 7;           // signatures appear daily
+constexpr double kSlowReply = kIdleLimitMs / 1000.0 - 5;  // seconds; close to where the plug-in gives up
+constexpr int kOldDays = 7;                               // signatures appear daily
 constexpr size_t kLongStream = 2 << 20;
 constexpr int kTries = 5;  // for each question to a server that hangs up, as a starting engine does
 constexpr auto kTriesPause = std::chrono::milliseconds(500);
@@ -186,7 +186,8 @@ class ServerCheck {
              : slow ? CheckState::kWarning
                     : CheckState::kOk,
              "clean sample", Describe(answer),
-             clean ? "the plug-in gives up after 20 s: give the engine's machine less to do"
+             clean ? "the plug-in gives up after " + std::to_string(kIdleLimitMs / 1000) +
+                         " s: give the engine's machine less to do"
                    : "see the engine's log");
         return clean;
     }
