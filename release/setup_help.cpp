@@ -108,7 +108,7 @@ std::vector<ProgramProcess> EngineOf(const std::wstring& folder) {
 bool AllAreFree(const std::wstring& folder) {
     const std::vector<ProgramProcess> engine = EngineOf(folder);
     for (const std::wstring& path : List(L"\\files.txt")) {
-        const std::wstring file = folder + L"\\" + path;
+        const std::wstring file = std::filesystem::path(folder) / path;
         const bool runs = std::any_of(engine.begin(), engine.end(), [&](const ProgramProcess& process) {
             return NameSameFile(process.path, file);
         });
