@@ -77,10 +77,8 @@ TEST_F(RoadTest, LeadsToARealClamd) {
     ASSERT_EQ(Start("servers=127.0.0.1:" + std::to_string(port)), 0);  // and every default
     EXPECT_EQ(Scan(EicarTestString()), "mail.eml: Eicar-Test-Signature.UNOFFICIAL");
     EXPECT_EQ(Scan(std::string(3'000'001, '\0')), "clean");
-    EXPECT_THAT(
-        plugin.VersionDetails(),
-        StartsWith(
-            "KESTOAV Version 1.0.4\nClamAV"));  // its signatures have no date, so the reply is shown as it is
+    // Its signatures have no date, so the reply is shown as it is.
+    EXPECT_THAT(plugin.VersionDetails(), StartsWith("KESTOAV Version 1.0.4\nClamAV"));
     EXPECT_THAT(installed.LogMessages(), Not(Contains(StartsWith("Unexpected"))));
     // 64 MB is the limit of the clamd that the tests use.
     EXPECT_EQ(Scan(std::string(65 << 20, 'x')), "failed 1003");
