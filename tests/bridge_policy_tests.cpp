@@ -435,7 +435,8 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         {"line 2: upstreams: '127.0.0.1:7' is the bridge itself until it is restarted",
          {"upstreams=127.0.0.1:7"}},
         {"names no server", {"upstreams="}},
-        {"is not an IPv4 address and port", {"listen=localhost:3313", "listen=127.0.0.1:0", "listen="}},
+        {"is not an IPv4 address and port",
+         {"listen=localhost:3313", "listen=127.0.0.1:0", "listen=224.0.0.1:1", "listen="}},
         {"is neither 0 nor 1", {"decrypt=yes"}},
         {"is not a number", {"idle=0", "idle=3601", "idle=30 ; s", "keep=1025", "wait="}},
         {"holds a comment", {"logfile=a ;b"}},
@@ -466,8 +467,9 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         own);
     EXPECT_THAT(read.problems, ElementsAre());
     EXPECT_EQ(read.settings.command + std::to_string(read.settings.signatures), "\"a b\" --c=\"d\"3");
-    EXPECT_THAT(read.updater_problems, ElementsAre(HasSubstr("line 11: unknown setting 'idle'"),
-                                                   HasSubstr("timeout=0 is not a number")));
+    EXPECT_THAT(read.updater_problems,
+                ElementsAre(HasSubstr("line 13: unknown setting 'idle'"),
+                            HasSubstr("timeout=0 is not a number of seconds from 1 to 86400")));
     EXPECT_EQ(AddressText(read.settings.upstreams.at(1)), "[::1]:2");
     EXPECT_THAT(SettingsText(read.settings), HasSubstr(" decrypt=0 idle=20 keep=0 wait=0 verdict=7 "));
 }
