@@ -57,8 +57,8 @@ FileBytes ReadToEnd(HANDLE file, uint64_t told_size) {
         if (!ReadFile(file, bytes.data.get() + bytes.size, std::min(kReadSize, capacity - bytes.size), &read,
                       nullptr)) {
             const DWORD code = GetLastError();
-            return code == ERROR_BROKEN_PIPE ? std::move(bytes)
-                                             : Failed(SystemFault(code));  // the writer has ended
+            const bool writer_ended = code == ERROR_BROKEN_PIPE;
+            return writer_ended ? std::move(bytes) : Failed(SystemFault(code));
         }
         if (read == 0) {
             return bytes;
