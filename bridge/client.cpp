@@ -169,23 +169,18 @@ void Client::ReadingFailed(const asio::error_code& error) {
 }
 
 void Client::GoOn(Time now) {
-    Answer answer;
-    do {
-        answer = phase_ == Phase::kBusy ? request_->Advance(now) : Answer();
-        switch (answer.kind) {
-            case Answer::Kind::kNothing:
-                break;
-            case Answer::Kind::kPart:
-                Send(answer.text);
-                break;
-            case Answer::Kind::kReply:
-                Reply(answer.text);
-                break;
-            case Answer::Kind::kNoReply:
-                NoReply(answer.text);
-                break;
+    while (phase_ == Phase::kBusy) {
+        const Answer answer = request_->Advance(now);
+        if (answer.kind == Answer::Kind::kNothing) {
+            break;
+        } else if (answer.kind == Answer::Kind::kPart) {
+            Send(answer.text);
+        } else if (answer.kind == Answer::Kind::kReply) {
+            Reply(answer.text);
+        } else {
+            NoReply(answer.text);
         }
-    } while (answer.kind == Answer::Kind::kPart);
+    }
     space_.Open();  // the server may have taken data, or there may be memory again
 }
 

@@ -257,11 +257,12 @@ void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now) {
     const bool well = end.kind == AttemptEnd::Kind::kClean;
     const bool sick = end.Replied() && !well;
     const bool silent = end.kind == AttemptEnd::Kind::kSilent;
+    const bool old = silent || (health.up && end.kind == AttemptEnd::Kind::kUnreached);
     health.sick = Time{};
     if (well) {
         health.worked = now;
     }
-    if (well || (silent && health.worked >= health.probed)) {
+    if (well || (old && health.worked >= health.probed)) {
         return SetStanding(fleet, server, true, "", now);
     }
     ++server.numbers.failures;

@@ -93,8 +93,8 @@ void Scan::Begin(const ServerPtr& server) {
         bridge_.fleet.tell("repeated",
                            "scan of " + name_ + " repeated with upstream " + AddressText(server->name));
     }
-    attempts_.emplace_back();
-    attempts_.back() = Attempt::Begin(bridge_, client_, server, stream_);
+    attempts_.push_back(std::make_shared<Attempt>(bridge_, client_, server, stream_));
+    attempts_.back()->Start();
 }
 
 void Scan::HearAttempts(Time now) {
