@@ -176,10 +176,6 @@ ServerPtr Choose(const Fleet& fleet, const std::function<std::optional<unsigned>
     return best;
 }
 
-void TakeTurn(Fleet& fleet, Server& server) {
-    server.last_turn = ++fleet.turns;
-}
-
 void NoteBroken(Fleet& fleet, Server& server, const AttemptEnd& end, Time moved, Time now) {
     ++server.numbers.failures;
     const bool old = server.health.worked > moved &&
