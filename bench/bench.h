@@ -41,8 +41,6 @@ void MeasureThreads(Bench& bench, uint16_t sink);
 void MeasureMemory(Bench& bench, uint16_t sink);
 void MeasureHost(Bench& bench, uint16_t sink);
 void MeasureBridge(Bench& bench, uint16_t sink);
-// A sink that delays its acknowledgements.
-void MeasureDelayedAcknowledgements(Bench& bench, uint16_t sink);
 // `clamdscan` is the command line of clamd's own client, without files.
 void MeasureClamd(Bench& bench, uint16_t clamd, const std::string& clamdscan);
 

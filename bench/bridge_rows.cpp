@@ -120,20 +120,6 @@ void MeasureBridge(Bench& bench, uint16_t sink) {
     MeasureOpenScans(bench, bridge);
 }
 
-void MeasureDelayedAcknowledgements(Bench& bench, uint16_t sink) {
-    const StartedBridge bridge(sink);
-    const auto median = [&](uint16_t port) {
-        const StartedPlugin plugin(port);
-        return LatencyOf(40, [&] { plugin.Scan(std::string_view(bench.file).substr(0, kSmall)); }).median *
-               1e6;
-    };
-    bench.rows.push_back({.name = "1 KB to a receiver that delays: bridge",
-                          .unit = "us",
-                          .value = median(bridge.port),
-                          .beside_name = "direct",
-                          .beside = median(sink)});
-}
-
 void MeasureClamd(Bench& bench, uint16_t clamd, const std::string& clamdscan) {
     constexpr size_t kFiles = 16, kSize = 1'000'000;
     const auto data = [&](size_t i) { return std::string_view(bench.file).substr(i * kSize, kSize); };

@@ -2,11 +2,12 @@
 #include <windows.h>
 #include <psapi.h>
 
-#include <span>
 #include <stdexcept>
 
 #include "bench/bench.h"
 #include "bench/wire.h"
+#include "common/owned_handle.h"
+#include "common/processes.h"
 
 namespace kesto {
 
@@ -29,19 +30,16 @@ StartedBridge::StartedBridge(uint16_t upstream)
 
 double StartedBridge::WorkingSetKilobytes() const {
     size_t bytes = 0;
-    DWORD ids[4096], size = 0;
-    EnumProcesses(ids, sizeof ids, &size);
-    for (const DWORD id : std::span(ids, size / sizeof *ids)) {
-        HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id);
-        wchar_t path[MAX_PATH] = L"";
-        DWORD length = MAX_PATH;
-        PROCESS_MEMORY_COUNTERS counters = {};
-        if (QueryFullProcessImageNameW(process, 0, path, &length) &&
-            std::filesystem::path(path).parent_path() == installed.engine_folder &&
-            GetProcessMemoryInfo(process, &counters, sizeof counters)) {
-            bytes += counters.WorkingSetSize;
+    for (const wchar_t* const program : {L"kestoav.exe", L"kestobridge.exe"}) {
+        for (const ProgramProcess& each : ProcessesNamed(program)) {
+            const OwnedHandle process =
+                Own(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, each.id));
+            PROCESS_MEMORY_COUNTERS counters = {};
+            if (std::filesystem::path(each.path).parent_path() == installed.engine_folder &&
+                GetProcessMemoryInfo(process.get(), &counters, sizeof counters)) {
+                bytes += counters.WorkingSetSize;
+            }
         }
-        CloseHandle(process);
     }
     return static_cast<double>(bytes) / 1024;
 }

@@ -2,15 +2,13 @@
 // sides are compared, both run in each round, in turns.
 //
 //   shift     the encrypt setting's loop, in chunks as scans use it, against memcpy
-//   scan      SCANFILE against a sender of the same bytes in the same sends, to the same sink: 1 KB to 128
-//   MB,
-//             encrypt on and off
+//   scan      SCANFILE against a sender of the same bytes in the same sends, to the same sink:
+//             1 KB to 128 MB, encrypt on and off
 //   threads   the same with 1, 2, 4 and 8 calling threads at once
 //   memory    that a scan of 256 MB takes; handles left by 10,000 scans
 //   host      kestoscan over 2,000 files of 5 KB, against SCANFILE alone
 //   bridge    scans through the bridge against direct ones: throughput, small scans with 1, 8 and 64 clients;
 //             memory with 200 scans under way
-//   delay     a small scan to a receiver that delays its acknowledgements, direct and through the bridge
 //   clamd     a real clamd's files a second, beside clamd's own client
 //
 // The sink is this program, started again under the engine's name.
@@ -24,7 +22,7 @@
 namespace kesto {
 namespace {
 
-// Without a byte of 0 or of 1: see stream_end.h.
+// Without a byte of 0 or of 1: see sink.cpp.
 std::string Noise(size_t size) {
     std::string bytes(size, '\0');
     uint32_t state = 1;
@@ -38,7 +36,6 @@ std::string Noise(size_t size) {
 struct Options {
     int rounds = 9;
     std::string only;
-    uint16_t delaying_sink = 0;
     uint16_t clamd = 0;
     std::string clamdscan;
 };
@@ -57,7 +54,6 @@ void Measure(const Options& options) {
         {"memory", [&] { MeasureMemory(bench, port); }},
         {"host", [&] { MeasureHost(bench, port); }},
         {"bridge", [&] { MeasureBridge(bench, port); }},
-        {"delay", [&] { MeasureDelayedAcknowledgements(bench, options.delaying_sink); }},
         {"clamd", [&] { MeasureClamd(bench, options.clamd, options.clamdscan); }},
     };
     for (const auto& [name, measure] : groups) {
@@ -78,7 +74,6 @@ int main(int argc, char** argv) {
         kesto::Options options;
         app.add_option("--rounds", options.rounds, "Rounds a comparison");
         app.add_option("--only", options.only, "One group of the list in bench/main.cpp");
-        app.add_option("--delaying-sink", options.delaying_sink, "The port of unix_sink, beside Wine");
         app.add_option("--clamd", options.clamd, "The port of a clamd");
         app.add_option("--clamdscan", options.clamdscan, "The command line of clamd's client");
         uint16_t port = 0;

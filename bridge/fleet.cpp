@@ -119,7 +119,7 @@ void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now)
         if (!Has(fleet, *server)) {
             server->health.probe = Probe::kNone;
             server->health.pause = 0s;
-            SetStanding(fleet, *server, false, "no longer named", now);
+            SetStanding(fleet, *server, false, "no longer in upstreams", now);
         }
     }
     NoteAnyUp(fleet, now);

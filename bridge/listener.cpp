@@ -15,12 +15,25 @@ namespace {
 
 using asio::ip::tcp;
 
+using namespace std::chrono_literals;
+
 constexpr long kBetweenLooksUs = 100'000;  // for the end
 constexpr DWORD kPauseAfterFailureMs = 100;
 
+// A client that is let in at the last moment gets this long to begin with its command.
+constexpr auto kLastArrivals = 2s;
+
+// How an accept fails whose client left before. The next one must not wait for that.
+bool HasLeft(int error) {
+    return error == WSAECONNRESET || error == WSAECONNABORTED || error == WSAENOTCONN ||
+           error == WSAETIMEDOUT || error == WSAESHUTDOWN || error == WSAEDISCON;
+}
+
 }  // namespace
 
-Listener::Listener(Bridge& bridge, SOCKET shared) : bridge_(bridge), shared_(shared) {
+Listener::Listener(Bridge& bridge, SOCKET shared, HANDLE closed)
+    : bridge_(bridge), shared_(shared), closed_(closed) {
+    ResetEvent(closed_);
     if (!RunDetached([this] { Accept(); })) {
         throw std::bad_alloc();
     }
@@ -30,7 +43,9 @@ void Listener::Accept() {
     for (;;) {
         WaitForSingleObject(door_, INFINITE);
         Doorway doorway(door_);
-        if (stopping_) {
+        if (leaving_) {
+            closesocket(shared_);
+            SetEvent(closed_);
             return;
         }
         tcp::endpoint peer;
@@ -44,8 +59,7 @@ void Listener::Accept() {
             timeval limit = {0, kBetweenLooksUs};
             FD_SET(shared_, &waiting);
             select(0, &waiting, nullptr, nullptr, &limit);
-        } else if (error != WSAECONNRESET) {
-            // A client that left before it was let in must not keep the next one waiting.
+        } else if (!HasLeft(error)) {  // a lack of resources
             LogFailure(error);
             Sleep(kPauseAfterFailureMs);
         }
@@ -89,6 +103,24 @@ void Listener::LetIn() {
     Arrival arrival = *std::exchange(arrival_, std::nullopt);
     if (!bridge_.stopping) {
         Client::Serve(bridge_, std::move(arrival.socket), arrival.peer);
+    }
+}
+
+void Listener::Leave() {
+    leaving_ = true;
+    SetEvent(door_);  // also while a client that has arrived waits there for room
+}
+
+void Listener::Tick(Time now) {
+    if (!leaving_ || bridge_.stopping) {
+        return;
+    }
+    if (!left_) {
+        left_ = now;
+        LogBridge("end", "ending after the running scans");
+    }
+    if (now >= *left_ + kLastArrivals && !arrival_) {
+        Stop(bridge_, now);
     }
 }
 

@@ -16,14 +16,16 @@ namespace kesto::bridge {
 // a completion port never gives a socket back. The socket must not block.
 class Listener {
  public:
-    Listener(Bridge& bridge, SOCKET shared);
+    // The event `closed` is set except while clients are accepted here.
+    Listener(Bridge& bridge, SOCKET shared, HANDLE closed);
 
-    // Lets no further client in. New clients wait for others that share this socket.
-    void Stop() { stopping_ = true; }
+    // Another worker takes the clients from now on: accepts no further one, and stops the bridge when those
+    // that have come have had time to ask for something. May be called in any thread.
+    void Leave();
 
     // Lets in the client that has arrived, if there is room; to be called when a handler has ended.
     void LetIn();
-    bool HasArrival() const { return arrival_.has_value(); }
+    void Tick(Time now);  // every now and then
 
  private:
     // Held by the one client that is being let in; the next one is not accepted before.
@@ -44,8 +46,10 @@ class Listener {
 
     Bridge& bridge_;
     const SOCKET shared_;
+    const HANDLE closed_;
     bool acknowledges_ = true;  // the system has the option
-    std::atomic<bool> stopping_ = false;
+    std::atomic<bool> leaving_ = false;
+    std::optional<Time> left_;  // since when
     std::optional<Arrival> arrival_;
     HANDLE door_ = CreateEventW(nullptr, FALSE, TRUE, nullptr);
 };

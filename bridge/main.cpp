@@ -2,8 +2,6 @@
 #include <winsock2.h>
 #include <windows.h>
 
-#include <asio/post.hpp>
-#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -16,40 +14,19 @@
 #include "common/bridge_ini.h"
 #include "common/bridge_log.h"
 #include "common/detached_thread.h"
+#include "common/error_words.h"
 #include "common/guard_words.h"
 #include "common/program_folder.h"
+#include "common/worker_orders.h"
 
 namespace kesto::bridge {
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr unsigned kTicksASign = 4;  // of life
-
-// A client that is let in at the last moment gets this long to begin with its command.
-constexpr auto kLastArrivals = 2s;
-
-// Another worker takes the clients from now on.
-class Leaving {
- public:
-    void Begin(Listener& listener) {
-        LogBridge("end", "ending after the running scans");
-        listener.Stop();
-        since_ = Clock::now();
-    }
-
-    void Tick(Bridge& bridge, const Listener& listener, Time now) const {
-        if (!bridge.stopping && now >= since_ + kLastArrivals && !listener.HasArrival()) {
-            Stop(bridge, now);
-        }
-    }
-
- private:
-    Time since_ = Time::max() - kLastArrivals;
-};
+// A sign of life is given this often.
+constexpr unsigned kTicksASign = 4;
 
 // Runs until the bridge is stopped and takes no memory of its own. `alive` shows the guard that it works.
-void RunLoop(Bridge& bridge, Listener& listener, Reload& reload, const Leaving& leaving, HANDLE alive) {
+void RunLoop(Bridge& bridge, Listener& listener, Reload& reload, HANDLE alive) {
     Loop loop(bridge);
     for (unsigned ticks = 0; !bridge.io.stopped();) {
         if (!loop.RunOnce([&] { listener.LetIn(); })) {
@@ -61,12 +38,13 @@ void RunLoop(Bridge& bridge, Listener& listener, Reload& reload, const Leaving& 
         const Time now = Clock::now();
         Contain([&] { reload.Tick(bridge, now); });
         Contain(LogLeftOut);
-        leaving.Tick(bridge, listener, now);
+        listener.Tick(now);
     }
 }
 
-// The socket on which the guard listens; where that is, is written into `where`.
-SOCKET OpenListener(WorkerOrders& orders, ServerAddress& where) {
+// The socket on which the guard listens; where that is, is written into `where`. INVALID_SOCKET with the
+// system's error code.
+SOCKET TakeOver(WorkerOrders& orders, ServerAddress& where) {
     const SOCKET shared = WSASocketW(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO,
                                      &orders.listener, 0, WSA_FLAG_OVERLAPPED);
     sockaddr_in bound = {};
@@ -78,31 +56,31 @@ SOCKET OpenListener(WorkerOrders& orders, ServerAddress& where) {
     return shared;
 }
 
-// Reads what the guard writes, until the guard ends.
-bool ReadOrders(void* orders, DWORD size) {
-    HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
-    DWORD read = 0;
-    return GetFileType(input) == FILE_TYPE_PIPE && ReadFile(input, orders, size, &read, nullptr) &&
-           read == size;
+HANDLE EventOf(uint32_t handle) {
+    return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(handle));
 }
 
 int Run() {
     WorkerOrders orders;
-    if (!ReadOrders(&orders, sizeof orders) || orders.size != sizeof orders) {
-        std::fputs("kestobridge.exe is started by kestoav.exe of the same version.\n", stderr);
+    if (!ReadOrders(GetStdHandle(STD_INPUT_HANDLE), orders)) {
+        std::fputs("kestobridge.exe is started by kestoav.exe of the same folder.\n", stderr);
         return 2;
     }
     // None of these is ever destroyed, since a lookup or the guard may still use them while the process ends.
     Bridge& bridge = *new Bridge;
-    Leaving& leaving = *new Leaving;
     const std::wstring folder = ProgramFolder();
-    const SOCKET shared = OpenListener(orders, bridge.settings.listen);
-    if (shared == INVALID_SOCKET) {
-        return 1;
-    }
+    const SOCKET shared = TakeOver(orders, bridge.settings.listen);
+    const auto error = static_cast<DWORD>(WSAGetLastError());
     Reload reload(folder);
     BridgeIni ini = ReadBridgeIni(folder, bridge.settings.listen);
     const std::string log_problem = UseBridgeLog(ini.settings, folder);
+    if (shared == INVALID_SOCKET) {
+        if (orders.known_problem == 0) {
+            LogBridge("start",
+                      kCannotStart + ("cannot take over the socket of kestoav.exe - " + ErrorWords(error)));
+        }
+        return kCannotTakeOver;
+    }
     bridge.own = OwnAddresses();
     if (ini.problems.empty() || orders.known_problem == 0) {
         if (!log_problem.empty()) {
@@ -126,17 +104,18 @@ int Run() {
     bridge.metrics.worker_starts = orders.starts;
     Apply(bridge, Clock::now());
 
-    Listener& listener = *new Listener(bridge, shared);
+    Listener& listener = *new Listener(bridge, shared, EventOf(orders.closed));
     if (!RunDetached([&] {
-            for (char order = '\0'; ReadOrders(&order, 1);) {
-                asio::post(bridge.io, [&] { leaving.Begin(listener); });
+            HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+            DWORD read = 0;
+            for (char order = '\0'; ReadFile(input, &order, 1, &read, nullptr) && read == 1;) {
+                listener.Leave();
             }
-            TerminateProcess(GetCurrentProcess(), 0);
+            TerminateProcess(GetCurrentProcess(), 0);  // the guard has ended
         })) {
         return 1;
     }
-    RunLoop(bridge, listener, reload, leaving,
-            reinterpret_cast<HANDLE>(static_cast<uintptr_t>(orders.alive)));
+    RunLoop(bridge, listener, reload, EventOf(orders.alive));
     LogBridge("end", "ended");
     return 0;
 }

@@ -4,6 +4,8 @@
 #include <array>
 #include <utility>
 
+#include "base/clamd_words.h"
+
 namespace kesto::bridge {
 namespace {
 
@@ -12,9 +14,9 @@ using namespace std::chrono_literals;
 // A server that has had the whole stream for this long is late: another one may be asked as well.
 constexpr auto kSilence = 10s;
 
-// The client gives up after 20 s without a byte, so it gets the common beginning of all verdicts byte by
-// byte.
-constexpr auto kTrickle = 15s;
+// The client gives up when it has waited too long for a byte, so it gets the common beginning of all verdicts
+// byte by byte.
+constexpr auto kTrickle = std::chrono::milliseconds(kIdleLimitMs) - 5s;
 
 // For the probes that a scan waits for before it is given up.
 constexpr auto kProbePatience = 5s;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "common/error_words.h"
+#include "common/owned_handle.h"
 #include "common/text.h"
 
 namespace kesto {
@@ -56,8 +57,8 @@ FileBytes ReadToEnd(HANDLE file, uint64_t told_size) {
         if (!ReadFile(file, bytes.data.get() + bytes.size, std::min(kReadSize, capacity - bytes.size), &read,
                       nullptr)) {
             const DWORD code = GetLastError();
-            return code == ERROR_BROKEN_PIPE ? std::move(bytes)
-                                             : Failed(SystemFault(code));  // the writer has ended
+            const bool writer_ended = code == ERROR_BROKEN_PIPE;
+            return writer_ended ? std::move(bytes) : Failed(SystemFault(code));
         }
         if (read == 0) {
             return bytes;
@@ -72,27 +73,21 @@ FileBytes ReadToEnd(HANDLE file, uint64_t told_size) {
     }
 }
 
-HANDLE OpenToRead(const std::wstring& path) {
-    return CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                       nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+OwnedHandle OpenToRead(const std::wstring& path) {
+    return Own(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                           nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
 }
 
 }  // namespace
 
 FileBytes ReadWholeFile(const std::wstring& path) {
-    HANDLE file = OpenToRead(path);
-    if (file == INVALID_HANDLE_VALUE) {
+    const OwnedHandle file = OpenToRead(path);
+    FileIdentity identity;
+    if (!file || !Identify(file.get(), identity)) {  // a device has no identity
         return Failed(SystemFault(GetLastError()));
     }
-    FileIdentity identity;
-    FileBytes bytes;
-    if (!Identify(file, identity)) {
-        bytes = Failed(SystemFault(GetLastError()));  // a device has no identity
-    } else {
-        bytes = ReadToEnd(file, identity.size);
-        bytes.identity = identity;
-    }
-    CloseHandle(file);
+    FileBytes bytes = ReadToEnd(file.get(), identity.size);
+    bytes.identity = identity;
     return bytes;
 }
 
@@ -101,13 +96,11 @@ FileBytes ReadStandardInput() {
 }
 
 std::optional<FileIdentity> IdentityOf(const std::wstring& path) {
-    HANDLE file = CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
-                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                              FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    const OwnedHandle file = Own(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     FileIdentity identity;
-    const bool known = file != INVALID_HANDLE_VALUE && Identify(file, identity);
-    CloseHandle(file);
-    return known ? std::optional(identity) : std::nullopt;
+    return file && Identify(file.get(), identity) ? std::optional(identity) : std::nullopt;
 }
 
 bool SameFile(const std::optional<FileIdentity>& a, const std::optional<FileIdentity>& b) {
@@ -115,22 +108,16 @@ bool SameFile(const std::optional<FileIdentity>& a, const std::optional<FileIden
 }
 
 std::string FileTail(const std::wstring& path, uint32_t most) {
-    HANDLE file = OpenToRead(path);
+    const OwnedHandle file = OpenToRead(path);
     LARGE_INTEGER size;
-    if (file == INVALID_HANDLE_VALUE || !GetFileSizeEx(file, &size)) {
-        CloseHandle(file);
+    if (!file || !GetFileSizeEx(file.get(), &size)) {
         return "";
     }
-    LARGE_INTEGER start;
-    start.QuadPart = std::max<int64_t>(0, size.QuadPart - most);
-    SetFilePointerEx(file, start, nullptr, FILE_BEGIN);
+    size.QuadPart = std::max<int64_t>(0, size.QuadPart - most);
+    SetFilePointerEx(file.get(), size, nullptr, FILE_BEGIN);
     std::string tail(most, '\0');
     DWORD read = 0;
-    if (!ReadFile(file, tail.data(), most, &read, nullptr)) {
-        read = 0;
-    }
-    CloseHandle(file);
-    tail.resize(read);
+    tail.resize(ReadFile(file.get(), tail.data(), most, &read, nullptr) ? read : 0);
     return tail;
 }
 

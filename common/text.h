@@ -1,10 +1,10 @@
+// The program's texts are UTF-8, paths are UTF-16, and the plug-in speaks the system's ANSI code page.
+// No conversion fails: what cannot be converted becomes a replacement character.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-// The program's texts are UTF-8, paths are UTF-16, and the plug-in speaks the system's ANSI code page.
-// No conversion fails: what cannot be converted becomes a replacement character.
 namespace kesto {
 
 std::string Utf8FromWide(std::wstring_view wide);

@@ -2,21 +2,30 @@
 
 #include <windows.h>
 
+#include <array>
 #include <cstring>
+#include <span>
 #include <utility>
 
+#include "base/clamd_words.h"
 #include "common/bridge_ini.h"
 #include "common/bridge_log.h"
 #include "common/error_words.h"
+#include "common/owned_handle.h"
 #include "common/tcp_options.h"
 
 namespace kesto::guard {
 namespace {
 
 constexpr DWORD kWaitForPortMs = 10'000;
+constexpr DWORD kWaitForPortQuietlyMs = 1000;  // another guard of this folder listens within milliseconds
 constexpr DWORD kBetweenTriesMs = 250;
-constexpr int kLongestSilenceMs = 20'000;  // like the plug-in's
-constexpr LONG kMostTurnedAway = 200;      // at a time, who are let finish
+constexpr int kLongestSilenceMs = kIdleLimitMs;
+constexpr LONG kMostTurnedAway = 200;  // at a time, who are let finish; and in each step
+
+// SOMAXCONN_HINT(1000), which the compiler's headers lack: all scans at a time of a large mail server may
+// have to wait for a worker, and SOMAXCONN stands for about 200.
+constexpr int kMostWaiting = -1000;
 
 volatile LONG g_turned_away = 0;
 
@@ -24,10 +33,15 @@ SOCKET TryToListen(const sockaddr_in& where) {
     const SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     const BOOL on = TRUE;
     u_long nonblocking = 1;
-    setsockopt(listener, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on), sizeof on);
+    // Keeps the other accounts of this machine from the port, but also a new guard for as long as a
+    // connection of the former one is not over. On loopback the system protects the port without it.
+    if (where.sin_addr.S_un.S_un_b.s_b1 != 127) {
+        setsockopt(listener, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on), sizeof on);
+    }
     AcknowledgeAtOnce(listener);
     if (bind(listener, reinterpret_cast<const sockaddr*>(&where), sizeof where) == 0 &&
-        ioctlsocket(listener, FIONBIO, &nonblocking) == 0 && listen(listener, SOMAXCONN) == 0) {
+        ioctlsocket(listener, FIONBIO, &nonblocking) == 0 &&
+        (listen(listener, kMostWaiting) == 0 || listen(listener, SOMAXCONN) == 0)) {
         return listener;
     }
     const int error = WSAGetLastError();
@@ -57,7 +71,7 @@ DWORD WINAPI LetFinish(void* argument) {
 
 }  // namespace
 
-SOCKET Listen(const std::wstring& folder) {
+SOCKET Listen(const std::wstring& folder, bool quietly) {
     const BridgeIni ini = ReadBridgeIni(folder);
     UseBridgeLog(ini.settings, folder);
     const ServerAddress& listen_on = ini.settings.listen;
@@ -71,36 +85,47 @@ SOCKET Listen(const std::wstring& folder) {
         if (listener != INVALID_SOCKET) {
             return listener;
         }
-        if (GetTickCount() - start >= kWaitForPortMs) {
-            LogFailure("cannot start - ", listen_on, "");
-            return INVALID_SOCKET;
+        const bool over = GetTickCount() - start >= (quietly ? kWaitForPortQuietlyMs : kWaitForPortMs);
+        if (!quietly && (over || !std::exchange(told, true))) {
+            LogFailure(over ? "cannot start - " : "", listen_on, over ? "" : " yet");
         }
-        if (!std::exchange(told, true)) {
-            LogFailure("", listen_on, " yet");
+        if (over) {
+            return INVALID_SOCKET;
         }
         Sleep(kBetweenTriesMs);
     }
 }
 
-void TurnAway(SOCKET listener) {
-    for (;;) {
-        const SOCKET client = accept(listener, nullptr, nullptr);
-        if (client == INVALID_SOCKET) {
-            return;
-        }
+bool HasClient(SOCKET listener) {
+    fd_set waiting = {};
+    timeval at_once = {};
+    FD_SET(listener, &waiting);
+    return select(0, &waiting, nullptr, nullptr, &at_once) == 1;
+}
+
+bool TurnAway(SOCKET listener) {
+    // Nobody is hung up on before all have been taken, since whoever is may come again at once.
+    std::array<SOCKET, kMostTurnedAway> clients;
+    size_t taken = 0;
+    bool all = false;
+    for (size_t tries = 0; tries < clients.size() && !all; ++tries) {
+        clients[taken] = accept(listener, nullptr, nullptr);
+        all = clients[taken] == INVALID_SOCKET && WSAGetLastError() == WSAEWOULDBLOCK;
+        taken += clients[taken] != INVALID_SOCKET;
+    }
+    for (const SOCKET client : std::span(clients).first(taken)) {
         shutdown(client, SD_SEND);
-        HANDLE thread = nullptr;
+        OwnedHandle thread;
         if (InterlockedIncrement(&g_turned_away) <= kMostTurnedAway) {
-            thread = CreateThread(nullptr, 65536, LetFinish, reinterpret_cast<void*>(client),
-                                  STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+            thread.reset(CreateThread(nullptr, 65536, LetFinish, reinterpret_cast<void*>(client),
+                                      STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
         }
-        if (thread == nullptr) {
+        if (!thread) {
             InterlockedDecrement(&g_turned_away);
             closesocket(client);
-        } else {
-            CloseHandle(thread);
         }
     }
+    return all;
 }
 
 }  // namespace kesto::guard

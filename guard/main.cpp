@@ -8,9 +8,9 @@
 #include <chrono>
 #include <exception>
 #include <list>
-#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "common/bridge_ini.h"
 #include "common/bridge_log.h"
@@ -18,6 +18,7 @@
 #include "common/file_bytes.h"
 #include "common/program_folder.h"
 #include "guard/listener.h"
+#include "guard/policy.h"
 #include "guard/requests.h"
 #include "guard/worker.h"
 
@@ -25,49 +26,33 @@ namespace kesto::guard {
 namespace {
 
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
-constexpr auto kLongestSilence = 15s;  // the plug-in gives up a scan after 20 s
-constexpr auto kLongestStart = 10s;    // of a worker beside another
-constexpr auto kSettled =
-    5s;  // a worker that ends later than this does not count as one that ends again and again
-constexpr auto kFirstPause = 250ms;
-constexpr auto kLongestPause = 8000ms;
-constexpr auto kSettingsPause = 5s;  // until settings that cannot be followed are tried again
-constexpr auto kGap = 1800ms;        // how long clients wait in the system's queue for a worker: 2 s in all
-constexpr auto kStandstill = 2s;     // so long between two steps: the machine was asleep
 constexpr DWORD kStepMs = 250;
-constexpr DWORD kStepWithoutWorkerMs = 25;
+constexpr DWORD kTenseStepMs = 25;
+constexpr auto kBetweenTries = 5s;  // to make a pipe that somebody else has
 
 class Guard {
  public:
     Guard(std::wstring folder, SOCKET listener, Requests& requests)
         : folder_(std::move(folder)), listener_(listener), requests_(requests) {}
 
-    void Step() {
-        Wait(Any(State::kServing) ? kStepMs : kStepWithoutWorkerMs);
+    void Run() {
+        Wait(policy_.IsTense() ? kTenseStepMs : kStepMs);
         const Time now = Clock::now();
-        const bool stood_still = now > stepped_ + kStandstill;
-        stepped_ = now;
-        LookAfterWorkers(now, stood_still);
-        if (WaitForSingleObject(requests_.Event(), 0) == WAIT_OBJECT_0 && requests_.Take() &&
-            !Any(State::kStarting)) {
-            Start(now);
+        policy_.Look(now);
+        LookAfterWorkers(now);
+        LookAfterRequests(now);
+        if (!policy_.Serves()) {
+            policy_.ClientsWait(HasClient(listener_), now);
         }
-        if (!Any(State::kStarting) && !Any(State::kServing) && now >= next_start_) {
-            Start(now);
+        for (Step step = policy_.Next(now); step.kind != Step::Kind::kNothing; step = policy_.Next(now)) {
+            Do(step, now);
         }
-        if (Any(State::kServing)) {
-            served_ = now;
-        } else if (now > served_ + kGap) {
-            TurnAway(listener_);
+        if (policy_.IsToTurnAway(now)) {
+            policy_.ClientsWait(!TurnAway(listener_), now);
         }
         LogLeftOut();
-    }
-
- private:
-    bool Any(State state) const {
-        return std::any_of(workers_.begin(), workers_.end(),
-                           [state](const Worker& worker) { return worker.state == state; });
     }
 
     void Log(const std::string& kind, const std::string& message) const {
@@ -75,129 +60,101 @@ class Guard {
         LogBridge(kind, message);
     }
 
+ private:
     void Wait(DWORD limit) const {
-        HANDLE handles[8];
-        DWORD count = 0;
-        if (requests_.Event() != nullptr) {
-            handles[count++] = requests_.Event();
-        }
+        std::vector<HANDLE> handles = {requests_.Event()};
         for (const Worker& worker : workers_) {
-            if (worker.state != State::kLeaving && count + 2 <= std::size(handles)) {
-                handles[count++] = worker.process;
-                handles[count++] = worker.alive;
-            }
+            handles.push_back(worker.process.get());
+            handles.push_back(worker.alive.get());
         }
-        if (count == 0 || WaitForMultipleObjects(count, handles, FALSE, limit) == WAIT_FAILED) {
+        const auto count = static_cast<DWORD>(std::min<size_t>(handles.size(), MAXIMUM_WAIT_OBJECTS));
+        if (WaitForMultipleObjects(count, handles.data(), FALSE, limit) == WAIT_FAILED) {
             Sleep(limit);
         }
     }
 
-    void LookAfterWorkers(Time now, bool stood_still) {
+    void LookAfterWorkers(Time now) {
         for (auto at = workers_.begin(); at != workers_.end();) {
-            Worker& worker = *at;
-            const bool sign = GaveSign(worker);
-            if (sign || stood_still) {
-                worker.heard = now;
+            const Worker& worker = *at;
+            if (GaveSign(worker)) {
+                policy_.GaveSign(worker.number, now);
             }
-            if (sign && worker.state == State::kStarting) {
-                BeginsToServe(worker);
+            if (WaitForSingleObject(worker.closed.get(), 0) == WAIT_OBJECT_0) {
+                policy_.AcceptsNobody(worker.number);
             }
-            const auto limit = worker.state == State::kStarting && Any(State::kServing)
-                                   ? std::chrono::seconds(kLongestStart)
-                                   : kLongestSilence;
-            DWORD code = 0;
-            std::string how;
-            if (WaitForSingleObject(worker.process, 0) == WAIT_OBJECT_0) {
-                GetExitCodeProcess(worker.process, &code);
-                how = EndInWords(code);
-            } else if (now > worker.heard + limit) {
-                TerminateProcess(worker.process, 1);
-                code = 1;
-                how = "gave no sign of life for " + std::to_string(limit.count()) + " s and was ended";
+            if (DWORD code = 0; WaitForSingleObject(worker.process.get(), 0) == WAIT_OBJECT_0) {
+                GetExitCodeProcess(worker.process.get(), &code);
+                HasEnded(worker.number, code, EndInWords(code), now);
+                at = workers_.erase(at);
             } else {
                 ++at;
-                continue;
             }
-            const Worker ended = worker;
-            Forget(worker);
-            at = workers_.erase(at);
-            HasEnded(ended, code, how, now);
         }
     }
 
-    void BeginsToServe(Worker& worker) {
-        for (Worker& other : workers_) {
-            if (other.state == State::kServing) {
-                TellToLeave(other);
-            }
-        }
-        worker.state = State::kServing;
-        settings_wrong_ = false;
-        Answer(kRestarted);
-    }
-
-    void HasEnded(const Worker& worker, DWORD code, const std::string& how, Time now) {
-        if (worker.state == State::kLeaving) {
-            if (code != 0) {
-                Log("worker", "the former kestobridge.exe " + how);
-            }
-            return;
-        }
-        if (code == kCannotFollow) {
-            settings_wrong_ = true;
-            next_start_ = now + kSettingsPause;
-        } else {
-            if (worker.state == State::kServing && now > worker.started + kSettled) {
-                pause_ = 0ms;
-            }
-            Log("worker", "kestobridge.exe " + how);
-            Pause(now);
-        }
-        if (worker.state == State::kStarting) {
-            Answer("the new kestobridge.exe " + how);
+    void HasEnded(uint32_t worker, DWORD code, const std::string& how, Time now) {
+        if (const std::string line = policy_.Ended(worker, code, how, now); !line.empty()) {
+            Log("worker", line);
         }
     }
 
-    void Pause(Time now) {
-        next_start_ = now + pause_;
-        pause_ = pause_ == 0ms ? kFirstPause : std::min(2 * pause_, std::chrono::milliseconds(kLongestPause));
+    void LookAfterRequests(Time now) {
+        if (WaitForSingleObject(requests_.Event(), 0) == WAIT_OBJECT_0 && requests_.Take()) {
+            policy_.RestartAsked();
+        }
+        if (!requests_.IsOpen() && now >= next_try_) {
+            next_try_ = now + kBetweenTries;
+            if (requests_.Open(folder_) == 0) {
+                Log("pipe", "restarts can be asked for");
+            }
+        }
     }
 
-    void Start(Time now) {
+    void Do(const Step& step, Time now) {
+        const auto at = std::find_if(workers_.begin(), workers_.end(),
+                                     [&](const Worker& worker) { return worker.number == step.worker; });
+        switch (step.kind) {
+            case Step::Kind::kNothing:
+                break;
+            case Step::Kind::kStart:
+                return Start(step.worker, now);
+            case Step::Kind::kTellToLeave:
+                return TellToLeave(*at);
+            case Step::Kind::kEnd:
+                if (at != workers_.end()) {
+                    TerminateProcess(at->process.get(), 1);
+                    workers_.erase(at);
+                }
+                return HasEnded(step.worker, 1, step.text, now);
+            case Step::Kind::kAnswer:
+                return requests_.Answer(step.text);
+        }
+    }
+
+    void Start(uint32_t number, Time now) {
         WorkerOrders orders;
-        orders.starts = ++starts_;
+        orders.starts = number;
         const std::optional<FileIdentity> settings = IdentityOf(BridgeIniPath(folder_));
-        orders.known_problem = settings_wrong_ && settings == tried_;
+        orders.known_problem = policy_.IsProblemKnown() && settings == tried_;
         tried_ = settings;
         Worker& worker = workers_.emplace_back();
-        worker.started = worker.heard = now;
+        worker.number = number;
         if (const DWORD error = StartWorker(folder_, listener_, orders, worker)) {
             workers_.pop_back();
             const std::string problem = "cannot start kestobridge.exe - " + ErrorWords(error);
-            Pause(now);
+            policy_.StartFailed(number, problem, now);
             Log("worker", problem);
-            Answer(problem);
-        }
-    }
-
-    void Answer(const std::string& text) {
-        if (requests_.Asked()) {
-            requests_.Answer(text);
         }
     }
 
     const std::wstring folder_;
     const SOCKET listener_;
     Requests& requests_;
-    std::list<Worker>
-        workers_;  // the one that starts or serves, or both during an exchange, and those that leave
-    uint32_t starts_ = 0;
-    Time stepped_ = Clock::now();
-    Time served_ = Clock::now();  // when a worker served last
-    Time next_start_{};
-    std::chrono::milliseconds pause_{};
-    std::optional<FileIdentity> tried_;  // the settings that the last worker has read
-    bool settings_wrong_ = false;        // none has served since one could not follow them
+    Policy policy_{Clock::now()};
+    std::list<Worker> workers_;
+    // The settings that the last worker has read.
+    std::optional<FileIdentity> tried_;
+    Time next_try_ = Clock::now() + kBetweenTries;
 };
 
 // Whatever fails because there is no memory is tried again, since the engine needs its guard.
@@ -215,8 +172,7 @@ auto Persist(Work work) {
 int Explain() {
     constexpr char kText[] =
         "kestoav.exe is started by the mail server's plug-in, without arguments. It starts kestobridge.exe "
-        "and "
-        "goes on running. kestoscan.exe --help lists what you can do with it.\r\n";
+        "and goes on running. kestoscan.exe --help lists what you can do with it.\r\n";
     AttachConsole(ATTACH_PARENT_PROCESS);
     HANDLE out = GetStdHandle(STD_ERROR_HANDLE);
     DWORD written = 0;
@@ -228,22 +184,27 @@ int Explain() {
 }
 
 int Run() {
-    SetErrorMode(SEM_FAILCRITICALERRORS |
-                 SEM_NOGPFAULTERRORBOX);  // inherited, so that no dialogue keeps a crashed worker
-    const std::wstring folder = Persist(ProgramFolder);
-    Requests requests;
-    if (!Persist([&] { return requests.Open(folder); })) {
-        return 0;
-    }
+    // Inherited, so that no dialogue keeps a crashed worker.
+    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
     WSADATA data;
     WSAStartup(MAKEWORD(2, 2), &data);
-    const SOCKET listener = Persist([&] { return Listen(folder); });
+    const std::wstring folder = Persist(ProgramFolder);
+    Requests requests;
+    // Whoever has the port is the guard; others of this folder show themselves by the pipe.
+    const DWORD no_pipe = Persist([&] { return requests.Open(folder); });
+    const SOCKET listener = Persist([&] { return Listen(folder, no_pipe != 0); });
     if (listener == INVALID_SOCKET) {
-        return 1;
+        return no_pipe != 0 ? 0 : 1;
     }
     Guard guard(folder, listener, requests);
+    if (no_pipe != 0) {
+        Persist([&] {
+            guard.Log("pipe", "restarts cannot be asked for yet, since the pipe for it cannot be made - " +
+                                  ErrorWords(no_pipe));
+        });
+    }
     for (;;) {
-        Persist([&] { guard.Step(); });
+        Persist([&] { guard.Run(); });
     }
 }
 

@@ -13,11 +13,11 @@ constexpr DWORD kAnswerSize = 4096;  // larger than any answer
 
 }  // namespace
 
-bool Requests::Open(const std::wstring& folder) {
+DWORD Requests::Open(const std::wstring& folder) {
     SECURITY_ATTRIBUTES security = {sizeof security, nullptr, FALSE};
     if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(kWhoMayAsk, SDDL_REVISION_1,
                                                               &security.lpSecurityDescriptor, nullptr)) {
-        return true;
+        return GetLastError();
     }
     pipe_ = CreateNamedPipeW(GuardPipe(folder).c_str(),
                              PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
@@ -25,11 +25,10 @@ bool Requests::Open(const std::wstring& folder) {
     const DWORD error = GetLastError();
     LocalFree(security.lpSecurityDescriptor);
     if (pipe_ == INVALID_HANDLE_VALUE) {
-        return error != ERROR_ACCESS_DENIED && error != ERROR_PIPE_BUSY;
+        return error;
     }
-    event_.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     Wait();
-    return true;
+    return 0;
 }
 
 void Requests::Wait() {

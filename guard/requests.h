@@ -1,5 +1,5 @@
 // Requests for a restart, by a pipe whose name holds the folder: whoever connects to it asks for a restart,
-// and gets the answer there. The pipe also shows that a guard is at work: a folder has one at a time.
+// and gets the answer there.
 #pragma once
 
 #include <windows.h>
@@ -10,14 +10,16 @@ namespace kesto::guard {
 
 class Requests {
  public:
-    // False: another guard of this folder is at work. If the pipe cannot be made, nobody can ask.
-    bool Open(const std::wstring& folder);
+    // Makes the pipe, or returns the system's error code: nobody can ask until a later call succeeds. Mostly
+    // another guard of this folder is at work then. But any program can make a pipe of this name.
+    DWORD Open(const std::wstring& folder);
+
+    bool IsOpen() const { return pipe_ != INVALID_HANDLE_VALUE; }
 
     // Set when Take is to be called.
     HANDLE Event() const { return event_.hEvent; }
     // True when somebody asks for a restart, who must get an answer.
     bool Take();
-    bool Asked() const { return state_ == State::kAsked; }
     void Answer(const std::string& text);
 
  private:
@@ -26,7 +28,7 @@ class Requests {
 
     State state_ = State::kWaiting;
     HANDLE pipe_ = INVALID_HANDLE_VALUE;
-    OVERLAPPED event_ = {};
+    OVERLAPPED event_ = {0, 0, {}, CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     char scrap_ = '\0';
 };
 

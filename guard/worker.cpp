@@ -1,9 +1,12 @@
 #include "guard/worker.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <iterator>
+
+#include "common/guard_words.h"
 
 namespace kesto::guard {
 namespace {
@@ -14,6 +17,7 @@ constexpr struct {
 } kEnds[] = {
     {3, "stopped itself"},  // abort
     {kCannotFollow, "cannot follow its settings"},
+    {kCannotTakeOver, "could not take over the socket"},
     {0x40010004, "was ended with the user's session"},
     {0xC0000005, "crashed by an access violation"},
     {0xC0000017, "found no memory"},
@@ -25,21 +29,20 @@ constexpr struct {
     {0xC0000409, "stopped itself"},
 };
 
-// Starts the program with these two handles and no others of ours.
-bool Start(const std::wstring& program, const std::wstring& folder, HANDLE input, HANDLE alive,
+// Starts the program with these handles and no others of ours, the first one as its standard input.
+bool Start(const std::wstring& program, const std::wstring& folder, std::array<HANDLE, 3> inherited,
            PROCESS_INFORMATION& started) {
     alignas(std::max_align_t) std::byte memory[256];  // enough for one attribute
     SIZE_T size = sizeof memory;
-    HANDLE inherited[] = {input, alive};
     STARTUPINFOEXW startup = {};
     startup.StartupInfo.cb = sizeof startup;
     startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES | STARTF_USESHOWWINDOW;
     startup.StartupInfo.wShowWindow = SW_HIDE;
-    startup.StartupInfo.hStdInput = input;
+    startup.StartupInfo.hStdInput = inherited[0];
     startup.lpAttributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory);
     return InitializeProcThreadAttributeList(startup.lpAttributeList, 1, 0, &size) &&
-           UpdateProcThreadAttribute(startup.lpAttributeList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, inherited,
-                                     sizeof inherited, nullptr, nullptr) &&
+           UpdateProcThreadAttribute(startup.lpAttributeList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
+                                     inherited.data(), sizeof inherited, nullptr, nullptr) &&
            CreateProcessW(program.c_str(), nullptr, nullptr, nullptr, TRUE,
                           DETACHED_PROCESS | EXTENDED_STARTUPINFO_PRESENT, nullptr, folder.c_str(),
                           &startup.StartupInfo, &started);
@@ -49,51 +52,40 @@ bool Start(const std::wstring& program, const std::wstring& folder, HANDLE input
 
 DWORD StartWorker(const std::wstring& folder, SOCKET listener, WorkerOrders orders, Worker& worker) {
     SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
-    HANDLE input = nullptr;
+    HANDLE reading = nullptr, writing = nullptr;
+    if (!CreatePipe(&reading, &writing, nullptr, 4096)) {
+        return GetLastError();
+    }
+    const OwnedHandle input(reading);
+    worker.orders.reset(writing);
+    worker.alive.reset(CreateEventW(&inherited, TRUE, FALSE, nullptr));
+    worker.closed.reset(CreateEventW(&inherited, TRUE, TRUE, nullptr));
     PROCESS_INFORMATION started = {};
-    worker.alive = CreateEventW(&inherited, TRUE, FALSE, nullptr);
-    DWORD error = 0;
-    if (worker.alive == nullptr || !CreatePipe(&input, &worker.orders, nullptr, 4096) ||
-        !SetHandleInformation(input, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT) ||
-        !Start(folder + L"\\" + kWorkerProgram, folder, input, worker.alive, started)) {
-        error = GetLastError();
-    } else if (WSADuplicateSocketW(listener, started.dwProcessId, &orders.listener) != 0) {
-        error = static_cast<DWORD>(WSAGetLastError());
+    if (!worker.alive || !worker.closed ||
+        !SetHandleInformation(reading, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT) ||
+        !Start(folder + L"\\" + kWorkerProgram, folder, {reading, worker.alive.get(), worker.closed.get()},
+               started)) {
+        return GetLastError();
     }
-    if (input != nullptr) {
-        CloseHandle(input);
+    worker.process.reset(started.hProcess);
+    CloseHandle(started.hThread);
+    if (WSADuplicateSocketW(listener, started.dwProcessId, &orders.listener) != 0) {
+        return static_cast<DWORD>(WSAGetLastError());  // its pipe breaks, and it ends
     }
-    worker.process = started.hProcess;
-    if (started.hThread != nullptr) {
-        CloseHandle(started.hThread);
-    }
-    orders.alive = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(worker.alive));
+    orders.alive = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(worker.alive.get()));
+    orders.closed = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(worker.closed.get()));
     DWORD written = 0;
-    if (error == 0) {
-        WriteFile(worker.orders, &orders, sizeof orders, &written, nullptr);
-    } else {
-        Forget(worker);  // its pipe breaks, and it ends
-    }
-    return error;
+    WriteFile(worker.orders.get(), &orders, sizeof orders, &written, nullptr);
+    return 0;
 }
 
 bool GaveSign(const Worker& worker) {
-    return WaitForSingleObject(worker.alive, 0) == WAIT_OBJECT_0 && ResetEvent(worker.alive);
+    return WaitForSingleObject(worker.alive.get(), 0) == WAIT_OBJECT_0 && ResetEvent(worker.alive.get());
 }
 
-void TellToLeave(Worker& worker) {
+void TellToLeave(const Worker& worker) {
     DWORD written = 0;
-    worker.state = State::kLeaving;
-    WriteFile(worker.orders, &kLeave, 1, &written, nullptr);
-}
-
-void Forget(Worker& worker) {
-    for (HANDLE* each : {&worker.process, &worker.orders, &worker.alive}) {
-        if (*each != nullptr) {
-            CloseHandle(*each);
-            *each = nullptr;
-        }
-    }
+    WriteFile(worker.orders.get(), &kLeave, 1, &written, nullptr);
 }
 
 std::string EndInWords(DWORD exit_code) {

@@ -4,29 +4,19 @@
 #include <winsock2.h>
 #include <windows.h>
 
-#include <chrono>
 #include <string>
 
-#include "common/guard_words.h"
+#include "common/owned_handle.h"
+#include "common/worker_orders.h"
 
 namespace kesto::guard {
 
-using Clock = std::chrono::steady_clock;
-using Time = Clock::time_point;
-
-enum class State {
-    kStarting,  // no sign of life yet
-    kServing,
-    kLeaving  // lets no more clients in, and ends after its running scans
-};
-
 struct Worker {
-    State state = State::kStarting;
-    HANDLE process = nullptr;
-    HANDLE orders = nullptr;  // the pipe to it
-    HANDLE alive = nullptr;   // the event that it sets
-    Time started;
-    Time heard;
+    uint32_t number = 0;
+    OwnedHandle process;
+    OwnedHandle orders;  // the pipe to it
+    OwnedHandle alive;   // the event that it sets
+    OwnedHandle closed;  // the event that is set while it accepts nobody
 };
 
 // Starts a worker that shares the listening socket. Returns the system's error code.
@@ -35,12 +25,9 @@ DWORD StartWorker(const std::wstring& folder, SOCKET listener, WorkerOrders orde
 // Whether it has given a sign of life since the last call.
 bool GaveSign(const Worker& worker);
 
-void TellToLeave(Worker& worker);
+void TellToLeave(const Worker& worker);
 
-// To be called when it has ended.
-void Forget(Worker& worker);
-
-// How a process ended, in words: "crashed: access violation (0xC0000005)".
+// How a process ended, in words: "crashed by an access violation (0xC0000005)".
 std::string EndInWords(DWORD exit_code);
 
 }  // namespace kesto::guard

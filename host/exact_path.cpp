@@ -13,14 +13,6 @@ bool HasDrive(std::wstring_view path) {
     return path.size() >= 2 && path[1] == L':' && ((path[0] | 0x20) >= L'a' && (path[0] | 0x20) <= L'z');
 }
 
-// The system's own full path. It is right only for names that are not a device and do not end with a blank or
-// a full stop.
-std::wstring SystemFullPath(const std::wstring& path) {
-    std::wstring full(GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
-    full.resize(GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
-    return full;
-}
-
 // `path` with the current folder, or that of its drive, put in front.
 std::wstring Rooted(const std::wstring& path) {
     if (path.starts_with(L"\\\\") || (HasDrive(path) && path.size() > 2 && path[2] == L'\\')) {
@@ -34,6 +26,12 @@ std::wstring Rooted(const std::wstring& path) {
 }
 
 }  // namespace
+
+std::wstring SystemFullPath(const std::wstring& path) {
+    std::wstring full(GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
+    full.resize(GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
+    return full;
+}
 
 std::wstring ExactPath(const std::wstring& path) {
     if (path.starts_with(L"\\\\?\\") || path.starts_with(L"\\\\.\\")) {

@@ -11,6 +11,10 @@ namespace kesto::host {
 // it is.
 std::wstring ExactPath(const std::wstring& path);
 
+// The system's own full path. It is right only for names that are not a device and do not end with a blank or
+// a full stop.
+std::wstring SystemFullPath(const std::wstring& path);
+
 // The part of `path` up to and including its last separator; may be empty.
 std::wstring FolderPart(const std::wstring& path);
 

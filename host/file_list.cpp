@@ -50,11 +50,10 @@ bool NamesDevice(const std::wstring& path) {
 
 class Lister {
  public:
-    Lister(const ListOptions& options, FileListing& listing) : options_(options), listing_(listing) {
-        if (!options.quarantine.empty()) {
-            quarantine_ = IdentityOf(ExactPath(options.quarantine));
-        }
-    }
+    Lister(const ListOptions& options, const std::wstring& quarantine, FileListing& listing)
+        : options_(options),
+          quarantine_(quarantine.empty() ? std::nullopt : IdentityOf(ExactPath(quarantine))),
+          listing_(listing) {}
 
     void AddArgument(const std::wstring& path) {
         if (path == kStandardInput) {
@@ -180,16 +179,16 @@ class Lister {
     }
 
     const ListOptions& options_;
+    const std::optional<FileIdentity> quarantine_;
     FileListing& listing_;
-    std::optional<FileIdentity> quarantine_;
 };
 
 }  // namespace
 
 FileListing ListFiles(const std::vector<std::wstring>& arguments, const std::vector<std::wstring>& from_list,
-                      const ListOptions& options) {
+                      const ListOptions& options, const std::wstring& quarantine) {
     FileListing listing;
-    Lister lister(options, listing);
+    Lister lister(options, quarantine, listing);
     for (const std::wstring& path : arguments) {
         lister.AddArgument(path);
     }

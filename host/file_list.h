@@ -22,7 +22,6 @@ struct ListOptions {
     // Names to leave out; a pattern with a separator is for whole paths, as they are printed or in full.
     std::vector<std::wstring> excluded_files;
     std::vector<std::wstring> excluded_folders;
-    std::wstring quarantine;  // absolute; its files are not scanned again. Empty: there is none
 };
 
 struct FileListing {
@@ -37,9 +36,9 @@ inline constexpr wchar_t kStandardInput[] = L"-";  // as an argument
 // Junctions and links to folders below a named folder are not entered, so that loops end. Paths that do not
 // exist are listed with their error, and so are devices. The patterns of `options` apply to what was found,
 // not to what was named. "-" is standard input among the `arguments` only; in a list it is a file of that
-// name.
+// name. What is in the quarantine, if it is not empty, is not scanned again.
 FileListing ListFiles(const std::vector<std::wstring>& arguments, const std::vector<std::wstring>& from_list,
-                      const ListOptions& options);
+                      const ListOptions& options, const std::wstring& quarantine);
 
 // The lines of `file`, or of standard input, that are not empty, as WideFromFile reads them.
 Fault ReadPathList(const std::wstring& file, std::vector<std::wstring>& paths);

@@ -2,7 +2,9 @@
 #include <windows.h>
 
 #include <exception>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "common/text.h"
 #include "host/check/check.h"
@@ -21,6 +23,16 @@
 #include "host/update.h"
 
 namespace kesto::host {
+
+// What its task needs is filled in before it runs.
+struct TaskRun {
+    const Options& options;
+    InstalledPlugin installed{};
+    std::shared_ptr<PluginLibrary> plugin{};
+    FileListing files{};
+    EngineStart engine = EngineStart::kRuns;
+};
+
 namespace {
 
 constexpr DWORD kEngineListensMs = 5000;  // a new engine gets this long to tell its version
@@ -28,144 +40,146 @@ constexpr DWORD kPollMs = 100;
 
 int Fail(const Options& options, const Fault& fault) {
     PrintError("kestoscan: " + fault.text + (fault.text.ends_with('\n') ? "" : "\n"));
-    if (options.json) {
+    if (options.report.json) {
         PrintOut(JsonLine({{"error", fault.text}}) + "\n");
     }
     return kExitError;
 }
 
-int PrintVersion(const PluginLibrary& plugin, const InstalledPlugin& installed, bool engine_is_new) {
+int RestartBridge(TaskRun& run) {
+    const int status = Restart(run.installed);
+    if (status != kExitClean) {
+        PrintError(WhyEngineEnds(run.installed));
+    }
+    return status;
+}
+
+int PrintVersion(TaskRun& run) {
     const DWORD start = GetTickCount();
-    bool told = VersionIsTold(installed);
-    while (!told && engine_is_new && GetTickCount() - start < kEngineListensMs) {
+    bool told = VersionIsTold(run.installed);
+    while (!told && run.engine == EngineStart::kStarted && GetTickCount() - start < kEngineListensMs) {
         Sleep(kPollMs);
-        told = VersionIsTold(installed);
+        told = VersionIsTold(run.installed);
     }
     char text[1024] = "";
-    plugin.get_version_details(text, sizeof text);
+    run.plugin->get_version_details(text, sizeof text);
     PrintOut(PrintableLines(Utf8FromAnsi(text)) + "\n");
     return told ? kExitClean : kExitError;
 }
 
-Fault FindFiles(const Options& options, FileListing& listing) {
+constexpr Task kTasks[] = {
+    {nullptr, TaskNeeds::kEngine, kFileOptions | kJson | kWait,
+     [](TaskRun& run) {
+         return ScanFiles(run.plugin, run.installed, std::move(run.files), run.options.scan,
+                          run.options.report);
+     },
+     ""},
+    {"--check", TaskNeeds::kNothing, kJson,
+     [](TaskRun& run) {
+         return CheckInstallation(run.options.library, run.options.folder, run.options.report.json);
+     },
+     "Diagnose the installation and say what to do"},
+    {"--ping", TaskNeeds::kInstallation, kWait | kWaitAlone,
+     [](TaskRun& run) { return Ping(run.installed, run.options.wait); },
+     "Check that the engine can complete a scan"},
+    {"--stats", TaskNeeds::kInstallation, 0, [](TaskRun& run) { return PrintStats(run.installed); },
+     "Print the bridge's numbers, in the Prometheus text format"},
+    {"--restart", TaskNeeds::kInstallation, 0, RestartBridge, "Restart the bridge without losing a scan"},
+    {"--version", TaskNeeds::kPlugin, kWait, PrintVersion, "Print the versions of plug-in and engine"},
+    {"--update", TaskNeeds::kPlugin, kWait, [](TaskRun& run) { return Update(*run.plugin, run.installed); },
+     "Update the signatures as the mail server does"},
+};
+
+Fault FindFiles(const Options& options, FileListing& files) {
     std::vector<std::wstring> from_list;
     if (!options.file_list.empty()) {
         if (Fault fault = ReadPathList(options.file_list, from_list)) {
             return fault;
         }
     }
-    const std::wstring& quarantine = options.list.quarantine;
+    const std::wstring& quarantine = options.scan.quarantine;
     const DWORD attributes = GetFileAttributesW(quarantine.c_str());
     if (!quarantine.empty() &&
         (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY))) {
         return {Utf8FromWide(quarantine) + " is not a folder that files can be put into"};
     }
-    listing = ListFiles(options.paths, from_list, options.list);
+    files = ListFiles(options.paths, from_list, options.list, quarantine);
     return {};
 }
 
-// Does the tasks that need the plug-in. `stays`: it must not be unloaded.
-int RunTask(const Options& options, const InstalledPlugin& installed, const PluginLibrary& plugin,
-            bool& stays) {
-    const bool scan = options.task == Task::kScan;
-    FileListing listing;
-    if (const Fault fault = scan ? FindFiles(options, listing) : Fault()) {
-        return Fail(options, fault);
+// Fills in what the task needs.
+Fault Prepare(TaskRun& run) {
+    const Options& options = run.options;
+    const TaskNeeds needs = options.task->needs;
+    if (needs == TaskNeeds::kNothing) {
+        return {};
+    }
+    run.installed = ReadInstalledPlugin(options.folder);
+    if (run.installed.folder_fault) {
+        return run.installed.folder_fault;
+    }
+    if (!HoldsPlugin(run.installed)) {
+        return {
+            Utf8FromWide(options.folder) +
+            " holds no part of the plug-in: --folder names the folder in which kestoav.ini and plugins lie"};
+    }
+    if (needs == TaskNeeds::kInstallation) {
+        return {};
+    }
+    const bool engine_needed = needs == TaskNeeds::kEngine;
+    run.plugin = std::make_shared<PluginLibrary>();
+    if (Fault fault = LoadPlugin(options.library, *run.plugin)) {
+        return fault;
+    }
+    if (Fault fault = FindFiles(options, run.files)) {
+        return fault;
     }
     // A scan starts an engine sooner or later, whatever autostart says.
-    EngineStart engine = EngineStart::kRuns;
-    if (scan || installed.settings.autostart) {
-        engine = EnsureEngine(installed);
+    if (engine_needed || run.installed.settings.autostart) {
+        run.engine = EnsureEngine(run.installed);
     }
-    if (engine == EngineStart::kEndedAtOnce) {
-        const std::string words = EngineEndsText(installed);
-        if (scan) {
-            return Fail(options, {words});
+    if (run.engine == EngineStart::kEndedAtOnce) {
+        const std::string words = EngineEndsText(run.installed);
+        if (engine_needed) {
+            return {words};
         }
         PrintError("kestoscan: " + words);
     }
     bool without_engine = false;
-    if (const Fault fault = StartPlugin(plugin, options.folder, without_engine)) {
+    if (Fault fault = StartPlugin(*run.plugin, options.folder, without_engine)) {
         // Without an engine each scan would wait for one in vain; the other tasks need none.
-        if (scan || !without_engine) {
-            return Fail(options, fault);
+        if (engine_needed || !without_engine) {
+            return fault;
         }
         PrintError("kestoscan: " + fault.text + "\n");
     }
     std::string words;
-    if (options.wait != 0 && !EngineAnswers(installed, options.wait, words)) {
-        return Fail(options, {"the engine does not answer - " + words});
+    if (options.wait != 0 && !EngineAnswers(run.installed, options.wait, words)) {
+        return {"the engine does not answer - " + words};
     }
-    if (options.task == Task::kVersion) {
-        return PrintVersion(plugin, installed, engine == EngineStart::kStarted);
-    }
-    if (options.task == Task::kUpdate) {
-        return Update(plugin, installed);
-    }
-    const ScanOutcome scanned = ScanFiles(plugin, installed, std::move(listing),
-                                          {options.jobs,
-                                           options.timeout,
-                                           options.list.quarantine,
-                                           options.move,
-                                           {options.json, options.infected, options.summary}});
-    stays = scanned.threads_left;
-    return scanned.status;
+    return {};
 }
 
-int RunOptions(const Options& options) {
-    if (!options.log.empty()) {
-        if (const Fault fault = PrintToFileToo(options.log)) {
-            return Fail(options, fault);
-        }
+int RunTask(const Options& options) {
+    TaskRun run{options};
+    Fault fault = options.log.empty() ? Fault() : PrintToFileToo(options.log);
+    if (!fault) {
+        fault = Prepare(run);
     }
-    if (options.task == Task::kCheck) {
-        return CheckInstallation(options.library, options.folder, options.json);
-    }
-    const InstalledPlugin installed = ReadInstalledPlugin(options.folder);
-    if (installed.folder_fault) {
-        return Fail(options, installed.folder_fault);
-    }
-    if (!HoldsPlugin(installed)) {
-        return Fail(options, {Utf8FromWide(options.folder) +
-                              " holds no part of the plug-in: --folder names the folder in which "
-                              "kestoav.ini and plugins lie"});
-    }
-    if (options.task == Task::kPing) {
-        return Ping(installed, options.wait);
-    }
-    if (options.task == Task::kStats) {
-        return PrintStats(installed);
-    }
-    if (options.task == Task::kRestart) {
-        const int status = Restart(installed);
-        if (status != kExitClean) {
-            PrintError(WhyEngineEnds(installed));
-        }
-        return status;
-    }
-    PluginLibrary plugin;
-    if (const Fault fault = LoadPlugin(options.library, plugin)) {
-        return Fail(options, fault);
-    }
-    bool stays = false;
-    const int status = RunTask(options, installed, plugin, stays);
-    if (!stays) {
-        ClosePlugin(plugin);
-    }
-    return status;
+    return fault ? Fail(options, fault) : options.task->run(run);
 }
 
 int Run(int count, wchar_t** arguments) {
-    SetErrorMode(
-        SEM_FAILCRITICALERRORS);  // a damaged library or an empty drive is an error, without a dialogue
+    // A damaged library or an empty drive is an error, without a dialogue.
+    SetErrorMode(SEM_FAILCRITICALERRORS);
     WatchForInterrupt();
     Options options;
     int status = kExitClean;
-    if (const Fault fault = ParseCommandLine(count, arguments, options)) {
+    if (const Fault fault = ParseCommandLine(count, arguments, kTasks, options)) {
         status = Fail(options, fault);
         PrintError("kestoscan --help lists the options.\n");
-    } else if (options.task != Task::kHelp) {
-        status = RunOptions(options);
+    } else if (options.task != nullptr) {
+        status = RunTask(options);
     }
     if (const Fault fault = OutputFault()) {
         PrintError("kestoscan: " + fault.text + "\n");

@@ -19,14 +19,14 @@ std::string ByteText(uint64_t bytes) {
     return text;
 }
 
-std::string ProgressLine(const Progress& progress) {
-    std::string line = std::to_string(progress.files_done) + "/" + std::to_string(progress.files_total) +
-                       " files, " + ByteText(progress.bytes_done);
-    if (progress.seconds <= 0 || progress.bytes_done == 0) {
+std::string ProgressLine(const ScanTotals& totals) {
+    std::string line = std::to_string(totals.done) + "/" + std::to_string(totals.files) + " files, " +
+                       ByteText(totals.bytes);
+    if (totals.seconds <= 0 || totals.bytes == 0) {
         return line;
     }
-    const double rate = static_cast<double>(progress.bytes_done) / progress.seconds;
-    const uint64_t bytes_left = std::max(progress.bytes_total, progress.bytes_done) - progress.bytes_done;
+    const double rate = static_cast<double>(totals.bytes) / totals.seconds;
+    const uint64_t bytes_left = std::max(totals.bytes_listed, totals.bytes) - totals.bytes;
     const auto left = static_cast<uint64_t>(std::llround(static_cast<double>(bytes_left) / rate));
     char time[40];
     if (left >= 3600) {

@@ -1,4 +1,4 @@
-// The line that tells how far a scan has come.
+// How far a scan has come, and the line that tells it.
 #pragma once
 
 #include <cstdint>
@@ -6,16 +6,21 @@
 
 namespace kesto::host {
 
-struct Progress {
-    uint64_t files_done = 0;
-    uint64_t files_total = 0;
-    uint64_t bytes_done = 0;
-    uint64_t bytes_total = 0;  // as listed; a file may have changed since
-    double seconds = 0;        // since the start
+// The numbers of one run.
+struct ScanTotals {
+    uint64_t files = 0;  // listed
+    uint64_t done = 0;   // of them
+    uint64_t scanned = 0;
+    uint64_t infected = 0;
+    uint64_t errors = 0;
+    uint64_t left_out = 0;      // by the user's patterns
+    uint64_t bytes = 0;         // scanned
+    uint64_t bytes_listed = 0;  // of files that did not fail; one may have changed since
+    double seconds = 0;         // since the start
 };
 
 // "12/40 files, 3.1 MB, 1.5 MB/s, 0:07 left"; the time left is given only when there is a rate.
-std::string ProgressLine(const Progress& progress);
+std::string ProgressLine(const ScanTotals& totals);
 
 // "512 B", "3.1 MB": powers of 1000.
 std::string ByteText(uint64_t bytes);

@@ -4,7 +4,6 @@
 
 #include "common/text.h"
 #include "host/common/output.h"
-#include "host/progress.h"
 
 namespace kesto::host {
 namespace {
@@ -12,40 +11,34 @@ namespace {
 // Printed with the first line, so that an interrupted run leaves a whole document or nothing.
 constexpr char kJsonStart[] = "{\"files\": [";
 
-std::string SecondsText(double seconds) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1f s", seconds);
-    return text;
-}
-
-std::string SummaryText(const ScanTotals& totals) {
-    std::string text = "\n";
-    if (totals.interrupted) {
-        text += "Interrupted\n";
-    }
-    text += "Scanned files: " + std::to_string(totals.scanned) + "\n";
-    text += "Infected files: " + std::to_string(totals.infected) + "\n";
-    text += "Errors: " + std::to_string(totals.errors) + "\n";
-    if (totals.not_scanned != 0) {
-        text += "Not scanned: " + std::to_string(totals.not_scanned) + "\n";
+std::string SummaryText(const ScanTotals& totals, bool interrupted) {
+    std::string text = interrupted ? "\nInterrupted\n" : "\n";
+    const auto line = [&](const char* name, uint64_t number) {
+        text += name + (": " + std::to_string(number)) + "\n";
+    };
+    line("Scanned files", totals.scanned);
+    line("Infected files", totals.infected);
+    line("Errors", totals.errors);
+    if (totals.done != totals.files) {
+        line("Not scanned", totals.files - totals.done);
     }
     if (totals.left_out != 0) {
-        text += "Left out: " + std::to_string(totals.left_out) + "\n";
+        line("Left out", totals.left_out);
     }
-    text += "Data scanned: " + ByteText(totals.bytes) + "\n";
-    text += "Time: " + SecondsText(totals.seconds) + "\n";
-    return text;
+    char time[32];
+    std::snprintf(time, sizeof time, "%.1f s", totals.seconds);
+    return text + "Data scanned: " + ByteText(totals.bytes) + "\nTime: " + time + "\n";
 }
 
-Json SummaryJson(const ScanTotals& totals) {
+Json SummaryJson(const ScanTotals& totals, bool interrupted) {
     return {{"scanned", totals.scanned},
             {"infected", totals.infected},
             {"errors", totals.errors},
-            {"not_scanned", totals.not_scanned},
+            {"not_scanned", totals.files - totals.done},
             {"left_out", totals.left_out},
             {"bytes", totals.bytes},
             {"milliseconds", static_cast<uint64_t>(totals.seconds * 1000)},
-            {"interrupted", totals.interrupted}};
+            {"interrupted", interrupted}};
 }
 
 }  // namespace
@@ -53,73 +46,57 @@ Json SummaryJson(const ScanTotals& totals) {
 Report::Report(const ReportOptions& options) : options_(options) {}
 
 void Report::Clean(const std::string& path, uint64_t size) {
-    if (options_.infected_only) {
-        return;
-    }
-    if (options_.json) {
-        PrintJson({{"path", path}, {"result", "clean"}, {"size", size}});
-    } else {
-        PrintOut(Printable(path) + ": OK\n");
+    if (!options_.infected_only) {
+        Tell({{"path", path}, {"result", "clean"}, {"size", size}}, path + ": OK", PrintOut);
     }
 }
 
 void Report::Infected(const std::string& path, uint64_t size, const std::string& virus,
                       const std::string& put_away, const std::string& where, const Fault& fault) {
-    if (options_.json) {
-        Json object = {{"path", path}, {"result", "infected"}, {"size", size}, {"name", virus}};
-        if (!put_away.empty()) {
-            object[put_away + "_to"] = where;
-        }
-        if (fault) {
-            object["error"] = fault.text;
-            object["code"] = fault.code;
-        }
-        PrintJson(object);
-        return;
-    }
-    PrintOut(Printable(path + ": " + (virus.empty() ? "(unnamed)" : virus)) + " FOUND\n");
+    Json object = {{"path", path}, {"result", "infected"}, {"size", size}, {"name", virus}};
     if (!put_away.empty()) {
-        PrintOut(Printable(path + ": " + put_away + " to " + where) + "\n");
+        object[put_away + "_to"] = where;
     }
     if (fault) {
-        PrintFault(path, fault);
+        object.update({{"error", fault.text}, {"code", fault.code}});
+    }
+    Tell(object, path + ": " + (virus.empty() ? "(unnamed)" : virus) + " FOUND", PrintOut);
+    if (!put_away.empty() && !options_.json) {
+        PrintOut(Printable(path + ": " + put_away + " to " + where) + "\n");
+    }
+    if (fault && !options_.json) {
+        Failed(path, fault);
     }
 }
 
 void Report::Failed(const std::string& path, const Fault& fault) {
-    if (options_.json) {
-        PrintJson({{"path", path}, {"result", "error"}, {"error", fault.text}, {"code", fault.code}});
-    } else {
-        PrintFault(path, fault);
-    }
-}
-
-void Report::PrintFault(const std::string& path, const Fault& fault) const {
-    const auto print = options_.infected_only ? PrintError : PrintOut;
-    print(Printable(path + ": ERROR " + fault.text) + " (" + std::to_string(fault.code) + ")\n");
+    Tell({{"path", path}, {"result", "error"}, {"error", fault.text}, {"code", fault.code}},
+         path + ": ERROR " + fault.text + " (" + std::to_string(fault.code) + ")",
+         options_.infected_only ? PrintError : PrintOut);
 }
 
 void Report::Skipped(const std::string& path, const std::string& reason) {
-    if (options_.infected_only) {
+    if (!options_.infected_only) {
+        Tell({{"path", path}, {"result", "skipped"}, {"reason", reason}}, path + ": SKIPPED " + reason,
+             PrintOut);
+    }
+}
+
+void Report::Summary(const ScanTotals& totals, bool interrupted) {
+    const std::string json_end =
+        options_.no_summary ? "}\n" : ", \"summary\": " + JsonLine(SummaryJson(totals, interrupted)) + "}\n";
+    if (options_.json) {
+        PrintOut(std::string(first_ ? kJsonStart : "") + "\n]" + json_end);
+    } else if (!options_.no_summary) {
+        PrintOut(SummaryText(totals, interrupted));
+    }
+}
+
+void Report::Tell(const Json& object, const std::string& line, void (*print)(std::string_view)) {
+    if (!options_.json) {
+        print(Printable(line) + "\n");
         return;
     }
-    if (options_.json) {
-        PrintJson({{"path", path}, {"result", "skipped"}, {"reason", reason}});
-    } else {
-        PrintOut(Printable(path + ": SKIPPED " + reason) + "\n");
-    }
-}
-
-void Report::Summary(const ScanTotals& totals) {
-    if (options_.json) {
-        PrintOut(std::string(first_ ? kJsonStart : "") + "\n]" +
-                 (options_.summary ? ", \"summary\": " + JsonLine(SummaryJson(totals)) : "") + "}\n");
-    } else if (options_.summary) {
-        PrintOut(SummaryText(totals));
-    }
-}
-
-void Report::PrintJson(const Json& object) {
     PrintOut((first_ ? std::string(kJsonStart) + "\n" : ",\n") + JsonLine(object));
     first_ = false;
 }

@@ -3,28 +3,18 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "common/fault.h"
 #include "host/common/json_line.h"
+#include "host/progress.h"
 
 namespace kesto::host {
 
 struct ReportOptions {
     bool json = false;
     bool infected_only = false;  // clean files are left out, and without JSON errors go to standard error
-    bool summary = true;
-};
-
-// Totals of one run. `not_scanned` counts the files left out because the run ended early.
-struct ScanTotals {
-    uint64_t scanned = 0;
-    uint64_t infected = 0;
-    uint64_t errors = 0;
-    uint64_t not_scanned = 0;
-    uint64_t left_out = 0;  // by the user's patterns
-    uint64_t bytes = 0;
-    double seconds = 0;
-    bool interrupted = false;
+    bool no_summary = false;
 };
 
 // One run's report, to be used under OutputLock by any thread: whole lines and a whole JSON document
@@ -40,11 +30,10 @@ class Report {
                   const std::string& put_away, const std::string& where, const Fault& fault);
     void Failed(const std::string& path, const Fault& fault);
     void Skipped(const std::string& path, const std::string& reason);
-    void Summary(const ScanTotals& totals);
+    void Summary(const ScanTotals& totals, bool interrupted);
 
  private:
-    void PrintFault(const std::string& path, const Fault& fault) const;
-    void PrintJson(const Json& object);
+    void Tell(const Json& object, const std::string& line, void (*print)(std::string_view));
 
     const ReportOptions options_;
     bool first_ = true;

@@ -27,12 +27,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Guard = std::unique_lock<std::recursive_mutex>;
 
-// Limit for all files in memory together, since several large ones could exhaust the address space though
-// each fits. A larger file is in memory alone.
-constexpr uint64_t kMostHeld = 128u << 20;
+constexpr uint64_t kMostHeld = 128u << 20;  // bytes
 constexpr auto kWatchInterval = std::chrono::milliseconds(250);
-constexpr auto kThreadsLeave =
-    std::chrono::milliseconds(500);   // that is enough for threads that have nothing more to do
+// Enough for threads that have nothing more to do.
+constexpr auto kThreadsLeave = std::chrono::milliseconds(500);
 constexpr uint32_t kTimedOut = 1460;  // the system's code for it
 
 // A thread that takes one file after the other.
@@ -43,27 +41,39 @@ struct Lane {
     bool given_up = false;             // nobody waits for its call any more
 };
 
-// Every thread of the run keeps it, since a thread that was given up may outlast the run.
+// One run. Its rules:
+// - Whatever changes in it, its lanes included, is used under OutputLock: a line is printed together with the
+//   change that it tells, and whoever interrupts the run finds both whole. Files are read, the plug-in is
+//   called and the engine is looked at without the lock.
+// - A lane is given up when its file takes too long, and each at the end of the run. It prints nothing more,
+//   whenever its call returns; a new lane takes its place. Its thread may outlast the run, so each keeps it.
+// - The plug-in is its caller's, and a thread's for the time of a call. Whoever lets go last closes it.
+// - Several files are scanned at a time only as long as the engine answers: threads that all find it
+//   unreachable would each restart it, and end one another's.
+// - Files in memory together have a limit, since several large ones could exhaust the address space though
+//   each fits. A larger file is in memory alone.
+// - After an error that the plug-in calls fatal no further file is taken. When the run has become useless
+//   (`stop_words_`), the scans that run are not waited for, either.
 class ScanRun : public std::enable_shared_from_this<ScanRun> {
  public:
-    ScanRun(const PluginLibrary& plugin, const InstalledPlugin& installed, FileListing listing,
-            const ScanOptions& options)
+    ScanRun(const std::shared_ptr<const PluginLibrary>& plugin, const InstalledPlugin& installed,
+            FileListing listing, const ScanOptions& options, const ReportOptions& report)
         : plugin_(plugin),
           installed_(installed),
           files_(std::move(listing.files)),
           options_(options),
-          report_(options.report) {
+          report_(report) {
         totals_.left_out = listing.left_out;
-        progress_.files_total = files_.size();
+        totals_.files = files_.size();
         for (const ListedFile& file : files_) {
-            progress_.bytes_total += file.size;
+            totals_.bytes_listed += file.size;
         }
     }
 
-    ScanOutcome Run() {
+    int Run() {
         Guard guard(OutputLock());
         SetLastWords([this] {
-            Finish(true);
+            report_.Summary(CurrentTotals(), true);
             return totals_.infected != 0 ? kExitInfected : kExitError;
         });
         for (size_t i = 0; i < std::min<size_t>(options_.jobs, files_.size()); ++i) {
@@ -84,25 +94,27 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
             }
             if (ProgressShown() && !AllDone() && now - drawn >= kWatchInterval) {
                 drawn = now;
-                DrawProgress(ProgressLine(CurrentProgress()));
+                DrawProgress(ProgressLine(CurrentTotals()));
             }
         }
         stopped_ = true;
-        Finish(false);
+        for (const std::shared_ptr<Lane>& lane : lanes_) {
+            lane->given_up = true;
+        }
+        report_.Summary(CurrentTotals(), false);
         SetLastWords(nullptr);
         if (!stop_words_.empty()) {
             PrintError("kestoscan: " + stop_words_);
         }
         changed_.notify_all();
         changed_.wait_for(guard, kThreadsLeave, [this] { return threads_ == 0; });
-        return {Status(), threads_ != 0};
+        return Status();
     }
 
  private:
-    // Nothing is waited for when the run has become useless.
     bool AllDone() const {
         const auto scans = [](const auto& lane) { return lane->file && lane->scanning && !lane->given_up; };
-        return progress_.files_done == files_.size() || !stop_words_.empty() || OutputFault() ||
+        return totals_.done == files_.size() || !stop_words_.empty() || OutputFault() ||
                (stopped_ && std::none_of(lanes_.begin(), lanes_.end(), scans));
     }
 
@@ -110,20 +122,12 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         if (totals_.infected != 0) {
             return kExitInfected;
         }
-        return totals_.errors != 0 || totals_.not_scanned != 0 ? kExitError : kExitClean;
+        return totals_.errors != 0 || totals_.done != totals_.files ? kExitError : kExitClean;
     }
 
-    Progress CurrentProgress() const {
-        Progress now = progress_;
-        now.seconds = std::chrono::duration<double>(Clock::now() - start_).count();
-        return now;
-    }
-
-    void Finish(bool interrupted) {
-        totals_.seconds = CurrentProgress().seconds;
-        totals_.interrupted = interrupted;
-        totals_.not_scanned = files_.size() - progress_.files_done;
-        report_.Summary(totals_);
+    const ScanTotals& CurrentTotals() {
+        totals_.seconds = std::chrono::duration<double>(Clock::now() - start_).count();
+        return totals_;
     }
 
     void AddLane() {
@@ -184,8 +188,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         }
     }
 
-    // False when the lane is to end. Several files are taken at a time only as long as the engine answers:
-    // threads that all find it unreachable would each restart it, and end one another's.
+    // False when the lane is to end.
     bool TakeFile(Guard& guard, Lane& lane) {
         changed_.wait(guard, [this] {
             return stopped_ || next_ == files_.size() ||
@@ -217,6 +220,11 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
             }
             return;
         }
+        const std::shared_ptr<const PluginLibrary> plugin = plugin_.lock();
+        if (!plugin) {
+            guard.lock();
+            return;
+        }
         ScanFileInput input = {};
         std::strncpy(input.name, name.c_str(), sizeof input.name - 1);
         input.size = bytes.size;
@@ -224,8 +232,9 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         char detection[kDetectionSize] = "";
         ScanFileResult result = {0, 0, detection};
         uint32_t code = 0;
-        const bool scanned = plugin_.scan_file(0, &input, &result, &code, 0, 0) != 0;
-        const std::string error = scanned ? "" : ErrorText(code, name, bytes.size);
+        const bool scanned = plugin->scan_file(0, &input, &result, &code, 0, 0) != 0;
+        const bool fatal = !scanned && plugin->is_fatal_error(code) != 0;
+        const std::string error = scanned ? "" : ErrorText(*plugin, code, name, bytes.size);
         guard.lock();
         if (lane.given_up) {
             return;
@@ -233,13 +242,12 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         engine_answered_ = scanned && (engine_answered_ || bytes.size != 0);
         if (!scanned) {
             engine_suspect_ = true;
-            stopped_ = stopped_ || plugin_.is_fatal_error(code) != 0;
+            stopped_ = stopped_ || fatal;
             Failed(lane, {error, code});
             return;
         }
         ++totals_.scanned;
         totals_.bytes += bytes.size;
-        progress_.bytes_done += bytes.size;
         if (result.infected) {
             detection[kDetectionSize - 1] = '\0';
             Infected(lane, bytes, Utf8FromAnsi(detection + kDetectionVirusName));
@@ -249,12 +257,13 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
     }
 
     // The plug-in's own text for 1003 does not help.
-    std::string ErrorText(uint32_t code, const std::string& name, uint32_t size) const {
+    std::string ErrorText(const PluginLibrary& plugin, uint32_t code, const std::string& name,
+                          uint32_t size) const {
         std::string logged = code == kErrorReply ? LoggedResponse(installed_.log, name, size) : std::string();
         if (!logged.empty()) {
             return logged;
         }
-        return PluginErrorText(plugin_, code) +
+        return PluginErrorText(plugin, code) +
                (code == kErrorReply ? ": no verdict in the engine's reply, which kestoav.log would tell"
                                     : "");
     }
@@ -272,7 +281,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
     }
 
     void Failed(const Lane& lane, const Fault& fault) {
-        progress_.bytes_total -= std::min(progress_.bytes_total, lane.file->size);
+        totals_.bytes_listed -= std::min(totals_.bytes_listed, lane.file->size);
         const std::string path = Utf8FromWide(lane.file->path);
         if (lane.file->skipped) {
             report_.Skipped(path, fault.text);
@@ -286,22 +295,20 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
     void LetGo(Lane& lane) {
         held_ -= lane.file->size;
         --busy_;
-        ++progress_.files_done;
+        ++totals_.done;
         lane.file = nullptr;
         changed_.notify_all();
     }
 
-    const PluginLibrary plugin_;
+    const std::weak_ptr<const PluginLibrary> plugin_;
     const InstalledPlugin installed_;
     const std::vector<ListedFile> files_;
     const ScanOptions options_;
     const Clock::time_point start_ = Clock::now();
     std::condition_variable_any changed_;
 
-    // These and all lanes are used under OutputLock.
     Report report_;
     ScanTotals totals_;
-    Progress progress_;
     std::vector<std::shared_ptr<Lane>> lanes_;
     std::string stop_words_;  // why the run has become useless; empty otherwise
     size_t threads_ = 0;
@@ -315,9 +322,9 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
 
 }  // namespace
 
-ScanOutcome ScanFiles(const PluginLibrary& plugin, const InstalledPlugin& installed, FileListing listing,
-                      const ScanOptions& options) {
-    return std::make_shared<ScanRun>(plugin, installed, std::move(listing), options)->Run();
+int ScanFiles(const std::shared_ptr<const PluginLibrary>& plugin, const InstalledPlugin& installed,
+              FileListing listing, const ScanOptions& options, const ReportOptions& report) {
+    return std::make_shared<ScanRun>(plugin, installed, std::move(listing), options, report)->Run();
 }
 
 }  // namespace kesto::host

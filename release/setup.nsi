@@ -24,6 +24,7 @@ VIAddVersionKey CompanyName "KESTO"
 VIAddVersionKey FileDescription "KESTO AV set-up"
 VIAddVersionKey LegalCopyright "Copyright (C) 2026 KESTO"
 RequestExecutionLevel admin
+ManifestSupportedOS Win7 Win8 Win8.1 Win10
 BrandingText "KESTO AV ${VERSION}"
 !define PROGRAMS_KEY "Software\Microsoft\Windows\CurrentVersion\Uninstall\KESTO AV"
 InstallDir "C:\KestoAV"
@@ -36,7 +37,6 @@ ShowUninstDetails show
 !define kBadValue 3
 !define kInUse 4
 !define kNotWritten 5
-!define kNotRestarted 6
 !define kCheckFailed 7
 
 !include MUI2.nsh
@@ -50,8 +50,10 @@ Var Upstreams
 Var Account
 Var AccountField
 Var UpstreamsField
-Var Ran        ; whether the engine of this folder ran before: yes or no
+Var Upgrade    ; whether what is in this folder was installed by set-up: yes or no
 Var Foreign    ; 0, unless the updater there is the administrator's own, which is left alone
+Var Answer     ; the exit code of a program
+Var Said       ; what it printed
 Var Outcome    ; for the last page
 
 !define MUI_DIRECTORYPAGE_TEXT_TOP "The folder that your mail server names to its scanner plug-in. Only administrators \
@@ -76,6 +78,33 @@ prompt of an administrator:$\r$\n$\r$\n$\"$INSTDIR\kestoscan.exe$\" --check"
 
 ; --- What set-up and uninstaller share ---------------------------------------------------------------------------
 
+; $Answer is 0 for yes; otherwise $Said has the reason.
+!macro Ask question subject
+  nsExec::ExecToStack '"$PLUGINSDIR\help.exe" ${question} "${subject}"'
+  Pop $Answer
+  Pop $Said
+!macroend
+
+; Every file that this version has and replaces.
+!macro EachFile macro
+  !define EACH ${macro}
+  !include "${FILES}"
+  ${If} $Foreign == 0
+    !insertmacro ${macro} "${UPDATER}"
+  ${EndIf}
+  !undef EACH
+!macroend
+
+!macro EachFolder macro
+  !define EACH ${macro}
+  !include "${FOLDERS}"
+  !undef EACH
+!macroend
+
+!macro List path
+  FileWrite $0 "${path}$\r$\n"
+!macroend
+
 !macro Shared un
   ; Prints the text on the stack: to standard output in a silent run, otherwise on the page.
   Function ${un}Say
@@ -97,6 +126,9 @@ prompt of an administrator:$\r$\n$\r$\n$\"$INSTDIR\kestoscan.exe$\" --check"
 
   ; Ends with $Reason and the exit code from the stack.
   Function ${un}Refuse
+    !if "${un}" == ""
+      Call .onInstFailed
+    !endif
     Pop $0
     Push $Reason
     Call ${un}Say
@@ -105,35 +137,31 @@ prompt of an administrator:$\r$\n$\r$\n$\"$INSTDIR\kestoscan.exe$\" --check"
     Quit
   FunctionEnd
 
-  ; Nobody can write to a library that is loaded.
-  Function ${un}RefuseWhileHosted
-    ${If} ${FileExists} "$INSTDIR\CLAMDLL.dll"
-      ClearErrors
-      FileOpen $0 "$INSTDIR\CLAMDLL.dll" a
-      ${If} ${Errors}
-        StrCpy $Reason "$INSTDIR\CLAMDLL.dll is in use: stop the mail server, and kestoscan if it runs, and try \
-again. Nothing was changed."
-        Push ${kInUse}
-        Call ${un}Refuse
-      ${EndIf}
-      FileClose $0
-    ${EndIf}
-  FunctionEnd
-
-  Function ${un}LookAtUpdater
+  ; Nobody can write to a library that a mail server has loaded.
+  Function ${un}RefuseWhileInUse
     StrCpy $Foreign 0
     ${If} ${FileExists} "$INSTDIR\${UPDATER}"
-      nsExec::Exec '"$PLUGINSDIR\help.exe" ours "$INSTDIR\${UPDATER}"'
-      Pop $Foreign
+      !insertmacro Ask ours "$INSTDIR\${UPDATER}"
+      StrCpy $Foreign $Answer
+    ${EndIf}
+    FileOpen $0 "$PLUGINSDIR\files.txt" w
+    !insertmacro EachFile List
+    FileClose $0
+    !insertmacro Ask free $INSTDIR
+    ${If} $Answer != 0
+      StrCpy $Reason "$Said. If it is in use, stop the mail server, and kestoscan if it runs. Then try again: nothing was changed."
+      Push ${kInUse}
+      Call ${un}Refuse
     ${EndIf}
   FunctionEnd
 
-  ; Ends the engine of this folder: first the guard, which would start the worker again.
   Function ${un}EndEngine
-    nsExec::Exec '"$PLUGINSDIR\help.exe" end "$INSTDIR\plugins\kestoav\kestoav.exe"'
-    Pop $0
-    nsExec::Exec '"$PLUGINSDIR\help.exe" end "$INSTDIR\plugins\kestoav\kestobridge.exe"'
-    Pop $0
+    !insertmacro Ask end $INSTDIR
+    ${If} $Answer != 0
+      StrCpy $Reason "$Said. End it, and try again. No file was changed."
+      Push ${kInUse}
+      Call ${un}Refuse
+    ${EndIf}
   FunctionEnd
 !macroend
 !insertmacro Shared ""
@@ -171,12 +199,19 @@ FunctionEnd
 
 Function CheckFolder
   StrCpy $Reason ""
-  StrLen $0 $INSTDIR
-  StrCpy $1 $INSTDIR 2 1
-  ${If} $1 != ":\"
-    StrCpy $Reason "$INSTDIR is not the full path of a folder."
-  ${ElseIf} $0 > 228
-    StrCpy $Reason "The path of the folder has $0 characters. With more than 228 Windows cannot reach all files below it."
+  StrCpy $0 $INSTDIR 1 -1
+  ${If} $0 == "\"
+    StrCpy $INSTDIR $INSTDIR -1
+  ${EndIf}
+  !insertmacro Ask folder $INSTDIR
+  ${If} $Answer != 0
+    StrCpy $Reason "$INSTDIR: $Said"
+  ${EndIf}
+  StrCpy $Upgrade no
+  ReadRegStr $0 HKLM "${PROGRAMS_KEY}" InstallLocation
+  ${If} $0 == $INSTDIR
+  ${AndIf} ${FileExists} "$INSTDIR\uninstall.exe"
+    StrCpy $Upgrade yes
   ${EndIf}
 FunctionEnd
 
@@ -215,24 +250,21 @@ Function CheckSettings
     WriteINIStr "$0\bridge.ini" bridge logfile "$INSTDIR\logs\bridge.log"
     FlushINI "$0\bridge.ini"
   ${EndIf}
-  nsExec::ExecToStack '"$PLUGINSDIR\help.exe" settings "$0"'
-  Pop $0
-  Pop $1
-  ${If} $0 != 0
-    StrCpy $Reason "The bridge would not start with these settings: $1"
+  !insertmacro Ask settings $0
+  ${If} $Answer != 0
+    StrCpy $Reason "The bridge would not start with these settings: $Said"
   ${ElseIf} $Account != ""
-    nsExec::ExecToStack '"$PLUGINSDIR\help.exe" account "$Account"'
-    Pop $0
-    Pop $1
-    ${If} $0 != 0
-      StrCpy $Reason "$Account: $1"
+    !insertmacro Ask account $Account
+    ${If} $Answer != 0
+      StrCpy $Reason "$Account: $Said"
     ${EndIf}
   ${EndIf}
 FunctionEnd
 
 Function ShowEnginePage
-  ${If} ${FileExists} "$INSTDIR\plugins\kestoav\bridge.ini"
-    Abort  ; an upgrade keeps settings and rights
+  ${If} $Upgrade == yes
+  ${AndIf} ${FileExists} "$INSTDIR\plugins\kestoav\bridge.ini"
+    Abort  ; settings and rights are kept
   ${EndIf}
   !insertmacro MUI_HEADER_TEXT "Engine and rights" "Which clamd scans, and who runs the mail server."
   nsDialogs::Create 1018
@@ -242,9 +274,12 @@ is 127.0.0.1:3310, with $\"TCPSocket 3310$\" in its clamd.conf."
   Pop $0
   ${NSD_CreateText} 0 26u 100% 13u $Upstreams
   Pop $UpstreamsField
+  ${If} ${FileExists} "$INSTDIR\plugins\kestoav\bridge.ini"
+    EnableWindow $UpstreamsField 0  ; that file is kept
+  ${EndIf}
   ${NSD_CreateLabel} 0 54u 100% 40u "The account under which the mail server runs. It gets the right to read this \
-folder and to write the logs; apart from it, only administrators and the system have access. Without an account the \
-rights stay as they are: INSTALL.txt explains how to set them."
+folder and to write the logs; apart from it, only administrators and the system have access. Without an account \
+everyone who has signed in may read, and nobody else write the logs."
   Pop $0
   ${NSD_CreateText} 0 96u 100% 13u $Account
   Pop $AccountField
@@ -263,51 +298,122 @@ FunctionEnd
 
 ; --- Installing --------------------------------------------------------------------------------------------------
 
-; First, all files are put beside the old ones.
-!macro Unpack path
-  ClearErrors
-  File "/oname=${path}.new" "${STAGED}/${path}"
+; First, all files are put beside the old ones: CLAMDLL.dl_, since no path may be longer than that of kestobridge.exe.
+!macro NewName path
+  StrCpy $1 "${path}" -1
+  StrCpy $1 "$1_"
+!macroend
+
+!macro CheckWritten
   ${If} ${Errors}
-    StrCpy $Reason "$INSTDIR\${path}.new cannot be written. The files that were there are unchanged."
+    StrCpy $Reason "$INSTDIR\$1 cannot be written. The files that were there are unchanged."
   ${EndIf}
 !macroend
 
-!macro DeleteOld path
+!macro Unpack path
+  !insertmacro NewName "${path}"
+  ClearErrors
+  File "/oname=$1" "${STAGED}/${path}"
+  !insertmacro CheckWritten
+!macroend
+
+; Whatever happens, the old file is there or the new one, and whole. The others are what an upgrade by an earlier
+; set-up program has left.
+!macro Exchange path
   Delete "$INSTDIR\${path}.old"
   Delete "$INSTDIR\${path}.old2"
-!macroend
-
-; A running program can be renamed, but neither overwritten nor deleted. Two names for old ones are enough, since only
-; one of them can be running.
-!macro Exchange path
-  !insertmacro DeleteOld "${path}"
-  Rename "$INSTDIR\${path}" "$INSTDIR\${path}.old"
-  ${If} ${FileExists} "$INSTDIR\${path}"
-    Rename "$INSTDIR\${path}" "$INSTDIR\${path}.old2"
-  ${EndIf}
-  ClearErrors
-  Rename "$INSTDIR\${path}.new" "$INSTDIR\${path}"
-  ${If} ${Errors}
-    Rename "$INSTDIR\${path}.old2" "$INSTDIR\${path}"
-    Rename "$INSTDIR\${path}.old" "$INSTDIR\${path}"
-    StrCpy $Reason "$INSTDIR\${path} cannot be replaced: end what uses it, and install again."
+  !insertmacro NewName "${path}"
+  ${If} $Reason == ""
+    System::Call 'kernel32::MoveFileExW(w "$INSTDIR\$1", w "$INSTDIR\${path}", i 1) i .r0'
+    ${If} $0 = 0
+      StrCpy $Reason "$INSTDIR\${path} cannot be replaced: end what uses it, and install again."
+    ${EndIf}
   ${EndIf}
 !macroend
 
 !macro DeleteNew path
-  Delete "$INSTDIR\${path}.new"
+  !insertmacro NewName "${path}"
+  Delete "$INSTDIR\$1"
 !macroend
+
+; NSIS itself ends with 2 when the disk is full.
+Function .onInstFailed
+  ${If} $Reason == ""
+    Push "A file cannot be written. The files that were there are unchanged."
+    Call Say
+  ${EndIf}
+  !insertmacro EachFile DeleteNew
+  !insertmacro DeleteNew uninstall.exe
+FunctionEnd
 
 !macro RefuseIf code
   ${If} $Reason != ""
-    !define EACH DeleteNew
-    !include "${FILES}"
-    !insertmacro DeleteNew "${UPDATER}"
-    !undef EACH
     Push ${code}
     Call Refuse
   ${EndIf}
 !macroend
+
+!macro Icacls arguments
+  ${If} $Answer == 0
+    nsExec::ExecToStack '"$SYSDIR\icacls.exe" ${arguments}'
+    Pop $Answer
+    Pop $Said
+  ${EndIf}
+!macroend
+
+; Takes the folder $0 from whoever has made it: then only administrators write there.
+Function SetRights
+  StrCpy $Answer 0
+  StrCpy $1 $Account
+  ${If} $1 == ""
+    StrCpy $1 "*S-1-5-11"  ; whoever has signed in
+  ${EndIf}
+  !insertmacro Icacls '"$0" /setowner "*S-1-5-32-544"'
+  !insertmacro Icacls '"$0" /reset'
+  !insertmacro Icacls '"$0" /inheritance:r /grant:r "*S-1-5-32-544:(OI)(CI)F" "*S-1-5-18:(OI)(CI)F" "$1:(OI)(CI)RX"'
+  ${DirState} $0 $2
+  ${If} $2 = 1
+    !insertmacro Icacls '"$0\*" /setowner "*S-1-5-32-544" /T /L'
+    !insertmacro Icacls '"$0\*" /reset /T /L'
+  ${EndIf}
+FunctionEnd
+
+!macro ListOwn path
+  !insertmacro NewName "${path}"
+  FileWrite $0 "${path}$\r$\n$1$\r$\n"
+!macroend
+
+; Before there are any files, whoever has made the folder or may write there loses it to the administrators, unless
+; another program uses it.
+Function KeepOthersOut
+  FileOpen $0 "$PLUGINSDIR\own.txt" w
+  !insertmacro EachFile ListOwn
+  !insertmacro ListOwn uninstall.exe
+  !insertmacro EachFolder List
+  FileWrite $0 "logs$\r$\nsetup.log$\r$\nkestoav.ini$\r$\nkestoav.log$\r$\nplugins\kestoav\bridge.ini$\r$\n\
+plugins\kestoav\bridge.log$\r$\nplugins\kestoav\update.log$\r$\n"
+  FileClose $0
+  !insertmacro Ask own $INSTDIR
+  ${If} $Answer == 0
+    StrCpy $0 $INSTDIR
+    Call SetRights
+    ${If} $Account != ""
+      !insertmacro Icacls '"$INSTDIR\logs" /grant "$Account:(OI)(CI)M"'
+    ${EndIf}
+    ${If} $Answer == 0
+      !insertmacro Ask own $INSTDIR  ; until now somebody could put a library there
+    ${EndIf}
+  ${Else}
+    Push "$Said. So the rights of $INSTDIR stay as they are, and only those of its plugins\kestoav are set: make sure \
+that only administrators can write to the folder."
+    Call Say
+    StrCpy $0 "$INSTDIR\plugins\kestoav"
+    Call SetRights
+  ${EndIf}
+  ${If} $Answer != 0
+    StrCpy $Reason "The rights of $0 could not be set, and no file was written. $Said"
+  ${EndIf}
+FunctionEnd
 
 !macro MakeFolder path
   CreateDirectory "$INSTDIR\${path}"
@@ -320,7 +426,7 @@ Section
     Call CheckSettings
   ${EndIf}
   !insertmacro RefuseIf ${kBadValue}
-  Call RefuseWhileHosted
+  Call RefuseWhileInUse
   ${If} ${Silent}
     Call WarnOfBlank
     ${If} $0 != ""
@@ -330,35 +436,24 @@ Section
   ${EndIf}
 
   SetOutPath $INSTDIR
-  !define EACH MakeFolder
-  !include "${FOLDERS}"
-  !undef EACH
+  !insertmacro EachFolder MakeFolder
   CreateDirectory "$INSTDIR\logs"
-  !define EACH Unpack
-  !include "${FILES}"
-  !undef EACH
-  Call LookAtUpdater
-  ${If} $Foreign == 0
-    !insertmacro Unpack "${UPDATER}"
+  ${If} $Upgrade == no
+  ${OrIf} $Account != ""
+    Call KeepOthersOut
+    !insertmacro RefuseIf ${kNotWritten}
   ${EndIf}
+
+  !insertmacro EachFile Unpack
+  !insertmacro NewName uninstall.exe
+  ClearErrors
+  WriteUninstaller "$INSTDIR\$1"
+  !insertmacro CheckWritten
   !insertmacro RefuseIf ${kNotWritten}
 
-  StrCpy $Ran yes
-  nsExec::Exec '"$PLUGINSDIR\help.exe" runs "$INSTDIR\plugins\kestoav\kestoav.exe"'
-  Pop $0
-  ${If} $0 != 0
-    StrCpy $Ran no
-  ${ElseIfNot} ${FileExists} "$INSTDIR\plugins\kestoav\kestobridge.exe"
-    ; Before 1.0.4 kestoav.exe could not be exchanged while it runs. No mail server uses it: see above.
-    StrCpy $Ran no
-    Call EndEngine
-  ${EndIf}
-  !define EACH Exchange
-  !include "${FILES}"
-  !undef EACH
-  ${If} $Foreign == 0
-    !insertmacro Exchange "${UPDATER}"
-  ${EndIf}
+  Call EndEngine
+  !insertmacro EachFile Exchange
+  !insertmacro Exchange uninstall.exe
   !insertmacro RefuseIf ${kNotWritten}
 
   ${IfNot} ${FileExists} "$INSTDIR\kestoav.ini"
@@ -368,19 +463,6 @@ Section
   ${EndIf}
   ${IfNot} ${FileExists} "$INSTDIR\plugins\kestoav\bridge.ini"
     CopyFiles /SILENT "$PLUGINSDIR\bridge.ini" "$INSTDIR\plugins\kestoav\bridge.ini"
-  ${EndIf}
-  WriteUninstaller "$INSTDIR\uninstall.exe"
-
-  ${If} $Account != ""
-    nsExec::ExecToLog 'icacls "$INSTDIR" /inheritance:r /grant "*S-1-5-32-544:(OI)(CI)F" "*S-1-5-18:(OI)(CI)F" \
-"$Account:(OI)(CI)RX"'
-    Pop $0
-    nsExec::ExecToLog 'icacls "$INSTDIR\logs" /grant "$Account:(OI)(CI)M"'
-    Pop $1
-    ${If} "$0 $1" != "0 0"
-      StrCpy $Reason "The rights could not be set. INSTALL.txt has the commands in its step 3."
-      !insertmacro RefuseIf ${kNotWritten}
-    ${EndIf}
   ${EndIf}
 
   WriteRegStr HKLM "${PROGRAMS_KEY}" DisplayName "KESTO AV"
@@ -395,41 +477,17 @@ Section
   SectionGetSize 0 $0
   WriteRegDWORD HKLM "${PROGRAMS_KEY}" EstimatedSize $0
 
-  ${If} $Ran == yes
-    nsExec::ExecToStack '"$INSTDIR\kestoscan.exe" --restart'
-    Pop $0
-    Pop $1
-    ${If} $0 != 0
-      StrCpy $Outcome "The bridge of the version before goes on running: $1"
-      SetErrorLevel ${kNotRestarted}
-    ${EndIf}
-  ${EndIf}
-
-  ; The check needs an engine, which a scan starts. It may not stay: it would belong to this account, and the mail
-  ; server's may not see it.
-  nsExec::Exec '"$INSTDIR\kestoscan.exe" --timeout 10 "$INSTDIR\README.txt"'
+  ; The check needs an engine. That may not stay: it would belong to this account, and the mail server's may not see it.
+  Exec '"$INSTDIR\plugins\kestoav\kestoav.exe"'
+  nsExec::Exec '"$INSTDIR\kestoscan.exe" --wait 10'
   Pop $0
-  nsExec::ExecToLog '"$INSTDIR\kestoscan.exe" --check --log "$INSTDIR\logs\setup.log"'
+  nsExec::ExecToLog '"$INSTDIR\kestoscan.exe" --check --log "$INSTDIR\setup.log"'
   Pop $2
-  ${If} $Ran == no
-    Call EndEngine
-  ${EndIf}
-  ; The old worker ends its scans first.
-  ${ForEach} $0 1 20 + 1
-    !define EACH DeleteOld
-    !include "${FILES}"
-    !insertmacro DeleteOld "${UPDATER}"
-    !undef EACH
-    ${IfNot} ${FileExists} "$INSTDIR\plugins\kestoav\kestobridge.exe.old*"
-      ${ExitFor}
-    ${EndIf}
-    Sleep 250
-  ${Next}
-  ${If} $Outcome != ""
-  ${ElseIf} $2 == 0
+  !insertmacro Ask end $INSTDIR
+  ${If} $2 == 0
     StrCpy $Outcome "kestoscan --check has found nothing that fails."
   ${Else}
-    StrCpy $Outcome "kestoscan --check has found something that fails, and says what to do: $INSTDIR\logs\setup.log"
+    StrCpy $Outcome "kestoscan --check has found something that fails, and says what to do: $INSTDIR\setup.log"
     SetErrorLevel ${kCheckFailed}
   ${EndIf}
   Push $Outcome
@@ -440,7 +498,6 @@ SectionEnd
 
 !macro Remove path
   Delete "$INSTDIR\${path}"
-  !insertmacro DeleteOld "${path}"
 !macroend
 
 !macro RemoveFolder path
@@ -450,19 +507,12 @@ SectionEnd
 Section Uninstall
   InitPluginsDir
   File "/oname=$PLUGINSDIR\help.exe" "${HELP}"
-  Call un.RefuseWhileHosted
+  Call un.RefuseWhileInUse
   Call un.EndEngine
-  !define EACH Remove
-  !include "${FILES}"
-  !undef EACH
-  Call un.LookAtUpdater
-  ${If} $Foreign == 0
-    !insertmacro Remove "${UPDATER}"
-  ${EndIf}
-  Delete "$INSTDIR\uninstall.exe"
-  !define EACH RemoveFolder
-  !include "${FOLDERS}"
-  !undef EACH
+  !insertmacro EachFile Remove
+  !insertmacro Remove setup.log
+  !insertmacro Remove uninstall.exe
+  !insertmacro EachFolder RemoveFolder
   RMDir "$INSTDIR"
   DeleteRegKey HKLM "${PROGRAMS_KEY}"
   StrCpy $0 "Left where they are: $INSTDIR\kestoav.ini, $INSTDIR\plugins\kestoav\bridge.ini, and the logs in \

@@ -269,16 +269,20 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         // the problem, and lines that have it
         {"is not host:port",
          {"upstreams=127.0.0.010:1", "upstreams=127.0.0.1", "upstreams=host:65536", "upstreams=h:0",
-          "upstreams=0x7f.1:1", "upstreams=10.1:1", "upstreams=::1:1", "upstreams=[1::2::3]:1"}},
+          "upstreams=0x7f.1:1", "upstreams=1.2.3.4.5:1", "upstreams=a..b:1", "upstreams=a$b:1",
+          "upstreams=a-label-of-64-characters-a-label-of-64-characters-a-label-of-64-:1", "upstreams=10.1:1",
+          "upstreams=::1:1", "upstreams=[1::2::3]:1"}},
         {"is not the address of a server",
          {"upstreams=0.0.0.0:1", "upstreams=255.255.255.255:1", "upstreams=[::]:1", "upstreams=224.0.0.1:1"}},
         {"is given twice", {"upstreams=a:1 A:1", "upstreams=[::1]:1 [0:0:0:0:0:0:0:1]:1", "idle=3\nIdle=4"}},
         {"is the bridge itself",
-         {"upstreams=127.0.0.2:3313", "upstreams=10.1.2.3:9\nlisten=127.0.0.1:9",
+         {"upstreams=127.0.0.2:3313", "upstreams=10.1.2.9:9\nlisten=127.0.0.1:9",
           "upstreams=127.0.0.2:3313\n[updater]"}},
-        {"is the bridge itself until it is restarted", {"upstreams=127.0.0.1:7"}},
+        {"line 2: upstreams: '127.0.0.1:7' is the bridge itself until it is restarted",
+         {"upstreams=127.0.0.1:7"}},
         {"names no server", {"upstreams="}},
-        {"is not an IPv4 address and port", {"listen=localhost:3313", "listen=127.0.0.1:0", "listen="}},
+        {"is not an IPv4 address and port",
+         {"listen=localhost:3313", "listen=127.0.0.1:0", "listen=224.0.0.1:1", "listen="}},
         {"is neither 0 nor 1", {"decrypt=yes"}},
         {"is not a number", {"idle=0", "idle=3601", "idle=30 ; s", "keep=1025", "wait="}},
         {"holds a comment", {"logfile=a ;b"}},
@@ -287,7 +291,7 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         {"is neither the section", {"[other]"}},
         {"a second section", {"[bridge]"}},
     };
-    const std::vector own{*ParseHost("10.1.2.3")};
+    const std::vector own{*ParseHost("10.1.2.9")};
     const auto listens = ParseServerAddress("127.0.0.1:7");
     for (const auto& [problem, lines] : cases) {
         for (const std::string line : lines) {
@@ -302,16 +306,18 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
         EXPECT_THAT(ReadBridgeSettings(ini, own).problems, ElementsAre(HasSubstr(problem)));
     }
     const auto read = ReadBridgeSettings(
-        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = \"20\"\nkeep=0\nverdict=7\nupstreams=a.b:1 "
+        "\xEF\xBB\xBF; comment\r\n[Bridge] ; x\r\rIDLE = "
+        "\"20\"\nkeep=0\nwait=0\ndecrypt=0\nverdict=7\nupstreams=a.b:1 "
         "[::1]:2\t10.0.0.1:3\n"
         "[updater]\ncommand=\"a b\" --c=\"d\"\nsignatures=3\nidle=9\ntimeout=0",
         own);
     EXPECT_THAT(read.problems, ElementsAre());
     EXPECT_EQ(read.settings.command + std::to_string(read.settings.signatures), "\"a b\" --c=\"d\"3");
-    EXPECT_THAT(read.updater_problems, ElementsAre(HasSubstr("line 11: unknown setting 'idle'"),
-                                                   HasSubstr("timeout=0 is not a number")));
+    EXPECT_THAT(read.updater_problems,
+                ElementsAre(HasSubstr("line 13: unknown setting 'idle'"),
+                            HasSubstr("timeout=0 is not a number of seconds from 1 to 86400")));
     EXPECT_EQ(AddressText(read.settings.upstreams.at(1)), "[::1]:2");
-    EXPECT_THAT(SettingsText(read.settings), HasSubstr(" idle=20 keep=0 wait=60 verdict=7 "));
+    EXPECT_THAT(SettingsText(read.settings), HasSubstr(" decrypt=0 idle=20 keep=0 wait=0 verdict=7 "));
 }
 
 }  // namespace

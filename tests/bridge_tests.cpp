@@ -58,6 +58,17 @@ TEST(BridgeFleet, QueriesGoToWhoeverAnswers) {
     EXPECT_EQ(BridgeProcess(early.Address()).Scan(std::string(3'000'000, 'd')), kFound);
 }
 
+TEST(BridgeClient, WhoeverLeavesBeforeItIsLetInKeepsNobodyWaiting) {
+    ScriptedEngine clamd(Realistic());
+    const BridgeProcess bridge(clamd.Address());
+    for (int i = 0; i < 300; ++i) {
+        Wire(ConnectToLoopback(bridge.port)).Reset();
+    }
+    const DWORD start = GetTickCount();
+    EXPECT_EQ(bridge.Scan("VIRUS"), kFound);
+    EXPECT_LT(GetTickCount() - start, 2000u);
+}
+
 TEST(BridgeEnd, ComesAfterTheRunningScans) {
     ScriptedEngine clamd(ReplyingBytes("", Then::kHolds));
     BridgeProcess bridge(clamd.Address(), "idle=1");

@@ -1,4 +1,4 @@
-// Connecting to a server: how long it waits, what it loses, and the account of it in the log.
+// Connecting to a server: how long it waits, what it loses, and what the log tells of it.
 #include "tests/support/fake_system.h"
 #include "tests/support/losses.h"
 
@@ -7,7 +7,7 @@ namespace {
 
 using namespace testing;
 
-TEST(Connection, AccountsForTheServerThatFailedLastAndLosesNothing) {
+TEST(Connection, TellsOfTheServerThatFailedLastAndLosesNothing) {
     const uint16_t closed = FreePort();
     const UnansweredPort silent;
     const std::string numeric =
@@ -24,7 +24,7 @@ TEST(Connection, AccountsForTheServerThatFailedLastAndLosesNothing) {
         {"no-such-host.invalid", 1, "DNS "},
         {"256.0.0.1", 1, "DNS "},  // a name
     };
-    for (const auto& [host, port, account] : cases) {
+    for (const auto& [host, port, record] : cases) {
         const std::string server = host + ":" + std::to_string(port);
         SCOPED_TRACE(server);
         DrivenPlugin it;
@@ -35,9 +35,9 @@ TEST(Connection, AccountsForTheServerThatFailedLastAndLosesNothing) {
             it.system.Become({.processes = {{.ends = 1001}}, .starts = false, .look_takes = 600});
             EXPECT_EQ(it.Scan("x"), "failed 1001");
             const std::string told = it.installed.LogMessages().at(1);
-            EXPECT_THAT(told, StartsWith("Couldn't connect to kestoav process - Connect_Socket\nhostname: " +
-                                         host + "\nport: " + std::to_string(port) +
-                                         "\nssl: 0\nmaxWaitMs: 1000\n" + account));
+            EXPECT_THAT(
+                told, StartsWith("Couldn't connect to kestoav process - Connect_Socket\nhostname: " + host +
+                                 "\nport: " + std::to_string(port) + "\nssl: 0\nmaxWaitMs: 1000\n" + record));
             EXPECT_EQ(told.find("firewall") != told.npos, told.find("\nError 0x") != told.npos);
             it.system.calls.clear();
         });

@@ -28,8 +28,8 @@ struct StackCall {
 
 struct Called {
     std::string routine;  // its decorated name, with the size of the arguments
-    std::string
-        returns;  // when all arguments are 0 and calls are in the order of the ordinals; "-" for nothing
+    // When all arguments are 0 and calls are in the order of the ordinals; "-" for nothing.
+    std::string returns;
 };
 
 // All names in the order of their ordinals. Each routine but one has an upper-case name, too.

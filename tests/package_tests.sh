@@ -27,7 +27,10 @@ installed="$work/KESTO AV"
 unzip -q "$top"/build/release/kestoav-*-win32.zip -d "$installed"
 cd "$installed"
 signed() { osslsigncode verify -CAfile "$work/certificate.pem" -in "$1" >"$work/verified" || fail "$1: $(cat "$work/verified")"; }
-for program in *.dll *.exe plugins/kestoav/*.exe "$top"/build/release/kestoav-*-setup.exe; do signed "$program"; done
+for program in *.dll *.exe plugins/kestoav/*.exe "$top"/build/release/kestoav-*-setup.exe; do
+  signed "$program"
+  [[ $program = *.dll ]] || grep -q 'supportedOS Id="{35138b9a-' "$program" || fail "$program has no manifest"
+done
 files=$(find . -type f | sort | xargs)
 [ "$files" = "./CHANGES.txt ./CLAMDLL.dll ./INSTALL.txt ./KESTOSCAN.txt ./OPERATIONS.txt ./README.txt \
 ./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe \
@@ -54,11 +57,16 @@ run_to() { # EXIT_CODE PROGRAM ARGUMENT...
   "$top/scripts/wine" "$@" >"$work/said" 2>&1 4>&- || status=$?
   [ "$status" -eq "$expected" ] || fail "$* ended with $status: $(cat "$work/said")"
 }
+start_engine() { # FOLDER
+  "$top/scripts/wine" "$1/plugins/kestoav/kestoav.exe" >/dev/null 2>&1 4>&- &
+  wait_for_engine "$port" || fail "the engine does not answer"
+}
 start_wine package
 cd "$work"
+start_engine "$installed"
 run_to 1 "$installed/kestoscan.exe" clean.txt eicar.com
 tr -d '\r' <said
-for line in '^clean.txt: OK' '^eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND' 'started .*kestoav.exe'; do
+for line in '^clean.txt: OK' '^eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND'; do
   grep -q "$line" said || fail "the scan says nothing of $line"
 done
 if grep restarting "$installed/kestoav.log"; then fail "the engine was restarted"; fi
@@ -72,11 +80,17 @@ for name in $(grep -o 'kestoav_[a-z_]*' "$installed/monitoring/alerts.yml" | gre
 done
 run_to 0 taskkill /f /im kestoav.exe
 
-
 # The set-up program. Where something else on this machine has the usual port, its check fails.
+if grep -E '\bExec[A-Za-z]* ' "$top/release/setup.nsi" | grep -Ev "Exec[A-Za-z]* '\"[\$](INSTDIR|PLUGINSDIR|SYSDIR)[\\]"; then
+  fail "these start a program by less than its path"
+fi
 setup() { # EXIT_CODE ARGUMENT...
   run_to "$1" "$top"/build/release/kestoav-*-setup.exe /S "${@:2}"
 }
+rights() { sed -n 's/.*icacls[.ex"]* //p' "$1" | tr -s '\\' | tr -d '"\r' | sed "s/KestoAV/KESTO/; s/MAILSVC/$(id -un)/"; } # FILE
+listens() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+program='HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\KESTO AV'
+"$top/scripts/wine" reg delete "$program" /f >"$work/said" 2>&1 || true
 rm -rf "$WINEPREFIX/drive_c/KESTO"
 mkdir "$WINEPREFIX/drive_c/KESTO"
 cd "$WINEPREFIX/drive_c/KESTO"
@@ -87,23 +101,36 @@ setup 3 '/D=C:\KESTO' /WHAT
 setup 3 "/D=C:\\KESTO\\$(printf '%220s' '' | tr ' ' x)"
 [ -z "$(ls)" ] || fail "a refused set-up leaves $(ls)"
 expected=0
-if (exec 3<>/dev/tcp/127.0.0.1/3313) 2>/dev/null; then expected=7; fi
+if listens 3313; then expected=7; fi
+# There are no files before the folder is closed to others. Wine's icacls only tells what it should do.
+icacls=$WINEPREFIX/drive_c/windows/system32/icacls.exe
+mv "$icacls" "$work/icacls" && touch "$icacls"
+(setup 5 '/D=C:\KESTO') || touch failed
+mv "$work/icacls" "$icacls"
+[ -z "$(find . -type f)" ] || fail "there are files before the rights are set"
+export WINEDEBUG=-all,fixme+icacls
 setup "$expected" '/D=C:\KESTO' "/UPSTREAMS=127.0.0.1:$KESTOAV_TEST_CLAMD_PORT" "/ACCOUNT=$(id -un)"
+diff <(rights "$work/said") <(rights "$installed/INSTALL.txt") || fail "the set-up sets other rights than INSTALL.txt says"
 signed uninstall.exe
 [ -e plugins/kestoav/kestoavu.exe ] || fail "there is no updater"
 
-# An upgrade keeps the settings and a foreign updater, exchanges the bridge that runs, and is refused while a host has the plug-in.
+# A scan leaves no engine behind. An upgrade keeps the settings and a foreign updater, ends the engine, and is refused
+# while a host has the plug-in.
 sed -i "s/^servers=.*/servers=127.0.0.1:$port\r/" kestoav.ini
 sed -i "s/^listen=.*/listen=127.0.0.1:$port\r/" plugins/kestoav/bridge.ini
 sha256sum kestoav.ini plugins/kestoav/bridge.ini >"$work/settings"
 cp "$work/eicar.com" .
 run_to 1 kestoscan.exe eicar.com
+if listens "$port"; then fail "the engine stays behind"; fi
 cp "$WINEPREFIX/drive_c/windows/system32/hostname.exe" plugins/kestoav/kestoavu.exe  # of the administrator's own
 sha256sum plugins/kestoav/kestoavu.exe >>"$work/settings"
+start_engine .
+touch kestoscan.exe.old  # by an earlier set-up program
 setup 0
+if listens "$port"; then fail "an upgrade leaves the engine"; fi
 sha256sum -c --quiet "$work/settings" || fail "an upgrade changes what is the administrator's"
-files=$(find . -name '*.old*' -o -name '*.new' | xargs)
-[ "$files" = ./plugins/kestoav/kestoav.exe.old ] || fail "an upgrade leaves $files"  # the guard goes on
+files=$(find . -name '*.old*' -o -name '*_' | xargs)
+[ -z "$files" ] || fail "an upgrade leaves $files"
 mkfifo "$work/pipe"
 exec 4<>"$work/pipe"
 "$top/scripts/wine" kestoscan.exe - <"$work/pipe" >"$work/scanned" 2>&1 4>&- &
@@ -116,10 +143,13 @@ wait "$host" || fail "the scan ends with $?: $(cat "$work/scanned")"
 
 "$top/scripts/wine" uninstall.exe /S >"$work/said"  # goes on by a copy of itself
 for _ in {1..300}; do
-  "$top/scripts/wine" reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\KESTO AV' \
-    >"$work/said" 2>&1 || break
+  "$top/scripts/wine" reg query "$program" >"$work/said" 2>&1 || break
   sleep 0.1
 done
 files=$(find . -type f | sort | xargs)
-[ "$files" = "./eicar.com ./kestoav.ini ./logs/bridge.log ./logs/kestoav.log ./logs/setup.log \
+[ "$files" = "./eicar.com ./kestoav.ini ./logs/bridge.log ./logs/kestoav.log \
 ./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoavu.exe" ] || fail "uninstalling leaves $files"
+
+# Where anything else is, the folder keeps its rights.
+setup 0 '/D=C:\KESTO'
+if rights "$work/said" | grep -v '^C:.KESTO.plugins.kestoav'; then fail "the set-up takes what something else uses"; fi

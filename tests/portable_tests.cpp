@@ -43,18 +43,24 @@ TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
         {"colour=red", "one of the keys servers, encrypt,", true},
         {"just words", "is not a setting", false},
         {"encrypt=true", "read as 0, which is off", true},
-        {"autostart=", "not a number", true},
+        {"autostart=", "\"\" is not a number and is read as its default", true},
         {"startwait=0", "no time to listen", false},
-        {"startwait=120s", "ends before", true},
-        {"connectwait=-1", "over a century", true},
+        {"startwait=120s", "is read as 120 ", true},
+        {"connectwait=-1", "read as 4294967295", true},
+        {"encrypt=-1", "read as 1, which is on", false},
+        {"encrypt=0x0", "read as 0, which is off", true},
+        {"restartcount=010", "", true},
+        {"restartcount=4294967297", "read as 1 ", false},
         {"startwait=86400", "over an hour", false},
-        {"servers=127.0.0.1:0", "port of \"127.0.0.1:0\" is 0", true},
-        {"servers=127.0.0.1:65536", "above 65535", true},
-        {"servers=127.0.0.1:65535 b:1", "", true},
-        {"servers=127.0.0.1:", "port of \"127.0.0.1:\" is not a number", true},
-        {"servers=a:1  b:2", "empty host", true},
-        {"servers=a:1,b:2", "single blanks only", true},
-        {"servers=127.0.0.1:3313 ; ours", "comment", true},
+        {"servers=127.0.0.1:0", "host \"127.0.0.1\", port 0 ", true},
+        {"servers=127.0.0.1:65537", ", port 1 ", true},
+        {"servers=127.0.0.1:65535 b:01 c", "", true},
+        {"servers=127.0.0.1:", "\"127.0.0.1:\" is read as", true},
+        {"servers=[::1]:3310", "host \"[\", port 0", true},
+        {"servers=a:1  b:2", "\"\" is read as host \"\", port 3313", true},
+        {"servers=a:1,b:2", "host \"a\", port 1 -> write host:port", true},
+        {"servers=a,b", "single blanks only", true},
+        {"servers=127.0.0.1:3313 ;our, s", "comment", true},
         {"servers=LocalHost:3313", "write 127.0.0.1", false},
         {"servers=" + std::string(1000, 'a'), "cut", true},
         {"logfile=av.log", "relative", false},
@@ -113,8 +119,11 @@ TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
 }
 
 TEST(ProgressText, TellsCountBytesRateAndTimeLeft) {
-    EXPECT_EQ(ProgressLine({12, 40, 3'140'000, 10'140'000, 2}), "12/40 files, 3.1 MB, 1.6 MB/s, 0:04 left");
-    EXPECT_EQ(ProgressLine({1, 2, 1'000'000, 5'000'000'000, 1}), "1/2 files, 1.0 MB, 1.0 MB/s, 1:23:19 left");
+    ScanTotals totals = {
+        .files = 40, .done = 12, .bytes = 3'140'000, .bytes_listed = 10'140'000, .seconds = 2};
+    EXPECT_EQ(ProgressLine(totals), "12/40 files, 3.1 MB, 1.6 MB/s, 0:04 left");
+    totals.bytes_listed = 10'000'000'000;
+    EXPECT_EQ(ProgressLine(totals), "12/40 files, 3.1 MB, 1.6 MB/s, 1:46:07 left");
     EXPECT_EQ(ByteText(999'960), "1.0 MB");
 }
 

@@ -1,5 +1,5 @@
-// The whole road with real processes: engine and updater, which the plug-in starts, ends and finds, and a
-// real clamd behind the bridge.
+// The whole road with real processes: an engine, which the plug-in starts, ends and finds, and a real clamd
+// behind the bridge.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -24,11 +24,11 @@ TEST_F(RoadTest, EngineKilledUnderFourThreadsComesBack) {
     const uint16_t port = FreePort();
     installed.PlaceStandIn(installed.engine, "engine " + std::to_string(port));
     ASSERT_EQ(Start("servers=127.0.0.1:" + std::to_string(port) + "\nconnectwait=0\nstartwait=3"), 0);
-    std::atomic<int> scans[4] = {}, wrong = 0;
+    std::atomic<int> right = 0, wrong = 0;
     std::atomic<bool> stop = false;
     std::vector<std::jthread> threads;
-    for (auto& right : scans) {
-        threads.emplace_back([&, name = std::to_string(threads.size())] {
+    for (const std::string name : {"0", "1", "2", "3"}) {
+        threads.emplace_back([&, name] {
             const bool evil = name == "1" || name == "3";
             while (!stop) {
                 const auto outcome =
@@ -40,9 +40,7 @@ TEST_F(RoadTest, EngineKilledUnderFourThreadsComesBack) {
         });
     }
     for (int kill = 0; kill < 3; ++kill) {
-        for (auto& each : scans) {
-            EXPECT_TRUE(WaitFor([&, from = each.load()] { return each >= from + 5; }, 3 * kTestLimit));
-        }
+        EXPECT_TRUE(WaitFor([&, from = right.load()] { return right >= from + 20; }, 3 * kTestLimit));
         installed.EndPrograms();
     }
     stop = true;
@@ -51,21 +49,6 @@ TEST_F(RoadTest, EngineKilledUnderFourThreadsComesBack) {
     for (const std::string& each : installed.LogMessages()) {  // whole lines, whoever wrote them
         EXPECT_TRUE(each.size() == 22 || !each.starts_with("Scan")) << each;
     }
-}
-
-TEST_F(RoadTest, UpdatesRunOneAtATime) {
-    installed.PlaceStandIn(installed.updater, "release 259");
-    ASSERT_EQ(Start("autostart=0"), 0);
-    plugin.get_expiry(1, 2, 3);
-    int32_t first = 5;
-    std::thread update([&] { first = plugin.do_simple_update(nullptr, nullptr); });
-    EXPECT_TRUE(installed.WaitForStarts(installed.updater, 1));
-    EXPECT_EQ(plugin.do_simple_update(nullptr, nullptr), 1);
-    EXPECT_EQ(Scan(""), "clean");  // scans go on meanwhile
-    WriteFile(installed.updater.string() + ".release", "");
-    update.join();
-    EXPECT_EQ(first, 0);
-    EXPECT_EQ(installed.Starts(installed.updater), 1u);
 }
 
 TEST_F(RoadTest, LeadsToARealClamd) {
@@ -77,10 +60,8 @@ TEST_F(RoadTest, LeadsToARealClamd) {
     ASSERT_EQ(Start("servers=127.0.0.1:" + std::to_string(port)), 0);  // and every default
     EXPECT_EQ(Scan(EicarTestString()), "mail.eml: Eicar-Test-Signature.UNOFFICIAL");
     EXPECT_EQ(Scan(std::string(3'000'001, '\0')), "clean");
-    EXPECT_THAT(
-        plugin.VersionDetails(),
-        StartsWith(
-            "KESTOAV Version 1.0.4\nClamAV"));  // its signatures have no date, so the reply is shown as it is
+    // Its signatures have no date, so the reply is shown as it is.
+    EXPECT_THAT(plugin.VersionDetails(), StartsWith("KESTOAV Version 1.0.4\nClamAV"));
     EXPECT_THAT(installed.LogMessages(), Not(Contains(StartsWith("Unexpected"))));
     // 64 MB is the limit of the clamd that the tests use.
     EXPECT_EQ(Scan(std::string(65 << 20, 'x')), "failed 1003");

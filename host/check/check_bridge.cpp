@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "base/clamd_words.h"
 #include "common/text.h"
 #include "host/check/checks.h"
 #include "host/check/dynamic_ports.h"
@@ -9,10 +10,10 @@
 namespace kesto::host {
 namespace {
 
-constexpr unsigned kLeastIdle = 20;          // seconds for which the plug-in waits for a byte
-constexpr unsigned kMostUsefulWait = 120;    // seconds; a scan ends soon after that in any case
-constexpr unsigned kMostSensibleKeep = 512;  // MB; a 32-bit program has 2 GB for everything
-constexpr unsigned kDefaultDynamic = 49152;  // first of the ports for outgoing connections
+constexpr unsigned kLeastIdle = kIdleLimitMs / 1000;  // seconds
+constexpr unsigned kMostUsefulWait = 120;             // seconds; a scan ends soon after that in any case
+constexpr unsigned kMostSensibleKeep = 512;           // MB; a 32-bit program has 2 GB for everything
+constexpr unsigned kDefaultDynamic = 49152;           // first of the ports for outgoing connections
 
 void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const InstalledBridge& bridge) {
     const BridgeSettings& settings = bridge.ini.settings;
@@ -44,7 +45,8 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
     if (settings.idle < kLeastIdle) {
         findings.Warning(check,
                          "idle=" + std::to_string(settings.idle) +
-                             " gives up what the plug-in still waits for, which is 20 s",
+                             " gives up what the plug-in still waits for, which is " +
+                             std::to_string(kLeastIdle) + " s",
                          "write idle=30");
     }
     if (settings.keep > kMostSensibleKeep) {

@@ -32,7 +32,6 @@ void CheckLibrary(Findings& findings, const std::wstring& path) {
                 missing += (missing.empty() ? "" : ", ") + name;
             }
         }
-        ClosePlugin(plugin);
         fault = missing.empty() ? Fault() : LacksExports(path, missing);
     }
     if (fault) {

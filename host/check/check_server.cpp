@@ -17,8 +17,8 @@ namespace {
 
 constexpr double kSlowConnect = 0.3;  // seconds; close to the plug-in's limit of 1
 constexpr double kToldSeconds = 1;    // seconds; scans that take longer are told with their time
-constexpr double kSlowReply = 15;     // seconds; close to the plug-in's limit of 20
-constexpr int kOldDays = 7;           // signatures appear daily
+constexpr double kSlowReply = kIdleLimitMs / 1000.0 - 5;  // seconds; close to where the plug-in gives up
+constexpr int kOldDays = 7;                               // signatures appear daily
 constexpr size_t kLongStream = 2 << 20;
 constexpr int kTries = 5;  // for each question to a server that hangs up, as a starting engine does
 constexpr auto kTriesPause = std::chrono::milliseconds(500);
@@ -60,12 +60,12 @@ class ServerCheck {
                        if (TellConnection(answer)) {
                            AskAll();
                        }
-                       done_ = open_ == 0;
+                       done = open_ == 0;
                    });
     }
 
-    const Findings& All() const { return findings_; }
-    bool Done() const { return done_; }
+    Findings findings;
+    bool done = false;
 
  private:
     // All at the same time, since a server may take seconds for each.
@@ -110,32 +110,29 @@ class ServerCheck {
                 TellLongStream(answers_[kLong]);
             }
         }
-        done_ = true;
+        done = true;
     }
 
-    std::string Check(const char* what) const { return server_.name + " " + what; }
+    void Tell(CheckState state, const char* what, const std::string& text, const std::string& remedy) {
+        findings.Add(state, server_.name + " " + what, text, remedy);
+    }
 
     bool TellConnection(const ServerAnswer& answer) {
-        const std::string check = Check("connection");
+        const bool slow = server_.of_plugin && answer.seconds > kSlowConnect;
         const std::string setting =
             server_.of_plugin ? "servers= in kestoav.ini" : "upstreams= in bridge.ini";
-        if (!answer.connected) {
-            findings_.Failed(
-                check, "not made: " + answer.failure,
-                answer.name_failed
-                    ? "write an address in place of the name into " + setting +
-                          ", or have the name service know it"
-                    : "start what listens there, open the firewall for it, or correct " + setting);
-            return false;
-        }
-        const std::string text = "made in " + DurationText(answer.seconds);
-        if (server_.of_plugin && answer.seconds > kSlowConnect) {
-            findings_.Warning(check, text,
-                              "a server that takes over 1000 ms is passed over: use a nearer one");
+        if (answer.connected) {
+            Tell(slow ? CheckState::kWarning : CheckState::kOk, "connection",
+                 "made in " + DurationText(answer.seconds),
+                 "a server that takes over 1000 ms is passed over: use a nearer one");
         } else {
-            findings_.Ok(check, text);
+            Tell(CheckState::kFailed, "connection", "not made: " + answer.failure,
+                 answer.name_failed
+                     ? "write an address in place of the name into " + setting +
+                           ", or have the name service know it"
+                     : "start what listens there, open the firewall for it, or correct " + setting);
         }
-        return true;
+        return answer.connected;
     }
 
     // Names the program of this machine that has the port, unless it is an engine.
@@ -149,98 +146,78 @@ class ServerCheck {
 
     // False when nothing else was answered either.
     bool TellPing(const ServerAnswer& answer) {
-        const std::string check = Check("zPING");
-        const std::string remedy =
-            server_.of_plugin
-                ? "see the engine's log: the clamd behind it may be down or still loading"
-                : "see clamd's log: it may still be loading, or another program may have the port";
-        if (answer.reply && *answer.reply == "PONG") {
-            findings_.Ok(check, "answered");
+        const bool any = std::any_of(answers_.begin(), answers_.end(),
+                                     [](const ServerAnswer& each) { return each.reply.has_value(); });
+        if (answer.reply == "PONG") {
+            Tell(CheckState::kOk, "zPING", "answered", "");
         } else if (answer.reply) {
-            findings_.Warning(check, "answered " + Quoted(*answer.reply) + Owner(),
-                              "check that a clamd listens there, or the engine in front of one");
-        } else if (std::none_of(answers_.begin(), answers_.end(),
-                                [](const auto& any) { return any.reply; })) {
-            findings_.Failed(check, "no answer: " + answer.failure + Owner(), remedy);
-            return false;
+            Tell(CheckState::kWarning, "zPING", "answered " + Quoted(*answer.reply) + Owner(),
+                 "check that a clamd listens there, or the engine in front of one");
         } else {
-            findings_.Warning(check, "no answer: " + answer.failure, remedy);
+            Tell(any ? CheckState::kWarning : CheckState::kFailed, "zPING",
+                 "no answer: " + answer.failure + (any ? "" : Owner()),
+                 server_.of_plugin
+                     ? "see the engine's log: the clamd behind it may be down or still loading"
+                     : "see clamd's log: it may still be loading, or another program may have the port");
         }
-        return true;
+        return any;
     }
 
     void TellVersion(const ServerAnswer& answer) {
-        const std::string check = Check("zVERSION");
-        const std::string remedy = "run the signature updater on the engine's machine";
-        if (!answer.reply) {
-            findings_.Warning(check, "no answer: the age of its signatures is unknown",
-                              "see the engine's log");
-            return;
-        }
-        const std::string& reply = *answer.reply;
-        const auto signatures = ReadSignatures(reply);
+        const auto signatures = ReadSignatures(answer.reply.value_or(""));
         const int age = signatures ? AgeInDays(*signatures, std::chrono::system_clock::now()) : 0;
-        if (!signatures) {
-            findings_.Warning(check, Quoted(reply) + ": the age of its signatures is unknown", remedy);
-        } else if (age > kOldDays) {
-            findings_.Warning(
-                check, Quoted(reply) + ": its signatures are " + std::to_string(age) + " days old", remedy);
-        } else if (age < -1) {  // one day may be due to the time zone
-            findings_.Warning(check, Quoted(reply) + ": the date of its signatures is in the future",
-                              "set the clocks of both machines");
-        } else {
-            findings_.Ok(check, Quoted(reply));
-        }
+        const bool future = age < -1;  // one day may be due to the time zone
+        const bool well = signatures && age <= kOldDays && !future;
+        Tell(well ? CheckState::kOk : CheckState::kWarning, "zVERSION",
+             (answer.reply ? Quoted(*answer.reply) : "no answer") +
+                 (well          ? ""
+                  : !signatures ? ": the age of its signatures is unknown"
+                  : future      ? ": the date of its signatures is in the future"
+                                : ": its signatures are " + std::to_string(age) + " days old"),
+             !answer.reply ? "see the engine's log"
+             : future      ? "set the clocks of both machines"
+                           : "run the signature updater on the engine's machine");
     }
 
     bool TellCleanSample(const ServerAnswer& answer) {
-        const std::string check = Check("clean sample");
         const bool clean = VerdictOf(answer) == ScanAnswer::kClean;
-        if (!clean) {
-            findings_.Failed(check, Describe(answer), "see the engine's log");
-        } else if (answer.seconds > kSlowReply) {
-            findings_.Warning(check, Describe(answer),
-                              "the plug-in gives up after 20 s: give the engine's machine less to do");
-        } else {
-            findings_.Ok(check, Describe(answer));
-        }
+        const bool slow = answer.seconds > kSlowReply;
+        Tell(!clean ? CheckState::kFailed
+             : slow ? CheckState::kWarning
+                    : CheckState::kOk,
+             "clean sample", Describe(answer),
+             clean ? "the plug-in gives up after " + std::to_string(kIdleLimitMs / 1000) +
+                         " s: give the engine's machine less to do"
+                   : "see the engine's log");
         return clean;
     }
 
     void TellEicar(const ServerAnswer& answer, const ServerAnswer& other_shift) {
-        const std::string check = Check("EICAR");
         const bool clean = VerdictOf(answer) == ScanAnswer::kClean;
-        const std::string setting = std::string("encrypt=") + (server_.encrypt ? "1" : "0");
+        const char* const with[] = {"encrypt=0", "encrypt=1"};
         if (VerdictOf(answer) == ScanAnswer::kInfected) {
-            findings_.Ok(check, Describe(answer) + (server_.of_plugin ? ", with " + setting : ""));
+            Tell(CheckState::kOk, "EICAR",
+                 Describe(answer) + (server_.of_plugin ? std::string(", with ") + with[server_.encrypt] : ""),
+                 "");
         } else if (clean && VerdictOf(other_shift) == ScanAnswer::kInfected) {
-            TellOtherShift(check);
+            Tell(CheckState::kFailed, "EICAR",
+                 server_.of_plugin ? std::string("found only with ") + with[!server_.encrypt] +
+                                         ": plug-in and engine do not agree, and every virus passes"
+                                   : "found only in shifted bytes, which the bridge does not send",
+                 server_.shift_remedy);
         } else {
-            findings_.Failed(
-                check, Describe(answer),
-                clean ? "check that the engine has loaded its signatures" : "see the engine's log");
+            Tell(CheckState::kFailed, "EICAR", Describe(answer),
+                 clean ? "check that the engine has loaded its signatures" : "see the engine's log");
         }
     }
 
-    void TellOtherShift(const std::string& check) {
-        findings_.Failed(check,
-                         server_.of_plugin
-                             ? std::string("found only with encrypt=") + (server_.encrypt ? "0" : "1") +
-                                   ": plug-in and engine do not agree, and every virus passes"
-                             : "found only in shifted bytes, which the bridge does not send",
-                         server_.shift_remedy);
-    }
-
     void TellLongStream(const ServerAnswer& answer) {
-        const std::string check = Check("2 MB stream");
-        if (VerdictOf(answer) != ScanAnswer::kClean) {
-            findings_.Failed(
-                check, Describe(answer),
-                answer.reply == kSizeLimitReply
-                    ? "raise StreamMaxLength in clamd.conf above the largest mail that is accepted"
-                    : "see the engine's log");
-        } else if (!server_.of_plugin) {
-            findings_.Ok(check, Describe(answer));
+        const bool clean = VerdictOf(answer) == ScanAnswer::kClean;
+        if (!clean || !server_.of_plugin) {
+            Tell(clean ? CheckState::kOk : CheckState::kFailed, "2 MB stream", Describe(answer),
+                 answer.reply == kSizeLimitReply
+                     ? "raise StreamMaxLength in clamd.conf above the largest mail that is accepted"
+                     : "see the engine's log");
         }
     }
 
@@ -248,8 +225,6 @@ class ServerCheck {
     ServerTalks& talks_;
     std::array<ServerAnswer, kAllAsked> answers_;
     int open_ = 0;  // questions without an answer
-    bool done_ = false;
-    Findings findings_;
 };
 
 }  // namespace
@@ -260,14 +235,14 @@ std::vector<Findings> AskServers(const std::vector<CheckedServer>& servers, Dead
     for (const CheckedServer& server : servers) {
         checks.emplace_back(server, talks);
     }
-    const auto done = [](const ServerCheck& check) { return check.Done(); };
+    const auto done = [](const ServerCheck& check) { return check.done; };
     talks.Run([&] {
         ShowStep("the servers: " + std::to_string(std::count_if(checks.begin(), checks.end(), done)) +
                  " of " + std::to_string(checks.size()) + " done");
     });
     std::vector<Findings> all;
     for (const ServerCheck& check : checks) {
-        all.push_back(check.All());
+        all.push_back(check.findings);
     }
     return all;
 }

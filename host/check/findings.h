@@ -20,14 +20,16 @@ struct Finding {
 
 class Findings {
  public:
-    void Ok(const std::string& check, const std::string& text) {
-        all_.push_back({CheckState::kOk, check, text, ""});
+    // The remedy is for what is not as it should be.
+    void Add(CheckState state, const std::string& check, const std::string& text, const std::string& remedy) {
+        all_.push_back({state, check, text, state == CheckState::kOk ? "" : remedy});
     }
+    void Ok(const std::string& check, const std::string& text) { Add(CheckState::kOk, check, text, ""); }
     void Warning(const std::string& check, const std::string& text, const std::string& remedy) {
-        all_.push_back({CheckState::kWarning, check, text, remedy});
+        Add(CheckState::kWarning, check, text, remedy);
     }
     void Failed(const std::string& check, const std::string& text, const std::string& remedy) {
-        all_.push_back({CheckState::kFailed, check, text, remedy});
+        Add(CheckState::kFailed, check, text, remedy);
     }
     void Add(const Findings& more) { all_.insert(all_.end(), more.all_.begin(), more.all_.end()); }
     const std::vector<Finding>& All() const { return all_; }

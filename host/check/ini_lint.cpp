@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdlib>
 
+#include "base/server_list.h"
 #include "common/ini_lines.h"
 
 namespace kesto::host {
@@ -26,7 +28,7 @@ constexpr std::array kKnownKeys = {
 
 constexpr size_t kMostServersText = 999;  // characters that the reader accepts
 constexpr size_t kMostPath = 259;
-constexpr long kLongWait = 3600;  // seconds; a mail that waits longer for its scan is lost anyway
+constexpr uint32_t kLongWait = 3600;  // seconds; a mail that waits longer for its scan is lost anyway
 
 std::string Quoted(std::string_view text) {
     return "\"" + std::string(text.substr(0, 100)) + "\"";
@@ -34,6 +36,16 @@ std::string Quoted(std::string_view text) {
 
 bool AllDigits(std::string_view text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// As it is written when it is printed; zeros in front of a number make no difference.
+std::string_view WithoutZeros(std::string_view number) {
+    return number.substr(std::min(number.find_first_not_of('0'), number.size() - 1));
+}
+
+// What the profile functions take of it, 0x included. They cut it to 32 bits.
+uint32_t TakenNumber(const std::string& value) {
+    return static_cast<uint32_t>(std::strtoull(value.c_str(), nullptr, value.find("0x") <= 1 ? 16 : 10));
 }
 
 const KnownKey* Known(std::string_view name) {
@@ -139,57 +151,38 @@ class Linter {
             return;
         }
         seen = true;
-        Value(*key, line.value);
-    }
-
-    void Value(const KnownKey& key, std::string_view value) {
-        switch (key.kind) {
-            case ValueKind::kServers:
-                ServersValue(value);
-                break;
-            case ValueKind::kPath:
-                PathValue(value);
-                break;
-            case ValueKind::kSwitch:
-            case ValueKind::kSeconds:
-            case ValueKind::kCount:
-                NumberValue(key, value);
-                break;
-        }
-    }
-
-    void NumberValue(const KnownKey& key, std::string_view value) {
-        const std::string name(key.name);
-        const bool is_switch = key.kind == ValueKind::kSwitch;
-        const std::string remedy =
-            is_switch ? "write " + name + "=1 or " + name + "=0" : "write " + name + "= and a whole number";
-        if (AllDigits(value) && value.size() <= 9) {
-            if (key.name == "startwait" && value.find_first_not_of('0') == std::string_view::npos) {
-                Doubt("startwait=0 gives an engine that was started again no time to listen",
-                      "write startwait=120");
-            }
-            if (key.kind == ValueKind::kSeconds && std::stol(std::string(value)) > kLongWait) {
-                Doubt(name + " is over an hour, for which a mail may have to wait",
-                      "write a number of seconds such as 120");
-            }
-            return;
-        }
-        // The reader stops at the first character that is not a digit.
-        const size_t digits = value.find_first_not_of("0123456789");
-        const bool minus = value.starts_with('-') && AllDigits(value.substr(1));
-        if (minus && key.kind == ValueKind::kSeconds) {
-            Misread(name + "=" + std::string(value.substr(0, 20)) + " is read as a limit of over a century",
-                    remedy);
-        } else if (minus || (digits == std::string_view::npos && !value.empty())) {
-            Doubt(Quoted(value) + " is an odd value for " + name, remedy);
-        } else if (value.empty() || digits == 0) {
-            Misread(name + "=" + Quoted(value) + " is not a number and is read as 0" +
-                        (is_switch ? ", which is off" : ""),
-                    remedy);
+        if (key->kind == ValueKind::kServers) {
+            ServersValue(line.value);
+        } else if (key->kind == ValueKind::kPath) {
+            PathValue(line.value);
         } else {
-            Misread(name + "=" + Quoted(value) +
-                        " is read as a number that ends before the first other character",
-                    remedy);
+            NumberValue(*key, std::string(line.value));
+        }
+    }
+
+    void NumberValue(const KnownKey& key, const std::string& value) {
+        const std::string name(key.name);
+        const bool seconds = key.kind == ValueKind::kSeconds;
+        const uint32_t taken = TakenNumber(value);
+        if (!AllDigits(value) || WithoutZeros(value) != std::to_string(taken)) {
+            const bool minus = value.starts_with('-');
+            const bool whole = AllDigits(value.substr(minus));
+            const bool is_switch = key.kind == ValueKind::kSwitch;
+            findings_.push_back({line_, !whole || (minus && seconds),
+                                 name + "=" + Quoted(value) +
+                                     (whole ? " is read as " : " is not a number and is read as ") +
+                                     (value.empty() ? "its default"
+                                      : !is_switch  ? std::to_string(taken)
+                                      : taken == 0  ? "0, which is off"
+                                                    : "1, which is on"),
+                                 is_switch ? "write " + name + "=1 or " + name + "=0"
+                                           : "write " + name + "= and a whole number"});
+        } else if (seconds && taken > kLongWait) {
+            Doubt(name + " is over an hour, for which a mail may have to wait",
+                  "write a number of seconds such as 120");
+        } else if (taken == 0 && name == "startwait") {
+            Doubt("startwait=0 gives an engine that was started again no time to listen",
+                  "write startwait=120");
         }
     }
 
@@ -218,58 +211,27 @@ class Linter {
             Misread("servers is longer than 999 characters and is cut", "name fewer servers");
             value = value.substr(0, kMostServersText);
         }
-        for (;;) {
-            const size_t end = std::min(value.find(' '), value.size());
-            if (!Server(value.substr(0, end)) || end == value.size()) {
+        ServerList servers;
+        servers.Append(value);
+        for (const ServerEntry& taken : servers) {
+            const std::string_view written = value.substr(0, value.find(' '));
+            value.remove_prefix(std::min(written.size() + 1, value.size()));
+            const std::string_view host = taken.host;
+            const std::string port = std::to_string(taken.port);
+            const bool has_port = host.size() < written.size();
+            const std::string_view given = has_port ? written.substr(host.size() + 1) : port;
+            const bool comment = written.starts_with(';') || written.starts_with('#');
+            if (comment || host.empty() || host.find_first_of(",;\t[]/") != std::string_view::npos ||
+                taken.port == 0 || !AllDigits(given) || WithoutZeros(given) != port) {
+                Misread(Quoted(written) + " is read as host " + Quoted(host) + ", port " + port,
+                        "write host:port with a port from 1 to 65535, single blanks only between servers, "
+                        "and a comment on a line of its own");
+            } else if (LowerAscii(host) == "localhost") {
+                Doubt("a refused connection to localhost can cost two seconds", "write 127.0.0.1");
+            }
+            if (comment) {
                 return;
             }
-            value.remove_prefix(end + 1);
-        }
-    }
-
-    // False when the rest of the line is a comment, which has been reported already.
-    bool Server(std::string_view server) {
-        const size_t colon = server.find(':');
-        const std::string_view host = server.substr(0, colon);
-        if (server.starts_with(';') || server.starts_with('#')) {
-            Misread("the comment after the servers is read as further servers",
-                    "put the comment on a line of its own");
-            return false;
-        }
-        if (server.find_first_of(",;\t") != std::string_view::npos) {
-            Misread(Quoted(server) + " is read as one server", "separate servers by single blanks only");
-            return true;
-        }
-        if (host.empty()) {
-            Misread("servers holds an empty host, which never answers",
-                    "write host:port, with single blanks between servers");
-        } else if (host.find_first_of("[]/") != std::string_view::npos) {
-            Misread(Quoted(host) + " is read as the name of a host",
-                    "write an IPv4 address or a name, then :port");
-        } else if (LowerAscii(host) == "localhost") {
-            Doubt("a refused connection to localhost can cost two seconds", "write 127.0.0.1");
-        }
-        if (colon != std::string_view::npos) {
-            Port(server.substr(colon + 1), server);
-        }
-        return true;
-    }
-
-    void Port(std::string_view port, std::string_view server) {
-        const std::string remedy = "write host:port with a port from 1 to 65535";
-        if (!AllDigits(port)) {
-            Misread("the port of " + Quoted(server) +
-                        " is not a number: it is read up to the first other character, "
-                        "and as 0 without a digit",
-                    remedy);
-            return;
-        }
-        const size_t zeros = std::min(port.find_first_not_of('0'), port.size());
-        const std::string_view significant = port.substr(zeros);
-        if (significant.empty()) {
-            Misread("the port of " + Quoted(server) + " is 0, on which nothing can listen", remedy);
-        } else if (significant.size() > 5 || std::stol(std::string(significant)) > UINT16_MAX) {
-            Misread("the port of " + Quoted(server) + " is above 65535 and becomes another one", remedy);
         }
     }
 

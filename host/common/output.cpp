@@ -25,15 +25,8 @@ struct Stream {
     bool terminal;
 };
 
-const Stream& Out() {
-    static const Stream stream(STD_OUTPUT_HANDLE);
-    return stream;
-}
-
-const Stream& Error() {
-    static const Stream stream(STD_ERROR_HANDLE);
-    return stream;
-}
+const Stream kOut(STD_OUTPUT_HANDLE);
+const Stream kError(STD_ERROR_HANDLE);
 
 // Returns the system's error code.
 DWORD WriteBytes(HANDLE handle, std::string_view text) {
@@ -83,14 +76,14 @@ std::recursive_mutex& OutputLock() {
 void PrintOut(std::string_view lines) {
     const std::lock_guard guard(OutputLock());
     ClearProgress();
-    NoteFailure("standard output", Write(Out(), lines));
+    NoteFailure("standard output", Write(kOut, lines));
     WriteToFile(lines);
 }
 
 void PrintError(std::string_view lines) {
     const std::lock_guard guard(OutputLock());
     ClearProgress();
-    Write(Error(), lines);
+    Write(kError, lines);
     WriteToFile(lines);
 }
 
@@ -118,13 +111,13 @@ Fault OutputFault() {
 }
 
 bool ProgressShown() {
-    return Error().terminal;
+    return kError.terminal;
 }
 
 void DrawProgress(std::string_view line) {
     const std::lock_guard guard(OutputLock());
     CONSOLE_SCREEN_BUFFER_INFO screen;
-    if (GetConsoleScreenBufferInfo(Error().handle, &screen) && screen.dwSize.X > 1) {
+    if (GetConsoleScreenBufferInfo(kError.handle, &screen) && screen.dwSize.X > 1) {
         line = line.substr(0, static_cast<size_t>(screen.dwSize.X) - 1);  // a longer one could not be erased
     }
     std::string text = "\r";
@@ -132,20 +125,16 @@ void DrawProgress(std::string_view line) {
     if (line.size() < g_progress_width) {
         text.append(g_progress_width - line.size(), ' ');
     }
-    Write(Error(), text);
+    Write(kError, text);
     g_progress_width = line.size();
 }
 
 void ClearProgress() {
     const std::lock_guard guard(OutputLock());
-    if (g_progress_width == 0) {
-        return;
+    if (g_progress_width != 0) {
+        DrawProgress("");
+        Write(kError, "\r");
     }
-    std::string text = "\r";
-    text.append(g_progress_width, ' ');
-    text += '\r';
-    Write(Error(), text);
-    g_progress_width = 0;
 }
 
 }  // namespace kesto::host

@@ -1,3 +1,5 @@
+// All output of the program goes through here, in whole lines: as UTF-8 when redirected, as UTF-16 to a
+// terminal, and never mixed with the progress line. Any thread may call these functions.
 #pragma once
 
 #include <mutex>
@@ -6,8 +8,6 @@
 
 #include "common/fault.h"
 
-// All output of the program goes through here, in whole lines: as UTF-8 when redirected, as UTF-16 to a
-// terminal, and never mixed with the progress line. Any thread may call these functions.
 namespace kesto::host {
 
 void PrintOut(std::string_view lines);
@@ -25,7 +25,8 @@ bool ProgressShown();
 void DrawProgress(std::string_view line);
 void ClearProgress();
 
-// Held while a line is written. Whoever ends the process at once takes the lock first, and keeps it.
+// Held while a line is written. It also guards all that changes in a scan run. Whoever ends the process at
+// once takes the lock first, and keeps it.
 std::recursive_mutex& OutputLock();
 
 }  // namespace kesto::host

@@ -31,7 +31,6 @@ Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin) {
     if (!module) {
         return LoadFault(path, GetLastError());
     }
-    plugin.module = module;
     std::string missing;
     const auto bind = [&]<typename Function>(const char* name, Function& function) {
         function = reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
@@ -47,16 +46,19 @@ Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin) {
     bind("INITIALIZESCANNER", plugin.initialize_scanner);
     bind("ISFATALERROR", plugin.is_fatal_error);
     bind("SCANFILE", plugin.scan_file);
-    if (missing.empty()) {
-        return {};
+    if (!missing.empty()) {
+        FreeLibrary(module);
+        return LacksExports(path, missing);
     }
-    FreeLibrary(module);
-    return LacksExports(path, missing);
+    plugin.module = module;
+    return {};
 }
 
-void ClosePlugin(const PluginLibrary& plugin) {
-    plugin.close_scanner();
-    FreeLibrary(static_cast<HMODULE>(plugin.module));
+PluginLibrary::~PluginLibrary() {
+    if (module != nullptr) {
+        close_scanner();
+        FreeLibrary(static_cast<HMODULE>(module));
+    }
 }
 
 Fault StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, bool& without_engine) {

@@ -1,3 +1,5 @@
+// The plug-in as the mail server uses it: a library that is loaded at run time and called through its
+// exports.
 #pragma once
 
 #include <cstdint>
@@ -7,12 +9,16 @@
 #include "base/host_records.h"
 #include "common/fault.h"
 
-// The plug-in as the mail server uses it: a library that is loaded at run time and called through its
-// exports.
 namespace kesto::host {
 
+// Closed with CLOSESCANNER and unloaded at its end.
 struct PluginLibrary {
-    void* module;
+    PluginLibrary() = default;
+    ~PluginLibrary();
+    PluginLibrary(const PluginLibrary&) = delete;
+    PluginLibrary& operator=(const PluginLibrary&) = delete;
+
+    void* module = nullptr;
     int32_t(__stdcall* initialize_scanner)(int32_t version, char* short_name, char* long_name,
                                            uint32_t* out_value, const char* folder);
     void(__stdcall* close_scanner)();
@@ -31,10 +37,7 @@ Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin);
 // The fault of a library without these exports.
 Fault LacksExports(const std::wstring& path, const std::string& names);
 
-// Calls CLOSESCANNER, then unloads the library.
-void ClosePlugin(const PluginLibrary& plugin);
-
-// INITIALIZESCANNER. A fault leaves nothing to call but ClosePlugin; if `without_engine`, a plug-in that can
+// INITIALIZESCANNER. After a fault nothing else may be called; but if `without_engine`, a plug-in that can
 // update and tell its version, but whose scans have no engine.
 Fault StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, bool& without_engine);
 

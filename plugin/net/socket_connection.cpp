@@ -4,95 +4,17 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
+#include "base/clamd_words.h"
 #include "base/ipv4_address.h"
 #include "plugin/net/host_resolver.h"
-#include "plugin/net/socket_errors.h"
 
 namespace kesto {
 namespace {
 
 // The layer is never stopped, since other threads may have connections open.
 std::atomic<bool> g_layer_started;
-
-}  // namespace
-
-bool SocketConnection::LayerStarted() {
-    if (!g_layer_started) {
-        // Two threads at once may start it twice; the system allows that and counts it.
-        WSADATA data;
-        g_layer_started = WSAStartup(MAKEWORD(2, 2), &data) == 0;
-        // In a host that has no sockets of its own it would be unloaded together with us. What it holds would
-        // be lost, and whoever loads it next would find it broken. So it stays loaded.
-        HMODULE pinned = nullptr;
-        GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN, "ws2_32.dll", &pinned);
-    }
-    return g_layer_started;
-}
-
-SocketConnection::SocketConnection() {
-    LayerStarted();
-}
-
-SocketConnection::~SocketConnection() {
-    Drop();
-    free(ring_);
-}
-
-void SocketConnection::Drop() {
-    if (socket_ != INVALID_SOCKET) {
-        closesocket(socket_);
-        socket_ = INVALID_SOCKET;
-    }
-}
-
-void SocketConnection::StartAccount(std::string_view operation) {
-    account_length_ = 0;
-    AddText(operation);
-}
-
-// A plain copy, since this runs for every chunk of a file.
-void SocketConnection::AddText(std::string_view text) {
-    size_t length = std::min(text.size(), sizeof account_ - 1 - account_length_);
-    memcpy(account_ + account_length_, text.data(), length);
-    account_length_ += length;
-    account_[account_length_] = '\0';
-}
-
-void SocketConnection::AddLine(std::string_view line) {
-    AddText("\n");
-    AddText(line);
-}
-
-void SocketConnection::AddEntry(std::string_view name, std::string_view value) {
-    AddLine(name);
-    AddText(": ");
-    AddText(value);
-}
-
-void SocketConnection::AddEntry(std::string_view name, int64_t value) {
-    char digits[20];
-    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    AddEntry(name, std::string_view(digits, static_cast<size_t>(end - digits)));
-}
-
-void SocketConnection::AddSocketError(int error) {
-    if (const char* description = SocketErrorDescription(error)) {
-        AddLine(description);
-        return;
-    }
-    // Only errors without words of their own get this hint: the others tell their cause.
-    char text[32];
-    snprintf(text, sizeof text, "Error 0x%x", static_cast<unsigned>(error));
-    AddLine(text);
-    AddLine("Check to make sure the connection is not blocked by a firewall or anti-virus port filtering.");
-}
-
-namespace {
 
 uint32_t RemainingMs(uint32_t start, uint32_t limit) {
     uint32_t elapsed = GetTickCount() - start;
@@ -102,67 +24,6 @@ uint32_t RemainingMs(uint32_t start, uint32_t limit) {
 timeval TimeValue(uint32_t ms) {
     return {static_cast<long>(ms / 1000), static_cast<long>(ms % 1000 * 1000)};
 }
-
-}  // namespace
-
-bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, uint32_t max_wait_ms) {
-    const uint32_t start = GetTickCount();
-    Drop();
-    StartAccount("Connect_Socket");
-    // A long name is cut here so that the log line has room for the reason that follows.
-    const char* const name = hostname != nullptr ? hostname : "";
-    AddEntry("hostname", std::string_view(name, strnlen(name, 200)));
-    AddEntry("port", port);
-    AddEntry("ssl", ssl);
-    AddEntry("maxWaitMs", max_wait_ms);
-    if (hostname == nullptr) {
-        AddLine("Cannot connect, hostname is NULL");
-        return false;
-    }
-    if (hostname[0] == '\0') {
-        AddLine("Cannot connect, hostname is zero length");
-        return false;
-    }
-
-    HostAddresses found = {};
-    if (ParseIpv4(hostname, found.addresses[0])) {
-        AddLine("This is an IPV4 numeric address.");
-        AddLine("Hostname to IP address resolution not needed.");
-        found.count = 1;
-    } else {
-        int error = 0;
-        switch (ResolveHost(hostname, max_wait_ms, found, error)) {
-            case Resolution::kFound:
-                break;
-            case Resolution::kTimedOut:
-                AddLine("DNS timed out.");
-                return false;
-            case Resolution::kFailed:
-                AddLine("DNS lookup failed.");
-                AddSocketError(error);
-                return false;
-        }
-    }
-
-    int error = WSAETIMEDOUT;
-    for (size_t i = 0; i < found.count; ++i) {
-        error = ConnectTo(found.addresses[i], port, start, max_wait_ms);
-        if (error == 0) {
-            if (no_delay_) {
-                AddLine("Setting TCP_NODELAY");
-                const BOOL on = TRUE;
-                setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
-            }
-            AddLine("Success.");
-            return true;
-        }
-    }
-    AddLine("Connect function failed.");
-    AddSocketError(error);
-    return false;
-}
-
-namespace {
 
 // Within this machine a refusal is final, but Windows tries again for about two seconds, so that a closed
 // port would show as a time-out. Systems before Windows 10 1709 do not know this request; there it has no
@@ -204,10 +65,6 @@ int WaitForConnect(SOCKET connecting, uint32_t wait_ms) {
     return error != 0 ? error : WSAECONNREFUSED;
 }
 
-}  // namespace
-
-namespace {
-
 // Programs that the host starts must not inherit the socket: they would keep the connection open.
 SOCKET OpenSocket() {
     SOCKET opened = WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
@@ -222,7 +79,101 @@ SOCKET OpenSocket() {
     return opened;
 }
 
+// Returns 1 when the socket is ready, 0 when the time has passed, or SOCKET_ERROR.
+int WaitUntilReady(SOCKET waiting, bool to_send, uint32_t wait_ms) {
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(waiting, &set);
+    timeval wait = TimeValue(wait_ms);
+    return to_send ? select(0, nullptr, &set, nullptr, &wait) : select(0, &set, nullptr, nullptr, &wait);
+}
+
 }  // namespace
+
+bool SocketConnection::LayerStarted() {
+    if (!g_layer_started) {
+        // Two threads at once may start it twice; the system allows that and counts it.
+        WSADATA data;
+        g_layer_started = WSAStartup(MAKEWORD(2, 2), &data) == 0;
+        // In a host that has no sockets of its own it would be unloaded together with us. What it holds would
+        // be lost, and whoever loads it next would find it broken. So it stays loaded.
+        HMODULE pinned = nullptr;
+        GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN, "ws2_32.dll", &pinned);
+    }
+    return g_layer_started;
+}
+
+SocketConnection::SocketConnection() {
+    LayerStarted();
+}
+
+SocketConnection::~SocketConnection() {
+    Drop();
+}
+
+void SocketConnection::Drop() {
+    if (socket_ != INVALID_SOCKET) {
+        closesocket(socket_);
+        socket_ = INVALID_SOCKET;
+    }
+}
+
+bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, uint32_t max_wait_ms) {
+    const uint32_t start = GetTickCount();
+    Drop();
+    record_.Start("Connect_Socket");
+    // A long name is cut here so that the log line has room for the reason that follows.
+    const char* const name = hostname != nullptr ? hostname : "";
+    record_.AddEntry("hostname", std::string_view(name, strnlen(name, 200)));
+    record_.AddEntry("port", port);
+    record_.AddEntry("ssl", ssl);
+    record_.AddEntry("maxWaitMs", max_wait_ms);
+    if (hostname == nullptr) {
+        record_.AddLine("Cannot connect, hostname is NULL");
+        return false;
+    }
+    if (hostname[0] == '\0') {
+        record_.AddLine("Cannot connect, hostname is zero length");
+        return false;
+    }
+
+    HostAddresses found = {};
+    if (ParseIpv4(hostname, found.addresses[0])) {
+        record_.AddLine("This is an IPV4 numeric address.");
+        record_.AddLine("Hostname to IP address resolution not needed.");
+        found.count = 1;
+    } else {
+        int error = 0;
+        switch (ResolveHost(hostname, max_wait_ms, found, error)) {
+            case Resolution::kFound:
+                break;
+            case Resolution::kTimedOut:
+                record_.AddLine("DNS timed out.");
+                return false;
+            case Resolution::kFailed:
+                record_.AddLine("DNS lookup failed.");
+                record_.AddSocketError(error);
+                return false;
+        }
+    }
+
+    int error = WSAETIMEDOUT;
+    for (size_t i = 0; i < found.count; ++i) {
+        error = ConnectTo(found.addresses[i], port, start, max_wait_ms);
+        if (error == 0) {
+            if (no_delay_) {
+                record_.AddLine("Setting TCP_NODELAY");
+                const BOOL on = TRUE;
+                setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
+            }
+            record_.AddLine("Success.");
+            return true;
+        }
+    }
+    record_.AddLine("Connect function failed.");
+    record_.AddSocketError(error);
+    return false;
+}
 
 // Connects to one address, within the limit that all addresses of a name share. Returns 0 or the error.
 int SocketConnection::ConnectTo(uint32_t address, uint16_t port, uint32_t start, uint32_t max_wait_ms) {
@@ -250,32 +201,19 @@ int SocketConnection::ConnectTo(uint32_t address, uint16_t port, uint32_t start,
     return error;
 }
 
-namespace {
-
-// Returns 1 when the socket is ready, 0 when the time has passed, or SOCKET_ERROR.
-int WaitUntilReady(SOCKET waiting, bool to_send, uint32_t wait_ms) {
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(waiting, &set);
-    timeval wait = TimeValue(wait_ms);
-    return to_send ? select(0, nullptr, &set, nullptr, &wait) : select(0, &set, nullptr, nullptr, &wait);
-}
-
-}  // namespace
-
 bool SocketConnection::SendBytes(const void* data, uint32_t byte_count) {
-    StartAccount("SendBytes");
-    AddEntry("NumBytes", byte_count);
+    record_.Start("SendBytes");
+    record_.AddEntry("NumBytes", byte_count);
     if (socket_ == INVALID_SOCKET) {
-        AddLine("No connection is established");
+        record_.AddLine("No connection is established");
         return false;
     }
     if (data == nullptr || byte_count == 0) {
-        AddLine("Size of data to send is zero.");
+        record_.AddLine("Size of data to send is zero.");
         return false;
     }
     bool sent = SendAll(static_cast<const char*>(data), byte_count);
-    AddLine(sent ? "Success." : "Failed.");
+    record_.AddLine(sent ? "Success." : "Failed.");
     return sent;
 }
 
@@ -292,18 +230,18 @@ bool SocketConnection::SendAll(const char* data, uint32_t byte_count) {
         int ready = 1;
         int error = WSAGetLastError();
         if (error == WSAEWOULDBLOCK) {
-            ready = WaitUntilReady(socket_, true, max_send_idle_ms_);
+            ready = WaitUntilReady(socket_, true, kIdleLimitMs);
             error = WSAGetLastError();
             if (ready == 1) {
                 continue;
             }
         }
         if (ready == 0) {
-            AddLine("Socket send idle timeout");
+            record_.AddLine("Socket send idle timeout");
         } else {
-            AddLine("Error sending on socket");
-            AddSocketError(error);
-            AddLine("Socket send failed");
+            record_.AddLine("Error sending on socket");
+            record_.AddSocketError(error);
+            record_.AddLine("Socket send failed");
         }
         return false;
     }
@@ -311,19 +249,19 @@ bool SocketConnection::SendAll(const char* data, uint32_t byte_count) {
 }
 
 bool SocketConnection::ReceiveStringUntilByte(int byte_value, ReceivedText& text) {
-    StartAccount("ReceiveStringUntilByte");
-    AddEntry("byteValue", byte_value);
+    record_.Start("ReceiveStringUntilByte");
+    record_.AddEntry("byteValue", byte_value);
     const auto last = static_cast<char>(std::clamp(byte_value, 0, 255));
     if (socket_ == INVALID_SOCKET) {
-        AddLine("No connection is established");
+        record_.AddLine("No connection is established");
         return false;
     }
     ReceivedText received;
     for (;;) {
         // The engine scans before it replies, so a `recv` without waiting first would find nothing.
-        int count = WaitUntilReady(socket_, false, max_read_idle_ms_);
+        int count = WaitUntilReady(socket_, false, kIdleLimitMs);
         if (count == 0) {
-            AddLine("WaitForData timed out.");
+            record_.AddLine("WaitForData timed out.");
             return false;
         }
         char buffer[4096];
@@ -331,7 +269,7 @@ bool SocketConnection::ReceiveStringUntilByte(int byte_value, ReceivedText& text
             count = recv(socket_, buffer, sizeof buffer, 0);
         }
         if (count == 0) {
-            AddLine("The peer has closed the socket (TCP) connection");
+            record_.AddLine("The peer has closed the socket (TCP) connection");
             return false;
         }
         if (count < 0) {
@@ -339,19 +277,19 @@ bool SocketConnection::ReceiveStringUntilByte(int byte_value, ReceivedText& text
             if (error == WSAEWOULDBLOCK) {
                 continue;
             }
-            AddLine("Failed to receive on the TCP socket");
-            AddSocketError(error);
+            record_.AddLine("Failed to receive on the TCP socket");
+            record_.AddSocketError(error);
             return false;
         }
         const char* const end = buffer + count;
         const char* const match = std::find(static_cast<const char*>(buffer), end, last);
         const auto length = static_cast<size_t>(match - buffer);
         if (received.View().size() + length > kMostReplyBytes) {
-            AddLine("The reply is too long");
+            record_.AddLine("The reply is too long");
             return false;
         }
         if (!received.Append({buffer, length})) {
-            AddLine("Not enough memory for the reply");
+            record_.AddLine("Not enough memory for the reply");
             return false;
         }
         if (match != end) {
@@ -362,27 +300,15 @@ bool SocketConnection::ReceiveStringUntilByte(int byte_value, ReceivedText& text
 }
 
 bool SocketConnection::Close(uint32_t max_wait_ms) {
-    StartAccount("Close");
-    AddEntry("maxWaitMs", max_wait_ms);
+    record_.Start("Close");
+    record_.AddEntry("maxWaitMs", max_wait_ms);
     if (socket_ == INVALID_SOCKET) {
-        AddLine("No connection to close");
+        record_.AddLine("No connection to close");
         return false;
     }
     shutdown(socket_, SD_BOTH);
     Drop();
     return true;
-}
-
-const char* SocketConnection::LastErrorText() {
-    if (ring_ == nullptr) {
-        ring_ = static_cast<char(*)[kAccountSize]>(calloc(kRingSlots, kAccountSize));
-    }
-    if (ring_ == nullptr) {
-        return account_;  // valid until the next operation; no caller keeps it for longer
-    }
-    ring_index_ = (ring_index_ + 1) % kRingSlots;
-    memcpy(ring_[ring_index_], account_, sizeof account_);
-    return ring_[ring_index_];
 }
 
 }  // namespace kesto

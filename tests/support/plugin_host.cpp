@@ -11,10 +11,6 @@ LoadedPlugin::LoadedPlugin(const Installation& installed) {
     }
 }
 
-LoadedPlugin::~LoadedPlugin() {
-    ClosePlugin(*this);
-}
-
 int32_t LoadedPlugin::Initialize(const std::filesystem::path& folder) const {
     return initialize_scanner(1, nullptr, nullptr, nullptr, folder.string().c_str());
 }

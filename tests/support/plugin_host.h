@@ -12,14 +12,9 @@
 namespace kesto {
 using namespace host;
 
-// The library of an installation, newly loaded, so that nothing in it was used before. It is closed and
-// unloaded at the end.
+// The library of an installation, newly loaded, so that nothing in it was used before.
 struct LoadedPlugin : PluginLibrary {
     explicit LoadedPlugin(const Installation& installed);
-    ~LoadedPlugin();
-    LoadedPlugin(const LoadedPlugin&) = delete;
-    LoadedPlugin& operator=(const LoadedPlugin&) = delete;
-
     // INITIALIZESCANNER with this folder, version 1 and no buffers.
     int32_t Initialize(const std::filesystem::path& folder) const;
     // GETVERSIONDETAILS with a buffer that is large enough.
