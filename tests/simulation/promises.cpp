@@ -20,7 +20,7 @@ constexpr size_t kOfClient = 400'000;  // bytes of memory beside `keep`
 void World::AttemptBegins(Client& client, ServerLine& line) {
     Tell(*line.server, " gets the scan of ", client);
     size_t lost = 0, whole = 0;
-    bool tried = false;
+    bool tried = false, beside = false;
     for (const auto& other : client.lines) {
         if (other.get() == &line) {
             continue;
@@ -29,12 +29,22 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
         if (other->Runs() && (client.ended == Time{} || line.began < std::max(client.ended, began) + kLate)) {
             Broken("a second server gets the scan of ", client, " too early");
         }
+        beside |= other->Runs() && other->server->up && line.server->Scans() > 1;
         lost += !other->replied;
         whole += !other->replied && other->whole;
         tried |= other->server == line.server;
     }
     if (whole >= 3 || (lost >= 5 && tried)) {
         Broken("too many servers get the scan of ", client);
+    }
+    const auto lately = [this](Time at) { return at + 60s > net.now; };
+    client.beside_at = beside && client.beside_at == Time{} ? net.now : client.beside_at;
+    const auto share = std::count_if(clients.begin(), clients.end(),
+                                     [&](const auto& each) { return lately(each->beside_at); });
+    const auto all =
+        std::count_if(clients.begin(), clients.end(), [&](const auto& each) { return lately(each->ended); });
+    if (beside && share > 2 + all / 10) {
+        Broken("more than one scan in ten gets a second server that is busy");
     }
     for (const Server* server : list) {
         const Time since = std::max({server->up_since, server->listed_at, server->busy_at}) + kConnecting;
@@ -217,7 +227,8 @@ void World::LookAt(Client& client) {
     if (now > std::max(client.heard, client.told) + 20s + client.pause && !client.left && !client.answered) {
         client.Leave("loses patience", false);
     }
-    if (client.answered && now > client.answered_at + 2s + kTick && !client.writing) {
+    if (client.answered && now > client.answered_at + (client.finishes ? 0s : 2s) + kTick &&
+        !client.writing) {
         Broken(client, " has its reply and is not closed");
     }
     const int64_t most =

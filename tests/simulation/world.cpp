@@ -12,6 +12,8 @@
 namespace kesto::simulation {
 namespace {
 
+using namespace std::string_literals;
+
 constexpr auto kCalm = 130s;      // after the faults, until each server must have its part of the scans
 constexpr auto kLongest = 1200s;  // until the last client ends
 constexpr uint64_t kAll = UINT64_MAX;
@@ -75,15 +77,15 @@ LinePtr World::Connect(const std::string& where) {
     for (std::string part; std::getline(parts, part, '.');) {
         numbers.push_back(static_cast<unsigned>(std::atoi(part.c_str())));
     }
+    if (numbers[0] == 127) {
+        Broken("the bridge connects to itself");
+    }
     const bool v6 = numbers.size() == 16;
     Server& server = *servers.at(numbers[v6 ? 15 : 2]);
     server.asked_at = net.now;
     if (v6 || (numbers[3] == 1 + server.moves && server.fault != Fault::kMoved)) {
         server.lines.push_back(std::make_shared<ServerLine>(*this, &server, false));
         return server.lines.back();
-    }
-    if (numbers[0] == 127) {
-        Broken("the bridge connects to itself");
     }
     return std::make_shared<ServerLine>(*this, nullptr,
                                         numbers[3] == 99 ? server.dead_address == 1 : net.dice.OneIn(2));
@@ -96,16 +98,13 @@ int World::LookUp(const std::string& name, uint16_t port, std::vector<ServerAddr
     }
     server.Found();
     const std::string prefix = "10.0." + std::to_string(server.number) + ".";
-    const auto add = [&](const std::string& host) {
-        addresses.push_back(*ParseServerAddress(host + ":" + std::to_string(port)));
-    };
-    if (net.dice.OneIn(4)) {
-        add("127.0.0.1");
+    for (const auto& [is_found, host] : {std::pair(net.dice.OneIn(4), "127.0.0.1"s),
+                                         {server.dead_address != 0, prefix + "99"},
+                                         {true, prefix + std::to_string(1 + server.moves)}}) {
+        if (is_found) {
+            addresses.push_back(*ParseServerAddress(host + ":" + std::to_string(port)));
+        }
     }
-    if (server.dead_address != 0) {
-        add(prefix + "99");
-    }
-    add(prefix + std::to_string(1 + server.moves));
     return 0;
 }
 

@@ -35,8 +35,8 @@ enum class Fault {
 struct Server {
     Server(World& world, size_t number);
     void Begin(Fault next);
-    void Found();      // its address, by the bridge
-    void Forgotten();  // the same
+    void Found();  // its address, by the bridge
+    void Forgotten();
     void Pump();
     bool IsWell() const { return fault == Fault::kNone; }
     bool StandsStill() const { return fault >= Fault::kUnanswered && fault <= Fault::kStopped; }
@@ -52,9 +52,7 @@ struct Server {
     std::string name;  // as set
     unsigned moves = 0;
     Fault fault = Fault::kNone;
-    bool known = true;  // where it is
-    bool listed = false;
-    bool up = false;  // for the bridge
+    bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
     Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{};
     Time verdict_at{}, erred_at{}, asked_at{};  // read, read, and begun by the bridge
     std::vector<std::shared_ptr<ServerLine>> lines;
@@ -66,7 +64,6 @@ struct ServerLine final : Line {
     void Accept();
     void Resume();
     bool Runs() const { return IsOpen() && !replied; }
-    bool IsLost() const { return !IsOpen() && !replied; }
 
     void Begins() override;
     void Content(uint64_t at, std::span<uint8_t> to) override;
@@ -83,15 +80,13 @@ struct ServerLine final : Line {
     Server* const server;  // null: nobody is there
     const bool refuses;    // of nobody
     const Time began = net.now;
-    Client* client = nullptr;  // whose scan it is
-    std::string head;          // the first bytes of the request
-    uint64_t size = UINT64_MAX;
-    uint64_t checked = 0;  // bytes that were
-    bool accepted = false;
-    bool answers = false;
-    bool whole = false;  // all of the scan was given to the system
-    std::string reply, said;
-    bool replied = false;  // which the bridge has read, and takes notice of
+    Client* client = nullptr;                 // whose scan it is
+    std::string head;                         // the first bytes of the request
+    uint64_t size = UINT64_MAX, checked = 0;  // bytes
+    bool accepted = false, answers = false;
+    bool whole = false;       // all of the scan was given to the system
+    std::string reply, said;  // the latter was read
+    bool replied = false;     // and the bridge takes notice of it
     Time replied_at{};
 };
 
@@ -131,15 +126,13 @@ struct Client final : Line {
     bool steps = false;
 
     std::vector<std::shared_ptr<ServerLine>> lines;  // of its scan
-    bool squeezed = false;                           // there may have been no room for its stream
-    bool lacked = false;                             // memory
-    bool left = false;                               // nobody is there any more
-    bool answered = false;
+    bool squeezed = false, lacked = false;  // there may have been no room for its stream, or no memory
+    bool left = false, answered = false;    // nobody is there any more; it was given a whole reply
     size_t repeats = 0;
     Time repeated_at{}, came{}, ended{}, heard{}, told{}, answered_at{};
+    Time beside_at{};           // when a busy server got it beside another one
     Time due{}, alone_since{};  // the latest time at which its stream may have ended, no server had it
-    std::string text;           // what the bridge tells it
-    std::string end;            // why the bridge closed it
+    std::string text, end;      // what the bridge tells it, and why it was closed
 };
 
 struct World {
@@ -196,11 +189,9 @@ struct World {
     std::unique_ptr<bridge::Loop> loop;
     std::vector<std::unique_ptr<Server>> servers;
     std::vector<Server*> list;
-    std::vector<std::shared_ptr<Client>> clients;
+    std::vector<std::shared_ptr<Client>> clients, let_in;  // all, and those not closed
     std::deque<std::shared_ptr<Client>> arrivals;
-    std::vector<std::shared_ptr<Client>> let_in;  // and not closed
-    uint64_t reading = 0;                         // bytes of all scans under way
-    size_t crowd = 0;                             // clients before this step
+    size_t reading = 0, crowd = 0;  // bytes of all scans under way, clients before this step
     size_t refused = 0, repeated = 0;
     std::optional<Time> down_since;
     Time lacked_at{};
