@@ -275,9 +275,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
             away = PutAway(lane.file->exact, bytes.identity, options_.quarantine, options_.move);
         }
         totals_.errors += away.fault ? 1 : 0;
-        constexpr const char* kDone[] = {"", "copied", "moved"};
-        report_.Infected(Utf8FromWide(lane.file->path), bytes.size, virus,
-                         kDone[static_cast<size_t>(away.end)], Utf8FromWide(away.where), away.fault);
+        report_.Infected(Utf8FromWide(lane.file->path), bytes.size, virus, away);
     }
 
     void Failed(const Lane& lane, const Fault& fault) {

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/clamd_words.h"
 #include "host/check/dynamic_ports.h"
 #include "host/check/test_samples.h"
 #include "tests/support/plugin_host.h"
@@ -18,10 +19,10 @@ EngineScript Clamd(bool shifted, int days = 0) {
     return Realistic({.shifted = shifted, .version = VersionOfDaysAgo(days)});
 }
 
-// Answers scans with this and everything else as a clamd does.
-EngineScript ScansSaying(const std::string& reply) {
+// Answers scans of so many bytes with this and everything else as a clamd does.
+EngineScript ScansSaying(const std::string& reply, size_t least = 0) {
     return [=, other = Clamd(true)](Wire& wire) {
-        if (wire.ReceiveRequest().command == "zINSTREAM") {
+        if (wire.ReceiveRequest().command == "zINSTREAM" && wire.ReceiveRequest().data.size() >= least) {
             wire.ReplyAndHangUp(reply);
         }
         other(wire);
@@ -45,17 +46,8 @@ class CheckTest : public Test {
     Installation installed;
 };
 
-TEST_F(CheckTest, HealthyInstallationPassesEveryCheckAndIsLeftAsItIs) {
+TEST_F(CheckTest, NamesTheFaultOfEachInstallationAndNoOtherAndLeavesItAsItIs) {
     const auto log = installed.top / "new.log";
-    Configure("logfile=" + log.string());
-    const RunResult result = Check();
-    EXPECT_EQ(result.status, 0u);
-    EXPECT_THAT(result.out, HasSubstr("\n11 ok, 0 warnings, 0 failed\n"));
-    EXPECT_FALSE(std::filesystem::exists(log));
-    EXPECT_EQ(installed.Starts(installed.engine), 1u);
-}
-
-TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
     const std::string failed = "failed   ", server = "server " + engine.Address() + " ";
     const EngineScript well = Clamd(true);
     const char* const warned = " 1 warning, 0 failed\n";
@@ -66,6 +58,7 @@ TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
         std::wstring arguments = L"";
         const char* counts = " 0 warnings, 1 failed\n";
     } cases[] = {
+        {"ok       log: ", well, "logfile=" + log.string(), L"", "\n11 ok, 0 warnings, 0 failed\n"},
         {failed + "library: ", well, "", L" --library C:\\windows\\system32\\version.dll"},
         {failed + "settings: kestoav.ini line 3: the key \"encrpyt\" is not", well, "encrpyt=0"},
         {failed + "log: C:\\missing\\av.log cannot be written: Path", well, "logfile=C:\\missing\\av.log"},
@@ -75,6 +68,8 @@ TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
         {failed + server + "clean sample: found infected with X", ScansSaying("stream: X FOUND")},
         {failed + server + "clean sample: the reply was \"stream: disk\"", ScansSaying("stream: disk"), "",
          L"", " 0 warnings, 2 failed\n"},  // and EICAR as well
+        {failed + server + "2 MB stream: the reply was \"INST",
+         ScansSaying(std::string(kSizeLimitReply), 2 << 20)},
         {failed + server + "zPING: no answer: the connection ", DyingAfter(1)},
         {"warning  " + server + "zVERSION: \"Engine 1/27000/", Clamd(true, 8), "", L"", warned},
         {"ok       " + server + "zVERSION: ", Clamd(true, 7), "", L"", " 0 warnings, 0 failed\n"},
@@ -88,6 +83,8 @@ TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
         EXPECT_EQ(result.status, it.line.starts_with(failed) ? 2u : 0u) << result.out;
         EXPECT_THAT(result.out, AllOf(HasSubstr(it.line), HasSubstr(it.counts)));
     }
+    EXPECT_FALSE(std::filesystem::exists(log));
+    EXPECT_EQ(installed.Starts(installed.engine), 1u);
 }
 
 TEST_F(CheckTest, AsksEachServerOfTheBridge) {
@@ -100,6 +97,7 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
     installed.WriteSettings(Servers(port));
     EXPECT_THAT(Check().out,
                 AllOf(HasSubstr("ok       upstream " + good.Address() + " 2 MB stream: found clean"),
+                      HasSubstr("ok       engine worker: kestobridge.exe runs"),
                       HasSubstr("failed   upstream " + blind.Address() + " EICAR: found clean"),
                       HasSubstr("failed   upstream " + dead + " connection: not made")));
 
@@ -203,9 +201,8 @@ TEST(DynamicPorts, AreTheLastTwoNumbersInAnyLanguage) {
 // A file that holds the test string whole would be quarantined on many machines.
 TEST(TestSamples, ProgramDoesNotHoldTheTestString) {
     EXPECT_EQ(EicarTestString().size(), 68u);
-    const std::string program = ReadFile(BuiltFolder() / "kestoscan.exe");
-    EXPECT_GT(program.size(), 100'000u);
-    EXPECT_THAT(program, Not(HasSubstr(EicarTestString())));
+    EXPECT_THAT(ReadFile(BuiltFolder() / "kestoscan.exe"),
+                AllOf(SizeIs(Gt(100'000u)), Not(HasSubstr(EicarTestString()))));
 }
 
 }  // namespace

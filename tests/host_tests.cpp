@@ -108,7 +108,7 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         {L"odd", "odd: ERROR Is a folder (--recursive scans it) (267)\n", 2},
         {L"clea* loo*", "clean: OK\nloop: SKIPPED Is a folder (--recursive scans it)\n", 0},
         {L"Z:etc\\passwd /missing", "Z:etc\\passwd: OK\n/missing: ERROR File not found (2)\n", 2},
-        {L"--exclude \u0416* \u0436*", "", 0},
+        {L"--json --exclude \u0416* \u0436*", "{\"files\": [\n]}\n", 0},
         {L"[clean] clean", "[clean]" + found + "clean: OK\n", 1},
         {L"[clean,empty]", "[clean,empty]: ERROR File not found (2)\n", 2},
         {L"--exclude clean clean", "clean: OK\n", 0},
@@ -167,6 +167,7 @@ TEST_F(HostScan, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
     EXPECT_EQ(ReadFile(samples / "away" / "infected") + ReadFile(samples / "away" / "infected.001"),
               "a VIRUSb VIRUS");
     EXPECT_FALSE(std::filesystem::exists(samples / "infected"));
+    EXPECT_EQ(Told(L"--no-summary --move away away\\infected"), "1: away\\infected: Test.Virus FOUND\n");
     // Below what is scanned the folder is left out; on another drive even read-only files are moved.
     const std::filesystem::path other = "Z:\\dev\\shm\\kesto" + std::to_string(GetCurrentProcessId());
     CreateDirectoryW(other.c_str(), nullptr);
@@ -242,6 +243,14 @@ TEST_F(HostTest, AHopelessInstallationIsToldBeforeTheFirstScan) {
                 StartsWith("2: kestoscan: the engine " + installed.engine.string() +
                            " ends at once\nfailed   bridge settings: bridge.ini line 2: idle=0 "));
     EXPECT_EQ(installed.Starts(installed.engine), 1u);
+    installed.PlaceStandIn(installed.engine, "release 1");  // it ends later
+    engine.Play(Slow());
+    const ProgramRun run(program, L"slow clean", samples);
+    ASSERT_TRUE(WaitFor([&] { return engine.Requests().size() == 1 && engine.Requests()[0].whole; }));
+    WriteFile(installed.engine.string() + ".release", "");
+    const RunResult result = run.Finish();
+    EXPECT_THAT(result.out, HasSubstr("\nErrors: 0\nNot scanned: 2\n"));
+    EXPECT_EQ(result.status, 2u);
 }
 
 TEST_F(HostTest, RefusesWhatIsNotThePlugInOrNotUnderstood) {

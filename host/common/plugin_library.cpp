@@ -12,14 +12,6 @@ namespace {
 // 28 of them.
 constexpr size_t kMostFolder = 231;
 
-Fault LoadFault(const std::wstring& path, DWORD code) {
-    std::string text = "cannot load " + Utf8FromWide(path) + ": " + SystemErrorWithCode(code);
-    if (code == ERROR_BAD_EXE_FORMAT) {
-        text += "; it is damaged, or not a 32-bit library";
-    }
-    return {text, code};
-}
-
 }  // namespace
 
 Fault LacksExports(const std::wstring& path, const std::string& names) {
@@ -29,7 +21,10 @@ Fault LacksExports(const std::wstring& path, const std::string& names) {
 Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin) {
     const HMODULE module = LoadLibraryW(path.c_str());
     if (!module) {
-        return LoadFault(path, GetLastError());
+        const DWORD code = GetLastError();
+        return {"cannot load " + Utf8FromWide(path) + ": " + SystemErrorWithCode(code) +
+                    (code == ERROR_BAD_EXE_FORMAT ? "; it is damaged, or not a 32-bit library" : ""),
+                code};
     }
     std::string missing;
     const auto bind = [&]<typename Function>(const char* name, Function& function) {
