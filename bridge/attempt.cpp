@@ -51,13 +51,6 @@ size_t LastBytes(tcp::socket& socket, asio::mutable_buffer bytes) {
 
 }  // namespace
 
-std::shared_ptr<Attempt> Attempt::Begin(Bridge& bridge, Sleeper& owner, const ServerPtr& server,
-                                        const std::shared_ptr<KeptStream>& request, Time reply_until) {
-    const auto attempt = std::make_shared<Attempt>(bridge, owner, server, request, reply_until);
-    Converse(attempt);
-    return attempt;
-}
-
 Attempt::Attempt(Bridge& bridge, Sleeper& owner, ServerPtr server, std::shared_ptr<KeptStream> request,
                  Time reply_until)
     : idle_(bridge.settings.idle),
@@ -66,6 +59,14 @@ Attempt::Attempt(Bridge& bridge, Sleeper& owner, ServerPtr server, std::shared_p
       request_(std::move(request)),
       socket_(bridge.io),
       reply_until_(reply_until) {}
+
+void Attempt::Start() {
+    try {
+        Converse(shared_from_this());
+    } catch (const std::exception&) {
+        Failed();
+    }
+}
 
 void Attempt::More() {
     if (state_ == State::kTalking && sending_ == 0) {
@@ -190,10 +191,7 @@ Task<Attempt> Attempt::Send(std::shared_ptr<Attempt> self) {
     }
 }
 
-void Attempt::CheckTime(Time now) {
-    if (state_ == State::kOver) {
-        return;
-    }
+const AttemptEnd* Attempt::End(Time now) {
     if (state_ == State::kConnecting && now >= step_until_) {
         asio::error_code ignored;
         socket_.close(ignored);  // which ends the connect
@@ -204,10 +202,6 @@ void Attempt::CheckTime(Time now) {
     } else if (now >= reply_until_) {
         Finish({AttemptEnd::Kind::kSilent, "gave no reply"});
     }
-}
-
-const AttemptEnd* Attempt::End(Time now) {
-    CheckTime(now);
     if (failure_) {
         std::rethrow_exception(failure_);
     }
@@ -217,7 +211,7 @@ const AttemptEnd* Attempt::End(Time now) {
 void Attempt::Finish(AttemptEnd end) {
     if (state_ != State::kOver) {
         end_ = std::move(end);
-        Close();
+        Cancel();
         owner_.Wake();
     }
 }
@@ -225,12 +219,12 @@ void Attempt::Finish(AttemptEnd end) {
 void Attempt::Failed() {
     if (state_ != State::kOver) {
         failure_ = std::current_exception();
-        Close();
+        Cancel();
         owner_.Wake();
     }
 }
 
-void Attempt::Close() {
+void Attempt::Cancel() {
     if (std::exchange(state_, State::kOver) != State::kOver) {
         asio::error_code ignored;
         if (sending_ != 0) {

@@ -17,17 +17,15 @@ namespace kesto::bridge {
 
 class Attempt final : public std::enable_shared_from_this<Attempt> {
  public:
-    // Sends the request from its beginning. If no reply has come at `reply_until`, the server is silent.
-    // Until it has ended, the owner may not end without cancelling it.
-    static std::shared_ptr<Attempt> Begin(Bridge& bridge, Sleeper& owner, const ServerPtr& server,
-                                          const std::shared_ptr<KeptStream>& request,
-                                          Time reply_until = Time::max());
+    // If no reply has come at `reply_until`, the server is silent. The owner may not end before the attempt
+    // has ended or been cancelled.
     Attempt(Bridge& bridge, Sleeper& owner, ServerPtr server, std::shared_ptr<KeptStream> request,
-            Time reply_until);
+            Time reply_until = Time::max());
 
-    void More();                // the request has grown or ended
-    void Cancel() { Close(); }  // it wakes nobody any more
-    void Failed();              // the exception is being handled
+    void Start();   // sends the request from its beginning; to be called once
+    void More();    // the request has grown or ended
+    void Cancel();  // it wakes nobody any more
+    void Failed();  // the exception is being handled
 
     const ServerPtr& Upstream() const { return server_; }
     uint64_t Sent() const { return sent_; }  // bytes
@@ -47,12 +45,10 @@ class Attempt final : public std::enable_shared_from_this<Attempt> {
     static Task<Attempt> Converse(std::shared_ptr<Attempt> self);
     static Task<Attempt> Send(std::shared_ptr<Attempt> self);
     void TakeReply(std::string_view bytes, const asio::error_code& error);
-    void CheckTime(Time now);
     void CalledCleanTooEarly() {
         Finish({AttemptEnd::Kind::kBroken, "called the file clean before its end"});
     }
     void Finish(AttemptEnd end);
-    void Close();
 
     const std::chrono::seconds idle_;
     Sleeper& owner_;

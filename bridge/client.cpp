@@ -168,27 +168,6 @@ void Client::ReadingFailed(const asio::error_code& error) {
     }
 }
 
-void Client::GoOn(Time now) {
-    Answer answer;
-    do {
-        answer = phase_ == Phase::kBusy ? request_->Advance(now) : Answer();
-        switch (answer.kind) {
-            case Answer::Kind::kNothing:
-                break;
-            case Answer::Kind::kPart:
-                Send(answer.text);
-                break;
-            case Answer::Kind::kReply:
-                Reply(answer.text);
-                break;
-            case Answer::Kind::kNoReply:
-                NoReply(answer.text);
-                break;
-        }
-    } while (answer.kind == Answer::Kind::kPart);
-    space_.Open();  // the server may have taken data, or there may be memory again
-}
-
 void Client::Send(std::string_view text) {
     outbox_ += text;
     if (!writing_) {
@@ -262,7 +241,21 @@ void Client::Close() {
 
 void Client::Advance(Time now) {
     const auto self = shared_from_this();
-    Try([&] { GoOn(now); });
+    Try([&] {
+        while (phase_ == Phase::kBusy) {
+            const Answer answer = request_->Advance(now);
+            if (answer.kind == Answer::Kind::kNothing) {
+                break;
+            } else if (answer.kind == Answer::Kind::kPart) {
+                Send(answer.text);
+            } else if (answer.kind == Answer::Kind::kReply) {
+                Reply(answer.text);
+            } else {
+                NoReply(answer.text);
+            }
+        }
+        space_.Open();  // the server may have taken data, or there may be memory again
+    });
 }
 
 bool Client::Tick(Time now, bool others_wait) {
@@ -282,7 +275,7 @@ bool Client::Tick(Time now, bool others_wait) {
             made_way = true;
             Refuse("others wait", "too slow while others wait for a place");
         } else {
-            GoOn(now);
+            Advance(now);
         }
     });
     return made_way;

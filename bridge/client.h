@@ -48,7 +48,6 @@ class Client final : public Sleeper, public std::enable_shared_from_this<Client>
     void TakeOpening(uint8_t* bytes, size_t size);
     void TakeStream(uint8_t* bytes, size_t size);
     void ReadingFailed(const asio::error_code& error);
-    void GoOn(Time now);
     void Send(std::string_view text);
     void Reply(std::string_view text);
     void NoReply(const std::string& reason);

@@ -119,7 +119,7 @@ void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now)
         if (!Has(fleet, *server)) {
             server->health.probe = Probe::kNone;
             server->health.pause = 0s;
-            SetStanding(fleet, *server, false, "no longer named", now);
+            SetStanding(fleet, *server, false, "no longer in upstreams", now);
         }
     }
     NoteAnyUp(fleet, now);
@@ -174,10 +174,6 @@ ServerPtr Choose(const Fleet& fleet, const std::function<std::optional<unsigned>
         }
     }
     return best;
-}
-
-void TakeTurn(Fleet& fleet, Server& server) {
-    server.last_turn = ++fleet.turns;
 }
 
 void NoteBroken(Fleet& fleet, Server& server, const AttemptEnd& end, Time moved, Time now) {
@@ -257,11 +253,12 @@ void NoteProbe(Fleet& fleet, Server& server, const AttemptEnd& end, Time now) {
     const bool well = end.kind == AttemptEnd::Kind::kClean;
     const bool sick = end.Replied() && !well;
     const bool silent = end.kind == AttemptEnd::Kind::kSilent;
+    const bool old = silent || (health.up && end.kind == AttemptEnd::Kind::kUnreached);
     health.sick = Time{};
     if (well) {
         health.worked = now;
     }
-    if (well || (silent && health.worked >= health.probed)) {
+    if (well || (old && health.worked >= health.probed)) {
         return SetStanding(fleet, server, true, "", now);
     }
     ++server.numbers.failures;

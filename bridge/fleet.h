@@ -98,7 +98,6 @@ bool IsUp(const Server& server);
 // The server that is up with the fewest scans open, and among those the longest unused one. `rank` orders
 // before that; nothing from it leaves the server out.
 ServerPtr Choose(const Fleet& fleet, const std::function<std::optional<unsigned>(const Server&)>& rank);
-void TakeTurn(Fleet& fleet, Server& server);
 
 // An attempt that moved, or began, at `moved` last could not reach it or broke off: it is down until a probe
 // succeeds. Neither a connect nor the end of a connection that had long stood still says anything of a server

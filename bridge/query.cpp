@@ -51,8 +51,9 @@ Answer Query::Advance(Time now) {
     const auto next = std::find_if(to_ask_.rbegin(), to_ask_.rend(),
                                    [](const ServerPtr& server) { return !server->lookup.addresses.empty(); });
     if (next != to_ask_.rend()) {
-        attempt_ = Attempt::Begin(bridge_, client_, *next, request_, now + kLimit);
+        attempt_ = std::make_shared<Attempt>(bridge_, client_, *next, request_, now + kLimit);
         to_ask_.erase(std::next(next).base());
+        attempt_->Start();
     } else if (to_ask_.empty() || now >= look_up_until_) {
         return {Answer::Kind::kNoReply, "no upstream server answered"};
     }

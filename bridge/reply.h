@@ -1,4 +1,4 @@
-// How an attempt ended: reads the reply of a server, and decides what of it a client may see.
+// How an attempt ended, and what of that a client may see.
 #pragma once
 
 #include <string>
@@ -24,6 +24,18 @@ struct AttemptEnd {
 };
 
 AttemptEnd EndOfReply(std::string reply);
+
+// What goes to a client.
+struct Answer {
+    enum class Kind {
+        kNothing,  // for now
+        kPart,     // the text, a part of the reply
+        kReply,    // the text and a NUL: the end
+        kNoReply,  // nothing, the text tells why: the end
+    };
+    Kind kind = Kind::kNothing;
+    std::string text;
+};
 
 // The reply as it is passed on. Only verdicts keep their beginning: any other reply that has it, such as an
 // engine's "stream: ... ERROR", gets other words in front, so that the plug-in logs it as an unexpected

@@ -4,24 +4,12 @@
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <string>
 
 #include "bridge/clock.h"
 #include "bridge/kept_stream.h"
+#include "bridge/reply.h"
 
 namespace kesto::bridge {
-
-// What goes to the client.
-struct Answer {
-    enum class Kind {
-        kNothing,  // for now
-        kPart,     // the text, a part of the reply
-        kReply,    // the text and a NUL: the end
-        kNoReply,  // nothing, the text tells why: the end
-    };
-    Kind kind = Kind::kNothing;
-    std::string text;
-};
 
 // Its end, for whatever reason, releases everything.
 class Request {

@@ -69,21 +69,11 @@ Answer Scan::Advance(Time now) {
             CancelAttempts();
             stream_ = std::make_shared<KeptStream>(bridge_.room);
         }
-        switch (step.kind) {
-            case ScanStep::Kind::kNothing:
-                return {};
-            case ScanStep::Kind::kAttempt:
-                Begin(step.server);
-                break;
-            case ScanStep::Kind::kTrickle:
-                return {Answer::Kind::kPart, std::move(step.text)};
-            case ScanStep::Kind::kReply:
-                outcome_ = step.outcome;
-                return {Answer::Kind::kReply, std::move(step.text)};
-            case ScanStep::Kind::kNoReply:
-                outcome_ = step.outcome;
-                return {Answer::Kind::kNoReply, std::move(step.text)};
+        if (!step.server) {
+            outcome_ = step.outcome;
+            return std::move(step.answer);
         }
+        Begin(step.server);
     }
 }
 
@@ -93,8 +83,8 @@ void Scan::Begin(const ServerPtr& server) {
         bridge_.fleet.tell("repeated",
                            "scan of " + name_ + " repeated with upstream " + AddressText(server->name));
     }
-    attempts_.emplace_back();
-    attempts_.back() = Attempt::Begin(bridge_, client_, server, stream_);
+    attempts_.push_back(std::make_shared<Attempt>(bridge_, client_, server, stream_));
+    attempts_.back()->Start();
 }
 
 void Scan::HearAttempts(Time now) {

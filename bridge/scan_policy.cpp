@@ -55,10 +55,6 @@ void ScanPolicy::StreamEnded(Time now) {
     fleet_.scans.Add(now);
 }
 
-void ScanPolicy::FinishedSending(Time now) {
-    finished_sending_ = now;
-}
-
 bool ScanPolicy::Runs() const {
     return std::any_of(attempts_.begin(), attempts_.end(),
                        [](const Attempt& attempt) { return attempt.state == Attempt::State::kRunning; });
@@ -72,10 +68,9 @@ void ScanPolicy::Release(Attempt& attempt, Attempt::State state) {
 }
 
 void ScanPolicy::Decide(Outcome outcome, std::string text) {
+    const bool replies = outcome.kind != Outcome::Kind::kNoReply;
     stage_ = Stage::kDecided;
-    end_.kind = outcome.kind == Outcome::Kind::kNoReply ? ScanStep::Kind::kNoReply : ScanStep::Kind::kReply;
-    end_.text = std::move(text);
-    end_.outcome = outcome;
+    end_ = {nullptr, {replies ? Answer::Kind::kReply : Answer::Kind::kNoReply, std::move(text)}, outcome};
 }
 
 std::string ScanPolicy::WordsOf(Loss loss) const {
@@ -146,28 +141,22 @@ void ScanPolicy::Ended(size_t number, const AttemptEnd& end, Time now) {
     switch (end.kind) {
         case AttemptEnd::Kind::kClean:
         case AttemptEnd::Kind::kInfected:
-            TakeVerdict(attempt, end, now);
-            break;
+            return TakeVerdict(attempt, end, now);
         case AttemptEnd::Kind::kTooLarge:
-            Release(attempt, Attempt::State::kTooLarge);
-            break;
+            return Release(attempt, Attempt::State::kTooLarge);
         case AttemptEnd::Kind::kNoVerdict:
             Release(attempt, Attempt::State::kErred);
-            SuspectForError(server, now);
-            break;
+            return SuspectForError(server, now);
         case AttemptEnd::Kind::kUnreached:
             Release(attempt, Attempt::State::kUnreached);
-            NoteBroken(fleet_, server, end, attempt.progressed, now);
-            break;
+            return NoteBroken(fleet_, server, end, attempt.progressed, now);
         case AttemptEnd::Kind::kBroken:
             Release(attempt, Attempt::State::kLost);
-            NoteBroken(fleet_, server, end, attempt.progressed, now);
-            break;
+            return NoteBroken(fleet_, server, end, attempt.progressed, now);
         case AttemptEnd::Kind::kSilent:
             Release(attempt, Attempt::State::kLost);
             NoteFailure(fleet_, server, attempt.progressed, now);
-            SuspectForSilence(fleet_, server, now);
-            break;
+            return SuspectForSilence(fleet_, server, now);
     }
 }
 
@@ -289,22 +278,19 @@ ScanStep ScanPolicy::Begin(const ServerPtr& server, Time now) {
     }
     attempts_.push_back({server, now, now});
     ++server->open;
-    TakeTurn(fleet_, *server);
+    server->last_turn = ++fleet_.turns;
     waits_since_.reset();
-    return {ScanStep::Kind::kAttempt, attempts_.size() - 1, server, {}, {}};
+    return {server, {}, {}};
 }
 
-ScanStep ScanPolicy::Trickle(Time now) {
+Answer ScanPolicy::Trickle(Time now) {
     const bool finished = finished_sending_ && trickled_ < kTricklesToFinished &&
                           now >= *finished_sending_ + kTrickleToFinished * (trickled_ + 1);
     if (trickled_ == kVerdictBeginning.size() || !(finished || now >= trickle_at_)) {
         return {};
     }
     trickle_at_ = (finished ? now : trickle_at_) + kTrickle;
-    ScanStep step;
-    step.kind = ScanStep::Kind::kTrickle;
-    step.text = kVerdictBeginning.substr(trickled_++, 1);
-    return step;
+    return {Answer::Kind::kPart, std::string(1, kVerdictBeginning[trickled_++])};
 }
 
 ScanStep ScanPolicy::Next(Time now) {
@@ -325,14 +311,16 @@ ScanStep ScanPolicy::Next(Time now) {
             return Begin(server, now);
         }
     }
-    if (stage_ == Stage::kDecided && (ended_ || end_.kind == ScanStep::Kind::kNoReply)) {
-        stage_ = Stage::kTold;
-        if (end_.kind == ScanStep::Kind::kReply) {
-            end_.text.erase(0, trickled_);
-        }
-        return std::exchange(end_, {});
+    if (stage_ == Stage::kSeeking && ended_) {
+        return {nullptr, Trickle(now), {}};
     }
-    return stage_ == Stage::kSeeking && ended_ ? Trickle(now) : ScanStep{};
+    const bool replies = end_.answer.kind == Answer::Kind::kReply;
+    if (stage_ != Stage::kDecided || (replies && !ended_)) {
+        return {};
+    }
+    stage_ = Stage::kTold;
+    end_.answer.text.erase(0, replies ? trickled_ : 0);
+    return std::exchange(end_, {});
 }
 
 }  // namespace kesto::bridge

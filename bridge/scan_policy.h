@@ -18,19 +18,11 @@ struct ScanLimits {
     std::chrono::seconds verdict;  // from the stream's end
 };
 
+// What is to be done now.
 struct ScanStep {
-    enum class Kind {
-        kNothing,  // wait until something happens; ask again now and then
-        kAttempt,  // begin this attempt with this server, and ask again
-        kTrickle,  // send the client the text
-        kReply,    // send the client the text and a NUL: the end
-        kNoReply,  // close without a reply, the text tells why: the end
-    };
-    Kind kind = Kind::kNothing;
-    size_t attempt = 0;  // its number, by which later calls name it
-    ServerPtr server;
-    std::string text;
-    Outcome outcome;  // of the end
+    ServerPtr server;  // if any: begin the next attempt, with this server, and ask again
+    Answer answer;     // else
+    Outcome outcome;   // of the end
 };
 
 class ScanPolicy {
@@ -41,14 +33,15 @@ class ScanPolicy {
     ~ScanPolicy();  // attempts that still run are cancelled
 
     // Of the client.
-    void EnoughCame();               // for a server to be taken
-    void StreamEnded(Time now);      // all of it came
-    void FinishedSending(Time now);  // its side of the connection is closed; it may also have left
+    void EnoughCame();           // for a server to be taken
+    void StreamEnded(Time now);  // all of it came
+    // Its side of the connection is closed; it may also have left.
+    void FinishedSending(Time now) { finished_sending_ = now; }
 
     // A part of the stream that an attempt has sent is gone: no other attempt can begin.
     void NotRepeatable() { repeatable_ = false; }
 
-    // Of an attempt.
+    // Of an attempt, by its number: they count from 0.
     void Progressed(size_t attempt, bool handed_over, Time now);  // it took data, or the last of it
     void Ended(size_t attempt, const AttemptEnd& end, Time now);
 
@@ -93,7 +86,7 @@ class ScanPolicy {
     Loss WhyUseless(Time now) const;
     bool AskTheRest() const;
     ScanStep Begin(const ServerPtr& server, Time now);
-    ScanStep Trickle(Time now);
+    Answer Trickle(Time now);
 
     Fleet& fleet_;
     ScanLimits limits_;

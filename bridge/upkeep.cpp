@@ -63,9 +63,8 @@ void Upkeep::Ask(const ServerPtr& server, bool is_probe, Time now) {
     std::copy(request.begin(), request.end(), space.begin());
     stream->Append(request.size());
     stream->End();
-    std::list<Errand> errand{{nullptr, is_probe}};
-    errand.back().attempt = Attempt::Begin(bridge_, *this, server, stream, now + kLimit);
-    errands_.splice(errands_.end(), errand);
+    errands_.push_back({std::make_shared<Attempt>(bridge_, *this, server, stream, now + kLimit), is_probe});
+    errands_.back().attempt->Start();
 }
 
 bool Upkeep::IsOver(const Errand& errand, Time now) {

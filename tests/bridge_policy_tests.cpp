@@ -26,7 +26,6 @@ using testing::HasSubstr;
 // a letter for an attempt there, "+" and the text of a trickle, "=" and a reply, "!" and why there is none.
 // Attempts count from 0. The texts of kTexts go by their short names.
 struct Story {
-    using Kind = ScanStep::Kind;
     explicit Story(char last_server = 'b') {
         std::vector<ServerAddress> names;
         for (char name = 'a'; name <= last_server; ++name) {
@@ -43,14 +42,16 @@ struct Story {
 
     std::string Next() {
         std::string done;
-        for (ScanStep step = scan->Next(now); step.kind != Kind::kNothing; step = scan->Next(now)) {
-            for (const auto& [name, text] : kTexts) {
-                step.text = step.text == text ? name : step.text;
+        for (;;) {
+            auto [server, answer, outcome] = scan->Next(now);
+            if (!server && answer.kind == Answer::Kind::kNothing) {
+                return done;
             }
-            done += step.kind == Kind::kAttempt ? step.server->name.host
-                                                : "??+=!"[static_cast<int>(step.kind)] + step.text;
+            for (const auto& [name, text] : kTexts) {
+                answer.text = answer.text == text ? name : answer.text;
+            }
+            done += server ? server->name.host : "?+=!"[static_cast<int>(answer.kind)] + answer.text;
         }
-        return done;
     }
     void Event(const std::string& name, const std::string& whom, const std::string& reply) {
         const char of = whom[0];
@@ -266,7 +267,7 @@ TEST(BridgeScan, OneInTenIsAskedBeside) {
     const auto begun = [&](double seconds) {
         size_t count = 0;
         for (ScanPolicy& scan : scans) {
-            count += scan.Next(world.At(seconds)).kind == Story::Kind::kAttempt;
+            count += scan.Next(world.At(seconds)).server != nullptr;
         }
         return count;
     };
