@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "base/clamd_words.h"
+#include "host/check/checks.h"
 #include "host/check/dynamic_ports.h"
 #include "host/check/test_samples.h"
 #include "tests/support/plugin_host.h"
+// It needs windows.h before it.
+#include <sddl.h>
 
 namespace kesto {
 using namespace host;
@@ -27,6 +30,12 @@ EngineScript ScansSaying(const std::string& reply, size_t least = 0) {
         }
         other(wire);
     };
+}
+
+auto Descriptor(const std::string& text) {
+    PSECURITY_DESCRIPTOR made = nullptr;
+    ConvertStringSecurityDescriptorToSecurityDescriptorA(text.c_str(), 1, &made, nullptr);
+    return std::unique_ptr<void, decltype(&LocalFree)>(made, LocalFree);
 }
 
 class CheckTest : public Test {
@@ -109,7 +118,11 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
     std::filesystem::rename(installed.worker, installed.top / "old");
     EXPECT_THAT(Check().out, HasSubstr("kestobridge.exe is missing: every scan ends with error 1003"));
     installed.PlaceStandIn(installed.worker, "wait");
-    EXPECT_THAT(Check().out, HasSubstr("failed   engine worker: kestoav.exe is of version "));
+    EXPECT_THAT(Check().out, HasSubstr("kestobridge.exe is damaged"));
+    std::string newer = ReadFile(installed.top / "old");
+    newer.replace(newer.find("P\0r\0o\0d\0u\0c\0t\0V\0e\0r\0s\0i\0o\0n"s) + 30, 1, "9");
+    WriteFile(installed.worker, newer);
+    EXPECT_THAT(Check().out, HasSubstr("warning  engine worker: kestobridge.exe is of version 9"));
 
     const auto log = installed.engine_folder / "bridge.log";
     WriteFile(installed.engine_folder / "bridge.ini",
@@ -144,6 +157,10 @@ TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysTheSameAsJson) {
 
 TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     const auto says = [&](const char* words) { EXPECT_THAT(Check().out, HasSubstr(words)); };
+    const std::wstring folder = installed.folder.wstring();
+    SetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FA;;;WD)").get());
+    says("failed   rights: Everyone may write to ");
+    SetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FRFX;;;WD)").get());
     installed.EndPrograms();
     // An old reason is none.
     WriteFile(installed.engine_folder / "bridge.log", "cannot start - old\r\nstopped\r\n");
@@ -190,6 +207,42 @@ TEST_F(CheckTest, WorksByTheShortNameAndWarnsOfBlanks) {
     EXPECT_THAT(check().out, HasSubstr("warning  folder: its path holds a blank"));
     WriteFile(odd.top / L"\u0436.exe", "not ours");
     EXPECT_THAT(check().out, HasSubstr(".exe would be started in place of the engine"));
+}
+
+TEST(EngineProcess, IsToldAsFarAsThisAccountMaySee) {
+    const host::InstalledPlugin plugin;
+    const InstalledBridge bridge{{}, true, true, {}, ""};
+    const ProgramProcess ours{7, true, L""}, hidden{8, false, L""};
+    const PortOwner chat{9, "chat.exe"};
+    const std::tuple<std::vector<ProgramProcess>, std::optional<PortOwner>, const char*> cases[] = {
+        {{ours}, PortOwner{7, "a"}, "ok       engine process: kestoav.exe runs as process 7 under VM\\mail"},
+        {{ours}, chat, "failed   engine process: kestoav.exe runs as process 7 under VM\\mail, but its port"},
+        {{hidden}, {}, "warning  engine process: kestoav.exe runs as process 8 under another account -> "},
+        {{hidden}, chat, "failed   engine process: kestoav.exe runs as process 8 under another account, but"},
+    };
+    for (const auto& [engines, owner, line] : cases) {
+        Findings findings;
+        TellEngineProcess(findings, plugin, bridge, engines, owner, "VM\\mail");
+        EXPECT_THAT(FindingLine(findings.All().at(0)), StartsWith(line));
+    }
+}
+
+TEST(Rights, UsersMayWriteByAnyRightThatLeadsThere) {
+    for (const char* kept : {"O:BAD:", "O:BAD:(A;;FA;;;BA)(A;;FRFX;;;AU)(A;;FRFX;;;WD)(A;;FRFX;;;BU)",
+                             "O:BAD:(A;OICIIO;GA;;;BU)", "O:BAD:(D;;GA;;;WD)(A;;GA;;;BU)"}) {
+        EXPECT_EQ(WhoMayWrite(Descriptor(kept).get()), "") << kept;
+    }
+    for (const char* users :
+         {"(A;;0x1301bf;;;BU)", "(A;;0x2;;;BU)", "(A;;0x4;;;BU)", "(A;;0x40;;;BU)", "(A;;SD;;;BU)",
+          "(A;;WD;;;BU)", "(A;;WO;;;BU)", "(A;;GW;;;BU)", "(A;;GA;;;BU)", "(A;;GA;;;BU)(D;;GA;;;WD)",
+          "(D;;FR;;;BU)(A;;GA;;;BU)", "(D;;GA;;;BG)(A;;GA;;;BU)"}) {
+        EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:"s + users).get()), "Users") << users;
+    }
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BUD:").get()), "Users");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BA").get()), "Everyone");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:(D;;GA;;;AU)(A;;GA;;;WD)").get()), "Everyone");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:(A;;GA;;;AU)").get()), "Authenticated Users");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:(A;;GA;;;BG)").get()), "Guests");
 }
 
 TEST(DynamicPorts, AreTheLastTwoNumbersInAnyLanguage) {

@@ -3,17 +3,10 @@
 #include <windows.h>
 
 #include "common/error_words.h"
+#include "common/folder_limit.h"
 #include "common/text.h"
 
 namespace kesto::host {
-namespace {
-
-// The system starts a program by a path of at most 259 characters, and "\plugins\kestoav\kestoav.exe" takes
-// 28 of them.
-constexpr size_t kMostFolder = 231;
-
-}  // namespace
-
 Fault LacksExports(const std::wstring& path, const std::string& names) {
     return {Utf8FromWide(path) + " is not this plug-in, or is damaged: it lacks " + names};
 }
@@ -94,11 +87,11 @@ Fault AnsiFolder(const std::wstring& folder, std::string& ansi) {
         return {"the folder " + Utf8FromWide(folder) +
                 " has letters that this system's code page lacks, and no short name without them"};
     }
-    if (ansi.size() > kMostFolder) {
-        return {
-            "the plug-in takes a folder of at most 231 characters, since paths below it may have at most "
-            "259 characters, and this one has " +
-            std::to_string(ansi.size())};
+    if (ansi.size() > kLongestPluginFolder) {
+        return {"the folder's path may have at most " + std::to_string(kLongestPluginFolder) +
+                " characters, and has " + std::to_string(ansi.size()) +
+                ": Windows starts no program by a path above " + "259, as is that of " +
+                Utf8FromWide(folder) + "\\plugins\\kestoav\\kestobridge.exe"};
     }
     return {};
 }
