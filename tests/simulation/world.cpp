@@ -1,0 +1,279 @@
+#include "tests/simulation/world.h"
+
+#include <cstdlib>
+
+#include "bridge/client.h"
+#include "common/bridge_log.h"
+#include "common/detached_thread.h"
+#include "common/error_words.h"
+#include "common/name_lookup.h"
+#include "common/tcp_options.h"
+
+namespace kesto::simulation {
+namespace {
+
+constexpr auto kCalm = 130s;      // after the faults, until each server must have its part of the scans
+constexpr auto kLongest = 1200s;  // until the last client ends
+constexpr uint64_t kAll = UINT64_MAX;
+
+}  // namespace
+
+World* g_world = nullptr;
+
+World::World(uint64_t seed, bool the_tells) : tells(the_tells), net(seed) {
+    g_world = this;
+    Dice& dice = net.dice;
+    lasts = dice.Time(30s, 240s);
+    net.system_takes = dice.OneIn(2);
+    net.connect = [this](const std::string& where) { return Connect(where); };
+    settings.decrypt = !dice.OneIn(4);
+    if (dice.OneIn(3)) {
+        settings.idle = static_cast<unsigned>(dice.Between(2, 40));
+        settings.wait = static_cast<unsigned>(dice.Between(0, 70));
+        settings.verdict = static_cast<unsigned>(dice.Between(5, 120));
+    }
+    settings.keep = dice.OneIn(3) ? static_cast<unsigned>(dice.Below(3)) : settings.keep;
+    settings.clients = dice.OneIn(3) ? static_cast<unsigned>(dice.Between(1, 8)) : settings.clients;
+    lookups_fail = dice.OneIn(4);
+    lacks = dice.OneIn(6);
+    largest = dice.OneIn(30) ? 30'000'000 : dice.OneIn(4) ? 1'000'000 : 100'000;
+    for (uint64_t left = dice.Between(1, 6); left != 0; --left) {
+        servers.push_back(std::make_unique<Server>(*this, servers.size()));
+    }
+    for (uint64_t left = dice.Wide(4, 80); left != 0; --left) {
+        const auto arrives = Duration(dice.Between(1, static_cast<uint64_t>(lasts.count())));
+        clients.push_back(std::make_shared<Client>(*this, clients.size(), arrives));
+    }
+    const bool changes = dice.OneIn(4);
+    for (Duration at = 0s; at < lasts; at += changes ? dice.Time(1s, 60s) : lasts) {
+        net.After(at, [this, changes] { SetList(changes ? net.dice.Below(kAll) | 1 : kAll); });
+    }
+    for (Duration at = dice.Time(1ms, 30s); lacks && at < lasts; at += dice.Time(100ms, 30s)) {
+        net.After(at, [this] {
+            g_memory.spare = net.dice.Wide(0, 300);
+            g_memory.lacking = net.dice.Between(1, 4);
+        });
+    }
+    net.After(lasts, [this] {
+        Tell("all are well from now on");
+        for (const auto& server : servers) {
+            server->Begin(Fault::kNone);
+        }
+        SetList(kAll);
+    });
+    net.After(dice.OneIn(8) ? dice.Time(1s, lasts) : 24h, [this] {
+        Tell("the bridge is asked to end");
+        arrivals.clear();
+        const Inside inside;
+        Stop(*bridge, net.now);
+    });
+}
+
+LinePtr World::Connect(const std::string& where) {
+    std::vector<unsigned> numbers;
+    std::istringstream parts(where);
+    for (std::string part; std::getline(parts, part, '.');) {
+        numbers.push_back(static_cast<unsigned>(std::atoi(part.c_str())));
+    }
+    const bool v6 = numbers.size() == 16;
+    Server& server = *servers.at(numbers[v6 ? 15 : 2]);
+    server.asked_at = net.now;
+    if (v6 || (numbers[3] == 1 + server.moves && server.fault != Fault::kMoved)) {
+        server.lines.push_back(std::make_shared<ServerLine>(*this, &server, false));
+        return server.lines.back();
+    }
+    if (numbers[0] == 127) {
+        Broken("the bridge connects to itself");
+    }
+    return std::make_shared<ServerLine>(*this, nullptr,
+                                        numbers[3] == 99 ? server.dead_address == 1 : net.dice.OneIn(2));
+}
+
+int World::LookUp(const std::string& name, uint16_t port, std::vector<ServerAddress>& addresses) {
+    Server& server = *servers.at(static_cast<size_t>(std::atoi(name.c_str() + 1)));
+    if (lookups_fail && net.dice.OneIn(2) && net.now < Time(24h) + lasts) {
+        return 11001;
+    }
+    server.Found();
+    const std::string prefix = "10.0." + std::to_string(server.number) + ".";
+    const auto add = [&](const std::string& host) {
+        addresses.push_back(*ParseServerAddress(host + ":" + std::to_string(port)));
+    };
+    if (net.dice.OneIn(4)) {
+        add("127.0.0.1");
+    }
+    if (server.dead_address != 0) {
+        add(prefix + "99");
+    }
+    add(prefix + std::to_string(1 + server.moves));
+    return 0;
+}
+
+void World::SetList(uint64_t which) {
+    list.clear();
+    std::vector<ServerAddress> names;
+    for (const auto& server : servers) {
+        const bool listed = (which >> server->number & 1) != 0;
+        if (listed) {
+            list.push_back(server.get());
+            names.push_back(*ParseServerAddress(server->name));
+        }
+        if (listed != std::exchange(server->listed, listed)) {
+            Tell(server->name, listed ? " is in the list" : " is taken out of the list");
+            server->listed_at = net.now;
+            server->up = false;
+            server->Forgotten();
+        }
+    }
+    const Inside inside;
+    g_memory.lacking = 0;
+    bridge->settings.upstreams = names;
+    Apply(*bridge, net.now);
+}
+
+void World::LetIn() {
+    if (arrivals.empty() || (bridge->clients.size() >= size_t{2} * settings.clients && !bridge->stopping)) {
+        return;
+    }
+    const std::shared_ptr<Client> client = arrivals.front();
+    arrivals.pop_front();
+    if (!bridge->stopping) {
+        let_in.push_back(client);
+        client->heard = net.now;
+        const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}),
+                                           static_cast<uint16_t>(client->number));
+        const Inside inside;
+        bridge::Client::Serve(*bridge, asio::ip::tcp::socket(client), peer);
+    }
+}
+
+void World::Step() {
+    const uint64_t failed = g_memory.failed;
+    crowd = bridge->clients.size();
+    bool ticked = false;
+    try {
+        const Inside inside;
+        ticked = loop->RunOnce([this] {
+            const Outside outside;
+            LetIn();
+        });
+    } catch (const std::exception& error) {
+        Broken("an exception leaves the loop: ", error.what());
+    }
+    if (net.at_this_moment > 1'000'000) {
+        Broken("the bridge goes on for ever in one moment");
+    }
+    lacked_at = failed != g_memory.failed ? net.now : lacked_at;
+    LookAtServers();
+    for (const auto& client : let_in) {
+        client->lacked |= lacked_at == net.now;
+        if (client->closed) {
+            Closes(*client);
+        } else if (ticked) {
+            LookAt(*client);
+        }
+    }
+    std::erase_if(let_in, [](const auto& client) { return client->closed; });
+}
+
+std::string World::Run() {
+    {
+        const Inside inside;
+        bridge = std::make_unique<bridge::Bridge>();
+        loop = std::make_unique<bridge::Loop>(*bridge);
+        bridge->settings = settings;
+        bridge->metrics.started = net.now;
+    }
+    const Time calm = net.now + lasts + kCalm;
+    while (broken.empty() && !bridge->io.stopped() &&
+           (net.now < calm || !let_in.empty() || !arrivals.empty())) {
+        Step();
+        if (net.now > calm + kLongest) {
+            Broken("some client never ends");
+        }
+    }
+    if (!bridge->io.stopped()) {
+        ServeTheLast();
+        const Inside inside;
+        Stop(*bridge, net.now);
+    }
+    for (const Time end = net.now + 150s; broken.empty() && net.open + net.waking != 0;) {
+        Step();
+        if (net.now > end || !bridge->io.stopped()) {
+            Broken("the bridge does not end although no client is left");
+        }
+    }
+    if (broken.empty()) {
+        CheckTheEnd();
+    }
+    return broken;
+}
+
+// When all servers have been well for long, each of them gets its part of the scans.
+void World::ServeTheLast() {
+    for (const Time ready = net.now + 40s; broken.empty() && net.now < ready;) {
+        Step();
+    }
+    const size_t first = clients.size();
+    for (size_t i = 0; i < 2 * list.size(); ++i) {
+        clients.push_back(std::make_shared<Client>(*this, clients.size(), 0s));
+    }
+    for (const Time end = net.now + 60s; broken.empty() && net.now < end;) {
+        Step();
+    }
+    std::vector<Server*> served;
+    for (size_t i = first; i < clients.size(); ++i) {
+        for (const auto& line : clients[i]->lines) {
+            served.push_back(line->server);
+        }
+        if (!clients[i]->WasTold(kCleanReply) || !clients[i]->answered) {
+            Broken(clients[i]->Text(), " is not served although all servers are well");
+        }
+    }
+    for (Server* server : list) {
+        if (std::find(served.begin(), served.end(), server) == served.end()) {
+            Broken(server->name, " gets no scan although it is well");
+        }
+    }
+}
+
+}  // namespace kesto::simulation
+
+// What the bridge uses of the system beside sockets.
+namespace kesto {
+
+using namespace simulation;
+
+bridge::Time bridge::Clock::now() noexcept {
+    return Network::It().now;
+}
+
+void LogBridge(const std::string& /*kind*/, const std::string& message) noexcept {
+    const Outside outside;
+    g_world->Logs(message);
+}
+
+std::string ErrorWords(unsigned long code) {
+    return "error " + std::to_string(code);
+}
+
+void KeepAlive(uintptr_t socket) {
+    reinterpret_cast<Line*>(socket)->keeps_alive = true;
+}
+
+bool RunDetached(std::function<void()> work) {
+    const Outside outside;
+    Dice& dice = g_world->net.dice;
+    const bool hangs = g_world->lookups_fail && dice.OneIn(4);
+    if (dice.OneIn(50)) {
+        return false;
+    }
+    g_world->net.After(hangs ? dice.Time(5s, 100s) : dice.Time(1ms, 300ms), std::move(work));
+    return true;
+}
+
+int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress>& addresses) noexcept {
+    return g_world->LookUp(name, port, addresses);
+}
+
+}  // namespace kesto

@@ -1,0 +1,213 @@
+// The world around the bridge, as its seed has it: servers and clients, and what the bridge promises them.
+#pragma once
+
+#include <asio/ip/tcp.hpp>
+#include <deque>
+#include <iostream>
+#include <sstream>
+
+#include "base/clamd_words.h"
+#include "bridge/loop.h"
+
+namespace kesto::simulation {
+
+struct Client;
+struct ServerLine;
+struct World;
+
+enum class Fault {
+    kNone,
+    kRefuses,     // it has died
+    kUnanswered,  // nothing reaches it
+    kFrozen,      // nor does it do anything
+    kStopped,     // connections are accepted, but nothing is read
+    kDeaf,        // it takes all and replies nothing
+    kSick,        // it replies an error
+    kHasty,       // it calls everything clean before its end
+    kGarbled,     // it replies without an end
+    kSlow,
+    kBusy,     // it has one thread
+    kResets,   // each connection, in any moment
+    kForgets,  // somebody between forgets all connections
+    kMoved,    // it has another address, or the bridge does not know any
+};
+
+struct Server {
+    Server(World& world, size_t number);
+    void Begin(Fault next);
+    void Found();      // its address, by the bridge
+    void Forgotten();  // the same
+    void Pump();
+    bool IsWell() const { return fault == Fault::kNone; }
+    bool StandsStill() const { return fault >= Fault::kUnanswered && fault <= Fault::kStopped; }
+    bool Serves(const ServerLine& line) const;
+    size_t Scans() const;  // under way
+
+    World& world;
+    const size_t number;
+    bool named, v6;
+    uint64_t dead_address;  // its name has another address first, which 1: refuses, 2: does not answer
+    uint64_t largest;       // file
+    Duration scan;
+    std::string name;  // as set
+    unsigned moves = 0;
+    Fault fault = Fault::kNone;
+    bool known = true;  // where it is
+    bool listed = false;
+    bool up = false;  // for the bridge
+    Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{};
+    Time verdict_at{}, erred_at{}, asked_at{};  // read, read, and begun by the bridge
+    std::vector<std::shared_ptr<ServerLine>> lines;
+};
+
+// A connection of the bridge's to a server.
+struct ServerLine final : Line {
+    ServerLine(World& world, Server* server, bool refuses) : world(world), server(server), refuses(refuses) {}
+    void Accept();
+    void Resume();
+    bool Runs() const { return IsOpen() && !replied; }
+    bool IsLost() const { return !IsOpen() && !replied; }
+
+    void Begins() override;
+    void Content(uint64_t at, std::span<uint8_t> to) override;
+    void WasRead() override;
+    void Writes(std::span<const uint8_t> bytes) override;
+    void Gives(std::span<const uint8_t> bytes) override;
+    bool Takes() const override { return accepted && server->Serves(*this); }
+    void Took() override;
+    void Closed(bool ends) override;
+    void Answer();
+    void Say(const std::string& text, bool whole_reply = true);
+
+    World& world;
+    Server* const server;  // null: nobody is there
+    const bool refuses;    // of nobody
+    const Time began = net.now;
+    Client* client = nullptr;  // whose scan it is
+    std::string head;          // the first bytes of the request
+    uint64_t size = UINT64_MAX;
+    uint64_t checked = 0;  // bytes that were
+    bool accepted = false;
+    bool answers = false;
+    bool whole = false;  // all of the scan was given to the system
+    std::string reply, said;
+    bool replied = false;  // which the bridge has read, and takes notice of
+    Time replied_at{};
+};
+
+enum class Kind { kClean, kInfected, kLong, kKiller, kErrs, kPing, kVersion, kStats, kNoise, kTooLong };
+
+struct Client final : Line {
+    Client(World& world, size_t number, Duration arrives);
+    void Arrive();
+    void Leave(const char* how, bool resets);
+    std::string Text() const { return "client " + std::to_string(number); }
+    uint64_t RequestSize() const;
+    void Request(uint64_t at, std::span<uint8_t> to, bool shifted) const;
+    bool Scans() const { return kind <= Kind::kErrs; }
+    bool IsUsedUp() const;
+    bool HasAsked(const Server& server) const;
+    bool WasTold(std::string_view text) const;  // by a server that has got all that matters
+    void Step();
+
+    void Begins() override {}
+    void Content(uint64_t at, std::span<uint8_t> to) override;
+    void WasRead() override;
+    void Writes(std::span<const uint8_t> bytes) override;
+    void Gives(std::span<const uint8_t> /*bytes*/) override {}
+    bool Takes() const override { return true; }
+    void Took() override;
+    void Closed(bool /*ends*/) override { left = true; }
+
+    World& world;
+    const size_t number;
+    Kind kind = Kind::kClean;
+    uint64_t file = 1000;  // bytes
+    uint32_t chunk = 8192;
+    double speed = 1e7;  // bytes a second
+    uint64_t pauses_at = UINT64_MAX;
+    Duration pause = 0s;
+    bool finishes = false;  // closes its side after its request
+    std::string words;      // all it says, if that is no scan
+    bool steps = false;
+
+    std::vector<std::shared_ptr<ServerLine>> lines;  // of its scan
+    bool squeezed = false;                           // there may have been no room for its stream
+    bool lacked = false;                             // memory
+    bool left = false;                               // nobody is there any more
+    bool answered = false;
+    size_t repeats = 0;
+    Time repeated_at{}, came{}, ended{}, heard{}, told{}, answered_at{};
+    Time due{}, alone_since{};  // the latest time at which its stream may have ended, no server had it
+    std::string text;           // what the bridge tells it
+    std::string end;            // why the bridge closed it
+};
+
+struct World {
+    World(uint64_t seed, bool tells);
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
+    ~World() { net.Clear(); }
+    // The promise that was broken; empty: none.
+    std::string Run();
+
+    // A line of the story.
+    template <typename... Parts>
+    void Tell(const Parts&... parts) {
+        if (tells) {
+            const std::chrono::duration<double> since = net.now.time_since_epoch() - 24h;
+            std::cout << std::fixed << since.count() << " s  ";
+            (std::cout << ... << parts) << '\n';
+        }
+    }
+    template <typename... Parts>
+    void Broken(const Parts&... parts) {
+        if (broken.empty()) {
+            std::ostringstream text;
+            (text << ... << parts);
+            broken = text.str();
+            Tell("BROKEN: ", broken);
+        }
+    }
+
+    LinePtr Connect(const std::string& where);
+    int LookUp(const std::string& name, uint16_t port, std::vector<ServerAddress>& addresses);
+    void SetList(uint64_t which);
+    void LetIn();
+    void Step();
+    void ServeTheLast();
+
+    // What the bridge does, held against its promises.
+    void AttemptBegins(Client& client, ServerLine& line);
+    void Logs(const std::string& message);
+    void Replies(Client& client);
+    void Closes(Client& client);
+    void Loses(Client& client, const std::string& reason);
+    void LookAtServers();
+    void LookAt(Client& client);
+    void CheckTheEnd();
+
+    const bool tells;
+    Network net;
+    Duration lasts;  // then all are well
+    BridgeSettings settings;
+    bool lookups_fail, lacks;
+    uint64_t largest;
+    std::unique_ptr<bridge::Bridge> bridge;
+    std::unique_ptr<bridge::Loop> loop;
+    std::vector<std::unique_ptr<Server>> servers;
+    std::vector<Server*> list;
+    std::vector<std::shared_ptr<Client>> clients;
+    std::deque<std::shared_ptr<Client>> arrivals;
+    std::vector<std::shared_ptr<Client>> let_in;  // and not closed
+    uint64_t reading = 0;                         // bytes of all scans under way
+    size_t crowd = 0;                             // clients before this step
+    size_t refused = 0, repeated = 0;
+    std::optional<Time> down_since;
+    Time lacked_at{};
+    std::string broken;
+};
+
+extern World* g_world;
+
+}  // namespace kesto::simulation
