@@ -37,11 +37,8 @@ struct StartedBridge {
 void MeasureShift(Bench& bench);
 // These need a sink, whose port they are given.
 void MeasureScans(Bench& bench, uint16_t sink);
-void MeasureThreads(Bench& bench, uint16_t sink);
 void MeasureMemory(Bench& bench, uint16_t sink);
 void MeasureHost(Bench& bench, uint16_t sink);
 void MeasureBridge(Bench& bench, uint16_t sink);
-// `clamdscan` is the command line of clamd's own client, without files.
-void MeasureClamd(Bench& bench, uint16_t clamd, const std::string& clamdscan);
 
 }  // namespace kesto

@@ -1,5 +1,4 @@
-// What the bridge costs between a plug-in and its engine, and both with a real clamd.
-#include <algorithm>
+// What the bridge costs between a plug-in and its engine.
 #include <stdexcept>
 #include <tuple>
 #include <vector>
@@ -86,31 +85,6 @@ void MeasureSmallScans(Bench& bench, uint16_t bridge, uint16_t sink) {
     }
 }
 
-// Runs a command of the Unix system below and returns what it prints. Wine leaves the handles of such a one
-// undefined, so there is none to wait for: its output goes to a connection, which ends with it.
-std::string RunUnixCommand(const std::string& command) {
-    uint16_t port = 0;
-    const SOCKET listener = ListenOnLoopback(port);
-    std::string line =
-        "/bin/bash -c \"exec " + command + " >/dev/tcp/127.0.0.1/" + std::to_string(port) + "\"";
-    STARTUPINFOA startup = {};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION undefined;
-    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &undefined)) {
-        throw std::runtime_error(line + " does not start: error " + std::to_string(GetLastError()));
-    }
-    const SOCKET connection = accept(listener, nullptr, nullptr);
-    std::string output;
-    char text[4096];
-    for (int count; (count = recv(connection, text, sizeof text, 0)) > 0;) {
-        output.append(text, static_cast<size_t>(count));
-    }
-    closesocket(connection);
-    closesocket(listener);
-    return output;
-}
-
 }  // namespace
 
 void MeasureBridge(Bench& bench, uint16_t sink) {
@@ -118,39 +92,6 @@ void MeasureBridge(Bench& bench, uint16_t sink) {
     MeasureBridgeThroughput(bench, StartedPlugin(bridge.port), StartedPlugin(sink));
     MeasureSmallScans(bench, bridge.port, sink);
     MeasureOpenScans(bench, bridge);
-}
-
-void MeasureClamd(Bench& bench, uint16_t clamd, const std::string& clamdscan) {
-    constexpr size_t kFiles = 16, kSize = 1'000'000;
-    const auto data = [&](size_t i) { return std::string_view(bench.file).substr(i * kSize, kSize); };
-    std::filesystem::create_directory("files");
-    for (size_t i = 0; i < kFiles; ++i) {
-        WriteFile("files\\" + std::to_string(i), data(i));
-    }
-    const Work client = [&] {
-        const std::string output = RunUnixCommand(clamdscan + " files/*");
-        if (std::count(output.begin(), output.end(), '\n') != kFiles) {
-            throw std::runtime_error("clamdscan answers: " + output);
-        }
-    };
-    const auto measure = [&](const char* name, const StartedPlugin& plugin) {
-        const auto scan_all = [&] {
-            for (size_t i = 0; i < kFiles; ++i) {
-                plugin.Scan(data(i));
-            }
-        };
-        const Comparison times = Compare(bench.rounds, scan_all, client);
-        constexpr double kMegabytes = kFiles * kSize / 1e6;
-        bench.rows.push_back({.name = name,
-                              .unit = "MB/s",
-                              .value = kMegabytes / times.seconds,
-                              .beside_name = "clamdscan --stream",
-                              .beside = kMegabytes / times.beside_seconds,
-                              .ratio = times.speed});
-    };
-    measure("clamd, 16 files of 1 MB: straight", StartedPlugin(clamd, false));
-    const StartedBridge bridge(clamd);
-    measure("clamd, 16 files of 1 MB: through the bridge", StartedPlugin(bridge.port));
 }
 
 }  // namespace kesto

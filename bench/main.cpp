@@ -4,12 +4,10 @@
 //   shift     the encrypt setting's loop, in chunks as scans use it, against memcpy
 //   scan      SCANFILE against a sender of the same bytes in the same sends, to the same sink:
 //             1 KB to 128 MB, encrypt on and off
-//   threads   the same with 1, 2, 4 and 8 calling threads at once
-//   memory    that a scan of 256 MB takes; handles left by 10,000 scans
+//   memory    that a scan of 256 MB takes
 //   host      kestoscan over 2,000 files of 5 KB, against SCANFILE alone
 //   bridge    scans through the bridge against direct ones: throughput, small scans with 1, 8 and 64 clients;
 //             memory with 200 scans under way
-//   clamd     a real clamd's files a second, beside clamd's own client
 //
 // The sink is this program, started again under the engine's name.
 #include <CLI/CLI.hpp>
@@ -36,8 +34,6 @@ std::string Noise(size_t size) {
 struct Options {
     int rounds = 9;
     std::string only;
-    uint16_t clamd = 0;
-    std::string clamdscan;
 };
 
 void Measure(const Options& options) {
@@ -48,13 +44,9 @@ void Measure(const Options& options) {
     const ProgramRun serving(sink.elsewhere, L"sink " + std::to_wstring(port));
     WaitForListener(port);
     const std::pair<const char*, std::function<void()>> groups[] = {
-        {"shift", [&] { MeasureShift(bench); }},
-        {"scan", [&] { MeasureScans(bench, port); }},
-        {"threads", [&] { MeasureThreads(bench, port); }},
-        {"memory", [&] { MeasureMemory(bench, port); }},
-        {"host", [&] { MeasureHost(bench, port); }},
+        {"shift", [&] { MeasureShift(bench); }},         {"scan", [&] { MeasureScans(bench, port); }},
+        {"memory", [&] { MeasureMemory(bench, port); }}, {"host", [&] { MeasureHost(bench, port); }},
         {"bridge", [&] { MeasureBridge(bench, port); }},
-        {"clamd", [&] { MeasureClamd(bench, options.clamd, options.clamdscan); }},
     };
     for (const auto& [name, measure] : groups) {
         if (options.only.empty() || options.only == name) {
@@ -74,8 +66,6 @@ int main(int argc, char** argv) {
         kesto::Options options;
         app.add_option("--rounds", options.rounds, "Rounds a comparison");
         app.add_option("--only", options.only, "One group of the list in bench/main.cpp");
-        app.add_option("--clamd", options.clamd, "The port of a clamd");
-        app.add_option("--clamdscan", options.clamdscan, "The command line of clamd's client");
         uint16_t port = 0;
         CLI::App* sink = app.add_subcommand("sink", "Serves as the sink");
         sink->add_option("port", port)->required();

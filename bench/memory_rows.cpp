@@ -1,4 +1,4 @@
-// What scans leave behind, and what they take while they run.
+// What a scan takes while it runs.
 #include <winsock2.h>
 #include <windows.h>
 #include <psapi.h>
@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "bench/bench.h"
-#include "tests/support/losses.h"
 
 namespace kesto {
 namespace {
@@ -36,14 +35,6 @@ void MeasureMemory(Bench& bench, uint16_t sink) {
                           .unit = "KB",
                           .value = static_cast<double>(MemoryCounters().PeakWorkingSetSize - peak) / 1024,
                           .most = 64});
-    const int before = CountHoldings().handles;
-    for (int i = 0; i < 10'000; ++i) {
-        plugin.Scan(small);
-    }
-    bench.rows.push_back({.name = "handles left by 10,000 scans",
-                          .unit = "",
-                          .value = static_cast<double>(CountHoldings().handles - before),
-                          .most = 0});
 }
 
 }  // namespace kesto

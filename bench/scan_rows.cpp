@@ -41,17 +41,6 @@ void MeasureScans(Bench& bench, uint16_t sink) {
     }
 }
 
-void MeasureThreads(Bench& bench, uint16_t sink) {
-    const auto data = std::string_view(bench.file).substr(0, 100'000);
-    const StartedPlugin plugin(sink);
-    for (int threads : {1, 2, 4, 8}) {
-        const Comparison times = Compare(
-            bench.rounds, [&] { plugin.Scan(data); }, [&] { SendBare(sink, data); }, threads);
-        bench.rows.push_back(Throughput(std::to_string(threads) + " calling threads, 100 KB",
-                                        static_cast<double>(data.size()) * threads, times));
-    }
-}
-
 void MeasureShift(Bench& bench) {
     constexpr size_t kBlock = 8192;  // one chunk, which stays in the cache
     alignas(64) static uint8_t block[kBlock];

@@ -46,7 +46,7 @@ class Listener {
 
     Bridge& bridge_;
     const SOCKET shared_;
-    const HANDLE closed_;
+    HANDLE closed_;
     bool acknowledges_ = true;  // the system has the option
     std::atomic<bool> leaving_ = false;
     std::optional<Time> left_;  // since when

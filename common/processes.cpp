@@ -4,10 +4,12 @@
 // Needs windows.h before it.
 #include <tlhelp32.h>
 
+#include <algorithm>
 #include <cwchar>
 #include <functional>
 
 #include "common/file_bytes.h"
+#include "common/owned_handle.h"
 
 namespace kesto {
 namespace {
@@ -15,30 +17,34 @@ namespace {
 constexpr DWORD kEndMs = 10'000;
 
 void ForEachProcess(const std::function<void(const PROCESSENTRY32W&)>& look) {
-    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    if (snapshot == INVALID_HANDLE_VALUE) {
-        return;
-    }
+    const OwnedHandle snapshot = Own(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
     PROCESSENTRY32W entry = {};
     entry.dwSize = sizeof entry;
-    for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry)) {
+    for (BOOL more = Process32FirstW(snapshot.get(), &entry); more;
+         more = Process32NextW(snapshot.get(), &entry)) {
         look(entry);
     }
-    CloseHandle(snapshot);
+}
+
+std::wstring ProgramOf(HANDLE process) {
+    wchar_t path[1024];
+    DWORD length = 1024;
+    return QueryFullProcessImageNameW(process, 0, path, &length) ? std::wstring(path, length) : L"";
+}
+
+OwnedHandle TokenOf(HANDLE process, DWORD right) {
+    HANDLE token = nullptr;
+    OpenProcessToken(process, right, &token);
+    return Own(token);
 }
 
 }  // namespace
 
 void EnableDebugPrivilege() {
-    HANDLE token = nullptr;
     TOKEN_PRIVILEGES wanted = {1, {{{}, SE_PRIVILEGE_ENABLED}}};
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token)) {
-        return;
-    }
-    if (LookupPrivilegeValueW(nullptr, L"SeDebugPrivilege", &wanted.Privileges[0].Luid)) {
-        AdjustTokenPrivileges(token, FALSE, &wanted, 0, nullptr, nullptr);
-    }
-    CloseHandle(token);
+    LookupPrivilegeValueW(nullptr, L"SeDebugPrivilege", &wanted.Privileges[0].Luid);
+    AdjustTokenPrivileges(TokenOf(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES).get(), FALSE, &wanted, 0,
+                          nullptr, nullptr);
 }
 
 std::vector<ProgramProcess> ProcessesNamed(const wchar_t* name) {
@@ -47,31 +53,59 @@ std::vector<ProgramProcess> ProcessesNamed(const wchar_t* name) {
         if (_wcsicmp(entry.szExeFile, name) != 0) {
             return;
         }
-        ProgramProcess found = {entry.th32ProcessID, false, L""};
-        // The right that the plug-in asks for.
-        if (HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, found.id)) {
-            wchar_t path[1024];
-            DWORD length = 1024;
-            found.visible = true;
-            if (QueryFullProcessImageNameW(process, 0, path, &length)) {
-                found.path.assign(path, length);
-            }
-            CloseHandle(process);
+        // The right that the plug-in asks for. What has ended meanwhile is not hidden.
+        const OwnedHandle process = Own(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, entry.th32ProcessID));
+        if (process || GetLastError() == ERROR_ACCESS_DENIED) {
+            processes.push_back({entry.th32ProcessID, process != nullptr, ProgramOf(process.get())});
         }
-        processes.push_back(found);
     });
     return processes;
 }
 
+std::wstring ProgramOf(uint32_t id) {
+    return ProgramOf(Own(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, id)).get());
+}
+
+std::vector<ProgramProcess> ProcessesOf(const std::wstring& file) {
+    std::vector<ProgramProcess> processes = ProcessesNamed(file.c_str() + file.find_last_of(L'\\') + 1);
+    std::erase_if(processes, [&](const ProgramProcess& process) {
+        return process.path.empty() || !NameSameFile(process.path, file);
+    });
+    return processes;
+}
+
+std::string HiddenEngine(const std::vector<ProgramProcess>& engines) {
+    const bool seen = std::any_of(engines.begin(), engines.end(),
+                                  [](const ProgramProcess& engine) { return engine.visible; });
+    return seen || engines.empty()
+               ? ""
+               : "kestoav.exe runs as process " + std::to_string(engines[0].id) + " under another account";
+}
+
+std::wstring AccountOf(uint32_t id) {
+    alignas(TOKEN_USER) BYTE user[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+    wchar_t name[256];
+    wchar_t domain[256];
+    DWORD size = sizeof user;
+    DWORD name_size = 256;
+    DWORD domain_size = 256;
+    SID_NAME_USE use;
+    const OwnedHandle process = Own(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, id));
+    const OwnedHandle token = TokenOf(process.get(), TOKEN_QUERY);
+    return GetTokenInformation(token.get(), TokenUser, user, size, &size) &&
+                   LookupAccountSidW(nullptr, reinterpret_cast<TOKEN_USER*>(user)->User.Sid, name, &name_size,
+                                     domain, &domain_size, &use)
+               ? std::wstring(domain) + L"\\" + name
+               : L"";
+}
+
 bool EndProcess(uint32_t id) {
-    HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
-    if (process == nullptr) {
+    const OwnedHandle process = Own(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id));
+    if (!process) {
         return GetLastError() == ERROR_INVALID_PARAMETER;  // there is no such process any more
     }
-    TerminateProcess(process, 0);
-    const bool ended = WaitForSingleObject(process, kEndMs) == WAIT_OBJECT_0;
-    CloseHandle(process);
-    return ended;
+    TerminateProcess(process.get(), 0);
+    return WaitForSingleObject(process.get(), kEndMs) == WAIT_OBJECT_0;
 }
 
 std::wstring ProcessName(uint32_t id) {

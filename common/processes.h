@@ -24,9 +24,22 @@ inline std::vector<ProgramProcess> EngineProcesses() {
     return ProcessesNamed(L"kestoav.exe");
 }
 
+// Those that run from exactly this program file, as far as this account may see them.
+std::vector<ProgramProcess> ProcessesOf(const std::wstring& file);
+
+// "kestoav.exe runs as process 12 under another account", where this account may see none of these; else
+// empty.
+std::string HiddenEngine(const std::vector<ProgramProcess>& engines);
+
+// "MACHINE\\name" of a process; empty when Windows does not tell.
+std::wstring AccountOf(uint32_t id);
+
 // Ends a process and waits for its end, for 10 s at most. False when it may run on. A guard's worker ends
 // with it, a moment later.
 bool EndProcess(uint32_t id);
+
+// The path of a process's program file; empty when this account may not see it.
+std::wstring ProgramOf(uint32_t id);
 
 // The name of a process's program file; empty when there is no such process.
 std::wstring ProcessName(uint32_t id);

@@ -92,7 +92,7 @@ std::string Policy::Ended(uint32_t number, uint32_t exit_code, const std::string
         return exit_code == 0 ? "" : "the former kestobridge.exe " + how;
     }
     if (worker.state == State::kServing && now > worker.started + kSettled) {
-        pause_ = 0ms;
+        pause_ = {};
     }
     const bool tells = exit_code == kCannotFollow || exit_code == kCannotTakeOver;
     told_ = tells || (told_ && worker.state == State::kServing);

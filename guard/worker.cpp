@@ -1,10 +1,10 @@
 #include "guard/worker.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <iterator>
+#include <span>
 
 #include "common/guard_words.h"
 
@@ -30,7 +30,7 @@ constexpr struct {
 };
 
 // Starts the program with these handles and no others of ours, the first one as its standard input.
-bool Start(const std::wstring& program, const std::wstring& folder, std::array<HANDLE, 3> inherited,
+bool Start(const std::wstring& program, const std::wstring& folder, std::span<HANDLE> inherited,
            PROCESS_INFORMATION& started) {
     alignas(std::max_align_t) std::byte memory[256];  // enough for one attribute
     SIZE_T size = sizeof memory;
@@ -42,7 +42,7 @@ bool Start(const std::wstring& program, const std::wstring& folder, std::array<H
     startup.lpAttributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory);
     return InitializeProcThreadAttributeList(startup.lpAttributeList, 1, 0, &size) &&
            UpdateProcThreadAttribute(startup.lpAttributeList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
-                                     inherited.data(), sizeof inherited, nullptr, nullptr) &&
+                                     inherited.data(), inherited.size_bytes(), nullptr, nullptr) &&
            CreateProcessW(program.c_str(), nullptr, nullptr, nullptr, TRUE,
                           DETACHED_PROCESS | EXTENDED_STARTUPINFO_PRESENT, nullptr, folder.c_str(),
                           &startup.StartupInfo, &started);
@@ -51,21 +51,21 @@ bool Start(const std::wstring& program, const std::wstring& folder, std::array<H
 }  // namespace
 
 DWORD StartWorker(const std::wstring& folder, SOCKET listener, WorkerOrders orders, Worker& worker) {
-    SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
+    SECURITY_ATTRIBUTES inheritable = {sizeof inheritable, nullptr, TRUE};
     HANDLE reading = nullptr, writing = nullptr;
     if (!CreatePipe(&reading, &writing, nullptr, 4096)) {
         return GetLastError();
     }
     const OwnedHandle input(reading);
     worker.orders.reset(writing);
-    worker.alive.reset(CreateEventW(&inherited, TRUE, FALSE, nullptr));
-    worker.closed.reset(CreateEventW(&inherited, TRUE, TRUE, nullptr));
+    worker.alive.reset(CreateEventW(&inheritable, TRUE, FALSE, nullptr));
+    worker.closed.reset(CreateEventW(&inheritable, TRUE, TRUE, nullptr));
+    HANDLE inherited[] = {reading, worker.alive.get(), worker.closed.get()};
     PROCESS_INFORMATION started = {};
     if (!worker.alive || !worker.closed ||
         !SetHandleInformation(reading, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT) ||
-        !Start(folder + L"\\" + kWorkerProgram, folder, {reading, worker.alive.get(), worker.closed.get()},
-               started)) {
-        return GetLastError();
+        !Start(folder + L"\\" + kWorkerProgram, folder, inherited, started)) {
+        return std::max<DWORD>(GetLastError(), 1);  // a failure may leave 0
     }
     worker.process.reset(started.hProcess);
     CloseHandle(started.hThread);

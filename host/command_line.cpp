@@ -18,6 +18,7 @@ constexpr char kFooter[] =
     "Exit status of a scan: 0 if nothing was found, 1 if something infected was found, whatever else\n"
     "happened, 2 after an error or an interruption with nothing infected. All other commands exit with\n"
     "0 or 2.\n"
+    "An engine that this program starts ends with it, unless others have scanned there as well.\n"
     "\n"
     "Examples:\n"
     "  kestoscan --check\n"

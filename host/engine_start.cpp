@@ -4,9 +4,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <mutex>
+#include <optional>
+#include <utility>
 
+#include "common/bridge_ini.h"
+#include "common/guard_words.h"
 #include "common/processes.h"
 #include "common/text.h"
+#include "host/common/bridge_stats.h"
 #include "host/common/output.h"
 #include "host/common/port_owner.h"
 
@@ -15,47 +22,73 @@ namespace {
 
 constexpr DWORD kSettleMs = 1000;
 constexpr DWORD kPollMs = 50;
+constexpr std::chrono::seconds kStatsLimit(1);
 
-constexpr DWORD kEndedByPlugin =
-    0xFFFFFFFF;  // the exit code that the plug-in gives an engine that it restarts
+// The exit code that the plug-in gives an engine that it restarts.
+constexpr DWORD kEndedByPlugin = 0xFFFFFFFF;
 
-std::atomic<HANDLE> g_engine =
-    nullptr;  // the one that was started last; no handle is closed, since there are few
+// The engine that was started last. No handle is closed, since there are few.
+std::atomic<HANDLE> g_engine = nullptr;
+
+std::atomic<unsigned> g_scans = 0;  // that we have begun
+
+// Held while engines are started or ended. Nothing is printed under it, since printing waits for OutputLock.
+std::mutex g_engines;
+// These are used under g_engines.
+std::optional<InstalledPlugin> g_ours;  // its engines that run are ours
+HANDLE g_job = nullptr;                 // holds this process and the engines that the plug-in starts in it
 
 bool EngineVisible() {
     const auto engines = EngineProcesses();
     return std::any_of(engines.begin(), engines.end(), [](const auto& engine) { return engine.visible; });
 }
 
-bool Create(const InstalledPlugin& installed, DWORD flags, PROCESS_INFORMATION& started) {
+void SetOurs(std::optional<InstalledPlugin> ours) {
+    g_ours = std::move(ours);
+    if (g_job == nullptr) {
+        return;
+    }
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
+    limits.BasicLimitInformation.LimitFlags = g_ours ? JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE : 0;
+    SetInformationJobObject(g_job, JobObjectExtendedLimitInformation, &limits, sizeof limits);
+}
+
+EngineStart Start(const InstalledPlugin& installed) {
+    const std::lock_guard lock(g_engines);
+    if (!g_ours && ProcessesOf(installed.engine).empty()) {
+        SetOurs(installed);
+    }
+    if (const auto engines = EngineProcesses(); !engines.empty()) {
+        return HiddenEngine(engines).empty() ? EngineStart::kRuns : EngineStart::kUnusable;
+    }
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESHOWWINDOW;
     startup.wShowWindow = SW_HIDE;
-    return CreateProcessW(installed.engine.c_str(), nullptr, nullptr, nullptr, FALSE, flags, nullptr,
-                          installed.engine_folder.c_str(), &startup, &started) != FALSE;
-}
-
-}  // namespace
-
-EngineStart EnsureEngine(const InstalledPlugin& installed) {
-    if (EngineVisible()) {
-        return EngineStart::kRuns;
-    }
     PROCESS_INFORMATION started;
-    // It leaves our job, which may end with us, if the job allows that.
-    if (!Create(installed, CREATE_BREAKAWAY_FROM_JOB, started) && !Create(installed, 0, started)) {
+    if (!CreateProcessW(installed.engine.c_str(), nullptr, nullptr, nullptr, FALSE, 0, nullptr,
+                        installed.engine_folder.c_str(), &startup, &started)) {
         return EngineStart::kNotStarted;
     }
     CloseHandle(started.hThread);
     g_engine = started.hProcess;
     for (DWORD waited = 0; waited < kSettleMs && !Listens(started.dwProcessId); waited += kPollMs) {
         if (WaitForSingleObject(started.hProcess, kPollMs) == WAIT_OBJECT_0) {
-            return EngineVisible() ? EngineStart::kRuns : EngineStart::kEndedAtOnce;
+            SetOurs({});  // one that runs all the same was started by somebody else meanwhile
+            return EngineVisible() ? EngineStart::kRuns : EngineStart::kUnusable;
         }
     }
-    PrintError("kestoscan: started " + Utf8FromWide(installed.engine) + ", which goes on running\n");
     return EngineStart::kStarted;
+}
+
+}  // namespace
+
+EngineStart EnsureEngine(const InstalledPlugin& installed) {
+    const EngineStart start = Start(installed);
+    if (start == EngineStart::kStarted) {
+        PrintError("kestoscan: started " + Utf8FromWide(installed.engine) + ", which ends with kestoscan\n");
+    }
+    return start;
 }
 
 bool StartedEngineIsGone() {
@@ -63,6 +96,41 @@ bool StartedEngineIsGone() {
     DWORD exit_code = 0;
     return engine != nullptr && WaitForSingleObject(engine, 0) == WAIT_OBJECT_0 &&
            GetExitCodeProcess(engine, &exit_code) && exit_code != kEndedByPlugin && !EngineVisible();
+}
+
+void TieEngines() {
+    const std::lock_guard lock(g_engines);
+    g_job = CreateJobObjectW(nullptr, nullptr);
+    AssignProcessToJobObject(g_job, GetCurrentProcess());
+    SetOurs(g_ours);
+}
+
+void CountOwnScan() {
+    ++g_scans;
+}
+
+std::string EndOwnEngines() {
+    const std::lock_guard lock(g_engines);
+    if (!g_ours || ProcessesOf(g_ours->engine).empty()) {
+        return "";
+    }
+    const ServerAddress listen = ReadBridgeIni(g_ours->engine_folder).settings.listen;
+    if (OthersScan(BridgeStats(listen, kStatsLimit), g_scans)) {
+        const std::string engine = Utf8FromWide(g_ours->engine);
+        SetOurs({});
+        return "kestoscan: others scan with " + engine + " as well, so it goes on running\n";
+    }
+    for (const std::wstring& program : {g_ours->engine, g_ours->engine_folder + L"\\" + kWorkerProgram}) {
+        for (const ProgramProcess& process : ProcessesOf(program)) {
+            EndProcess(process.id);
+        }
+    }
+    return "";
+}
+
+bool OthersScan(const std::string& stats, unsigned begun) {
+    const double asking = 1;  // who is a client as well
+    return StatsValue(stats, "kestoav_scans_total") + StatsValue(stats, "kestoav_clients") - asking > begun;
 }
 
 }  // namespace kesto::host

@@ -3,16 +3,19 @@
 #include <windows.h>
 
 #include <mutex>
+#include <string>
 #include <utility>
 
 #include "common/detached_thread.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
+#include "host/engine_start.h"
 
 namespace kesto::host {
 namespace {
 
-constexpr DWORD kOutputMs = 2000;  // for the reader of our output to take it
+// For our engines to end, and for the reader of our output to take it.
+constexpr DWORD kOutputMs = 2000;
 
 std::function<int()> g_last_words;
 
@@ -24,11 +27,15 @@ void End(int status) {
 BOOL WINAPI OnControlEvent(DWORD) {
     RunDetached([] {
         Sleep(kOutputMs);
+        EndOwnEngines();
         End(kExitError);
     });
     OutputLock().lock();
     ClearProgress();
-    End(g_last_words ? g_last_words() : kExitError);
+    const std::string engines = EndOwnEngines();
+    const int status = g_last_words ? g_last_words() : kExitError;
+    PrintError(engines);
+    End(status);
     return TRUE;
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "common/processes.h"
 #include "common/text.h"
 #include "host/check/check.h"
 #include "host/command_line.h"
@@ -138,8 +139,8 @@ Fault Prepare(TaskRun& run) {
     if (engine_needed || run.installed.settings.autostart) {
         run.engine = EnsureEngine(run.installed);
     }
-    if (run.engine == EngineStart::kEndedAtOnce) {
-        const std::string words = EngineEndsText(run.installed);
+    if (run.engine == EngineStart::kUnusable) {
+        const std::string words = WhyUnusable(run.installed);
         if (engine_needed) {
             return {words};
         }
@@ -172,6 +173,7 @@ int RunTask(const Options& options) {
 int Run(int count, wchar_t** arguments) {
     // A damaged library or an empty drive is an error, without a dialogue.
     SetErrorMode(SEM_FAILCRITICALERRORS);
+    EnableDebugPrivilege();
     WatchForInterrupt();
     Options options;
     int status = kExitClean;
@@ -180,6 +182,7 @@ int Run(int count, wchar_t** arguments) {
         PrintError("kestoscan --help lists the options.\n");
     } else if (options.task != nullptr) {
         status = RunTask(options);
+        PrintError(EndOwnEngines());
     }
     if (const Fault fault = OutputFault()) {
         PrintError("kestoscan: " + fault.text + "\n");

@@ -11,6 +11,7 @@
 #include "host/check/test_samples.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
+#include "host/engine_start.h"
 
 namespace kesto::host {
 namespace {
@@ -52,6 +53,7 @@ bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std:
         const Deadline deadline =
             wait_seconds == 0 ? Clock::now() + kOneTry : std::min<Deadline>(Clock::now() + kOneTry, end);
         const ServerAnswer answer = AskFirst(installed, words, [&](const Endpoint& server) {
+            CountOwnScan();
             return AnswerTo(ScanQuestion(server, kCleanSample, installed.settings.encrypt), deadline);
         });
         if (answer.reply == kCleanReply) {

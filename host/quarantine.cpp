@@ -83,10 +83,10 @@ PutAwayResult PutAway(const std::wstring& exact_path, const FileIdentity& scanne
     if (code != 0) {
         return Left(move, SystemFault(code));
     }
-    PutAwayResult result = {move ? PutAwayEnd::kMoved : PutAwayEnd::kCopied,
+    PutAwayResult result = {move ? "moved" : "copied",
                             folder + (folder.ends_with(L'\\') ? L"" : L"\\") + name};
     if (copy && move && (code = Remove(exact_path)) != 0) {
-        result.end = PutAwayEnd::kCopied;
+        result.done = "copied";
         result.fault = SystemFault(code, "Copied, but not removed: ");
     }
     return result;

@@ -8,12 +8,10 @@
 
 namespace kesto::host {
 
-enum class PutAwayEnd { kLeft, kCopied, kMoved };
-
 struct PutAwayResult {
-    PutAwayEnd end = PutAwayEnd::kLeft;
-    std::wstring where{};  // the new path
-    Fault fault{};         // why it was left where it is, or only copied
+    const char* done = "";  // or "copied", "moved"
+    std::wstring where{};   // the new path
+    Fault fault{};          // why it was left where it is, or only copied
 };
 
 // Moves or copies the file into the folder, under its own name, or with .001, .002 ... added where that is

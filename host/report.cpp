@@ -52,20 +52,21 @@ void Report::Clean(const std::string& path, uint64_t size) {
 }
 
 void Report::Infected(const std::string& path, uint64_t size, const std::string& virus,
-                      const std::string& put_away, const std::string& where, const Fault& fault) {
+                      const PutAwayResult& away) {
+    const std::string done = away.done, where = Utf8FromWide(away.where);
     Json object = {{"path", path}, {"result", "infected"}, {"size", size}, {"name", virus}};
-    if (!put_away.empty()) {
-        object[put_away + "_to"] = where;
+    if (!done.empty()) {
+        object[done + "_to"] = where;
     }
-    if (fault) {
-        object.update({{"error", fault.text}, {"code", fault.code}});
+    if (away.fault) {
+        object.update({{"error", away.fault.text}, {"code", away.fault.code}});
     }
     Tell(object, path + ": " + (virus.empty() ? "(unnamed)" : virus) + " FOUND", PrintOut);
-    if (!put_away.empty() && !options_.json) {
-        PrintOut(Printable(path + ": " + put_away + " to " + where) + "\n");
+    if (!done.empty() && !options_.json) {
+        PrintOut(Printable(path + ": " + done + " to " + where) + "\n");
     }
-    if (fault && !options_.json) {
-        Failed(path, fault);
+    if (away.fault && !options_.json) {
+        Failed(path, away.fault);
     }
 }
 

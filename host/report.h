@@ -8,6 +8,7 @@
 #include "common/fault.h"
 #include "host/common/json_line.h"
 #include "host/progress.h"
+#include "host/quarantine.h"
 
 namespace kesto::host {
 
@@ -24,10 +25,8 @@ class Report {
     explicit Report(const ReportOptions& options);
 
     void Clean(const std::string& path, uint64_t size);
-    // `put_away` tells what happened to the file, "moved" or "copied", and where it is now. It is empty when
-    // nothing happened; `fault` then tells why, if the file should have been moved or copied.
     void Infected(const std::string& path, uint64_t size, const std::string& virus,
-                  const std::string& put_away, const std::string& where, const Fault& fault);
+                  const PutAwayResult& away);
     void Failed(const std::string& path, const Fault& fault);
     void Skipped(const std::string& path, const std::string& reason);
     void Summary(const ScanTotals& totals, bool interrupted);

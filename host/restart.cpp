@@ -1,12 +1,14 @@
 #include "host/restart.h"
 
-#include "common/guard_words.h"
-// windows.h must come after winsock2.h, which that includes.
 #include <windows.h>
 
 #include <string>
 
+#include "common/bridge_ini.h"
 #include "common/error_words.h"
+#include "common/guard_words.h"
+#include "common/owned_handle.h"
+#include "common/processes.h"
 #include "common/text.h"
 #include "host/common/exit_status.h"
 #include "host/common/output.h"
@@ -14,15 +16,15 @@
 namespace kesto::host {
 namespace {
 
-constexpr DWORD kLimitMs = 15'000;  // the guard itself needs 10 s at most
+constexpr DWORD kLimitMs = std::chrono::milliseconds(kLongestRestart).count();
 
 // The guard's answer, or the reason why there is none.
 std::string AskGuard(const InstalledPlugin& installed) {
     // Should a stranger have made a pipe of this name, he learns nothing about us.
-    HANDLE pipe =
-        CreateFileW(GuardPipe(installed.engine_folder).c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
-                    FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS, nullptr);
-    switch (pipe == INVALID_HANDLE_VALUE ? GetLastError() : 0) {
+    const OwnedHandle pipe =
+        Own(CreateFileW(GuardPipe(installed.engine_folder).c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                        FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS, nullptr));
+    switch (pipe ? 0 : GetLastError()) {
         case 0:
             break;
         case ERROR_FILE_NOT_FOUND:
@@ -34,22 +36,38 @@ std::string AskGuard(const InstalledPlugin& installed) {
         default:
             return "the guard cannot be asked: " + SystemErrorWithCode(GetLastError());
     }
+    ULONG answering = 0;
+    GetNamedPipeServerProcessId(pipe.get(), &answering);
+    const ServerAddress listen = ReadBridgeIni(installed.engine_folder).settings.listen;
+    const auto owner = ListenerOn(listen.host, listen.port);
+    const std::wstring program = ProgramOf(answering);
+    const bool from_its_folder =
+        NameSameFile(program.substr(0, program.rfind(L'\\')), installed.engine_folder);
+    if (!IsGuard(answering, owner, from_its_folder)) {
+        return "process " + std::to_string(answering) + " answers in the guard's place" +
+               (owner && owner->process_id != 0
+                    ? "; " + AddressText(listen) + " belongs to " + OwnerText(*owner)
+                    : "");
+    }
+    const OwnedHandle event = Own(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     OVERLAPPED reading = {};
-    reading.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    reading.hEvent = event.get();
     std::string answer(4096, '\0');
     DWORD size = 0;
-    ReadFile(pipe, answer.data(), static_cast<DWORD>(answer.size()), nullptr, &reading);
+    ReadFile(pipe.get(), answer.data(), static_cast<DWORD>(answer.size()), nullptr, &reading);
     if (WaitForSingleObject(reading.hEvent, kLimitMs) != WAIT_OBJECT_0) {
-        CancelIo(pipe);
+        CancelIo(pipe.get());
     }
-    GetOverlappedResult(pipe, &reading, &size, TRUE);
-    CloseHandle(reading.hEvent);
-    CloseHandle(pipe);
+    GetOverlappedResult(pipe.get(), &reading, &size, TRUE);
     answer.resize(size);
     return answer.empty() ? "the guard does not answer" : Utf8FromAnsi(answer);
 }
 
 }  // namespace
+
+bool IsGuard(uint32_t answering, const std::optional<PortOwner>& owner, bool from_its_folder) {
+    return owner && owner->process_id != 0 ? owner->process_id == answering : from_its_folder;
+}
 
 int Restart(const InstalledPlugin& installed) {
     const std::string answer = AskGuard(installed);

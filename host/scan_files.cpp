@@ -71,6 +71,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
     }
 
     int Run() {
+        TieEngines();
         Guard guard(OutputLock());
         SetLastWords([this] {
             report_.Summary(CurrentTotals(), true);
@@ -90,7 +91,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
                 stop_words_ = words;
             }
             if (!engine_answered_ && stop_words_.empty() && StartedEngineIsGone()) {
-                stop_words_ = EngineEndsText(installed_);
+                stop_words_ = WhyUnusable(installed_);
             }
             if (ProgressShown() && !AllDone() && now - drawn >= kWatchInterval) {
                 drawn = now;
@@ -211,12 +212,12 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         const bool suspect = std::exchange(engine_suspect_, false);
         const std::string name = AnsiFromWide(lane.file->path);
         guard.unlock();
-        if (suspect && EnsureEngine(installed_) == EngineStart::kEndedAtOnce) {
-            const std::string words = EngineEndsText(installed_);
+        if (suspect && EnsureEngine(installed_) == EngineStart::kUnusable) {
+            const std::string words = WhyUnusable(installed_);
             guard.lock();
             stop_words_ = words;
             if (!lane.given_up) {
-                Failed(lane, {"The engine ends at once", kErrorConnect});
+                Failed(lane, {"No engine can be used", kErrorConnect});
             }
             return;
         }
@@ -232,6 +233,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         char detection[kDetectionSize] = "";
         ScanFileResult result = {0, 0, detection};
         uint32_t code = 0;
+        CountOwnScan();
         const bool scanned = plugin->scan_file(0, &input, &result, &code, 0, 0) != 0;
         const bool fatal = !scanned && plugin->is_fatal_error(code) != 0;
         const std::string error = scanned ? "" : ErrorText(*plugin, code, name, bytes.size);
@@ -275,9 +277,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
             away = PutAway(lane.file->exact, bytes.identity, options_.quarantine, options_.move);
         }
         totals_.errors += away.fault ? 1 : 0;
-        constexpr const char* kDone[] = {"", "copied", "moved"};
-        report_.Infected(Utf8FromWide(lane.file->path), bytes.size, virus,
-                         kDone[static_cast<size_t>(away.end)], Utf8FromWide(away.where), away.fault);
+        report_.Infected(Utf8FromWide(lane.file->path), bytes.size, virus, away);
     }
 
     void Failed(const Lane& lane, const Fault& fault) {

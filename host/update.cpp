@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
-#include <thread>
 
 #include "common/bridge_ini.h"
+#include "common/detached_thread.h"
 #include "common/file_bytes.h"
 #include "common/processes.h"
 #include "common/text.h"
@@ -22,10 +22,7 @@ constexpr DWORD kPollMs = 20;
 constexpr uint64_t kMostTold = 4096;  // of what the updater has logged
 
 bool UpdaterRuns(const InstalledPlugin& installed) {
-    const auto updaters = ProcessesNamed(L"kestoavu.exe");
-    return std::any_of(updaters.begin(), updaters.end(), [&](const ProgramProcess& updater) {
-        return updater.path.empty() || NameSameFile(updater.path, installed.updater);
-    });
+    return !ProcessesOf(installed.updater).empty();
 }
 
 int TellInterrupted(const InstalledPlugin& installed) {
@@ -52,9 +49,7 @@ std::string LoggedSince(const std::wstring& log, uint64_t size) {
 }  // namespace
 
 int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
-    // Held until the process ends, so that one of two updates that begin at once is refused.
-    CreateMutexW(nullptr, TRUE, L"Global\\kestoscan update");
-    if (GetLastError() == ERROR_ALREADY_EXISTS || UpdaterRuns(installed)) {
+    if (UpdaterRuns(installed)) {
         PrintError("kestoscan: an update is under way already: wait for its end\n");
         return kExitError;
     }
@@ -72,15 +67,21 @@ int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
     char message[kUpdateMessageSize] = "";
     std::atomic<bool> ended = false;
     bool updated = false;
-    std::thread updating([&] {
+    const bool began = RunDetached([&] {
         updated = plugin.do_simple_update(title, message) != 0;
         ended = true;
     });
+    if (!began) {
+        PrintError("kestoscan: the system has no thread for an update\n");
+        return kExitError;
+    }
     while (!ended && !UpdaterRuns(installed)) {
         Sleep(kPollMs);
     }
     SetConsoleCtrlHandler(nullptr, FALSE);
-    updating.join();
+    while (!ended) {
+        Sleep(kPollMs);
+    }
     SetLastWords(nullptr);
     if (updated) {
         PrintOut(LoggedSince(log, logged) + "Update finished\n");

@@ -124,7 +124,7 @@ wait_for_engine() { # PORT [PID]
 
 # Starts a clamd that knows one signature, the EICAR test string, on a free loopback port and sets
 # clamd_port.
-start_clamd() { # [SETTING]
+start_clamd() {
   local attempt
   step "starting clamd"
   mkdir "$work/clamd"
@@ -138,7 +138,6 @@ DatabaseDirectory $work/clamd
 TemporaryDirectory $work
 StreamMaxLength 64M
 SelfCheck 0
-${1:-}
 CONF
     start clamd --foreground --config-file="$work/clamd.conf" >"$work/clamd.log" 2>&1
     if wait_for_engine "$clamd_port" "$!"; then return 0; fi

@@ -44,29 +44,18 @@ TEST(BridgeScan, VerdictAfterTwentyOneSecondsReachesThePlugIn) {
 }
 
 TEST(BridgeFleet, QueriesGoToWhoeverAnswers) {
-    UnansweredPort unanswered;
-    ScriptedEngine early(DyingAfter(100'000, true, kFound)), clamd(Realistic());
-    const BridgeProcess bridge("127.0.0.1:" + std::to_string(unanswered.Port()) +
-                               " localhost:" + std::to_string(clamd.Port()));
+    ScriptedEngine mute(DyingAfter(5)), early(DyingAfter(100'000, true, kFound)), clamd(Realistic());
+    const BridgeProcess bridge(mute.Address() + " localhost:" + std::to_string(clamd.Port()));
+    for (int i = 0; i < 300; ++i) {
+        Wire(ConnectToLoopback(bridge.port)).Reset();
+    }
     EXPECT_EQ(bridge.Command("zPING"), WithNul("PONG"));
     EXPECT_EQ(bridge.Scan("VIRUS"), kFound);
-    EXPECT_THAT(bridge.Log(), HasSubstr("down - connect timed out; tried again in 1 s"));
     EXPECT_THAT(bridge.Command("zSTATS"),
                 AllOf(HasSubstr("\nkestoav_scans_total{outcome=\"infected\"} 1\n"),
                       HasSubstr("\nkestoav_upstream_replies_total{upstream=\"localhost:")));
     // Its reset comes with its reply.
     EXPECT_EQ(BridgeProcess(early.Address()).Scan(std::string(3'000'000, 'd')), kFound);
-}
-
-TEST(BridgeClient, WhoeverLeavesBeforeItIsLetInKeepsNobodyWaiting) {
-    ScriptedEngine clamd(Realistic());
-    const BridgeProcess bridge(clamd.Address());
-    for (int i = 0; i < 300; ++i) {
-        Wire(ConnectToLoopback(bridge.port)).Reset();
-    }
-    const DWORD start = GetTickCount();
-    EXPECT_EQ(bridge.Scan("VIRUS"), kFound);
-    EXPECT_LT(GetTickCount() - start, 2000u);
 }
 
 TEST(BridgeEnd, ComesAfterTheRunningScans) {

@@ -2,9 +2,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/clamd_words.h"
+#include "host/check/checks.h"
 #include "host/check/dynamic_ports.h"
 #include "host/check/test_samples.h"
 #include "tests/support/plugin_host.h"
+// It needs windows.h before it.
+#include <sddl.h>
 
 namespace kesto {
 using namespace host;
@@ -18,14 +22,20 @@ EngineScript Clamd(bool shifted, int days = 0) {
     return Realistic({.shifted = shifted, .version = VersionOfDaysAgo(days)});
 }
 
-// Answers scans with this and everything else as a clamd does.
-EngineScript ScansSaying(const std::string& reply) {
+// Answers scans of so many bytes with this and everything else as a clamd does.
+EngineScript ScansSaying(const std::string& reply, size_t least = 0) {
     return [=, other = Clamd(true)](Wire& wire) {
-        if (wire.ReceiveRequest().command == "zINSTREAM") {
+        if (wire.ReceiveRequest().command == "zINSTREAM" && wire.ReceiveRequest().data.size() >= least) {
             wire.ReplyAndHangUp(reply);
         }
         other(wire);
     };
+}
+
+auto Descriptor(const std::string& text) {
+    PSECURITY_DESCRIPTOR made = nullptr;
+    ConvertStringSecurityDescriptorToSecurityDescriptorA(text.c_str(), 1, &made, nullptr);
+    return std::unique_ptr<void, decltype(&LocalFree)>(made, LocalFree);
 }
 
 class CheckTest : public Test {
@@ -45,17 +55,8 @@ class CheckTest : public Test {
     Installation installed;
 };
 
-TEST_F(CheckTest, HealthyInstallationPassesEveryCheckAndIsLeftAsItIs) {
+TEST_F(CheckTest, NamesTheFaultOfEachInstallationAndNoOtherAndLeavesItAsItIs) {
     const auto log = installed.top / "new.log";
-    Configure("logfile=" + log.string());
-    const RunResult result = Check();
-    EXPECT_EQ(result.status, 0u);
-    EXPECT_THAT(result.out, HasSubstr("\n11 ok, 0 warnings, 0 failed\n"));
-    EXPECT_FALSE(std::filesystem::exists(log));
-    EXPECT_EQ(installed.Starts(installed.engine), 1u);
-}
-
-TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
     const std::string failed = "failed   ", server = "server " + engine.Address() + " ";
     const EngineScript well = Clamd(true);
     const char* const warned = " 1 warning, 0 failed\n";
@@ -66,6 +67,7 @@ TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
         std::wstring arguments = L"";
         const char* counts = " 0 warnings, 1 failed\n";
     } cases[] = {
+        {"ok       log: ", well, "logfile=" + log.string(), L"", "\n11 ok, 0 warnings, 0 failed\n"},
         {failed + "library: ", well, "", L" --library C:\\windows\\system32\\version.dll"},
         {failed + "settings: kestoav.ini line 3: the key \"encrpyt\" is not", well, "encrpyt=0"},
         {failed + "log: C:\\missing\\av.log cannot be written: Path", well, "logfile=C:\\missing\\av.log"},
@@ -75,6 +77,8 @@ TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
         {failed + server + "clean sample: found infected with X", ScansSaying("stream: X FOUND")},
         {failed + server + "clean sample: the reply was \"stream: disk\"", ScansSaying("stream: disk"), "",
          L"", " 0 warnings, 2 failed\n"},  // and EICAR as well
+        {failed + server + "2 MB stream: the reply was \"INST",
+         ScansSaying(std::string(kSizeLimitReply), 2 << 20)},
         {failed + server + "zPING: no answer: the connection ", DyingAfter(1)},
         {"warning  " + server + "zVERSION: \"Engine 1/27000/", Clamd(true, 8), "", L"", warned},
         {"ok       " + server + "zVERSION: ", Clamd(true, 7), "", L"", " 0 warnings, 0 failed\n"},
@@ -88,6 +92,8 @@ TEST_F(CheckTest, NamesTheFaultOfEachBrokenInstallationAndNoOther) {
         EXPECT_EQ(result.status, it.line.starts_with(failed) ? 2u : 0u) << result.out;
         EXPECT_THAT(result.out, AllOf(HasSubstr(it.line), HasSubstr(it.counts)));
     }
+    EXPECT_FALSE(std::filesystem::exists(log));
+    EXPECT_EQ(installed.Starts(installed.engine), 1u);
 }
 
 TEST_F(CheckTest, AsksEachServerOfTheBridge) {
@@ -100,6 +106,7 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
     installed.WriteSettings(Servers(port));
     EXPECT_THAT(Check().out,
                 AllOf(HasSubstr("ok       upstream " + good.Address() + " 2 MB stream: found clean"),
+                      HasSubstr("ok       engine worker: kestobridge.exe runs"),
                       HasSubstr("failed   upstream " + blind.Address() + " EICAR: found clean"),
                       HasSubstr("failed   upstream " + dead + " connection: not made")));
 
@@ -111,7 +118,11 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
     std::filesystem::rename(installed.worker, installed.top / "old");
     EXPECT_THAT(Check().out, HasSubstr("kestobridge.exe is missing: every scan ends with error 1003"));
     installed.PlaceStandIn(installed.worker, "wait");
-    EXPECT_THAT(Check().out, HasSubstr("failed   engine worker: kestoav.exe is of version "));
+    EXPECT_THAT(Check().out, HasSubstr("kestobridge.exe is damaged"));
+    std::string newer = ReadFile(installed.top / "old");
+    newer.replace(newer.find("P\0r\0o\0d\0u\0c\0t\0V\0e\0r\0s\0i\0o\0n"s) + 30, 1, "9");
+    WriteFile(installed.worker, newer);
+    EXPECT_THAT(Check().out, HasSubstr("warning  engine worker: kestobridge.exe is of version 9"));
 
     const auto log = installed.engine_folder / "bridge.log";
     WriteFile(installed.engine_folder / "bridge.ini",
@@ -146,6 +157,10 @@ TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysTheSameAsJson) {
 
 TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     const auto says = [&](const char* words) { EXPECT_THAT(Check().out, HasSubstr(words)); };
+    const std::wstring folder = installed.folder.wstring();
+    SetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FA;;;WD)").get());
+    says("failed   rights: Everyone may write to ");
+    SetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FRFX;;;WD)").get());
     installed.EndPrograms();
     // An old reason is none.
     WriteFile(installed.engine_folder / "bridge.log", "cannot start - old\r\nstopped\r\n");
@@ -194,6 +209,42 @@ TEST_F(CheckTest, WorksByTheShortNameAndWarnsOfBlanks) {
     EXPECT_THAT(check().out, HasSubstr(".exe would be started in place of the engine"));
 }
 
+TEST(EngineProcess, IsToldAsFarAsThisAccountMaySee) {
+    const host::InstalledPlugin plugin;
+    const InstalledBridge bridge{{}, true, true, {}, ""};
+    const ProgramProcess ours{7, true, L""}, hidden{8, false, L""};
+    const PortOwner chat{9, "chat.exe"};
+    const std::tuple<std::vector<ProgramProcess>, std::optional<PortOwner>, const char*> cases[] = {
+        {{ours}, PortOwner{7, "a"}, "ok       engine process: kestoav.exe runs as process 7 under VM\\mail"},
+        {{ours}, chat, "failed   engine process: kestoav.exe runs as process 7 under VM\\mail, but its port"},
+        {{hidden}, {}, "warning  engine process: kestoav.exe runs as process 8 under another account -> "},
+        {{hidden}, chat, "failed   engine process: kestoav.exe runs as process 8 under another account, but"},
+    };
+    for (const auto& [engines, owner, line] : cases) {
+        Findings findings;
+        TellEngineProcess(findings, plugin, bridge, engines, owner, "VM\\mail");
+        EXPECT_THAT(FindingLine(findings.All().at(0)), StartsWith(line));
+    }
+}
+
+TEST(Rights, UsersMayWriteByAnyRightThatLeadsThere) {
+    for (const char* kept : {"O:BAD:", "O:BAD:(A;;FA;;;BA)(A;;FRFX;;;AU)(A;;FRFX;;;WD)(A;;FRFX;;;BU)",
+                             "O:BAD:(A;OICIIO;GA;;;BU)", "O:BAD:(D;;GA;;;WD)(A;;GA;;;BU)"}) {
+        EXPECT_EQ(WhoMayWrite(Descriptor(kept).get()), "") << kept;
+    }
+    for (const char* users :
+         {"(A;;0x1301bf;;;BU)", "(A;;0x2;;;BU)", "(A;;0x4;;;BU)", "(A;;0x40;;;BU)", "(A;;SD;;;BU)",
+          "(A;;WD;;;BU)", "(A;;WO;;;BU)", "(A;;GW;;;BU)", "(A;;GA;;;BU)", "(A;;GA;;;BU)(D;;GA;;;WD)",
+          "(D;;FR;;;BU)(A;;GA;;;BU)", "(D;;GA;;;BG)(A;;GA;;;BU)"}) {
+        EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:"s + users).get()), "Users") << users;
+    }
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BUD:").get()), "Users");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BA").get()), "Everyone");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:(D;;GA;;;AU)(A;;GA;;;WD)").get()), "Everyone");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:(A;;GA;;;AU)").get()), "Authenticated Users");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:(A;;GA;;;BG)").get()), "Guests");
+}
+
 TEST(DynamicPorts, AreTheLastTwoNumbersInAnyLanguage) {
     const auto range = PortRangeIn("Protokoll tcp4\r\n---\r\nStartport : 1025\r\nZahl : 64511\r\n");
     EXPECT_EQ(range->first * 100'000ull + range->count, 102'564'511u);
@@ -203,9 +254,8 @@ TEST(DynamicPorts, AreTheLastTwoNumbersInAnyLanguage) {
 // A file that holds the test string whole would be quarantined on many machines.
 TEST(TestSamples, ProgramDoesNotHoldTheTestString) {
     EXPECT_EQ(EicarTestString().size(), 68u);
-    const std::string program = ReadFile(BuiltFolder() / "kestoscan.exe");
-    EXPECT_GT(program.size(), 100'000u);
-    EXPECT_THAT(program, Not(HasSubstr(EicarTestString())));
+    EXPECT_THAT(ReadFile(BuiltFolder() / "kestoscan.exe"),
+                AllOf(SizeIs(Gt(100'000u)), Not(HasSubstr(EicarTestString()))));
 }
 
 }  // namespace

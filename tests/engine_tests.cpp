@@ -133,20 +133,13 @@ using ServersTest = PluginTest;
 
 TEST_F(ServersTest, AreTriedInOrderWithoutAWordAndTwiceInTheListAfterASecondStart) {
     ScriptedEngine second, third;
-    const uint16_t first = FreePort();
     installed.CreateLog();
-    Start(Servers(first, second.Port(), third.Port()));
+    Start(Servers(FreePort(), second.Port(), third.Port()));
     EXPECT_EQ(Scan("1"), "clean");
-    EXPECT_EQ(second.Accepted(), 1u);
-    ScriptedEngine back(Replying("stream: OK"), first);
-    EXPECT_EQ(Scan("1"), "clean");
-    EXPECT_EQ(back.Accepted(), 1u);
-    EXPECT_EQ(InWords(installed.LogMessages()), "scan*2");
-
+    EXPECT_EQ(InWords(installed.LogMessages()), "scan");
     Start(Servers(third.Port()));
     EXPECT_EQ(Scan("1"), "clean");
-    EXPECT_EQ(back.Accepted(), 2u);
-    back.Kill();
+    EXPECT_EQ(second.Accepted(), 2u);
     second.Kill();
     EXPECT_EQ(Scan("1"), "clean");
     EXPECT_EQ(third.Accepted(), 1u);

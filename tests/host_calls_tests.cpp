@@ -88,8 +88,10 @@ const PluginLibrary* g_plugin;
 std::string g_meanwhile;
 
 DWORD WINAPI UpdateAndScanMeanwhile(HANDLE, DWORD ms) {
-    g_meanwhile = std::to_string(ms) + ": " + std::to_string(g_plugin->do_simple_update(nullptr, nullptr)) +
-                  ", " + ScanWith(*g_plugin, "");
+    if (std::exchange(g_meanwhile, std::to_string(ms)).empty()) {
+        const int32_t returned = g_plugin->do_simple_update(nullptr, nullptr);
+        g_meanwhile += ": " + std::to_string(returned) + ", " + ScanWith(*g_plugin, "");
+    }
     return WAIT_OBJECT_0;
 }
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <utility>
 
+#include "common/processes.h"
 #include "common/text.h"
 #include "host/check/checks.h"
 
@@ -22,6 +23,7 @@ int CheckInstallation(const std::wstring& library, const std::wstring& folder, b
     const std::pair<const char*, std::function<void(Findings&)>> looked_at[] = {
         {"the library", [&](Findings& findings) { CheckLibrary(findings, library); }},
         {"the folder", [&](Findings& findings) { CheckFolder(findings, installed); }},
+        {"the rights", [&](Findings& findings) { CheckRights(findings, installed); }},
         {"the settings", [&](Findings& findings) { CheckSettings(findings, installed); }},
         {"the log", [&](Findings& findings) { CheckLog(findings, installed); }},
         {"the engine's program", [&](Findings& findings) { CheckEngineProgram(findings, installed); }},
@@ -56,7 +58,12 @@ std::string WhyEngineEnds(const InstalledPlugin& installed) {
     return lines;
 }
 
-std::string EngineEndsText(const InstalledPlugin& installed) {
+std::string WhyUnusable(const InstalledPlugin& installed) {
+    if (const std::string hidden = HiddenEngine(EngineProcesses()); !hidden.empty()) {
+        return hidden +
+               ", which this account may not see: a scan cannot use it, and no other one was started. Run "
+               "kestoscan as an administrator, or under that account\n";
+    }
     return "the engine " + Utf8FromWide(installed.engine) + " ends at once\n" + WhyEngineEnds(installed);
 }
 

@@ -15,7 +15,7 @@ int CheckInstallation(const std::wstring& library, const std::wstring& folder, b
 // UTF-8, each with its line feed. Empty when nothing is known.
 std::string WhyEngineEnds(const InstalledPlugin& installed);
 
-// The same below a line that says that it does.
-std::string EngineEndsText(const InstalledPlugin& installed);
+// Why no engine can be used, in such lines: it ends at once, or this account may not see the one that runs.
+std::string WhyUnusable(const InstalledPlugin& installed);
 
 }  // namespace kesto::host

@@ -48,14 +48,28 @@ void CheckEngineProgram(Findings& findings, const InstalledPlugin& installed) {
 }
 
 void CheckEngineProcess(Findings& findings, const InstalledPlugin& installed, const InstalledBridge& bridge) {
-    const std::string check = "engine process";
-    const std::vector<ProgramProcess> engines = EngineProcesses();
-    const auto hidden =
-        std::count_if(engines.begin(), engines.end(), [](const auto& e) { return !e.visible; });
     const ServerAddress& listen = bridge.ini.settings.listen;
-    const auto owner = bridge.used ? ListenerOn(listen.host, listen.port) : std::nullopt;
+    const auto engines = EngineProcesses();
+    TellEngineProcess(findings, installed, bridge, engines,
+                      bridge.used ? ListenerOn(listen.host, listen.port) : std::nullopt,
+                      engines.empty() ? "" : Utf8FromWide(AccountOf(engines[0].id)));
+}
+
+void TellEngineProcess(Findings& findings, const InstalledPlugin& installed, const InstalledBridge& bridge,
+                       const std::vector<ProgramProcess>& engines, const std::optional<PortOwner>& owner,
+                       const std::string& account) {
+    const std::string check = "engine process";
+    const std::string hidden = HiddenEngine(engines);
+    const std::string runs = !hidden.empty() || engines.empty()
+                                 ? hidden
+                                 : "kestoav.exe runs as process " + std::to_string(engines[0].id) +
+                                       (account.empty() ? "" : " under ") + account;
     const std::string taken =
-        owner ? "its port " + AddressText(listen) + " is taken by " + OwnerText(*owner) : "";
+        owner ? "its port " + AddressText(bridge.ini.settings.listen) + " is taken by " + OwnerText(*owner)
+              : "";
+    const bool lost_port = bridge.has_ini && owner && !owner->program.empty() &&
+                           std::none_of(engines.begin(), engines.end(),
+                                        [&](const auto& e) { return e.id == owner->process_id; });
     const std::string free_port =
         "end that program, or change listen= in bridge.ini and servers= in kestoav.ini";
     if (engines.empty()) {
@@ -75,23 +89,21 @@ void CheckEngineProcess(Findings& findings, const InstalledPlugin& installed, co
             remedy = free_port + "; then " + remedy;
         }
         findings.Failed(check, text, remedy);
-    } else if (hidden == static_cast<int64_t>(engines.size())) {
-        findings.Failed(check, "kestoav.exe runs, but this account may not see it",
-                        "run the check as the mail server's account or as an administrator");
-    } else if (engines.size() > 1) {
+    } else if (hidden.empty() && engines.size() > 1) {
         findings.Warning(check,
                          std::to_string(engines.size()) +
                              " processes named kestoav.exe run: the plug-in cannot restart its engine then",
                          "end all but one");
-    } else if (!engines[0].path.empty() && !NameSameFile(engines[0].path, installed.engine)) {
+    } else if (hidden.empty() && !engines[0].path.empty() &&
+               !NameSameFile(engines[0].path, installed.engine)) {
         findings.Warning(check, "kestoav.exe runs from elsewhere: " + Utf8FromWide(engines[0].path),
                          "end it unless it is meant to be this plug-in's engine");
-    } else if (bridge.has_ini && owner && !owner->program.empty() && owner->process_id != engines[0].id) {
-        findings.Failed(check,
-                        "kestoav.exe runs as process " + std::to_string(engines[0].id) + ", but " + taken,
-                        free_port);
+    } else if (lost_port) {
+        findings.Failed(check, runs + ", but " + taken, free_port);
+    } else if (!hidden.empty()) {
+        findings.Warning(check, runs, "run the check as an administrator, who may look at it");
     } else {
-        findings.Ok(check, "kestoav.exe runs as process " + std::to_string(engines[0].id));
+        findings.Ok(check, runs);
     }
 }
 

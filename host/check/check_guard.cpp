@@ -1,15 +1,14 @@
 #include <windows.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <vector>
 
-#include "base/clamd_words.h"
 #include "common/guard_words.h"
 #include "common/processes.h"
 #include "common/server_talk.h"
 #include "common/text.h"
 #include "host/check/checks.h"
+#include "host/common/bridge_stats.h"
 
 namespace kesto::host {
 namespace {
@@ -36,11 +35,6 @@ std::wstring OurVersion(const std::wstring& program) {
     return known ? text(L"ProductVersion") : L"";
 }
 
-double Counter(const std::string& text, const std::string& name) {
-    const size_t at = text.find("\n" + name + " ");
-    return at == std::string::npos ? 0 : std::strtod(text.c_str() + at + name.size() + 2, nullptr);
-}
-
 }  // namespace
 
 void CheckGuard(Findings& findings, const InstalledPlugin& installed, const InstalledBridge& bridge) {
@@ -55,11 +49,16 @@ void CheckGuard(Findings& findings, const InstalledPlugin& installed, const Inst
                         "copy kestobridge.exe from the release there");
         return;
     }
-    if (const std::wstring version = OurVersion(worker); version != guard_version) {
-        findings.Failed(check,
-                        "kestoav.exe is of version " + Utf8FromWide(guard_version) + ", kestobridge.exe " +
-                            (version.empty() ? "is damaged" : "of " + Utf8FromWide(version)),
-                        "copy both from one release");
+    const std::wstring version = OurVersion(worker);
+    if (version.empty()) {
+        findings.Failed(check, Utf8FromWide(worker) + " is damaged", "copy it from the release again");
+    } else if (version != guard_version) {
+        findings.Warning(
+            check,
+            "kestobridge.exe is of version " + Utf8FromWide(version) + ", its guard kestoav.exe of " +
+                Utf8FromWide(guard_version),
+            "kestoav.exe is replaced when it ends: stop the mail server some time, end kestoav.exe, and "
+            "copy it from the same release");
     }
     if (EngineProcesses().empty() || !bridge.used) {
         return;
@@ -69,11 +68,9 @@ void CheckGuard(Findings& findings, const InstalledPlugin& installed, const Inst
         findings.Failed(check, "kestobridge.exe does not run: every scan ends with error 1003", remedy);
         return;
     }
-    const ServerAddress& listen = bridge.ini.settings.listen;
-    const ServerAnswer numbers =
-        AskServer({listen.host, listen.port}, kStatsCommand, std::chrono::steady_clock::now() + kAnswerLimit);
-    const double starts = Counter(numbers.reply.value_or(""), "kestoav_worker_starts_total");
-    const double uptime = Counter(numbers.reply.value_or(""), "kestoav_uptime_seconds");
+    const std::string stats = BridgeStats(bridge.ini.settings.listen, kAnswerLimit);
+    const double starts = StatsValue(stats, "kestoav_worker_starts_total");
+    const double uptime = StatsValue(stats, "kestoav_uptime_seconds");
     if (starts >= kOften && uptime < kLately) {
         findings.Warning(check,
                          "kestobridge.exe has been started " + std::to_string(static_cast<int>(starts)) +

@@ -4,19 +4,9 @@
 #include "host/check/checks.h"
 
 namespace kesto::host {
-namespace {
-
-constexpr size_t kLongestProgramPath = 259;
-
-}  // namespace
 
 void CheckUpdater(Findings& findings, const InstalledPlugin& installed, const InstalledBridge& bridge) {
     const std::string name = Utf8FromWide(installed.updater);
-    if (installed.updater.size() > kLongestProgramPath) {
-        findings.Warning("updater", name + " is too long a path for the plug-in to start the program",
-                         "install into a folder of at most 228 characters if there is to be an updater");
-        return;
-    }
     for (const std::string& problem : bridge.ini.updater_problems) {
         findings.Failed("updater", problem, "correct that line: no signatures are updated");
     }

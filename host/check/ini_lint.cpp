@@ -1,9 +1,11 @@
 #include "host/check/ini_lint.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <map>
+#include <set>
+#include <utility>
 
 #include "base/server_list.h"
 #include "common/ini_lines.h"
@@ -13,17 +15,12 @@ namespace {
 
 enum class ValueKind { kServers, kSwitch, kSeconds, kCount, kPath };
 
-struct KnownKey {
-    std::string_view name;
-    ValueKind kind;
-};
-
 constexpr std::string_view kSection = "kestoav";
-constexpr std::array kKnownKeys = {
-    KnownKey{"servers", ValueKind::kServers},     KnownKey{"encrypt", ValueKind::kSwitch},
-    KnownKey{"autostart", ValueKind::kSwitch},    KnownKey{"startwait", ValueKind::kSeconds},
-    KnownKey{"connectwait", ValueKind::kSeconds}, KnownKey{"restartcount", ValueKind::kCount},
-    KnownKey{"logfile", ValueKind::kPath},
+const std::map<std::string, ValueKind> kKnownKeys = {
+    {"servers", ValueKind::kServers},     {"encrypt", ValueKind::kSwitch},
+    {"autostart", ValueKind::kSwitch},    {"startwait", ValueKind::kSeconds},
+    {"connectwait", ValueKind::kSeconds}, {"restartcount", ValueKind::kCount},
+    {"logfile", ValueKind::kPath},
 };
 
 constexpr size_t kMostServersText = 999;  // characters that the reader accepts
@@ -48,12 +45,6 @@ uint32_t TakenNumber(const std::string& value) {
     return static_cast<uint32_t>(std::strtoull(value.c_str(), nullptr, value.find("0x") <= 1 ? 16 : 10));
 }
 
-const KnownKey* Known(std::string_view name) {
-    const auto* found = std::find_if(kKnownKeys.begin(), kKnownKeys.end(),
-                                     [&](const KnownKey& key) { return key.name == name; });
-    return found == kKnownKeys.end() ? nullptr : found;
-}
-
 class Linter {
  public:
     std::vector<IniFinding> Lint(std::string_view text) {
@@ -71,11 +62,9 @@ class Linter {
             line_ = line.number;
             Line(line);
         }
-        for (const Elsewhere& setting : elsewhere_) {
-            if (!seen_[setting.key]) {
-                line_ = setting.line;
-                Doubt(setting.text + " is outside the section [kestoav] and is not read",
-                      "move it below the line [kestoav], if it is meant for the plug-in");
+        for (const auto& [key, finding] : elsewhere_) {
+            if (!seen_.contains(key)) {
+                findings_.push_back(finding);
             }
         }
         line_ = 1;
@@ -114,12 +103,16 @@ class Linter {
 
     // Other programs may have sections of their own in the file.
     void SettingElsewhere(const IniLine& line) {
-        const KnownKey* const key = Known(line.name);
-        if (key && !other_section_ && !section_seen_) {
-            Misread(Quoted(line.text) + " is outside the section [kestoav] and is not read",
-                    "move it below the line [kestoav]");
-        } else if (key && other_section_) {
-            elsewhere_.push_back({line_, static_cast<size_t>(key - kKnownKeys.data()), Quoted(line.text)});
+        if (!kKnownKeys.contains(line.name)) {
+            return;
+        }
+        const std::string text = Quoted(line.text) + " is outside the section [kestoav] and is not read";
+        if (other_section_) {
+            elsewhere_.push_back(
+                {line.name,
+                 {line_, false, text, "move it below the line [kestoav], if it is meant for the plug-in"}});
+        } else if (!section_seen_) {
+            Misread(text, "move it below the line [kestoav]");
         }
     }
 
@@ -137,37 +130,30 @@ class Linter {
     }
 
     void Setting(const IniLine& line) {
-        const KnownKey* const key = Known(line.name);
-        if (key == nullptr) {
+        const auto key = kKnownKeys.find(line.name);
+        if (key == kKnownKeys.end()) {
             Misread("the key " + Quoted(line.name) + " is not known, and its value not read",
                     "remove the line, or write one of the keys servers, encrypt, autostart, startwait, "
                     "connectwait, restartcount and logfile");
-            return;
-        }
-        bool& seen = seen_[static_cast<size_t>(key - kKnownKeys.data())];
-        if (seen) {
+        } else if (!seen_.insert(line.name).second) {
             Misread("the key " + Quoted(line.name) + " is given twice: only the first is read",
                     "remove one of the two lines");
-            return;
-        }
-        seen = true;
-        if (key->kind == ValueKind::kServers) {
+        } else if (key->second == ValueKind::kServers) {
             ServersValue(line.value);
-        } else if (key->kind == ValueKind::kPath) {
+        } else if (key->second == ValueKind::kPath) {
             PathValue(line.value);
         } else {
-            NumberValue(*key, std::string(line.value));
+            NumberValue(line.name, key->second, std::string(line.value));
         }
     }
 
-    void NumberValue(const KnownKey& key, const std::string& value) {
-        const std::string name(key.name);
-        const bool seconds = key.kind == ValueKind::kSeconds;
+    void NumberValue(const std::string& name, ValueKind kind, const std::string& value) {
+        const bool seconds = kind == ValueKind::kSeconds;
         const uint32_t taken = TakenNumber(value);
         if (!AllDigits(value) || WithoutZeros(value) != std::to_string(taken)) {
             const bool minus = value.starts_with('-');
             const bool whole = AllDigits(value.substr(minus));
-            const bool is_switch = key.kind == ValueKind::kSwitch;
+            const bool is_switch = kind == ValueKind::kSwitch;
             findings_.push_back({line_, !whole || (minus && seconds),
                                  name + "=" + Quoted(value) +
                                      (whole ? " is read as " : " is not a number and is read as ") +
@@ -235,15 +221,9 @@ class Linter {
         }
     }
 
-    struct Elsewhere {
-        size_t line;
-        size_t key;  // its index
-        std::string text;
-    };
-
     std::vector<IniFinding> findings_;
-    std::vector<Elsewhere> elsewhere_;
-    std::array<bool, kKnownKeys.size()> seen_ = {};
+    std::vector<std::pair<std::string, IniFinding>> elsewhere_;  // of known keys in other sections
+    std::set<std::string> seen_;                                 // known keys
     size_t line_ = 1;
     bool section_seen_ = false;
     bool in_section_ = false;

@@ -3,25 +3,10 @@
 #include <windows.h>
 
 #include "common/error_words.h"
+#include "common/folder_limit.h"
 #include "common/text.h"
 
 namespace kesto::host {
-namespace {
-
-// The system starts a program by a path of at most 259 characters, and "\plugins\kestoav\kestoav.exe" takes
-// 28 of them.
-constexpr size_t kMostFolder = 231;
-
-Fault LoadFault(const std::wstring& path, DWORD code) {
-    std::string text = "cannot load " + Utf8FromWide(path) + ": " + SystemErrorWithCode(code);
-    if (code == ERROR_BAD_EXE_FORMAT) {
-        text += "; it is damaged, or not a 32-bit library";
-    }
-    return {text, code};
-}
-
-}  // namespace
-
 Fault LacksExports(const std::wstring& path, const std::string& names) {
     return {Utf8FromWide(path) + " is not this plug-in, or is damaged: it lacks " + names};
 }
@@ -29,7 +14,10 @@ Fault LacksExports(const std::wstring& path, const std::string& names) {
 Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin) {
     const HMODULE module = LoadLibraryW(path.c_str());
     if (!module) {
-        return LoadFault(path, GetLastError());
+        const DWORD code = GetLastError();
+        return {"cannot load " + Utf8FromWide(path) + ": " + SystemErrorWithCode(code) +
+                    (code == ERROR_BAD_EXE_FORMAT ? "; it is damaged, or not a 32-bit library" : ""),
+                code};
     }
     std::string missing;
     const auto bind = [&]<typename Function>(const char* name, Function& function) {
@@ -99,11 +87,11 @@ Fault AnsiFolder(const std::wstring& folder, std::string& ansi) {
         return {"the folder " + Utf8FromWide(folder) +
                 " has letters that this system's code page lacks, and no short name without them"};
     }
-    if (ansi.size() > kMostFolder) {
-        return {
-            "the plug-in takes a folder of at most 231 characters, since paths below it may have at most "
-            "259 characters, and this one has " +
-            std::to_string(ansi.size())};
+    if (ansi.size() > kLongestPluginFolder) {
+        return {"the folder's path may have at most " + std::to_string(kLongestPluginFolder) +
+                " characters, and has " + std::to_string(ansi.size()) +
+                ": Windows starts no program by a path above " + "259, as is that of " +
+                Utf8FromWide(folder) + "\\plugins\\kestoav\\kestobridge.exe"};
     }
     return {};
 }

@@ -43,6 +43,8 @@ bool SendFile(SocketConnection& connection, const ScanFileInput& input, bool enc
 
 ScanVerdict StreamScan(SocketConnection& connection, const ScanFileInput& input, bool encrypt,
                        ReceivedText& reply) {
+    connection.MaxReadIdleMs(kIdleLimitMs);
+    connection.MaxSendIdleMs(kIdleLimitMs);
     if (!SendCommand(connection, kScanCommand) || !SendFile(connection, input, encrypt)) {
         connection.Close(kCloseWaitMs);
         return {VerdictKind::kSendFailed, {}};

@@ -38,6 +38,8 @@ void DescribeEngine(char (&detail)[kMessageSize]) {
     if (!connection.Connect(server.host, server.port, false, kConnectMs)) {
         return;
     }
+    connection.MaxReadIdleMs(kIdleLimitMs);
+    connection.MaxSendIdleMs(kIdleLimitMs);
     ReceivedText reply;
     if (SendCommand(connection, kVersionCommand)) {
         if (connection.ReceiveStringUntilByte(0, reply)) {

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstring>
 
-#include "base/clamd_words.h"
 #include "base/ipv4_address.h"
 #include "plugin/net/host_resolver.h"
 
@@ -230,7 +229,7 @@ bool SocketConnection::SendAll(const char* data, uint32_t byte_count) {
         int ready = 1;
         int error = WSAGetLastError();
         if (error == WSAEWOULDBLOCK) {
-            ready = WaitUntilReady(socket_, true, kIdleLimitMs);
+            ready = WaitUntilReady(socket_, true, max_send_idle_ms_);
             error = WSAGetLastError();
             if (ready == 1) {
                 continue;
@@ -259,7 +258,7 @@ bool SocketConnection::ReceiveStringUntilByte(int byte_value, ReceivedText& text
     ReceivedText received;
     for (;;) {
         // The engine scans before it replies, so a `recv` without waiting first would find nothing.
-        int count = WaitUntilReady(socket_, false, kIdleLimitMs);
+        int count = WaitUntilReady(socket_, false, max_read_idle_ms_);
         if (count == 0) {
             record_.AddLine("WaitForData timed out.");
             return false;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "base/clamd_words.h"
 #include "plugin/net/operation_record.h"
 #include "plugin/net/received_text.h"
 
@@ -33,13 +34,16 @@ class SocketConnection {
     // connecting together. `ssl` appears in the record only: the connection is never encrypted.
     bool Connect(const char* hostname, uint16_t port, bool ssl, uint32_t max_wait_ms);
 
-    // Sends all bytes, and waits for kIdleLimitMs at most for the network to accept one. With nothing to send
-    // it fails.
+    // The longest wait for a byte to arrive, or for the network to accept one, in milliseconds.
+    void MaxReadIdleMs(uint32_t limit) { max_read_idle_ms_ = limit; }
+    void MaxSendIdleMs(uint32_t limit) { max_send_idle_ms_ = limit; }
+
+    // Sends all bytes. With nothing to send it fails.
     bool SendBytes(const void* data, uint32_t byte_count);
 
     // Reads until a byte of this value (brought into 0..255) has arrived and stores the bytes before it
     // in `text`, which stays as it is on failure. What arrives after that byte may be lost. Fails when a
-    // reply is longer than kMostReplyBytes, or when no byte arrives for kIdleLimitMs.
+    // reply is longer than kMostReplyBytes.
     bool ReceiveStringUntilByte(int byte_value, ReceivedText& text);
 
     // `max_wait_ms` would matter to encrypted connections only. There are none, so this never waits.
@@ -58,6 +62,8 @@ class SocketConnection {
 
     SOCKET socket_ = INVALID_SOCKET;
     bool no_delay_ = false;
+    uint32_t max_read_idle_ms_ = kIdleLimitMs;
+    uint32_t max_send_idle_ms_ = kIdleLimitMs;
     OperationRecord record_;
 };
 

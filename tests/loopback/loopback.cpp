@@ -1,6 +1,5 @@
 #include "tests/loopback/loopback.h"
 
-#include <span>
 #include <thread>
 
 namespace kesto {
@@ -28,7 +27,7 @@ sockaddr_in LoopbackAddress(uint16_t port) {
     return address;
 }
 
-SOCKET ListenOnLoopback(uint16_t& port, int queued) {
+SOCKET ListenOnLoopback(uint16_t& port) {
     const SOCKET bound = OwnSocket();
     sockaddr_in address = LoopbackAddress(port);
     int size = sizeof address;
@@ -37,7 +36,7 @@ SOCKET ListenOnLoopback(uint16_t& port, int queued) {
         closesocket(bound);
         return INVALID_SOCKET;
     }
-    listen(bound, queued);
+    listen(bound, SOMAXCONN);
     port = ntohs(address.sin_port);
     return bound;
 }
@@ -56,22 +55,6 @@ SOCKET ConnectToLoopback(uint16_t port) {
     }
     closesocket(client);
     return INVALID_SOCKET;
-}
-
-UnansweredPort::UnansweredPort() : sockets_{ListenOnLoopback(port_, 1)} {
-    const sockaddr_in address = LoopbackAddress(port_);
-    for (SOCKET& queued : std::span(sockets_).subspan(1)) {
-        queued = OwnSocket();
-        u_long non_blocking = 1;
-        ioctlsocket(queued, FIONBIO, &non_blocking);
-        connect(queued, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    }
-}
-
-UnansweredPort::~UnansweredPort() {
-    for (const SOCKET each : sockets_) {
-        closesocket(each);
-    }
 }
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
