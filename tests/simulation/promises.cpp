@@ -29,8 +29,8 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
         if (other->Runs() && (client.ended == Time{} || line.began < std::max(client.ended, began) + kLate)) {
             Broken("a second server gets the scan of ", client, " too early");
         }
-        beside |= other->Runs() && other->server->up && line.server->Scans() > 1 &&
-                  net.now > other->server->up_since + kConnecting;
+        beside |= other->Runs() && other->server != line.server && other->server->up &&
+                  line.server->Scans() > 1 && net.now > other->server->up_since + kConnecting;
         lost += !other->replied;
         whole += !other->replied && other->whole;
         tried |= other->server == line.server;
