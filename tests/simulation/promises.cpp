@@ -19,6 +19,7 @@ constexpr size_t kOfClient = 400'000;  // bytes of memory beside `keep`
 // A server gets the scan.
 void World::AttemptBegins(Client& client, ServerLine& line) {
     Tell(*line.server, " gets the scan of ", client);
+    client.asked += line.server->name;
     size_t lost = 0, whole = 0;
     bool tried = false, beside = false;
     for (const auto& other : client.lines) {
@@ -71,6 +72,7 @@ void World::Logs(const std::string& message) {
     } else if (message.starts_with("scan of ")) {
         ++repeated;
         ++client->repeats;
+        client->asked += message;
         client->repeated_at = net.now;
     } else if (message.find("out of step") != std::string::npos && !lacks) {
         Broken("an exception: ", message);
@@ -170,7 +172,8 @@ void World::Loses(Client& client, const std::string& reason) {
         all_asked &= !server->up || client.HasAsked(*server);
         all_tried &= !server->known || server->asked_at >= client.came || server->busy_at == now;
         just_up |= server->named && server->up_since == now;
-        const bool excused = just_up || client.IsUsedUp() || client.repeats > 4 || client.squeezed ||
+        const bool tried = client.asked.find(server->name) != std::string::npos;
+        const bool excused = just_up || client.IsUsedUp() || (used_up && tried) || client.squeezed ||
                              over_time || client.HasAsked(*server);
         if (server->up && server->IsWell() && !excused) {
             Broken(client, " is lost (", reason, ") although ", server->name,

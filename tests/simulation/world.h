@@ -133,6 +133,7 @@ struct Client final : Line {
     Time beside_at{};           // when a busy server got it beside another one
     Time due{}, alone_since{};  // the latest time at which its stream may have ended, no server had it
     std::string text, end;      // what the bridge tells it, and why it was closed
+    std::string asked;          // names of servers, among others
 };
 
 struct World {
