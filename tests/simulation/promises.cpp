@@ -218,7 +218,8 @@ void World::LookAtServers() {
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
         const Time listed = server.listed_at + (server.named ? kLookedUp : 0s);
         if (!server.up && server.IsWell() &&
-            net.now > std::max({server.fault_at, listed, lacked_at}) + kKnowsAgain) {
+            net.now > std::max({server.fault_at + (server.named ? kConnecting : 0s), listed, lacked_at}) +
+                          kKnowsAgain) {
             Broken(server, " has been well for long and is not up");
         }
     }
@@ -273,7 +274,7 @@ void World::LookAt(Client& client) {
     for (const Server* server : list) {
         const Time since = std::max({server->fault_at, server->up_since, server->listed_at}) + kConnecting;
         if (!server->IsWell() || !server->up || now < since || client.HasAsked(*server) ||
-            client.IsUsedUp() || client.squeezed) {
+            client.IsUsedUp() || client.repeats >= 4 || client.squeezed) {
             continue;
         }
         if (now > client.alone_since + kConnecting) {

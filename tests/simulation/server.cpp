@@ -20,7 +20,7 @@ Server::Server(World& the_world, size_t the_number) : world(the_world), number(t
     named = dice.OneIn(3);
     v6 = dice.OneIn(8);
     dead_address = named && dice.OneIn(3) ? dice.Between(1, 2) : 0;
-    largest = dice.OneIn(4) ? dice.Wide(1000, 1'000'000) : UINT64_MAX;
+    largest = dice.OneIn(4) ? dice.Wide(2000, 1'000'000) : UINT64_MAX;
     scan = dice.Time(1ms, 2s);
     const std::string n = std::to_string(number);
     name = named ? "s" + n + ".example:3313" : v6 ? "[fd00::" + n + "]:3310" : "10.0." + n + ".1:3310";
