@@ -7,6 +7,7 @@
 #include "common/text.h"
 
 namespace kesto::host {
+
 Fault LacksExports(const std::wstring& path, const std::string& names) {
     return {Utf8FromWide(path) + " is not this plug-in, or is damaged: it lacks " + names};
 }
