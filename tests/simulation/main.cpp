@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <new>
 
 #include "tests/simulation/world.h"
 
@@ -21,6 +22,10 @@ void Name(const std::string& promise) {
               << std::endl;
 }
 
+struct alignas(16) Header {
+    bool counted;
+};
+
 void Crashed(int signal) {
     Name(signal == SIGALRM ? "does not come to an end" : "crashes");
     std::signal(signal, SIG_DFL);
@@ -28,6 +33,37 @@ void Crashed(int signal) {
 }
 
 }  // namespace
+
+void kesto::simulation::FailIfLacking() {
+    if (g_memory.inside && g_memory.lacking != 0 && (g_memory.spare == 0 || g_memory.spare-- == 0)) {
+        --g_memory.lacking;
+        ++g_memory.failed;
+        throw std::bad_alloc();
+    }
+}
+
+void* operator new(size_t size) {
+    kesto::simulation::FailIfLacking();
+    auto* const header = static_cast<Header*>(std::malloc(sizeof(Header) + size));
+    if (header == nullptr) {
+        throw std::bad_alloc();
+    }
+    header->counted = g_memory.inside;
+    g_memory.blocks += header->counted;
+    return header + 1;
+}
+
+void operator delete(void* block) noexcept {
+    if (block != nullptr) {
+        auto* const header = static_cast<Header*>(block) - 1;
+        g_memory.blocks -= header->counted;
+        std::free(header);
+    }
+}
+
+void operator delete(void* block, size_t /*size*/) noexcept {
+    operator delete(block);
+}
 
 // Memory that is not given back is counted for each seed; a world whose promise was broken gives nothing
 // back.

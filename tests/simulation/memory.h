@@ -7,7 +7,7 @@ namespace kesto::simulation {
 
 struct Memory {
     bool inside = false;  // the bridge's code runs
-    int64_t blocks = 0, bytes = 0;
+    int64_t blocks = 0;
     uint64_t spare = 0;    // allocations that still succeed before
     uint64_t lacking = 0;  // so many fail
     uint64_t failed = 0;   // so many have

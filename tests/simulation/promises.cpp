@@ -10,15 +10,16 @@ constexpr auto kTick = 300ms;  // the bridge looks at its time limits four times
 constexpr auto kKnowsAgain = 36s;
 constexpr auto kLongestStill = 16s;
 constexpr auto kLate = 10s;
-constexpr auto kConnecting = 8s;       // to all addresses of a server
-constexpr auto kLookedUp = 100s;       // a name, at the latest
-constexpr size_t kOfClient = 400'000;  // bytes of memory beside `keep`
+constexpr auto kConnecting = 8s;  // to all addresses of a server
+constexpr auto kLookedUp = 100s;  // a name, at the latest
 
 }  // namespace
 
 // A server gets the scan.
 void World::AttemptBegins(Client& client, ServerLine& line) {
     Tell(*line.server, " gets the scan of ", client);
+    client.asked += line.server->name;
+    line.server->scan_at = net.now;
     size_t lost = 0, whole = 0;
     bool tried = false, beside = false;
     for (const auto& other : client.lines) {
@@ -33,27 +34,14 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
                   line.server->Scans() > 1 && net.now > other->server->up_since + kConnecting;
         lost += !other->replied;
         whole += !other->replied && other->whole;
-        tried |= other->server == line.server;
+        tried |= other->server == line.server && other->began >= line.server->listed_at;
     }
-    if (whole >= 3 || (lost >= 5 && tried)) {
-        Broken("too many servers get the scan of ", client);
-    }
+    Never(whole >= 3 || (lost >= 5 && tried), "too many servers get the scan of ", client);
     const auto lately = [this](Time at) { return at + 60s > net.now; };
     client.beside_at = beside && client.beside_at == Time{} ? net.now : client.beside_at;
-    const auto share = std::count_if(clients.begin(), clients.end(),
-                                     [&](const auto& each) { return lately(each->beside_at); });
-    const auto all =
-        std::count_if(clients.begin(), clients.end(), [&](const auto& each) { return lately(each->ended); });
-    if (beside && share > 2 + all / 10) {
-        Broken("more than one scan in ten gets a second server that is busy");
-    }
-    for (const Server* server : list) {
-        const Time since = std::max({server->up_since, server->listed_at, server->busy_at}) + kConnecting;
-        if (client.lines.size() == 1 && line.server->Scans() > 2 && server->up && net.now > since) {
-            Broken(*line.server, " gets the scan of ", client, ", while ", server->name,
-                   " has nothing to do");
-        }
-    }
+    const auto share = Count(clients, [&](const auto& each) { return lately(each->beside_at); });
+    const auto all = Count(clients, [&](const auto& each) { return lately(each->ended); });
+    Never(beside && share > 2 + all / 10, "more than one scan in ten gets a second server that is busy");
 }
 
 void World::Logs(const std::string& message) {
@@ -71,6 +59,7 @@ void World::Logs(const std::string& message) {
     } else if (message.starts_with("scan of ")) {
         ++repeated;
         ++client->repeats;
+        client->asked += message;
         client->repeated_at = net.now;
     } else if (message.find("out of step") != std::string::npos && !lacks) {
         Broken("an exception: ", message);
@@ -81,9 +70,7 @@ void World::Logs(const std::string& message) {
 void World::Replies(Client& client) {
     const std::string reply = client.text.substr(0, client.text.find('\0'));
     Tell(client, " gets \"", reply.substr(0, 60), "\"");
-    if (reply.size() + 1 != client.text.size()) {
-        Broken(client, " gets something after its reply");
-    }
+    Never(reply.size() + 1 != client.text.size(), client, " gets something after its reply");
     if (!client.Scans()) {
         const bool fits = client.kind == Kind::kPing ? reply == "PONG"
                           : client.kind == Kind::kVersion
@@ -117,9 +104,7 @@ void World::Closes(Client& client) {
     if (client.answered) {
         return;
     }
-    if (!kVerdictBeginning.starts_with(client.text)) {
-        Broken(client, " gets a part of a reply");
-    }
+    Never(!kVerdictBeginning.starts_with(client.text), client, " gets a part of a reply");
     if (client.left || client.lacked) {
         return;
     }
@@ -138,7 +123,7 @@ void World::Closes(Client& client) {
         {"sent an unknown", client.kind == Kind::kNoise},
         {"sent no", silent},
         {"too slow", crowd > settings.clients && slow},
-        {"no upstream server answered", std::none_of(list.begin(), list.end(), well)},
+        {"no upstream server answered", 0 == Count(list, well)},
     };
     for (const auto& [reason, is_true] : reasons) {
         if (client.end.starts_with(reason)) {
@@ -170,31 +155,27 @@ void World::Loses(Client& client, const std::string& reason) {
         all_asked &= !server->up || client.HasAsked(*server);
         all_tried &= !server->known || server->asked_at >= client.came || server->busy_at == now;
         just_up |= server->named && server->up_since == now;
-        const bool excused = just_up || client.IsUsedUp() || client.repeats > 4 || client.squeezed ||
+        const bool tried = client.asked.find(server->name) != std::string::npos;
+        const bool excused = just_up || client.IsUsedUp() || (used_up && tried) || client.squeezed ||
                              over_time || client.HasAsked(*server);
-        if (server->up && server->IsWell() && !excused) {
-            Broken(client, " is lost (", reason, ") although ", server->name,
-                   " is well and up, and was not asked");
-        }
+        Never(server->up && server->IsWell() && !excused, client, " is lost (", reason, ") although ",
+              server->name, " is well and up, and was not asked");
     }
     const std::pair<std::string_view, bool> reasons[] = {
         {"no verdict within", over_time},
         {"not all of the data is kept", client.squeezed},
         {"no further server may get it", used_up},
-        {"no upstream server gave a verdict", all_asked},
+        {"no upstream server gave a verdict", all_asked || just_up},
         {"no upstream server calls a clean file clean", all_sick},
         {"no upstream server could be reached", all_tried && (waited || just_up)},
     };
     const bool is_true = std::any_of(std::begin(reasons), std::end(reasons), [&](const auto& each) {
         return each.second && reason.find(reason.empty() ? "" : each.first) != std::string::npos;
     });
-    if (!is_true) {
-        Broken(client, " is lost because '", reason, "', which is not true");
-    }
+    Never(!is_true, client, " is lost because '", reason, "', which is not true");
     for (const auto& line : client.lines) {
-        if (line->replied && ReadScanAnswer(line->said) != ScanAnswer::kNoVerdict) {
-            Broken(client, " is lost although its verdict was read");
-        }
+        Never(line->replied && ReadScanAnswer(line->said) != ScanAnswer::kNoVerdict, client,
+              " is lost although its verdict was read");
     }
 }
 
@@ -208,14 +189,14 @@ void World::LookAtServers() {
         if (server.up != was_up) {
             (server.up ? server.up_since : server.down_at) = net.now;
         }
-        if (was_up && !server.up && server.IsWell() && server.fault_at <= server.verdict_at && !lacks) {
-            Broken(server, " is well, has given a verdict since it was, and is called down");
-        }
+        Never(was_up && !server.up && server.IsWell() && server.fault_at <= server.verdict_at && !lacks,
+              server, " is well, has given a verdict since it was, and is called down");
         std::erase_if(server.lines, [](const auto& line) { return !line->IsOpen(); });
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
         const Time listed = server.listed_at + (server.named ? kLookedUp : 0s);
         if (!server.up && server.IsWell() &&
-            net.now > std::max({server.fault_at, listed, lacked_at}) + kKnowsAgain) {
+            net.now > std::max({server.fault_at + (server.named ? kConnecting : 0s), listed, lacked_at}) +
+                          kKnowsAgain) {
             Broken(server, " has been well for long and is not up");
         }
     }
@@ -228,15 +209,9 @@ void World::LookAt(Client& client) {
     if (now > std::max(client.heard, client.told) + 20s + client.pause && !client.left && !client.answered) {
         client.Leave("loses patience", false);
     }
-    if (client.answered && now > client.answered_at + (client.finishes ? 0s : 2s) + kTick &&
-        !client.writing) {
-        Broken(client, " has its reply and is not closed");
-    }
-    const int64_t most =
-        (int64_t{settings.keep} << 20) + static_cast<int64_t>(kOfClient * (clients.size() + 1));
-    if (g_memory.bytes > most) {
-        Broken("the bridge takes too much memory");
-    }
+    Never(
+        client.answered && now > client.answered_at + (client.finishes ? 0s : 2s) + kTick && !client.writing,
+        client, " has its reply and is not closed");
     if (client.answered || client.left || client.lacked) {
         return;
     }
@@ -254,12 +229,9 @@ void World::LookAt(Client& client) {
     if (client.lines.empty() && crowded) {
         client.due = client.told = now;  // it may wait for a place
     }
-    if (now > client.told + kLongestStill && client.text.size() < kVerdictBeginning.size()) {
-        Broken(client, " has waited for long without a byte");
-    }
-    if (now > client.due + seconds(settings.verdict)) {
-        Broken(client, " is not told in time");
-    }
+    Never(now > client.told + kLongestStill && client.text.size() < kVerdictBeginning.size(), client,
+          " has waited for long without a byte");
+    Never(now > client.due + seconds(settings.verdict), client, " is not told in time");
     bool runs = false, late = true, forsaken = true;
     for (const auto& line : client.lines) {
         runs |= line->Runs();
@@ -270,16 +242,14 @@ void World::LookAt(Client& client) {
     for (const Server* server : list) {
         const Time since = std::max({server->fault_at, server->up_since, server->listed_at}) + kConnecting;
         if (!server->IsWell() || !server->up || now < since || client.HasAsked(*server) ||
-            client.IsUsedUp() || client.squeezed) {
+            client.IsUsedUp() || client.repeats >= 4 || client.squeezed) {
             continue;
         }
-        if (now > client.alone_since + kConnecting) {
-            Broken(client, " is with no server, while ", *server, " is well");
-        }
+        Never(now > client.alone_since + kConnecting, client, " is with no server, while ", *server,
+              " is well");
         const bool connects = now < client.repeated_at + kConnecting;
-        if (runs && late && !connects && (forsaken || now > server->busy_at + 2 * kTick)) {
-            Broken(client, " is late, while ", *server, " has nothing to do");
-        }
+        Never(runs && late && !connects && (forsaken || now > server->busy_at + 2 * kTick), client,
+              " is late, while ", *server, " has nothing to do");
     }
 }
 
@@ -331,16 +301,13 @@ void World::CheckTheEnd() {
                    {"repeats_total ", repeated, repeated}};
     for (const auto& [name, low, high, always] : numbers) {
         const double is = sum(name);
-        if ((always || !lacks) && (is < static_cast<double>(low) || is > static_cast<double>(high))) {
-            Broken("at the end ", name, " is ", is, ", and not ", low, " to ", high);
-        }
+        Never((always || !lacks) && (is < static_cast<double>(low) || is > static_cast<double>(high)),
+              "at the end ", name, " is ", is, ", and not ", low, " to ", high);
     }
     net.Clear();
     loop.reset();
     bridge.reset();
-    if (g_memory.blocks != 0) {
-        Broken("at the end ", g_memory.blocks, " blocks of memory are held");
-    }
+    Never(g_memory.blocks != 0, "at the end ", g_memory.blocks, " blocks of memory are held");
 }
 
 }  // namespace kesto::simulation

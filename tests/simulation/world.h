@@ -15,6 +15,11 @@ struct Client;
 struct ServerLine;
 struct World;
 
+template <typename List, typename Condition>
+ptrdiff_t Count(const List& list, Condition condition) {
+    return std::count_if(list.begin(), list.end(), condition);
+}
+
 enum class Fault {
     kNone,
     kRefuses,     // it has died
@@ -35,8 +40,7 @@ enum class Fault {
 struct Server {
     Server(World& world, size_t number);
     void Begin(Fault next);
-    void Found();  // its address, by the bridge
-    void Forgotten();
+    void Know(bool its_address);
     void Pump();
     bool IsWell() const { return fault == Fault::kNone; }
     bool StandsStill() const { return fault >= Fault::kUnanswered && fault <= Fault::kStopped; }
@@ -45,7 +49,7 @@ struct Server {
 
     World& world;
     const size_t number;
-    bool named, v6;
+    bool named;
     uint64_t dead_address;  // its name has another address first, which 1: refuses, 2: does not answer
     uint64_t largest;       // file
     Duration scan;
@@ -54,7 +58,7 @@ struct Server {
     Fault fault = Fault::kNone;
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
     Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{};
-    Time verdict_at{}, erred_at{}, asked_at{};  // read, read, and begun by the bridge
+    Time verdict_at{}, erred_at{}, asked_at{}, scan_at{};  // read, read, begun, written by the bridge
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
 
@@ -104,12 +108,9 @@ struct Client final : Line {
     bool WasTold(std::string_view text) const;  // by a server that has got all that matters
     void Step();
 
-    void Begins() override {}
     void Content(uint64_t at, std::span<uint8_t> to) override;
     void WasRead() override;
     void Writes(std::span<const uint8_t> bytes) override;
-    void Gives(std::span<const uint8_t> /*bytes*/) override {}
-    bool Takes() const override { return true; }
     void Took() override;
     void Closed(bool /*ends*/) override { left = true; }
 
@@ -133,6 +134,7 @@ struct Client final : Line {
     Time beside_at{};           // when a busy server got it beside another one
     Time due{}, alone_since{};  // the latest time at which its stream may have ended, no server had it
     std::string text, end;      // what the bridge tells it, and why it was closed
+    std::string asked;          // names of servers, among others
 };
 
 struct World {
@@ -160,6 +162,11 @@ struct World {
             broken = text.str();
             Tell("BROKEN: ", broken);
         }
+    }
+
+    template <typename... Parts>
+    void Never(bool happens, const Parts&... parts) {
+        happens ? Broken(parts...) : void();
     }
 
     LinePtr Connect(const std::string& where);
