@@ -6,6 +6,7 @@ namespace kesto {
 namespace {
 
 using namespace testing;
+using namespace std::literals;
 
 using ScanTest = PluginTest;
 
@@ -18,17 +19,14 @@ TEST_F(ScanTest, SendsTheFileInPrefixedChunksAndShiftedUnlessTheSettingIsOff) {
     const ImportPatch sends(plugin.module, "send", SendHalf);
     ScriptedEngine engine;
     const std::pair<const char*, bool> cases[] = {
-        {"encrypt=0", false},    {"", true},  // the default, not what was in effect before
-        {"encrypt=1", true},     {"encrypt=2", true},
-        {"encrypt=256", true},   {"encrypt=-1", true},
-        {"encrypt=abc", false},  {"ENCRYPT = 0x ", false},
-        {"restartcount=5", true}};
+        {"encrypt=0", false},  {"", true},  // the default, not what was in effect before
+        {"encrypt=256", true}, {"encrypt=-1", true}, {"encrypt=abc", false}, {"ENCRYPT = 0x ", false}};
     for (const auto& [setting, shifted] : cases) {
         Start(Servers(engine.Port()) + setting);
-        for (const size_t size : {1, 100, 8191, 8192, 8193, 16384, 30'001}) {
-            std::string data(size, '\0');
-            for (size_t i = 0; i < size; ++i) {
-                data[i] = static_cast<char>(i * 7 + i / 8192);
+        for (const size_t size : {1, 8191, 8192, 8193, 16384, 30'001}) {
+            std::string data;
+            while (data.size() < size) {
+                data += static_cast<char>(data.size() % 251);
             }
             std::string hosts_memory = data;
             ASSERT_EQ(Scan(hosts_memory), "clean");
@@ -54,7 +52,6 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
         {Replying("stream: X FOUND "), "clean"},
         {found(""), "mail.eml: "},
         {found("Two words.%s"), "mail.eml: Two words.%s"},
-        {found(v49), "mail.eml: " + v49},
         {found(v49 + "%n"), "mail.eml: " + v49},
         {found(std::string((1 << 20) - 14, 'v')), "mail.eml: " + v49},
         {found(std::string((1 << 20) - 13, 'v')), "failed 1003"},  // a reply above 1 MiB is refused
@@ -67,8 +64,7 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
         {ReplyingBytes("stream: OK"), "failed 1003"},  // without its NUL
         {ReplyingBytes("stream: A FOUND", Then::kResets), "failed 1003"},
         {ReplyingBytes("", Then::kResets), "failed 1003"},
-        {DyingAfter(0, true), "failed 1002 or failed 1003"},  // depending on the timing of the network
-        {DyingAfter(10), "failed 1002 or failed 1003"},
+        {DyingAfter(10), "failed 1002 or failed 1003"},  // depending on the timing of the network
     };
     installed.CreateLog();
     Start(Servers(port));
@@ -93,8 +89,7 @@ TEST_F(ScanTest, CutsTheFileNameToEachField) {
     Start(Servers(engine.Port()) + "autostart=0");
     EXPECT_EQ(Scan(""), "clean");  // needs no engine
     EXPECT_TRUE(system.calls.empty());
-    for (const std::string& name : {std::string(300, 'n'), std::string(256, 'n'), std::string(255, 'n'),
-                                    std::string(100, 'n'), std::string("100%s%n%d.eml"), std::string()}) {
+    for (const std::string& name : {std::string(256, 'n'), std::string(255, 'n'), "100%s%n%d.eml"s, ""s}) {
         EXPECT_EQ(Scan("x", name), name.substr(0, 255) + ": V");
         EXPECT_EQ(installed.LogMessages().back(), "Scan file - " + name.substr(0, 100) + " - 1");
     }
