@@ -114,10 +114,13 @@ TEST(Engine, IsWhateverProgramIsNamedSo) {
     };
     DrivenPlugin it;
     for (const auto& [image, found] : cases) {
-        it.system.Become({.processes = {{.image = folder}, {.image = image}}});
+        // Whether it was started is the result of the call, not its error code.
+        it.system.Become({.processes = {{.image = folder}, {.image = image}}, .start_error = 5});
         EXPECT_EQ(it.Start(""), 0);
         EXPECT_EQ(it.system.calls.back().starts_with("start "), !found) << image;
     }
+    it.system.Become({.processes = {}, .starts = false, .start_error = 193});
+    EXPECT_EQ(it.Start("autostart=2"), 193);
 }
 
 using ServersTest = PluginTest;

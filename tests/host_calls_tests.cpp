@@ -78,19 +78,18 @@ TEST_F(UpdateTest, IsRefusedWithoutALicenceAndEverAfter) {
 }
 
 const PluginLibrary* g_plugin;
-std::string g_meanwhile;
+int g_waits;
 
-DWORD WINAPI UpdateAndScanMeanwhile(HANDLE, DWORD ms) {
-    if (std::exchange(g_meanwhile, std::to_string(ms)).empty()) {
-        const int32_t returned = g_plugin->do_simple_update(nullptr, nullptr);
-        g_meanwhile += ": " + std::to_string(returned) + ", " + ScanWith(*g_plugin, "");
-    }
+DWORD WINAPI UpdateMeanwhile(HANDLE, DWORD ms) {
+    ++g_waits;
+    EXPECT_EQ(ms, INFINITE);
+    EXPECT_EQ(g_plugin->do_simple_update(nullptr, nullptr), 1);
     return WAIT_OBJECT_0;
 }
 
 TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
     g_plugin = &plugin;
-    const ImportPatch waiting(plugin.module, "WaitForSingleObject", UpdateAndScanMeanwhile);
+    const ImportPatch waiting(plugin.module, "WaitForSingleObject", UpdateMeanwhile);
     const std::tuple<SystemState, std::string> cases[] = {
         {{.exit_code = 0}, "done"},
         {{.exit_code = 259}, "with error 259"},  // what a running process reports as well
@@ -117,7 +116,7 @@ TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
         EXPECT_EQ(Update(), done ? outcome : failed + outcome);
         EXPECT_EQ(std::filesystem::exists(mirrors), done);
         EXPECT_EQ(system.calls, std::vector{start});
-        EXPECT_EQ(std::exchange(g_meanwhile, ""), state.starts ? "4294967295: 1, clean" : "");
+        EXPECT_EQ(std::exchange(g_waits, 0), state.starts ? 1 : 0);
         EXPECT_EQ(system.open_handles, 0);
     }
     EXPECT_EQ(plugin.do_simple_update(nullptr, nullptr), 1);
@@ -126,13 +125,11 @@ TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
 TEST_F(VersionTest, ErrorTextsAreBoundedAndTerminated) {
     // the text includes its NUL; an empty one means that the buffer is untouched
     const std::tuple<uint32_t, int32_t, std::string> cases[] = {
-        {1001, 64, WithNul("Error connecting to AV server")},
+        {1001, 30, WithNul("Error connecting to AV server")},
         {1002, 64, WithNul("Error communicating with AV server")},
         {0xFFFFFFFF, 64, WithNul("Error 4294967295")},
-        {1001, 10, WithNul("Error con")},
         {1002, 1, WithNul("")},
-        {1001, 0, ""},
-        {5, INT32_MIN, ""},
+        {1001, INT32_MIN, ""},
     };
     for (const auto& [code, size, text] : cases) {
         std::string buffer(64, 'x');
