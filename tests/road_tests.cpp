@@ -1,5 +1,4 @@
-// The whole road with real processes: an engine, which the plug-in starts, ends and finds, and a real clamd
-// behind the bridge.
+// The whole road with real processes: an engine that the plug-in starts and finds, and a real clamd behind it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -33,6 +32,7 @@ TEST(Road, LeadsToARealClamd) {
     EXPECT_EQ(it.Scan(std::string(65 << 20, 'x')), "failed 1003");
     EXPECT_EQ(it.installed.LogMessages().back(),
               "Unexpected response from KESTOAV - INSTREAM size limit exceeded. ERROR");
+    it.installed.EndPrograms();
     EXPECT_EQ(it.Scan("small"), "clean");
 }
 

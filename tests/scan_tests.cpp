@@ -42,39 +42,37 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
     const uint16_t port = FreePort();
     const std::string v49(49, 'v');
     const auto found = [](const std::string& name) { return Replying("stream: " + name + " FOUND"); };
-    const struct {
-        EngineScript script;
-        std::string outcome, reply = "";  // the reply as logged, with 1003
-    } cases[] = {
-        {Replying("stream: OK"), "clean"},
-        {Replying("stream: Heuristics failed ERROR"), "clean"},
-        {Replying("stream: FOUND"), "clean"},  // the blank belongs to "stream: "
-        {Replying("stream: X FOUND "), "clean"},
-        {found(""), "mail.eml: "},
-        {found("Two words.%s"), "mail.eml: Two words.%s"},
-        {found(v49 + "%n"), "mail.eml: " + v49},
-        {found(std::string((1 << 20) - 14, 'v')), "mail.eml: " + v49},
-        {found(std::string((1 << 20) - 13, 'v')), "failed 1003"},  // a reply above 1 MiB is refused
-        {Endless("stream: "), "failed 1003"},
-        {ReplyingBytes(WithNul("stream: In.Pieces FOUND"), Then::kHolds, 1), "mail.eml: In.Pieces"},
-        {ReplyingBytes(WithNul("stream: A FOUND") + WithNul("stream: OK")), "mail.eml: A"},
+    // what the engine does, the outcome, and the reply as logged with 1003
+    const std::tuple<EngineScript, std::string, std::string> cases[] = {
+        {Replying("stream: OK"), "clean", ""},
+        {Replying("stream: Heuristics failed ERROR"), "clean", ""},
+        {Replying("stream: FOUND"), "clean", ""},  // the blank belongs to "stream: "
+        {Replying("stream: X FOUND "), "clean", ""},
+        {found(""), "mail.eml: ", ""},
+        {found("Two words.%s"), "mail.eml: Two words.%s", ""},
+        {found(v49 + "%n"), "mail.eml: " + v49, ""},
+        {found(std::string((1 << 20) - 14, 'v')), "mail.eml: " + v49, ""},
+        {found(std::string((1 << 20) - 13, 'v')), "failed 1003", ""},  // a reply above 1 MiB is refused
+        {Endless("stream: "), "failed 1003", ""},
+        {ReplyingBytes(WithNul("stream: In.Pieces FOUND"), Then::kHolds, 1), "mail.eml: In.Pieces", ""},
+        {ReplyingBytes(WithNul("stream: A FOUND") + WithNul("stream: OK")), "mail.eml: A", ""},
         {Replying("%s%n%d"), "failed 1003", "%s%n%d"},
         {Replying(std::string(901, 'r')), "failed 1003", std::string(900, 'r')},
-        {Replying(""), "failed 1003"},
-        {ReplyingBytes("stream: OK"), "failed 1003"},  // without its NUL
-        {ReplyingBytes("stream: A FOUND", Then::kResets), "failed 1003"},
-        {ReplyingBytes("", Then::kResets), "failed 1003"},
+        {Replying(""), "failed 1003", ""},
+        {ReplyingBytes("stream: OK"), "failed 1003", ""},  // without its NUL
+        {ReplyingBytes("stream: A FOUND", Then::kResets), "failed 1003", ""},
+        {ReplyingBytes("", Then::kResets), "failed 1003", ""},
     };
     installed.CreateLog();
     Start(Servers(port));
     const std::string data(500'000, 'd');
-    for (const auto& it : cases) {
-        SCOPED_TRACE(it.outcome + " " + it.reply);
+    for (const auto& [script, outcome, reply] : cases) {
+        SCOPED_TRACE(outcome + " " + reply);
         ExpectNothingLost(4, [&] {
-            const ScriptedEngine engine(it.script, port);
-            EXPECT_EQ(Scan(data), it.outcome);
-            EXPECT_EQ(installed.LogMessages().back(), it.outcome == "failed 1003"
-                                                          ? "Unexpected response from KESTOAV - " + it.reply
+            const ScriptedEngine engine(script, port);
+            EXPECT_EQ(Scan(data), outcome);
+            EXPECT_EQ(installed.LogMessages().back(), outcome == "failed 1003"
+                                                          ? "Unexpected response from KESTOAV - " + reply
                                                           : "Scan file - mail.eml - 500000");
             system.calls.clear();
         });
