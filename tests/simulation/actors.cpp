@@ -60,7 +60,7 @@ void Server::Begin(Fault next) {
     }
     world.Tell(name, " ", kFaultNames[static_cast<size_t>(next)]);
     const Fault before = std::exchange(fault, next);
-    fault_at = world.net.now;
+    fault_at = std::max(fault_at, world.net.now + (next == Fault::kForgets ? 20s : 0s));
     known = next != Fault::kMoved;
     moves += !known;
     const auto all = lines;
@@ -232,7 +232,9 @@ void ServerLine::Answer() {
         constexpr const char* kErrors[] = {"stream: no memory ERROR", "UNKNOWN COMMAND", "stream: OK "};
         Say(kErrors[net.dice.Below(3)]);
     } else if (kind == Kind::kKiller) {
-        net.After(net.dice.Time(500ms, 20s), [server = server] { server->Begin(Fault::kNone); });
+        net.After(net.dice.Time(500ms, 20s), [server = server] {
+            server->fault == Fault::kRefuses ? server->Begin(Fault::kNone) : void();
+        });
         server->Begin(Fault::kRefuses);
     } else {
         Say(kind == Kind::kInfected ? "stream: Evil." + std::to_string(client->number) + " FOUND"

@@ -52,6 +52,12 @@ void World::Logs(const std::string& message) {
         peer == std::string::npos
             ? nullptr
             : clients.at(std::strtoul(message.c_str() + peer + kPeer.size(), nullptr, 10)).get();
+    for (const auto& server : servers) {
+        const bool of_it = message.starts_with("upstream " + server->name);
+        server->told_at = of_it ? net.now : server->told_at;
+        Never(of_it && message.ends_with(" up") && !server->listed, *server,
+              " is called up, but not in the list");
+    }
     const bool refuses = message.starts_with("refused ");
     refused += refuses;
     if (refuses || message.starts_with("no reply to ")) {
@@ -191,6 +197,12 @@ void World::LookAtServers() {
         }
         Never(was_up && !server.up && server.IsWell() && server.fault_at <= server.verdict_at && !lacks,
               server, " is well, has given a verdict since it was, and is called down");
+        Never(was_up && !server.up && server.fault == Fault::kBusy && net.now < server.verdict_at + 4s &&
+                  !lacks,
+              server, " is busy, gives verdicts, and is called down");
+        Never(!server.known && !server.up && net.now > server.listed_at + 7s &&
+                  server.told_at < server.listed_at && !lacks,
+              server, " is not known, and nobody is told");
         std::erase_if(server.lines, [](const auto& line) { return !line->IsOpen(); });
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
         const Time listed = server.listed_at + (server.named ? kLookedUp : 0s);

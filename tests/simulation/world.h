@@ -57,7 +57,7 @@ struct Server {
     unsigned moves = 0;
     Fault fault = Fault::kNone;
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
-    Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{};
+    Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{}, told_at{};
     Time verdict_at{}, erred_at{}, asked_at{}, scan_at{};  // read, read, begun, written by the bridge
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
