@@ -60,7 +60,7 @@ void Server::Begin(Fault next) {
     }
     world.Tell(name, " ", kFaultNames[static_cast<size_t>(next)]);
     const Fault before = std::exchange(fault, next);
-    fault_at = world.net.now;
+    fault_at = std::max(fault_at, world.net.now + (next == Fault::kForgets ? 20s : 0s));
     known = next != Fault::kMoved;
     moves += !known;
     const auto all = lines;
@@ -169,7 +169,7 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
         uint32_t number = 0;
         std::memcpy(&number, head.data() + 14, sizeof number);
         if (number >= world.clients.size() || !world.clients[number]->Scans()) {
-            return world.Broken("bytes that nobody sent go to ", server->name);
+            return world.Never(true, "bytes that nobody sent go to ", server->name);
         }
         client = world.clients[number].get();
         size = client->RequestSize();
@@ -232,7 +232,9 @@ void ServerLine::Answer() {
         constexpr const char* kErrors[] = {"stream: no memory ERROR", "UNKNOWN COMMAND", "stream: OK "};
         Say(kErrors[net.dice.Below(3)]);
     } else if (kind == Kind::kKiller) {
-        net.After(net.dice.Time(500ms, 20s), [server = server] { server->Begin(Fault::kNone); });
+        net.After(net.dice.Time(500ms, 20s), [server = server] {
+            server->fault == Fault::kRefuses ? server->Begin(Fault::kNone) : void();
+        });
         server->Begin(Fault::kRefuses);
     } else {
         Say(kind == Kind::kInfected ? "stream: Evil." + std::to_string(client->number) + " FOUND"
@@ -341,11 +343,12 @@ bool Client::WasTold(std::string_view words_told) const {
 void Client::Arrive() {
     world.Tell(*this, " (", Scans() ? std::to_string(file) + " bytes, " : "",
                kKindNames[static_cast<size_t>(kind)], ") connects");
-    const auto arrive = [this](auto...) {
-        const Outside outside;
-        world.arrivals.push_back(std::static_pointer_cast<Client>(shared_from_this()));
-    };
-    net.Wake(arrive, {}, 0);
+    net.Wake(
+        [this](auto...) {
+            const Outside outside;
+            world.arrivals.push_back(std::static_pointer_cast<Client>(shared_from_this()));
+        },
+        {}, 0);
     heard = net.now;
     Step();
 }
@@ -406,7 +409,7 @@ void Client::Writes(std::span<const uint8_t> bytes) {
         answered_at = net.now;
         world.Replies(*this);
     } else if (!finishes && !left && net.now < ended + 15s * text.size()) {
-        world.Broken(*this, " gets a byte too early");
+        world.Never(true, *this, " gets a byte too early");
     }
     told = net.now;
 }

@@ -28,7 +28,7 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
         }
         const Time began = other->began - (other->server->named ? kConnecting : 0s);
         if (other->Runs() && (client.ended == Time{} || line.began < std::max(client.ended, began) + kLate)) {
-            Broken("a second server gets the scan of ", client, " too early");
+            Never(true, "a second server gets the scan of ", client, " too early");
         }
         beside |= other->Runs() && other->server != line.server && other->server->up &&
                   line.server->Scans() > 1 && net.now > other->server->up_since + kConnecting;
@@ -46,12 +46,18 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
 
 void World::Logs(const std::string& message) {
     Tell("log: ", message);
-    const std::string_view kPeer = "10.9.0.1:";
+    constexpr std::string_view kPeer = "10.9.0.1:";
     const size_t peer = message.find(kPeer);
-    Client* const client =
-        peer == std::string::npos
-            ? nullptr
-            : clients.at(std::strtoul(message.c_str() + peer + kPeer.size(), nullptr, 10)).get();
+    Client* client = nullptr;
+    if (peer != std::string::npos) {
+        client = clients.at(std::strtoul(message.c_str() + peer + kPeer.size(), nullptr, 10)).get();
+    }
+    for (const auto& server : servers) {
+        const bool of_it = message.starts_with("upstream " + server->name);
+        server->told_at = of_it ? net.now : server->told_at;
+        Never(of_it && message.ends_with(" up") && !server->listed, *server,
+              " is called up, but not in the list");
+    }
     const bool refuses = message.starts_with("refused ");
     refused += refuses;
     if (refuses || message.starts_with("no reply to ")) {
@@ -62,7 +68,7 @@ void World::Logs(const std::string& message) {
         client->asked += message;
         client->repeated_at = net.now;
     } else if (message.find("out of step") != std::string::npos && !lacks) {
-        Broken("an exception: ", message);
+        Never(true, "an exception: ", message);
     }
 }
 
@@ -76,15 +82,15 @@ void World::Replies(Client& client) {
                           : client.kind == Kind::kVersion
                               ? reply.starts_with("Engine")
                               : client.kind == Kind::kStats && reply.starts_with("# HELP");
-        return fits ? void() : Broken(client, " gets a reply that is not to its question");
+        return fits ? void() : Never(true, client, " gets a reply that is not to its question");
     }
     const bool verdict = ReadScanAnswer(reply) != ScanAnswer::kNoVerdict;
     constexpr std::string_view kBefore = "no verdict: ";
     const bool marked = reply.starts_with(kBefore) && client.WasTold(reply.substr(kBefore.size()));
     if (client.file != 0 && !client.WasTold(reply) && !marked) {
-        Broken(client, " gets a reply that no server gave to all of it");
+        Never(true, client, " gets a reply that no server gave to all of it");
     } else if (!verdict && reply.starts_with(kVerdictBeginning)) {
-        Broken(client, " gets an error that looks like a verdict");
+        Never(true, client, " gets an error that looks like a verdict");
     } else if (!verdict && net.now > client.ended + kTick) {  // otherwise it was lost before
         Loses(client, "");
     }
@@ -96,9 +102,9 @@ void World::Closes(Client& client) {
     reading -= client.Scans() ? client.read : 0;
     if (client.answered && !client.left && !client.lacked) {
         if (client.given != client.text.size()) {
-            Broken(client, " is closed before its reply has gone out");
+            Never(true, client, " is closed before its reply has gone out");
         } else if (!client.finishes && net.now < client.answered_at + 2s) {
-            Broken(client, " is closed before it had time to read its reply");
+            Never(true, client, " is closed before it had time to read its reply");
         }
     }
     if (client.answered) {
@@ -127,14 +133,15 @@ void World::Closes(Client& client) {
     };
     for (const auto& [reason, is_true] : reasons) {
         if (client.end.starts_with(reason)) {
-            return is_true ? void()
-                           : Broken(client, " is closed because it '", client.end, "', which is not true");
+            return is_true
+                       ? void()
+                       : Never(true, client, " is closed because it '", client.end, "', which is not true");
         }
     }
     if (!client.end.empty()) {
         Loses(client, client.end);
     } else if (client.came != Time{} || !bridge->stopping) {
-        Broken(client, " is closed without a word");
+        Never(true, client, " is closed without a word");
     }
 }
 
@@ -191,13 +198,19 @@ void World::LookAtServers() {
         }
         Never(was_up && !server.up && server.IsWell() && server.fault_at <= server.verdict_at && !lacks,
               server, " is well, has given a verdict since it was, and is called down");
+        Never(was_up && !server.up && server.fault == Fault::kBusy && net.now < server.verdict_at + 4s &&
+                  !lacks,
+              server, " is busy, gives verdicts, and is called down");
+        Never(!server.known && !server.up && net.now > server.listed_at + 7s &&
+                  server.told_at < server.listed_at && !lacks,
+              server, " is not known, and nobody is told");
         std::erase_if(server.lines, [](const auto& line) { return !line->IsOpen(); });
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
         const Time listed = server.listed_at + (server.named ? kLookedUp : 0s);
         if (!server.up && server.IsWell() &&
             net.now > std::max({server.fault_at + (server.named ? kConnecting : 0s), listed, lacked_at}) +
                           kKnowsAgain) {
-            Broken(server, " has been well for long and is not up");
+            Never(true, server, " has been well for long and is not up");
         }
     }
     down_since = any_up ? std::nullopt : std::optional(down_since.value_or(net.now));
@@ -221,7 +234,7 @@ void World::LookAt(Client& client) {
     }
     if (client.ended == Time{} && client.reading &&
         now > std::max(client.heard, client.due) + seconds(settings.idle)) {
-        Broken(client, " has been silent for long and is not closed");
+        Never(true, client, " has been silent for long and is not closed");
     }
     if (client.ended == Time{} || !client.Scans() || client.file == 0) {
         return;

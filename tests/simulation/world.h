@@ -57,7 +57,7 @@ struct Server {
     unsigned moves = 0;
     Fault fault = Fault::kNone;
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
-    Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{};
+    Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{}, told_at{};
     Time verdict_at{}, erred_at{}, asked_at{}, scan_at{};  // read, read, begun, written by the bridge
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
@@ -121,7 +121,7 @@ struct Client final : Line {
     uint32_t chunk = 8192;
     double speed = 1e7;  // bytes a second
     uint64_t pauses_at = UINT64_MAX;
-    Duration pause = 0s;
+    Duration pause{};
     bool finishes = false;  // closes its side after its request
     std::string words;      // all it says, if that is no scan
     bool steps = false;
@@ -139,8 +139,6 @@ struct Client final : Line {
 
 struct World {
     World(uint64_t seed, bool tells);
-    World(const World&) = delete;
-    World& operator=(const World&) = delete;
     ~World() { net.Clear(); }
     // The promise that was broken; empty: none.
     std::string Run();
