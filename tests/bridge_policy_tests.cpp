@@ -1,13 +1,7 @@
 // What the bridge decides, with events and times handed in: no sockets, no clocks.
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <cmath>
-#include <map>
-#include <sstream>
-
 #include "bridge/framing.h"
-#include "bridge/kept_stream.h"
 #include "bridge/metrics.h"
 #include "bridge/scan_policy.h"
 #include "common/bridge_settings.h"
@@ -21,232 +15,114 @@ using namespace std::literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// Servers a, b, c ... and one scan for them. Its story is told in steps "SECONDS EVENT > WHAT IS THEN DONE":
-// a letter for an attempt there, "+" and the text of a trickle, "=" and a reply, "!" and why there is none.
-// Attempts count from 0. The texts of kTexts go by their short names.
-struct Story {
-    explicit Story(char last_server = 'b') {
+// Servers with the ports 1, 2 ..., and what one scan then does: the port of the server that is asked, "+" and
+// the text of a trickle, "=" and a reply, "!" and why there is none.
+struct World {
+    explicit World(uint16_t servers) {
         std::vector<ServerAddress> names;
-        for (char name = 'a'; name <= last_server; ++name) {
-            names.push_back(*ParseServerAddress(name + ":1"s));
+        for (int port = 1; port <= servers; ++port) {
+            names.push_back(*ParseServerAddress("10.0.0.1:" + std::to_string(port)));
         }
         fleet.tell = [this](const std::string&, const std::string& line) { told = line; };
-        SetServers(fleet, names, now);
-        for (const ServerPtr& server : fleet.servers) {
-            NoteAddresses(fleet, *server, {*ParseServerAddress("10.0.0.1:1")}, "", now);
-        }
+        SetServers(fleet, names, start);
     }
-    Server& operator[](char name) { return *fleet.servers.at(static_cast<size_t>(name - 'a')); }
-    Time At(double seconds) { return now = start + std::chrono::milliseconds(std::lround(seconds * 1000)); }
-
-    std::string Next() {
-        std::string done;
-        for (;;) {
-            auto [server, answer, outcome] = scan->Next(now);
-            if (!server && answer.kind == Answer::Kind::kNothing) {
-                return done;
-            }
-            for (const auto& [name, text] : kTexts) {
-                answer.text = answer.text == text ? name : answer.text;
-            }
-            done += server ? server->name.host : "?+=!"[static_cast<int>(answer.kind)] + answer.text;
-        }
-    }
-    void Event(const std::string& name, const std::string& whom, const std::string& reply) {
-        const auto attempt = static_cast<size_t>(whom[0] - '0');
-        using End = AttemptEnd::Kind;
-        const std::map<std::string, AttemptEnd> ends = {{"well", EndOfReply("stream: OK")},
-                                                        {"sick", EndOfReply("stream: no memory ERROR")},
-                                                        {"refused", {End::kUnreached, "lost"}},
-                                                        {"lost", {End::kBroken, "lost"}},
-                                                        {"late", {End::kBroken, "lost"}}};
-        if (ends.contains(name) && whom[0] >= 'a') {  // of a probe
-            NoteProbe(fleet, (*this)[whom[0]], ends.at(name), now);
-        } else if (ends.contains(name) || name == "reply") {
-            if (name == "lost" || name == "reply") {
-                scan->Progressed(attempt, true, now);
-            }
-            scan->Ended(attempt, name == "reply" ? EndOfReply(kTexts.at(reply)) : ends.at(name), now);
-        } else if (name == "new" || name == "part") {
-            scan.emplace(fleet, ScanLimits{60s, 120s});
-            name == "new" ? scan->StreamEnded(now) : scan->EnoughCame();
-        } else if (name == "end") {
-            scan->StreamEnded(now);
-        } else if (name == "closed") {
-            scan->FinishedSending(now);
-        } else if (name == "window") {
-            scan->NotRepeatable();
-        } else if (name == "spent") {
-            fleet.beside.Add(now);
-        } else if (name == "probes") {
-            EXPECT_EQ(Probed(), whom) << now - start;
-        }
-    }
-    std::string Probed() {
-        std::string due;
-        for (const ServerPtr& server : fleet.servers) {
-            if (ProbeIsDue(fleet, *server, now)) {
-                ProbeBegins(*server, now);
-                due += server->name.host;
-            }
-        }
+    Server& First() { return *fleet.servers.front(); }
+    bool IsProbed(std::chrono::milliseconds at) {
+        const bool due = ProbeIsDue(fleet, First(), start + at);
+        due ? ProbeBegins(First(), start + at) : void();
         return due;
     }
-    void Tell(const std::string& story) {
-        std::istringstream steps(story);
-        for (std::string step; std::getline(steps, step, '|');) {
-            std::string words[4], done;
-            std::istringstream all(step);
-            for (size_t i = 0; all >> done && done != ">"; words[i++] = done) {
-            }
-            At(std::stod(words[0]));
-            Event(words[1], words[2], words[3]);
-            done.clear();
-            std::getline(all >> std::ws, done);
-            ASSERT_EQ(Next(), done.substr(0, done.find_last_not_of(' ') + 1)) << step << " in " << story;
-        }
+    std::string Next(std::chrono::milliseconds at) {
+        const char* const marks[] = {"", "+", "=", "!"};
+        const auto [server, answer, outcome] = scan.Next(start + at);
+        return server ? std::to_string(server->name.port)
+                      : marks[static_cast<size_t>(answer.kind)] + answer.text;
     }
 
-    const std::map<std::string, std::string> kTexts = {
-        {"K", "stream: OK"},
-        {"F", "stream: Evil FOUND"},
-        {"E", "stream: no memory ERROR"},
-        {"L", "INSTREAM size limit exceeded. ERROR"},
-        {"NE", "no verdict: stream: no memory ERROR"},
-        {"NONE", "no upstream server could be reached"},
-        {"d:1 USED", "upstream d:1 lost; no further server may get it"}};
     const Time start{24h};
-    Time now = start;
     Fleet fleet;
     std::string told;
-    std::optional<ScanPolicy> scan;
+    ScanPolicy scan{fleet, ScanLimits{60s, 120s}};
 };
 
-TEST(BridgeScan, Stories) {
-    const std::pair<char, const char*> cases[] = {
-        // the last server, and the story
-        // No server before enough of the stream, no reply before its end, nothing after the reply.
-        {'a', "0 part > a | 1 reply 0 F > | 2 end > =F | 200 - >"},
-        // The longest unused of the idle ones.
-        {'c', "0 new > a | 0 reply 0 K > =K | 0 new > b | 0 reply 0 K > =K | 0 new > c"},
-        // What is no verdict goes to the next server; three at most get the whole file.
-        {'d', "0 new > a | 0 refused 0 > b | 0 lost 1 > c | 0 lost 2 > d | 0 lost 3 > !d:1 USED"},
-        // Of tunnels that are dead five do not count while a server is left.
-        {'f', "0 new > a |0 late 0 > b |0 late 1 > c |0 late 2 > d |0 late 3 > e |0 late 4 > f"},
-        // Clean bytes tell a server's fault from the file's.
-        {'b',
-         "0 new > a | 0 reply 0 E > b | 0 probes a > | 0 well a > | 0 reply 1 E > | 0 probes b >"
-         "| 0 sick b > =NE"},
-        // What was said before the server went down says nothing of it now.
-        {'b', "0 new > a | 0 reply 0 E > b | 0 probes a > | 0 refused 1 > | 1 sick a > | 3 well a > a"},
-        // A second server beside a silent one, and the first verdict counts.
-        {'c', "0 new > a |9.9 - > |10 - > b |14 reply 0 E > |15 - > +s |16 reply 1 F > =tream: Evil FOUND"},
-        // Or one that has nothing to do, although the share of scans that may ask a further one is used up.
-        {'b', "0 new > a | 9 spent - > | 10 - > b"},
-        // No reply but a verdict behind a trickle.
-        {'a', "0 new > a | 15 - > +s | 16 reply 0 L > !no upstream server gave a verdict"},
-        // Waits from when the last server went down, and until every one was asked since the scan came.
-        {'b',
-         "0 new > a | 0 refused 0 > b | 10 refused 1 > | 69 - > +s+t+r+e | 70 - > !NONE "
-         "| 71 new > | 71 probes ab > | 71 refused a > | 71 refused b > !NONE"},
-        // A window that has let go of its beginning.
-        {'b', "0 new > a | 0 window > | 11 - >"},
-        // A client that has closed its side is tried, for it may have left.
-        {'a', "0 new > a | 0.5 closed > | 3.4 - > | 3.5 - > +s | 6.5 - > +t | 21 - > | 21.5 - > +r"},
-    };
-    for (const auto& [last_server, story] : cases) {
-        Story(last_server).Tell(story);
+TEST(BridgeScan, AsksASecondServerBesideASilentOne) {
+    World it(2);
+    EXPECT_EQ(it.Next(0s), "");
+    it.scan.EnoughCame();
+    EXPECT_EQ(it.Next(0s), "1");
+    it.scan.StreamEnded(it.start);
+    EXPECT_EQ(it.Next(9900ms), "");
+    EXPECT_EQ(it.Next(10s), "2");
+    it.scan.Ended(0, EndOfReply("stream: no memory ERROR"), it.start + 14s);
+    EXPECT_EQ(it.Next(14900ms), "");
+    EXPECT_EQ(it.Next(15s), "+s");
+    it.scan.Ended(1, EndOfReply("stream: Evil FOUND"), it.start + 16s);
+    EXPECT_EQ(it.Next(16s), "=tream: Evil FOUND");
+    EXPECT_EQ(it.Next(200s), "");
+}
+
+TEST(BridgeScan, ThreeServersAtMostGetAWholeFile) {
+    World it(4);
+    it.scan.StreamEnded(it.start);
+    for (size_t attempt = 0; attempt < 3; ++attempt) {
+        EXPECT_EQ(it.Next(0s), std::to_string(attempt + 1));
+        it.scan.Progressed(attempt, true, it.start);
+        it.scan.Ended(attempt, {AttemptEnd::Kind::kBroken, "lost"}, it.start);
     }
+    EXPECT_EQ(it.Next(0s), "!upstream 10.0.0.1:3 lost; no further server may get it");
+}
+
+// It may have left, which what happens to these bytes tells.
+TEST(BridgeScan, AClientThatHasClosedItsSideIsTried) {
+    World it(1);
+    it.scan.StreamEnded(it.start);
+    EXPECT_EQ(it.Next(0s), "1");
+    it.scan.FinishedSending(it.start + 500ms);
+    for (const auto& [at, done] : {std::pair(3400ms, ""), {3500ms, "+s"}, {6500ms, "+t"}, {21400ms, ""}}) {
+        EXPECT_EQ(it.Next(at), done);
+    }
+    EXPECT_EQ(it.Next(21500ms), "+r");
 }
 
 TEST(BridgeFleet, PausesDoubleAndAreShortWhileScansWait) {
-    Story world('a');
-    const auto probed = [&](double seconds) { return world.At(seconds), !world.Probed().empty(); };
-    const auto broken = [&] {
-        NoteBroken(world.fleet, world['a'], {AttemptEnd::Kind::kBroken, "refused"}, world.now, world.now);
-    };
-    broken();
-    world.At(0.5);
-    broken();  // with the first: no new pause
-    double at = 0;
-    for (const int pause : {1, 2, 4, 8, 16, 32, 32}) {
-        EXPECT_FALSE(probed(at + pause - 0.1)) << pause;
-        EXPECT_TRUE(probed(at += pause)) << pause;
-        EXPECT_FALSE(probed(at + 1));  // under way
-        world.At(at);
-        world.Event("refused", "a", "");
+    World it(1);
+    const AttemptEnd refused{AttemptEnd::Kind::kUnreached, "refused"};
+    NoteBroken(it.fleet, it.First(), refused, it.start, it.start);
+    std::chrono::milliseconds at = 0s;
+    for (const auto pause : {1s, 2s, 4s, 8s, 16s, 32s, 32s}) {
+        EXPECT_FALSE(it.IsProbed(at + pause - 100ms)) << pause;
+        EXPECT_TRUE(it.IsProbed(at += pause)) << pause;
+        NoteProbe(it.fleet, it.First(), refused, it.start + at);
     }
-    EXPECT_EQ(world.told, "upstream a:1 down - lost; tried again in 32 s");
-    world.fleet.scans_wait = [] { return true; };
-    EXPECT_TRUE(probed(at + 2));
-    world.Event("well", "a", "");
-    EXPECT_EQ(world.told, "upstream a:1 up");
-    broken();
-    EXPECT_EQ(world['a'].health.pause, 32s);  // no verdict yet
-    world.Event("well", "a", "");
-    world.Tell("200 new > a | 200 reply 0 K > =K");
-    EXPECT_EQ(world['a'].health.pause, 0s);
+    EXPECT_EQ(it.told, "upstream 10.0.0.1:1 down - refused; tried again in 32 s");
+    it.fleet.scans_wait = [] { return true; };
+    EXPECT_TRUE(it.IsProbed(at + 2s));
+    NoteProbe(it.fleet, it.First(), EndOfReply("stream: OK"), it.start + at);
+    EXPECT_EQ(it.told, "upstream 10.0.0.1:1 up");
+    EXPECT_EQ(it.First().health.pause, 32s);  // no verdict yet
+    NoteVerdict(it.First(), it.start + at);
+    EXPECT_EQ(it.First().health.pause, 0s);
 }
 
 TEST(BridgeMetrics, TellWhatIsCounted) {
-    Story world('b');
-    world['b'].numbers.signatures = ReadSignatures("ClamAV 1.4.3/27000/Thu Jan  1 00:01:00 1970");
+    World it(1);
+    it.First().numbers.signatures = ReadSignatures("ClamAV 1.4.3/27000/Thu Jan  1 00:01:00 1970");
     Metrics metrics;
     for (size_t i = 0; i < kOutcomes; ++i) {
         for (size_t count = 0; count <= i; ++count) {
             CountScan(metrics, {static_cast<Outcome::Kind>(i)}, 0.3);
         }
     }
-    const std::string text = MetricsText(metrics, {1, 2, 3, 4, 5}, world.fleet, world.now);
-    for (const char* line :
-         {"scans_total{outcome=\"clean\"} 1", "scans_total{outcome=\"infected\"} 2",
-          "scans_total{outcome=\"no_verdict\"} 3", "scans_total{outcome=\"no_reply\"} 4",
-          "scan_seconds_bucket{le=\"0.25\"} 0", "scan_seconds_bucket{le=\"0.5\"} 6", "scan_seconds_count 6",
-          "clients 1", "clients_limit 2", "scans_waiting 3", "kept_bytes 4", "keep_bytes 5",
-          "upstream_up{upstream=\"a:1\"} 1", "upstream_signatures_version{upstream=\"b:1\"} 27000",
-          "upstream_signatures_timestamp_seconds{upstream=\"b:1\"} 60"}) {
+    const std::string text = MetricsText(metrics, {1, 2, 3, 4, 5}, it.fleet, it.start);
+    for (const char* line : {"scans_total{outcome=\"clean\"} 1", "scans_total{outcome=\"infected\"} 2",
+                             "scans_total{outcome=\"no_verdict\"} 3", "scans_total{outcome=\"no_reply\"} 4",
+                             "scan_seconds_bucket{le=\"0.25\"} 0", "scan_seconds_bucket{le=\"0.5\"} 6",
+                             "scan_seconds_count 6", "clients 1", "clients_limit 2", "scans_waiting 3",
+                             "kept_bytes 4", "keep_bytes 5", "upstream_up{upstream=\"10.0.0.1:1\"} 1",
+                             "upstream_signatures_version{upstream=\"10.0.0.1:1\"} 27000",
+                             "upstream_signatures_timestamp_seconds{upstream=\"10.0.0.1:1\"} 60"}) {
         EXPECT_THAT(text, HasSubstr(std::string("\nkestoav_") + line + "\n"));
     }
-}
-
-TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
-    const auto fill = [](KeptStream& stream, size_t size) {
-        size_t done = 0;
-        for (size_t part = 1; done < size && part > 0; done += part) {
-            const auto space = stream.Space();
-            part = std::min(space.size(), size - done);
-            std::fill_n(space.begin(), part, uint8_t{0});
-            stream.Append(part);
-        }
-        return done;
-    };
-    const auto held = [](const KeptStream& stream, uint64_t from) {
-        for (auto piece = stream.Piece(from); !piece.empty(); piece = stream.Piece(from)) {
-            from += piece.size();
-        }
-        return from == stream.Size();
-    };
-    KeepRoom room;
-    room.SetLimit(1'000'000);
-    {
-        KeptStream large(room), window(room);
-        EXPECT_EQ(fill(large, 700'000), 700'000u);
-        large.Release(700'000);
-        EXPECT_TRUE(held(large, 0) && !large.IsWindow());
-        const size_t taken = fill(window, 1'000'000);
-        EXPECT_TRUE(held(window, 0) && window.IsWindow());
-        EXPECT_LE(room.used, room.limit);
-        window.Release(taken);
-        EXPECT_TRUE(window.Piece(0).empty());
-        EXPECT_GE(fill(window, 1'000'000), 64'000u);
-        EXPECT_TRUE(held(window, taken));
-    }
-    EXPECT_EQ(room.used, 0u);
-    EXPECT_FALSE(room.spare.empty());
-    for (int i = 0; i < 100; ++i) {
-        room.ShrinkSpare();
-    }
-    EXPECT_TRUE(room.spare.empty());
 }
 
 TEST(BridgeFraming, CommandsAreKnownEarlyAndLengthsHaveALimit) {

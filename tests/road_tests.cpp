@@ -1,4 +1,5 @@
-// The whole road with real processes: an engine that the plug-in starts and finds, and a real clamd behind it.
+// The whole road with real processes: an engine that the plug-in starts and finds, and a real clamd behind
+// it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -2,11 +2,14 @@
 
 #include <windows.h>
 
+#include <type_traits>
+
 #include "common/error_words.h"
 #include "common/folder_limit.h"
 #include "common/text.h"
 
 namespace kesto::host {
+
 Fault LacksExports(const std::wstring& path, const std::string& names) {
     return {Utf8FromWide(path) + " is not this plug-in, or is damaged: it lacks " + names};
 }
@@ -20,7 +23,8 @@ Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin) {
                 code};
     }
     std::string missing;
-    const auto bind = [&]<typename Function>(const char* name, Function& function) {
+    const auto bind = [&](const char* name, auto& function) {
+        using Function = std::remove_reference_t<decltype(function)>;
         function = reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
         if (function == nullptr) {
             missing += (missing.empty() ? "" : ", ") + std::string(name);
