@@ -23,11 +23,7 @@ std::vector<std::string> g_asked;
 
 int WSAAPI RecordRequest(SOCKET socket, DWORD code, void* in, DWORD, void*, DWORD, DWORD*, OVERLAPPED*,
                          LPWSAOVERLAPPED_COMPLETION_ROUTINE) {
-    sockaddr_in peer;
-    int size = sizeof peer;
-    const bool connected = getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) == 0;
-    g_asked.push_back(std::to_string(code) + (connected ? " late: " : ": ") +
-                      std::to_string(*static_cast<const uint32_t*>(in) & 0xFFFFFF));
+    g_asked.push_back(std::to_string(code) + ": " + std::to_string(*static_cast<uint32_t*>(in) & 0xFFFFFF));
     DWORD flags;
     GetHandleInformation(reinterpret_cast<HANDLE>(socket), &flags);
     EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, 0u);

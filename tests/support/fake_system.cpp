@@ -23,10 +23,6 @@ HANDLE NewHandle(size_t id) {
     return reinterpret_cast<HANDLE>(kHandleBase + id);
 }
 
-void Record(const std::string& call) {
-    g_system->calls.push_back(call);
-}
-
 DWORD WINAPI TickCount() {
     return kTickBase + (g_system->clock += g_system->look_takes);
 }
@@ -36,7 +32,7 @@ void WINAPI Pause(DWORD ms) {
 }
 
 BOOL WINAPI Enumerate(DWORD* ids, DWORD size, DWORD* bytes) {
-    Record("enumerate");
+    g_system->calls.push_back("enumerate");
     size_t count = 1;
     ids[0] = 0;
     for (size_t i = 0; i < g_system->processes.size() && count < size / sizeof *ids; ++i) {
@@ -50,7 +46,8 @@ BOOL WINAPI Enumerate(DWORD* ids, DWORD size, DWORD* bytes) {
 }
 
 HANDLE WINAPI Open(DWORD rights, BOOL inherited, DWORD id) {
-    Record("open " + std::to_string(rights) + (inherited ? " inherited " : " ") + std::to_string(id));
+    g_system->calls.push_back("open " + std::to_string(rights) + (inherited ? " inherited " : " ") +
+                              std::to_string(id));
     return id == 0 || (rights & g_system->processes.at(id / 4 - 1).refused) != 0 ? nullptr : NewHandle(id);
 }
 
@@ -60,7 +57,7 @@ DWORD WINAPI ImageOf(HANDLE process, char* image, DWORD size) {
 }
 
 BOOL WINAPI Terminate(HANDLE process, UINT code) {
-    Record("terminate with " + std::to_string(code));
+    g_system->calls.push_back("terminate with " + std::to_string(code));
     const bool fails = g_system->end_takes == kNever;
     ProcessOf(process)->ends = fails ? kNever : g_system->clock + g_system->end_takes;
     return !fails;
@@ -70,7 +67,7 @@ DWORD WINAPI WaitOn(HANDLE handle, DWORD ms) {
     if (ProcessOf(handle) == nullptr) {
         return WaitForSingleObject(handle, ms);
     }
-    Record("wait " + std::to_string(ms));
+    g_system->calls.push_back("wait " + std::to_string(ms));
     return WAIT_FAILED;
 }
 
@@ -86,7 +83,8 @@ BOOL WINAPI Create(const char* application, char* command_line, SECURITY_ATTRIBU
     hidden.dwFlags = STARTF_USESHOWWINDOW;
     const bool plain = application == nullptr && of_process == nullptr && of_thread == nullptr && !inherits &&
                        flags == 0 && environment == nullptr && memcmp(startup, &hidden, sizeof hidden) == 0;
-    Record(std::string(plain ? "start " : "start otherwise ") + command_line + " in " + folder);
+    g_system->calls.push_back(std::string(plain ? "start " : "start otherwise ") + command_line + " in " +
+                              folder);
     SetLastError(g_system->start_error);
     if (g_system->starts) {
         g_system->processes.push_back(g_system->started);

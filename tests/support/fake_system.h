@@ -58,15 +58,12 @@ struct SystemState {
     uint32_t clock = 0;         // in ms; the tick count starts shortly before it wraps
 };
 
-class FakeSystem : public SystemState {  // one at a time
- public:
+struct FakeSystem : SystemState {  // one at a time
     explicit FakeSystem(void* plugin);
     void Become(const SystemState& state) { static_cast<SystemState&>(*this) = state; }
 
     std::vector<std::string> calls;  // in order, with what matters of their arguments
     int open_handles = 0;
-
- private:
     const ImportPatch patches_[11];
 };
 
