@@ -20,10 +20,10 @@ constexpr auto kLastWords = 3s;
 // An engine's replies are one short line; a longer one is not a reply.
 constexpr size_t kLongestReply = 8 << 10;
 
-// Pieces of the request that go out in one send.
+// Pieces of the stream that go out in one send.
 constexpr size_t kPiecesAtOnce = 4;
 
-tcp::endpoint PlaceOf(const ServerAddress& address) {
+tcp::endpoint TcpEndpoint(const ServerAddress& address) {
     if (address.kind == HostKind::kIpv4) {
         asio::ip::address_v4::bytes_type bytes;
         std::copy_n(address.bytes.begin(), bytes.size(), bytes.begin());
@@ -51,12 +51,12 @@ size_t LastBytes(tcp::socket& socket, asio::mutable_buffer bytes) {
 
 }  // namespace
 
-Attempt::Attempt(Bridge& bridge, Sleeper& owner, ServerPtr server, std::shared_ptr<KeptStream> request,
+Attempt::Attempt(Bridge& bridge, Sleeper& owner, ServerPtr server, std::shared_ptr<KeptStream> stream,
                  Time reply_until)
     : idle_(bridge.settings.idle),
       owner_(owner),
       server_(std::move(server)),
-      request_(std::move(request)),
+      stream_(std::move(stream)),
       socket_(bridge.io),
       reply_until_(reply_until) {}
 
@@ -84,7 +84,7 @@ Task<Attempt> Attempt::Converse(std::shared_ptr<Attempt> self) {
         const size_t at = (first + i) % addresses.size();
         self->step_until_ = Clock::now() + kConnectLimit;
         auto connect = Operation(
-            [&](auto handler) { socket.async_connect(PlaceOf(addresses[at]), std::move(handler)); });
+            [&](auto handler) { socket.async_connect(TcpEndpoint(addresses[at]), std::move(handler)); });
         const asio::error_code error = (co_await connect).error;
         self->step_until_ = Time::max();
         if (self->state_ == State::kOver) {
@@ -141,7 +141,7 @@ void Attempt::TakeReply(std::string_view bytes, const asio::error_code& error) {
     // A file is clean only if the server has received all of it, which is not yet known of the last part.
     if (end.kind != AttemptEnd::Kind::kClean || HandedOver()) {
         Finish(std::move(end));
-    } else if (request_->Ended() && sent_ + sending_ == request_->Size()) {
+    } else if (stream_->Ended() && sent_ + sending_ == stream_->Size()) {
         reply_ = std::move(end.text);
         state_ = State::kReplyWaitsForSend;
     } else {
@@ -154,7 +154,7 @@ Task<Attempt> Attempt::Send(std::shared_ptr<Attempt> self) {
         std::array<asio::const_buffer, kPiecesAtOnce> pieces;
         uint64_t size_of_all = 0;
         for (asio::const_buffer& piece : pieces) {
-            const auto next = self->request_->Piece(self->sent_ + size_of_all);
+            const auto next = self->stream_->Piece(self->sent_ + size_of_all);
             piece = asio::buffer(next.data(), next.size());
             size_of_all += next.size();
         }

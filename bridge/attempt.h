@@ -1,5 +1,5 @@
-// A request on its way to one server: sends it while it is still coming in, and reads one reply. What happens
-// is noted down here and wakes the owner of the request.
+// A stream on its way to one server: sends it while it is still coming in, and reads one reply. What happens
+// is noted down here and wakes the owner.
 #pragma once
 
 #include <array>
@@ -19,17 +19,17 @@ class Attempt final : public std::enable_shared_from_this<Attempt> {
  public:
     // If no reply has come at `reply_until`, the server is silent. The owner may not end before the attempt
     // has ended or been cancelled.
-    Attempt(Bridge& bridge, Sleeper& owner, ServerPtr server, std::shared_ptr<KeptStream> request,
+    Attempt(Bridge& bridge, Sleeper& owner, ServerPtr server, std::shared_ptr<KeptStream> stream,
             Time reply_until = Time::max());
 
-    void Start();   // sends the request from its beginning; to be called once
-    void More();    // the request has grown or ended
+    void Start();   // sends the stream from its beginning; to be called once
+    void More();    // the stream has grown or ended
     void Cancel();  // it wakes nobody any more
     void Failed();  // the exception is being handled
 
     const ServerPtr& Upstream() const { return server_; }
     uint64_t Sent() const { return sent_; }  // bytes
-    bool HandedOver() const { return request_->Ended() && sent_ == request_->Size(); }
+    bool HandedOver() const { return stream_->Ended() && sent_ == stream_->Size(); }
     Time Moved() const { return moved_; }  // when some bytes were taken last, or it began
     // Null: it has not ended. Ends it when its time is over. Throws the exception that has ended it.
     const AttemptEnd* End(Time now);
@@ -53,7 +53,7 @@ class Attempt final : public std::enable_shared_from_this<Attempt> {
     const std::chrono::seconds idle_;
     Sleeper& owner_;
     const ServerPtr server_;
-    const std::shared_ptr<KeptStream> request_;
+    const std::shared_ptr<KeptStream> stream_;
     asio::ip::tcp::socket socket_;
     State state_ = State::kConnecting;
     std::array<char, 1024> bytes_;

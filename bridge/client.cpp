@@ -246,7 +246,8 @@ void Client::Advance(Time now) {
             const Answer answer = request_->Advance(now);
             if (answer.kind == Answer::Kind::kNothing) {
                 break;
-            } else if (answer.kind == Answer::Kind::kPart) {
+            }
+            if (answer.kind == Answer::Kind::kPart) {
                 Send(answer.text);
             } else if (answer.kind == Answer::Kind::kReply) {
                 Reply(answer.text);

@@ -61,7 +61,7 @@ void SetStanding(Fleet& fleet, Server& server, bool up, const std::string& reaso
     const std::string kind = "upstream " + AddressText(server.name) + (up ? " up" : " down");
     if (!up) {
         const std::string again =
-            server.health.pause == 0s
+            server.health.pause.count() == 0
                 ? ""
                 : "; tried again in " + std::to_string(PauseOf(fleet, server).count()) + " s";
         fleet.tell(kind, kind + " - " + reason + again);

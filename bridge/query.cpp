@@ -12,10 +12,10 @@ constexpr std::chrono::seconds kLimit(5);  // for the reply of one server, and f
 }  // namespace
 
 // No data of the client can be lost, so every server may be asked in turn, those that are down last.
-Query::Query(Bridge& bridge, Sleeper& client, std::shared_ptr<KeptStream> request, Time now)
+Query::Query(Bridge& bridge, Sleeper& client, std::shared_ptr<KeptStream> stream, Time now)
     : bridge_(bridge),
       client_(client),
-      request_(std::move(request)),
+      stream_(std::move(stream)),
       to_ask_(bridge.fleet.servers),
       look_up_until_(now + kLimit) {
     std::sort(to_ask_.begin(), to_ask_.end(), [](const ServerPtr& a, const ServerPtr& b) {
@@ -51,7 +51,7 @@ Answer Query::Advance(Time now) {
     const auto next = std::find_if(to_ask_.rbegin(), to_ask_.rend(),
                                    [](const ServerPtr& server) { return !server->lookup.addresses.empty(); });
     if (next != to_ask_.rend()) {
-        attempt_ = std::make_shared<Attempt>(bridge_, client_, *next, request_, now + kLimit);
+        attempt_ = std::make_shared<Attempt>(bridge_, client_, *next, stream_, now + kLimit);
         to_ask_.erase(std::next(next).base());
         attempt_->Start();
     } else if (to_ask_.empty() || now >= look_up_until_) {

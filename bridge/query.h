@@ -11,8 +11,8 @@ namespace kesto::bridge {
 
 class Query final : public Request {
  public:
-    // `request` holds all of it. `client` outlives the query.
-    Query(Bridge& bridge, Sleeper& client, std::shared_ptr<KeptStream> request, Time now);
+    // `stream` holds all of it. `client` outlives the query.
+    Query(Bridge& bridge, Sleeper& client, std::shared_ptr<KeptStream> stream, Time now);
     ~Query() override;
 
     Answer Advance(Time now) override;
@@ -20,7 +20,7 @@ class Query final : public Request {
  private:
     Bridge& bridge_;
     Sleeper& client_;
-    std::shared_ptr<KeptStream> request_;
+    std::shared_ptr<KeptStream> stream_;
     std::vector<ServerPtr> to_ask_;  // the next one last
     std::shared_ptr<Attempt> attempt_;
     Time look_up_until_;  // those whose names are being looked up

@@ -39,8 +39,8 @@ bool IsForsaken(const Server& server, Time began) {
 }  // namespace
 
 ScanPolicy::~ScanPolicy() {
-    for (Attempt& attempt : attempts_) {
-        Release(attempt, Attempt::State::kLost);
+    for (Try& attempt : tries_) {
+        Release(attempt, Try::State::kLost);
     }
 }
 
@@ -56,12 +56,12 @@ void ScanPolicy::StreamEnded(Time now) {
 }
 
 bool ScanPolicy::Runs() const {
-    return std::any_of(attempts_.begin(), attempts_.end(),
-                       [](const Attempt& attempt) { return attempt.state == Attempt::State::kRunning; });
+    return std::any_of(tries_.begin(), tries_.end(),
+                       [](const Try& attempt) { return attempt.state == Try::State::kRunning; });
 }
 
-void ScanPolicy::Release(Attempt& attempt, Attempt::State state) {
-    if (attempt.state == Attempt::State::kRunning) {
+void ScanPolicy::Release(Try& attempt, Try::State state) {
+    if (attempt.state == Try::State::kRunning) {
         attempt.state = state;
         --attempt.server->open;
     }
@@ -91,11 +91,11 @@ std::string ScanPolicy::WordsOf(Loss loss) const {
 
 // The client gets the last reply without a verdict, if there is one and it has seen nothing else.
 void ScanPolicy::GiveUp(Loss loss, Time now) {
-    for (Attempt& attempt : attempts_) {
-        if (attempt.state == Attempt::State::kRunning && IsSilent(attempt, now)) {
+    for (Try& attempt : tries_) {
+        if (attempt.state == Try::State::kRunning && IsSilent(attempt, now)) {
             NoteFailure(fleet_, *attempt.server, attempt.progressed, now);
         }
-        Release(attempt, Attempt::State::kLost);
+        Release(attempt, Try::State::kLost);
     }
     if (last_reply_ && trickled_ == 0) {
         Decide({Outcome::Kind::kNoVerdict, loss}, ReplyForClient(*last_reply_));
@@ -105,29 +105,29 @@ void ScanPolicy::GiveUp(Loss loss, Time now) {
 }
 
 void ScanPolicy::Progressed(size_t attempt, bool handed_over, Time now) {
-    attempts_[attempt].progressed = now;
-    attempts_[attempt].sent = true;
-    attempts_[attempt].handed_over = handed_over;
+    tries_[attempt].progressed = now;
+    tries_[attempt].sent = true;
+    tries_[attempt].handed_over = handed_over;
 }
 
-void ScanPolicy::TakeVerdict(Attempt& attempt, const AttemptEnd& end, Time now) {
+void ScanPolicy::TakeVerdict(Try& attempt, const AttemptEnd& end, Time now) {
     const bool clean = end.kind == AttemptEnd::Kind::kClean;
     Decide({clean ? Outcome::Kind::kClean : Outcome::Kind::kInfected}, end.text);
     NoteVerdict(*attempt.server, now);
-    Release(attempt, Attempt::State::kLost);
-    for (Attempt& other : attempts_) {
-        if (other.state == Attempt::State::kErred ||
-            (other.state == Attempt::State::kRunning && IsSilent(other, now))) {
+    Release(attempt, Try::State::kLost);
+    for (Try& other : tries_) {
+        if (other.state == Try::State::kErred ||
+            (other.state == Try::State::kRunning && IsSilent(other, now))) {
             NoteFailure(fleet_, *other.server, other.progressed, now);
         }
-        Release(other, Attempt::State::kLost);
+        Release(other, Try::State::kLost);
     }
 }
 
 void ScanPolicy::Ended(size_t number, const AttemptEnd& end, Time now) {
-    Attempt& attempt = attempts_[number];
+    Try& attempt = tries_[number];
     Server& server = *attempt.server;
-    if (attempt.state != Attempt::State::kRunning) {
+    if (attempt.state != Try::State::kRunning) {
         return;
     }
     if (end.Replied()) {
@@ -143,29 +143,29 @@ void ScanPolicy::Ended(size_t number, const AttemptEnd& end, Time now) {
         case AttemptEnd::Kind::kInfected:
             return TakeVerdict(attempt, end, now);
         case AttemptEnd::Kind::kTooLarge:
-            return Release(attempt, Attempt::State::kTooLarge);
+            return Release(attempt, Try::State::kTooLarge);
         case AttemptEnd::Kind::kNoVerdict:
-            Release(attempt, Attempt::State::kErred);
+            Release(attempt, Try::State::kErred);
             return SuspectForError(server, now);
         case AttemptEnd::Kind::kUnreached:
-            Release(attempt, Attempt::State::kUnreached);
+            Release(attempt, Try::State::kUnreached);
             return NoteBroken(fleet_, server, end, attempt.progressed, now);
         case AttemptEnd::Kind::kBroken:
-            Release(attempt, Attempt::State::kLost);
+            Release(attempt, Try::State::kLost);
             return NoteBroken(fleet_, server, end, attempt.progressed, now);
         case AttemptEnd::Kind::kSilent:
-            Release(attempt, Attempt::State::kLost);
+            Release(attempt, Try::State::kLost);
             NoteFailure(fleet_, server, attempt.progressed, now);
             return SuspectForSilence(fleet_, server, now);
     }
 }
 
-bool ScanPolicy::TakesLong(const Attempt& attempt, Time now) const {
+bool ScanPolicy::TakesLong(const Try& attempt, Time now) const {
     return ended_ && now >= std::max(*ended_, attempt.began) + kSilence;
 }
 
 // And it takes no data either, which over a slow line could be the reason, and the server works for nobody.
-bool ScanPolicy::IsSilent(const Attempt& attempt, Time now) const {
+bool ScanPolicy::IsSilent(const Try& attempt, Time now) const {
     return TakesLong(attempt, now) &&
            now >= std::max(attempt.progressed, attempt.server->health.worked) + kSilence;
 }
@@ -173,31 +173,31 @@ bool ScanPolicy::IsSilent(const Attempt& attempt, Time now) const {
 // It has the scan, or has replied to it and would reply the same again. What it replied before it was down
 // says nothing of it now.
 bool ScanPolicy::HasAsked(const Server& server) const {
-    return std::any_of(attempts_.begin(), attempts_.end(), [&server](const Attempt& attempt) {
+    return std::any_of(tries_.begin(), tries_.end(), [&server](const Try& attempt) {
         const bool asked =
-            attempt.state == Attempt::State::kRunning ||
-            (attempt.state < Attempt::State::kLost && attempt.progressed >= server.health.up_since);
+            attempt.state == Try::State::kRunning ||
+            (attempt.state < Try::State::kLost && attempt.progressed >= server.health.up_since);
         return attempt.server.get() == &server && asked && !IsForsaken(server, attempt.began);
     });
 }
 
 unsigned ScanPolicy::TriesOf(const Server& server) const {
-    return static_cast<unsigned>(
-        std::count_if(attempts_.begin(), attempts_.end(),
-                      [&server](const Attempt& attempt) { return attempt.server.get() == &server; }));
+    return static_cast<unsigned>(std::count_if(tries_.begin(), tries_.end(), [&server](const Try& attempt) {
+        return attempt.server.get() == &server;
+    }));
 }
 
 // As many servers have, or had, the scan as may have it. Connections that were lost before they took anything
 // do not keep it from a server that has not been tried.
 bool ScanPolicy::IsUsedUp(bool for_untried) const {
     unsigned whole = 0, sent = 0;
-    for (const Attempt& attempt : attempts_) {
-        const bool runs = attempt.state == Attempt::State::kRunning;
-        const bool lost = attempt.state == Attempt::State::kLost;
+    for (const Try& attempt : tries_) {
+        const bool runs = attempt.state == Try::State::kRunning;
+        const bool lost = attempt.state == Try::State::kLost;
         whole += runs || (lost && attempt.handed_over);
         sent += runs || (lost && (attempt.sent || !for_untried));
     }
-    return whole >= kMostWholeAttempts || sent >= kMostAttempts || (!attempts_.empty() && !repeatable_);
+    return whole >= kMostWholeAttempts || sent >= kMostAttempts || (!tries_.empty() && !repeatable_);
 }
 
 // Once it is up and not too busy.
@@ -210,8 +210,8 @@ bool ScanPolicy::MayHave(const Server& server) const {
 // server has nothing to do, or few scans had a further server lately.
 ServerPtr ScanPolicy::NextServer(Time now) const {
     bool late = true, forsaken = true;
-    for (const Attempt& attempt : attempts_) {
-        const bool runs = attempt.state == Attempt::State::kRunning;
+    for (const Try& attempt : tries_) {
+        const bool runs = attempt.state == Try::State::kRunning;
         late &= !runs || TakesLong(attempt, now);
         forsaken &= !runs || IsForsaken(*attempt.server, attempt.began);
     }
@@ -235,7 +235,7 @@ Loss ScanPolicy::WhyUseless(Time now) const {
         })) {
         return Loss::kNone;
     }
-    if (!attempts_.empty() && !repeatable_) {
+    if (!tries_.empty() && !repeatable_) {
         return Loss::kNotRepeatable;
     }
     if (IsUsedUp(false)) {
@@ -254,10 +254,9 @@ Loss ScanPolicy::WhyUseless(Time now) const {
 // come: one of those, or whether an error was the server's fault.
 bool ScanPolicy::AskTheRest() const {
     using Probe = Server::Health::Probe;
-    bool is_to_come =
-        !IsUsedUp(false) && std::any_of(attempts_.begin(), attempts_.end(), [](const Attempt& attempt) {
-            return attempt.state == Attempt::State::kErred && attempt.server->health.probe != Probe::kNone;
-        });
+    bool is_to_come = !IsUsedUp(false) && std::any_of(tries_.begin(), tries_.end(), [](const Try& attempt) {
+        return attempt.state == Try::State::kErred && attempt.server->health.probe != Probe::kNone;
+    });
     for (const ServerPtr& server : fleet_.servers) {
         const Server::Health& health = server->health;
         if (!IsUp(*server) && TriesOf(*server) == 0 && MayHave(*server) &&
@@ -270,13 +269,13 @@ bool ScanPolicy::AskTheRest() const {
 }
 
 ScanStep ScanPolicy::Begin(const ServerPtr& server, Time now) {
-    const bool beside = std::any_of(attempts_.begin(), attempts_.end(), [](const Attempt& attempt) {
-        return attempt.state == Attempt::State::kRunning && !IsForsaken(*attempt.server, attempt.began);
+    const bool beside = std::any_of(tries_.begin(), tries_.end(), [](const Try& attempt) {
+        return attempt.state == Try::State::kRunning && !IsForsaken(*attempt.server, attempt.began);
     });
     if (beside && server->open != 0 && !std::exchange(asked_beside_, true)) {
         fleet_.beside.Add(now);
     }
-    attempts_.push_back({server, now, now});
+    tries_.push_back({server, now, now});
     ++server->open;
     server->last_turn = ++fleet_.turns;
     waits_since_.reset();
@@ -295,8 +294,8 @@ Answer ScanPolicy::Trickle(Time now) {
 
 ScanStep ScanPolicy::Next(Time now) {
     if (stage_ == Stage::kSeeking) {
-        for (const Attempt& attempt : attempts_) {
-            if (attempt.state == Attempt::State::kRunning && IsSilent(attempt, now)) {
+        for (const Try& attempt : tries_) {
+            if (attempt.state == Try::State::kRunning && IsSilent(attempt, now)) {
                 SuspectForSilence(fleet_, *attempt.server, now);
             }
         }

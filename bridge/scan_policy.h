@@ -60,7 +60,8 @@ class ScanPolicy {
         kDecided,  // the outcome is known
         kTold,     // the client has been told
     };
-    struct Attempt {
+    // What is known of an attempt.
+    struct Try {
         enum class State { kRunning, kTooLarge, kErred, kLost, kUnreached };
         ServerPtr server;
         Time began;
@@ -71,13 +72,13 @@ class ScanPolicy {
     };
 
     bool Runs() const;
-    void Release(Attempt& attempt, Attempt::State state);
+    void Release(Try& attempt, Try::State state);
     void Decide(Outcome outcome, std::string text);
     void GiveUp(Loss loss, Time now);
     std::string WordsOf(Loss loss) const;
-    void TakeVerdict(Attempt& attempt, const AttemptEnd& end, Time now);
-    bool TakesLong(const Attempt& attempt, Time now) const;
-    bool IsSilent(const Attempt& attempt, Time now) const;
+    void TakeVerdict(Try& attempt, const AttemptEnd& end, Time now);
+    bool TakesLong(const Try& attempt, Time now) const;
+    bool IsSilent(const Try& attempt, Time now) const;
     bool HasAsked(const Server& server) const;
     unsigned TriesOf(const Server& server) const;
     bool IsUsedUp(bool for_untried) const;
@@ -91,7 +92,7 @@ class ScanPolicy {
     Fleet& fleet_;
     ScanLimits limits_;
     Stage stage_ = Stage::kFilling;
-    std::vector<Attempt> attempts_;
+    std::vector<Try> tries_;
     bool repeatable_ = true;
     bool asked_beside_ = false;
     std::optional<Time> ended_;

@@ -1,4 +1,4 @@
-// Exchanges the engine without losing a scan.
+// Restarts the bridge without losing a scan.
 #pragma once
 
 #include <cstdint>

@@ -7,39 +7,31 @@
 namespace kesto {
 namespace {
 
-struct StackCall {
-    uint32_t result;
-    int32_t bytes_left;  // bytes of the arguments that are still on the stack after the return
-};
-
-// Calls with the stack `misalignment` bytes below a multiple of 16 before the arguments are pushed.
-[[gnu::noinline]] StackCall CallOnStack(FARPROC routine, const uint32_t* arguments, size_t count,
-                                        uint32_t misalignment) {
-    int32_t bytes_left;
+// Calls with so many zeros as arguments, and the stack `misalignment` bytes below a multiple of 16 before
+// they are pushed. `bytes_left` is how many bytes of them are still on the stack after the return.
+[[gnu::noinline]] uint32_t CallOnStack(FARPROC routine, size_t count, uint32_t misalignment,
+                                       int32_t& bytes_left) {
     asm volatile(
         "movl %%esp, %%esi; andl $-16, %%esp; subl %%eax, %%esp; movl %%esp, %%ebx;"
-        "1: testl %%ecx, %%ecx; jz 2f; decl %%ecx; pushl (%%edx, %%ecx, 4); jmp 1b;"
+        "1: testl %%ecx, %%ecx; jz 2f; decl %%ecx; pushl $0; jmp 1b;"
         "2: call *%%edi; subl %%esp, %%ebx; movl %%esi, %%esp"
-        : "+a"(misalignment), "=b"(bytes_left), "+c"(count), "+d"(arguments)
+        : "+a"(misalignment), "=b"(bytes_left), "+c"(count)
         : "D"(routine)
-        : "esi", "memory", "cc");
-    return {misalignment, bytes_left};
+        : "edx", "esi", "memory", "cc");
+    return misalignment;
 }
 
-struct Called {
-    std::string routine;  // its decorated name, with the size of the arguments
-    // When all arguments are 0 and calls are in the order of the ordinals; "-" for nothing.
-    std::string returns;
-};
+using ExportsTest = PluginTest;
 
-// All names in the order of their ordinals. Each routine but one has an upper-case name, too.
-std::map<std::string, Called> AllNames() {
+TEST_F(ExportsTest, StandAtTheirOrdinalsRefuseNothingsAndRemoveTheirArguments) {
+    // What the upper-case and then the decorated name returns, when all arguments are 0 and calls are in the
+    // order of the ordinals; "-" for nothing. The decoration is the size of the arguments.
     std::istringstream routines(
         "_CheckLicence@8 0 1 _CloseInstance@4 - - _CloseScanner@0 - - _DoSimpleUpdate@8 0 1 _DoUpdate@16 1 1 "
         "_GetErrorText@12 - - _GetExpiry2@20 1 1 _GetExpiry@12 1 1 _GetVersionDetails@8 - - "
         "_InitializeInstance@4 0 0 _InitializeScanner@20 87 87 _IsFatalError@4 0 0 "
         "_ProcessWindowsMessage@12 0 0 _ReloadScanner@0 1 1 _ScanFile@24 0 0 _UnloadScanner@0 1 1");
-    std::map<std::string, Called> names;
+    std::map<std::string, std::pair<std::string, std::string>> names;  // in the order of their ordinals
     for (std::string name, first, second; routines >> name >> first >> second;) {
         std::string upper = name.substr(1, name.find('@') - 1);
         std::transform(upper.begin(), upper.end(), upper.begin(), toupper);
@@ -47,33 +39,26 @@ std::map<std::string, Called> AllNames() {
         names[name] = {name, second};
     }
     names.erase("GETEXPIRY2");
-    return names;
-}
 
-class ExportsTest : public PluginTest {
- protected:
-    FARPROC Named(const char* name) const {
+    const auto named = [this](const char* name) {
         return GetProcAddress(static_cast<HMODULE>(plugin.module), name);
-    }
-};
-
-TEST_F(ExportsTest, StandAtTheirOrdinalsRefuseNothingsAndRemoveTheirArguments) {
-    const uint32_t nothings[6] = {};
-    uint32_t misalignment = 0;
+    };
     WORD ordinal = 0;
-    for (const auto& [name, called] : AllNames()) {
-        const FARPROC routine = Named(name.c_str());
-        ASSERT_NE(routine, nullptr) << name;
-        EXPECT_EQ(Named(MAKEINTRESOURCEA(++ordinal)), routine) << name;
-        EXPECT_EQ(Named(called.routine.c_str()), routine) << name;
-        const size_t bytes = std::stoul(called.routine.substr(called.routine.find('@') + 1));
-        const StackCall call = CallOnStack(routine, nothings, bytes / 4, misalignment);
-        misalignment = (misalignment + 4) % 16;
-        EXPECT_EQ(call.bytes_left, 0) << name;
-        EXPECT_TRUE(called.returns == "-" || called.returns == std::to_string(call.result)) << name;
+    for (const auto& [name, called] : names) {
+        const auto& [decorated, returns] = called;
+        SCOPED_TRACE(name);
+        const FARPROC routine = named(name.c_str());
+        ASSERT_NE(routine, nullptr);
+        EXPECT_EQ(named(MAKEINTRESOURCEA(++ordinal)), routine);
+        EXPECT_EQ(named(decorated.c_str()), routine);
+        const size_t bytes = std::stoul(decorated.substr(decorated.find('@') + 1));
+        int32_t bytes_left;
+        const uint32_t returned = CallOnStack(routine, bytes / 4, ordinal % 4 * 4, bytes_left);
+        EXPECT_EQ(bytes_left, 0);
+        EXPECT_TRUE(returns == "-" || returns == std::to_string(returned)) << returned;
     }
     EXPECT_EQ(ordinal, 31);
-    EXPECT_EQ(Named("_UnloadScanner@0"), Named("_ReloadScanner@0"));
+    EXPECT_EQ(named("_UnloadScanner@0"), named("_ReloadScanner@0"));
 }
 
 TEST_F(ExportsTest, LibraryIsRelocatableAndGuardedAndShowsItsVersion) {

@@ -32,33 +32,25 @@ TEST(ServerList, SplitsAtSingleBlanksAndReadsPortsAsNumbersOf16Bits) {
 }
 
 TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
-    // The lines below the section, a part of the text and remedy of their only finding (empty when there is
-    // none), and whether the plug-in misreads them.
+    // The lines below the section, of which the last has the fault; a part of the text and remedy of their
+    // only finding (empty when there is none), and whether the plug-in misreads them.
     const std::tuple<std::string, const char*, bool> cases[] = {
-        {"encrypt=0\r\nautostart=1\r\nstartwait=120\r\nlogfile=C:\\logs\\av.log\r\n[other]\r\nwords", "",
-         true},
-        {"# comment\r\nServers = \"10.0.0.1 scan:3310\"", "", true},
-        {"[kestoav]\nencrypt=0", "second section", true},
-        {"\nencrypt=1\nEncrypt=0\n", "given twice", true},
+        {"# comment\r\nServers = \"10.0.0.1 scan:65535 b:01\"\r\nencrypt=0\r\nrestartcount=010\r\n"
+         "logfile=C:\\av.log\r\n[other]\r\nwords",
+         "", true},
+        {"encrypt=0\n[kestoav]\n", "second section", true},
+        {"encrypt=1\nEncrypt=0\n", "given twice", true},
         {"colour=red", "one of the keys servers, encrypt,", true},
         {"just words", "is not a setting", false},
         {"encrypt=true", "read as 0, which is off", true},
         {"autostart=", "\"\" is not a number and is read as its default", true},
         {"startwait=0", "no time to listen", false},
-        {"startwait=120s", "is read as 120 ", true},
         {"connectwait=-1", "read as 4294967295", true},
-        {"encrypt=-1", "read as 1, which is on", false},
         {"startwait=0x1F", "read as 31 ", true},
-        {"restartcount=010", "", true},
-        {"restartcount=4294967297", "read as 1 ", false},
         {"startwait=86400", "over an hour", false},
         {"servers=127.0.0.1:0", "host \"127.0.0.1\", port 0 ", true},
-        {"servers=127.0.0.1:65537", ", port 1 ", true},
-        {"servers=127.0.0.1:65535 b:01 c", "", true},
-        {"servers=127.0.0.1:", "\"127.0.0.1:\" is read as", true},
         {"servers=[::1]:3310", "host \"[\", port 0", true},
         {"servers=a:1  b:2", "\"\" is read as host \"\", port 3313", true},
-        {"servers=a:1,b:2", "host \"a\", port 1 -> write host:port", true},
         {"servers=x a,b", "\"a,b\" is read as host \"a,b\"", true},
         {"servers=127.0.0.1:3313 ; ours, too", "comment", true},
         {"servers=LocalHost:3313", "write 127.0.0.1", false},
@@ -75,10 +67,7 @@ TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
         for (const IniFinding& each : findings) {
             EXPECT_THAT(each.text + " -> " + each.remedy, testing::HasSubstr(expected));
             EXPECT_EQ(each.misread, misread) << lines;
-            EXPECT_EQ(each.line, lines[0] == '\n'                     ? 4u
-                                 : lines[0] == '[' && lines[1] == 'o' ? 3u
-                                                                      : 2u)
-                << lines;
+            EXPECT_EQ(each.line, 2 + std::count(lines.begin(), lines.end() - 1, '\n')) << lines;
         }
     }
     // In ours as well, it is not told.
@@ -108,14 +97,12 @@ TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
         for (const std::string& line : limit.Take("lost", std::to_string(i), start + seconds(4 * i))) {
             written += line + ' ';
         }
-        EXPECT_EQ(limit.Take("other " + std::to_string(i), "other", start), Lines{"other"});
     }
     EXPECT_EQ(written,
               "0 1 2 3 4 5 6 7 8 9 5 more such lines left out, the last: 14 15 16 17 18 19 20 21 22 23 24 ");
     EXPECT_EQ(limit.Take("lost", "25", start + seconds(119)), Lines());
-    EXPECT_EQ(limit.Overdue(start + seconds(119)), Lines());
+    EXPECT_EQ(limit.Take("other", "other", start), Lines{"other"});
     EXPECT_EQ(limit.Overdue(start + seconds(120)), Lines{"1 more such lines left out, the last: 25"});
-    EXPECT_EQ(limit.Overdue(start + hours(1)), Lines());
 }
 
 TEST(ProgressText, TellsCountBytesRateAndTimeLeft) {

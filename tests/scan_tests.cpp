@@ -6,6 +6,7 @@ namespace kesto {
 namespace {
 
 using namespace testing;
+using namespace std::literals;
 
 using ScanTest = PluginTest;
 
@@ -18,17 +19,14 @@ TEST_F(ScanTest, SendsTheFileInPrefixedChunksAndShiftedUnlessTheSettingIsOff) {
     const ImportPatch sends(plugin.module, "send", SendHalf);
     ScriptedEngine engine;
     const std::pair<const char*, bool> cases[] = {
-        {"encrypt=0", false},    {"", true},  // the default, not what was in effect before
-        {"encrypt=1", true},     {"encrypt=2", true},
-        {"encrypt=256", true},   {"encrypt=-1", true},
-        {"encrypt=abc", false},  {"ENCRYPT = 0x ", false},
-        {"restartcount=5", true}};
+        {"encrypt=0", false},  {"", true},  // the default, not what was in effect before
+        {"encrypt=256", true}, {"encrypt=-1", true}, {"encrypt=abc", false}, {"ENCRYPT = 0x ", false}};
     for (const auto& [setting, shifted] : cases) {
         Start(Servers(engine.Port()) + setting);
-        for (const size_t size : {1, 100, 8191, 8192, 8193, 16384, 30'001}) {
-            std::string data(size, '\0');
-            for (size_t i = 0; i < size; ++i) {
-                data[i] = static_cast<char>(i * 7 + i / 8192);
+        for (const size_t size : {1, 8191, 8192, 8193, 16384, 30'001}) {
+            std::string data;
+            while (data.size() < size) {
+                data += static_cast<char>(data.size() % 251);
             }
             std::string hosts_memory = data;
             ASSERT_EQ(Scan(hosts_memory), "clean");
@@ -44,43 +42,37 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
     const uint16_t port = FreePort();
     const std::string v49(49, 'v');
     const auto found = [](const std::string& name) { return Replying("stream: " + name + " FOUND"); };
-    const struct {
-        EngineScript script;
-        std::string outcome, reply = "";  // the reply as logged, with 1003
-    } cases[] = {
-        {Replying("stream: OK"), "clean"},
-        {Replying("stream: Heuristics failed ERROR"), "clean"},
-        {Replying("stream: FOUND"), "clean"},  // the blank belongs to "stream: "
-        {Replying("stream: X FOUND "), "clean"},
-        {found(""), "mail.eml: "},
-        {found("Two words.%s"), "mail.eml: Two words.%s"},
-        {found(v49), "mail.eml: " + v49},
-        {found(v49 + "%n"), "mail.eml: " + v49},
-        {found(std::string((1 << 20) - 14, 'v')), "mail.eml: " + v49},
-        {found(std::string((1 << 20) - 13, 'v')), "failed 1003"},  // a reply above 1 MiB is refused
-        {Endless("stream: "), "failed 1003"},
-        {ReplyingBytes(WithNul("stream: In.Pieces FOUND"), Then::kHolds, 1), "mail.eml: In.Pieces"},
-        {ReplyingBytes(WithNul("stream: A FOUND") + WithNul("stream: OK")), "mail.eml: A"},
+    // what the engine does, the outcome, and the reply as logged with 1003
+    const std::tuple<EngineScript, std::string, std::string> cases[] = {
+        {Replying("stream: OK"), "clean", ""},
+        {Replying("stream: Heuristics failed ERROR"), "clean", ""},
+        {Replying("stream: FOUND"), "clean", ""},  // the blank belongs to "stream: "
+        {Replying("stream: X FOUND "), "clean", ""},
+        {found(""), "mail.eml: ", ""},
+        {found("Two words.%s"), "mail.eml: Two words.%s", ""},
+        {found(v49 + "%n"), "mail.eml: " + v49, ""},
+        {found(std::string((1 << 20) - 14, 'v')), "mail.eml: " + v49, ""},
+        {found(std::string((1 << 20) - 13, 'v')), "failed 1003", ""},  // a reply above 1 MiB is refused
+        {Endless("stream: "), "failed 1003", ""},
+        {ReplyingBytes(WithNul("stream: In.Pieces FOUND"), Then::kHolds, 1), "mail.eml: In.Pieces", ""},
+        {ReplyingBytes(WithNul("stream: A FOUND") + WithNul("stream: OK")), "mail.eml: A", ""},
         {Replying("%s%n%d"), "failed 1003", "%s%n%d"},
         {Replying(std::string(901, 'r')), "failed 1003", std::string(900, 'r')},
-        {Replying(""), "failed 1003"},
-        {ReplyingBytes("stream: OK"), "failed 1003"},  // without its NUL
-        {ReplyingBytes("stream: A FOUND", Then::kResets), "failed 1003"},
-        {ReplyingBytes("", Then::kResets), "failed 1003"},
-        {DyingAfter(0, true), "failed 1002 or failed 1003"},  // depending on the timing of the network
-        {DyingAfter(10), "failed 1002 or failed 1003"},
+        {Replying(""), "failed 1003", ""},
+        {ReplyingBytes("stream: OK"), "failed 1003", ""},  // without its NUL
+        {ReplyingBytes("stream: A FOUND", Then::kResets), "failed 1003", ""},
+        {ReplyingBytes("", Then::kResets), "failed 1003", ""},
     };
     installed.CreateLog();
     Start(Servers(port));
     const std::string data(500'000, 'd');
-    for (const auto& it : cases) {
-        SCOPED_TRACE(it.outcome + " " + it.reply);
+    for (const auto& [script, outcome, reply] : cases) {
+        SCOPED_TRACE(outcome + " " + reply);
         ExpectNothingLost(4, [&] {
-            const ScriptedEngine engine(it.script, port);
-            const std::string outcome = Scan(data);
-            EXPECT_THAT(it.outcome, EndsWith(outcome == "failed 1002" ? " or failed 1003" : outcome));
+            const ScriptedEngine engine(script, port);
+            EXPECT_EQ(Scan(data), outcome);
             EXPECT_EQ(installed.LogMessages().back(), outcome == "failed 1003"
-                                                          ? "Unexpected response from KESTOAV - " + it.reply
+                                                          ? "Unexpected response from KESTOAV - " + reply
                                                           : "Scan file - mail.eml - 500000");
             system.calls.clear();
         });
@@ -93,8 +85,7 @@ TEST_F(ScanTest, CutsTheFileNameToEachField) {
     Start(Servers(engine.Port()) + "autostart=0");
     EXPECT_EQ(Scan(""), "clean");  // needs no engine
     EXPECT_TRUE(system.calls.empty());
-    for (const std::string& name : {std::string(300, 'n'), std::string(256, 'n'), std::string(255, 'n'),
-                                    std::string(100, 'n'), std::string("100%s%n%d.eml"), std::string()}) {
+    for (const std::string& name : {std::string(256, 'n'), std::string(255, 'n'), "100%s%n%d.eml"s, ""s}) {
         EXPECT_EQ(Scan("x", name), name.substr(0, 255) + ": V");
         EXPECT_EQ(installed.LogMessages().back(), "Scan file - " + name.substr(0, 100) + " - 1");
     }
@@ -102,11 +93,9 @@ TEST_F(ScanTest, CutsTheFileNameToEachField) {
 
 TEST_F(ScanTest, FollowsNoNullPointerOfTheHosts) {
     ScriptedEngine engine(Replying("stream: V FOUND"));
-    installed.CreateLog();
     Start(Servers(engine.Port()));
     const ScanFileInput data{"n", 1, reinterpret_cast<const uint8_t*>("x")};
-    const ScanFileInput no_data{"n", 4'294'967'295, nullptr};
-    const ScanFileInput empty{"n", 0, nullptr};
+    const ScanFileInput no_data{"n", 4'294'967'295, nullptr}, empty{"n", 0, nullptr};
     ScanFileResult no_detection{kUntouched, kUntouched, nullptr};
     const std::tuple<const ScanFileInput*, ScanFileResult*, int32_t, uint32_t> cases[] = {
         {nullptr, &no_detection, 0, 1002}, {&no_data, &no_detection, 0, 1002},    {&data, nullptr, 0, 1002},
@@ -120,7 +109,6 @@ TEST_F(ScanTest, FollowsNoNullPointerOfTheHosts) {
     }
     EXPECT_EQ(no_detection.reserved, kUntouched);
     EXPECT_EQ(no_detection.infected, 1u);
-    EXPECT_THAT(installed.LogMessages(), Contains("Scan file - n - 4294967295"));
 }
 
 ScanFileInput g_shrinking{"shrinks", 3 * 8192, nullptr};

@@ -1,4 +1,6 @@
-// Start-up: what the host gets, the settings, the engine's start, the log.
+// Start-up: what the host gets, the engine's start, the log.
+#include <io.h>
+
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
@@ -13,70 +15,29 @@ using namespace testing;
 using StartUpTest = PluginTest;
 using LogTest = PluginTest;
 
-TEST_F(StartUpTest, FillsTheHostsBuffersWhateverTheVersion) {
-    ScriptedEngine engine;
+int WINAPI NoSockets(WORD, WSADATA*) {
+    return WSASYSNOTREADY;
+}
+TEST_F(StartUpTest, FillsTheHostsBuffersWhateverTheVersionAndIsRefusedWithoutSockets) {
+    const ImportPatch patch(plugin.module, "WSAStartup", NoSockets);
     installed.CreateLog();
-    installed.WriteSettings(Servers(engine.Port()) + "encrypt=0");
-    system.processes = {};
-    for (const int32_t version : {2, 0, -1, 1}) {
+    for (const int32_t version : {2, -1, 1}) {
         std::string short_name(kShortNameSize, 'x'), long_name(kLongNameSize, 'x');
         uint32_t out_value = kUntouched;
         EXPECT_EQ(plugin.initialize_scanner(version, short_name.data(), long_name.data(), &out_value,
                                             installed.folder.string().c_str()),
-                  version == 1 ? 0 : 1);
+                  version == 1 ? -1 : 1);
         EXPECT_EQ(short_name, WithNul("KESTOAV") + std::string(24, 'x'));
         EXPECT_EQ(long_name, WithNul("KESTO AV") + std::string(247, 'x'));
         EXPECT_EQ(out_value, 0u);
-        // Settings and log are in place; an engine is started only for the right version.
-        EXPECT_EQ(system.processes.size(), version == 1 ? 1u : 0u);
-        if (version == 1) {
-            EXPECT_EQ(Scan("as it is"), "clean");
-            EXPECT_EQ(engine.Requests().at(0).data, "as it is");
-        }
         plugin.close_scanner();
     }
-    const std::string mismatch = "API version mismatch ";
     EXPECT_THAT(installed.LogMessages(),
-                ElementsAre(mismatch + "2 != 1", mismatch + "0 != 1", mismatch + "-1 != 1",
-                            "starting kestoav process", "Scan file - mail.eml - 8"));
-}
-
-TEST_F(StartUpTest, StartsTheEngineUnlessItRunsOrIsNotToBeStarted) {
-    const std::string folder = installed.engine_folder.string();
-    const std::string start = "start " + folder + "\\kestoav.exe in " + folder;
-    using Lines = std::vector<std::string>;
-    const Lines found{"enumerate", "open 1024 4"}, started{"enumerate", start};
-    const std::tuple<const char*, SystemState, Lines, int32_t> cases[] = {
-        {"autostart=0", {.processes = {}}, {}, 0},
-        {"", {}, found, 0},
-        {"", {.processes = {}}, started, 0},
-        {"autostart=2", {.processes = {}, .starts = false, .start_error = 193}, started, 193},
-        // Whether it was started is the result of the call, not its error code.
-        {"", {.processes = {}, .start_error = 5}, started, 0},
-    };
-    for (const auto& [settings, state, calls, status] : cases) {
-        installed.CreateLog();
-        system.Become(state);
-        system.calls.clear();
-        EXPECT_EQ(Start(settings), status);
-        EXPECT_EQ(system.calls, calls);
-        plugin.close_scanner();
-        Lines log(calls == started, "starting kestoav process");
-        log.resize(log.size() + (status != 0), "Error starting kestoav process - 193");
-        EXPECT_EQ(installed.LogMessages(), log);
-    }
-}
-
-int WINAPI NoSockets(WORD, WSADATA*) {
-    return WSASYSNOTREADY;
-}
-TEST_F(StartUpTest, IsRefusedWithoutSockets) {
-    const ImportPatch patch(plugin.module, "WSAStartup", NoSockets);
-    EXPECT_EQ(Start(""), -1);
+                ElementsAre("API version mismatch 2 != 1", "API version mismatch -1 != 1"));
+    EXPECT_THAT(system.calls, IsEmpty());
 }
 
 TEST_F(StartUpTest, KeepsItsOwnCopyOf259CharactersOfTheFolder) {
-    EXPECT_EQ(plugin.initialize_scanner(1, nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
     plugin.get_expiry(0, 0, 0);
     for (const size_t length : {0, 1, 259, 260, 100'000}) {  // the empty one counts, too
         std::string hosts_text = ("C:\\" + std::string(length, 'x')).substr(0, length);
@@ -91,71 +52,29 @@ TEST_F(StartUpTest, KeepsItsOwnCopyOf259CharactersOfTheFolder) {
     }
 }
 
-TEST(Settings, AreThoseOfTheSectionAndElseTheDefaults) {
-    const std::pair<std::string, std::string> cases[] = {
-        // the file, and a part of the record of a failed connect
-        {"", "hostname: 127.0.0.1\nport: 3313\n"},
-        {"[other]\nservers=127.0.0.2\n[kestoav]\n", "hostname: 127.0.0.1\nport: 3313\n"},
-        {"[KestoAV]\r\nSERVERS =  \"127.0.0.3:7\"  \r\n", "hostname: 127.0.0.3\nport: 7\n"},
-        {"[kestoav]\nservers=\n", "hostname: \nport: 3313\n"},
-        {"[kestoav]\nservers=127.0.0.4:65537\nlogfile=\n", "hostname: 127.0.0.4\nport: 1\n"},
-        {"[kestoav]\nservers=" + std::string(900, 'h') + " 127.0.0.1:9\n",
-         "WSAECONNREFUSED"},  // of the last server
-        {"[kestoav]\nservers=" + std::string(940, 'x') + ' ' + std::string(999, 'y'),
-         "hostname: " + std::string(58, 'y') + "\nport: 3313\n"},  // cut at 999 characters
-    };
-    for (const auto& [file, record] : cases) {
-        DrivenPlugin it;
-        it.installed.CreateLog();
-        WriteFile(it.installed.folder / "kestoav.ini", file);
-        EXPECT_EQ(it.plugin.Initialize(it.installed.folder), 0);
-        it.installed.WriteSettings("servers=127.0.0.9");  // settings are read at the start only
-        it.system.Become(
-            {.processes = {{.ends = 1001}}, .accepts_from = kNever, .starts = false, .look_takes = 1000});
-        EXPECT_EQ(it.Scan("x"), "failed 1001");
-        EXPECT_THAT(it.installed.LogMessages().at(1),
-                    AllOf(StartsWith("Couldn't connect to kestoav process - Connect_Socket\nhostname: "),
-                          HasSubstr(record)));
-        const std::string log = ReadFile(it.installed.log);  // the record has lines of its own
-        EXPECT_EQ(std::count(log.begin(), log.end(), '\r'), std::count(log.begin(), log.end(), '\n'));
-        EXPECT_EQ(log.find("\r\r"), log.npos);
-    }
-}
-
 // The line that scanning an empty file writes, which needs no engine.
 const std::string kLogged = ": Scan file - mail.eml - 0\r\n";
+
+TEST_F(LogTest, IsWrittenWhereTheSettingSaysOrElseIfItExists) {
+    const std::string folder = installed.folder.string(), other = folder + "\\other.log";
+    // Where the one that is set cannot be opened, the default is not used.
+    for (const std::string& setting : {std::string(), folder, std::string(500, 'x'), other}) {
+        setting.empty() ? void(std::filesystem::remove(installed.log)) : installed.CreateLog();
+        Start("logfile=" + setting);
+        EXPECT_EQ(Scan(""), "clean");
+        EXPECT_EQ(ReadFile(other).ends_with(kLogged), setting == other) << setting;
+        EXPECT_EQ(ReadFile(installed.log), "");
+        EXPECT_EQ(std::filesystem::exists(installed.log), !setting.empty());
+    }
+}
 
 int g_flushes;
 int Flush(FILE* file) {
     ++g_flushes;
+    DWORD flags;  // a program that the host starts must not hold the log open
+    GetHandleInformation(reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file))), &flags);
+    EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, 0u);
     return fflush(file);
-}
-
-TEST_F(LogTest, IsWrittenWhereTheSettingSaysOrElseIfItExists) {
-    const std::string folder = installed.folder.string(), other = folder + "\\other.log";
-    const std::tuple<bool, std::string, bool, bool> cases[] = {
-        {false, "", false, false},
-        {true, "", true, false},
-        {true, other, false, true},
-        {true, folder, false, false},  // where it cannot be opened, the default is not used
-        {true, "Z:\\dev\\full", false, false},
-        {true, std::string(500, 'x'), false, false},
-    };
-    const ImportPatch flush(plugin.module, "fflush", Flush);
-    for (const auto& [exists, setting, in_default, in_other] : cases) {
-        DeleteFileA(other.c_str());
-        exists ? installed.CreateLog() : void(std::filesystem::remove(installed.log));
-        Start("logfile=" + setting);
-        EXPECT_EQ(Scan(""), "clean");
-        EXPECT_EQ(installed.LogMessages().size(), in_default ? 1u : 0u) << setting;
-        EXPECT_EQ(ReadFile(other).ends_with(kLogged), in_other) << setting;
-        EXPECT_EQ(std::filesystem::exists(installed.log), exists);
-        plugin.close_scanner();
-        g_flushes = 0;
-        Scan("");  // neither logs nor touches what was closed
-        EXPECT_EQ(g_flushes, 0);
-        plugin.close_scanner();
-    }
 }
 
 __time64_t g_now;
@@ -175,13 +94,15 @@ TEST_F(LogTest, AppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
     };
     for (auto [time, stamp] : cases) {
         g_now = _mktime64(&time);
-        g_flushes = 0;
         EXPECT_EQ(Scan(""), "clean");
-        EXPECT_EQ(g_flushes, 1);
         std::ofstream(installed.log, std::ios::app | std::ios::binary) << "someone else's\r\n";
         expected += stamp + kLogged + "someone else's\r\n";
         EXPECT_EQ(ReadFile(installed.log), expected);
     }
+    plugin.close_scanner();
+    Scan("");
+    EXPECT_EQ(ReadFile(installed.log), expected);
+    EXPECT_EQ(g_flushes, 2);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <type_traits>
+
 #include "common/error_words.h"
 #include "common/folder_limit.h"
 #include "common/text.h"
@@ -21,7 +23,8 @@ Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin) {
                 code};
     }
     std::string missing;
-    const auto bind = [&]<typename Function>(const char* name, Function& function) {
+    const auto bind = [&](const char* name, auto& function) {
+        using Function = std::remove_reference_t<decltype(function)>;
         function = reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
         if (function == nullptr) {
             missing += (missing.empty() ? "" : ", ") + std::string(name);

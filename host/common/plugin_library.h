@@ -20,15 +20,15 @@ struct PluginLibrary {
 
     void* module = nullptr;
     int32_t(__stdcall* initialize_scanner)(int32_t version, char* short_name, char* long_name,
-                                           uint32_t* out_value, const char* folder);
-    void(__stdcall* close_scanner)();
-    int32_t(__stdcall* is_fatal_error)(uint32_t code);
-    void(__stdcall* get_error_text)(uint32_t code, char* text, int32_t size);
+                                           uint32_t* out_value, const char* folder) = nullptr;
+    void(__stdcall* close_scanner)() = nullptr;
+    int32_t(__stdcall* is_fatal_error)(uint32_t code) = nullptr;
+    void(__stdcall* get_error_text)(uint32_t code, char* text, int32_t size) = nullptr;
     int32_t(__stdcall* scan_file)(uint32_t host_value, const ScanFileInput* input, ScanFileResult* result,
-                                  uint32_t* error_code, uint32_t unused1, uint32_t unused2);
-    int32_t(__stdcall* do_simple_update)(char* title, char* message);
-    void(__stdcall* get_version_details)(char* text, uint32_t size);
-    int32_t(__stdcall* get_expiry)(uint32_t a, uint32_t b, uint32_t c);
+                                  uint32_t* error_code, uint32_t unused1, uint32_t unused2) = nullptr;
+    int32_t(__stdcall* do_simple_update)(char* title, char* message) = nullptr;
+    void(__stdcall* get_version_details)(char* text, uint32_t size) = nullptr;
+    int32_t(__stdcall* get_expiry)(uint32_t a, uint32_t b, uint32_t c) = nullptr;
 };
 
 // The fault tells why the library cannot be loaded, or which of the exports above it lacks.

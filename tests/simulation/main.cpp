@@ -5,16 +5,15 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <iostream>
+#include <new>
 
 #include "tests/simulation/world.h"
 
-namespace kesto::simulation {
 namespace {
 
-constexpr unsigned kLongest = 60;  // seconds for one seed
-constexpr unsigned kMostNamed = 5000;
+using namespace kesto::simulation;
 
+constexpr unsigned kLongest = 60;  // seconds for one seed
 const char* g_program = "";
 uint64_t g_seed = 0;
 
@@ -23,44 +22,48 @@ void Name(const std::string& promise) {
               << std::endl;
 }
 
+struct alignas(16) Header {
+    bool counted;
+};
+
 void Crashed(int signal) {
     Name(signal == SIGALRM ? "does not come to an end" : "crashes");
     std::signal(signal, SIG_DFL);
     std::raise(signal);
 }
 
-bool Keeps(uint64_t seed, bool tells) {
-    g_seed = seed;
-    g_memory = {};
-    alarm(kLongest);
-    World world(seed, tells);
-    const std::string broken = world.Run();
-    if (!broken.empty()) {
-        Name(broken);
-    }
-    return broken.empty();
-}
-
-int Main(int count, char** words) {
-    g_program = words[0];
-    for (const int signal : {SIGALRM, SIGABRT, SIGSEGV, SIGILL}) {
-        std::signal(signal, Crashed);
-    }
-    const auto number = [&](int at) { return std::strtoull(words[at], nullptr, 10); };
-    if (count == 2) {
-        return Keeps(number(1), true) ? 0 : 1;
-    }
-    const std::time_t end = std::time(nullptr) + (count == 4 ? static_cast<std::time_t>(number(3)) : 1 << 30);
-    uint64_t seed = number(1), broken = 0;
-    for (; seed <= number(2) && std::time(nullptr) < end && broken < kMostNamed; ++seed) {
-        broken += !Keeps(seed, false);
-    }
-    std::cout << seed - number(1) << " seeds, " << broken << " with a broken promise" << std::endl;
-    return broken == 0 ? 0 : 1;
-}
-
 }  // namespace
-}  // namespace kesto::simulation
+
+void kesto::simulation::FailIfLacking() {
+    if (g_memory.inside && g_memory.lacking != 0 && (g_memory.spare == 0 || g_memory.spare-- == 0)) {
+        --g_memory.lacking;
+        ++g_memory.failed;
+        throw std::bad_alloc();
+    }
+}
+
+void* operator new(size_t size) {
+    kesto::simulation::FailIfLacking();
+    auto* const header = static_cast<Header*>(std::malloc(sizeof(Header) + size));
+    if (header == nullptr) {
+        throw std::bad_alloc();
+    }
+    header->counted = g_memory.inside;
+    g_memory.blocks += header->counted;
+    return header + 1;
+}
+
+void operator delete(void* block) noexcept {
+    if (block != nullptr) {
+        auto* const header = static_cast<Header*>(block) - 1;
+        g_memory.blocks -= header->counted;
+        std::free(header);
+    }
+}
+
+void operator delete(void* block, size_t /*size*/) noexcept {
+    operator delete(block);
+}
 
 // Memory that is not given back is counted for each seed; a world whose promise was broken gives nothing
 // back.
@@ -69,5 +72,27 @@ extern "C" const char* __asan_default_options() {
 }
 
 int main(int count, char** words) {
-    return count >= 2 ? kesto::simulation::Main(count, words) : 2;
+    uint64_t numbers[] = {1, 0, 1u << 30};  // the first seed, the last one, seconds
+    for (int i = 1; i < std::min(count, 4); ++i) {
+        numbers[i - 1] = std::strtoull(words[i], nullptr, 10);
+    }
+    const auto& [first, last, seconds] = numbers;
+    g_program = words[0];
+    for (const int signal : {SIGALRM, SIGABRT, SIGSEGV, SIGILL}) {
+        std::signal(signal, Crashed);
+    }
+    const std::time_t end = std::time(nullptr) + static_cast<std::time_t>(seconds);
+    uint64_t broken = 0;
+    for (g_seed = first; g_seed <= std::max(first, last) && broken < 5 && std::time(nullptr) < end;
+         ++g_seed) {
+        alarm(kLongest);
+        g_memory = {};
+        const std::string promise = World(g_seed, count == 2).Run();
+        if (!promise.empty()) {
+            Name(promise);
+            ++broken;
+        }
+    }
+    std::cout << g_seed - first << " seeds, " << broken << " with a broken promise" << std::endl;
+    return broken == 0 ? 0 : 1;
 }

@@ -12,6 +12,8 @@
 namespace kesto::simulation {
 namespace {
 
+using namespace std::string_literals;
+
 constexpr auto kCalm = 130s;      // after the faults, until each server must have its part of the scans
 constexpr auto kLongest = 1200s;  // until the last client ends
 constexpr uint64_t kAll = UINT64_MAX;
@@ -70,23 +72,18 @@ World::World(uint64_t seed, bool the_tells) : tells(the_tells), net(seed) {
 }
 
 LinePtr World::Connect(const std::string& where) {
-    std::vector<unsigned> numbers;
-    std::istringstream parts(where);
-    for (std::string part; std::getline(parts, part, '.');) {
-        numbers.push_back(static_cast<unsigned>(std::atoi(part.c_str())));
-    }
-    const bool v6 = numbers.size() == 16;
-    Server& server = *servers.at(numbers[v6 ? 15 : 2]);
+    const size_t dot = where.rfind('.');
+    const auto last = static_cast<unsigned>(std::atoi(where.c_str() + dot + 1));
+    Never(where.starts_with("127."), "the bridge connects to itself");
+    Server& server =
+        *servers.at(static_cast<size_t>(std::atoi(where.c_str() + where.rfind('.', dot - 1) + 1)));
     server.asked_at = net.now;
-    if (v6 || (numbers[3] == 1 + server.moves && server.fault != Fault::kMoved)) {
+    if (last == 1 + server.moves && server.fault != Fault::kMoved) {
         server.lines.push_back(std::make_shared<ServerLine>(*this, &server, false));
         return server.lines.back();
     }
-    if (numbers[0] == 127) {
-        Broken("the bridge connects to itself");
-    }
     return std::make_shared<ServerLine>(*this, nullptr,
-                                        numbers[3] == 99 ? server.dead_address == 1 : net.dice.OneIn(2));
+                                        last == 99 ? server.dead_address == 1 : net.dice.OneIn(2));
 }
 
 int World::LookUp(const std::string& name, uint16_t port, std::vector<ServerAddress>& addresses) {
@@ -94,18 +91,15 @@ int World::LookUp(const std::string& name, uint16_t port, std::vector<ServerAddr
     if (lookups_fail && net.dice.OneIn(2) && net.now < Time(24h) + lasts) {
         return 11001;
     }
-    server.Found();
+    server.Know(true);
     const std::string prefix = "10.0." + std::to_string(server.number) + ".";
-    const auto add = [&](const std::string& host) {
-        addresses.push_back(*ParseServerAddress(host + ":" + std::to_string(port)));
-    };
-    if (net.dice.OneIn(4)) {
-        add("127.0.0.1");
+    for (const auto& [is_found, host] : {std::pair(net.dice.OneIn(4), "127.0.0.1"s),
+                                         {server.dead_address != 0, prefix + "99"},
+                                         {true, prefix + std::to_string(1 + server.moves)}}) {
+        if (is_found) {
+            addresses.push_back(*ParseServerAddress(host + ":" + std::to_string(port)));
+        }
     }
-    if (server.dead_address != 0) {
-        add(prefix + "99");
-    }
-    add(prefix + std::to_string(1 + server.moves));
     return 0;
 }
 
@@ -122,7 +116,7 @@ void World::SetList(uint64_t which) {
             Tell(server->name, listed ? " is in the list" : " is taken out of the list");
             server->listed_at = net.now;
             server->up = false;
-            server->Forgotten();
+            server->Know(false);
         }
     }
     const Inside inside;
@@ -150,28 +144,18 @@ void World::LetIn() {
 void World::Step() {
     const uint64_t failed = g_memory.failed;
     crowd = bridge->clients.size();
-    bool ticked = false;
-    try {
-        const Inside inside;
-        ticked = loop->RunOnce([this] {
-            const Outside outside;
-            LetIn();
-        });
-    } catch (const std::exception& error) {
-        Broken("an exception leaves the loop: ", error.what());
-    }
-    if (net.at_this_moment > 1'000'000) {
-        Broken("the bridge goes on for ever in one moment");
-    }
+    g_memory.inside = true;
+    const bool ticked = loop->RunOnce([this] {
+        const Outside outside;
+        LetIn();
+    });
+    g_memory.inside = false;
+    Never(net.at_this_moment > 1'000'000, "the bridge goes on for ever in one moment");
     lacked_at = failed != g_memory.failed ? net.now : lacked_at;
     LookAtServers();
     for (const auto& client : let_in) {
         client->lacked |= lacked_at == net.now;
-        if (client->closed) {
-            Closes(*client);
-        } else if (ticked) {
-            LookAt(*client);
-        }
+        client->closed ? Closes(*client) : ticked ? LookAt(*client) : void();
     }
     std::erase_if(let_in, [](const auto& client) { return client->closed; });
 }
@@ -188,9 +172,7 @@ std::string World::Run() {
     while (broken.empty() && !bridge->io.stopped() &&
            (net.now < calm || !let_in.empty() || !arrivals.empty())) {
         Step();
-        if (net.now > calm + kLongest) {
-            Broken("some client never ends");
-        }
+        Never(net.now > calm + kLongest, "some client never ends");
     }
     if (!bridge->io.stopped()) {
         ServeTheLast();
@@ -199,9 +181,7 @@ std::string World::Run() {
     }
     for (const Time end = net.now + 150s; broken.empty() && net.open + net.waking != 0;) {
         Step();
-        if (net.now > end || !bridge->io.stopped()) {
-            Broken("the bridge does not end although no client is left");
-        }
+        Never(net.now > end || !bridge->io.stopped(), "the bridge does not end although no client is left");
     }
     if (broken.empty()) {
         CheckTheEnd();
@@ -211,29 +191,23 @@ std::string World::Run() {
 
 // When all servers have been well for long, each of them gets its part of the scans.
 void World::ServeTheLast() {
-    for (const Time ready = net.now + 40s; broken.empty() && net.now < ready;) {
+    const Time ready = net.now + 40s;
+    while (broken.empty() && net.now < ready) {
         Step();
     }
     const size_t first = clients.size();
     for (size_t i = 0; i < 2 * list.size(); ++i) {
         clients.push_back(std::make_shared<Client>(*this, clients.size(), 0s));
     }
-    for (const Time end = net.now + 60s; broken.empty() && net.now < end;) {
+    while (broken.empty() && net.now < ready + 60s) {
         Step();
     }
-    std::vector<Server*> served;
     for (size_t i = first; i < clients.size(); ++i) {
-        for (const auto& line : clients[i]->lines) {
-            served.push_back(line->server);
-        }
-        if (!clients[i]->WasTold(kCleanReply) || !clients[i]->answered) {
-            Broken(clients[i]->Text(), " is not served although all servers are well");
-        }
+        Never(!clients[i]->WasTold(kCleanReply) || !clients[i]->answered, *clients[i],
+              " is not served by servers that are well");
     }
-    for (Server* server : list) {
-        if (std::find(served.begin(), served.end(), server) == served.end()) {
-            Broken(server->name, " gets no scan although it is well");
-        }
+    for (const Server* server : list) {
+        Never(server->scan_at < ready, *server, " gets no scan although it is well");
     }
 }
 

@@ -15,6 +15,11 @@ struct Client;
 struct ServerLine;
 struct World;
 
+template <typename List, typename Condition>
+ptrdiff_t Count(const List& list, Condition condition) {
+    return std::count_if(list.begin(), list.end(), condition);
+}
+
 enum class Fault {
     kNone,
     kRefuses,     // it has died
@@ -35,8 +40,7 @@ enum class Fault {
 struct Server {
     Server(World& world, size_t number);
     void Begin(Fault next);
-    void Found();      // its address, by the bridge
-    void Forgotten();  // the same
+    void Know(bool its_address);
     void Pump();
     bool IsWell() const { return fault == Fault::kNone; }
     bool StandsStill() const { return fault >= Fault::kUnanswered && fault <= Fault::kStopped; }
@@ -45,18 +49,16 @@ struct Server {
 
     World& world;
     const size_t number;
-    bool named, v6;
+    bool named;
     uint64_t dead_address;  // its name has another address first, which 1: refuses, 2: does not answer
     uint64_t largest;       // file
     Duration scan;
     std::string name;  // as set
     unsigned moves = 0;
     Fault fault = Fault::kNone;
-    bool known = true;  // where it is
-    bool listed = false;
-    bool up = false;  // for the bridge
+    bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
     Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{};
-    Time verdict_at{}, erred_at{}, asked_at{};  // read, read, and begun by the bridge
+    Time verdict_at{}, erred_at{}, asked_at{}, scan_at{};  // read, read, begun, written by the bridge
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
 
@@ -66,7 +68,6 @@ struct ServerLine final : Line {
     void Accept();
     void Resume();
     bool Runs() const { return IsOpen() && !replied; }
-    bool IsLost() const { return !IsOpen() && !replied; }
 
     void Begins() override;
     void Content(uint64_t at, std::span<uint8_t> to) override;
@@ -83,15 +84,13 @@ struct ServerLine final : Line {
     Server* const server;  // null: nobody is there
     const bool refuses;    // of nobody
     const Time began = net.now;
-    Client* client = nullptr;  // whose scan it is
-    std::string head;          // the first bytes of the request
-    uint64_t size = UINT64_MAX;
-    uint64_t checked = 0;  // bytes that were
-    bool accepted = false;
-    bool answers = false;
-    bool whole = false;  // all of the scan was given to the system
-    std::string reply, said;
-    bool replied = false;  // which the bridge has read, and takes notice of
+    Client* client = nullptr;                 // whose scan it is
+    std::string head;                         // the first bytes of the request
+    uint64_t size = UINT64_MAX, checked = 0;  // bytes
+    bool accepted = false, answers = false;
+    bool whole = false;       // all of the scan was given to the system
+    std::string reply, said;  // the latter was read
+    bool replied = false;     // and the bridge takes notice of it
     Time replied_at{};
 };
 
@@ -101,7 +100,6 @@ struct Client final : Line {
     Client(World& world, size_t number, Duration arrives);
     void Arrive();
     void Leave(const char* how, bool resets);
-    std::string Text() const { return "client " + std::to_string(number); }
     uint64_t RequestSize() const;
     void Request(uint64_t at, std::span<uint8_t> to, bool shifted) const;
     bool Scans() const { return kind <= Kind::kErrs; }
@@ -110,12 +108,9 @@ struct Client final : Line {
     bool WasTold(std::string_view text) const;  // by a server that has got all that matters
     void Step();
 
-    void Begins() override {}
     void Content(uint64_t at, std::span<uint8_t> to) override;
     void WasRead() override;
     void Writes(std::span<const uint8_t> bytes) override;
-    void Gives(std::span<const uint8_t> /*bytes*/) override {}
-    bool Takes() const override { return true; }
     void Took() override;
     void Closed(bool /*ends*/) override { left = true; }
 
@@ -132,15 +127,14 @@ struct Client final : Line {
     bool steps = false;
 
     std::vector<std::shared_ptr<ServerLine>> lines;  // of its scan
-    bool squeezed = false;                           // there may have been no room for its stream
-    bool lacked = false;                             // memory
-    bool left = false;                               // nobody is there any more
-    bool answered = false;
+    bool squeezed = false, lacked = false;  // there may have been no room for its stream, or no memory
+    bool left = false, answered = false;    // nobody is there any more; it was given a whole reply
     size_t repeats = 0;
     Time repeated_at{}, came{}, ended{}, heard{}, told{}, answered_at{};
+    Time beside_at{};           // when a busy server got it beside another one
     Time due{}, alone_since{};  // the latest time at which its stream may have ended, no server had it
-    std::string text;           // what the bridge tells it
-    std::string end;            // why the bridge closed it
+    std::string text, end;      // what the bridge tells it, and why it was closed
+    std::string asked;          // names of servers, among others
 };
 
 struct World {
@@ -170,6 +164,11 @@ struct World {
         }
     }
 
+    template <typename... Parts>
+    void Never(bool happens, const Parts&... parts) {
+        happens ? Broken(parts...) : void();
+    }
+
     LinePtr Connect(const std::string& where);
     int LookUp(const std::string& name, uint16_t port, std::vector<ServerAddress>& addresses);
     void SetList(uint64_t which);
@@ -197,16 +196,21 @@ struct World {
     std::unique_ptr<bridge::Loop> loop;
     std::vector<std::unique_ptr<Server>> servers;
     std::vector<Server*> list;
-    std::vector<std::shared_ptr<Client>> clients;
+    std::vector<std::shared_ptr<Client>> clients, let_in;  // all, and those not closed
     std::deque<std::shared_ptr<Client>> arrivals;
-    std::vector<std::shared_ptr<Client>> let_in;  // and not closed
-    uint64_t reading = 0;                         // bytes of all scans under way
-    size_t crowd = 0;                             // clients before this step
+    size_t reading = 0, crowd = 0;  // bytes of all scans under way, clients before this step
     size_t refused = 0, repeated = 0;
     std::optional<Time> down_since;
     Time lacked_at{};
     std::string broken;
 };
+
+inline std::ostream& operator<<(std::ostream& out, const Client& client) {
+    return out << "client " << client.number;
+}
+inline std::ostream& operator<<(std::ostream& out, const Server& server) {
+    return out << server.name;
+}
 
 extern World* g_world;
 

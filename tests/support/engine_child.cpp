@@ -9,38 +9,24 @@
 // windows.h must come after winsock2.h.
 #include <windows.h>
 
-namespace kesto {
-namespace {
-
-constexpr int kLongestLifeMs = 120'000;  // if nothing else ends it
-
-DWORD Play(const std::string& program) {
+int main() {
+    using namespace kesto;
+    char path[MAX_PATH];
+    const std::string program(path, GetModuleFileNameA(nullptr, path, sizeof path));
     std::ifstream file(program + ".role");
     std::string role;
     uint16_t number = 0;
     file >> role >> number;
-
-    std::optional<ScriptedEngine> engine;
-    if (role == "engine") {
-        engine.emplace(Realistic({.shifted = true}), number);
-    }
-    std::ofstream(program + ".started", std::ios::app | std::ios::binary) << '1';
-    if (role == "exit") {
-        return number;
-    }
-    WaitFor([&] { return role == "release" && std::filesystem::exists(program + ".release"); },
-            std::chrono::milliseconds(kLongestLifeMs));
-    return number;
-}
-
-}  // namespace
-}  // namespace kesto
-
-int main() {
-    char path[MAX_PATH];
-    const std::string program(path, GetModuleFileNameA(nullptr, path, sizeof path));
     try {
-        return static_cast<int>(kesto::Play(program));
+        std::optional<ScriptedEngine> engine;
+        if (role == "engine") {
+            engine.emplace(Realistic({.shifted = true}), number);
+        }
+        std::ofstream(program + ".started", std::ios::app | std::ios::binary) << '1';
+        constexpr std::chrono::minutes kLongestLife{2};  // if nothing else ends it
+        const auto ends = [&] { return std::filesystem::exists(program + ".release"); };
+        WaitFor([&] { return role == "exit" || (role == "release" && ends()); }, kLongestLife);
+        return number;
     } catch (const std::exception&) {
         return 98;  // another engine has the port
     }

@@ -3,7 +3,6 @@
 #include <psapi.h>
 
 #include <cstring>
-#include <mutex>
 #include <stdexcept>
 
 namespace kesto {
@@ -25,32 +24,21 @@ HANDLE NewHandle(size_t id) {
 }
 
 void Record(const std::string& call) {
-    static std::mutex guard;
-    const std::lock_guard lock(guard);
     g_system->calls.push_back(call);
 }
 
-// Ends waits that a fault has made endless: from here on no engine runs or starts.
-void Step() {
-    if (++g_system->steps == 20'000) {
-        g_system->Become({.processes = {}, .accepts_from = kNever, .starts = false, .clock = kNever / 2});
-    }
-}
-
 DWORD WINAPI TickCount() {
-    Step();
     return kTickBase + (g_system->clock += g_system->look_takes);
 }
 
 void WINAPI Pause(DWORD ms) {
-    Step();
     g_system->clock += ms;
 }
 
 BOOL WINAPI Enumerate(DWORD* ids, DWORD size, DWORD* bytes) {
     Record("enumerate");
-    size_t count = 0;
-    ids[count++] = 0;
+    size_t count = 1;
+    ids[0] = 0;
     for (size_t i = 0; i < g_system->processes.size() && count < size / sizeof *ids; ++i) {
         const FakeProcess& each = g_system->processes[i];
         if (each.appears <= g_system->clock && g_system->clock < each.ends) {
@@ -68,10 +56,7 @@ HANDLE WINAPI Open(DWORD rights, BOOL inherited, DWORD id) {
 
 DWORD WINAPI ImageOf(HANDLE process, char* image, DWORD size) {
     const std::string& name = ProcessOf(process)->image;
-    if (name.size() >= size) {
-        return 0;
-    }
-    return static_cast<DWORD>(name.copy(image, size - 1) + (image[name.size()] = '\0'));
+    return name.size() < size ? name.copy(image, size) + (image[name.size()] = '\0') : 0;
 }
 
 BOOL WINAPI Terminate(HANDLE process, UINT code) {
@@ -118,7 +103,6 @@ BOOL WINAPI ExitCodeOf(HANDLE, DWORD* code) {
 }
 
 int WINAPI Connect(SOCKET socket, const sockaddr* address, int size) {
-    Step();
     const auto& server = *reinterpret_cast<const sockaddr_in*>(address);
     if (g_system->clock >= g_system->accepts_from && server.sin_addr.s_net == 127) {
         return connect(socket, address, size);
@@ -153,22 +137,19 @@ void ImportPatch::Write(void* function) {
     VirtualProtect(slot_, sizeof *slot_, before, &before);
 }
 
-FakeSystem::FakeSystem(const PluginLibrary& plugin) {
+FakeSystem::FakeSystem(void* plugin)
+    : patches_{{plugin, "GetTickCount", TickCount},
+               {plugin, "Sleep", Pause},
+               {plugin, "K32EnumProcesses", Enumerate},
+               {plugin, "OpenProcess", Open},
+               {plugin, "K32GetProcessImageFileNameA", ImageOf},
+               {plugin, "TerminateProcess", Terminate},
+               {plugin, "WaitForSingleObject", WaitOn},
+               {plugin, "CloseHandle", Close},
+               {plugin, "CreateProcessA", Create},
+               {plugin, "GetExitCodeProcess", ExitCodeOf},
+               {plugin, "connect", Connect}} {
     g_system = this;
-    const auto patch = [&](const char* name, auto* call) {
-        patches_.emplace_back(plugin.module, name, call);
-    };
-    patch("GetTickCount", TickCount);
-    patch("Sleep", Pause);
-    patch("K32EnumProcesses", Enumerate);
-    patch("OpenProcess", Open);
-    patch("K32GetProcessImageFileNameA", ImageOf);
-    patch("TerminateProcess", Terminate);
-    patch("WaitForSingleObject", WaitOn);
-    patch("CloseHandle", Close);
-    patch("CreateProcessA", Create);
-    patch("GetExitCodeProcess", ExitCodeOf);
-    patch("connect", Connect);
 }
 
 }  // namespace kesto

@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <list>
 #include <string>
 #include <vector>
 
@@ -61,20 +60,19 @@ struct SystemState {
 
 class FakeSystem : public SystemState {  // one at a time
  public:
-    explicit FakeSystem(const PluginLibrary& plugin);
+    explicit FakeSystem(void* plugin);
     void Become(const SystemState& state) { static_cast<SystemState&>(*this) = state; }
 
     std::vector<std::string> calls;  // in order, with what matters of their arguments
     int open_handles = 0;
-    int steps = 0;  // of all waits so far
 
  private:
-    std::list<ImportPatch> patches_;
+    const ImportPatch patches_[11];
 };
 
 // A plug-in to which an engine process only seems to run. Ports are real.
 struct DrivenPlugin : InstalledPlugin {
-    FakeSystem system{plugin};
+    FakeSystem system{plugin.module};
 };
 
 class PluginTest : public testing::Test, protected DrivenPlugin {};

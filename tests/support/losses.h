@@ -1,19 +1,11 @@
-// Whether a process loses anything: handles, sockets among them, and bytes of the heap that it shares with
-// the plug-in.
 #pragma once
 
 #include <functional>
 
 namespace kesto {
 
-struct Holdings {
-    int handles;
-    long long bytes;
-};
-Holdings CountHoldings();
-
-// Expects that `fault` loses nothing: runs it once for what is made only once, and then often enough for a
-// loss to show.
+// Expects that `fault` loses no handles, sockets among them, and no bytes of the heap that the process shares
+// with the plug-in: runs it once for what is made only once, and then often enough for a loss to show.
 void ExpectNothingLost(int rounds, const std::function<void()>& fault);
 
 }  // namespace kesto

@@ -1,6 +1,5 @@
 #include "tests/support/plugin_host.h"
 
-#include <algorithm>
 #include <stdexcept>
 
 namespace kesto {
@@ -22,10 +21,9 @@ std::string LoadedPlugin::VersionDetails() const {
 }
 
 std::string ScanWith(const PluginLibrary& plugin, std::string_view data, std::string_view name) {
-    ScanFileInput input = {};
-    std::copy_n(name.data(), std::min(name.size(), sizeof input.name), input.name);
-    input.size = static_cast<uint32_t>(data.size());
-    input.data = reinterpret_cast<const uint8_t*>(data.data());
+    ScanFileInput input = {"", static_cast<uint32_t>(data.size()),
+                           reinterpret_cast<const uint8_t*>(data.data())};
+    name.copy(input.name, sizeof input.name);
     const std::string untouched(kDetectionSize + 16, '\x5E');  // with guard bytes behind it
     std::string detection = untouched;
     ScanFileResult result = {kUntouched, kUntouched, detection.data()};

@@ -41,12 +41,12 @@ struct Line : std::enable_shared_from_this<Line> {
     bool IsOpen() const { return !closed && !broken; }
 
     // What the other side is told, and asked.
-    virtual void Begins() = 0;  // the bridge connects
+    virtual void Begins() {}  // the bridge connects
     virtual void Content(uint64_t at, std::span<uint8_t> bytes) = 0;
     virtual void WasRead() = 0;
     virtual void Writes(std::span<const uint8_t> /*bytes*/) {}  // the beginning of what it begins to write
-    virtual void Gives(std::span<const uint8_t> bytes) = 0;     // on their way
-    virtual bool Takes() const = 0;
+    virtual void Gives(std::span<const uint8_t> /*bytes*/) {}     // on their way
+    virtual bool Takes() const { return true; }
     virtual void Took() = 0;             // more of them have come
     virtual void Closed(bool ends) = 0;  // the bridge has: nothing more comes; otherwise it is over at once
 
