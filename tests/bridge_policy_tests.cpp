@@ -1,6 +1,7 @@
 // What the bridge decides, with events and times handed in: no sockets, no clocks.
 #include <gmock/gmock.h>
 
+#include "bridge/framing.h"
 #include "bridge/kept_stream.h"
 #include "bridge/metrics.h"
 #include "bridge/scan_policy.h"
@@ -123,6 +124,13 @@ TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
     EXPECT_TRUE(stream.IsWindow());
     EXPECT_LE(room.used, room.limit);
     EXPECT_GE(room.used, 700'000u);
+}
+
+TEST(BridgeFraming, CommandsAreKnownEarly) {
+    for (const auto& [bytes, command] :
+         {std::pair("zINSTREAM"sv, Command::kIncomplete), {"zPINGS"sv, Command::kUnknown}}) {
+        EXPECT_EQ(FindCommand(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()).command, command);
+    }
 }
 
 TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {

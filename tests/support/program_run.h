@@ -29,6 +29,7 @@ class ProgramRun {
     ProgramRun(const ProgramRun&) = delete;
     ProgramRun& operator=(const ProgramRun&) = delete;
 
+    std::string Err() const { return ReadFile(err_path_); }  // so far
     // As the system itself tells a single process, with any event: CTRL_BREAK_EVENT, CTRL_LOGOFF_EVENT...
     void SendConsoleEvent(DWORD event) const;
     RunResult Finish() const;  // waits for the end
