@@ -104,8 +104,6 @@ TEST(GuardPolicy, Stories) {
         {"0 wrong 1|1 crowd 1|1.1 crowd 0|5.2 wrong 2|5.5 crowd 1|5.6 crowd 0|11 well 3|20 ends 3|20 crowd "
          "1|22 end",
          "0+1 1? 5.1+2! 5.5? 10.35+3! 20+4 "},
-        {"0 well 1|1 asked|2 wrong 2|2 crowd 1|3 ends 1|4 end",
-         "0+1 1+2 2=the new kestobridge.exe ends 3+3! "},
         // A silent worker is ended, whether or not it has served; sooner where another one serves.
         {"17 well 2|18 hangs 2|35 well 3|35 asked|46.5 end",
          "0+1 15.25x1 15.25+2 33x2 33+3 35+4 45.25x4 45.25=the new kestobridge.exe hangs "},

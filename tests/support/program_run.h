@@ -29,7 +29,6 @@ class ProgramRun {
     ProgramRun(const ProgramRun&) = delete;
     ProgramRun& operator=(const ProgramRun&) = delete;
 
-    bool Running() const { return WaitForSingleObject(process_.hProcess, 0) == WAIT_TIMEOUT; }
     std::string Err() const { return ReadFile(err_path_); }  // so far
     // As the system itself tells a single process, with any event: CTRL_BREAK_EVENT, CTRL_LOGOFF_EVENT...
     void SendConsoleEvent(DWORD event) const;

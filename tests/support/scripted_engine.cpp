@@ -137,10 +137,9 @@ EngineScript Replying(std::string_view text) {
     return ReplyingBytes(WithNul(text));
 }
 
-EngineScript DyingAfter(size_t bytes, bool resets, const std::string& reply) {
+EngineScript DyingAfter(size_t bytes, bool resets) {
     return [=](Wire& wire) {
         wire.Receive(bytes);
-        wire.Send(reply);
         if (resets) {
             wire.Reset();
         }
@@ -179,22 +178,17 @@ std::string VersionOfDaysAgo(int days) {
 }
 
 ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port) : script_(std::move(script)), port_(port) {
-    Revive();
-}
-
-void ScriptedEngine::Play(EngineScript script) {
-    const std::lock_guard lock(guard_);
-    script_ = std::move(script);
-}
-
-void ScriptedEngine::Revive() {
     const SOCKET listener = ListenOnLoopback(port_);
     if (listener == INVALID_SOCKET) {
         throw std::runtime_error("port " + std::to_string(port_) + " is taken");
     }
     SetNonBlocking(listener);
-    killed_ = false;
     accepting_ = std::jthread([this, listener] { Accept(listener); });
+}
+
+void ScriptedEngine::Play(EngineScript script) {
+    const std::lock_guard lock(guard_);
+    script_ = std::move(script);
 }
 
 void ScriptedEngine::Kill() {
@@ -214,17 +208,11 @@ void ScriptedEngine::Accept(SOCKET listener) {
             Connection& it = connections_.emplace_back(killed_);
             ++accepted_;
             it.thread = std::jthread([this, &it, accepted, play = script_] {
-                {
-                    Wire wire(accepted, &it);
-                    play(wire);
-                    if (killed_) {
-                        wire.Reset();
-                    }
+                Wire wire(accepted, &it);
+                play(wire);
+                if (killed_) {
+                    wire.Reset();
                 }
-                if (accepted_ > 100) {  // so as not to run out of memory
-                    it.request = {};
-                }
-                ++ended_;
             });
         }
     }

@@ -74,8 +74,8 @@ enum class Then { kHangsUp, kResets, kHolds };
 // Replies to each request with exactly these bytes, in pieces of this size.
 EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp, size_t piece = SIZE_MAX);
 EngineScript Replying(std::string_view text);  // the same with a NUL behind it
-// As soon as it has received so many bytes, having sent the reply as it stands.
-EngineScript DyingAfter(size_t bytes, bool resets = false, const std::string& reply = "");
+// As soon as it has received so many bytes.
+EngineScript DyingAfter(size_t bytes, bool resets = false);
 inline const EngineScript kDeaf = [](Wire& wire) { wire.Hold(); };  // never reads
 EngineScript Endless(std::string beginning);  // the beginning and then x after x, without a NUL
 // As clamd does: PONG, its version, and to a scan FOUND when the data is the EICAR string or holds VIRUS,
@@ -98,11 +98,9 @@ class ScriptedEngine {
 
     void Play(EngineScript script);  // for the connections from now on
     void Kill();                     // refuses, and resets what is under way
-    void Revive();                   // listens on the same port again
 
     unsigned Accepted() const { return accepted_; }  // connections so far
-    unsigned Ended() const { return ended_; }        // connections whose script has returned
-    std::vector<EngineRequest> Requests() const;     // as accepted; of the first hundred
+    std::vector<EngineRequest> Requests() const;     // as accepted
 
  private:
     struct Connection : Wire::Script {
@@ -115,9 +113,8 @@ class ScriptedEngine {
     EngineScript script_;
     std::list<Connection> connections_;
     uint16_t port_;
-    std::atomic<bool> killed_ = true;
+    std::atomic<bool> killed_ = false;
     std::atomic<unsigned> accepted_ = 0;
-    std::atomic<unsigned> ended_ = 0;
     std::jthread accepting_;
 };
 
