@@ -5,6 +5,7 @@
 #include "base/clamd_words.h"
 #include "host/check/checks.h"
 #include "host/check/dynamic_ports.h"
+#include "host/check/test_samples.h"
 #include "tests/support/plugin_host.h"
 // It needs windows.h before it.
 #include <sddl.h>
@@ -80,6 +81,7 @@ TEST_F(CheckTest, NamesTheFaultOfEachInstallationAndNoOtherAndLeavesItAsItIs) {
          ScansSaying(std::string(kSizeLimitReply), 2 << 20)},
         {failed + server + "zPING: no answer: the connection ", DyingAfter(1)},
         {"warning  " + server + "zVERSION: \"Engine 1/27000/", Clamd(true, 8), "", L"", warned},
+        {"ok       " + server + "zVERSION: ", Clamd(true, 7), "", L"", " 0 warnings, 0 failed\n"},
         {"warning  " + server + "zVERSION: \"E\": the age of", Realistic({.shifted = true, .version = "E"}),
          "", L"", warned},
     };
@@ -117,17 +119,28 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
     EXPECT_THAT(Check().out, HasSubstr("kestobridge.exe is missing: every scan ends with error 1003"));
     installed.PlaceStandIn(installed.worker, "wait");
     EXPECT_THAT(Check().out, HasSubstr("kestobridge.exe is damaged"));
+    std::string newer = ReadFile(installed.top / "old");
+    newer.replace(newer.find("P\0r\0o\0d\0u\0c\0t\0V\0e\0r\0s\0i\0o\0n"s) + 30, 1, "9");
+    WriteFile(installed.worker, newer);
+    EXPECT_THAT(Check().out, HasSubstr("warning  engine worker: kestobridge.exe is of version 9"));
 
     const auto log = installed.engine_folder / "bridge.log";
     WriteFile(installed.engine_folder / "bridge.ini",
-              std::string(2000, ';') + "\r\n[bridge]\r\nidle=5\r\ndecrypt=0\r\nupstreams=" + good.Address() +
-                  "\r\nlisten=0.0.0.0:" + std::to_string(port));
+              std::string(2000, ';') + "\r\n[bridge]\r\nidle=5\r\ndecrypt=0\r\nwait=121\r\nupstreams=" +
+                  good.Address() + "\r\nlisten=0.0.0.0:" + std::to_string(port));
     SetFileAttributesW(log.c_str(), FILE_ATTRIBUTE_READONLY);
     EXPECT_THAT(Check().out, AllOf(HasSubstr("failed   bridge settings: decrypt differs from encrypt=1"),
                                    HasSubstr("warning  bridge settings: listens on 0.0.0.0:"),
                                    HasSubstr("warning  bridge settings: idle=5 gives up"),
+                                   HasSubstr("warning  bridge settings: wait=121 is longer"),
                                    HasSubstr("bridge.log cannot be written: it is read-only")));
     SetFileAttributesW(log.c_str(), FILE_ATTRIBUTE_NORMAL);
+    blind.Kill();
+    // The files agree again, but the bridge still runs with what they said before.
+    installed.WriteSettings(Servers(port) + "encrypt=0");
+    EXPECT_THAT(Check().out, AllOf(Not(HasSubstr("decrypt differs")),
+                                   HasSubstr("EICAR: found only with encrypt=1: plug-in and engine do not "
+                                             "agree, and every virus passes -> run kestoscan --restart")));
 }
 
 TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysTheSameAsJson) {
@@ -163,9 +176,13 @@ TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
     says("warning  engine process: kestoav.exe runs from elsewhere");
+    installed.StartStandIn(installed.engine);
+    says("warning  engine process: 2 processes named kestoav.exe run");
     installed.EndPrograms();
     WriteFile(installed.engine, "no program");
     says("kestoav.exe is not a program, or is damaged: no engine can be started");
+    WriteFile(installed.updater, "");
+    says("kestoavu.exe is not a program, or is damaged: no update can be started");
     DeleteFileW(installed.engine.c_str());
     says("kestoav.exe is missing: no engine can be started");
 }
@@ -177,6 +194,8 @@ TEST_F(CheckTest, TakesSettingsInUtf16) {
     }
     WriteFile(installed.folder / "kestoav.ini", wide);
     EXPECT_THAT(Check().out, HasSubstr("kestoav.ini line 3: encrypt=\"yes\" is not a number"));
+    WriteFile(installed.folder / "kestoav.ini", wide.substr(2));  // which the plug-in cannot read
+    EXPECT_THAT(Check().out, HasSubstr("-> save it as ANSI text"));
 }
 
 TEST_F(CheckTest, WorksByTheShortNameAndWarnsOfBlanks) {
@@ -196,8 +215,10 @@ TEST(EngineProcess, IsToldAsFarAsThisAccountMaySee) {
     const ProgramProcess ours{7, true, L""}, hidden{8, false, L""};
     const PortOwner chat{9, "chat.exe"};
     const std::tuple<std::vector<ProgramProcess>, std::optional<PortOwner>, const char*> cases[] = {
+        {{ours}, PortOwner{7, "a"}, "ok       engine process: kestoav.exe runs as process 7 under VM\\mail"},
         {{ours}, chat, "failed   engine process: kestoav.exe runs as process 7 under VM\\mail, but its port"},
         {{hidden}, {}, "warning  engine process: kestoav.exe runs as process 8 under another account -> "},
+        {{hidden}, chat, "failed   engine process: kestoav.exe runs as process 8 under another account, but"},
     };
     for (const auto& [engines, owner, line] : cases) {
         Findings findings;
@@ -207,27 +228,34 @@ TEST(EngineProcess, IsToldAsFarAsThisAccountMaySee) {
 }
 
 TEST(Rights, UsersMayWriteByAnyRightThatLeadsThere) {
-    const std::pair<const char*, std::vector<const char*>> cases[] = {
-        {"", {"D:(A;;FA;;;BA)(A;;FRFX;;;BU)", "D:(A;OICIIO;GA;;;BU)", "D:(D;;GA;;;WD)(A;;GA;;;BU)"}},
-        {"Users",
-         {"D:(A;;0x2;;;BU)", "D:(A;;0x4;;;BU)", "D:(A;;0x40;;;BU)", "D:(A;;SD;;;BU)", "D:(A;;WD;;;BU)",
-          "D:(A;;WO;;;BU)", "D:(A;;GW;;;BU)", "D:(A;;GA;;;BU)(D;;GA;;;WD)", "D:(D;;FR;;;BU)(A;;GA;;;BU)",
-          "D:(D;;GA;;;BG)(A;;GA;;;BU)"}},
-        {"Everyone", {"", "D:(D;;GA;;;AU)(A;;GA;;;WD)"}},
-        {"Authenticated Users", {"D:(A;;GA;;;AU)"}},
-    };
-    for (const auto& [who, all] : cases) {
-        for (const char* rights : all) {
-            EXPECT_EQ(WhoMayWrite(Descriptor("O:BA"s + rights).get()), who) << rights;
-        }
+    for (const char* kept : {"O:BAD:", "O:BAD:(A;;FA;;;BA)(A;;FRFX;;;AU)(A;;FRFX;;;WD)(A;;FRFX;;;BU)",
+                             "O:BAD:(A;OICIIO;GA;;;BU)", "O:BAD:(D;;GA;;;WD)(A;;GA;;;BU)"}) {
+        EXPECT_EQ(WhoMayWrite(Descriptor(kept).get()), "") << kept;
+    }
+    for (const char* users :
+         {"(A;;0x1301bf;;;BU)", "(A;;0x2;;;BU)", "(A;;0x4;;;BU)", "(A;;0x40;;;BU)", "(A;;SD;;;BU)",
+          "(A;;WD;;;BU)", "(A;;WO;;;BU)", "(A;;GW;;;BU)", "(A;;GA;;;BU)", "(A;;GA;;;BU)(D;;GA;;;WD)",
+          "(D;;FR;;;BU)(A;;GA;;;BU)", "(D;;GA;;;BG)(A;;GA;;;BU)"}) {
+        EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:"s + users).get()), "Users") << users;
     }
     EXPECT_EQ(WhoMayWrite(Descriptor("O:BUD:").get()), "Users");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BA").get()), "Everyone");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:(D;;GA;;;AU)(A;;GA;;;WD)").get()), "Everyone");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:(A;;GA;;;AU)").get()), "Authenticated Users");
+    EXPECT_EQ(WhoMayWrite(Descriptor("O:BAD:(A;;GA;;;BG)").get()), "Guests");
 }
 
 TEST(DynamicPorts, AreTheLastTwoNumbersInAnyLanguage) {
     const auto range = PortRangeIn("Protokoll tcp4\r\n---\r\nStartport : 1025\r\nZahl : 64511\r\n");
     EXPECT_EQ(range->first * 100'000ull + range->count, 102'564'511u);
     EXPECT_FALSE(PortRangeIn("") || PortRangeIn("Port 3") || PortRangeIn("123456 : 7"));
+}
+
+// A file that holds the test string whole would be quarantined on many machines.
+TEST(TestSamples, ProgramDoesNotHoldTheTestString) {
+    EXPECT_EQ(EicarTestString().size(), 68u);
+    EXPECT_THAT(ReadFile(BuiltFolder() / "kestoscan.exe"),
+                AllOf(SizeIs(Gt(100'000u)), Not(HasSubstr(EicarTestString()))));
 }
 
 }  // namespace

@@ -36,6 +36,9 @@ files=$(find . -type f | sort | xargs)
 ./SETTINGS.txt ./THIRD-PARTY.txt ./TROUBLESHOOTING.txt ./kestoav.ini ./kestoscan.exe \
 ./monitoring/alerts.yml ./plugins/kestoav/bridge.ini ./plugins/kestoav/kestoav.exe \
 ./plugins/kestoav/kestoavu.exe ./plugins/kestoav/kestobridge.exe" ] || fail "the zip holds $files"
+for text in *.txt *.ini plugins/kestoav/*.ini; do
+  if grep -qv $'\r$' "$text"; then fail "$text has lines that do not end in CR LF"; fi
+done
 if grep -l -F "$top" -r .; then fail "these tell where they were built"; fi
 
 # As shipped, but for the ports: nothing else on this machine may depend on them.
@@ -62,6 +65,7 @@ start_wine package
 cd "$work"
 start_engine "$installed"
 run_to 1 "$installed/kestoscan.exe" clean.txt eicar.com
+tr -d '\r' <said
 for line in '^clean.txt: OK' '^eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND'; do
   grep -q "$line" said || fail "the scan says nothing of $line"
 done
@@ -77,6 +81,9 @@ done
 run_to 0 taskkill /f /im kestoav.exe
 
 # The set-up program. Where something else on this machine has the usual port, its check fails.
+if grep -E '\bExec[A-Za-z]* ' "$top/release/setup.nsi" | grep -Ev "Exec[A-Za-z]* '\"[\$](INSTDIR|PLUGINSDIR|SYSDIR)[\\]"; then
+  fail "these start a program by less than its path"
+fi
 setup() { # EXIT_CODE ARGUMENT...
   run_to "$1" "$top"/build/release/kestoav-*-setup.exe /S "${@:2}"
 }
@@ -90,6 +97,7 @@ cd "$WINEPREFIX/drive_c/KESTO"
 setup 3 '/D=C:\KESTO' /UPSTREAMS=127.0.0.1:0
 grep -q "upstreams: '127.0.0.1:0' is not host:port" "$work/said" || fail "the set-up says $(cat "$work/said")"
 setup 3 '/D=C:\KESTO' /ACCOUNT=nobody.of.this.name
+setup 3 '/D=C:\KESTO' /WHAT
 setup 3 "/D=C:\\KESTO\\$(printf '%220s' '' | tr ' ' x)"
 [ -z "$(ls)" ] || fail "a refused set-up leaves $(ls)"
 expected=0
@@ -117,6 +125,7 @@ if listens "$port"; then fail "the engine stays behind"; fi
 cp "$WINEPREFIX/drive_c/windows/system32/hostname.exe" plugins/kestoav/kestoavu.exe  # of the administrator's own
 sha256sum plugins/kestoav/kestoavu.exe >>"$work/settings"
 start_engine .
+touch kestoscan.exe.old  # by an earlier set-up program
 setup 0
 if listens "$port"; then fail "an upgrade leaves the engine"; fi
 sha256sum -c --quiet "$work/settings" || fail "an upgrade changes what is the administrator's"
