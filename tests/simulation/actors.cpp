@@ -65,7 +65,7 @@ void Server::Begin(Fault next) {
     moves += !known;
     for (const auto& line : std::vector(lines)) {
         if (next == Fault::kRefuses || next == Fault::kMoved || before == Fault::kDeaf) {
-            line->Break(asio::error::connection_reset);
+            line->Reset();
         } else if (next == Fault::kForgets) {
             line->Forget();
         }
@@ -114,8 +114,7 @@ void ServerLine::Accept() {
     accepted = true;
     Connected(server->fault == Fault::kRefuses ? asio::error::connection_refused : asio::error_code());
     if (server->fault == Fault::kResets) {
-        net.After(net.dice.Time(1us, 300ms),
-                  [self = shared_from_this(), this] { Break(asio::error::connection_reset); });
+        net.After(net.dice.Time(1us, 300ms), [self = shared_from_this()] { self->Reset(); });
     }
 }
 
@@ -146,9 +145,7 @@ void ServerLine::WasRead() {
     if (replied) {
         (answer == ScanAnswer::kNoVerdict ? server->erred_at : server->verdict_at) = net.now;
     }
-    if (client != nullptr) {
-        g_world->Tell("the bridge reads \"", said, "\" of ", server->name, " for ", client->name);
-    }
+    g_world->Tell("the bridge reads \"", said, "\" of ", server->name);
     server->Pump();
 }
 
@@ -186,14 +183,11 @@ void ServerLine::Gives(std::span<const uint8_t> bytes) {
 
 void ServerLine::Took() {
     const bool early = client != nullptr && delivered < size;
-    const bool found =
-        early && client->kind == Kind::kInfected && client->number % 4 == 0 && server->IsWell();
+    const bool found = early && delivered > size / 2 && client->kind == Kind::kInfected &&
+                       client->number % 4 == 0 && server->IsWell();
     const bool hasty = early && server->fault == Fault::kHasty && delivered > 20;
     const bool too_large = client != nullptr && delivered > server->largest;
-    if (!(found && delivered > size / 2) && !hasty && !too_large && delivered < size) {
-        return;
-    }
-    if (std::exchange(answers, true)) {
+    if ((!found && !hasty && !too_large && delivered < size) || std::exchange(answers, true)) {
         return;
     }
     if (hasty || too_large) {
@@ -243,17 +237,17 @@ void ServerLine::Say(const std::string& text, bool whole_reply) {
                    first = way == 2 ? reply.size() / 2 : reply.size();
     if (way == 0) {  // its reset is there with the reply
         arrived += first;
-        return Break(asio::error::connection_reset);
+        return Reset();
     }
     Arrives(first);
     net.After(way == 2 ? net.dice.Time(1ms, 1s) : 1ms, [self = shared_from_this(), this, way, first] {
         Arrives(reply.size() - first);
-        way == 1 ? Break(asio::error::connection_reset) : Ends();
+        way == 1 ? Reset() : Ends();
     });
 }
 
 void ServerLine::Closed(bool /*ends*/) {
-    Break(asio::error::connection_reset);
+    Reset();
     server->Pump();
 }
 
@@ -350,10 +344,9 @@ void Client::Arrive() {
 }
 
 void Client::Leave(const char* how, bool resets) {
-    if (!left && IsOpen()) {
+    if (IsOpen() && !std::exchange(left, true)) {
         g_world->Tell(name, " ", how, resets ? " with a reset" : "");
-        left = true;
-        resets ? Break(asio::error::connection_reset) : Ends();
+        resets ? Reset() : Ends();
     }
 }
 
@@ -367,7 +360,6 @@ void Client::Step() {
     }
     Arrives(part);
     if (arrived == all) {
-        g_world->Tell(name, " has sent all");
         return finishes ? Ends() : void();
     }
     steps = true;
@@ -386,14 +378,11 @@ void Client::Content(uint64_t at, std::span<uint8_t> to) {
 
 void Client::WasRead() {
     heard = net.now;
-    if (came == Time{} && read >= kScanCommand.size()) {
-        came = net.now;
-    }
+    came = came == Time{} && read >= kScanCommand.size() ? net.now : came;
     squeezed |= g_world->reading + (g_world->bridge->clients.size() << 18) > size_t{g_world->settings.keep}
                                                                                  << 20;
     if (read == RequestSize()) {
         ended = due = told = alone_since = net.now;
-        g_world->Tell("the bridge has all of ", name);
     }
     net.After(0s, [this] { Step(); });
 }
@@ -413,9 +402,8 @@ void Client::Writes(std::span<const uint8_t> bytes) {
 
 void Client::Took() {
     if (left) {
-        return Break(asio::error::connection_reset);
-    }
-    if (delivered != 0 && text[delivered - 1] == '\0' && number % 4 != 0) {
+        Reset();
+    } else if (delivered != 0 && text[delivered - 1] == '\0' && number % 4 != 0) {
         net.After(net.dice.Time(1us, 1s), [this] { Leave("has its reply and closes", false); });
     }
 }

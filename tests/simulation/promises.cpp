@@ -20,19 +20,15 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
     Tell(line.server->name, " gets the scan of ", client.name);
     client.asked += line.server->name;
     line.server->scan_at = net.now;
+    const auto scans = [](const auto& each) { return each->client != nullptr && each->Runs(); };
     size_t lost = 0, whole = 0;
     bool tried = false, beside = false;
-    for (const auto& other : client.lines) {
-        if (other.get() == &line) {
-            continue;
-        }
+    for (const auto& other : std::span(client.lines).first(client.lines.size() - 1)) {  // but this one
         const Time began = other->began - (other->server->named ? kConnecting : 0s);
         Never(other->Runs() && (client.ended == Time{} || line.began < std::max(client.ended, began) + kLate),
               "a second server gets the scan of ", client.name, " too early");
         beside |= other->Runs() && other->server != line.server && other->server->up &&
-                  std::ranges::count_if(
-                      line.server->lines,
-                      [](const auto& each) { return each->client != nullptr && each->Runs(); }) > 1 &&
+                  std::ranges::count_if(line.server->lines, scans) > 1 &&
                   net.now > other->server->up_since + kConnecting;
         lost += !other->replied;
         whole += !other->replied && other->whole;
@@ -135,11 +131,9 @@ void World::Closes(Client& client) {
                          "', which is not true");
         }
     }
-    if (!client.end.empty()) {
-        Loses(client, client.end);
-    }
-    Never(client.end.empty() && (client.came != Time{} || !bridge->stopping), client.name,
-          " is closed without a word");
+    client.end.empty()
+        ? Never(client.came != Time{} || !bridge->stopping, client.name, " is closed without a word")
+        : Loses(client, client.end);
 }
 
 // A scan has ended without a verdict, while its client was there. The reason is empty if it got some reply.
@@ -148,17 +142,16 @@ void World::Loses(Client& client, const std::string& reason) {
         return;
     }
     LookAtServers();
-    const Time now = net.now;
     const bool used_up = client.IsUsedUp() || client.repeats >= 4;  // some may have broken at once
     const bool over_time =
-        client.ended != Time{} && now >= client.ended + std::chrono::seconds(settings.verdict);
-    const bool waited = down_since && now >= *down_since + std::chrono::seconds(settings.wait);
+        client.ended != Time{} && net.now >= client.ended + std::chrono::seconds(settings.verdict);
+    const bool waited = down_since && net.now >= *down_since + std::chrono::seconds(settings.wait);
     bool all_asked = !down_since, all_sick = true, all_tried = true, just_up = false;
     for (const Server* server : list) {
         all_sick &= !server->up && server->erred_at >= client.came;
         all_asked &= !server->up || client.HasAsked(*server);
-        all_tried &= !server->known || server->asked_at >= client.came || server->busy_at == now;
-        just_up |= server->named && server->up_since == now;
+        all_tried &= !server->known || server->asked_at >= client.came || server->busy_at == net.now;
+        just_up |= server->named && server->up_since == net.now;
         const bool tried = client.asked.find(server->name) != std::string::npos;
         const bool excused = just_up || client.IsUsedUp() || (used_up && tried) || client.squeezed ||
                              over_time || client.HasAsked(*server);
@@ -193,19 +186,19 @@ void World::LookAtServers() {
         if (server.up != was_up) {
             (server.up ? server.up_since : server.down_at) = net.now;
         }
-        Never(was_up && !server.up && server.IsWell() && server.fault_at <= server.verdict_at && !lacks,
-              server.name, " is well, has given a verdict since it was, and is called down");
-        Never(was_up && !server.up && server.fault == Fault::kBusy && net.now < server.verdict_at + 4s &&
-                  !lacks,
-              server.name, " is busy, gives verdicts, and is called down");
+        const bool falls = was_up && !server.up && !lacks;
+        Never(falls && server.IsWell() && server.fault_at <= server.verdict_at, server.name,
+              " is well, has given a verdict since it was, and is called down");
+        Never(falls && server.fault == Fault::kBusy && net.now < server.verdict_at + 4s, server.name,
+              " is busy, gives verdicts, and is called down");
         Never(!server.known && !server.up && net.now > server.listed_at + 7s &&
                   server.told_at < server.listed_at && !lacks,
               server.name, " is not known, and nobody is told");
         std::erase_if(server.lines, [](const auto& line) { return !line->IsOpen(); });
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
-        const Time listed = server.listed_at + (server.named ? kLookedUp : 0s);
-        const Time well = server.fault_at + (server.named ? kConnecting : 0s);
-        Never(!server.up && server.IsWell() && net.now > std::max({well, listed, lacked_at}) + kKnowsAgain,
+        const Time ready = std::max(server.fault_at + (server.named ? kConnecting : 0s),
+                                    server.listed_at + (server.named ? kLookedUp : 0s));
+        Never(!server.up && server.IsWell() && net.now > std::max(ready, lacked_at) + kKnowsAgain,
               server.name, " has been well for long and is not up");
     }
     down_since = any_up ? std::nullopt : std::optional(down_since.value_or(net.now));

@@ -144,8 +144,7 @@ struct World {
     void Tell(const Parts&... parts) {
         if (tells) {
             const std::chrono::duration<double> since = net.now.time_since_epoch() - 24h;
-            std::cout << std::fixed << since.count() << " s  ";
-            (std::cout << ... << parts) << '\n';
+            ((std::cout << std::fixed << since.count() << " s  ") << ... << parts) << '\n';
         }
     }
     template <typename... Parts>
