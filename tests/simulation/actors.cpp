@@ -15,11 +15,12 @@ constexpr std::string_view kProbe("zINSTREAM\0\0\0\0\5clean\0\0\0\0", 23);
 
 // The data of all files: a part of one table, with the client's number before it, by which it is known again.
 constexpr size_t kTable = 65521;
-const auto kBytes = [] {
-    std::array<uint8_t, 2 * kTable> bytes;
+const std::array<std::array<uint8_t, 2 * kTable>, 2> kBytes = [] {
+    std::array<std::array<uint8_t, 2 * kTable>, 2> bytes;  // the second with the shift
     Dice dice(1);
     for (size_t i = 0; i < kTable; ++i) {
-        bytes[i] = bytes[i + kTable] = static_cast<uint8_t>(dice.Below(256));
+        bytes[0][i] = bytes[0][i + kTable] = static_cast<uint8_t>(dice.Below(256));
+        bytes[1][i] = bytes[1][i + kTable] = static_cast<uint8_t>(bytes[0][i] - 1);
     }
     return bytes;
 }();
@@ -297,9 +298,7 @@ void Client::Request(uint64_t at, std::span<uint8_t> to, bool shifted) const {
             to[0] = static_cast<uint8_t>((number >> (8 * data)) - shifted);
         } else {
             size = std::min({to.size(), kTable, static_cast<size_t>(length + 4 - in_chunk)});
-            std::transform(&kBytes[(number * 977 + data) % kTable],
-                           &kBytes[(number * 977 + data) % kTable] + size, to.data(),
-                           [=](uint8_t byte) { return static_cast<uint8_t>(byte - shifted); });
+            std::copy_n(&kBytes[shifted][(number * 977 + data) % kTable], size, to.data());
         }
         to = to.subspan(size);
         at += size;
