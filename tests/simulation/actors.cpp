@@ -33,8 +33,9 @@ constexpr const char* kKindNames[] = {
 
 }  // namespace
 
-Server::Server(World& the_world, size_t the_number) : world(the_world), number(the_number) {
-    Dice& dice = world.net.dice;
+Server::Server(size_t the_number) : number(the_number) {
+    Network& net = g_world->net;
+    Dice& dice = net.dice;
     named = dice.OneIn(3);
     dead_address = named && dice.OneIn(3) ? dice.Between(1, 2) : 0;
     largest = dice.OneIn(4) ? dice.Wide(2000, 1'000'000) : UINT64_MAX;
@@ -43,13 +44,13 @@ Server::Server(World& the_world, size_t the_number) : world(the_world), number(t
     name = named ? "s" + n + ".example:3313" : "10.0." + n + ".1:3310";
     Know(false);
     if (named && dice.OneIn(6)) {
-        world.net.After(dice.Time(1s, world.lasts), [this] { Begin(Fault::kMoved); });
+        net.After(dice.Time(1s, g_world->lasts), [this] { Begin(Fault::kMoved); });
     } else if (!dice.OneIn(4)) {
-        for (Duration at = dice.Time(1ms, 60s); at < world.lasts; at += dice.Time(1s, 60s)) {
+        for (Duration at = dice.Time(1ms, 60s); at < g_world->lasts; at += dice.Time(1s, 60s)) {
             const auto next = static_cast<Fault>(dice.Between(1, 12));
-            world.net.After(at, [this, next] { Begin(next); });
+            net.After(at, [this, next] { Begin(next); });
             at += next == Fault::kForgets ? 21s : dice.Time(200ms, 100s);
-            world.net.After(at, [this] { Begin(Fault::kNone); });
+            net.After(at, [this] { Begin(Fault::kNone); });
         }
     }
 }
@@ -58,15 +59,14 @@ void Server::Begin(Fault next) {
     if (!known || next == fault) {
         return;
     }
-    world.Tell(name, " ", kFaultNames[static_cast<size_t>(next)]);
+    g_world->Tell(name, " ", kFaultNames[static_cast<size_t>(next)]);
     const Fault before = std::exchange(fault, next);
-    fault_at = std::max(fault_at, world.net.now + (next == Fault::kForgets ? 20s : 0s));
+    fault_at = std::max(fault_at, g_world->net.now + (next == Fault::kForgets ? 20s : 0s));
     known = next != Fault::kMoved;
     moves += !known;
-    const auto all = lines;
-    for (const auto& line : all) {
+    for (const auto& line : std::vector(lines)) {
         if (next == Fault::kRefuses || next == Fault::kMoved || before == Fault::kDeaf) {
-            line->Break(asio::error::connection_reset);
+            line->Reset();
         } else if (next == Fault::kForgets) {
             line->Forget();
         }
@@ -79,13 +79,12 @@ void Server::Know(bool its_address) {
     if (named && known != its_address) {
         known = its_address;
         fault = known ? Fault::kNone : Fault::kMoved;
-        fault_at = world.net.now;
+        fault_at = g_world->net.now;
     }
 }
 
 void Server::Pump() {
-    const auto all = lines;
-    for (const auto& line : all) {
+    for (const auto& line : std::vector(lines)) {
         line->Resume();
     }
     std::erase_if(lines, [](const auto& line) { return !line->IsOpen(); });
@@ -94,13 +93,9 @@ void Server::Pump() {
 // One that is busy has a thread for the first one alone.
 bool Server::Serves(const ServerLine& line) const {
     const auto first =
-        std::find_if(lines.begin(), lines.end(), [](const auto& each) { return each->Runs(); });
-    return !StandsStill() && (fault != Fault::kBusy || (first != lines.end() && first->get() == &line));
-}
-
-size_t Server::Scans() const {
-    return static_cast<size_t>(
-        Count(lines, [](const auto& line) { return line->client != nullptr && line->Runs(); }));
+        std::ranges::find_if(lines, &ServerLine::Runs, &std::shared_ptr<ServerLine>::operator*);
+    return (fault < Fault::kUnanswered || fault > Fault::kStopped) &&
+           (fault != Fault::kBusy || (first != lines.end() && first->get() == &line));
 }
 
 void ServerLine::Begins() {
@@ -120,8 +115,7 @@ void ServerLine::Accept() {
     accepted = true;
     Connected(server->fault == Fault::kRefuses ? asio::error::connection_refused : asio::error_code());
     if (server->fault == Fault::kResets) {
-        net.After(net.dice.Time(1us, 300ms),
-                  [self = shared_from_this(), this] { Break(asio::error::connection_reset); });
+        net.After(net.dice.Time(1us, 300ms), [self = shared_from_this()] { self->Reset(); });
     }
 }
 
@@ -152,9 +146,7 @@ void ServerLine::WasRead() {
     if (replied) {
         (answer == ScanAnswer::kNoVerdict ? server->erred_at : server->verdict_at) = net.now;
     }
-    if (client != nullptr) {
-        world.Tell("the bridge reads \"", said, "\" of ", server->name, " for ", *client);
-    }
+    g_world->Tell("the bridge reads \"", said, "\" of ", server->name);
     server->Pump();
 }
 
@@ -168,40 +160,35 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
     if (head.starts_with(kScanCommand) && head != kProbe && size >= 18) {
         uint32_t number = 0;
         std::memcpy(&number, head.data() + 14, sizeof number);
-        if (number >= world.clients.size() || !world.clients[number]->Scans()) {
-            return world.Never(true, "bytes that nobody sent go to ", server->name);
+        if (number >= g_world->clients.size() || !g_world->clients[number]->Scans()) {
+            return g_world->Never(true, "bytes that nobody sent go to ", server->name);
         }
-        client = world.clients[number].get();
+        client = g_world->clients[number].get();
         size = client->RequestSize();
         client->lines.push_back(std::static_pointer_cast<ServerLine>(shared_from_this()));
-        world.AttemptBegins(*client, *this);
+        g_world->AttemptBegins(*client, *this);
     }
 }
 
 // Everything that leaves the bridge must be what its client sent.
 void ServerLine::Gives(std::span<const uint8_t> bytes) {
-    static std::array<uint8_t, kSystemHolds> expected;
-    while (client != nullptr && !bytes.empty()) {
-        const auto part = bytes.first(std::min(bytes.size(), expected.size()));
-        client->Request(checked, std::span(expected).first(part.size()), false);
-        world.Never(std::memcmp(part.data(), expected.data(), part.size()) != 0, "wrong bytes of ", *client,
-                    " go to ", server->name);
-        checked += part.size();
+    if (client != nullptr && !bytes.empty()) {
+        std::vector<uint8_t> expected(bytes.size());
+        client->Request(checked, expected, false);
+        g_world->Never(std::memcmp(bytes.data(), expected.data(), bytes.size()) != 0, "wrong bytes of ",
+                       client->name, " go to ", server->name);
+        checked += bytes.size();
         whole = checked == size;
-        bytes = bytes.subspan(part.size());
     }
 }
 
 void ServerLine::Took() {
     const bool early = client != nullptr && delivered < size;
-    const bool found =
-        early && client->kind == Kind::kInfected && client->number % 4 == 0 && server->IsWell();
+    const bool found = early && delivered > size / 2 && client->kind == Kind::kInfected &&
+                       client->number % 4 == 0 && server->IsWell();
     const bool hasty = early && server->fault == Fault::kHasty && delivered > 20;
     const bool too_large = client != nullptr && delivered > server->largest;
-    if (!(found && delivered > size / 2) && !hasty && !too_large && delivered < size) {
-        return;
-    }
-    if (std::exchange(answers, true)) {
+    if ((!found && !hasty && !too_large && delivered < size) || std::exchange(answers, true)) {
         return;
     }
     if (hasty || too_large) {
@@ -245,27 +232,27 @@ void ServerLine::Answer() {
 
 // And ends, in one of the ways in which servers do.
 void ServerLine::Say(const std::string& text, bool whole_reply) {
-    world.Tell(*server, " says \"", text.substr(0, 40), client != nullptr ? "\" to a client" : "\"");
+    g_world->Tell(server->name, " says \"", text.substr(0, 40), client != nullptr ? "\" to a client" : "\"");
     reply = text + std::string(whole_reply, '\0');
     const uint64_t way = net.dice.Below(delivered < size ? 2 : 4),
                    first = way == 2 ? reply.size() / 2 : reply.size();
     if (way == 0) {  // its reset is there with the reply
         arrived += first;
-        return Break(asio::error::connection_reset);
+        return Reset();
     }
     Arrives(first);
     net.After(way == 2 ? net.dice.Time(1ms, 1s) : 1ms, [self = shared_from_this(), this, way, first] {
         Arrives(reply.size() - first);
-        way == 1 ? Break(asio::error::connection_reset) : Ends();
+        way == 1 ? Reset() : Ends();
     });
 }
 
 void ServerLine::Closed(bool /*ends*/) {
-    Break(asio::error::connection_reset);
+    Reset();
     server->Pump();
 }
 
-Client::Client(World& the_world, size_t the_number, Duration arrives) : world(the_world), number(the_number) {
+Client::Client(size_t the_number, Duration arrives) : number(the_number) {
     Dice& dice = net.dice;
     net.After(arrives, [this] { Arrive(); });
     if (arrives == 0s) {
@@ -275,7 +262,7 @@ Client::Client(World& the_world, size_t the_number, Duration arrives) : world(th
            : dice.OneIn(3) ? Kind::kInfected
                            : Kind::kClean;
     words = Scans() ? "" : kWords[static_cast<size_t>(kind) - static_cast<size_t>(Kind::kPing)];
-    file = dice.OneIn(20) ? 0 : dice.Wide(4, world.largest);
+    file = dice.OneIn(20) ? 0 : dice.Wide(4, g_world->largest);
     chunk = dice.OneIn(4) ? static_cast<uint32_t>(dice.Wide(50, 1 << 20)) : 8192;
     speed = static_cast<double>(dice.Wide(400, 100'000'000));
     speed = std::max(speed, dice.OneIn(2) ? 1e6 : static_cast<double>(file) / 200);
@@ -320,33 +307,35 @@ void Client::Request(uint64_t at, std::span<uint8_t> to, bool shifted) const {
 
 // Three servers had all of it or may have, or five were begun with.
 bool Client::IsUsedUp() const {
-    const auto all = Count(lines, [](const auto& line) { return !line->replied; });
-    return all >= 5 || 3 <= Count(lines, [](const auto& line) {
-                           return !line->replied && (line->whole || line->Runs());
-                       });
+    size_t begun = 0, whole = 0;
+    for (const auto& line : lines) {
+        begun += !line->replied;
+        whole += !line->replied && (line->whole || line->Runs());
+    }
+    return begun >= 5 || whole >= 3;
 }
 
 // Since the bridge took it for up last. For some servers a file is too large for ever.
 bool Client::HasAsked(const Server& server) const {
-    return 0 != Count(lines, [&](const auto& line) {
-               const bool still = line->replied_at >= server.up_since || line->said == kSizeLimitReply;
-               return line->server == &server && (line->Runs() || (line->replied && still));
-           });
+    return std::ranges::any_of(lines, [&](const auto& line) {
+        const bool still = line->replied_at >= server.up_since || line->said == kSizeLimitReply;
+        return line->server == &server && (line->Runs() || (line->replied && still));
+    });
 }
 
 bool Client::WasTold(std::string_view words_told) const {
-    return 0 != Count(lines, [&](const auto& line) {
-               return line->said == words_told && (line->whole || words_told != kCleanReply);
-           });
+    return std::ranges::any_of(lines, [&](const auto& line) {
+        return line->said == words_told && (line->whole || words_told != kCleanReply);
+    });
 }
 
 void Client::Arrive() {
-    world.Tell(*this, " (", Scans() ? std::to_string(file) + " bytes, " : "",
-               kKindNames[static_cast<size_t>(kind)], ") connects");
+    g_world->Tell(name, " (", Scans() ? std::to_string(file) + " bytes, " : "",
+                  kKindNames[static_cast<size_t>(kind)], ") connects");
     net.Wake(
         [this](auto...) {
             const Outside outside;
-            world.arrivals.push_back(std::static_pointer_cast<Client>(shared_from_this()));
+            g_world->arrivals.push_back(std::static_pointer_cast<Client>(shared_from_this()));
         },
         {}, 0);
     heard = net.now;
@@ -354,10 +343,9 @@ void Client::Arrive() {
 }
 
 void Client::Leave(const char* how, bool resets) {
-    if (!left && IsOpen()) {
-        world.Tell(*this, " ", how, resets ? " with a reset" : "");
-        left = true;
-        resets ? Break(asio::error::connection_reset) : Ends();
+    if (IsOpen() && !std::exchange(left, true)) {
+        g_world->Tell(name, " ", how, resets ? " with a reset" : "");
+        resets ? Reset() : Ends();
     }
 }
 
@@ -371,7 +359,6 @@ void Client::Step() {
     }
     Arrives(part);
     if (arrived == all) {
-        world.Tell(*this, " has sent all");
         return finishes ? Ends() : void();
     }
     steps = true;
@@ -384,41 +371,38 @@ void Client::Step() {
 }
 
 void Client::Content(uint64_t at, std::span<uint8_t> to) {
-    Request(at, to, world.settings.decrypt);
-    world.reading += Scans() ? to.size() : 0;
+    Request(at, to, g_world->settings.decrypt);
+    g_world->reading += Scans() ? to.size() : 0;
 }
 
 void Client::WasRead() {
     heard = net.now;
-    if (came == Time{} && read >= kScanCommand.size()) {
-        came = net.now;
-    }
-    squeezed |= world.reading + (world.bridge->clients.size() << 18) > size_t{world.settings.keep} << 20;
+    came = came == Time{} && read >= kScanCommand.size() ? net.now : came;
+    squeezed |= g_world->reading + (g_world->bridge->clients.size() << 18) > size_t{g_world->settings.keep}
+                                                                                 << 20;
     if (read == RequestSize()) {
         ended = due = told = alone_since = net.now;
-        world.Tell("the bridge has all of ", *this);
     }
     net.After(0s, [this] { Step(); });
 }
 
 void Client::Writes(std::span<const uint8_t> bytes) {
-    world.Never(answered, *this, " gets something after its reply");
+    g_world->Never(answered, name, " gets something after its reply");
     text.append(bytes.begin(), bytes.end());
     answered = text.find('\0') != std::string::npos;
+    g_world->Never(!answered && !finishes && !left && net.now < ended + 15s * text.size(), name,
+                   " gets a byte too early");
     if (answered) {
         answered_at = net.now;
-        world.Replies(*this);
-    } else if (!finishes && !left && net.now < ended + 15s * text.size()) {
-        world.Never(true, *this, " gets a byte too early");
+        g_world->Replies(*this);
     }
     told = net.now;
 }
 
 void Client::Took() {
     if (left) {
-        return Break(asio::error::connection_reset);
-    }
-    if (delivered != 0 && text[delivered - 1] == '\0' && number % 4 != 0) {
+        Reset();
+    } else if (delivered != 0 && text[delivered - 1] == '\0' && number % 4 != 0) {
         net.After(net.dice.Time(1us, 1s), [this] { Leave("has its reply and closes", false); });
     }
 }

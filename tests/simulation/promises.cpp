@@ -17,30 +17,29 @@ constexpr auto kLookedUp = 100s;  // a name, at the latest
 
 // A server gets the scan.
 void World::AttemptBegins(Client& client, ServerLine& line) {
-    Tell(*line.server, " gets the scan of ", client);
+    Tell(line.server->name, " gets the scan of ", client.name);
     client.asked += line.server->name;
     line.server->scan_at = net.now;
+    const auto scans = [](const auto& each) { return each->client != nullptr && each->Runs(); };
     size_t lost = 0, whole = 0;
     bool tried = false, beside = false;
-    for (const auto& other : client.lines) {
-        if (other.get() == &line) {
-            continue;
-        }
+    for (const auto& other : std::span(client.lines).first(client.lines.size() - 1)) {  // but this one
         const Time began = other->began - (other->server->named ? kConnecting : 0s);
-        if (other->Runs() && (client.ended == Time{} || line.began < std::max(client.ended, began) + kLate)) {
-            Never(true, "a second server gets the scan of ", client, " too early");
-        }
+        Never(other->Runs() && (client.ended == Time{} || line.began < std::max(client.ended, began) + kLate),
+              "a second server gets the scan of ", client.name, " too early");
         beside |= other->Runs() && other->server != line.server && other->server->up &&
-                  line.server->Scans() > 1 && net.now > other->server->up_since + kConnecting;
+                  std::ranges::count_if(line.server->lines, scans) > 1 &&
+                  net.now > other->server->up_since + kConnecting;
         lost += !other->replied;
         whole += !other->replied && other->whole;
         tried |= other->server == line.server && other->began >= line.server->listed_at;
     }
-    Never(whole >= 3 || (lost >= 5 && tried), "too many servers get the scan of ", client);
+    Never(whole >= 3 || (lost >= 5 && tried), "too many servers get the scan of ", client.name);
     const auto lately = [this](Time at) { return at + 60s > net.now; };
     client.beside_at = beside && client.beside_at == Time{} ? net.now : client.beside_at;
-    const auto share = Count(clients, [&](const auto& each) { return lately(each->beside_at); });
-    const auto all = Count(clients, [&](const auto& each) { return lately(each->ended); });
+    const auto share =
+        std::ranges::count_if(clients, [&](const auto& each) { return lately(each->beside_at); });
+    const auto all = std::ranges::count_if(clients, [&](const auto& each) { return lately(each->ended); });
     Never(beside && share > 2 + all / 10, "more than one scan in ten gets a second server that is busy");
 }
 
@@ -55,7 +54,7 @@ void World::Logs(const std::string& message) {
     for (const auto& server : servers) {
         const bool of_it = message.starts_with("upstream " + server->name);
         server->told_at = of_it ? net.now : server->told_at;
-        Never(of_it && message.ends_with(" up") && !server->listed, *server,
+        Never(of_it && message.ends_with(" up") && !server->listed, server->name,
               " is called up, but not in the list");
     }
     const bool refuses = message.starts_with("refused ");
@@ -67,52 +66,47 @@ void World::Logs(const std::string& message) {
         ++client->repeats;
         client->asked += message;
         client->repeated_at = net.now;
-    } else if (message.find("out of step") != std::string::npos && !lacks) {
-        Never(true, "an exception: ", message);
     }
+    Never(message.find("out of step") != std::string::npos && !lacks, "an exception: ", message);
 }
 
 // The client is given a whole reply.
 void World::Replies(Client& client) {
     const std::string reply = client.text.substr(0, client.text.find('\0'));
-    Tell(client, " gets \"", reply.substr(0, 60), "\"");
-    Never(reply.size() + 1 != client.text.size(), client, " gets something after its reply");
+    Tell(client.name, " gets \"", reply.substr(0, 60), "\"");
+    Never(reply.size() + 1 != client.text.size(), client.name, " gets something after its reply");
     if (!client.Scans()) {
         const bool fits = client.kind == Kind::kPing ? reply == "PONG"
                           : client.kind == Kind::kVersion
                               ? reply.starts_with("Engine")
                               : client.kind == Kind::kStats && reply.starts_with("# HELP");
-        return fits ? void() : Never(true, client, " gets a reply that is not to its question");
+        return Never(!fits, client.name, " gets a reply that is not to its question");
     }
     const bool verdict = ReadScanAnswer(reply) != ScanAnswer::kNoVerdict;
     constexpr std::string_view kBefore = "no verdict: ";
     const bool marked = reply.starts_with(kBefore) && client.WasTold(reply.substr(kBefore.size()));
-    if (client.file != 0 && !client.WasTold(reply) && !marked) {
-        Never(true, client, " gets a reply that no server gave to all of it");
-    } else if (!verdict && reply.starts_with(kVerdictBeginning)) {
-        Never(true, client, " gets an error that looks like a verdict");
-    } else if (!verdict && net.now > client.ended + kTick) {  // otherwise it was lost before
+    Never(client.file != 0 && !client.WasTold(reply) && !marked, client.name,
+          " gets a reply that no server gave to all of it");
+    Never(!verdict && reply.starts_with(kVerdictBeginning), client.name,
+          " gets an error that looks like a verdict");
+    if (!verdict && net.now > client.ended + kTick) {  // otherwise it was lost before
         Loses(client, "");
     }
 }
 
 // The bridge has closed the client's connection.
 void World::Closes(Client& client) {
-    Tell("the bridge closes ", client);
+    Tell("the bridge closes ", client.name);
     reading -= client.Scans() ? client.read : 0;
-    if (client.answered && !client.left && !client.lacked) {
-        if (client.given != client.text.size()) {
-            Never(true, client, " is closed before its reply has gone out");
-        } else if (!client.finishes && net.now < client.answered_at + 2s) {
-            Never(true, client, " is closed before it had time to read its reply");
-        }
-    }
-    if (client.answered) {
-        return;
-    }
-    Never(!kVerdictBeginning.starts_with(client.text), client, " gets a part of a reply");
+    Never(!client.answered && !kVerdictBeginning.starts_with(client.text), client.name,
+          " gets a part of a reply");
     if (client.left || client.lacked) {
         return;
+    }
+    if (client.answered) {
+        Never(client.given != client.text.size(), client.name, " is closed before its reply has gone out");
+        return Never(!client.finishes && net.now < client.answered_at + 2s, client.name,
+                     " is closed before it had time to read its reply");
     }
     const bool silent =
         net.now >= client.heard + std::chrono::seconds(settings.idle) && client.read == client.arrived;
@@ -129,20 +123,17 @@ void World::Closes(Client& client) {
         {"sent an unknown", client.kind == Kind::kNoise},
         {"sent no", silent},
         {"too slow", crowd > settings.clients && slow},
-        {"no upstream server answered", 0 == Count(list, well)},
+        {"no upstream server answered", std::ranges::none_of(list, well)},
     };
     for (const auto& [reason, is_true] : reasons) {
         if (client.end.starts_with(reason)) {
-            return is_true
-                       ? void()
-                       : Never(true, client, " is closed because it '", client.end, "', which is not true");
+            return Never(!is_true, client.name, " is closed because it '", client.end,
+                         "', which is not true");
         }
     }
-    if (!client.end.empty()) {
-        Loses(client, client.end);
-    } else if (client.came != Time{} || !bridge->stopping) {
-        Never(true, client, " is closed without a word");
-    }
+    client.end.empty()
+        ? Never(client.came != Time{} || !bridge->stopping, client.name, " is closed without a word")
+        : Loses(client, client.end);
 }
 
 // A scan has ended without a verdict, while its client was there. The reason is empty if it got some reply.
@@ -151,21 +142,20 @@ void World::Loses(Client& client, const std::string& reason) {
         return;
     }
     LookAtServers();
-    const Time now = net.now;
     const bool used_up = client.IsUsedUp() || client.repeats >= 4;  // some may have broken at once
     const bool over_time =
-        client.ended != Time{} && now >= client.ended + std::chrono::seconds(settings.verdict);
-    const bool waited = down_since && now >= *down_since + std::chrono::seconds(settings.wait);
+        client.ended != Time{} && net.now >= client.ended + std::chrono::seconds(settings.verdict);
+    const bool waited = down_since && net.now >= *down_since + std::chrono::seconds(settings.wait);
     bool all_asked = !down_since, all_sick = true, all_tried = true, just_up = false;
     for (const Server* server : list) {
         all_sick &= !server->up && server->erred_at >= client.came;
         all_asked &= !server->up || client.HasAsked(*server);
-        all_tried &= !server->known || server->asked_at >= client.came || server->busy_at == now;
-        just_up |= server->named && server->up_since == now;
+        all_tried &= !server->known || server->asked_at >= client.came || server->busy_at == net.now;
+        just_up |= server->named && server->up_since == net.now;
         const bool tried = client.asked.find(server->name) != std::string::npos;
         const bool excused = just_up || client.IsUsedUp() || (used_up && tried) || client.squeezed ||
                              over_time || client.HasAsked(*server);
-        Never(server->up && server->IsWell() && !excused, client, " is lost (", reason, ") although ",
+        Never(server->up && server->IsWell() && !excused, client.name, " is lost (", reason, ") although ",
               server->name, " is well and up, and was not asked");
     }
     const std::pair<std::string_view, bool> reasons[] = {
@@ -176,12 +166,12 @@ void World::Loses(Client& client, const std::string& reason) {
         {"no upstream server calls a clean file clean", all_sick},
         {"no upstream server could be reached", all_tried && (waited || just_up)},
     };
-    const bool is_true = std::any_of(std::begin(reasons), std::end(reasons), [&](const auto& each) {
+    const bool is_true = std::ranges::any_of(reasons, [&](const auto& each) {
         return each.second && reason.find(reason.empty() ? "" : each.first) != std::string::npos;
     });
-    Never(!is_true, client, " is lost because '", reason, "', which is not true");
+    Never(!is_true, client.name, " is lost because '", reason, "', which is not true");
     for (const auto& line : client.lines) {
-        Never(line->replied && ReadScanAnswer(line->said) != ScanAnswer::kNoVerdict, client,
+        Never(line->replied && ReadScanAnswer(line->said) != ScanAnswer::kNoVerdict, client.name,
               " is lost although its verdict was read");
     }
 }
@@ -196,22 +186,20 @@ void World::LookAtServers() {
         if (server.up != was_up) {
             (server.up ? server.up_since : server.down_at) = net.now;
         }
-        Never(was_up && !server.up && server.IsWell() && server.fault_at <= server.verdict_at && !lacks,
-              server, " is well, has given a verdict since it was, and is called down");
-        Never(was_up && !server.up && server.fault == Fault::kBusy && net.now < server.verdict_at + 4s &&
-                  !lacks,
-              server, " is busy, gives verdicts, and is called down");
+        const bool falls = was_up && !server.up && !lacks;
+        Never(falls && server.IsWell() && server.fault_at <= server.verdict_at, server.name,
+              " is well, has given a verdict since it was, and is called down");
+        Never(falls && server.fault == Fault::kBusy && net.now < server.verdict_at + 4s, server.name,
+              " is busy, gives verdicts, and is called down");
         Never(!server.known && !server.up && net.now > server.listed_at + 7s &&
                   server.told_at < server.listed_at && !lacks,
-              server, " is not known, and nobody is told");
+              server.name, " is not known, and nobody is told");
         std::erase_if(server.lines, [](const auto& line) { return !line->IsOpen(); });
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
-        const Time listed = server.listed_at + (server.named ? kLookedUp : 0s);
-        if (!server.up && server.IsWell() &&
-            net.now > std::max({server.fault_at + (server.named ? kConnecting : 0s), listed, lacked_at}) +
-                          kKnowsAgain) {
-            Never(true, server, " has been well for long and is not up");
-        }
+        const Time ready = std::max(server.fault_at + (server.named ? kConnecting : 0s),
+                                    server.listed_at + (server.named ? kLookedUp : 0s));
+        Never(!server.up && server.IsWell() && net.now > std::max(ready, lacked_at) + kKnowsAgain,
+              server.name, " has been well for long and is not up");
     }
     down_since = any_up ? std::nullopt : std::optional(down_since.value_or(net.now));
 }
@@ -224,7 +212,7 @@ void World::LookAt(Client& client) {
     }
     Never(
         client.answered && now > client.answered_at + (client.finishes ? 0s : 2s) + kTick && !client.writing,
-        client, " has its reply and is not closed");
+        client.name, " has its reply and is not closed");
     if (client.answered || client.left || client.lacked) {
         return;
     }
@@ -232,19 +220,18 @@ void World::LookAt(Client& client) {
     if (crowded && client.ended == Time{}) {
         client.due = now;  // it may have waited for a place
     }
-    if (client.ended == Time{} && client.reading &&
-        now > std::max(client.heard, client.due) + seconds(settings.idle)) {
-        Never(true, client, " has been silent for long and is not closed");
-    }
+    Never(client.ended == Time{} && client.reading &&
+              now > std::max(client.heard, client.due) + seconds(settings.idle),
+          client.name, " has been silent for long and is not closed");
     if (client.ended == Time{} || !client.Scans() || client.file == 0) {
         return;
     }
     if (client.lines.empty() && crowded) {
         client.due = client.told = now;  // it may wait for a place
     }
-    Never(now > client.told + kLongestStill && client.text.size() < kVerdictBeginning.size(), client,
+    Never(now > client.told + kLongestStill && client.text.size() < kVerdictBeginning.size(), client.name,
           " has waited for long without a byte");
-    Never(now > client.due + seconds(settings.verdict), client, " is not told in time");
+    Never(now > client.due + seconds(settings.verdict), client.name, " is not told in time");
     bool runs = false, late = true, forsaken = true;
     for (const auto& line : client.lines) {
         runs |= line->Runs();
@@ -258,23 +245,19 @@ void World::LookAt(Client& client) {
             client.IsUsedUp() || client.repeats >= 4 || client.squeezed) {
             continue;
         }
-        Never(now > client.alone_since + kConnecting, client, " is with no server, while ", *server,
+        Never(now > client.alone_since + kConnecting, client.name, " is with no server, while ", server->name,
               " is well");
         const bool connects = now < client.repeated_at + kConnecting;
-        Never(runs && late && !connects && (forsaken || now > server->busy_at + 2 * kTick), client,
-              " is late, while ", *server, " has nothing to do");
+        Never(runs && late && !connects && (forsaken || now > server->busy_at + 2 * kTick), client.name,
+              " is late, while ", server->name, " has nothing to do");
     }
 }
 
 void World::CheckTheEnd() {
-    std::string stats;
     g_memory.lacking = 0;
-    {
-        const Inside inside;
-        const std::string text = StatsText(*bridge, net.now);
-        const Outside outside;
-        stats = text.c_str();
-    }
+    g_memory.inside = true;
+    const std::string stats = StatsText(*bridge, net.now);
+    g_memory.inside = false;
     // The sum of all values of this name, or of those with this label.
     const auto sum = [&](const std::string& name) {
         double of_all = 0;
@@ -297,30 +280,22 @@ void World::CheckTheEnd() {
         most_data += client->read;
     }
     const auto lost = static_cast<size_t>(sum("scans_total{outcome=\"no_"));
-    const struct {
-        const char* name;
-        size_t low, high;
-        bool always = false;
-    } numbers[] = {{"clients ", 0, 0, true},
-                   {"scans_waiting ", 0, 0, true},
-                   {"kept_bytes ", 0, 0, true},
-                   {"upstream_scans{", 0, 0, true},
-                   {"scans_total{", least, most},
-                   {"scans_total{outcome=\"clean", clean, clean + left},
-                   {"scans_total{outcome=\"infected", infected, infected + left},
-                   {"scans_lost_total{", lost, lost},
-                   {"bytes_total ", data, most_data},
-                   {"refused_total ", refused, refused},
-                   {"repeats_total ", repeated, repeated}};
-    for (const auto& [name, low, high, always] : numbers) {
-        const double is = sum(name);
-        Never((always || !lacks) && (is < static_cast<double>(low) || is > static_cast<double>(high)),
-              "at the end ", name, " is ", is, ", and not ", low, " to ", high);
+    for (const char* const name : {"clients ", "scans_waiting ", "kept_bytes ", "upstream_scans{"}) {
+        Never(sum(name) != 0, "at the end ", name, " is ", sum(name));
     }
-    net.Clear();
-    loop.reset();
-    bridge.reset();
-    Never(g_memory.blocks != 0, "at the end ", g_memory.blocks, " blocks of memory are held");
+    const std::tuple<const char*, size_t, size_t> numbers[] = {
+        {"scans_total{", least, most},
+        {"scans_total{outcome=\"clean", clean, clean + left},
+        {"scans_total{outcome=\"infected", infected, infected + left},
+        {"scans_lost_total{", lost, lost},
+        {"bytes_total ", data, most_data},
+        {"refused_total ", refused, refused},
+        {"repeats_total ", repeated, repeated}};
+    for (const auto& [name, low, high] : numbers) {
+        const double is = sum(name);
+        Never(!lacks && (is < static_cast<double>(low) || is > static_cast<double>(high)), "at the end ",
+              name, " is ", is, ", and not ", low, " to ", high);
+    }
 }
 
 }  // namespace kesto::simulation

@@ -12,15 +12,11 @@
 namespace kesto::simulation {
 namespace {
 
-using namespace std::string_literals;
-
 constexpr auto kCalm = 130s;      // after the faults, until each server must have its part of the scans
 constexpr auto kLongest = 1200s;  // until the last client ends
 constexpr uint64_t kAll = UINT64_MAX;
 
 }  // namespace
-
-World* g_world = nullptr;
 
 World::World(uint64_t seed, bool the_tells) : tells(the_tells), net(seed) {
     g_world = this;
@@ -40,11 +36,11 @@ World::World(uint64_t seed, bool the_tells) : tells(the_tells), net(seed) {
     lacks = dice.OneIn(6);
     largest = dice.OneIn(30) ? 30'000'000 : dice.OneIn(4) ? 1'000'000 : 100'000;
     for (uint64_t left = dice.Between(1, 6); left != 0; --left) {
-        servers.push_back(std::make_unique<Server>(*this, servers.size()));
+        servers.push_back(std::make_unique<Server>(servers.size()));
     }
     for (uint64_t left = dice.Wide(4, 80); left != 0; --left) {
         const auto arrives = Duration(dice.Between(1, static_cast<uint64_t>(lasts.count())));
-        clients.push_back(std::make_shared<Client>(*this, clients.size(), arrives));
+        clients.push_back(std::make_shared<Client>(clients.size(), arrives));
     }
     const bool changes = dice.OneIn(4);
     for (Duration at = 0s; at < lasts; at += changes ? dice.Time(1s, 60s) : lasts) {
@@ -79,28 +75,10 @@ LinePtr World::Connect(const std::string& where) {
         *servers.at(static_cast<size_t>(std::atoi(where.c_str() + where.rfind('.', dot - 1) + 1)));
     server.asked_at = net.now;
     if (last == 1 + server.moves && server.fault != Fault::kMoved) {
-        server.lines.push_back(std::make_shared<ServerLine>(*this, &server, false));
+        server.lines.push_back(std::make_shared<ServerLine>(&server, false));
         return server.lines.back();
     }
-    return std::make_shared<ServerLine>(*this, nullptr,
-                                        last == 99 ? server.dead_address == 1 : net.dice.OneIn(2));
-}
-
-int World::LookUp(const std::string& name, uint16_t port, std::vector<ServerAddress>& addresses) {
-    Server& server = *servers.at(static_cast<size_t>(std::atoi(name.c_str() + 1)));
-    if (lookups_fail && net.dice.OneIn(2) && net.now < Time(24h) + lasts) {
-        return 11001;
-    }
-    server.Know(true);
-    const std::string prefix = "10.0." + std::to_string(server.number) + ".";
-    for (const auto& [is_found, host] : {std::pair(net.dice.OneIn(4), "127.0.0.1"s),
-                                         {server.dead_address != 0, prefix + "99"},
-                                         {true, prefix + std::to_string(1 + server.moves)}}) {
-        if (is_found) {
-            addresses.push_back(*ParseServerAddress(host + ":" + std::to_string(port)));
-        }
-    }
-    return 0;
+    return std::make_shared<ServerLine>(nullptr, last == 99 ? server.dead_address == 1 : net.dice.OneIn(2));
 }
 
 void World::SetList(uint64_t which) {
@@ -125,29 +103,24 @@ void World::SetList(uint64_t which) {
     Apply(*bridge, net.now);
 }
 
-void World::LetIn() {
-    if (arrivals.empty() || (bridge->clients.size() >= size_t{2} * settings.clients && !bridge->stopping)) {
-        return;
-    }
-    const std::shared_ptr<Client> client = arrivals.front();
-    arrivals.pop_front();
-    if (!bridge->stopping) {
-        let_in.push_back(client);
-        client->heard = net.now;
-        const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}),
-                                           static_cast<uint16_t>(client->number));
-        const Inside inside;
-        bridge::Client::Serve(*bridge, asio::ip::tcp::socket(client), peer);
-    }
-}
-
 void World::Step() {
     const uint64_t failed = g_memory.failed;
     crowd = bridge->clients.size();
     g_memory.inside = true;
     const bool ticked = loop->RunOnce([this] {
         const Outside outside;
-        LetIn();
+        if (bridge->stopping) {
+            arrivals.clear();
+        } else if (!arrivals.empty() && bridge->clients.size() < size_t{2} * settings.clients) {
+            const std::shared_ptr<Client> client = arrivals.front();
+            arrivals.pop_front();
+            let_in.push_back(client);
+            client->heard = net.now;
+            const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}),
+                                               static_cast<uint16_t>(client->number));
+            const Inside inside;
+            bridge::Client::Serve(*bridge, asio::ip::tcp::socket(client), peer);
+        }
     });
     g_memory.inside = false;
     Never(net.at_this_moment > 1'000'000, "the bridge goes on for ever in one moment");
@@ -175,7 +148,24 @@ std::string World::Run() {
         Never(net.now > calm + kLongest, "some client never ends");
     }
     if (!bridge->io.stopped()) {
-        ServeTheLast();
+        // When all servers have been well for long, each of them gets its part of the scans.
+        const Time ready = net.now + 40s;
+        const size_t first = clients.size();
+        while (broken.empty() && net.now < ready + 60s) {
+            Step();
+            if (net.now >= ready && clients.size() == first) {
+                for (size_t i = 0; i < 2 * list.size(); ++i) {
+                    clients.push_back(std::make_shared<Client>(clients.size(), 0s));
+                }
+            }
+        }
+        for (const auto& client : std::span(clients).subspan(first)) {
+            Never(!client->WasTold(kCleanReply) || !client->answered, client->name,
+                  " is not served by servers that are well");
+        }
+        for (const Server* server : list) {
+            Never(server->scan_at < ready, server->name, " gets no scan although it is well");
+        }
         const Inside inside;
         Stop(*bridge, net.now);
     }
@@ -185,30 +175,12 @@ std::string World::Run() {
     }
     if (broken.empty()) {
         CheckTheEnd();
+        net.Clear();
+        loop.reset();
+        bridge.reset();
+        Never(g_memory.blocks != 0, "at the end ", g_memory.blocks, " blocks of memory are held");
     }
     return broken;
-}
-
-// When all servers have been well for long, each of them gets its part of the scans.
-void World::ServeTheLast() {
-    const Time ready = net.now + 40s;
-    while (broken.empty() && net.now < ready) {
-        Step();
-    }
-    const size_t first = clients.size();
-    for (size_t i = 0; i < 2 * list.size(); ++i) {
-        clients.push_back(std::make_shared<Client>(*this, clients.size(), 0s));
-    }
-    while (broken.empty() && net.now < ready + 60s) {
-        Step();
-    }
-    for (size_t i = first; i < clients.size(); ++i) {
-        Never(!clients[i]->WasTold(kCleanReply) || !clients[i]->answered, *clients[i],
-              " is not served by servers that are well");
-    }
-    for (const Server* server : list) {
-        Never(server->scan_at < ready, *server, " gets no scan although it is well");
-    }
 }
 
 }  // namespace kesto::simulation
@@ -217,6 +189,7 @@ void World::ServeTheLast() {
 namespace kesto {
 
 using namespace simulation;
+using namespace std::string_literals;
 
 bridge::Time bridge::Clock::now() noexcept {
     return Network::It().now;
@@ -247,7 +220,22 @@ bool RunDetached(std::function<void()> work) {
 }
 
 int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress>& addresses) noexcept {
-    return g_world->LookUp(name, port, addresses);
+    World& world = *g_world;
+    Dice& dice = world.net.dice;
+    Server& server = *world.servers.at(static_cast<size_t>(std::atoi(name.c_str() + 1)));
+    if (world.lookups_fail && dice.OneIn(2) && world.net.now < Time(24h) + world.lasts) {
+        return 11001;
+    }
+    server.Know(true);
+    const std::string prefix = "10.0." + std::to_string(server.number) + ".";
+    for (const auto& [is_found, host] : {std::pair(dice.OneIn(4), "127.0.0.1"s),
+                                         {server.dead_address != 0, prefix + "99"},
+                                         {true, prefix + std::to_string(1 + server.moves)}}) {
+        if (is_found) {
+            addresses.push_back(*ParseServerAddress(host + ":" + std::to_string(port)));
+        }
+    }
+    return 0;
 }
 
 }  // namespace kesto

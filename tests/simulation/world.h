@@ -1,6 +1,7 @@
 // The world around the bridge, as its seed has it: servers and clients, and what the bridge promises them.
 #pragma once
 
+#include <algorithm>
 #include <asio/ip/tcp.hpp>
 #include <deque>
 #include <iostream>
@@ -15,39 +16,35 @@ struct Client;
 struct ServerLine;
 struct World;
 
-template <typename List, typename Condition>
-ptrdiff_t Count(const List& list, Condition condition) {
-    return std::count_if(list.begin(), list.end(), condition);
-}
-
+// Beside being well: it has died; nothing reaches it; nor does it do anything; connections are accepted, but
+// nothing is read; it takes all and replies nothing; it replies an error; it calls everything clean before
+// its end; it replies without an end; it is slow; it has one thread; each connection is reset in any moment;
+// somebody between forgets all connections; it has another address, or the bridge does not know any.
 enum class Fault {
     kNone,
-    kRefuses,     // it has died
-    kUnanswered,  // nothing reaches it
-    kFrozen,      // nor does it do anything
-    kStopped,     // connections are accepted, but nothing is read
-    kDeaf,        // it takes all and replies nothing
-    kSick,        // it replies an error
-    kHasty,       // it calls everything clean before its end
-    kGarbled,     // it replies without an end
+    kRefuses,
+    kUnanswered,
+    kFrozen,
+    kStopped,
+    kDeaf,
+    kSick,
+    kHasty,
+    kGarbled,
     kSlow,
-    kBusy,     // it has one thread
-    kResets,   // each connection, in any moment
-    kForgets,  // somebody between forgets all connections
-    kMoved,    // it has another address, or the bridge does not know any
+    kBusy,
+    kResets,
+    kForgets,
+    kMoved
 };
 
 struct Server {
-    Server(World& world, size_t number);
+    explicit Server(size_t number);
     void Begin(Fault next);
     void Know(bool its_address);
     void Pump();
     bool IsWell() const { return fault == Fault::kNone; }
-    bool StandsStill() const { return fault >= Fault::kUnanswered && fault <= Fault::kStopped; }
     bool Serves(const ServerLine& line) const;
-    size_t Scans() const;  // under way
 
-    World& world;
     const size_t number;
     bool named;
     uint64_t dead_address;  // its name has another address first, which 1: refuses, 2: does not answer
@@ -64,7 +61,7 @@ struct Server {
 
 // A connection of the bridge's to a server.
 struct ServerLine final : Line {
-    ServerLine(World& world, Server* server, bool refuses) : world(world), server(server), refuses(refuses) {}
+    ServerLine(Server* server, bool refuses) : server(server), refuses(refuses) {}
     void Accept();
     void Resume();
     bool Runs() const { return IsOpen() && !replied; }
@@ -80,7 +77,6 @@ struct ServerLine final : Line {
     void Answer();
     void Say(const std::string& text, bool whole_reply = true);
 
-    World& world;
     Server* const server;  // null: nobody is there
     const bool refuses;    // of nobody
     const Time began = net.now;
@@ -97,7 +93,7 @@ struct ServerLine final : Line {
 enum class Kind { kClean, kInfected, kLong, kKiller, kErrs, kPing, kVersion, kStats, kNoise, kTooLong };
 
 struct Client final : Line {
-    Client(World& world, size_t number, Duration arrives);
+    Client(size_t number, Duration arrives);
     void Arrive();
     void Leave(const char* how, bool resets);
     uint64_t RequestSize() const;
@@ -114,8 +110,8 @@ struct Client final : Line {
     void Took() override;
     void Closed(bool /*ends*/) override { left = true; }
 
-    World& world;
     const size_t number;
+    const std::string name = "client " + std::to_string(number);
     Kind kind = Kind::kClean;
     uint64_t file = 1000;  // bytes
     uint32_t chunk = 8192;
@@ -148,13 +144,12 @@ struct World {
     void Tell(const Parts&... parts) {
         if (tells) {
             const std::chrono::duration<double> since = net.now.time_since_epoch() - 24h;
-            std::cout << std::fixed << since.count() << " s  ";
-            (std::cout << ... << parts) << '\n';
+            ((std::cout << std::fixed << since.count() << " s  ") << ... << parts) << '\n';
         }
     }
     template <typename... Parts>
-    void Broken(const Parts&... parts) {
-        if (broken.empty()) {
+    void Never(bool happens, const Parts&... parts) {
+        if (happens && broken.empty()) {
             std::ostringstream text;
             (text << ... << parts);
             broken = text.str();
@@ -162,17 +157,9 @@ struct World {
         }
     }
 
-    template <typename... Parts>
-    void Never(bool happens, const Parts&... parts) {
-        happens ? Broken(parts...) : void();
-    }
-
     LinePtr Connect(const std::string& where);
-    int LookUp(const std::string& name, uint16_t port, std::vector<ServerAddress>& addresses);
     void SetList(uint64_t which);
-    void LetIn();
     void Step();
-    void ServeTheLast();
 
     // What the bridge does, held against its promises.
     void AttemptBegins(Client& client, ServerLine& line);
@@ -203,13 +190,6 @@ struct World {
     std::string broken;
 };
 
-inline std::ostream& operator<<(std::ostream& out, const Client& client) {
-    return out << "client " << client.number;
-}
-inline std::ostream& operator<<(std::ostream& out, const Server& server) {
-    return out << server.name;
-}
-
-extern World* g_world;
+inline World* g_world = nullptr;
 
 }  // namespace kesto::simulation

@@ -35,8 +35,9 @@ struct Line : std::enable_shared_from_this<Line> {
     void Arrives(size_t size);
     void Ends();
     void Break(asio::error_code error);  // what has arrived may still be read, if the dice say so
-    void Forget();                       // nothing goes either way any more
-    void Flow();                         // Takes may have changed
+    void Reset() { Break(asio::error::connection_reset); }
+    void Forget();  // nothing goes either way any more
+    void Flow();    // Takes may have changed
 
     bool IsOpen() const { return !closed && !broken; }
 
@@ -45,7 +46,7 @@ struct Line : std::enable_shared_from_this<Line> {
     virtual void Content(uint64_t at, std::span<uint8_t> bytes) = 0;
     virtual void WasRead() = 0;
     virtual void Writes(std::span<const uint8_t> /*bytes*/) {}  // the beginning of what it begins to write
-    virtual void Gives(std::span<const uint8_t> /*bytes*/) {}     // on their way
+    virtual void Gives(std::span<const uint8_t> /*bytes*/) {}   // on their way
     virtual bool Takes() const { return true; }
     virtual void Took() = 0;             // more of them have come
     virtual void Closed(bool ends) = 0;  // the bridge has: nothing more comes; otherwise it is over at once
@@ -270,7 +271,7 @@ inline void Line::Forget() {
     if (keeps_alive) {
         net.After(net.dice.Time(10s, 20s), [self = shared_from_this()] {
             self->forgotten = false;
-            self->Break(asio::error::connection_reset);
+            self->Reset();
         });
     }
 }
