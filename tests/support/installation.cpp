@@ -4,6 +4,7 @@
 #include <psapi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <span>
 #include <sstream>
@@ -23,10 +24,23 @@ namespace {
 }();
 
 // A test that hangs ends its program, with its children, before the runner's limit passes: a signal from
-// outside has taken Wine's server along. The runner gives each test a process of its own.
+// outside has taken Wine's server along. The thread outlives the test framework, so it touches nothing of
+// that.
+std::atomic<ULONGLONG> g_test_ends_by = ULLONG_MAX;
+
+class Watch : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo&) override {
+        g_test_ends_by = GetTickCount64() + 10 * kTestLimit.count();
+    }
+    void OnTestEnd(const testing::TestInfo&) override { g_test_ends_by = ULLONG_MAX; }
+};
+
 [[maybe_unused]] const bool g_tests_end = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new Watch);
     std::thread([] {
-        Sleep(static_cast<DWORD>(10 * kTestLimit.count()));
+        while (GetTickCount64() < g_test_ends_by) {
+            Sleep(250);
+        }
         fputs("the test hangs\n", stderr);
         TerminateProcess(GetCurrentProcess(), 1);
     }).detach();
