@@ -6,7 +6,7 @@
 namespace kesto {
 
 void CopyText(char* buffer, size_t size, const char* text) {
-    if (size == 0) {
+    if (buffer == nullptr || size == 0) {
         return;
     }
     size_t length = strnlen(text, size - 1);

@@ -10,7 +10,7 @@ inline constexpr size_t kMessageSize = 1000;  // bytes of every formatted messag
 inline constexpr size_t kPathSize = 260;      // bytes of the plug-in folder and of paths right below it
 
 // Copies at most `size` - 1 characters of `text`, which may lack a NUL beyond them, and terminates.
-// A size of 0 writes nothing.
+// Without a buffer, or with a size of 0, writes nothing.
 void CopyText(char* buffer, size_t size, const char* text);
 
 // Formats into `size` bytes by the rules of CopyText. Never throws.

@@ -6,8 +6,7 @@
 
 namespace kesto {
 
-// Subtracts one from every byte, or adds one to it; 0x00 becomes 0xFF, and the other way round.
-void ShiftBytesDown(uint8_t* bytes, size_t count);
-void ShiftBytesUp(uint8_t* bytes, size_t count);
+// Adds `by`, -1 for down or 1 for up, to every byte; 0x00 becomes 0xFF, and the other way round.
+void ShiftBytes(uint8_t* bytes, size_t count, int by);
 
 }  // namespace kesto

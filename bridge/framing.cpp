@@ -42,7 +42,7 @@ ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bo
         if (stream.data_left != 0) {
             const size_t run = std::min<size_t>(stream.data_left, size - used);
             if (unshift) {
-                ShiftBytesUp(bytes + used, run);
+                ShiftBytes(bytes + used, run, 1);
             }
             stream.data_left -= static_cast<uint32_t>(run);
             stream.data_bytes += run;

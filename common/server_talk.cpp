@@ -279,7 +279,7 @@ Question ScanQuestion(const Endpoint& server, std::string_view bytes, bool shift
         message.append(reinterpret_cast<const char*>(&prefix), sizeof prefix);
         message.append(bytes.substr(0, size));
         if (shifted) {
-            ShiftBytesDown(reinterpret_cast<uint8_t*>(message.data() + message.size() - size), size);
+            ShiftBytes(reinterpret_cast<uint8_t*>(message.data() + message.size() - size), size, -1);
         }
     }
     message.append(4, '\0');

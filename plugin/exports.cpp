@@ -1,13 +1,15 @@
 // The routines behind the exported names.
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdint>
 
+#include "base/bounded_text.h"
 #include "base/host_records.h"
+#include "base/log.h"
 #include "plugin/engine/scan_request.h"
 #include "plugin/engine/version_details.h"
 #include "plugin/licence/licence.h"
-#include "plugin/result_codes.h"
 #include "plugin/scanner.h"
 #include "plugin/update/update_launcher.h"
 
@@ -31,7 +33,7 @@ int32_t __stdcall InitializeScanner(int32_t interface_version, char* short_name,
 }
 
 void __stdcall CloseScanner() {
-    kesto::CloseScanner();
+    kesto::CloseLog();  // the engine goes on running
 }
 
 int32_t __stdcall InitializeInstance(uint32_t) {
@@ -41,11 +43,16 @@ int32_t __stdcall InitializeInstance(uint32_t) {
 void __stdcall CloseInstance(uint32_t) {}
 
 int32_t __stdcall IsFatalError(uint32_t code) {
-    return kesto::IsFatal(code) ? 1 : 0;
+    return code == kesto::kErrorConnect ? 1 : 0;
 }
 
 void __stdcall GetErrorText(uint32_t code, char* buffer, int32_t size) {
-    kesto::WriteErrorText(code, buffer, size);
+    char other[32];
+    kesto::FormatText(other, sizeof other, "Error %lu", static_cast<unsigned long>(code));
+    const char* const text = code == kesto::kErrorConnect       ? "Error connecting to AV server"
+                             : code == kesto::kErrorCommunicate ? "Error communicating with AV server"
+                                                                : other;
+    kesto::CopyText(buffer, static_cast<size_t>(std::max(size, 0)), text);
 }
 
 uint32_t __stdcall ScanFile(uint32_t, const kesto::ScanFileInput* input, kesto::ScanFileResult* result,

@@ -14,12 +14,8 @@ namespace kesto {
 
 int32_t InitializeScanner(int32_t interface_version, char* short_name, char* long_name, uint32_t* out_value,
                           const char* folder) {
-    if (short_name != nullptr) {
-        CopyText(short_name, kShortNameSize, "KESTOAV");
-    }
-    if (long_name != nullptr) {
-        CopyText(long_name, kLongNameSize, "KESTO AV");
-    }
+    CopyText(short_name, kShortNameSize, "KESTOAV");
+    CopyText(long_name, kLongNameSize, "KESTO AV");
     if (out_value != nullptr) {
         *out_value = 0;
     }
@@ -47,10 +43,6 @@ int32_t InitializeScanner(int32_t interface_version, char* short_name, char* lon
         return static_cast<int32_t>(StartEngineProcess());
     }
     return 0;
-}
-
-void CloseScanner() {
-    CloseLog();
 }
 
 }  // namespace kesto

@@ -1,4 +1,4 @@
-// Start-up and shut-down of the scanner.
+// Start-up of the scanner.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +12,5 @@ namespace kesto {
 // code of the engine's start. Settings, servers and log are in place then, too, unless `folder` is null.
 int32_t InitializeScanner(int32_t interface_version, char* short_name, char* long_name, uint32_t* out_value,
                           const char* folder);
-
-// Closes the log. The engine goes on running.
-void CloseScanner();
 
 }  // namespace kesto

@@ -30,7 +30,7 @@ bool SendFile(SocketConnection& connection, const ScanFileInput& input, bool enc
         const auto length = static_cast<uint32_t>(std::min<uint64_t>(kChunkSize, size - offset));
         memcpy(chunk, input.data + offset, length);
         if (encrypt) {
-            ShiftBytesDown(chunk, length);
+            ShiftBytes(chunk, length, -1);
         }
         if (!SendChunkLength(connection, length) || !connection.SendBytes(chunk, length)) {
             return false;

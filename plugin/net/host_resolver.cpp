@@ -27,11 +27,8 @@ void TakeAddresses(const AddressInfo* entry, HostAddresses& found) {
     }
 }
 
-Resolution Outcome(int& error, const HostAddresses& found) {
-    if (error == 0 && found.count == 0) {
-        error = WSANO_DATA;
-    }
-    return error == 0 ? Resolution::kFound : Resolution::kFailed;
+int Outcome(int error, const HostAddresses& found) {
+    return error == 0 && found.count == 0 ? WSANO_DATA : error;
 }
 
 // The resolver that works in the background and can be cancelled, from Windows 8 on.
@@ -102,13 +99,11 @@ void DestroyEndedLookups(const AsyncResolver& resolver) {
     }
 }
 
-Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_t limit_ms,
-                        HostAddresses& found, int& error) {
+int ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_t limit_ms, HostAddresses& found) {
     DestroyEndedLookups(resolver);
     auto* lookup = static_cast<Lookup*>(calloc(1, sizeof(Lookup)));
     if (lookup == nullptr) {
-        error = WSAENOBUFS;
-        return Resolution::kFailed;
+        return WSAENOBUFS;
     }
     lookup->overlapped.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     lookup->hints.ai_family = AF_INET;
@@ -117,12 +112,11 @@ Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_
         MultiByteToWideChar(CP_ACP, 0, host, -1, lookup->name,
                             sizeof lookup->name / sizeof lookup->name[0]) == 0) {
         Destroy(resolver, lookup);
-        error = WSAEINVAL;
-        return Resolution::kFailed;
+        return WSAEINVAL;
     }
 
-    error = resolver.start(lookup->name, nullptr, NS_DNS, nullptr, &lookup->hints, &lookup->result, nullptr,
-                           &lookup->overlapped, nullptr, &lookup->cancel_handle);
+    int error = resolver.start(lookup->name, nullptr, NS_DNS, nullptr, &lookup->hints, &lookup->result,
+                               nullptr, &lookup->overlapped, nullptr, &lookup->cancel_handle);
     if (error == WSA_IO_PENDING) {
         if (!Ended(lookup, limit_ms)) {
             resolver.cancel(&lookup->cancel_handle);
@@ -133,7 +127,7 @@ Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_
             } else {
                 Abandon(lookup);
             }
-            return Resolution::kTimedOut;
+            return kLookupTimedOut;
         }
         error = resolver.outcome(&lookup->overlapped);
     }
@@ -145,32 +139,27 @@ Resolution ResolveAsync(const AsyncResolver& resolver, const char* host, uint32_
 }
 
 // The system takes as long as it likes. An answer after the limit does not count.
-Resolution ResolveBlocking(const char* host, uint32_t limit_ms, HostAddresses& found, int& error) {
+int ResolveBlocking(const char* host, uint32_t limit_ms, HostAddresses& found) {
     const uint32_t start = GetTickCount();
     addrinfo hints = {};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* result = nullptr;
-    error = getaddrinfo(host, nullptr, &hints, &result);
+    const int error = getaddrinfo(host, nullptr, &hints, &result);
     if (error == 0) {
         TakeAddresses(result, found);
         freeaddrinfo(result);
     }
-    if (GetTickCount() - start >= limit_ms) {
-        return Resolution::kTimedOut;
-    }
-    return Outcome(error, found);
+    return GetTickCount() - start >= limit_ms ? kLookupTimedOut : Outcome(error, found);
 }
 
 }  // namespace
 
-Resolution ResolveHost(const char* host, uint32_t limit_ms, HostAddresses& found, int& error) {
+int ResolveHost(const char* host, uint32_t limit_ms, HostAddresses& found) {
     found.count = 0;
     AsyncResolver resolver;
-    if (FindAsyncResolver(resolver)) {
-        return ResolveAsync(resolver, host, limit_ms, found, error);
-    }
-    return ResolveBlocking(host, limit_ms, found, error);
+    return FindAsyncResolver(resolver) ? ResolveAsync(resolver, host, limit_ms, found)
+                                       : ResolveBlocking(host, limit_ms, found);
 }
 
 }  // namespace kesto

@@ -13,10 +13,10 @@ struct HostAddresses {
     size_t count;
 };
 
-enum class Resolution { kFound, kTimedOut, kFailed };
+inline constexpr int kLookupTimedOut = -1;
 
-// Looks `host` up within `limit_ms`. On kFailed, `error` is the Windows Sockets error. Where the system is
-// too old to cancel a lookup, this may return later than that, and then returns kTimedOut.
-Resolution ResolveHost(const char* host, uint32_t limit_ms, HostAddresses& found, int& error);
+// Looks `host` up within `limit_ms`. Returns 0, kLookupTimedOut or the Windows Sockets error. Where the
+// system is too old to cancel a lookup, this may return later than that, and then returns kLookupTimedOut.
+int ResolveHost(const char* host, uint32_t limit_ms, HostAddresses& found);
 
 }  // namespace kesto

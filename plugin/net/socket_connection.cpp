@@ -127,36 +127,27 @@ bool SocketConnection::Connect(const char* hostname, uint16_t port, bool ssl, ui
     record_.AddEntry("port", port);
     record_.AddEntry("ssl", ssl);
     record_.AddEntry("maxWaitMs", max_wait_ms);
-    if (hostname == nullptr) {
-        record_.AddLine("Cannot connect, hostname is NULL");
-        return false;
-    }
-    if (hostname[0] == '\0') {
-        record_.AddLine("Cannot connect, hostname is zero length");
+    if (name[0] == '\0') {
+        record_.AddLine(hostname == nullptr ? "Cannot connect, hostname is NULL"
+                                            : "Cannot connect, hostname is zero length");
         return false;
     }
 
+    int error = 0;
     HostAddresses found = {};
     if (ParseIpv4(hostname, found.addresses[0])) {
         record_.AddLine("This is an IPV4 numeric address.");
         record_.AddLine("Hostname to IP address resolution not needed.");
         found.count = 1;
-    } else {
-        int error = 0;
-        switch (ResolveHost(hostname, max_wait_ms, found, error)) {
-            case Resolution::kFound:
-                break;
-            case Resolution::kTimedOut:
-                record_.AddLine("DNS timed out.");
-                return false;
-            case Resolution::kFailed:
-                record_.AddLine("DNS lookup failed.");
-                record_.AddSocketError(error);
-                return false;
-        }
+    } else if (error = ResolveHost(hostname, max_wait_ms, found); error == kLookupTimedOut) {
+        record_.AddLine("DNS timed out.");
+        return false;
+    } else if (error != 0) {
+        record_.AddLine("DNS lookup failed.");
+        record_.AddSocketError(error);
+        return false;
     }
 
-    int error = WSAETIMEDOUT;
     for (size_t i = 0; i < found.count; ++i) {
         error = ConnectTo(found.addresses[i], port, start, max_wait_ms);
         if (error == 0) {

@@ -22,25 +22,17 @@ constexpr DWORD kPollMs = 100;
 // so the plug-in knows it by its name only.
 PROCESS_INFORMATION g_started_engine;
 
-char LowerAscii(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool EqualIgnoringCase(const char* left, const char* right) {
-    while (*left != '\0' && LowerAscii(*left) == LowerAscii(*right)) {
-        ++left;
-        ++right;
-    }
-    return LowerAscii(*left) == LowerAscii(*right);
-}
-
+// Only the letters A to Z have a lower case here.
 bool IsEngine(HANDLE process) {
-    char image[520];
+    char image[520] = "";
     if (GetProcessImageFileNameA(process, image, sizeof image) == 0) {
         return false;
     }
+    for (char& c : image) {
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
     const char* name = strrchr(image, '\\');
-    return name != nullptr && EqualIgnoringCase(name + 1, kEngineProgram);
+    return name != nullptr && strcmp(name + 1, kEngineProgram) == 0;
 }
 
 // `ids` has room for kMostProcesses.
@@ -67,25 +59,7 @@ uint32_t FirstEngine(DWORD* ids) {
     return 0;
 }
 
-}  // namespace
-
-uint32_t FindEngineProcess() {
-    // 40 KB would be too much for the stack of a mail server's thread.
-    auto* const ids = static_cast<DWORD*>(malloc(kMostProcesses * sizeof(DWORD)));
-    const uint32_t found = ids != nullptr ? FirstEngine(ids) : 0;
-    free(ids);
-    return found;
-}
-
-uint32_t StartEngineProcess() {
-    LogMessage("starting kestoav process");
-    DWORD error = 0;
-    if (!StartHiddenProgram(kEngineProgram, g_started_engine, error)) {
-        LogMessage("Error starting kestoav process - %d", static_cast<int>(error));
-    }
-    return error;
-}
-
+// Terminates the engine that FindEngineProcess finds. Does not wait for its end.
 void StopEngineProcess() {
     LogMessage("stopping kestoav");
     uint32_t id = FindEngineProcess();
@@ -106,8 +80,6 @@ void StopEngineProcess() {
     LogMessage("kestoav process ended");
 }
 
-namespace {
-
 // Polls until an engine process exists, or until none does, for as long as the restart that began at
 // `began` may take. Logs `waiting` at each poll, and `given_up` when the time has passed.
 void WaitForEngine(bool to_exist, uint32_t began, const char* waiting, const char* given_up) {
@@ -123,6 +95,23 @@ void WaitForEngine(bool to_exist, uint32_t began, const char* waiting, const cha
 }
 
 }  // namespace
+
+uint32_t FindEngineProcess() {
+    // 40 KB would be too much for the stack of a mail server's thread.
+    auto* const ids = static_cast<DWORD*>(malloc(kMostProcesses * sizeof(DWORD)));
+    const uint32_t found = ids != nullptr ? FirstEngine(ids) : 0;
+    free(ids);
+    return found;
+}
+
+uint32_t StartEngineProcess() {
+    LogMessage("starting kestoav process");
+    DWORD error = 0;
+    if (!StartHiddenProgram(kEngineProgram, g_started_engine, error)) {
+        LogMessage("Error starting kestoav process - %d", static_cast<int>(error));
+    }
+    return error;
+}
 
 Restart RestartEngineProcess() {
     const uint32_t began = GetTickCount();

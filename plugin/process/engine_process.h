@@ -13,9 +13,6 @@ uint32_t FindEngineProcess();
 // accepts connections.
 uint32_t StartEngineProcess();
 
-// Terminates the engine that FindEngineProcess finds. Does not wait for its end.
-void StopEngineProcess();
-
 struct Restart {
     bool running;    // whether an engine process exists at the end
     uint32_t began;  // the tick count at which the restart began

@@ -12,15 +12,9 @@ namespace {
 
 bool g_update_busy;
 
-void CopyToHost(char* buffer, size_t size, const char* text) {
-    if (buffer != nullptr) {
-        CopyText(buffer, size, text);
-    }
-}
-
 uint32_t Fail(char* title, char* message, const char* reason) {
-    CopyToHost(title, kUpdateTitleSize, "KESTO Antivirus Update Failed");
-    CopyToHost(message, kUpdateMessageSize, reason);
+    CopyText(title, kUpdateTitleSize, "KESTO Antivirus Update Failed");
+    CopyText(message, kUpdateMessageSize, reason);
     return 0;
 }
 
