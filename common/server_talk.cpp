@@ -87,13 +87,9 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
         if (answer_.connected && question_.bytes.empty()) {
             answer_.reply = "";
         } else if (answer_.connected) {
-            const bool sent = co_await Send();
-            const std::string send_failure = answer_.failure;
+            co_await Send();
             // A server that refuses a file because of its size says so and breaks the connection.
-            if (co_await Receive()) {
-                answer_.failure.clear();
-            }
-            answer_.failure = sent ? answer_.failure : send_failure;
+            co_await Receive();
         }
         answer_.seconds = std::chrono::duration<double>(Clock::now() - start).count();
         timer_.cancel();
@@ -105,10 +101,8 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
         return asio::redirect_error(asio::use_awaitable, error_);
     }
 
-    bool Fail(std::string why) {
-        answer_.failure = std::move(why);
-        return false;
-    }
+    // The first failure is the cause of those that follow.
+    void Fail(const std::string& why) { answer_.failure = answer_.failure.empty() ? why : answer_.failure; }
 
     // Until the next call, operations on the socket end at this time.
     void EndBy(Deadline time) {
@@ -126,10 +120,12 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
         Addresses addresses;
         if (const int error = co_await FindAddresses(addresses)) {
             answer_.name_failed = true;
-            co_return Fail("the name does not resolve: " + SystemErrorWithCode(static_cast<DWORD>(error)));
+            Fail("the name does not resolve: " + SystemErrorWithCode(static_cast<DWORD>(error)));
+            co_return false;
         }
         for (const asio::ip::address& address : addresses) {
             late_ = false;
+            answer_.failure.clear();
             socket_ = tcp::socket(loop_->io);
             socket_.open(address.is_v4() ? tcp::v4() : tcp::v6(), error_);
             AskOnceOnLoopback(socket_, address);
@@ -138,7 +134,6 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
             timer_.cancel();
             if (!error_) {
                 socket_.set_option(tcp::no_delay(true), error_);  // a question waits for its answer
-                answer_.failure.clear();
                 co_return true;
             }
             Fail(SystemErrorWithCode(static_cast<DWORD>(late_ ? WSAETIMEDOUT : error_.value())));
@@ -185,7 +180,7 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
         co_return error == 0 && addresses.empty() ? WSANO_DATA : error;
     }
 
-    awaitable<bool> Send() {
+    awaitable<void> Send() {
         for (std::string_view rest = question_.bytes; !rest.empty();) {
             EndBy(Clock::now() + kIdleLimit);
             const size_t sent = co_await socket_.async_write_some(
@@ -197,10 +192,9 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
                                            SystemErrorWithCode(static_cast<DWORD>(error_.value())));
             }
         }
-        co_return true;
     }
 
-    awaitable<bool> Receive() {
+    awaitable<void> Receive() {
         std::string reply;
         for (char buffer[4096];;) {
             EndBy(Clock::now() + kIdleLimit);
@@ -209,18 +203,15 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
             reply.append(buffer, count);
             if (const size_t end = reply.find('\0'); end != std::string::npos) {
                 answer_.reply = reply.substr(0, end);
-                co_return true;
+                co_return;
             }
-            if (reply.size() > kMostReply) {
-                co_return Fail("the reply has no end");
-            }
-            if (error_ == asio::error::eof) {
-                co_return Fail(reply.empty() ? "the connection was closed without a reply"
-                                             : "the connection was closed within the reply " + Begun(reply));
-            }
-            if (error_) {
-                co_return Fail(!late_ ? "the connection broke before the reply: " +
-                                            SystemErrorWithCode(static_cast<DWORD>(error_.value()))
+            if (error_ || reply.size() > kMostReply) {
+                const bool closed = error_ == asio::error::eof;
+                co_return Fail(!error_                   ? "the reply has no end"
+                               : closed && reply.empty() ? "the connection was closed without a reply"
+                               : closed ? "the connection was closed within the reply " + Begun(reply)
+                               : !late_ ? "the connection broke before the reply: " +
+                                              SystemErrorWithCode(static_cast<DWORD>(error_.value()))
                                : question_.patience.starts_with(reply)
                                    ? "no reply came"
                                    : "no end came of the reply " + Begun(reply));
