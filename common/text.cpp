@@ -8,16 +8,11 @@
 namespace kesto {
 namespace {
 
-std::string Narrow(UINT code_page, std::wstring_view wide, bool* lossy) {
+std::string Narrow(UINT code_page, std::wstring_view wide) {
     const int length = static_cast<int>(wide.size());
-    BOOL replaced = FALSE;
-    const int size = WideCharToMultiByte(code_page, 0, wide.data(), length, nullptr, 0, nullptr,
-                                         lossy ? &replaced : nullptr);
+    const int size = WideCharToMultiByte(code_page, 0, wide.data(), length, nullptr, 0, nullptr, nullptr);
     std::string text(static_cast<size_t>(size), '\0');
     WideCharToMultiByte(code_page, 0, wide.data(), length, text.data(), size, nullptr, nullptr);
-    if (lossy) {
-        *lossy = replaced != FALSE;
-    }
     return text;
 }
 
@@ -32,7 +27,7 @@ std::wstring Widen(UINT code_page, std::string_view narrow) {
 }  // namespace
 
 std::string Utf8FromWide(std::wstring_view wide) {
-    return Narrow(CP_UTF8, wide, nullptr);
+    return Narrow(CP_UTF8, wide);
 }
 
 std::wstring WideFromUtf8(std::string_view utf8) {
@@ -47,13 +42,8 @@ std::string Utf8FromAnsi(std::string_view ansi) {
     return Utf8FromWide(WideFromAnsi(ansi));
 }
 
-std::string AnsiFromWide(std::wstring_view wide, bool* lossy) {
-    // Where UTF-8 is the ANSI code page, the system refuses to tell about replacements. There are none.
-    if (lossy && GetACP() == CP_UTF8) {
-        *lossy = false;
-        lossy = nullptr;
-    }
-    return Narrow(CP_ACP, wide, lossy);
+std::string AnsiFromWide(std::wstring_view wide) {
+    return Narrow(CP_ACP, wide);
 }
 
 std::wstring WideFromFile(std::string_view bytes) {

@@ -11,9 +11,7 @@ std::string Utf8FromWide(std::wstring_view wide);
 std::wstring WideFromUtf8(std::string_view utf8);
 std::string Utf8FromAnsi(std::string_view ansi);
 std::wstring WideFromAnsi(std::string_view ansi);
-
-// `lossy`, if given, becomes whether some character does not exist in the code page.
-std::string AnsiFromWide(std::wstring_view wide, bool* lossy = nullptr);
+std::string AnsiFromWide(std::wstring_view wide);
 
 // Text of a file that any program may have written: UTF-16 or UTF-8 by its byte order mark, otherwise UTF-8
 // if it is valid, otherwise the code page in which the command shell writes files.

@@ -80,14 +80,14 @@ Fault StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, bool&
 }
 
 Fault AnsiFolder(const std::wstring& folder, std::string& ansi) {
-    bool lossy = false;
-    ansi = AnsiFromWide(folder, &lossy);
+    // A letter that is only replaced by a similar one names another folder.
+    const auto convert = [&](const std::wstring& path) {
+        ansi = AnsiFromWide(path);
+        return WideFromAnsi(ansi) == path;
+    };
     wchar_t short_path[MAX_PATH];
-    const DWORD length = lossy ? GetShortPathNameW(folder.c_str(), short_path, MAX_PATH) : 0;
-    if (length > 0 && length < MAX_PATH) {
-        ansi = AnsiFromWide(short_path, &lossy);
-    }
-    if (lossy) {
+    const DWORD length = GetShortPathNameW(folder.c_str(), short_path, MAX_PATH);
+    if (!convert(folder) && !(length > 0 && length < MAX_PATH && convert(short_path))) {
         return {"the folder " + Utf8FromWide(folder) +
                 " has letters that this system's code page lacks, and no short name without them"};
     }
