@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
+#include <set>
 
 #include "common/ini_lines.h"
 
@@ -46,7 +47,7 @@ class Reader {
         }
         line_ = 0;
         in_updater_ = false;
-        if (!Seen("[bridge]")) {
+        if (!seen_.contains("[bridge]")) {
             Problem("has no [bridge] section");
         }
         RefuseRings();
@@ -77,27 +78,20 @@ class Reader {
         in_updater_ = name == "[updater]";
         if ((name != "[bridge]" && !in_updater_) || !line.closed) {
             Problem(quoted + " is neither the section [bridge] nor [updater]");
-        } else if (Seen(name)) {
+        } else if (!seen_.insert(name).second) {
             Problem("a second section " + name);
-        } else {
-            seen_.push_back(name);
         }
         in_section_ = true;
-    }
-
-    bool Seen(const std::string& name) const {
-        return std::find(seen_.begin(), seen_.end(), name) != seen_.end();
     }
 
     void Setting(const IniLine& line) {
         const std::string& key = line.name;
         const std::string_view value = line.value;
         const std::string name = (in_updater_ ? "[updater] " : "") + key;
-        if (Seen(name)) {
+        if (!seen_.insert(name).second) {
             Problem("'" + key + "' is given twice");
             return;
         }
-        seen_.push_back(name);
         BridgeSettings& settings = read_.settings;
         const std::string text = key + "=" + std::string(value.substr(0, 100));
         if (name == "[updater] command") {
@@ -190,7 +184,7 @@ class Reader {
     const std::vector<ServerAddress>& own_;
     const std::optional<ServerAddress>& listens_;
     BridgeIni read_;
-    std::vector<std::string> seen_;  // settings and sections
+    std::set<std::string> seen_;  // settings and sections
     size_t line_ = 0;
     size_t upstreams_line_ = 0;
     bool in_section_ = false;  // of any name: settings in a wrong section are read all the same
@@ -206,10 +200,8 @@ std::string SettingsText(const BridgeSettings& settings) {
     }
     text += std::string(" decrypt=") + (settings.decrypt ? "1" : "0");
     for (const auto& number : kNumbers) {
-        if (number.of_updater) {
-            continue;
-        }
-        text += " " + std::string(number.key) + "=" + std::to_string(settings.*number.value);
+        const std::string setting = std::string(number.key) + "=" + std::to_string(settings.*number.value);
+        text += number.of_updater ? "" : " " + setting;
     }
     return text;
 }

@@ -16,24 +16,19 @@ constexpr uint32_t kReadSize = 16u << 20;
 constexpr uint32_t kFirstCapacity = 64u << 10;  // where the size is unknown
 constexpr uint32_t kMostBytes = INT32_MAX;
 
-FileBytes Failed(const Fault& fault) {
-    return {.fault = fault};
-}
-
 FileBytes TooLarge() {
-    return Failed({"File too large for a 32-bit process", ERROR_FILE_TOO_LARGE});
+    return {.fault = {"File too large for a 32-bit process", ERROR_FILE_TOO_LARGE}};
 }
 
-bool Identify(HANDLE file, FileIdentity& identity) {
+std::optional<FileIdentity> Identify(HANDLE file) {
     const auto joined = [](DWORD high, DWORD low) { return static_cast<uint64_t>(high) << 32 | low; };
     BY_HANDLE_FILE_INFORMATION is;
     if (!GetFileInformationByHandle(file, &is)) {
-        return false;
+        return std::nullopt;
     }
-    identity = {is.dwVolumeSerialNumber, joined(is.nFileIndexHigh, is.nFileIndexLow),
-                joined(is.nFileSizeHigh, is.nFileSizeLow),
-                joined(is.ftLastWriteTime.dwHighDateTime, is.ftLastWriteTime.dwLowDateTime)};
-    return true;
+    return FileIdentity{is.dwVolumeSerialNumber, joined(is.nFileIndexHigh, is.nFileIndexLow),
+                        joined(is.nFileSizeHigh, is.nFileSizeLow),
+                        joined(is.ftLastWriteTime.dwHighDateTime, is.ftLastWriteTime.dwLowDateTime)};
 }
 
 bool Grow(FileBytes& bytes, uint32_t capacity) {
@@ -58,7 +53,7 @@ FileBytes ReadToEnd(HANDLE file, uint64_t told_size) {
                       nullptr)) {
             const DWORD code = GetLastError();
             const bool writer_ended = code == ERROR_BROKEN_PIPE;
-            return writer_ended ? std::move(bytes) : Failed(SystemFault(code));
+            return writer_ended ? std::move(bytes) : FileBytes{.fault = SystemFault(code)};
         }
         if (read == 0) {
             return bytes;
@@ -73,21 +68,21 @@ FileBytes ReadToEnd(HANDLE file, uint64_t told_size) {
     }
 }
 
-OwnedHandle OpenToRead(const std::wstring& path) {
-    return Own(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                           nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+OwnedHandle Open(const std::wstring& path, DWORD access, DWORD flags) {
+    return Own(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                           nullptr, OPEN_EXISTING, flags, nullptr));
 }
 
 }  // namespace
 
 FileBytes ReadWholeFile(const std::wstring& path) {
-    const OwnedHandle file = OpenToRead(path);
-    FileIdentity identity;
-    if (!file || !Identify(file.get(), identity)) {  // a device has no identity
-        return Failed(SystemFault(GetLastError()));
+    const OwnedHandle file = Open(path, GENERIC_READ, FILE_FLAG_SEQUENTIAL_SCAN);
+    const auto identity = file ? Identify(file.get()) : std::nullopt;  // a device has none
+    if (!identity) {
+        return {.fault = SystemFault(GetLastError())};
     }
-    FileBytes bytes = ReadToEnd(file.get(), identity.size);
-    bytes.identity = identity;
+    FileBytes bytes = ReadToEnd(file.get(), identity->size);
+    bytes.identity = *identity;
     return bytes;
 }
 
@@ -96,11 +91,7 @@ FileBytes ReadStandardInput() {
 }
 
 std::optional<FileIdentity> IdentityOf(const std::wstring& path) {
-    const OwnedHandle file = Own(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
-                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    FileIdentity identity;
-    return file && Identify(file.get(), identity) ? std::optional(identity) : std::nullopt;
+    return Identify(Open(path, FILE_READ_ATTRIBUTES, FILE_FLAG_BACKUP_SEMANTICS).get());
 }
 
 bool SameFile(const std::optional<FileIdentity>& a, const std::optional<FileIdentity>& b) {
@@ -108,7 +99,7 @@ bool SameFile(const std::optional<FileIdentity>& a, const std::optional<FileIden
 }
 
 std::string FileTail(const std::wstring& path, uint32_t most) {
-    const OwnedHandle file = OpenToRead(path);
+    const OwnedHandle file = Open(path, GENERIC_READ, 0);
     LARGE_INTEGER size;
     if (!file || !GetFileSizeEx(file.get(), &size)) {
         return "";

@@ -10,10 +10,7 @@ constexpr std::chrono::minutes kWindow{1};
 
 std::vector<std::string> LogLimit::Take(const std::string& kind, const std::string& line, Time now) {
     std::vector<std::string> lines = Overdue(now);
-    Kind& of = kinds_[kind];
-    if (of.written == 0) {
-        of.since = now;
-    }
+    Kind& of = kinds_.try_emplace(kind, Kind{now}).first->second;
     if (of.written < kMost) {
         ++of.written;
         lines.push_back(line);
@@ -26,18 +23,15 @@ std::vector<std::string> LogLimit::Take(const std::string& kind, const std::stri
 
 std::vector<std::string> LogLimit::Overdue(Time now) {
     std::vector<std::string> lines;
-    for (auto at = kinds_.begin(); at != kinds_.end();) {
-        const Kind& kind = at->second;
-        if (now < kind.since + kWindow) {
-            ++at;
-            continue;
-        }
-        if (kind.left_out != 0) {
+    std::erase_if(kinds_, [&](const auto& each) {
+        const Kind& kind = each.second;
+        const bool over = now >= kind.since + kWindow;
+        if (over && kind.left_out != 0) {
             lines.push_back(std::to_string(kind.left_out) +
                             " more such lines left out, the last: " + kind.last);
         }
-        at = kinds_.erase(at);
-    }
+        return over;
+    });
     return lines;
 }
 

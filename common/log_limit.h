@@ -22,10 +22,10 @@ class LogLimit {
 
  private:
     struct Kind {
-        Time since{};
+        Time since;
         unsigned written = 0;
         unsigned left_out = 0;
-        std::string last;
+        std::string last{};
     };
     std::map<std::string, Kind> kinds_;
 };

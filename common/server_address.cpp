@@ -19,23 +19,7 @@ namespace {
 
 constexpr size_t kLongestName = 253;
 constexpr size_t kLongestLabel = 63;
-
-bool IsDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-bool MayStandInLabel(char c) {
-    return IsDigit(c) || (c >= 'a' && c <= 'z') || c == '-' || c == '_';
-}
-
-// Cuts the part before the next separator off the text. Returns false when there is no separator: the part is
-// then all that was left, and the text is empty.
-bool Cut(std::string_view& text, char separator, std::string_view& part) {
-    const size_t at = text.find(separator);
-    part = text.substr(0, at);
-    text.remove_prefix(at == std::string_view::npos ? text.size() : at + 1);
-    return at != std::string_view::npos;
-}
+constexpr std::string_view kMayStandInLabel = "-_abcdefghijklmnopqrstuvwxyz0123456789";
 
 // The system's resolver takes "10.1" and "0x7f000001" for addresses, so a name must not end with a number.
 bool MayBeName(std::string_view name) {
@@ -43,17 +27,16 @@ bool MayBeName(std::string_view name) {
         return false;
     }
     std::string_view label;
-    for (bool more = true; more;) {
-        more = Cut(name, '.', label);
+    for (size_t begin = 0, dot = 0; dot != std::string_view::npos; begin = dot + 1) {
+        dot = name.find('.', begin);
+        label = name.substr(begin, dot - begin);
         if (label.empty() || label.size() > kLongestLabel || label.front() == '-' || label.back() == '-' ||
-            !std::all_of(label.begin(), label.end(), MayStandInLabel)) {
+            label.find_first_not_of(kMayStandInLabel) != std::string_view::npos) {
             return false;
         }
     }
-    if (label.starts_with("0x")) {
-        return label.find_first_not_of("0123456789abcdef", 2) != std::string_view::npos;
-    }
-    return !std::all_of(label.begin(), label.end(), IsDigit);
+    return label.starts_with("0x") ? label.find_first_not_of("0123456789abcdef", 2) != std::string_view::npos
+                                   : label.find_first_not_of("0123456789") != std::string_view::npos;
 }
 
 bool IsZero(const std::array<uint8_t, 16>& bytes, ptrdiff_t size) {

@@ -50,11 +50,6 @@ SOCKET TryToListen(const sockaddr_in& where) {
     return INVALID_SOCKET;
 }
 
-void LogFailure(const char* begin, const ServerAddress& where, const char* end) {
-    const std::string why = ErrorWords(static_cast<DWORD>(WSAGetLastError()));
-    LogBridge("listen", begin + ("cannot listen on " + AddressText(where)) + end + " - " + why);
-}
-
 DWORD WINAPI LetFinish(void* argument) {
     const auto client = reinterpret_cast<SOCKET>(argument);
     u_long nonblocking = 0;
@@ -87,7 +82,9 @@ SOCKET Listen(const std::wstring& folder, bool quietly) {
         }
         const bool over = GetTickCount() - start >= (quietly ? kWaitForPortQuietlyMs : kWaitForPortMs);
         if (!quietly && (over || !std::exchange(told, true))) {
-            LogFailure(over ? "cannot start - " : "", listen_on, over ? "" : " yet");
+            const std::string why = ErrorWords(static_cast<DWORD>(WSAGetLastError()));
+            LogBridge("listen", (over ? kCannotStart : "") + ("cannot listen on " + AddressText(listen_on)) +
+                                    (over ? "" : " yet") + " - " + why);
         }
         if (over) {
             return INVALID_SOCKET;

@@ -67,11 +67,6 @@ void Policy::AcceptsNobody(uint32_t number) {
     }
 }
 
-void Policy::Pause(Time now) {
-    next_start_ = now + pause_;
-    pause_ = std::clamp(2 * pause_, std::chrono::milliseconds(kFirstPause), kLongestPause);
-}
-
 void Policy::StartFailed(uint32_t number, const std::string& why, Time now) {
     std::erase_if(workers_, [number](const Worker& worker) { return worker.number == number; });
     followed_ = true;
@@ -98,7 +93,8 @@ std::string Policy::Ended(uint32_t number, uint32_t exit_code, const std::string
     told_ = tells || (told_ && worker.state == State::kServing);
     followed_ = exit_code != kCannotFollow;
     if (followed_) {
-        Pause(now);
+        next_start_ = now + pause_;
+        pause_ = std::clamp<std::chrono::milliseconds>(2 * pause_, kFirstPause, kLongestPause);
     } else {
         next_start_ = now + kSettingsPause;
     }

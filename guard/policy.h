@@ -67,7 +67,6 @@ class Policy {
 
     bool Any(State state) const;
     Worker* Find(uint32_t number);
-    void Pause(Time now);
 
     std::vector<Worker> workers_;
     uint32_t starts_ = 0;

@@ -2,6 +2,8 @@
 
 #include <sddl.h>
 
+#include <utility>
+
 #include "common/guard_words.h"
 
 namespace kesto::guard {
@@ -32,7 +34,7 @@ DWORD Requests::Open(const std::wstring& folder) {
 }
 
 void Requests::Wait() {
-    state_ = State::kWaiting;
+    waiting_ = true;
     if (!ConnectNamedPipe(pipe_, &event_) && GetLastError() == ERROR_PIPE_CONNECTED) {
         SetEvent(event_.hEvent);
     }
@@ -40,8 +42,7 @@ void Requests::Wait() {
 
 bool Requests::Take() {
     ResetEvent(event_.hEvent);
-    if (state_ == State::kWaiting) {
-        state_ = State::kAsked;
+    if (std::exchange(waiting_, false)) {
         return true;
     }
     DisconnectNamedPipe(pipe_);
@@ -53,7 +54,6 @@ void Requests::Answer(const std::string& text) {
     OVERLAPPED writing = {};
     WriteFile(pipe_, text.data(), static_cast<DWORD>(text.size()), nullptr,
               &writing);  // there is room for it
-    state_ = State::kAnswered;
     // This ends when whoever asked has read the answer and closed the pipe.
     if (!ReadFile(pipe_, &scrap_, 1, nullptr, &event_) && GetLastError() != ERROR_IO_PENDING) {
         SetEvent(event_.hEvent);

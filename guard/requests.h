@@ -23,10 +23,9 @@ class Requests {
     void Answer(const std::string& text);
 
  private:
-    enum class State { kWaiting, kAsked, kAnswered };
     void Wait();
 
-    State state_ = State::kWaiting;
+    bool waiting_ = true;  // for somebody to ask; then for who has asked to read the answer
     HANDLE pipe_ = INVALID_HANDLE_VALUE;
     OVERLAPPED event_ = {0, 0, {}, CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     char scrap_ = '\0';

@@ -9,15 +9,6 @@
 #include "common/text.h"
 
 namespace kesto::updater {
-namespace {
-
-uint32_t NotStarted() {
-    const DWORD error = GetLastError();
-    LogBridge("command", "the command could not be started - " + ErrorWords(error));
-    return error;
-}
-
-}  // namespace
 
 uint32_t RunCommand(const std::string& command, const std::wstring& folder, unsigned seconds,
                     const std::wstring& log) {
@@ -35,7 +26,9 @@ uint32_t RunCommand(const std::string& command, const std::wstring& folder, unsi
     PROCESS_INFORMATION started;
     if (!CreateProcessW(nullptr, WideFromAnsi(command).data(), nullptr, nullptr, TRUE,
                         CREATE_NO_WINDOW | CREATE_SUSPENDED, nullptr, folder.c_str(), &startup, &started)) {
-        return NotStarted();
+        const DWORD error = GetLastError();
+        LogBridge("command", "the command could not be started - " + ErrorWords(error));
+        return error;
     }
     AssignProcessToJobObject(job, started.hProcess);
     ResumeThread(started.hThread);
