@@ -50,8 +50,7 @@ void Remove(Bridge& bridge, uint64_t number) {
 }
 
 void Stop(Bridge& bridge, Time now) {
-    bridge.stopping = true;
-    bridge.stopped_at = now;
+    bridge.stopping = now;
     ForEachClient(bridge, [](Client& client) { client.Stop(); });
     if (bridge.clients.empty()) {
         bridge.io.stop();

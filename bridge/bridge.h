@@ -7,6 +7,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "bridge/fleet.h"
@@ -35,8 +36,7 @@ struct Bridge {
     uint64_t arrived = 0;                                 // clients so far
     size_t scans = 0;                                     // under way
     std::list<std::shared_ptr<Client>> queue;  // have asked for a scan, for which there is no place
-    bool stopping = false;
-    Time stopped_at{};  // when stopping was asked for
+    std::optional<Time> stopping;              // since when it has been
 };
 
 // The settings have changed, or have just been read.

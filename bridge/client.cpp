@@ -266,7 +266,7 @@ bool Client::Tick(Time now, bool others_wait) {
         if (now >= write_until_) {
             Close();
         } else if ((Hears() || phase_ == Phase::kQueued) && bridge_.stopping &&
-                   now >= bridge_.stopped_at + Idle()) {
+                   now >= *bridge_.stopping + Idle()) {
             NoReply("the bridge ends");
         } else if (hears && now >= heard_ + Idle()) {
             Refuse("silence", phase_ == Phase::kOpening

@@ -1,6 +1,7 @@
 #include "bridge/metrics.h"
 
 #include <algorithm>
+#include <optional>
 #include <sstream>
 #include <string_view>
 
@@ -88,11 +89,14 @@ std::string MetricsText(const Metrics& metrics, const Gauges& gauges, const Flee
     text.Single("keep_bytes", "gauge", "The setting keep.", gauges.keep_bytes);
     text.Single("clients", "gauge", "Clients connected.", gauges.clients);
     text.Single("clients_limit", "gauge", "The setting clients.", gauges.clients_limit);
+    // What is unknown of one is left out.
     const auto of_each = [&](std::string_view name, std::string_view type, std::string_view help,
                              auto value) {
         text.Name(name, type, help);
         for (const ServerPtr& server : fleet.servers) {
-            text.Value(value(*server), Label("upstream", AddressText(server->name)));
+            if (const std::optional number = value(*server)) {
+                text.Value(*number, Label("upstream", AddressText(server->name)));
+            }
         }
     };
     of_each("upstream_up", "gauge", "1: it takes scans.", [](const Server& s) { return IsUp(s) ? 1 : 0; });
@@ -103,19 +107,15 @@ std::string MetricsText(const Metrics& metrics, const Gauges& gauges, const Flee
             [](const Server& s) { return s.numbers.failures; });
     of_each("upstream_seconds_total", "counter", "Time that its replies took.",
             [](const Server& s) { return s.numbers.seconds; });
-    // They are left out when unknown.
-    const auto of_signatures = [&](std::string_view name, std::string_view help, auto value) {
-        text.Name(name, "gauge", help);
-        for (const ServerPtr& server : fleet.servers) {
-            if (const auto& signatures = server->numbers.signatures) {
-                text.Value(value(*signatures), Label("upstream", AddressText(server->name)));
-            }
-        }
-    };
-    of_signatures("upstream_signatures_version", "Version of its signatures.",
-                  [](const Signatures& s) { return s.version; });
-    of_signatures("upstream_signatures_timestamp_seconds", "When its signatures were made.",
-                  [](const Signatures& s) { return s.written.time_since_epoch().count(); });
+    of_each("upstream_signatures_version", "gauge", "Version of its signatures.", [](const Server& s) {
+        return s.numbers.signatures ? std::optional(s.numbers.signatures->version) : std::nullopt;
+    });
+    of_each("upstream_signatures_timestamp_seconds", "gauge", "When its signatures were made.",
+            [](const Server& s) {
+                const auto& signatures = s.numbers.signatures;
+                return signatures ? std::optional(signatures->written.time_since_epoch().count())
+                                  : std::nullopt;
+            });
     return text.Take();
 }
 
