@@ -30,15 +30,12 @@ StartedBridge::StartedBridge(uint16_t upstream)
 
 double StartedBridge::WorkingSetKilobytes() const {
     size_t bytes = 0;
-    for (const wchar_t* const program : {L"kestoav.exe", L"kestobridge.exe"}) {
-        for (const ProgramProcess& each : ProcessesNamed(program)) {
-            const OwnedHandle process =
-                Own(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, each.id));
-            PROCESS_MEMORY_COUNTERS counters = {};
-            if (std::filesystem::path(each.path).parent_path() == installed.engine_folder &&
-                GetProcessMemoryInfo(process.get(), &counters, sizeof counters)) {
-                bytes += counters.WorkingSetSize;
-            }
+    for (const ProgramProcess& each : EngineIn(installed.engine_folder)) {
+        const OwnedHandle process =
+            Own(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, each.id));
+        PROCESS_MEMORY_COUNTERS counters = {};
+        if (GetProcessMemoryInfo(process.get(), &counters, sizeof counters)) {
+            bytes += counters.WorkingSetSize;
         }
     }
     return static_cast<double>(bytes) / 1024;

@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "common/file_bytes.h"
+#include "common/guard_words.h"
 #include "common/owned_handle.h"
 
 namespace kesto {
@@ -67,17 +68,25 @@ std::wstring ProgramOf(uint32_t id) {
 }
 
 std::vector<ProgramProcess> ProcessesOf(const std::wstring& file) {
-    std::vector<ProgramProcess> processes = ProcessesNamed(file.c_str() + file.find_last_of(L'\\') + 1);
-    std::erase_if(processes, [&](const ProgramProcess& process) {
-        return process.path.empty() || !NameSameFile(process.path, file);
-    });
+    const size_t end = file.rfind(L'\\');
+    std::vector<ProgramProcess> processes = ProcessesNamed(file.c_str() + end + 1);
+    std::erase_if(processes, [&](const auto& each) { return !LiesIn(each.path, file.substr(0, end)); });
     return processes;
 }
 
+std::vector<ProgramProcess> EngineIn(const std::wstring& folder) {
+    std::vector<ProgramProcess> engine = ProcessesOf(folder + L"\\kestoav.exe");
+    const std::vector<ProgramProcess> workers = ProcessesOf(folder + L"\\" + kWorkerProgram);
+    engine.insert(engine.end(), workers.begin(), workers.end());
+    return engine;
+}
+
+bool AnyVisible(const std::vector<ProgramProcess>& processes) {
+    return std::any_of(processes.begin(), processes.end(), [](const auto& each) { return each.visible; });
+}
+
 std::string HiddenEngine(const std::vector<ProgramProcess>& engines) {
-    const bool seen = std::any_of(engines.begin(), engines.end(),
-                                  [](const ProgramProcess& engine) { return engine.visible; });
-    return seen || engines.empty()
+    return AnyVisible(engines) || engines.empty()
                ? ""
                : "kestoav.exe runs as process " + std::to_string(engines[0].id) + " under another account";
 }
@@ -122,6 +131,10 @@ bool NameSameFile(const std::wstring& a, const std::wstring& b) {
     const auto first = IdentityOf(a);
     const auto second = IdentityOf(b);
     return first && second ? SameFile(first, second) : _wcsicmp(a.c_str(), b.c_str()) == 0;
+}
+
+bool LiesIn(const std::wstring& program, const std::wstring& folder) {
+    return NameSameFile(program.substr(0, program.rfind(L'\\')), folder);
 }
 
 }  // namespace kesto

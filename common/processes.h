@@ -24,8 +24,14 @@ inline std::vector<ProgramProcess> EngineProcesses() {
     return ProcessesNamed(L"kestoav.exe");
 }
 
-// Those that run from exactly this program file, as far as this account may see them.
+// Those that run from this program file, or from one in its folder that had its name when they started, as
+// far as this account may see them.
 std::vector<ProgramProcess> ProcessesOf(const std::wstring& file);
+
+// Of the engine in this folder: first the guards, which would start a worker again.
+std::vector<ProgramProcess> EngineIn(const std::wstring& folder);
+
+bool AnyVisible(const std::vector<ProgramProcess>& processes);
 
 // "kestoav.exe runs as process 12 under another account", where this account may see none of these; else
 // empty.
@@ -46,5 +52,8 @@ std::wstring ProcessName(uint32_t id);
 
 // Whether both name the same file, even if one of them uses short names.
 bool NameSameFile(const std::wstring& a, const std::wstring& b);
+
+// Whether a program's file lies in this folder.
+bool LiesIn(const std::wstring& program, const std::wstring& folder);
 
 }  // namespace kesto

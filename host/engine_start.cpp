@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -10,7 +9,6 @@
 #include <utility>
 
 #include "common/bridge_ini.h"
-#include "common/guard_words.h"
 #include "common/processes.h"
 #include "common/text.h"
 #include "host/common/bridge_stats.h"
@@ -38,11 +36,6 @@ std::mutex g_engines;
 std::optional<InstalledPlugin> g_ours;  // its engines that run are ours
 HANDLE g_job = nullptr;                 // holds this process and the engines that the plug-in starts in it
 
-bool EngineVisible() {
-    const auto engines = EngineProcesses();
-    return std::any_of(engines.begin(), engines.end(), [](const auto& engine) { return engine.visible; });
-}
-
 void SetOurs(std::optional<InstalledPlugin> ours) {
     g_ours = std::move(ours);
     if (g_job == nullptr) {
@@ -59,7 +52,7 @@ EngineStart Start(const InstalledPlugin& installed) {
         SetOurs(installed);
     }
     if (const auto engines = EngineProcesses(); !engines.empty()) {
-        return HiddenEngine(engines).empty() ? EngineStart::kRuns : EngineStart::kUnusable;
+        return AnyVisible(engines) ? EngineStart::kRuns : EngineStart::kUnusable;
     }
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
@@ -75,7 +68,7 @@ EngineStart Start(const InstalledPlugin& installed) {
     for (DWORD waited = 0; waited < kSettleMs && !Listens(started.dwProcessId); waited += kPollMs) {
         if (WaitForSingleObject(started.hProcess, kPollMs) == WAIT_OBJECT_0) {
             SetOurs({});  // one that runs all the same was started by somebody else meanwhile
-            return EngineVisible() ? EngineStart::kRuns : EngineStart::kUnusable;
+            return AnyVisible(EngineProcesses()) ? EngineStart::kRuns : EngineStart::kUnusable;
         }
     }
     return EngineStart::kStarted;
@@ -95,7 +88,8 @@ bool StartedEngineIsGone() {
     HANDLE engine = g_engine;
     DWORD exit_code = 0;
     return engine != nullptr && WaitForSingleObject(engine, 0) == WAIT_OBJECT_0 &&
-           GetExitCodeProcess(engine, &exit_code) && exit_code != kEndedByPlugin && !EngineVisible();
+           GetExitCodeProcess(engine, &exit_code) && exit_code != kEndedByPlugin &&
+           !AnyVisible(EngineProcesses());
 }
 
 void TieEngines() {
@@ -115,22 +109,17 @@ std::string EndOwnEngines() {
         return "";
     }
     const ServerAddress listen = ReadBridgeIni(g_ours->engine_folder).settings.listen;
-    if (OthersScan(BridgeStats(listen, kStatsLimit), g_scans)) {
+    const std::string stats = BridgeStats(listen, kStatsLimit);
+    const double asking = 1;  // who is a client as well
+    if (StatsValue(stats, "kestoav_scans_total") + StatsValue(stats, "kestoav_clients") - asking > g_scans) {
         const std::string engine = Utf8FromWide(g_ours->engine);
         SetOurs({});
         return "kestoscan: others scan with " + engine + " as well, so it goes on running\n";
     }
-    for (const std::wstring& program : {g_ours->engine, g_ours->engine_folder + L"\\" + kWorkerProgram}) {
-        for (const ProgramProcess& process : ProcessesOf(program)) {
-            EndProcess(process.id);
-        }
+    for (const ProgramProcess& process : EngineIn(g_ours->engine_folder)) {
+        EndProcess(process.id);
     }
     return "";
-}
-
-bool OthersScan(const std::string& stats, unsigned begun) {
-    const double asking = 1;  // who is a client as well
-    return StatsValue(stats, "kestoav_scans_total") + StatsValue(stats, "kestoav_clients") - asking > begun;
 }
 
 }  // namespace kesto::host

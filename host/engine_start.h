@@ -35,7 +35,4 @@ void CountOwnScan();
 // To be called just before the process ends, by any thread.
 std::string EndOwnEngines();
 
-// Whether the bridge's counters tell of more scans, ended or under way, than we have begun.
-bool OthersScan(const std::string& stats, unsigned begun);
-
 }  // namespace kesto::host

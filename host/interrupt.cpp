@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "common/detached_thread.h"
-#include "host/common/exit_status.h"
 #include "host/common/output.h"
 #include "host/engine_start.h"
 

@@ -6,11 +6,11 @@
 #include <string>
 #include <utility>
 
+#include "common/error_words.h"
 #include "common/processes.h"
 #include "common/text.h"
 #include "host/check/check.h"
 #include "host/command_line.h"
-#include "host/common/exit_status.h"
 #include "host/common/installed_plugin.h"
 #include "host/common/json_line.h"
 #include "host/common/output.h"
@@ -39,12 +39,12 @@ namespace {
 constexpr DWORD kEngineListensMs = 5000;  // a new engine gets this long to tell its version
 constexpr DWORD kPollMs = 100;
 
-int Fail(const Options& options, const Fault& fault) {
-    PrintError("kestoscan: " + fault.text + (fault.text.ends_with('\n') ? "" : "\n"));
+int Refuse(const Options& options, const Fault& fault) {
+    const int status = Complain(fault.text);
     if (options.report.json) {
         PrintOut(JsonLine({{"error", fault.text}}) + "\n");
     }
-    return kExitError;
+    return status;
 }
 
 int RestartBridge(TaskRun& run) {
@@ -108,6 +108,29 @@ Fault FindFiles(const Options& options, FileListing& files) {
     return {};
 }
 
+// INITIALIZESCANNER. After a fault nothing else may be called. One with a code leaves a plug-in that can
+// update and tell its version, but whose scans have no engine.
+Fault StartPlugin(const PluginLibrary& plugin, const InstalledPlugin& installed) {
+    char short_name[kShortNameSize];
+    char long_name[kLongNameSize];
+    uint32_t out_value;
+    const int32_t result = plugin.initialize_scanner(kInterfaceVersion, short_name, long_name, &out_value,
+                                                     installed.ansi_folder.c_str());
+    if (result == 0) {
+        return {};
+    }
+    if (result == 1) {
+        return {"the plug-in refuses this interface version (1): program and library do not belong together"};
+    }
+    if (result == -1) {
+        return {"the plug-in cannot start the Windows Sockets layer (-1)"};
+    }
+    const auto code = static_cast<uint32_t>(result);
+    return {"the engine program " + Utf8FromWide(installed.engine) +
+                " cannot be started: " + SystemErrorWithCode(code),
+            code};
+}
+
 // Fills in what the task needs.
 Fault Prepare(TaskRun& run) {
     const Options& options = run.options;
@@ -144,15 +167,14 @@ Fault Prepare(TaskRun& run) {
         if (engine_needed) {
             return {words};
         }
-        PrintError("kestoscan: " + words);
+        Complain(words);
     }
-    bool without_engine = false;
-    if (Fault fault = StartPlugin(*run.plugin, options.folder, without_engine)) {
+    if (Fault fault = StartPlugin(*run.plugin, run.installed)) {
         // Without an engine each scan would wait for one in vain; the other tasks need none.
-        if (engine_needed || !without_engine) {
+        if (engine_needed || fault.code == 0) {
             return fault;
         }
-        PrintError("kestoscan: " + fault.text + "\n");
+        Complain(fault.text);
     }
     std::string words;
     if (options.wait != 0 && !EngineAnswers(run.installed, options.wait, words)) {
@@ -167,7 +189,7 @@ int RunTask(const Options& options) {
     if (!fault) {
         fault = Prepare(run);
     }
-    return fault ? Fail(options, fault) : options.task->run(run);
+    return fault ? Refuse(options, fault) : options.task->run(run);
 }
 
 int Run(int count, wchar_t** arguments) {
@@ -178,14 +200,14 @@ int Run(int count, wchar_t** arguments) {
     Options options;
     int status = kExitClean;
     if (const Fault fault = ParseCommandLine(count, arguments, kTasks, options)) {
-        status = Fail(options, fault);
+        status = Refuse(options, fault);
         PrintError("kestoscan --help lists the options.\n");
     } else if (options.task != nullptr) {
         status = RunTask(options);
         PrintError(EndOwnEngines());
     }
     if (const Fault fault = OutputFault()) {
-        PrintError("kestoscan: " + fault.text + "\n");
+        Complain(fault.text);
         status = status == kExitInfected ? status : kExitError;
     }
     return status;
@@ -199,7 +221,7 @@ int wmain(int count, wchar_t** arguments) {
     try {
         status = kesto::host::Run(count, arguments);
     } catch (const std::exception& error) {
-        kesto::host::PrintError("kestoscan: " + std::string(error.what()) + "\n");
+        kesto::host::Complain(error.what());
     }
     // Nothing is buffered. An orderly end would unload the plug-in while threads are inside it.
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(status));

@@ -9,7 +9,6 @@
 #include "common/server_talk.h"
 #include "common/text.h"
 #include "host/check/test_samples.h"
-#include "host/common/exit_status.h"
 #include "host/common/output.h"
 #include "host/engine_start.h"
 
@@ -73,14 +72,13 @@ std::string NoServerAccepts(const InstalledPlugin& installed) {
     const ServerAnswer answer = AskFirst(installed, words, [](const Endpoint& server) {
         return AnswerTo({server}, Clock::now() + kConnectLimit);
     });
-    return answer.connected ? "" : "no server accepts a connection - " + words + Outcome(answer) + "\n";
+    return answer.connected ? "" : "no server accepts a connection - " + words + Outcome(answer);
 }
 
 int Ping(const InstalledPlugin& installed, unsigned wait_seconds) {
     std::string words;
     if (!EngineAnswers(installed, wait_seconds, words)) {
-        PrintError("kestoscan: the engine does not answer - " + words + "\n");
-        return kExitError;
+        return Complain("the engine does not answer - " + words);
     }
     PrintOut(words + "\n");
     return kExitClean;
@@ -92,8 +90,7 @@ int PrintStats(const InstalledPlugin& installed) {
         return AskServer(server, kStatsCommand, Clock::now() + kOneTry);
     });
     if (!answer.reply || answer.reply->starts_with("UNKNOWN")) {
-        PrintError("kestoscan: no counters - " + words + Outcome(answer) + "\n");
-        return kExitError;
+        return Complain("no counters - " + words + Outcome(answer));
     }
     PrintOut(PrintableLines(*answer.reply) + (answer.reply->ends_with('\n') ? "" : "\n"));
     return kExitClean;

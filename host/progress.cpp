@@ -28,15 +28,11 @@ std::string ProgressLine(const ScanTotals& totals) {
     const double rate = static_cast<double>(totals.bytes) / totals.seconds;
     const uint64_t bytes_left = std::max(totals.bytes_listed, totals.bytes) - totals.bytes;
     const auto left = static_cast<uint64_t>(std::llround(static_cast<double>(bytes_left) / rate));
-    char time[40];
-    if (left >= 3600) {
-        std::snprintf(time, sizeof time, "%u:%02u:%02u", static_cast<unsigned>(left / 3600),
-                      static_cast<unsigned>(left / 60 % 60), static_cast<unsigned>(left % 60));
-    } else {
-        std::snprintf(time, sizeof time, "%u:%02u", static_cast<unsigned>(left / 60),
-                      static_cast<unsigned>(left % 60));
-    }
-    return line + ", " + ByteText(static_cast<uint64_t>(rate)) + "/s, " + time + " left";
+    const std::string hours = left >= 3600 ? std::to_string(left / 3600) + ":" : "";
+    char time[16];
+    std::snprintf(time, sizeof time, hours.empty() ? "%u:%02u" : "%02u:%02u",
+                  static_cast<unsigned>(left / 60 % 60), static_cast<unsigned>(left % 60));
+    return line + ", " + ByteText(static_cast<uint64_t>(rate)) + "/s, " + hours + time + " left";
 }
 
 }  // namespace kesto::host

@@ -18,17 +18,22 @@ PutAwayResult Left(bool move, const Fault& fault) {
     return {.fault = {(move ? "Not moved: " : "Not copied: ") + fault.text, fault.code}};
 }
 
-// Moves the file to the first name in the folder that is free, which is then in `name`. Returns the system's
-// error code.
+// Returns the system's error code.
+DWORD Remove(const std::wstring& path) {
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);  // the system would not delete a read-only file
+    return DeleteFileW(path.c_str()) ? 0 : GetLastError();
+}
+
+// Moves the file to the first name in the folder that is free, and adds to `name` what makes it so. Returns
+// the system's error code.
 DWORD MoveInto(const std::wstring& inside, const std::wstring& from, std::wstring& name) {
-    const std::wstring wanted = name;
     for (int i = 0; i < kMostOfOneName; ++i) {
         wchar_t number[8] = L"";
         if (i > 0) {
             std::swprintf(number, std::size(number), L".%03d", i);
         }
-        name = wanted + number;
-        if (MoveFileExW(from.c_str(), (inside + name).c_str(), 0)) {
+        if (MoveFileExW(from.c_str(), (inside + name + number).c_str(), 0)) {
+            name += number;
             return 0;
         }
         const DWORD code = GetLastError();
@@ -42,22 +47,12 @@ DWORD MoveInto(const std::wstring& inside, const std::wstring& from, std::wstrin
 // The same with a copy, which gets its name only when it is complete.
 DWORD CopyInto(const std::wstring& inside, const std::wstring& from, std::wstring& name) {
     const std::wstring part = inside + L"kestoscan." + std::to_wstring(GetCurrentProcessId()) + L".part";
-    if (!CopyFileW(from.c_str(), part.c_str(), FALSE)) {
-        const DWORD code = GetLastError();
-        DeleteFileW(part.c_str());
-        return code;
-    }
-    const DWORD code = MoveInto(inside, part, name);
+    const bool copied = CopyFileW(from.c_str(), part.c_str(), FALSE) != FALSE;
+    const DWORD code = copied ? MoveInto(inside, part, name) : GetLastError();
     if (code != 0) {
-        DeleteFileW(part.c_str());
+        Remove(part);
     }
     return code;
-}
-
-// Returns the system's error code.
-DWORD Remove(const std::wstring& path) {
-    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);  // the system would not delete a read-only file
-    return DeleteFileW(path.c_str()) ? 0 : GetLastError();
 }
 
 }  // namespace
@@ -77,7 +72,6 @@ PutAwayResult PutAway(const std::wstring& exact_path, const FileIdentity& scanne
     DWORD code = move ? MoveInto(inside, exact_path, name) : ERROR_NOT_SAME_DEVICE;
     const bool copy = code == ERROR_NOT_SAME_DEVICE;
     if (copy) {
-        name = exact_path.substr(name_at);
         code = CopyInto(inside, exact_path, name);
     }
     if (code != 0) {

@@ -10,8 +10,8 @@
 #include "common/owned_handle.h"
 #include "common/processes.h"
 #include "common/text.h"
-#include "host/common/exit_status.h"
 #include "host/common/output.h"
+#include "host/common/port_owner.h"
 
 namespace kesto::host {
 namespace {
@@ -40,10 +40,12 @@ std::string AskGuard(const InstalledPlugin& installed) {
     GetNamedPipeServerProcessId(pipe.get(), &answering);
     const ServerAddress listen = ReadBridgeIni(installed.engine_folder).settings.listen;
     const auto owner = ListenerOn(listen.host, listen.port);
-    const std::wstring program = ProgramOf(answering);
-    const bool from_its_folder =
-        NameSameFile(program.substr(0, program.rfind(L'\\')), installed.engine_folder);
-    if (!IsGuard(answering, owner, from_its_folder)) {
+    // Anybody could have made the pipe before the guard, which owns the port. Where Windows does not tell who
+    // does, or nobody does since `listen` has been changed, its program has to be in the guard's folder.
+    const bool is_guard = owner && owner->process_id != 0
+                              ? owner->process_id == answering
+                              : LiesIn(ProgramOf(answering), installed.engine_folder);
+    if (!is_guard) {
         return "process " + std::to_string(answering) + " answers in the guard's place" +
                (owner && owner->process_id != 0
                     ? "; " + AddressText(listen) + " belongs to " + OwnerText(*owner)
@@ -65,18 +67,13 @@ std::string AskGuard(const InstalledPlugin& installed) {
 
 }  // namespace
 
-bool IsGuard(uint32_t answering, const std::optional<PortOwner>& owner, bool from_its_folder) {
-    return owner && owner->process_id != 0 ? owner->process_id == answering : from_its_folder;
-}
-
 int Restart(const InstalledPlugin& installed) {
     const std::string answer = AskGuard(installed);
     if (answer == kRestarted) {
         PrintOut("Restarted\n");
         return kExitClean;
     }
-    PrintError("kestoscan: not restarted - " + answer + "\n");
-    return kExitError;
+    return Complain("not restarted - " + answer);
 }
 
 }  // namespace kesto::host

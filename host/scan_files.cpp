@@ -12,7 +12,6 @@
 #include "common/file_bytes.h"
 #include "common/text.h"
 #include "host/check/check.h"
-#include "host/common/exit_status.h"
 #include "host/common/output.h"
 #include "host/engine_start.h"
 #include "host/interrupt.h"
@@ -105,7 +104,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         report_.Summary(CurrentTotals(), false);
         SetLastWords(nullptr);
         if (!stop_words_.empty()) {
-            PrintError("kestoscan: " + stop_words_);
+            Complain(stop_words_);
         }
         changed_.notify_all();
         changed_.wait_for(guard, kThreadsLeave, [this] { return threads_ == 0; });
@@ -142,7 +141,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
             run->changed_.notify_all();
         });
         if (!began && --threads_ == 0) {
-            stop_words_ = "the system has no thread for a scan\n";
+            stop_words_ = "the system has no thread for a scan";
         }
     }
 
@@ -265,9 +264,11 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         if (!logged.empty()) {
             return logged;
         }
-        return PluginErrorText(plugin, code) +
-               (code == kErrorReply ? ": no verdict in the engine's reply, which kestoav.log would tell"
-                                    : "");
+        char text[256] = "";
+        plugin.get_error_text(code, text, sizeof text);
+        return Utf8FromAnsi(text) + (code == kErrorReply
+                                         ? ": no verdict in the engine's reply, which kestoav.log would tell"
+                                         : "");
     }
 
     void Infected(const Lane& lane, const FileBytes& bytes, const std::string& virus) {

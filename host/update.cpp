@@ -11,7 +11,6 @@
 #include "common/file_bytes.h"
 #include "common/processes.h"
 #include "common/text.h"
-#include "host/common/exit_status.h"
 #include "host/common/output.h"
 #include "host/interrupt.h"
 
@@ -23,12 +22,6 @@ constexpr uint64_t kMostTold = 4096;  // of what the updater has logged
 
 bool UpdaterRuns(const InstalledPlugin& installed) {
     return !ProcessesOf(installed.updater).empty();
-}
-
-int TellInterrupted(const InstalledPlugin& installed) {
-    PrintError(UpdaterRuns(installed) ? "kestoscan: interrupted; the updater goes on\n"
-                                      : "kestoscan: interrupted; no updater runs\n");
-    return kExitError;
 }
 
 uint64_t SizeOf(const std::wstring& path) {
@@ -50,14 +43,16 @@ std::string LoggedSince(const std::wstring& log, uint64_t size) {
 
 int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
     if (UpdaterRuns(installed)) {
-        PrintError("kestoscan: an update is under way already: wait for its end\n");
-        return kExitError;
+        return Complain("an update is under way already: wait for its end");
     }
     // A child inherits whether its parent ignores Ctrl-C: the parent does until the child is there.
     SetConsoleCtrlHandler(nullptr, TRUE);
     {
         const std::lock_guard guard(OutputLock());
-        SetLastWords([&] { return TellInterrupted(installed); });
+        SetLastWords([&] {
+            return Complain(UpdaterRuns(installed) ? "interrupted; the updater goes on"
+                                                   : "interrupted; no updater runs");
+        });
     }
     const std::wstring log =
         UpdateLogPath(ReadBridgeIni(installed.engine_folder).settings, installed.engine_folder);
@@ -72,8 +67,7 @@ int Update(const PluginLibrary& plugin, const InstalledPlugin& installed) {
         ended = true;
     });
     if (!began) {
-        PrintError("kestoscan: the system has no thread for an update\n");
-        return kExitError;
+        return Complain("the system has no thread for an update");
     }
     while (!ended && !UpdaterRuns(installed)) {
         Sleep(kPollMs);

@@ -13,6 +13,8 @@
 #include "common/bridge_ini.h"
 #include "common/error_words.h"
 #include "common/folder_limit.h"
+#include "common/our_version.h"
+#include "common/owned_handle.h"
 #include "common/processes.h"
 #include "common/program_folder.h"
 #include "common/text.h"
@@ -89,34 +91,22 @@ bool HoldsOnlyOwn(const std::wstring& folder) {
     return true;
 }
 
-// The running programs of this folder's engine: first the guard, which would start the worker again.
-std::vector<ProgramProcess> EngineOf(const std::wstring& folder) {
-    std::vector<ProgramProcess> engine;
-    for (const wchar_t* name : {L"kestoav.exe", L"kestobridge.exe"}) {
-        for (const ProgramProcess& process : ProcessesNamed(name)) {
-            // It may have been renamed since, but lies where it was.
-            if (NameSameFile(process.path.substr(0, process.path.find_last_of(L'\\')),
-                             folder + L"\\plugins\\kestoav")) {
-                engine.push_back(process);
-            }
-        }
-    }
-    return engine;
+std::vector<ProgramProcess> Engine(const std::wstring& folder) {
+    return EngineIn(folder + L"\\plugins\\kestoav");
 }
 
 // Whether all files can be replaced, once the engine has ended.
 bool AllAreFree(const std::wstring& folder) {
-    const std::vector<ProgramProcess> engine = EngineOf(folder);
+    const std::vector<ProgramProcess> engine = Engine(folder);
     for (const std::wstring& path : List(L"\\files.txt")) {
         const std::wstring file = std::filesystem::path(folder) / path;
         const bool runs = std::any_of(engine.begin(), engine.end(), [&](const ProgramProcess& process) {
             return NameSameFile(process.path, file);
         });
-        HANDLE opened = CreateFileW(file.c_str(), GENERIC_WRITE | DELETE,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                    OPEN_EXISTING, 0, nullptr);
-        const DWORD error = opened == INVALID_HANDLE_VALUE ? GetLastError() : ERROR_SUCCESS;
-        CloseHandle(opened);
+        const OwnedHandle opened = Own(CreateFileW(file.c_str(), GENERIC_WRITE | DELETE,
+                                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                                   nullptr, OPEN_EXISTING, 0, nullptr));
+        const DWORD error = opened ? ERROR_SUCCESS : GetLastError();
         if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND &&
             !runs) {
             return No(Utf8FromWide(file) + " cannot be written: " + SystemErrorWithCode(error));
@@ -126,7 +116,7 @@ bool AllAreFree(const std::wstring& folder) {
 }
 
 bool EngineEnds(const std::wstring& folder) {
-    for (const ProgramProcess& process : EngineOf(folder)) {
+    for (const ProgramProcess& process : Engine(folder)) {
         if (!EndProcess(process.id)) {
             return No(Utf8FromWide(process.path) + ", process " + std::to_string(process.id) +
                       ", cannot be ended");
@@ -135,18 +125,8 @@ bool EngineEnds(const std::wstring& folder) {
     return true;
 }
 
-// Whether a program belongs to KESTO AV, according to its version resource.
 bool IsOurs(const std::wstring& file) {
-    DWORD ignored;
-    std::vector<BYTE> resource(GetFileVersionInfoSizeW(file.c_str(), &ignored));
-    void* product;
-    UINT length;
-    return !resource.empty() &&
-           GetFileVersionInfoW(file.c_str(), 0, static_cast<DWORD>(resource.size()), resource.data()) !=
-               FALSE &&
-           VerQueryValueW(resource.data(), L"\\StringFileInfo\\040904E4\\ProductName", &product, &length) !=
-               FALSE &&
-           std::wstring(static_cast<const wchar_t*>(product)) == L"KESTO AV";
+    return !OurVersion(file).empty();
 }
 
 constexpr struct {

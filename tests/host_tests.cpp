@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-#include "host/engine_start.h"
-#include "host/restart.h"
 #include "tests/support/plugin_host.h"
 
 namespace kesto {

@@ -1,9 +1,9 @@
 #include <windows.h>
 
 #include <chrono>
-#include <vector>
 
 #include "common/guard_words.h"
+#include "common/our_version.h"
 #include "common/processes.h"
 #include "common/server_talk.h"
 #include "common/text.h"
@@ -16,24 +16,6 @@ namespace {
 constexpr std::chrono::seconds kAnswerLimit(2);
 constexpr double kOften = 3;           // starts
 constexpr double kLately = 10 * 60.0;  // seconds
-
-// The version of one of our programs, such as "1.0.4"; empty for any other file.
-std::wstring OurVersion(const std::wstring& program) {
-    std::vector<char> block(GetFileVersionInfoSizeW(program.c_str(), nullptr));
-    const auto text = [&](const wchar_t* name) {
-        void* value = nullptr;
-        UINT length = 0;
-        return VerQueryValueW(block.data(), (L"\\StringFileInfo\\040904E4\\" + std::wstring(name)).c_str(),
-                              &value, &length)
-                   ? std::wstring(static_cast<const wchar_t*>(value))
-                   : L"";
-    };
-    const bool known =
-        !block.empty() &&
-        GetFileVersionInfoW(program.c_str(), 0, static_cast<DWORD>(block.size()), block.data()) &&
-        text(L"ProductName") == L"KESTO AV";
-    return known ? text(L"ProductVersion") : L"";
-}
 
 }  // namespace
 

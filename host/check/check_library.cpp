@@ -1,7 +1,3 @@
-#include <windows.h>
-
-#include <sstream>
-
 #include "common/text.h"
 #include "host/check/checks.h"
 #include "host/common/plugin_library.h"
@@ -23,18 +19,7 @@ constexpr char kExportNames[] =
 
 void CheckLibrary(Findings& findings, const std::wstring& path) {
     PluginLibrary plugin;
-    Fault fault = LoadPlugin(path, plugin);
-    if (!fault) {
-        std::istringstream names(kExportNames);
-        std::string missing;
-        for (std::string name; names >> name;) {
-            if (!GetProcAddress(static_cast<HMODULE>(plugin.module), name.c_str())) {
-                missing += (missing.empty() ? "" : ", ") + name;
-            }
-        }
-        fault = missing.empty() ? Fault() : LacksExports(path, missing);
-    }
-    if (fault) {
+    if (const Fault fault = LoadPlugin(path, plugin, kExportNames)) {
         findings.Failed("library", fault.text, "copy CLAMDLL.dll from the release again");
     } else {
         findings.Ok("library", Utf8FromWide(path) + " loads and has all its exports");

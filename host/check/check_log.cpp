@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include "common/error_words.h"
+#include "common/owned_handle.h"
 #include "common/text.h"
 #include "host/check/checks.h"
 
@@ -30,11 +31,11 @@ void CheckLogFile(Findings& findings, const char* check, const std::wstring& pat
         return;
     }
     // A file that was not there is not left behind.
-    HANDLE file = CreateFileW(path.c_str(), FILE_APPEND_DATA | (exists ? 0 : DELETE),
-                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                              exists ? OPEN_EXISTING : CREATE_NEW,
-                              exists ? FILE_ATTRIBUTE_NORMAL : FILE_FLAG_DELETE_ON_CLOSE, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
+    const OwnedHandle file = Own(CreateFileW(
+        path.c_str(), FILE_APPEND_DATA | (exists ? 0 : DELETE),
+        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, exists ? OPEN_EXISTING : CREATE_NEW,
+        exists ? FILE_ATTRIBUTE_NORMAL : FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+    if (!file) {
         const DWORD code = GetLastError();
         findings.Failed(check, fault + SystemErrorWithCode(code),
                         code == ERROR_PATH_NOT_FOUND ? "create its folder"
@@ -43,7 +44,6 @@ void CheckLogFile(Findings& findings, const char* check, const std::wstring& pat
                             : "name another file");
         return;
     }
-    CloseHandle(file);
     findings.Ok(check, name + " can be written by this account");
 }
 

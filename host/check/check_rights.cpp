@@ -2,6 +2,9 @@
 // It needs windows.h before it.
 #include <aclapi.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "common/text.h"
 #include "host/check/checks.h"
 
@@ -14,23 +17,16 @@ constexpr DWORD kWriting =
 
 struct Group {
     const char* name;
-    WELL_KNOWN_SID_TYPE sid;
-    unsigned in;  // whoever is in this group is in these of the table: a bit for each
+    std::vector<WELL_KNOWN_SID_TYPE> in;  // whoever is in this group is in all of these
 };
-constexpr Group kGroups[] = {{"Everyone", WinWorldSid, 0b0001},
-                             {"Authenticated Users", WinAuthenticatedUserSid, 0b0011},
-                             {"Users", WinBuiltinUsersSid, 0b0111},
-                             {"Guests", WinBuiltinGuestsSid, 0b1001}};
+const Group kGroups[] = {{"Everyone", {WinWorldSid}},
+                         {"Authenticated Users", {WinWorldSid, WinAuthenticatedUserSid}},
+                         {"Users", {WinWorldSid, WinAuthenticatedUserSid, WinBuiltinUsersSid}},
+                         {"Guests", {WinWorldSid, WinBuiltinGuestsSid}}};
 
 bool Holds(const Group& group, PSID sid) {
-    unsigned bit = 1;
-    for (const Group& each : kGroups) {
-        if ((group.in & bit) != 0 && IsWellKnownSid(sid, each.sid)) {
-            return true;
-        }
-        bit <<= 1;
-    }
-    return false;
+    return std::any_of(group.in.begin(), group.in.end(),
+                       [sid](WELL_KNOWN_SID_TYPE known) { return IsWellKnownSid(sid, known) != FALSE; });
 }
 
 // The entries of a list of rights count in their order.

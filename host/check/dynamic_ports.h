@@ -3,7 +3,7 @@
 #pragma once
 
 #include <optional>
-#include <string_view>
+#include <string>
 
 namespace kesto::host {
 
@@ -14,7 +14,7 @@ struct PortRange {
 
 // Reads the output of "netsh interface ipv4 show dynamicport tcp" in any language: its last two numbers
 // count.
-std::optional<PortRange> PortRangeIn(std::string_view netsh_output);
+std::optional<PortRange> PortRangeIn(const std::string& netsh_output);
 
 // None when the system does not tell.
 std::optional<PortRange> DynamicPorts();

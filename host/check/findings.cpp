@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "common/text.h"
-#include "host/common/exit_status.h"
 #include "host/common/json_line.h"
 #include "host/common/output.h"
 

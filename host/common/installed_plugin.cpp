@@ -8,10 +8,36 @@
 #include "base/log.h"
 #include "base/server_list.h"
 #include "common/error_words.h"
+#include "common/folder_limit.h"
 #include "common/text.h"
-#include "host/common/plugin_library.h"
 
 namespace kesto::host {
+namespace {
+
+// The folder as the interface takes it: in the ANSI code page, with short names where long names have other
+// letters, and short enough for the programs that the plug-in starts from there.
+Fault AnsiFolder(const std::wstring& folder, std::string& ansi) {
+    // A letter that is only replaced by a similar one names another folder.
+    const auto convert = [&](const std::wstring& path) {
+        ansi = AnsiFromWide(path);
+        return WideFromAnsi(ansi) == path;
+    };
+    wchar_t short_path[MAX_PATH];
+    const DWORD length = GetShortPathNameW(folder.c_str(), short_path, MAX_PATH);
+    if (!convert(folder) && !(length > 0 && length < MAX_PATH && convert(short_path))) {
+        return {"the folder " + Utf8FromWide(folder) +
+                " has letters that this system's code page lacks, and no short name without them"};
+    }
+    if (ansi.size() > kLongestPluginFolder) {
+        return {"the folder's path may have at most " + std::to_string(kLongestPluginFolder) +
+                " characters, and has " + std::to_string(ansi.size()) +
+                ": Windows starts no program by a path above 259, as is that of " + Utf8FromWide(folder) +
+                "\\plugins\\kestoav\\kestobridge.exe"};
+    }
+    return {};
+}
+
+}  // namespace
 
 InstalledPlugin ReadInstalledPlugin(const std::wstring& folder) {
     InstalledPlugin installed;
@@ -19,12 +45,12 @@ InstalledPlugin ReadInstalledPlugin(const std::wstring& folder) {
     installed.engine_folder = folder + L"\\plugins\\kestoav";
     installed.engine = installed.engine_folder + L"\\kestoav.exe";
     installed.updater = installed.engine_folder + L"\\kestoavu.exe";
-    std::string ansi_folder;
-    installed.folder_fault = AnsiFolder(folder, ansi_folder);
+    installed.folder_fault = AnsiFolder(folder, installed.ansi_folder);
     if (!installed.folder_fault) {
-        ReadSettings(ansi_folder.c_str(), installed.settings);
+        const char* const ansi_folder = installed.ansi_folder.c_str();
+        ReadSettings(ansi_folder, installed.settings);
         char log_path[kPathSize];
-        if (FindLogPath(ansi_folder.c_str(), installed.settings.logfile, log_path)) {
+        if (FindLogPath(ansi_folder, installed.settings.logfile, log_path)) {
             installed.log = WideFromAnsi(log_path);
         }
     }

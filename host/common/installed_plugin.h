@@ -12,6 +12,7 @@ namespace kesto::host {
 
 struct InstalledPlugin {
     std::wstring folder;         // absolute, without a backslash at its end
+    std::string ansi_folder;     // as the interface takes it, unless there is a fault
     std::wstring engine_folder;  // below it
     std::wstring engine;         // kestoav.exe
     std::wstring updater;        // kestoavu.exe

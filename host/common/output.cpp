@@ -87,6 +87,11 @@ void PrintError(std::string_view lines) {
     WriteToFile(lines);
 }
 
+int Complain(const std::string& words) {
+    PrintError("kestoscan: " + words + (words.ends_with('\n') ? "" : "\n"));
+    return kExitError;
+}
+
 Fault PrintToFileToo(const std::wstring& path) {
     HANDLE file = CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                               OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);

@@ -10,8 +10,16 @@
 
 namespace kesto::host {
 
+// The exit status of the program, as users of scanners expect it.
+inline constexpr int kExitClean = 0;
+inline constexpr int kExitInfected = 1;  // even if there was an error as well
+inline constexpr int kExitError = 2;     // also: wrong usage, interrupted
+
 void PrintOut(std::string_view lines);
 void PrintError(std::string_view lines);
+
+// Prints what is wrong, in one line or more, as kestoscan's words. Returns kExitError.
+int Complain(const std::string& words);
 
 // From now on all output is also appended to this file, as UTF-8, below a line with the time.
 Fault PrintToFileToo(const std::wstring& path);

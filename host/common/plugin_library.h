@@ -31,20 +31,8 @@ struct PluginLibrary {
     int32_t(__stdcall* get_expiry)(uint32_t a, uint32_t b, uint32_t c) = nullptr;
 };
 
-// The fault tells why the library cannot be loaded, or which of the exports above it lacks.
-Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin);
-
-// The fault of a library without these exports.
-Fault LacksExports(const std::wstring& path, const std::string& names);
-
-// INITIALIZESCANNER. After a fault nothing else may be called; but if `without_engine`, a plug-in that can
-// update and tell its version, but whose scans have no engine.
-Fault StartPlugin(const PluginLibrary& plugin, const std::wstring& folder, bool& without_engine);
-
-// The folder as the interface takes it: in the ANSI code page, with short names where long names have other
-// letters, and short enough for the programs that the plug-in starts from there.
-Fault AnsiFolder(const std::wstring& folder, std::string& ansi);
-
-std::string PluginErrorText(const PluginLibrary& plugin, uint32_t code);
+// The fault tells why the library cannot be loaded, or which of the exports above it lacks, or of these,
+// which are separated by blanks.
+Fault LoadPlugin(const std::wstring& path, PluginLibrary& plugin, const char* more_exports = "");
 
 }  // namespace kesto::host
