@@ -53,7 +53,7 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
         {found(v49 + "%n"), "mail.eml: " + v49, ""},
         {found(std::string((1 << 20) - 14, 'v')), "mail.eml: " + v49, ""},
         {found(std::string((1 << 20) - 13, 'v')), "failed 1003", ""},  // a reply above 1 MiB is refused
-        {Endless("stream: "), "failed 1003", ""},
+        {ReplyingBytes("stream: " + std::string(2 << 20, 'v'), Then::kHolds), "failed 1003", ""},
         {ReplyingBytes(WithNul("stream: In.Pieces FOUND"), Then::kHolds, 1), "mail.eml: In.Pieces", ""},
         {ReplyingBytes(WithNul("stream: A FOUND") + WithNul("stream: OK")), "mail.eml: A", ""},
         {Replying("%s%n%d"), "failed 1003", "%s%n%d"},
@@ -138,7 +138,7 @@ int WSAAPI PassTime(int, fd_set* read, fd_set* send, fd_set* refused, timeval* l
 
 TEST_F(ScanTest, GivesUpAnEngineThatStandsStillForTwentySeconds) {
     const ImportPatch patch(plugin.module, "select", PassTime);
-    ScriptedEngine engine(kDeaf);
+    ScriptedEngine engine([](Wire& wire) { wire.Hold(); });
     Start("servers=localhost:" + std::to_string(engine.Port()));
     EXPECT_EQ(Scan("x"), "failed 1003");
     EXPECT_EQ(Scan(std::string(64 << 20, 'x')), "failed 1002");
