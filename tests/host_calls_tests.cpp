@@ -1,6 +1,5 @@
 // The host's other calls: the engine's version, updates, error texts.
 #include "tests/support/fake_system.h"
-#include "tests/support/losses.h"
 
 namespace kesto {
 namespace {
