@@ -1,6 +1,9 @@
 // Connecting to a server: how long it waits, what it loses, and what the log tells of it.
+#include "plugin/net/socket_connection.h"
+// This must come after winsock2.h, in what is above.
+#include <ws2tcpip.h>
+
 #include "tests/support/fake_system.h"
-#include "tests/support/losses.h"
 
 namespace kesto {
 namespace {
@@ -58,6 +61,67 @@ TEST(Connection, TellsOfTheServerOfTheSettingsThatFailedLastAndLosesNothing) {
         const std::string log = ReadFile(it.installed.log);  // the record has lines of its own
         EXPECT_EQ(std::count(log.begin(), log.end(), '\r'), std::count(log.begin(), log.end(), '\n'));
     }
+}
+
+std::vector<std::string> g_asked;
+
+int WSAAPI RecordRequest(SOCKET socket, DWORD code, void* in, DWORD, void*, DWORD, DWORD*, OVERLAPPED*,
+                         LPWSAOVERLAPPED_COMPLETION_ROUTINE) {
+    g_asked.push_back(std::to_string(code) + ": " + std::to_string(*static_cast<uint32_t*>(in) & 0xFFFFFF));
+    DWORD flags;
+    GetHandleInformation(reinterpret_cast<HANDLE>(socket), &flags);
+    EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, 0u);
+    WSASetLastError(WSAEOPNOTSUPP);  // like systems that do not know the request
+    return SOCKET_ERROR;
+}
+
+using ConnectionTest = PluginTest;
+
+TEST_F(ConnectionTest, ConnectOnLoopbackAsksOnceAndProgramsOfTheHostInheritNothing) {
+    const ImportPatch requests(plugin.module, "WSAIoctl", RecordRequest);
+    ScriptedEngine engine;
+    Start("servers=192.0.2.1:9 128.0.0.1:9 127.9.9.9:9 " + engine.Address());
+    system.accepts_from = 3000;  // only the fourth server is really connected to
+    EXPECT_EQ(Scan("x"), "clean");
+    // SIO_TCP_INITIAL_RTO with the round trip unspecified (0xFFFF) and no SYN repeated (0xFE).
+    const char* const once = "2550136849: 16711679";
+    EXPECT_THAT(g_asked, ElementsAre(once, once));
+}
+
+uint32_t* g_clock;
+uint32_t g_lookup_ms;  // time that the next lookup takes
+
+// The name has endlessly many addresses.
+int WSAAPI SlowLookup(const char*, const char*, const addrinfo*, addrinfo** result) {
+    static sockaddr_in serves = LoopbackAddress(0);
+    static addrinfo answer;
+    answer.ai_family = AF_INET;
+    answer.ai_addr = reinterpret_cast<sockaddr*>(&serves);
+    answer.ai_next = *result = &answer;
+    *g_clock += std::exchange(g_lookup_ms, 0);
+    return 0;
+}
+void WSAAPI KeepAnswer(addrinfo*) {}
+
+FARPROC WINAPI HideCancelling(HMODULE module, const char* name) {
+    return strcmp(name, "GetAddrInfoExCancel") == 0 ? nullptr : GetProcAddress(module, name);
+}
+
+TEST_F(ConnectionTest, AnswerOfALookupThatCannotBeCancelledComesInTimeOrNotAtAll) {
+    const ImportPatch resolver(plugin.module, "getaddrinfo", SlowLookup);
+    const ImportPatch freeing(plugin.module, "freeaddrinfo", KeepAnswer);
+    const ImportPatch system7(plugin.module, "GetProcAddress", HideCancelling);
+    g_clock = &system.clock;
+    ScriptedEngine engine;
+    installed.CreateLog();
+    Start("servers=mail.test:" + std::to_string(engine.Port()));
+    for (const uint32_t ms : {999, 1000}) {
+        g_lookup_ms = ms;
+        EXPECT_EQ(Scan("x"), "clean");
+    }
+    EXPECT_THAT(installed.LogMessages(),
+                ElementsAre("Scan file - mail.eml - 1", "Scan file - mail.eml - 1",
+                            AllOf(HasSubstr("\nDNS timed out."), Not(HasSubstr("Connect function")))));
 }
 
 std::string g_waits;

@@ -116,10 +116,10 @@ TEST_F(ServersTest, AreTriedInOrderAndThoseOfASecondStartLast) {
     Start(Servers(FreePort(), first.Port()));
     Start(Servers(second.Port()));
     EXPECT_EQ(Scan("1"), "clean");
-    EXPECT_EQ(first.Accepted(), 1u);
+    EXPECT_EQ(first.Requests().size(), 1u);
     first.Kill();
     EXPECT_EQ(Scan("1"), "clean");
-    EXPECT_EQ(second.Accepted(), 1u);
+    EXPECT_EQ(second.Requests().size(), 1u);
 }
 
 }  // namespace

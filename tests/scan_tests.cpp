@@ -1,6 +1,8 @@
 // A scan through the exports: what is sent, and what the host sees of all that an engine can do.
+#include <cstdlib>
+
+#include "host/check/test_samples.h"
 #include "tests/support/fake_system.h"
-#include "tests/support/losses.h"
 
 namespace kesto {
 namespace {
@@ -53,7 +55,7 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
         {found(v49 + "%n"), "mail.eml: " + v49, ""},
         {found(std::string((1 << 20) - 14, 'v')), "mail.eml: " + v49, ""},
         {found(std::string((1 << 20) - 13, 'v')), "failed 1003", ""},  // a reply above 1 MiB is refused
-        {Endless("stream: "), "failed 1003", ""},
+        {ReplyingBytes("stream: " + std::string(2 << 20, 'v'), Then::kHolds), "failed 1003", ""},
         {ReplyingBytes(WithNul("stream: In.Pieces FOUND"), Then::kHolds, 1), "mail.eml: In.Pieces", ""},
         {ReplyingBytes(WithNul("stream: A FOUND") + WithNul("stream: OK")), "mail.eml: A", ""},
         {Replying("%s%n%d"), "failed 1003", "%s%n%d"},
@@ -138,12 +140,57 @@ int WSAAPI PassTime(int, fd_set* read, fd_set* send, fd_set* refused, timeval* l
 
 TEST_F(ScanTest, GivesUpAnEngineThatStandsStillForTwentySeconds) {
     const ImportPatch patch(plugin.module, "select", PassTime);
-    ScriptedEngine engine(kDeaf);
+    ScriptedEngine engine([](Wire& wire) { wire.Hold(); });
     Start("servers=localhost:" + std::to_string(engine.Port()));
     EXPECT_EQ(Scan("x"), "failed 1003");
     EXPECT_EQ(Scan(std::string(64 << 20, 'x')), "failed 1002");
     EXPECT_THAT(plugin.VersionDetails(), HasSubstr("\nWaitForData timed out."));
     EXPECT_EQ(g_waits, " connect 1.0 read 20.0 connect 1.0 send 20.0 connect 20.0 read 20.0");
+}
+
+void* NoMemory() {
+    return nullptr;
+}
+
+TEST(ScanMemory, LackOfItIsAnErrorAndNoMore) {
+    ScriptedEngine engine;
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        {"malloc", "failed 1001", "restarting kestoav process"},  // for the IDs of processes
+        {"calloc", "failed 1001", "WSAENOBUFS"},                  // for the lookup, and then the record
+        {"realloc", "failed 1003", "Unexpected response"},        // for the reply
+    };
+    for (const auto& [function, outcome, logged] : cases) {
+        DrivenPlugin it;
+        it.installed.CreateLog();
+        it.Start("servers=localhost:" + std::to_string(engine.Port()));
+        it.system.Become({.starts = false, .look_takes = 1000});
+        const ImportPatch patch(it.plugin.module, function, NoMemory);
+        EXPECT_EQ(it.Scan("x"), outcome);
+        EXPECT_THAT(ReadText(it.installed.log), HasSubstr(logged));
+        EXPECT_EQ(it.Start("servers=a b:1"), *function == 'c' ? 0 : ERROR_NOT_ENOUGH_MEMORY);
+    }
+}
+
+TEST(Road, LeadsToARealClamd) {
+    const char* const clamd_port = getenv("KESTOAV_TEST_CLAMD_PORT");
+    if (clamd_port == nullptr) {
+        GTEST_SKIP() << "KESTOAV_TEST_CLAMD_PORT names no clamd; scripts/test starts one";
+    }
+    InstalledPlugin it;
+    it.installed.CreateLog();
+    const uint16_t port = it.installed.PlaceBridge("127.0.0.1:" + std::string(clamd_port));
+    ASSERT_EQ(it.Start("servers=127.0.0.1:" + std::to_string(port)), 0);  // and every default
+    EXPECT_EQ(it.Scan(EicarTestString()), "mail.eml: Eicar-Test-Signature.UNOFFICIAL");
+    EXPECT_EQ(it.Scan(std::string(3'000'001, '\0')), "clean");
+    // Its signatures have no date, so the reply is shown as it is.
+    EXPECT_THAT(it.plugin.VersionDetails(), StartsWith("KESTOAV Version 1.0.4\nClamAV"));
+    EXPECT_THAT(it.installed.LogMessages(), Not(Contains(StartsWith("Unexpected"))));
+    // 64 MB is the limit of the clamd that the tests use.
+    EXPECT_EQ(it.Scan(std::string(65 << 20, 'x')), "failed 1003");
+    EXPECT_EQ(it.installed.LogMessages().back(),
+              "Unexpected response from KESTOAV - INSTREAM size limit exceeded. ERROR");
+    it.installed.EndPrograms();
+    EXPECT_EQ(it.Scan("small"), "clean");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The plug-in as its host drives it.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,10 @@ inline constexpr uint32_t kUntouched = 0x5EED5EED;  // what the host's words hol
 // Scans as the host does. A name of 256 characters or more fills its field without a NUL. Returns what the
 // scan left behind in the host's memory: "clean", "failed CODE" or "FILE NAME: VIRUS NAME".
 std::string ScanWith(const PluginLibrary& plugin, std::string_view data, std::string_view name = "mail.eml");
+
+// Expects that `fault` loses no handles, sockets among them, and no bytes of the heap that the process shares
+// with the plug-in: runs it once for what is made only once, and then often enough for a loss to show.
+void ExpectNothingLost(int rounds, const std::function<void()>& fault);
 
 // An installation with the plug-in loaded from it.
 struct InstalledPlugin {

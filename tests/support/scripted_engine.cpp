@@ -17,39 +17,36 @@ void SetNonBlocking(SOCKET socket) {
     ioctlsocket(socket, FIONBIO, &on);
 }
 
-// Takes in what has newly arrived.
-void Parse(EngineRequest& it) {
-    if (const size_t end = it.raw.find('\0'); it.parsed == 0 && end != std::string::npos) {
-        it.command = it.raw.substr(0, end);
-        it.parsed = end + 1;
-        it.whole = it.command != "zINSTREAM";
-    }
-    while (it.parsed > 0 && !it.whole && it.raw.size() - it.parsed >= 4) {
+// What the bytes so far are.
+EngineRequest RequestIn(const std::string& raw) {
+    EngineRequest it = {raw, raw.c_str(), "", false};
+    size_t at = it.command.size() + 1;
+    it.whole = at <= raw.size() && it.command != "zINSTREAM";
+    while (!it.whole && at + 4 <= raw.size()) {
         uint32_t length = 0;
-        std::copy_n(it.raw.data() + it.parsed, 4, reinterpret_cast<char*>(&length));
+        std::copy_n(raw.data() + at, 4, reinterpret_cast<char*>(&length));
         length = ntohl(length);
-        if (it.raw.size() - it.parsed - 4 < length) {
-            return;
-        }
-        it.data.append(it.raw, it.parsed + 4, length);
-        it.parsed += 4 + size_t{length};
+        it.data.append(raw, at + 4, length);
+        at += 4 + size_t{length};
         it.whole = length == 0;
     }
+    return it;
 }
 
 }  // namespace
 
-Wire::Wire(SOCKET connected, Script* script) : socket_(connected), script_(script) {
+Wire::Wire(SOCKET connected, const std::atomic<bool>* cut) : socket_(connected), cut_(cut) {
+    // A child process that inherited the socket would keep it open after we have closed it.
+    SetHandleInformation(reinterpret_cast<HANDLE>(socket_), HANDLE_FLAG_INHERIT, 0);
     SetNonBlocking(socket_);
     const BOOL at_once = TRUE;  // pieces go out as pieces
     setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&at_once), sizeof at_once);
 }
 
 // The result of `call` once it no longer would block; -1 on failure, -2 when cut or past the limit.
-template <class Call>
-int Wire::WhenReady(Call call) {
+int Wire::WhenReady(const std::function<int()>& call) {
     const auto until = std::chrono::steady_clock::now() + kTestLimit;
-    while (script_ != nullptr ? !script_->cut : std::chrono::steady_clock::now() < until) {
+    while (cut_ != nullptr ? !*cut_ : std::chrono::steady_clock::now() < until) {
         const int result = call();
         if (result >= 0 || WSAGetLastError() != WSAEWOULDBLOCK) {
             return result;
@@ -71,33 +68,34 @@ bool Wire::Send(std::string_view bytes) {
 }
 
 // Reads no byte more than wanted, so that a script that ends early ends exactly where it means to.
-bool Wire::ReceiveSome(std::string& bytes, size_t most) {
+bool Wire::ReceiveSome(size_t most) {
     char piece[65536];
     const int size = static_cast<int>(std::min(most, sizeof piece));
     const int got = WhenReady([&] { return recv(socket_, piece, size, 0); });
     ended_ = got == 0 || got == -1;
     if (got > 0) {
-        bytes.append(piece, static_cast<size_t>(got));
-        if (script_ != nullptr) {
-            const std::lock_guard lock(script_->guard);
-            script_->request.raw.append(piece, static_cast<size_t>(got));
-            Parse(script_->request);
-        }
+        const std::lock_guard lock(guard_);
+        raw_.append(piece, static_cast<size_t>(got));
     }
     return got > 0;
 }
 
 std::string Wire::Receive(size_t size) {
-    std::string bytes;
-    while (bytes.size() < size && ReceiveSome(bytes, size - bytes.size())) {
+    const size_t before = raw_.size();
+    while (raw_.size() - before < size && ReceiveSome(size - (raw_.size() - before))) {
     }
-    return bytes;
+    return raw_.substr(before);
 }
 
-const EngineRequest& Wire::ReceiveRequest() {
-    for (std::string bytes; !script_->request.whole && ReceiveSome(bytes, SIZE_MAX);) {
+EngineRequest Wire::Request() const {
+    const std::lock_guard lock(guard_);
+    return RequestIn(raw_);
+}
+
+EngineRequest Wire::ReceiveRequest() {
+    while (!Request().whole && ReceiveSome(SIZE_MAX)) {
     }
-    return script_->request;
+    return Request();
 }
 
 void Wire::ReplyAndHangUp(std::string_view text) {
@@ -106,28 +104,22 @@ void Wire::ReplyAndHangUp(std::string_view text) {
     Receive();
 }
 
-void Wire::Hold() {
-    while (!script_->cut) {
-        Sleep(1);
-    }
-}
-
-void Wire::Reset() {
-    const linger hard = {1, 0};
-    setsockopt(socket_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&hard), sizeof hard);
+void Wire::Close(bool hard) {
+    const linger how = {hard, 0};
+    setsockopt(socket_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&how), sizeof how);
     closesocket(std::exchange(socket_, INVALID_SOCKET));
 }
 
 EngineScript ReplyingBytes(std::string bytes, Then then, size_t piece) {
     return [=](Wire& wire) {
         wire.ReceiveRequest();
-        for (size_t sent = 0; sent < bytes.size(); sent += std::min(piece, bytes.size() - sent)) {
-            wire.Send(std::string_view(bytes).substr(sent, piece));
+        for (size_t sent = 0; sent < bytes.size(); sent += piece) {
+            wire.Send(bytes.substr(sent, piece));
         }
         if (then == Then::kHangsUp) {
             wire.FinishSending();
         } else if (then == Then::kResets) {
-            wire.Reset();
+            wire.Close(true);
         }
         wire.Receive();
     };
@@ -135,23 +127,6 @@ EngineScript ReplyingBytes(std::string bytes, Then then, size_t piece) {
 
 EngineScript Replying(std::string_view text) {
     return ReplyingBytes(WithNul(text));
-}
-
-EngineScript DyingAfter(size_t bytes, bool resets) {
-    return [=](Wire& wire) {
-        wire.Receive(bytes);
-        if (resets) {
-            wire.Reset();
-        }
-    };
-}
-
-EngineScript Endless(std::string beginning) {
-    return [=](Wire& wire) {
-        wire.ReceiveRequest();
-        for (std::string next = beginning; wire.Send(next); next.assign(65536, 'x')) {
-        }
-    };
 }
 
 EngineScript Realistic(ClamdTraits traits) {
@@ -203,16 +178,11 @@ void ScriptedEngine::Accept(SOCKET listener) {
     for (; !killed_; Sleep(1)) {
         SOCKET accepted = INVALID_SOCKET;
         while ((accepted = accept(listener, nullptr, nullptr)) != INVALID_SOCKET) {
-            SetHandleInformation(reinterpret_cast<HANDLE>(accepted), HANDLE_FLAG_INHERIT, 0);
             const std::lock_guard lock(guard_);
-            Connection& it = connections_.emplace_back(killed_);
-            ++accepted_;
-            it.thread = std::jthread([this, &it, accepted, play = script_] {
-                Wire wire(accepted, &it);
-                play(wire);
-                if (killed_) {
-                    wire.Reset();
-                }
+            Connection& it = connections_.emplace_back(accepted, &killed_);
+            it.thread = std::jthread([this, &it, play = script_] {
+                play(it);
+                it.Close(killed_);
             });
         }
     }
@@ -223,8 +193,7 @@ std::vector<EngineRequest> ScriptedEngine::Requests() const {
     const std::lock_guard lock(guard_);
     std::vector<EngineRequest> requests;
     for (const Connection& each : connections_) {
-        const std::lock_guard of_request(each.guard);
-        requests.push_back(each.request);
+        requests.push_back(each.Request());
     }
     return requests;
 }
@@ -240,18 +209,16 @@ std::string ShiftedDown(std::string data, int by) {
     return data;
 }
 
-std::string ChunkStreamOf(std::string_view data, size_t chunk_size) {
-    std::string stream;
-    for (; !data.empty(); data.remove_prefix(std::min(chunk_size, data.size()))) {
-        const std::string_view chunk = data.substr(0, chunk_size);
-        const uint32_t length = htonl(static_cast<uint32_t>(chunk.size()));
-        stream.append(reinterpret_cast<const char*>(&length), 4).append(chunk);
-    }
-    return stream + std::string(4, '\0');
-}
-
 std::string ScanRequestOf(const std::string& data, bool shifted) {
-    return WithNul("zINSTREAM") + ChunkStreamOf(shifted ? ShiftedDown(data) : data);
+    constexpr size_t kChunk = 8192;
+    const std::string sent = shifted ? ShiftedDown(data) : data;
+    std::string request = WithNul("zINSTREAM");
+    for (size_t at = 0; at < sent.size(); at += kChunk) {
+        const std::string chunk = sent.substr(at, kChunk);
+        const uint32_t length = htonl(static_cast<uint32_t>(chunk.size()));
+        request.append(reinterpret_cast<const char*>(&length), 4).append(chunk);
+    }
+    return request + std::string(4, '\0');
 }
 
 std::string Ask(uint16_t port, const std::string& bytes) {

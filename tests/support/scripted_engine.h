@@ -13,7 +13,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "tests/loopback/loopback.h"
@@ -24,46 +23,44 @@ namespace kesto {
 struct EngineRequest {
     std::string raw;      // every byte that came, even after the request
     std::string command;  // without its NUL
-    std::string data;     // of the chunks, whole ones only
+    std::string data;     // of the chunks
     bool whole = false;   // whether the command has come with its NUL and, for a scan, the stream to its end
-    size_t parsed = 0;    // bytes of `raw` that the fields above hold
 };
 
 // A connection, of a script or of a client; closed with the object. Calls after the other side has gone are
 // harmless. Everything waits by polling, since Wine keeps the sockets of a process that is ended while it
 // waits on them, and an engine may be ended at any moment. A client waits kTestLimit at most; a script's
-// waits end with its engine.
+// waits end when its engine is killed, which it sees by `cut`.
 class Wire {
  public:
-    struct Script {  // what a script's connection shares with its engine
-        explicit Script(const std::atomic<bool>& engine_killed) : cut(engine_killed) {}
-        const std::atomic<bool>& cut;
-        mutable std::mutex guard;
-        EngineRequest request;
-    };
-    explicit Wire(SOCKET connected, Script* script = nullptr);
-    ~Wire() { closesocket(socket_); }
+    explicit Wire(SOCKET connected, const std::atomic<bool>* cut = nullptr);
+    ~Wire() { Close(); }
 
     bool Send(std::string_view bytes);
     // Exactly this many bytes, or fewer when the other side ended or the limit passed before.
     std::string Receive(size_t size = SIZE_MAX);
     bool Ended() const { return ended_; }  // whether Receive has seen the other side end
     // For scripts: a whole request, or as much of one as came.
-    const EngineRequest& ReceiveRequest();
+    EngineRequest ReceiveRequest();
+    EngineRequest Request() const;  // what has come so far; any thread may ask
     // For scripts: sends a text with its NUL, then waits for the client to close.
     void ReplyAndHangUp(std::string_view text);
-    void Hold();  // neither reads nor writes until the end
+    // For scripts: neither reads nor writes until the end.
+    void Hold() {
+        WaitFor([this] { return cut_->load(); }, std::chrono::minutes(2));
+    }
     void FinishSending() { shutdown(socket_, SD_SEND); }
-    void Reset();  // ends the connection the hard way
+    void Close(bool hard = false);  // hard: with a reset
 
  private:
-    template <class Call>
-    int WhenReady(Call call);
-    bool ReceiveSome(std::string& bytes, size_t most);
+    int WhenReady(const std::function<int()>& call);
+    bool ReceiveSome(size_t most);
 
     SOCKET socket_;
-    Script* script_ = nullptr;
+    const std::atomic<bool>* cut_;
     bool ended_ = false;
+    mutable std::mutex guard_;  // of what has come
+    std::string raw_;
 };
 
 // What an engine does with a connection, which is closed when it returns. Runs for each connection in a
@@ -72,12 +69,8 @@ using EngineScript = std::function<void(Wire&)>;
 
 enum class Then { kHangsUp, kResets, kHolds };
 // Replies to each request with exactly these bytes, in pieces of this size.
-EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp, size_t piece = SIZE_MAX);
+EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp, size_t piece = 1 << 20);
 EngineScript Replying(std::string_view text);  // the same with a NUL behind it
-// As soon as it has received so many bytes.
-EngineScript DyingAfter(size_t bytes, bool resets = false);
-inline const EngineScript kDeaf = [](Wire& wire) { wire.Hold(); };  // never reads
-EngineScript Endless(std::string beginning);  // the beginning and then x after x, without a NUL
 // As clamd does: PONG, its version, and to a scan FOUND when the data is the EICAR string or holds VIRUS,
 // "what?" when it holds GARBLE, else OK.
 struct ClamdTraits {
@@ -99,12 +92,11 @@ class ScriptedEngine {
     void Play(EngineScript script);  // for the connections from now on
     void Kill();                     // refuses, and resets what is under way
 
-    unsigned Accepted() const { return accepted_; }  // connections so far
-    std::vector<EngineRequest> Requests() const;     // as accepted
+    std::vector<EngineRequest> Requests() const;  // of all connections so far, as accepted
 
  private:
-    struct Connection : Wire::Script {
-        using Script::Script;
+    struct Connection : Wire {
+        using Wire::Wire;
         std::jthread thread;
     };
     void Accept(SOCKET listener);
@@ -114,15 +106,12 @@ class ScriptedEngine {
     std::list<Connection> connections_;
     uint16_t port_;
     std::atomic<bool> killed_ = false;
-    std::atomic<unsigned> accepted_ = 0;
     std::jthread accepting_;
 };
 
 // What clients say.
 std::string WithNul(std::string_view text);
 std::string ShiftedDown(std::string data, int by = 1);  // 1: as the plug-in's encrypt setting does
-// The stream of a scan: the data in chunks, each with its length, and the zero length. Nothing is shifted.
-std::string ChunkStreamOf(std::string_view data, size_t chunk_size = 8192);
 // All the bytes of a scan as the plug-in sends it.
 std::string ScanRequestOf(const std::string& data, bool shifted = true);
 // Sends bytes on a new connection and returns all that comes back until the end; "(no end)" is added when
