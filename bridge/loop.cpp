@@ -14,8 +14,9 @@ bool Loop::RunOnce(const std::function<void()>& let_in) {
     const bool tick = now >= next_tick_;
     if (tick) {
         next_tick_ = now + kTick;
-        Tick(bridge_, now);
+        // First what it finds out: a scan whose time is over may still get a server that is up again.
         Contain([&] { upkeep_.Tick(now); });
+        Tick(bridge_, now);
         bridge_.room.ShrinkSpare();
     }
     TakeUpNews(bridge_, now);

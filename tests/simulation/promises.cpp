@@ -146,15 +146,14 @@ void World::Loses(Client& client, const std::string& reason) {
     const bool over_time =
         client.ended != Time{} && net.now >= client.ended + std::chrono::seconds(settings.verdict);
     const bool waited = down_since && net.now >= *down_since + std::chrono::seconds(settings.wait);
-    bool all_asked = !down_since, all_sick = true, all_tried = true, just_up = false;
+    bool all_asked = !down_since, all_sick = true, all_tried = true;
     for (const Server* server : list) {
         all_sick &= !server->up && server->erred_at >= client.came;
         all_asked &= !server->up || client.HasAsked(*server);
-        all_tried &= !server->known || server->asked_at >= client.came || server->busy_at == net.now;
-        just_up |= server->named && server->up_since == net.now;
+        all_tried &= !server->known || server->busy_at >= client.came;
         const bool tried = client.asked.find(server->name) != std::string::npos;
-        const bool excused = just_up || client.IsUsedUp() || (used_up && tried) || client.squeezed ||
-                             over_time || client.HasAsked(*server);
+        const bool excused = client.IsUsedUp() || (used_up && tried) || client.squeezed || over_time ||
+                             client.HasAsked(*server);
         Never(server->up && server->IsWell() && !excused, client.name, " is lost (", reason, ") although ",
               server->name, " is well and up, and was not asked");
     }
@@ -162,9 +161,9 @@ void World::Loses(Client& client, const std::string& reason) {
         {"no verdict within", over_time},
         {"not all of the data is kept", client.squeezed},
         {"no further server may get it", used_up},
-        {"no upstream server gave a verdict", all_asked || just_up},
+        {"no upstream server gave a verdict", all_asked},
         {"no upstream server calls a clean file clean", all_sick},
-        {"no upstream server could be reached", all_tried && (waited || just_up)},
+        {"no upstream server could be reached", all_tried && waited},
     };
     const bool is_true = std::ranges::any_of(reasons, [&](const auto& each) {
         return each.second && reason.find(reason.empty() ? "" : each.first) != std::string::npos;
@@ -186,7 +185,7 @@ void World::LookAtServers() {
         if (server.up != was_up) {
             (server.up ? server.up_since : server.down_at) = net.now;
         }
-        const bool falls = was_up && !server.up && !lacks;
+        const bool falls = was_up && !server.up && !lacks && server.erred_at != net.now;
         Never(falls && server.IsWell() && server.fault_at <= server.verdict_at, server.name,
               " is well, has given a verdict since it was, and is called down");
         Never(falls && server.fault == Fault::kBusy && net.now < server.verdict_at + 4s, server.name,

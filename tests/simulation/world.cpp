@@ -73,7 +73,7 @@ LinePtr World::Connect(const std::string& where) {
     Never(where.starts_with("127."), "the bridge connects to itself");
     Server& server =
         *servers.at(static_cast<size_t>(std::atoi(where.c_str() + where.rfind('.', dot - 1) + 1)));
-    server.asked_at = net.now;
+    server.busy_at = net.now;
     if (last == 1 + server.moves && server.fault != Fault::kMoved) {
         server.lines.push_back(std::make_shared<ServerLine>(&server, false));
         return server.lines.back();

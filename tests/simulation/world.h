@@ -55,7 +55,7 @@ struct Server {
     Fault fault = Fault::kNone;
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
     Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{}, told_at{};
-    Time verdict_at{}, erred_at{}, asked_at{}, scan_at{};  // read, read, begun, written by the bridge
+    Time verdict_at{}, erred_at{}, scan_at{};  // read, read, written by the bridge
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
 
