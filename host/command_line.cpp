@@ -56,14 +56,13 @@ std::string Listed(const std::vector<std::string>& items) {
 struct Parser {
     Parser(std::span<const Task> all, Options& options);
 
-    const Task* ChosenTask() const;
-    std::string Contradiction(const Options& options) const;  // empty when all options go together
+    const Task* ChosenTask(bool files_named) const;
+    std::string Contradiction(const Options& options, bool files_named) const;  // empty: all go together
 
     CLI::App app{"Scans files through the mail server's anti-virus plug-in.", "kestoscan"};
     const std::span<const Task> tasks;
-    std::vector<std::pair<CLI::Option*, const Task*>> task_options;
+    std::vector<std::string> task_options;
     std::vector<std::pair<CLI::Option*, TaskTakes>> limited;  // that not every task goes with
-    CLI::Option *files, *file_list, *move, *wait;
 
  private:
     CLI::Option* Limited(TaskTakes kind, CLI::Option* option) {
@@ -102,12 +101,11 @@ struct Parser {
 Parser::Parser(std::span<const Task> all, Options& options) : tasks(all) {
     app.allow_windows_style_options(false);  // a path may begin with a slash
     app.footer(kFooter);
-    files = Limited(kFileOptions, Texts("FILE", "", options.paths,
-                                        "Files to scan; * and ? are wildcards, - is standard input"));
-    file_list =
-        Limited(kFileOptions,
-                Text("--file-list", "FILE", options.file_list,
-                     "Scan the files that this file names, one path on each line; - reads standard input"));
+    Limited(kFileOptions,
+            Texts("FILE", "", options.paths, "Files to scan; * and ? are wildcards, - is standard input"));
+    Limited(kFileOptions,
+            Text("--file-list", "FILE", options.file_list,
+                 "Scan the files that this file names, one path on each line; - reads standard input"));
     Limited(kFileOptions,
             Flag("-r,--recursive", options.list.recursive, "Scan the files in and below named folders"));
     Limited(kFileOptions, Texts("--exclude", "PATTERN", options.list.excluded_files,
@@ -122,13 +120,13 @@ Parser::Parser(std::span<const Task> all, Options& options) : tasks(all) {
                                  "Files scanned at a time, 1 (the default) to 16"));
     Limited(kFileOptions, Number("--timeout", "SECONDS", options.scan.timeout, 1, kLongestTime,
                                  "Give up a file after this time (default 300)"));
-    wait = Limited(kWait, Number("--wait", "SECONDS", options.wait, 0, kLongestTime,
-                                 "Wait up to this long for the engine to answer"));
-    move = Limited(kFileOptions,
-                   Text("--move", "FOLDER", options.scan.quarantine, "Move infected files into this folder"));
+    Limited(kWait, Number("--wait", "SECONDS", options.wait, 0, kLongestTime,
+                          "Wait up to this long for the engine to answer"));
+    Limited(kFileOptions,
+            Text("--move", "FOLDER", options.scan.quarantine, "Move infected files into this folder"));
     Limited(kFileOptions,
             Text("--copy", "FOLDER", options.scan.quarantine, "Copy infected files into this folder"))
-        ->excludes(move);
+        ->excludes("--move");
     Limited(kJson, Flag("--json", options.report.json, "Print one JSON document"));
     Limited(kFileOptions, Flag("--no-summary", options.report.no_summary, "Print no totals at the end"));
     Text("--log", "FILE", options.log, "Also append all output to this file");
@@ -139,26 +137,25 @@ Parser::Parser(std::span<const Task> all, Options& options) : tasks(all) {
             continue;
         }
         CLI::Option* const option = app.add_flag(task.option, task.help);
-        for (const auto& [other, other_task] : task_options) {
+        for (const std::string& other : task_options) {
             option->excludes(other);
         }
-        task_options.emplace_back(option, &task);
+        task_options.emplace_back(task.option);
     }
 }
 
-const Task* Parser::ChosenTask() const {
-    for (const auto& [option, task] : task_options) {
-        if (option->count() != 0) {
-            return task;
+const Task* Parser::ChosenTask(bool files_named) const {
+    for (const Task& task : tasks) {
+        if (task.option != nullptr && app.count(task.option) != 0) {
+            return &task;
         }
     }
-    const bool files_named = files->count() != 0 || file_list->count() != 0;
-    const int wanted = wait->count() != 0 && !files_named ? kWaitAlone : kFileOptions;
+    const int wanted = app.count("--wait") != 0 && !files_named ? kWaitAlone : kFileOptions;
     return &*std::find_if(tasks.begin(), tasks.end(),
                           [&](const Task& task) { return (task.takes & wanted) != 0; });
 }
 
-std::string Parser::Contradiction(const Options& options) const {
+std::string Parser::Contradiction(const Options& options, bool files_named) const {
     for (const auto& [option, kind] : limited) {
         if (option->count() == 0 || (options.task->takes & kind) != 0) {
             continue;
@@ -174,12 +171,8 @@ std::string Parser::Contradiction(const Options& options) const {
     if (!(options.task->takes & kFileOptions)) {
         return "";
     }
-    if (files->count() == 0 && file_list->count() == 0) {
-        std::vector<std::string> others;
-        for (const auto& [option, task] : task_options) {
-            others.push_back(option->get_name());
-        }
-        return "name files to scan, or one of " + Listed(others);
+    if (!files_named) {
+        return "name files to scan, or one of " + Listed(task_options);
     }
     if (std::find(options.paths.begin(), options.paths.end(), kStandardInput) == options.paths.end()) {
         return "";
@@ -203,8 +196,8 @@ Fault ParseCommandLine(int count, wchar_t** arguments, std::span<const Task> tas
         const char* const mark = argument.starts_with(L'[') ? kAsItStands : "";
         utf8_arguments.push_back(mark + Utf8FromWide(argument));
     }
-    options.report.json = json;
     if (quoted) {
+        options.report.json = json;
         return {
             "an argument holds a quotation mark, which no name can: behind a backslash it does not end the "
             "argument, so write \"C:\\folder\" and not \"C:\\folder\\\""};
@@ -218,14 +211,16 @@ Fault ParseCommandLine(int count, wchar_t** arguments, std::span<const Task> tas
         options.report.json = json;
         return {error.what()};
     }
-    options.task = parser.ChosenTask();
-    if (const std::string contradiction = parser.Contradiction(options); !contradiction.empty()) {
+    const bool files_named = !options.paths.empty() || !options.file_list.empty();
+    options.task = parser.ChosenTask(files_named);
+    if (const std::string contradiction = parser.Contradiction(options, files_named);
+        !contradiction.empty()) {
         return {contradiction};
     }
     options.library =
         options.library.empty() ? ProgramFolder() + L"\\CLAMDLL.dll" : FullPath(options.library);
     options.folder = options.folder.empty() ? ProgramFolder() : FullPath(options.folder);
-    options.scan.move = parser.move->count() != 0;
+    options.scan.move = parser.app.count("--move") != 0;
     if (!options.scan.quarantine.empty()) {
         options.scan.quarantine = FullPath(options.scan.quarantine);
     }

@@ -55,24 +55,16 @@ class Lister {
           quarantine_(quarantine.empty() ? std::nullopt : IdentityOf(ExactPath(quarantine))),
           listing_(listing) {}
 
-    void AddArgument(const std::wstring& path) {
-        if (path == kStandardInput) {
-            listing_.files.push_back({.path = path});
-        } else {
-            AddNamed(path);
-        }
-    }
-
     void AddNamed(const std::wstring& path) {
         const std::wstring folder = FolderPart(path);
         if (path.empty()) {
-            AddFailed(path, "Empty path", ERROR_INVALID_NAME);
+            AddFailed(path, {"Empty path", ERROR_INVALID_NAME});
         } else if (path.find(L'"') != std::wstring::npos) {
             AddFailed(path,
-                      "Quotation mark in the path (write \"C:\\folder\" without a backslash at its end)",
-                      ERROR_INVALID_NAME);
+                      {"Quotation mark in the path (write \"C:\\folder\" without a backslash at its end)",
+                       ERROR_INVALID_NAME});
         } else if (NamesDevice(path)) {
-            AddFailed(path, "Is a device, not a file", ERROR_INVALID_NAME);
+            AddFailed(path, {"Is a device, not a file", ERROR_INVALID_NAME});
         } else if (path.find_first_of(L"*?", folder.size()) != std::wstring::npos) {
             AddMatches(folder, ExactPath(folder.empty() ? L"." : folder), path.substr(folder.size()), true);
         } else {
@@ -85,7 +77,7 @@ class Lister {
         const std::wstring exact = ExactPath(path);
         WIN32_FILE_ATTRIBUTE_DATA data;
         if (!GetFileAttributesExW(exact.c_str(), GetFileExInfoStandard, &data)) {
-            AddFailed(path, GetLastError());
+            AddFailed(path, SystemFault(GetLastError()));
         } else if (IsFolder(data.dwFileAttributes)) {
             AddFolder(path, exact, false);
         } else {
@@ -93,26 +85,19 @@ class Lister {
         }
     }
 
-    void AddFailed(const std::wstring& path, const std::string& error, DWORD code) {
-        listing_.files.push_back({.path = path, .fault = {error, static_cast<uint32_t>(code)}});
-    }
-
-    void AddFailed(const std::wstring& path, DWORD code) { AddFailed(path, SystemErrorText(code), code); }
-
-    void AddUnread(const std::wstring& path, const char* why, bool skipped) {
-        AddFailed(path, why, ERROR_DIRECTORY);
-        listing_.files.back().skipped = skipped;
+    void AddFailed(const std::wstring& path, const Fault& fault, bool skipped = false) {
+        listing_.files.push_back({.path = path, .fault = fault, .skipped = skipped});
     }
 
     // Counts what is.
     bool LeftOut(const std::vector<std::wstring>& patterns, const std::wstring& path,
-                 const std::wstring& exact, const wchar_t* name) {
+                 const std::wstring& exact) {
         const bool left_out = std::any_of(patterns.begin(), patterns.end(), [&](const std::wstring& each) {
             const std::wstring pattern = Plain(each);
             const bool whole = pattern.find(L'\\') != std::wstring::npos;
             return whole ? MatchesPattern(Plain(path), pattern) ||
                                MatchesPattern(exact.substr(kExactPrefix), pattern)
-                         : MatchesPattern(name, pattern);
+                         : MatchesPattern(exact.substr(exact.rfind(L'\\') + 1), pattern);
         });
         listing_.left_out += left_out ? 1 : 0;
         return left_out;
@@ -120,7 +105,7 @@ class Lister {
 
     void AddFolder(const std::wstring& path, const std::wstring& exact, bool matched) {
         if (!options_.recursive) {
-            AddUnread(path, "Is a folder (--recursive scans it)", matched);
+            AddFailed(path, {"Is a folder (--recursive scans it)", ERROR_DIRECTORY}, matched);
             return;
         }
         const bool ends = path.find_last_of(L"\\/:") == path.size() - 1;
@@ -137,7 +122,7 @@ class Lister {
         if (search == INVALID_HANDLE_VALUE) {
             // An empty folder has no file, not even "." when it is a drive's root.
             if (named || GetLastError() != ERROR_FILE_NOT_FOUND) {
-                AddFailed(named ? folder + pattern : folder, GetLastError());
+                AddFailed(named ? folder + pattern : folder, SystemFault(GetLastError()));
             }
             return;
         }
@@ -151,8 +136,8 @@ class Lister {
                 if (named || !IsLink(found)) {
                     folders.emplace_back(name);
                 }
-            } else if (!LeftOut(options_.excluded_files, folder + found.cFileName, inside + found.cFileName,
-                                found.cFileName)) {
+            } else if (!LeftOut(options_.excluded_files, folder + found.cFileName,
+                                inside + found.cFileName)) {
                 listing_.files.push_back({folder + found.cFileName, inside + found.cFileName,
                                           Size(found.nFileSizeHigh, found.nFileSizeLow)});
             }
@@ -160,21 +145,18 @@ class Lister {
         const DWORD end = GetLastError();
         FindClose(search);
         if (end != ERROR_NO_MORE_FILES) {
-            AddFailed(folder, end);
+            AddFailed(folder, SystemFault(end));
         }
         for (const std::wstring& name : folders) {
-            AddFound(folder + name, inside + name, name.c_str(), named);
-        }
-    }
-
-    void AddFound(const std::wstring& path, const std::wstring& exact, const wchar_t* name, bool matched) {
-        if (LeftOut(options_.excluded_folders, path, exact, name)) {
-            return;
-        }
-        if (options_.recursive && quarantine_ && SameFile(IdentityOf(exact), quarantine_)) {
-            AddUnread(path, "Is the folder that found files are put into", true);
-        } else {
-            AddFolder(path, exact, matched);
+            const std::wstring path = folder + name, exact_path = inside + name;
+            if (LeftOut(options_.excluded_folders, path, exact_path)) {
+                continue;
+            }
+            if (options_.recursive && quarantine_ && SameFile(IdentityOf(exact_path), quarantine_)) {
+                AddFailed(path, {"Is the folder that found files are put into", ERROR_DIRECTORY}, true);
+            } else {
+                AddFolder(path, exact_path, named);
+            }
         }
     }
 
@@ -190,7 +172,11 @@ FileListing ListFiles(const std::vector<std::wstring>& arguments, const std::vec
     FileListing listing;
     Lister lister(options, quarantine, listing);
     for (const std::wstring& path : arguments) {
-        lister.AddArgument(path);
+        if (path == kStandardInput) {
+            listing.files.push_back({.path = path});
+        } else {
+            lister.AddNamed(path);
+        }
     }
     for (const std::wstring& path : from_list) {
         lister.AddNamed(path);

@@ -177,10 +177,7 @@ Fault Prepare(TaskRun& run) {
         Complain(fault.text);
     }
     std::string words;
-    if (options.wait != 0 && !EngineAnswers(run.installed, options.wait, words)) {
-        return {"the engine does not answer - " + words};
-    }
-    return {};
+    return options.wait == 0 ? Fault() : AwaitEngine(run.installed, options.wait, words);
 }
 
 int RunTask(const Options& options) {

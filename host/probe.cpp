@@ -46,7 +46,7 @@ bool VersionIsTold(const InstalledPlugin& installed) {
         .reply.has_value();
 }
 
-bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words) {
+Fault AwaitEngine(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words) {
     const Deadline end = Clock::now() + std::chrono::seconds(wait_seconds);
     for (;;) {
         const Deadline deadline =
@@ -57,11 +57,11 @@ bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std:
         });
         if (answer.reply == kCleanReply) {
             words += "answers, in " + DurationText(answer.seconds);
-            return true;
+            return {};
         }
         words += Outcome(answer);
         if (Clock::now() + kPause >= end) {
-            return false;
+            return {"the engine does not answer - " + words};
         }
         std::this_thread::sleep_for(kPause);
     }
@@ -77,8 +77,8 @@ std::string NoServerAccepts(const InstalledPlugin& installed) {
 
 int Ping(const InstalledPlugin& installed, unsigned wait_seconds) {
     std::string words;
-    if (!EngineAnswers(installed, wait_seconds, words)) {
-        return Complain("the engine does not answer - " + words);
+    if (const Fault fault = AwaitEngine(installed, wait_seconds, words)) {
+        return Complain(fault.text);
     }
     PrintOut(words + "\n");
     return kExitClean;

@@ -8,8 +8,8 @@
 namespace kesto::host {
 
 // Lets the server that the plug-in would use scan a few clean bytes, again and again for `wait_seconds`, and
-// at least once. True when they were found clean; `words` tells the result of the last try, in one line.
-bool EngineAnswers(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words);
+// at least once, until they are found clean. `words` tells the result of the last try, in one line.
+Fault AwaitEngine(const InstalledPlugin& installed, unsigned wait_seconds, std::string& words);
 
 // Why a scan would wait for a server for ever; empty when one accepts a connection.
 std::string NoServerAccepts(const InstalledPlugin& installed);

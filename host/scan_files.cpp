@@ -35,7 +35,7 @@ constexpr uint32_t kTimedOut = 1460;  // the system's code for it
 // A thread that takes one file after the other.
 struct Lane {
     const ListedFile* file = nullptr;  // null between two files
-    Clock::time_point began;           // with it
+    Clock::time_point began{};         // with it
     bool scanning = false;             // it has been read
     bool given_up = false;             // nobody waits for its call any more
 };
@@ -108,7 +108,9 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         }
         changed_.notify_all();
         changed_.wait_for(guard, kThreadsLeave, [this] { return threads_ == 0; });
-        return Status();
+        return totals_.infected != 0                                  ? kExitInfected
+               : totals_.errors != 0 || totals_.done != totals_.files ? kExitError
+                                                                      : kExitClean;
     }
 
  private:
@@ -116,13 +118,6 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         const auto scans = [](const auto& lane) { return lane->file && lane->scanning && !lane->given_up; };
         return totals_.done == files_.size() || !stop_words_.empty() || OutputFault() ||
                (stopped_ && std::none_of(lanes_.begin(), lanes_.end(), scans));
-    }
-
-    int Status() const {
-        if (totals_.infected != 0) {
-            return kExitInfected;
-        }
-        return totals_.errors != 0 || totals_.done != totals_.files ? kExitError : kExitClean;
     }
 
     const ScanTotals& CurrentTotals() {
@@ -198,9 +193,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         if (stopped_ || next_ == files_.size()) {
             return false;
         }
-        lane.file = &files_[next_++];
-        lane.began = Clock::now();
-        lane.scanning = false;
+        lane = {.file = &files_[next_++], .began = Clock::now()};
         held_ += lane.file->size;
         ++busy_;
         return true;

@@ -22,6 +22,8 @@
 namespace kesto::setup {
 namespace {
 
+constexpr wchar_t kEngineFolder[] = L"\\plugins\\kestoav";  // below the plug-in's
+
 bool No(const std::string& reason) {
     std::fputs(AnsiFromWide(WideFromUtf8(reason)).c_str(), stdout);
     return false;
@@ -91,13 +93,9 @@ bool HoldsOnlyOwn(const std::wstring& folder) {
     return true;
 }
 
-std::vector<ProgramProcess> Engine(const std::wstring& folder) {
-    return EngineIn(folder + L"\\plugins\\kestoav");
-}
-
 // Whether all files can be replaced, once the engine has ended.
 bool AllAreFree(const std::wstring& folder) {
-    const std::vector<ProgramProcess> engine = Engine(folder);
+    const std::vector<ProgramProcess> engine = EngineIn(folder + kEngineFolder);
     for (const std::wstring& path : List(L"\\files.txt")) {
         const std::wstring file = std::filesystem::path(folder) / path;
         const bool runs = std::any_of(engine.begin(), engine.end(), [&](const ProgramProcess& process) {
@@ -116,7 +114,7 @@ bool AllAreFree(const std::wstring& folder) {
 }
 
 bool EngineEnds(const std::wstring& folder) {
-    for (const ProgramProcess& process : Engine(folder)) {
+    for (const ProgramProcess& process : EngineIn(folder + kEngineFolder)) {
         if (!EndProcess(process.id)) {
             return No(Utf8FromWide(process.path) + ", process " + std::to_string(process.id) +
                       ", cannot be ended");

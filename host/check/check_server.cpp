@@ -33,20 +33,16 @@ ScanAnswer VerdictOf(const ServerAnswer& answer) {
 
 std::string Describe(const ServerAnswer& answer) {
     const std::string time = answer.seconds > kToldSeconds ? " after " + DurationText(answer.seconds) : "";
-    switch (VerdictOf(answer)) {
-        case ScanAnswer::kClean:
-            return "found clean" + time;
-        case ScanAnswer::kInfected:
-            return "found infected with " + Utf8FromAnsi(VerdictOfReply(*answer.reply).text) + time;
-        case ScanAnswer::kNoVerdict:
-            break;
-    }
     if (!answer.reply) {
         return answer.failure + time;
     }
-    const bool passes = VerdictOfReply(*answer.reply).kind == VerdictKind::kClean;
-    return "the reply was " + Quoted(*answer.reply) + time +
-           (passes ? ", which the plug-in takes for clean" : "");
+    const ScanAnswer verdict = VerdictOf(answer);
+    const auto taken = VerdictOfReply(*answer.reply);  // by the plug-in
+    return verdict == ScanAnswer::kClean ? "found clean" + time
+           : verdict == ScanAnswer::kInfected
+               ? "found infected with " + Utf8FromAnsi(taken.text) + time
+               : "the reply was " + Quoted(*answer.reply) + time +
+                     (taken.kind == VerdictKind::kClean ? ", which the plug-in takes for clean" : "");
 }
 
 // What a server is asked after it has accepted a connection.

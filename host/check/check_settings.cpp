@@ -31,13 +31,9 @@ void CheckIni(Findings& findings, const std::wstring& path) {
         return;
     }
     for (const IniFinding& finding : LintIni(IniText(bytes))) {
-        const std::string text =
-            "kestoav.ini line " + std::to_string(finding.line) + ": " + Utf8FromAnsi(finding.text);
-        if (finding.misread) {
-            findings.Failed("settings", text, finding.remedy);
-        } else {
-            findings.Warning("settings", text, finding.remedy);
-        }
+        findings.Add(finding.misread ? CheckState::kFailed : CheckState::kWarning, "settings",
+                     "kestoav.ini line " + std::to_string(finding.line) + ": " + Utf8FromAnsi(finding.text),
+                     finding.remedy);
     }
 }
 

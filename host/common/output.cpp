@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -49,9 +50,9 @@ DWORD Write(const Stream& stream, std::string_view text) {
     }
     const std::wstring wide = WideFromUtf8(text);
     DWORD written;
-    const bool done = WriteConsoleW(stream.handle, wide.data(), static_cast<DWORD>(wide.size()), &written,
-                                    nullptr) != FALSE;
-    return done ? 0 : GetLastError();
+    return WriteConsoleW(stream.handle, wide.data(), static_cast<DWORD>(wide.size()), &written, nullptr)
+               ? 0
+               : GetLastError();
 }
 
 void NoteFailure(const char* what, DWORD code) {
@@ -125,12 +126,9 @@ void DrawProgress(std::string_view line) {
     if (GetConsoleScreenBufferInfo(kError.handle, &screen) && screen.dwSize.X > 1) {
         line = line.substr(0, static_cast<size_t>(screen.dwSize.X) - 1);  // a longer one could not be erased
     }
-    std::string text = "\r";
-    text += line;
-    if (line.size() < g_progress_width) {
-        text.append(g_progress_width - line.size(), ' ');
-    }
-    Write(kError, text);
+    std::string text(line);
+    text.resize(std::max(line.size(), g_progress_width), ' ');
+    Write(kError, "\r" + text);
     g_progress_width = line.size();
 }
 
