@@ -39,7 +39,7 @@ files=$(find . -type f | sort | xargs)
 for text in *.txt *.ini plugins/kestoav/*.ini; do
   if grep -qv $'\r$' "$text"; then fail "$text has lines that do not end in CR LF"; fi
 done
-if grep -l -F "$top" -r .; then fail "these tell where they were built"; fi
+if grep -l -F -e "$top" -e "$(eicar)" -r .; then fail "these tell where they were built, or are reported as infected"; fi
 
 # As shipped, but for the ports: nothing else on this machine may depend on them.
 port=$(perl -MIO::Socket::INET -e 'print IO::Socket::INET->new(Listen => 1, LocalAddr => "127.0.0.1:0")->sockport')

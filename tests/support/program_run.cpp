@@ -4,30 +4,17 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "common/program_folder.h"
+
 namespace kesto {
 namespace {
 
 constexpr DWORD kLongestRunMs = 40'000;  // longer than a check may take
 
-// Files, unlike pipes, take any amount of output without a thread to read it.
-std::filesystem::path TemporaryFile() {
-    wchar_t file[MAX_PATH];
-    GetTempFileNameW(std::filesystem::temp_directory_path().c_str(), L"run", 0, file);
-    return file;
-}
-
-HANDLE OpenForChild(const std::filesystem::path& path, DWORD access) {
-    SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
-    return CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                       &inherited, OPEN_EXISTING, 0, nullptr);
-}
-
 }  // namespace
 
 std::filesystem::path BuiltFolder() {
-    wchar_t path[MAX_PATH];
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    return std::filesystem::path(path).parent_path().parent_path();
+    return std::filesystem::path(ProgramFolder()).parent_path();
 }
 
 std::string ReadFile(const std::filesystem::path& path) {
@@ -47,48 +34,52 @@ void WriteFile(const std::filesystem::path& path, std::string_view content) {
 }
 
 ProgramRun::ProgramRun(const std::filesystem::path& program, const std::wstring& arguments,
-                       const std::filesystem::path& folder, const std::string& input)
-    : in_path_(TemporaryFile()), out_path_(TemporaryFile()), err_path_(TemporaryFile()) {
-    WriteFile(in_path_, input);
+                       const std::filesystem::path& folder, const std::string& input) {
+    SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
+    OwnedHandle opened[3];
+    for (size_t i = 0; i < std::size(files_); ++i) {
+        wchar_t file[MAX_PATH];
+        GetTempFileNameW(std::filesystem::temp_directory_path().c_str(), L"run", 0, file);
+        WriteFile(file, i == 0 ? input : "");
+        opened[i] = Own(CreateFileW(file, GENERIC_READ | GENERIC_WRITE,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherited,
+                                    OPEN_EXISTING, 0, nullptr));
+        files_[i] = file;
+    }
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = OpenForChild(in_path_, GENERIC_READ);
-    startup.hStdOutput = OpenForChild(out_path_, GENERIC_WRITE);
-    startup.hStdError = OpenForChild(err_path_, GENERIC_WRITE);
+    startup.hStdInput = opened[0].get();
+    startup.hStdOutput = opened[1].get();
+    startup.hStdError = opened[2].get();
     std::wstring command = L"\"" + program.wstring() + L"\" " + arguments;
-    const BOOL started = CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                                        folder.c_str(), &startup, &process_);
-    const DWORD error = GetLastError();
-    for (const HANDLE each : {startup.hStdInput, startup.hStdOutput, startup.hStdError}) {
-        CloseHandle(each);
+    PROCESS_INFORMATION started;
+    if (!CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, TRUE, 0, nullptr, folder.c_str(),
+                        &startup, &started)) {
+        throw std::runtime_error(program.string() + " does not start: " + std::to_string(GetLastError()));
     }
-    if (!started) {
-        throw std::runtime_error(program.string() + " does not start: " + std::to_string(error));
-    }
+    CloseHandle(started.hThread);
+    process_ = Own(started.hProcess);
 }
 
 ProgramRun::~ProgramRun() {
-    TerminateProcess(process_.hProcess, 99);
-    WaitForSingleObject(process_.hProcess, kLongestRunMs);
-    CloseHandle(process_.hThread);
-    CloseHandle(process_.hProcess);
-    for (const auto& each : {in_path_, out_path_, err_path_}) {
-        DeleteFileW(each.c_str());
+    TerminateProcess(process_.get(), 99);
+    WaitForSingleObject(process_.get(), kLongestRunMs);
+    for (const auto& file : files_) {
+        DeleteFileW(file.c_str());
     }
 }
 
-void ProgramRun::SendConsoleEvent(DWORD event) const {
+void ProgramRun::PressCtrlC() const {
     const auto routine = reinterpret_cast<LPTHREAD_START_ROUTINE>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernelbase.dll"), "CtrlRoutine")));
-    void* const argument = reinterpret_cast<void*>(static_cast<uintptr_t>(event));
-    CloseHandle(CreateRemoteThread(process_.hProcess, nullptr, 0, routine, argument, 0, nullptr));
+    CloseHandle(CreateRemoteThread(process_.get(), nullptr, 0, routine, CTRL_C_EVENT, 0, nullptr));
 }
 
 RunResult ProgramRun::Finish() const {
-    WaitForSingleObject(process_.hProcess, kLongestRunMs);
-    RunResult result = {.out = ReadFile(out_path_), .err = ReadFile(err_path_)};
-    GetExitCodeProcess(process_.hProcess, &result.status);
+    WaitForSingleObject(process_.get(), kLongestRunMs);
+    RunResult result = {.out = ReadFile(files_[1]), .err = ReadFile(files_[2])};
+    GetExitCodeProcess(process_.get(), &result.status);
     return result;
 }
 

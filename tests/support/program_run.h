@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <string>
 
+#include "common/owned_handle.h"
+
 namespace kesto {
 
 // Where the programs were built: kestoscan.exe, CLAMDLL.dll, kestoav.exe, tests\engine_child.exe.
@@ -29,14 +31,14 @@ class ProgramRun {
     ProgramRun(const ProgramRun&) = delete;
     ProgramRun& operator=(const ProgramRun&) = delete;
 
-    std::string Err() const { return ReadFile(err_path_); }  // so far
-    // As the system itself tells a single process, with any event: CTRL_BREAK_EVENT, CTRL_LOGOFF_EVENT...
-    void SendConsoleEvent(DWORD event) const;
+    void PressCtrlC() const;  // as the system itself tells a single process
     RunResult Finish() const;  // waits for the end
 
  private:
-    std::filesystem::path in_path_, out_path_, err_path_;
-    PROCESS_INFORMATION process_ = {};
+    // Its standard input, output and errors. Files, unlike pipes, take any amount without a thread to read
+    // it.
+    std::filesystem::path files_[3];
+    OwnedHandle process_;
 };
 
 }  // namespace kesto
