@@ -1,5 +1,6 @@
 #include "bench/sink.h"
 
+#include <algorithm>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -10,31 +11,20 @@
 namespace kesto {
 namespace {
 
-// How the sink sees that a scan's stream has ended, without a look at its chunks: the bench's files hold no
-// byte of 0, shifted or not, so four in a row are the chunk of no bytes that ends the stream.
-class StreamEnd {
- public:
-    bool IsReachedBy(std::string_view bytes) {
-        const size_t behind = bytes.find_last_not_of('\0') + 1;
-        zeros_ = bytes.size() - behind + (behind == 0 ? zeros_ : 0);
-        return zeros_ >= 4;
-    }
-
- private:
-    size_t zeros_ = 0;  // that came last
-};
-
 // Reads much at a time, in threads that wait in `accept` beforehand: the sink should cost less than what is
-// measured with it.
+// measured with it. So it sees that a scan's stream has ended without a look at its chunks: the bench's files
+// hold no byte of 0, shifted or not, so four in a row are the chunk of no bytes that ends the stream.
 void ServeConnections(SOCKET listener) {
     std::vector<char> buffer(256 * 1024);
     for (SOCKET client; (client = accept(listener, nullptr, nullptr)) != INVALID_SOCKET;
          closesocket(client)) {
-        StreamEnd end;
-        int count = 0;
-        do {
+        int count = 1;
+        for (size_t zeros = 0; count > 0 && zeros < 4;) {
             count = recv(client, buffer.data(), static_cast<int>(buffer.size()), 0);
-        } while (count > 0 && !end.IsReachedBy({buffer.data(), static_cast<size_t>(count)}));
+            const std::string_view bytes(buffer.data(), static_cast<size_t>(std::max(count, 0)));
+            const size_t behind = bytes.find_last_not_of('\0') + 1;
+            zeros = bytes.size() - behind + (behind == 0 ? zeros : 0);
+        }
         if (count > 0) {
             send(client, kCleanReply.data(), static_cast<int>(kCleanReply.size()) + 1, 0);  // with its NUL
             recv(client, buffer.data(), 1, 0);  // the sender closes first

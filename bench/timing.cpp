@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
-#include <exception>
+#include <future>
 #include <mutex>
-#include <thread>
 #include <utility>
 
 namespace kesto {
@@ -19,31 +18,20 @@ double Median(std::vector<double> values) {
 double SecondsFor(int calls, const Work& work, int threads) {
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
-    std::vector<std::exception_ptr> thrown(static_cast<size_t>(threads));
-    auto run = [&](std::exception_ptr& failure) {
-        try {
-            for (int i = 0; i < calls; ++i) {
-                work();
-            }
-        } catch (...) {
-            failure = std::current_exception();
+    const auto run = [&] {
+        for (int i = 0; i < calls; ++i) {
+            work();
         }
     };
-    std::vector<std::thread> others;
-    for (size_t i = 1; i < thrown.size(); ++i) {
-        others.emplace_back(run, std::ref(thrown[i]));
+    std::vector<std::future<void>> others;  // each waits for its thread when it is destroyed
+    for (int i = 1; i < threads; ++i) {
+        others.push_back(std::async(std::launch::async, run));
     }
-    run(thrown[0]);
-    for (std::thread& other : others) {
-        other.join();
+    run();
+    for (std::future<void>& other : others) {
+        other.get();
     }
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    for (const std::exception_ptr& failure : thrown) {
-        if (failure) {
-            std::rethrow_exception(failure);
-        }
-    }
-    return seconds;
+    return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
 Comparison Compare(int rounds, const Work& work, const Work& beside, int threads) {
@@ -52,21 +40,13 @@ Comparison Compare(int rounds, const Work& work, const Work& beside, int threads
     const double once = SecondsFor(1, work, threads);
     const double beside_once = SecondsFor(1, beside, threads);
     const int calls = static_cast<int>(std::clamp(kSecondsPerSide / std::max(once, beside_once), 1.0, 1e6));
-    if (rounds * (once + beside_once) > kMostSeconds) {
-        rounds = std::max(3, static_cast<int>(kMostSeconds / (once + beside_once)));
-    }
-    std::vector<double> times;
-    std::vector<double> beside_times;
-    std::vector<double> speeds;
+    rounds = std::min(rounds, static_cast<int>(std::clamp(kMostSeconds / (once + beside_once), 3.0, 1e6)));
+    std::vector<double> times, beside_times, speeds;
     for (int round = 0; round < rounds; ++round) {
-        double seconds = 0;
-        if (round % 2 == 0) {
-            seconds = SecondsFor(calls, work, threads);
-        }
+        const bool first = round % 2 == 0;
+        const double before = first ? SecondsFor(calls, work, threads) : 0;
         const double beside_seconds = SecondsFor(calls, beside, threads);
-        if (round % 2 == 1) {
-            seconds = SecondsFor(calls, work, threads);
-        }
+        const double seconds = first ? before : SecondsFor(calls, work, threads);
         times.push_back(seconds / calls);
         beside_times.push_back(beside_seconds / calls);
         speeds.push_back(beside_seconds / seconds);

@@ -48,8 +48,8 @@ void SendBare(uint16_t port, std::string_view data) {
         SendAll(connection, chunk);
     }
     SendLength(connection, 0);
-    char reply[20];
-    const int count = recv(connection, reply, sizeof reply, 0);
+    char reply[kCleanReply.size() + 1];
+    const int count = recv(connection, reply, sizeof reply, MSG_WAITALL);
     closesocket(connection);
     if (count < 1 || std::string_view(reply, static_cast<size_t>(count) - 1) != kCleanReply) {
         throw std::runtime_error("the sink did not reply to a bare sender");

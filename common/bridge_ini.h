@@ -8,7 +8,7 @@
 
 namespace kesto {
 
-// The beginning of the line of its log that tells why it ends at once.
+// How the line of the log begins in which guard or bridge tells why it ends at once.
 inline constexpr char kCannotStart[] = "cannot start - ";
 
 std::wstring BridgeIniPath(const std::wstring& program_folder);

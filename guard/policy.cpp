@@ -62,8 +62,8 @@ void Policy::GaveSign(uint32_t number, Time now) {
 }
 
 void Policy::AcceptsNobody(uint32_t number) {
-    if (Worker* worker = Find(number)) {
-        worker->accepts = false;
+    if (Worker* worker = Find(number); worker != nullptr && worker->state == State::kLeaving) {
+        worker->state = State::kClosed;
     }
 }
 
@@ -83,7 +83,7 @@ std::string Policy::Ended(uint32_t number, uint32_t exit_code, const std::string
     }
     const Worker worker = *found;
     workers_.erase(workers_.begin() + (found - workers_.data()));
-    if (worker.state == State::kLeaving) {
+    if (worker.state == State::kLeaving || worker.state == State::kClosed) {
         return exit_code == 0 ? "" : "the former kestobridge.exe " + how;
     }
     if (worker.state == State::kServing && now > worker.started + kSettled) {
@@ -128,10 +128,7 @@ Step Policy::Next(Time now) {
         }
     }
     const Worker* restarted = asked_ ? Find(restarted_by_) : nullptr;
-    const bool done = restarted != nullptr && restarted->state == State::kServing &&
-                      std::none_of(workers_.begin(), workers_.end(), [](const Worker& worker) {
-                          return worker.state == State::kLeaving && worker.accepts;
-                      });
+    const bool done = restarted != nullptr && restarted->state == State::kServing && !Any(State::kLeaving);
     if (asked_ && (done || !refusal_.empty())) {
         Step answer{Step::Kind::kAnswer, 0, done ? kRestarted : std::exchange(refusal_, "")};
         asked_ = false;
@@ -141,7 +138,7 @@ Step Policy::Next(Time now) {
     // Who asks wants a worker that reads its settings from now on.
     const bool restart = asked_ && restarted == nullptr;
     if (!Any(State::kStarting) && (restart || (!Serves() && now >= next_start_))) {
-        workers_.push_back({++starts_, State::kStarting, now, now, true});
+        workers_.push_back({++starts_, State::kStarting, now, now});
         restarted_by_ = restart ? starts_ : restarted_by_;
         return {Step::Kind::kStart, starts_, ""};
     }

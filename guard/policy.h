@@ -34,7 +34,7 @@ class Policy {
     // nothing is taken up.
     void Look(Time now);
     void GaveSign(uint32_t worker, Time now);
-    void AcceptsNobody(uint32_t worker);
+    void AcceptsNobody(uint32_t worker);  // which tells something of one that was told to leave only
     void StartFailed(uint32_t worker, const std::string& why, Time now);
     // It has ended, as `how` tells; returns what is to be logged.
     std::string Ended(uint32_t worker, uint32_t exit_code, const std::string& how, Time now);
@@ -55,14 +55,14 @@ class Policy {
     enum class State {
         kStarting,  // no sign of life yet
         kServing,
-        kLeaving,  // has been told to, and ends after its running scans
+        kLeaving,  // has been told to, but may accept clients still
+        kClosed,   // accepts nobody any more, and ends after its running scans
     };
     struct Worker {
         uint32_t number;
         State state;
         Time started;
         Time heard;
-        bool accepts;
     };
 
     bool Any(State state) const;

@@ -51,9 +51,9 @@ bool Requests::Take() {
 }
 
 void Requests::Answer(const std::string& text) {
+    // There is room for all of it, so that this is done at once.
     OVERLAPPED writing = {};
-    WriteFile(pipe_, text.data(), static_cast<DWORD>(text.size()), nullptr,
-              &writing);  // there is room for it
+    WriteFile(pipe_, text.data(), static_cast<DWORD>(text.size()), nullptr, &writing);
     // This ends when whoever asked has read the answer and closed the pipe.
     if (!ReadFile(pipe_, &scrap_, 1, nullptr, &event_) && GetLastError() != ERROR_IO_PENDING) {
         SetEvent(event_.hEvent);

@@ -112,7 +112,7 @@ TEST(GuardPolicy, Stories) {
         // The answer comes when the former one accepts nobody, has ended, or was ended. Who asks while one
         // starts
         // gets another one, which reads what is written now.
-        {"0 asked|1 well 1|2 well 2|3 closed 1|4 asked|5 well 3|6 left 2|7 asked|8 well 4|8 hangs 3|30 end",
+        {"0 closed 1|0 asked|1 well 1|2 well 2|3 closed 1|4 asked|5 well 3|6 left 2|7 asked|8 well 4|8 hangs 3|30 end",
          "0+1 1+2 2-1 3=restarted 4+3 5-2 6=restarted 7+4 8-3 23.25x3 23.25=restarted "},
         // The former one goes on where the new one fails. Each who asks gets an answer of his own.
         {"0 well 1|1 asked|2 ends 2|3 lacks 1|3 asked|4 lacks 0|4 asked|5 well 4|5 closed 1|6 asked|7 well "

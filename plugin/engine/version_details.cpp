@@ -10,7 +10,6 @@ namespace kesto {
 namespace {
 
 constexpr uint32_t kConnectMs = 20000;
-constexpr char kUnknown[] = "AV Engine version unknown";
 
 // Puts "engine/database/date" into words, without the engine's own version. A reply of any other form is
 // shown as it is.
@@ -29,7 +28,7 @@ void DescribeReply(std::string_view reply, char (&detail)[kMessageSize]) {
 }
 
 void DescribeEngine(char (&detail)[kMessageSize]) {
-    CopyText(detail, sizeof detail, kUnknown);
+    CopyText(detail, sizeof detail, "AV Engine version unknown");
     if (Servers().empty()) {  // not started yet
         return;
     }
