@@ -99,7 +99,7 @@ struct GuardTest : Test {
 
 TEST_F(GuardTest, StartsWorkersAnewAndHangsUpWhileNoneCanServe) {
     for (int i = 0; i < 3; ++i) {
-        it.EndPrograms(it.worker.wstring());
+        it.EndPrograms(it.worker);
         EXPECT_EQ(Scan(), kFound);  // waits for the next worker
     }
     for (int i = 0; i < 300; ++i) {
@@ -114,7 +114,7 @@ TEST_F(GuardTest, StartsWorkersAnewAndHangsUpWhileNoneCanServe) {
                 AllOf(HasSubstr("not restarted - the new kestobridge.exe cannot follow its"),
                       HasSubstr("bridge settings: bridge.ini line 5: idle=soon")));
     EXPECT_EQ(Scan(), kFound);  // the old one goes on
-    it.EndPrograms(it.worker.wstring());
+    it.EndPrograms(it.worker);
     EXPECT_TRUE(WaitFor([&] { return Scan().empty(); }));
     Wire large(ConnectToLoopback(bridge.port));  // is let finish, which a reset would not
     EXPECT_TRUE(large.Send(ScanRequestOf(std::string(3'000'000, 'd'))));
@@ -129,7 +129,7 @@ TEST_F(GuardTest, EndsWithItsWorkerAndIsTheOneThatHasThePort) {
     const RunResult second = ProgramRun(program).Finish();
     EXPECT_EQ(std::to_string(second.status) + second.err, "0");
     bridge.run.reset();
-    EXPECT_TRUE(WaitFor([&] { return it.ProcessOf(it.worker) == 0; }, std::chrono::seconds(1)));
+    EXPECT_TRUE(WaitFor([&] { return it.ProcessesOf(it.worker).empty(); }, std::chrono::seconds(1)));
     // Another program has made the pipe before.
     OwnedHandle pipe = Own(CreateNamedPipeW(GuardPipe(it.engine_folder).c_str(), PIPE_ACCESS_DUPLEX,
                                             PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));

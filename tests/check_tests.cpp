@@ -116,7 +116,7 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
            "failed   upstream " + dead + " connection: not made"});
 
     for (int ended = 0; ended < 2; ++ended) {
-        installed.EndPrograms(installed.worker.wstring());
+        installed.EndPrograms(installed.worker);
         EXPECT_EQ(Ask(port, WithNul("zPING")), WithNul("PONG"));
     }
     Tells({"warning  engine worker: kestobridge.exe has been started 3 times, "});

@@ -1,9 +1,7 @@
 // Connecting to a server: how long it waits, what it loses, and what the log tells of it.
-#include "plugin/net/socket_connection.h"
+#include "tests/support/fake_system.h"
 // This must come after winsock2.h, in what is above.
 #include <ws2tcpip.h>
-
-#include "tests/support/fake_system.h"
 
 namespace kesto {
 namespace {
@@ -43,7 +41,6 @@ TEST(Connection, TellsOfTheServerOfTheSettingsThatFailedLastAndLosesNothing) {
         SCOPED_TRACE(file);
         DrivenPlugin it;
         const ImportPatch waits(it.plugin.module, "select", port == silent ? NeverReady : select);
-        it.installed.CreateLog();
         WriteFile(it.installed.folder / "kestoav.ini", file);
         EXPECT_EQ(it.plugin.Initialize(it.installed.folder), 0);
         it.installed.WriteSettings("servers=127.0.0.9");  // settings are read at the start only
@@ -79,7 +76,6 @@ using ConnectionTest = PluginTest;
 
 TEST_F(ConnectionTest, ConnectOnLoopbackAsksOnceAndProgramsOfTheHostInheritNothing) {
     const ImportPatch requests(plugin.module, "WSAIoctl", RecordRequest);
-    ScriptedEngine engine;
     Start("servers=192.0.2.1:9 128.0.0.1:9 127.9.9.9:9 " + engine.Address());
     system.accepts_from = 3000;  // only the fourth server is really connected to
     EXPECT_EQ(Scan("x"), "clean");
@@ -112,8 +108,6 @@ TEST_F(ConnectionTest, AnswerOfALookupThatCannotBeCancelledComesInTimeOrNotAtAll
     const ImportPatch freeing(plugin.module, "freeaddrinfo", KeepAnswer);
     const ImportPatch system7(plugin.module, "GetProcAddress", HideCancelling);
     g_clock = &system.clock;
-    ScriptedEngine engine;
-    installed.CreateLog();
     Start("servers=mail.test:" + std::to_string(engine.Port()));
     for (const uint32_t ms : {999, 1000}) {
         g_lookup_ms = ms;
@@ -131,15 +125,12 @@ DWORD WINAPI EndWaitAtOnce(HANDLE waited_for, DWORD ms) {
     return ms == 0 ? WaitForSingleObject(waited_for, 0) : WAIT_TIMEOUT;
 }
 
-TEST(Connection, LookupThatDoesNotEndInTimeIsCancelledAndLeftBehindUntilItHasEnded) {
-    ScriptedEngine engine;
-    DrivenPlugin it;
-    const ImportPatch waiting(it.plugin.module, "WaitForSingleObject", EndWaitAtOnce);
-    it.Start("servers=localhost:1 " + engine.Address());
-    EXPECT_EQ(it.Scan("x"), "clean");
+TEST_F(ConnectionTest, LookupThatDoesNotEndInTimeIsCancelledAndLeftBehindUntilItHasEnded) {
+    const ImportPatch waiting(plugin.module, "WaitForSingleObject", EndWaitAtOnce);
+    Start("servers=localhost:1 " + engine.Address());
+    EXPECT_EQ(Scan("x"), "clean");
     EXPECT_EQ(std::exchange(g_waits, ""), "1000 50 ");
-    EXPECT_TRUE(
-        WaitFor([&] { return it.Scan("x") == "clean" && std::exchange(g_waits, "") == "0 1000 50 "; }));
+    EXPECT_TRUE(WaitFor([&] { return Scan("x") == "clean" && std::exchange(g_waits, "") == "0 1000 50 "; }));
 }
 
 }  // namespace

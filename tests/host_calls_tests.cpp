@@ -12,9 +12,7 @@ using VersionTest = PluginTest;
 
 TEST_F(VersionTest, ShowsTheFirstServersReplyInOneOfTwoForms) {
     const uint16_t port = FreePort();
-    ScriptedEngine second;
-    installed.CreateLog();
-    Start("servers=localhost:" + std::to_string(port) + " " + second.Address());
+    Start("servers=localhost:" + std::to_string(port) + " " + engine.Address());
     EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");
     system.calls.clear();
     const std::pair<EngineScript, std::string> cases[] = {
@@ -29,20 +27,20 @@ TEST_F(VersionTest, ShowsTheFirstServersReplyInOneOfTwoForms) {
     };
     for (const auto& [script, line] : cases) {
         ExpectNothingLost(4, [&] {
-            const ScriptedEngine engine(script, port);
+            const ScriptedEngine first(script, port);
             EXPECT_EQ(plugin.VersionDetails(), kFirstLine + line);
-            EXPECT_EQ(engine.Requests().at(0).raw, WithNul("zVERSION"));
+            EXPECT_EQ(first.Requests().at(0).raw, WithNul("zVERSION"));
         });
     }
-    EXPECT_EQ(second.Requests().size(), 0u);
+    EXPECT_EQ(engine.Requests().size(), 0u);
     EXPECT_THAT(system.calls, IsEmpty());  // no engine is looked for
     EXPECT_THAT(installed.LogMessages(), IsEmpty());
 }
 
 TEST_F(VersionTest, NeverTouchesTheLastByteOfTheBuffer) {
-    ScriptedEngine engine(Replying("a/1/2"));
+    engine.Play(Replying("a/1/2"));
     EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");  // before the start
-    Start(Servers(engine.Port()));
+    Start();
     const std::string whole = kFirstLine + "AV Database 1 - Updated 2";
     for (size_t size = 0; size < whole.size() + 4; ++size) {
         std::string buffer(64, '\x5E');

@@ -203,9 +203,7 @@ TEST_F(HostScan, StopsWhereNoScanCouldSucceed) {
 }
 
 TEST_F(HostTest, EndsWithWholeLinesAndWithTheEngineThatItStartedUnlessOthersScanThere) {
-    const auto gone = [&] {
-        return installed.ProcessOf(installed.engine) == 0 && installed.ProcessOf(installed.worker) == 0;
-    };
+    const auto gone = [&] { return installed.ProcessesOf(installed.engine_folder).empty(); };
     DeleteFileW(installed.engine.c_str());
     const uint16_t port = installed.PlaceBridge(engine.Address());
     Configure(port);
@@ -269,7 +267,7 @@ TEST_F(HostTest, UpdatesOnceAtATimeByAnyProgramOrByACommandOrLooksAtTheSignature
               "2: KESTO Antivirus Update Failed\nThe KESTO Antivirus Update attempt failed with error 2\n");
     installed.PlaceStandIn(installed.updater, "release 0");
     const ProgramRun first(program, L"--update", samples);
-    ASSERT_TRUE(installed.WaitForStarts(installed.updater, 1));
+    ASSERT_TRUE(WaitFor([&] { return installed.Starts(installed.updater) == 1; }));
     EXPECT_THAT(Told(L"--update"), HasSubstr("under way already"));
     WriteFile(installed.updater.string() + ".release", "");
     EXPECT_EQ(first.Finish().out, "Update finished\n");

@@ -19,12 +19,11 @@ int WSAAPI SendHalf(SOCKET socket, const char* bytes, int size, int flags) {
 
 TEST_F(ScanTest, SendsTheFileInPrefixedChunksAndShiftedUnlessTheSettingIsOff) {
     const ImportPatch sends(plugin.module, "send", SendHalf);
-    ScriptedEngine engine;
     const std::pair<const char*, bool> cases[] = {
         {"encrypt=0", false},  {"", true},  // the default, not what was in effect before
         {"encrypt=256", true}, {"encrypt=-1", true}, {"encrypt=abc", false}, {"ENCRYPT = 0x ", false}};
     for (const auto& [setting, shifted] : cases) {
-        Start(Servers(engine.Port()) + setting);
+        Start(setting);
         for (const size_t size : {1, 8191, 8192, 8193, 16384, 30'001}) {
             std::string data;
             while (data.size() < size) {
@@ -65,13 +64,12 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
         {ReplyingBytes("stream: A FOUND", Then::kResets), "failed 1003", ""},
         {ReplyingBytes("", Then::kResets), "failed 1003", ""},
     };
-    installed.CreateLog();
     Start(Servers(port));
     const std::string data(500'000, 'd');
     for (const auto& [script, outcome, reply] : cases) {
         SCOPED_TRACE(outcome + " " + reply);
         ExpectNothingLost(4, [&] {
-            const ScriptedEngine engine(script, port);
+            const ScriptedEngine server(script, port);
             EXPECT_EQ(Scan(data), outcome);
             EXPECT_EQ(installed.LogMessages().back(), outcome == "failed 1003"
                                                           ? "Unexpected response from KESTOAV - " + reply
@@ -82,9 +80,8 @@ TEST_F(ScanTest, TellsTheHostWhatTheEngineDid) {
 }
 
 TEST_F(ScanTest, CutsTheFileNameToEachField) {
-    ScriptedEngine engine(Replying("stream: V FOUND"));
-    installed.CreateLog();
-    Start(Servers(engine.Port()));
+    engine.Play(Replying("stream: V FOUND"));
+    Start();
     for (const std::string& name : {std::string(256, 'n'), std::string(255, 'n'), "100%s%n%d.eml"s, ""s}) {
         EXPECT_EQ(Scan("x", name), name.substr(0, 255) + ": V");
         EXPECT_EQ(installed.LogMessages().back(), "Scan file - " + name.substr(0, 100) + " - 1");
@@ -92,8 +89,8 @@ TEST_F(ScanTest, CutsTheFileNameToEachField) {
 }
 
 TEST_F(ScanTest, FollowsNoNullPointerOfTheHosts) {
-    ScriptedEngine engine(Replying("stream: V FOUND"));
-    Start(Servers(engine.Port()));
+    engine.Play(Replying("stream: V FOUND"));
+    Start();
     const ScanFileInput data{"n", 1, reinterpret_cast<const uint8_t*>("x")};
     const ScanFileInput no_data{"n", 4'294'967'295, nullptr}, empty{"n", 0, nullptr};
     ScanFileResult no_detection{kUntouched, kUntouched, nullptr};
@@ -120,8 +117,7 @@ int WSAAPI SendAndShrink(SOCKET socket, const char* bytes, int size, int flags) 
 
 TEST_F(ScanTest, ReadsTheSizeAgainBeforeEveryChunk) {
     const ImportPatch sends(plugin.module, "send", SendAndShrink);
-    ScriptedEngine engine;
-    Start(Servers(engine.Port()));
+    Start();
     const std::string data(g_shrinking.size, 'x');
     g_shrinking.data = reinterpret_cast<const uint8_t*>(data.data());
     ScanFileResult result = {};
@@ -140,7 +136,7 @@ int WSAAPI PassTime(int, fd_set* read, fd_set* send, fd_set* refused, timeval* l
 
 TEST_F(ScanTest, GivesUpAnEngineThatStandsStillForTwentySeconds) {
     const ImportPatch patch(plugin.module, "select", PassTime);
-    ScriptedEngine engine([](Wire& wire) { wire.Hold(); });
+    engine.Play([](Wire& wire) { wire.Hold(); });
     Start("servers=localhost:" + std::to_string(engine.Port()));
     EXPECT_EQ(Scan("x"), "failed 1003");
     EXPECT_EQ(Scan(std::string(64 << 20, 'x')), "failed 1002");
@@ -153,7 +149,6 @@ void* NoMemory() {
 }
 
 TEST(ScanMemory, LackOfItIsAnErrorAndNoMore) {
-    ScriptedEngine engine;
     const std::tuple<const char*, const char*, const char*> cases[] = {
         {"malloc", "failed 1001", "restarting kestoav process"},  // for the IDs of processes
         {"calloc", "failed 1001", "WSAENOBUFS"},                  // for the lookup, and then the record
@@ -161,8 +156,7 @@ TEST(ScanMemory, LackOfItIsAnErrorAndNoMore) {
     };
     for (const auto& [function, outcome, logged] : cases) {
         DrivenPlugin it;
-        it.installed.CreateLog();
-        it.Start("servers=localhost:" + std::to_string(engine.Port()));
+        it.Start("servers=localhost:" + std::to_string(it.engine.Port()));
         it.system.Become({.starts = false, .look_takes = 1000});
         const ImportPatch patch(it.plugin.module, function, NoMemory);
         EXPECT_EQ(it.Scan("x"), outcome);

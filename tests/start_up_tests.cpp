@@ -20,7 +20,6 @@ int WINAPI NoSockets(WORD, WSADATA*) {
 }
 TEST_F(StartUpTest, FillsTheHostsBuffersWhateverTheVersionAndIsRefusedWithoutSockets) {
     const ImportPatch patch(plugin.module, "WSAStartup", NoSockets);
-    installed.CreateLog();
     for (const int32_t version : {2, -1, 1}) {
         std::string short_name(kShortNameSize, 'x'), long_name(kLongNameSize, 'x');
         uint32_t out_value = kUntouched;
@@ -83,7 +82,7 @@ TEST_F(LogTest, AppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
     WriteFile(installed.log, "kept\r\n");
     _putenv("TZ=KST-5");
     _tzset();
-    Start("");
+    Start();
     std::string expected = "kept\r\n";
     const std::pair<tm, const char*> cases[] = {
         {{9, 5, 0, 1, 0, 114, 0, 0, -1}, "2014/1/1 0:05:09"},

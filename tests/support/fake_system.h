@@ -67,8 +67,15 @@ struct FakeSystem : SystemState {  // one at a time
     const ImportPatch patches_[11];
 };
 
-// A plug-in to which an engine process only seems to run. Ports are real.
+// A plug-in with a log, to which an engine process only seems to run. Its server is `engine`, unless its
+// settings name others; ports are real.
 struct DrivenPlugin : InstalledPlugin {
+    DrivenPlugin() { installed.CreateLog(); }
+    int32_t Start(const std::string& settings = "") {
+        return InstalledPlugin::Start(settings + "\nservers=" + engine.Address());
+    }
+
+    ScriptedEngine engine;
     FakeSystem system{plugin.module};
 };
 

@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 #include <psapi.h>
 
-#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <span>
 #include <sstream>
-#include <stdexcept>
 #include <thread>
 
 namespace kesto {
@@ -48,33 +46,11 @@ class Watch : public testing::EmptyTestEventListener {
 }();
 
 std::filesystem::path NewFolder() {
-    std::filesystem::path folder;
-    for (int number = 1; folder.empty() || !std::filesystem::create_directory(folder); ++number) {
-        folder = std::filesystem::temp_directory_path() /
-                 ("kesto" + std::to_string(GetCurrentProcessId()) + "." + std::to_string(number));
-    }
+    static int number = 0;
+    auto folder = std::filesystem::temp_directory_path() /
+                  ("kesto" + std::to_string(GetCurrentProcessId()) + "." + std::to_string(++number));
+    std::filesystem::remove_all(folder);  // left by a process that had the same ID
     return folder;
-}
-
-// The IDs and program paths of all processes, as far as this one may know them.
-std::vector<std::pair<DWORD, std::filesystem::path>> AllPrograms() {
-    std::vector<std::pair<DWORD, std::filesystem::path>> all;
-    DWORD ids[4096], bytes = 0;
-    EnumProcesses(ids, sizeof ids, &bytes);
-    for (const DWORD id : std::span(ids, bytes / sizeof *ids)) {
-        const HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id);
-        wchar_t path[MAX_PATH] = L"";
-        DWORD size = MAX_PATH;
-        QueryFullProcessImageNameW(process, 0, path, &size);
-        CloseHandle(process);
-        all.emplace_back(id, path);
-    }
-    return all;
-}
-
-// PROGRAM.role and its like.
-std::filesystem::path Beside(std::filesystem::path program, const char* ending) {
-    return program += ending;
 }
 
 }  // namespace
@@ -97,21 +73,29 @@ Installation::~Installation() {
     })) << error.message();
 }
 
-DWORD Installation::ProcessOf(const std::filesystem::path& program) {
-    const auto programs = AllPrograms();
-    const auto found = std::find_if(programs.begin(), programs.end(),
-                                    [&](const auto& each) { return each.second == program; });
-    return found == programs.end() ? 0 : found->first;
+std::vector<DWORD> Installation::ProcessesOf(const std::wstring& program) {
+    std::vector<DWORD> found;
+    DWORD ids[4096], bytes = 0;
+    EnumProcesses(ids, sizeof ids, &bytes);
+    for (const DWORD id : std::span(ids, bytes / sizeof *ids)) {
+        const HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id);
+        wchar_t path[MAX_PATH] = L"";
+        DWORD size = MAX_PATH;
+        QueryFullProcessImageNameW(process, 0, path, &size);
+        CloseHandle(process);
+        if (std::wstring_view(path).starts_with(program)) {
+            found.push_back(id);
+        }
+    }
+    return found;
 }
 
-void Installation::EndPrograms(std::wstring_view path) const {
-    for (const auto& [id, program] : AllPrograms()) {
-        if (program.wstring().starts_with(path.empty() ? top.wstring() + L"\\" : path)) {
-            const HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
-            TerminateProcess(process, 1);
-            WaitForSingleObject(process, static_cast<DWORD>(kTestLimit.count()));
-            CloseHandle(process);
-        }
+void Installation::EndPrograms(const std::wstring& program) const {
+    for (const DWORD id : ProcessesOf(program.empty() ? top.wstring() + L"\\" : program)) {
+        const HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
+        TerminateProcess(process, 1);
+        WaitForSingleObject(process, static_cast<DWORD>(kTestLimit.count()));
+        CloseHandle(process);
     }
 }
 
@@ -135,7 +119,7 @@ std::vector<std::string> Installation::LogMessages() const {
 }
 
 void Installation::PlaceStandIn(const std::filesystem::path& program, const std::string& role) const {
-    WriteFile(Beside(program, ".role"), role);
+    WriteFile(program.native() + L".role", role);
     // A program that runs cannot be overwritten, and need not be.
     CopyFileW((BuiltFolder() / "tests" / "engine_child.exe").c_str(), program.c_str(), TRUE);
 }
@@ -154,15 +138,11 @@ uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::stri
 void Installation::StartStandIn(const std::filesystem::path& program) {
     const size_t starts = Starts(program);
     started_.emplace_back(program);
-    EXPECT_TRUE(WaitForStarts(program, starts + 1));
+    EXPECT_TRUE(WaitFor([&] { return Starts(program) > starts; }));
 }
 
 size_t Installation::Starts(const std::filesystem::path& program) const {
-    return ReadFile(Beside(program, ".started")).size();
-}
-
-bool Installation::WaitForStarts(const std::filesystem::path& program, size_t count) const {
-    return WaitFor([&] { return Starts(program) >= count; });
+    return ReadFile(program.native() + L".started").size();
 }
 
 }  // namespace kesto

@@ -52,11 +52,10 @@ class Installation {
     // Starts a stand-in from the test itself and waits until it has taken up its role.
     void StartStandIn(const std::filesystem::path& program);
     size_t Starts(const std::filesystem::path& program) const;  // of a stand-in, so far
-    bool WaitForStarts(const std::filesystem::path& program, size_t count) const;
-    // The process of a program; 0 when it does not run.
-    static DWORD ProcessOf(const std::filesystem::path& program);
+    // The processes of a program, or of all whose paths begin so.
+    static std::vector<DWORD> ProcessesOf(const std::wstring& program);
     // Ends all programs that run from below `top`, or one of them, and waits for it.
-    void EndPrograms(std::wstring_view path = L"") const;
+    void EndPrograms(const std::wstring& program = L"") const;
 
  private:
     std::list<ProgramRun> started_;
