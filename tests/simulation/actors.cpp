@@ -25,7 +25,15 @@ const std::array<std::array<uint8_t, 2 * kTable>, 2> kBytes = [] {
     return bytes;
 }();
 
-constexpr std::string_view kWords[] = {kPingCommand, kVersionCommand, kStatsCommand, "zPINGS",
+constexpr std::string_view kWords[] = {"",
+                                       "",
+                                       "",
+                                       "",
+                                       "",
+                                       kPingCommand,
+                                       kVersionCommand,
+                                       kStatsCommand,
+                                       "zPINGS",
                                        std::string_view("zINSTREAM\0\4\0\0\1dddddddddddddddddd", 32)};
 constexpr const char* kKindNames[] = {
     "clean",           "infected",       "takes long",       "kills its server", "an error",
@@ -43,15 +51,10 @@ Server::Server(size_t the_number) : number(the_number) {
     rate = dice.OneIn(4) && g_world->settings.idle >= 30 ? 1e5 : 1e8;
     name = named ? "s" + std::to_string(number) + ".example:3313" : At(1, dice.OneIn(4)) + ":3310";
     Know(false);
-    if (named && dice.OneIn(6)) {
-        net.After(dice.Time(1s, g_world->lasts), [this] { Move(); });
-    } else if (!dice.OneIn(4)) {
-        for (Duration at = dice.Time(1ms, 60s); at < g_world->lasts; at += dice.Time(1s, 60s)) {
-            const auto next = static_cast<Fault>(dice.Between(1, 10));
-            net.After(at, [this, next] { Begin(next); });
-            at += next == Fault::kForgets ? 21s : dice.Time(200ms, 100s);
-            net.After(at, [this] { Begin(Fault::kNone); });
-        }
+    const bool fails = !dice.OneIn(4);
+    for (Duration at = dice.Time(1ms, 60s); fails && at < g_world->lasts; at += dice.Time(1s, 60s)) {
+        net.After(at, [this, next = static_cast<Fault>(dice.Between(1, 10))] { Begin(next); });
+        net.After(at += dice.Time(200ms, 100s), [this] { Begin(Fault::kNone); });
     }
 }
 
@@ -65,22 +68,17 @@ void Server::Begin(Fault next) {
     for (const auto& line : lines) {
         next == Fault::kDead ? line->Reset() : next == Fault::kForgets ? line->Forget() : void();
     }
+    if (named && next == Fault::kDead && g_world->net.dice.OneIn(4)) {
+        place = place % 4 + 1;  // where it comes back
+        Know(false);
+    }
     Pump();
 }
 
-void Server::Move() {
-    g_world->Tell(name, " moves");
-    ++moves;
-    Know(false);
-    for (const auto& line : lines) {
-        line->Reset();
-    }
-}
-
 // An address whose last byte tells the server and the place.
-std::string Server::At(unsigned place, bool v6) const {
-    return v6 ? "[fd00::" + std::to_string(10 * number + place) + "]"
-              : "10.0.0." + std::to_string(16 * number + place);
+std::string Server::At(size_t its_place, bool v6) const {
+    return v6 ? "[fd00::" + std::to_string(10 * number + its_place) + "]"
+              : "10.0.0." + std::to_string(16 * number + its_place);
 }
 
 // The bridge does from now on, or no more.
@@ -167,9 +165,8 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
     }
     head.assign(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(std::min<size_t>(bytes.size(), 32)));
     size = head.size();  // of a question, or an empty file
-    if (head.starts_with("zVERSION")) {
-        g_world->AsksVersion(*server);
-    } else if (head.starts_with(kScanCommand) && !IsProbe() && size >= 18) {
+    server->versions += head.starts_with("zVERSION");
+    if (head.starts_with(kScanCommand) && !IsProbe() && size >= 18) {
         uint32_t number = 0;
         std::memcpy(&number, head.data() + 14, sizeof number);
         if (number >= g_world->clients.size() || !g_world->clients[number]->Scans()) {
@@ -201,10 +198,10 @@ void ServerLine::Took() {
     if ((!found && !hasty && !too_large && delivered < size) || std::exchange(answers, true)) {
         return;
     }
-    if (hasty || too_large) {
-        Say(std::string(hasty ? kCleanReply : kSizeLimitReply) + '\0');
-    } else if (found) {
+    if (found) {
         Answer();
+    } else if (hasty || too_large) {
+        Say(std::string(hasty ? kCleanReply : kSizeLimitReply) + '\0');
     } else {
         Duration takes = net.dice.Time(100us, server->scan) * (server->fault == Fault::kSlow ? 20 : 1);
         takes += client != nullptr && client->kind == Kind::kLong ? net.dice.Time(8s, 40s) : 0s;
@@ -269,7 +266,7 @@ Client::Client(size_t the_number, Duration arrives, bool is_ordinary) : number(t
     kind = dice.OneIn(4)   ? static_cast<Kind>(dice.Between(2, 9))
            : dice.OneIn(3) ? Kind::kInfected
                            : Kind::kClean;
-    words = Scans() ? "" : kWords[static_cast<size_t>(kind) - static_cast<size_t>(Kind::kPing)];
+    words = kWords[static_cast<size_t>(kind)];
     file = dice.OneIn(20) ? 0 : dice.Wide(4, g_world->largest);
     chunk = dice.OneIn(4) ? static_cast<uint32_t>(dice.Wide(50, 1 << 20)) : 8192;
     speed = static_cast<double>(dice.Wide(400, 100'000'000));
@@ -351,12 +348,8 @@ bool Client::WasTold(std::string_view words_told) const {
 void Client::Arrive() {
     g_world->Tell(name, " (", Scans() ? std::to_string(file) + " bytes, " : "",
                   kKindNames[static_cast<size_t>(kind)], ") connects");
-    net.Wake(
-        [this](auto...) {
-            const Outside outside;
-            g_world->arrivals.push_back(std::static_pointer_cast<Client>(shared_from_this()));
-        },
-        {}, 0);
+    g_world->arrivals.push_back(std::static_pointer_cast<Client>(shared_from_this()));
+    net.Wake([](auto...) {}, {}, 0);
     heard = net.now;
     Step();
 }
@@ -397,8 +390,8 @@ void Client::Content(uint64_t at, std::span<uint8_t> to) {
 void Client::WasRead() {
     heard = net.now;
     came = came == Time{} && read >= kScanCommand.size() ? net.now : came;
-    squeezed |= g_world->reading + (g_world->bridge->clients.size() << 18) > size_t{g_world->settings.keep}
-                                                                                 << 20;
+    squeezed |= g_world->reading + (g_world->bridge.clients.size() << 18) > size_t{g_world->settings.keep}
+                                                                                << 20;
     if (read == RequestSize()) {
         ended = due = told = alone_since = net.now;
     }

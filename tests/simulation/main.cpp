@@ -32,10 +32,7 @@ void Crashed(int signal) {
 void* operator new(size_t size) {
     g_memory.FailIfLacking();
     ++g_memory.blocks;
-    if (void* const block = std::malloc(size)) {
-        return block;
-    }
-    throw std::bad_alloc();
+    return std::malloc(size);
 }
 
 void operator delete(void* block) noexcept {

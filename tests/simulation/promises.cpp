@@ -54,12 +54,6 @@ void World::Repeats(Client& client, const Server& server) {
     client.repeated_at = net.now;
 }
 
-void World::AsksVersion(Server& server) {
-    const auto asked = std::ranges::count(clients, Kind::kVersion, [](auto& client) { return client->kind; });
-    Never(++server.versions > 1 + asked + (net.now - Time(24h)) / 30s, server.name,
-          " is asked for its version too often");
-}
-
 void World::Logs(const std::string& message) {
     Tell("log: ", message);
     constexpr std::string_view kPeer = "10.9.0.1:";
@@ -92,11 +86,9 @@ void World::Replies(Client& client) {
     Tell(client.name, " gets \"", reply.substr(0, 60), "\"");
     Never(reply.size() + 1 != client.text.size(), client.name, " gets something after its reply");
     if (!client.Scans()) {
-        const bool fits = client.kind == Kind::kPing ? reply == "PONG"
-                          : client.kind == Kind::kVersion
-                              ? reply.starts_with("Engine")
-                              : client.kind == Kind::kStats && reply.starts_with("# HELP");
-        return Never(!fits, client.name, " gets a reply that is not to its question");
+        const std::string_view kReplies[] = {"PONG", "Engine", "# HELP", "none", "none"};
+        const auto question = static_cast<size_t>(client.kind) - static_cast<size_t>(Kind::kPing);
+        return Never(!reply.starts_with(kReplies[question]), client.name, " gets no reply to its question");
     }
     const bool verdict = ReadScanAnswer(reply) != ScanAnswer::kNoVerdict;
     for (const auto& line : client.lines) {
@@ -137,7 +129,7 @@ void World::Closes(Client& client) {
     const std::pair<std::string_view, bool> reasons[] = {
         {"left", false},
         {"it left", false},
-        {"the bridge ends", bridge->stopping && (client.ended == Time{} || client.lines.empty())},
+        {"the bridge ends", bridge.stopping && (client.ended == Time{} || client.lines.empty())},
         {"sent a chunk", client.kind == Kind::kTooLong},
         {"sent an unknown", client.kind == Kind::kNoise},
         {"sent no", silent && (client.kind != Kind::kNoise || client.read != client.RequestSize())},
@@ -151,7 +143,7 @@ void World::Closes(Client& client) {
         }
     }
     client.end.empty()
-        ? Never(client.came != Time{} || !bridge->stopping, client.name, " is closed without a word")
+        ? Never(client.came != Time{} || !bridge.stopping, client.name, " is closed without a word")
         : Loses(client, client.end);
 }
 
@@ -195,7 +187,7 @@ void World::LookAtServers() {
     bool any_up = false;
     for (size_t i = 0; i < list.size(); ++i) {
         Server& server = *list[i];
-        const bool was_up = std::exchange(server.up, IsUp(*bridge->fleet.servers.at(i)));
+        const bool was_up = std::exchange(server.up, IsUp(*bridge.fleet.servers.at(i)));
         any_up |= server.up;
         if (server.up != was_up) {
             (server.up ? server.up_since : server.down_at) = net.now;
@@ -270,9 +262,7 @@ void World::LookAt(Client& client) {
 
 void World::CheckTheEnd() {
     g_memory.lacking = 0;
-    g_memory.inside = true;
-    const std::string stats = StatsText(*bridge, net.now);
-    g_memory.inside = false;
+    const std::string stats = StatsText(bridge, net.now);
     // The sum of all values of this name, or of those with this label.
     const auto sum = [&](const std::string& name) {
         double of_all = 0;

@@ -25,8 +25,7 @@ enum class Fault { kNone, kDead, kFrozen, kStopped, kDeaf, kSick, kHasty, kSlow,
 struct Server {
     explicit Server(size_t number);
     void Begin(Fault next);
-    void Move();
-    std::string At(unsigned place, bool v6) const;
+    std::string At(size_t place, bool v6) const;
     void Know(bool its_address);
     void Pump();
     bool IsWell() const { return known && fault == Fault::kNone; }
@@ -38,12 +37,12 @@ struct Server {
     Duration scan;
     double rate;       // of its lines
     std::string name;  // as set
-    unsigned moves = 0;
+    size_t place = 1;  // of its address
     Fault fault = Fault::kNone;
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
     Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{}, told_at{};
     Time verdict_at{}, erred_at{}, scan_at{};  // read, read, written by the bridge
-    ptrdiff_t versions = 0;                    // so many times it was asked for its version
+    size_t versions = 0;                       // so many times it was asked for its version
     unsigned failed = 0;                       // scans in a row, by errors where another one gave a verdict
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
@@ -113,8 +112,8 @@ struct Client final : Line {
     double speed = 1e7;  // bytes a second
     uint64_t pauses_at = UINT64_MAX;
     Duration pause{};
-    bool finishes = false;  // closes its side after its request
-    std::string words;      // all it says, if that is no scan
+    bool finishes = false;   // closes its side after its request
+    std::string_view words;  // all it says, if that is no scan
     bool steps = false;
 
     std::vector<std::shared_ptr<ServerLine>> lines;  // of its scan
@@ -156,7 +155,6 @@ struct World {
     void Step();
 
     // What the bridge does, held against its promises.
-    void AsksVersion(Server& server);
     void AttemptBegins(Client& client, ServerLine& line);
     void Repeats(Client& client, const Server& server);
     void Logs(const std::string& message);
@@ -173,8 +171,8 @@ struct World {
     BridgeSettings settings;
     bool lookups_fail, lacks;  // the latter: memory
     uint64_t largest;
-    std::unique_ptr<bridge::Bridge> bridge;
-    std::unique_ptr<bridge::Loop> loop;
+    bridge::Bridge bridge;
+    bridge::Loop loop{bridge};
     std::vector<std::unique_ptr<Server>> servers;
     std::vector<Server*> list;
     std::vector<std::shared_ptr<Client>> clients, let_in;  // all, and those not closed
