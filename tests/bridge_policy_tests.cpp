@@ -1,8 +1,6 @@
 // What the bridge decides, with events and times handed in: no sockets, no clocks.
 #include <gmock/gmock.h>
 
-#include "bridge/framing.h"
-#include "bridge/kept_stream.h"
 #include "bridge/metrics.h"
 #include "bridge/scan_policy.h"
 #include "common/bridge_settings.h"
@@ -16,94 +14,60 @@ using namespace std::literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// Servers with the ports 1, 2 ..., and what one scan then does: the port of the server that is asked, "+" and
-// the text of a trickle, "=" and a reply, "!" and why there is none.
-struct World {
-    explicit World(uint16_t servers) {
-        std::vector<ServerAddress> names;
-        for (int port = 1; port <= servers; ++port) {
-            names.push_back(*ParseServerAddress("10.0.0.1:" + std::to_string(port)));
-        }
-        fleet.tell = [this](const std::string&, const std::string& line) { told = line; };
-        SetServers(fleet, names, start);
-    }
-    Server& First() { return *fleet.servers.front(); }
-    bool IsProbed(std::chrono::milliseconds at) {
-        const bool due = ProbeIsDue(fleet, First(), start + at);
-        due ? ProbeBegins(First(), start + at) : void();
-        return due;
-    }
-    std::string Next(std::chrono::milliseconds at) {
-        const char* const marks[] = {"", "+", "=", "!"};
-        const auto [server, answer, outcome] = scan.Next(start + at);
-        return server ? std::to_string(server->name.port)
-                      : marks[static_cast<size_t>(answer.kind)] + answer.text;
-    }
+const Time kStart{24h};
 
-    const Time start{24h};
-    Fleet fleet;
-    std::string told;
-    ScanPolicy scan{fleet, ScanLimits{60s, 120s}};
+struct TwoServers : Fleet {
+    TwoServers() {
+        SetServers(*this, {*ParseServerAddress("10.0.0.1:1"), *ParseServerAddress("10.0.0.1:2")}, kStart);
+    }
 };
 
 TEST(BridgeScan, AsksASecondServerBesideASilentOne) {
-    World it(2);
-    EXPECT_EQ(it.Next(0s), "");
-    it.scan.EnoughCame();
-    EXPECT_EQ(it.Next(0s), "1");
-    it.scan.StreamEnded(it.start);
-    EXPECT_EQ(it.Next(9900ms), "");
-    EXPECT_EQ(it.Next(10s), "2");
-    it.scan.Ended(0, EndOfReply("stream: no memory ERROR"), it.start + 14s);
-    EXPECT_EQ(it.Next(14900ms), "");
-    EXPECT_EQ(it.Next(15s), "+s");
-    it.scan.Ended(1, EndOfReply("stream: Evil FOUND"), it.start + 16s);
-    EXPECT_EQ(it.Next(16s), "=tream: Evil FOUND");
-    EXPECT_EQ(it.Next(200s), "");
+    TwoServers fleet;
+    ScanPolicy scan(fleet, {60s, 120s});
+    // The port of the server that is asked, or what the client gets.
+    const auto next = [&](std::chrono::milliseconds at) {
+        const ScanStep step = scan.Next(kStart + at);
+        return step.server ? std::to_string(step.server->name.port) : step.answer.text;
+    };
+    EXPECT_EQ(next(0s), "");
+    scan.EnoughCame();
+    EXPECT_EQ(next(0s), "1");
+    scan.StreamEnded(kStart);
+    EXPECT_EQ(next(9900ms), "");
+    EXPECT_EQ(next(10s), "2");
+    scan.Ended(0, EndOfReply("stream: no memory ERROR"), kStart + 14s);
+    EXPECT_EQ(next(14900ms), "");
+    EXPECT_EQ(next(15s), "s");
+    scan.Ended(1, EndOfReply("stream: Evil FOUND"), kStart + 16s);
+    EXPECT_EQ(next(16s), "tream: Evil FOUND");
+    EXPECT_EQ(next(200s), "");
 }
 
-// It may have left, which what happens to these bytes tells.
-TEST(BridgeScan, AClientThatHasClosedItsSideIsTried) {
-    World it(1);
-    it.scan.StreamEnded(it.start);
-    EXPECT_EQ(it.Next(0s), "1");
-    it.scan.FinishedSending(it.start + 500ms);
-    for (const auto& [at, done] : {std::pair(3400ms, ""), {3500ms, "+s"}, {6500ms, "+t"}, {21400ms, ""}}) {
-        EXPECT_EQ(it.Next(at), done);
-    }
-    EXPECT_EQ(it.Next(21500ms), "+r");
-}
-
-TEST(BridgeFleet, PausesDoubleAndAreShortWhileScansWait) {
-    World it(1);
-    const AttemptEnd refused{AttemptEnd::Kind::kUnreached, "refused"};
-    NoteBroken(it.fleet, it.First(), refused, it.start, it.start);
-    std::chrono::milliseconds at = 0s;
-    for (const auto pause : {1s, 2s, 4s, 8s, 16s, 32s, 32s}) {
-        EXPECT_FALSE(it.IsProbed(at + pause - 100ms)) << pause;
-        EXPECT_TRUE(it.IsProbed(at += pause)) << pause;
-        NoteProbe(it.fleet, it.First(), refused, it.start + at);
-    }
-    EXPECT_EQ(it.told, "upstream 10.0.0.1:1 down - refused; tried again in 32 s");
-    it.fleet.scans_wait = [] { return true; };
-    EXPECT_TRUE(it.IsProbed(at + 2s));
-    NoteProbe(it.fleet, it.First(), EndOfReply("stream: OK"), it.start + at);
-    EXPECT_EQ(it.told, "upstream 10.0.0.1:1 up");
-    EXPECT_EQ(it.First().health.pause, 32s);  // no verdict yet
-    NoteVerdict(it.First(), it.start + at);
-    EXPECT_EQ(it.First().health.pause, 0s);
+TEST(BridgeFleet, AServerIsDownAfterThreeFailuresInARowAndSuspectedAloneForSilence) {
+    TwoServers fleet;
+    Server& server = *fleet.servers.front();
+    const auto fails = [&] { return NoteFailure(fleet, server, kStart, kStart), !IsUp(server); };
+    EXPECT_FALSE(fails() || fails());
+    NoteVerdict(server, kStart);
+    EXPECT_FALSE(fails() || fails());
+    SuspectForSilence(fleet, server, kStart);
+    SuspectForSilence(fleet, *fleet.servers.back(), kStart);
+    EXPECT_TRUE(ProbeIsDue(fleet, server, kStart));
+    EXPECT_FALSE(ProbeIsDue(fleet, *fleet.servers.back(), kStart));
+    EXPECT_TRUE(fails());
 }
 
 TEST(BridgeMetrics, TellWhatIsCounted) {
-    World it(1);
-    it.First().numbers.signatures = ReadSignatures("ClamAV 1.4.3/27000/Thu Jan  1 00:01:00 1970");
+    TwoServers fleet;
+    fleet.servers.front()->numbers.signatures = ReadSignatures("ClamAV 1.4.3/27000/Thu Jan  1 00:01:00 1970");
     Metrics metrics;
     for (size_t i = 0; i < kOutcomes; ++i) {
         for (size_t count = 0; count <= i; ++count) {
             CountScan(metrics, {static_cast<Outcome::Kind>(i)}, 0.3);
         }
     }
-    const std::string text = MetricsText(metrics, {1, 2, 3, 4, 5}, it.fleet, it.start);
+    const std::string text = MetricsText(metrics, {1, 2, 3, 4, 5}, fleet, kStart);
     for (const char* line : {"scans_total{outcome=\"clean\"} 1", "scans_total{outcome=\"infected\"} 2",
                              "scans_total{outcome=\"no_verdict\"} 3", "scans_total{outcome=\"no_reply\"} 4",
                              "scan_seconds_bucket{le=\"0.25\"} 0", "scan_seconds_bucket{le=\"0.5\"} 6",
@@ -111,25 +75,6 @@ TEST(BridgeMetrics, TellWhatIsCounted) {
                              "upstream_signatures_version{upstream=\"10.0.0.1:1\"} 27000",
                              "upstream_signatures_timestamp_seconds{upstream=\"10.0.0.1:1\"} 60"}) {
         EXPECT_THAT(text, HasSubstr(std::string("\nkestoav_") + line + "\n"));
-    }
-}
-
-TEST(BridgeStream, IsKeptWhileThereIsRoomAndElseAWindow) {
-    KeepRoom room;
-    room.SetLimit(1'000'000);
-    KeptStream stream(room);
-    for (auto space = stream.Space(); !space.empty() && stream.Size() < 2'000'000; space = stream.Space()) {
-        stream.Append(space.size());
-    }
-    EXPECT_TRUE(stream.IsWindow());
-    EXPECT_LE(room.used, room.limit);
-    EXPECT_GE(room.used, 700'000u);
-}
-
-TEST(BridgeFraming, CommandsAreKnownEarly) {
-    for (const auto& [bytes, command] :
-         {std::pair("zINSTREAM"sv, Command::kIncomplete), {"zPINGS"sv, Command::kUnknown}}) {
-        EXPECT_EQ(FindCommand(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()).command, command);
     }
 }
 

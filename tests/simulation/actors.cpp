@@ -6,12 +6,12 @@
 namespace kesto::simulation {
 namespace {
 
+using namespace std::string_literals;
+
 constexpr const char* kFaultNames[] = {
-    "is well again",         "dies",         "cannot be reached", "freezes",
-    "stands still",          "goes deaf",    "becomes sick",      "becomes hasty",
-    "becomes garbled",       "becomes slow", "becomes busy",      "begins to reset",
-    "loses all connections", "moves"};
-constexpr std::string_view kProbe("zINSTREAM\0\0\0\0\5clean\0\0\0\0", 23);
+    "is well again",        "dies",          "freezes",      "stands still", "goes deaf",
+    "becomes sick",         "becomes hasty", "becomes slow", "becomes busy", "begins to reset",
+    "loses all connections"};
 
 // The data of all files: a part of one table, with the client's number before it, by which it is known again.
 constexpr size_t kTable = 65521;
@@ -25,7 +25,15 @@ const std::array<std::array<uint8_t, 2 * kTable>, 2> kBytes = [] {
     return bytes;
 }();
 
-constexpr std::string_view kWords[] = {kPingCommand, kVersionCommand, kStatsCommand, "GET / HTTP/1.1\r\n\r\n",
+constexpr std::string_view kWords[] = {"",
+                                       "",
+                                       "",
+                                       "",
+                                       "",
+                                       kPingCommand,
+                                       kVersionCommand,
+                                       kStatsCommand,
+                                       "zPINGS",
                                        std::string_view("zINSTREAM\0\4\0\0\1dddddddddddddddddd", 32)};
 constexpr const char* kKindNames[] = {
     "clean",           "infected",       "takes long",       "kills its server", "an error",
@@ -37,48 +45,46 @@ Server::Server(size_t the_number) : number(the_number) {
     Network& net = g_world->net;
     Dice& dice = net.dice;
     named = dice.OneIn(3);
-    dead_address = named && dice.OneIn(3) ? dice.Between(1, 2) : 0;
+    has_dead = named && dice.OneIn(3);
     largest = dice.OneIn(4) ? dice.Wide(2000, 1'000'000) : UINT64_MAX;
     scan = dice.Time(1ms, 2s);
-    const std::string n = std::to_string(number);
-    name = named ? "s" + n + ".example:3313" : "10.0." + n + ".1:3310";
+    rate = dice.OneIn(4) && g_world->settings.idle >= 30 ? 1e5 : 1e8;
+    name = named ? "s" + std::to_string(number) + ".example:3313" : At(1, dice.OneIn(4)) + ":3310";
     Know(false);
-    if (named && dice.OneIn(6)) {
-        net.After(dice.Time(1s, g_world->lasts), [this] { Begin(Fault::kMoved); });
-    } else if (!dice.OneIn(4)) {
-        for (Duration at = dice.Time(1ms, 60s); at < g_world->lasts; at += dice.Time(1s, 60s)) {
-            const auto next = static_cast<Fault>(dice.Between(1, 12));
-            net.After(at, [this, next] { Begin(next); });
-            at += next == Fault::kForgets ? 21s : dice.Time(200ms, 100s);
-            net.After(at, [this] { Begin(Fault::kNone); });
-        }
+    const bool fails = !dice.OneIn(4);
+    for (Duration at = dice.Time(1ms, 60s); fails && at < g_world->lasts; at += dice.Time(1s, 60s)) {
+        net.After(at, [this, next = static_cast<Fault>(dice.Between(1, 10))] { Begin(next); });
+        net.After(at += dice.Time(200ms, 100s), [this] { Begin(Fault::kNone); });
     }
 }
 
 void Server::Begin(Fault next) {
-    if (!known || next == fault) {
+    if (next == fault) {
         return;
     }
     g_world->Tell(name, " ", kFaultNames[static_cast<size_t>(next)]);
-    const Fault before = std::exchange(fault, next);
+    fault = next;
     fault_at = std::max(fault_at, g_world->net.now + (next == Fault::kForgets ? 20s : 0s));
-    known = next != Fault::kMoved;
-    moves += !known;
-    for (const auto& line : std::vector(lines)) {
-        if (next == Fault::kRefuses || next == Fault::kMoved || before == Fault::kDeaf) {
-            line->Reset();
-        } else if (next == Fault::kForgets) {
-            line->Forget();
-        }
+    for (const auto& line : lines) {
+        next == Fault::kDead ? line->Reset() : next == Fault::kForgets ? line->Forget() : void();
+    }
+    if (named && next == Fault::kDead && g_world->net.dice.OneIn(4)) {
+        place = place % 4 + 1;  // where it comes back
+        Know(false);
     }
     Pump();
+}
+
+// An address whose last byte tells the server and the place.
+std::string Server::At(size_t its_place, bool v6) const {
+    return v6 ? "[fd00::" + std::to_string(10 * number + its_place) + "]"
+              : "10.0.0." + std::to_string(16 * number + its_place);
 }
 
 // The bridge does from now on, or no more.
 void Server::Know(bool its_address) {
     if (named && known != its_address) {
         known = its_address;
-        fault = known ? Fault::kNone : Fault::kMoved;
         fault_at = g_world->net.now;
     }
 }
@@ -94,7 +100,7 @@ void Server::Pump() {
 bool Server::Serves(const ServerLine& line) const {
     const auto first =
         std::ranges::find_if(lines, &ServerLine::Runs, &std::shared_ptr<ServerLine>::operator*);
-    return (fault < Fault::kUnanswered || fault > Fault::kStopped) &&
+    return fault != Fault::kFrozen && fault != Fault::kStopped &&
            (fault != Fault::kBusy || (first != lines.end() && first->get() == &line));
 }
 
@@ -102,18 +108,18 @@ void ServerLine::Begins() {
     net.After(delay, [self = shared_from_this(), this] {
         if (server != nullptr) {
             Accept();
-        } else if (refuses) {
+        } else if (net.dice.OneIn(2)) {
             Connected(asio::error::connection_refused);
         }
     });
 }
 
 void ServerLine::Accept() {
-    if (accepted || !IsOpen() || server->fault == Fault::kUnanswered || server->fault == Fault::kFrozen) {
+    if (accepted || !IsOpen() || server->fault == Fault::kFrozen) {
         return;
     }
     accepted = true;
-    Connected(server->fault == Fault::kRefuses ? asio::error::connection_refused : asio::error_code());
+    Connected(server->fault == Fault::kDead ? asio::error::connection_refused : asio::error_code());
     if (server->fault == Fault::kResets) {
         net.After(net.dice.Time(1us, 300ms), [self = shared_from_this()] { self->Reset(); });
     }
@@ -136,18 +142,20 @@ void ServerLine::Content(uint64_t at, std::span<uint8_t> to) {
 
 void ServerLine::WasRead() {
     const size_t nul = reply.find('\0');
-    if (replied || nul == std::string::npos || read <= nul || (client == nullptr && head != kProbe)) {
+    if (replied || nul == std::string::npos || read <= nul || !head.starts_with(kScanCommand)) {
         return;
     }
     said = reply.substr(0, nul);
-    const ScanAnswer answer = ReadScanAnswer(said);
-    replied = answer != ScanAnswer::kClean || given == size;  // one too early is none
+    replied = ReadScanAnswer(said) != ScanAnswer::kClean || IsWhole();  // one too early is none
     replied_at = net.now;
-    if (replied) {
-        (answer == ScanAnswer::kNoVerdict ? server->erred_at : server->verdict_at) = net.now;
+    if (HasVerdict()) {
+        server->verdict_at = net.now;
+        server->failed = IsProbe() ? server->failed : 0;
+    } else if (replied) {
+        server->erred_at = net.now;
     }
     g_world->Tell("the bridge reads \"", said, "\" of ", server->name);
-    server->Pump();
+    net.After(0s, [server = server] { server->Pump(); });
 }
 
 // Tells whose it is.
@@ -157,7 +165,8 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
     }
     head.assign(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(std::min<size_t>(bytes.size(), 32)));
     size = head.size();  // of a question, or an empty file
-    if (head.starts_with(kScanCommand) && head != kProbe && size >= 18) {
+    server->versions += head.starts_with("zVERSION");
+    if (head.starts_with(kScanCommand) && !IsProbe() && size >= 18) {
         uint32_t number = 0;
         std::memcpy(&number, head.data() + 14, sizeof number);
         if (number >= g_world->clients.size() || !g_world->clients[number]->Scans()) {
@@ -165,8 +174,8 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
         }
         client = g_world->clients[number].get();
         size = client->RequestSize();
-        client->lines.push_back(std::static_pointer_cast<ServerLine>(shared_from_this()));
         g_world->AttemptBegins(*client, *this);
+        client->lines.push_back(std::static_pointer_cast<ServerLine>(shared_from_this()));
     }
 }
 
@@ -174,11 +183,9 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
 void ServerLine::Gives(std::span<const uint8_t> bytes) {
     if (client != nullptr && !bytes.empty()) {
         std::vector<uint8_t> expected(bytes.size());
-        client->Request(checked, expected, false);
+        client->Request(given, expected, false);
         g_world->Never(std::memcmp(bytes.data(), expected.data(), bytes.size()) != 0, "wrong bytes of ",
                        client->name, " go to ", server->name);
-        checked += bytes.size();
-        whole = checked == size;
     }
 }
 
@@ -191,10 +198,10 @@ void ServerLine::Took() {
     if ((!found && !hasty && !too_large && delivered < size) || std::exchange(answers, true)) {
         return;
     }
-    if (hasty || too_large) {
-        Say(std::string(hasty ? kCleanReply : kSizeLimitReply));
-    } else if (found) {
+    if (found) {
         Answer();
+    } else if (hasty || too_large) {
+        Say(std::string(hasty ? kCleanReply : kSizeLimitReply) + '\0');
     } else {
         Duration takes = net.dice.Time(100us, server->scan) * (server->fault == Fault::kSlow ? 20 : 1);
         takes += client != nullptr && client->kind == Kind::kLong ? net.dice.Time(8s, 40s) : 0s;
@@ -203,37 +210,35 @@ void ServerLine::Took() {
 }
 
 void ServerLine::Answer() {
-    if (!IsOpen() || server->fault == Fault::kDeaf) {
-        return;
-    }
-    if (!server->Serves(*this)) {
+    if (!IsOpen() || server->fault == Fault::kDeaf || !server->Serves(*this)) {
         answers = false;  // Resume will
         return;
     }
     const Kind kind = client != nullptr ? client->kind : Kind::kClean;
+    const bool spares_probes = server->number % 2 == 1 && client == nullptr;
     if (!head.starts_with(kScanCommand)) {
-        Say(head.starts_with("zPING") ? "PONG" : "Engine 1/27000/Fri Nov 20 09:12:31 2026");
-    } else if (server->fault == Fault::kGarbled) {
-        Say("stream: " + (net.dice.OneIn(2) ? "OK" : std::string(9000, 'x')), false);
-    } else if (server->fault == Fault::kSick) {
-        constexpr const char* kErrors[] = {"stream: no memory ERROR", "UNKNOWN COMMAND", "stream: OK "};
-        Say(kErrors[net.dice.Below(3)]);
+        Say(head.starts_with("zPING") ? "PONG\0"s : "Engine 1/27000/Fri Nov 20 09:12:31 2026\0"s);
+    } else if (server->fault == Fault::kSick && !spares_probes) {
+        const std::string errors[] = {"stream: no memory ERROR\0"s, "UNKNOWN COMMAND\0"s, "stream: OK \0"s,
+                                      "stream: OK"s, std::string(9000, 'x')};
+        Say(errors[net.dice.Below(5)]);
     } else if (kind == Kind::kKiller) {
         net.After(net.dice.Time(500ms, 20s), [server = server] {
-            server->fault == Fault::kRefuses ? server->Begin(Fault::kNone) : void();
+            server->fault == Fault::kDead ? server->Begin(Fault::kNone) : void();
         });
-        server->Begin(Fault::kRefuses);
+        server->Begin(Fault::kDead);
     } else {
-        Say(kind == Kind::kInfected ? "stream: Evil." + std::to_string(client->number) + " FOUND"
-            : kind == Kind::kErrs   ? "stream: cannot open ERROR"
-                                    : std::string(kCleanReply));
+        Say(kind == Kind::kInfected ? "stream: Evil." + std::to_string(client->number) + " FOUND\0"s
+            : kind == Kind::kErrs   ? "stream: cannot open ERROR\0"s
+                                    : std::string(kCleanReply) + '\0');
     }
 }
 
 // And ends, in one of the ways in which servers do.
-void ServerLine::Say(const std::string& text, bool whole_reply) {
-    g_world->Tell(server->name, " says \"", text.substr(0, 40), client != nullptr ? "\" to a client" : "\"");
-    reply = text + std::string(whole_reply, '\0');
+void ServerLine::Say(const std::string& text) {
+    g_world->Tell(server->name, " says \"", std::string_view(text.c_str()).substr(0, 40),
+                  client != nullptr ? "\" to a client" : "\"");
+    reply = text;
     const uint64_t way = net.dice.Below(delivered < size ? 2 : 4),
                    first = way == 2 ? reply.size() / 2 : reply.size();
     if (way == 0) {  // its reset is there with the reply
@@ -252,22 +257,22 @@ void ServerLine::Closed(bool /*ends*/) {
     server->Pump();
 }
 
-Client::Client(size_t the_number, Duration arrives) : number(the_number) {
+Client::Client(size_t the_number, Duration arrives, bool is_ordinary) : number(the_number) {
     Dice& dice = net.dice;
     net.After(arrives, [this] { Arrive(); });
-    if (arrives == 0s) {
-        return;  // an ordinary one
+    if (is_ordinary) {
+        return;
     }
     kind = dice.OneIn(4)   ? static_cast<Kind>(dice.Between(2, 9))
            : dice.OneIn(3) ? Kind::kInfected
                            : Kind::kClean;
-    words = Scans() ? "" : kWords[static_cast<size_t>(kind) - static_cast<size_t>(Kind::kPing)];
+    words = kWords[static_cast<size_t>(kind)];
     file = dice.OneIn(20) ? 0 : dice.Wide(4, g_world->largest);
     chunk = dice.OneIn(4) ? static_cast<uint32_t>(dice.Wide(50, 1 << 20)) : 8192;
     speed = static_cast<double>(dice.Wide(400, 100'000'000));
     speed = std::max(speed, dice.OneIn(2) ? 1e6 : static_cast<double>(file) / 200);
     if (dice.OneIn(8)) {
-        pauses_at = dice.Below(RequestSize());
+        pauses_at = dice.OneIn(4) ? 0 : dice.Below(RequestSize());
         pause = dice.Time(100ms, 45s);
     }
     if (dice.OneIn(8)) {
@@ -305,14 +310,19 @@ void Client::Request(uint64_t at, std::span<uint8_t> to, bool shifted) const {
     }
 }
 
-// Three servers had all of it or may have, or five were begun with.
-bool Client::IsUsedUp() const {
+// Three servers had all of it or may have, or five had some of it, or had been begun with.
+bool Client::IsUsedUp(bool by_all) const {
     size_t begun = 0, whole = 0;
     for (const auto& line : lines) {
-        begun += !line->replied;
-        whole += !line->replied && (line->whole || line->Runs());
+        begun += !line->replied && (by_all || line->sent != 0);
+        whole += !line->replied && (line->IsWhole() || line->Runs());
     }
     return begun >= 5 || whole >= 3;
+}
+
+// No server can get it any more, since not all of it is kept.
+bool Client::IsSqueezed() const {
+    return squeezed && std::ranges::any_of(lines, [](const auto& line) { return line->given != 0; });
 }
 
 // Since the bridge took it for up last. For some servers a file is too large for ever.
@@ -323,21 +333,23 @@ bool Client::HasAsked(const Server& server) const {
     });
 }
 
+// As far as the bridge may know. Attempts may have broken before they were noticed here.
+bool Client::MayHave(const Server& server) const {
+    const bool tried = asked.find(server.name) != std::string::npos;
+    return server.up && !HasAsked(server) && !IsSqueezed() && !IsUsedUp(tried) && !(tried && repeats >= 4);
+}
+
 bool Client::WasTold(std::string_view words_told) const {
     return std::ranges::any_of(lines, [&](const auto& line) {
-        return line->said == words_told && (line->whole || words_told != kCleanReply);
+        return line->said == words_told && (line->IsWhole() || words_told != kCleanReply);
     });
 }
 
 void Client::Arrive() {
     g_world->Tell(name, " (", Scans() ? std::to_string(file) + " bytes, " : "",
                   kKindNames[static_cast<size_t>(kind)], ") connects");
-    net.Wake(
-        [this](auto...) {
-            const Outside outside;
-            g_world->arrivals.push_back(std::static_pointer_cast<Client>(shared_from_this()));
-        },
-        {}, 0);
+    g_world->arrivals.push_back(std::static_pointer_cast<Client>(shared_from_this()));
+    net.Wake([](auto...) {}, {}, 0);
     heard = net.now;
     Step();
 }
@@ -378,8 +390,8 @@ void Client::Content(uint64_t at, std::span<uint8_t> to) {
 void Client::WasRead() {
     heard = net.now;
     came = came == Time{} && read >= kScanCommand.size() ? net.now : came;
-    squeezed |= g_world->reading + (g_world->bridge->clients.size() << 18) > size_t{g_world->settings.keep}
-                                                                                 << 20;
+    squeezed |= g_world->reading + (g_world->bridge.clients.size() << 18) > size_t{g_world->settings.keep}
+                                                                                << 20;
     if (read == RequestSize()) {
         ended = due = told = alone_since = net.now;
     }

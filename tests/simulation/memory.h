@@ -1,11 +1,20 @@
-// The memory that the bridge takes: counted, and lacking at times. What the simulation takes itself is not.
+// The memory that is taken: counted, and lacking at times for the bridge.
 #pragma once
 
 #include <cstdint>
+#include <new>
 
 namespace kesto::simulation {
 
 struct Memory {
+    void FailIfLacking() {
+        if (inside && lacking != 0 && (spare == 0 || spare-- == 0)) {
+            --lacking;
+            ++failed;
+            throw std::bad_alloc();
+        }
+    }
+
     bool inside = false;  // the bridge's code runs
     int64_t blocks = 0;
     uint64_t spare = 0;    // allocations that still succeed before
@@ -13,8 +22,6 @@ struct Memory {
     uint64_t failed = 0;   // so many have
 };
 inline Memory g_memory;
-
-void FailIfLacking();
 
 // From here to its end the bridge's code runs, or the simulation's.
 struct Inside {
@@ -26,7 +33,8 @@ struct Inside {
 };
 struct Outside : Inside {
     // `allocates`: what follows would take memory of the system, and may fail.
-    explicit Outside(bool allocates = false) : Inside((allocates ? FailIfLacking() : void(), false)) {}
+    explicit Outside(bool allocates = false)
+        : Inside((allocates ? g_memory.FailIfLacking() : void(), false)) {}
 };
 
 }  // namespace kesto::simulation

@@ -15,32 +15,43 @@ constexpr auto kLookedUp = 100s;  // a name, at the latest
 
 }  // namespace
 
-// A server gets the scan.
+// A server gets the scan, beside or after those that had it before.
 void World::AttemptBegins(Client& client, ServerLine& line) {
-    Tell(line.server->name, " gets the scan of ", client.name);
-    client.asked += line.server->name;
-    line.server->scan_at = net.now;
-    const auto scans = [](const auto& each) { return each->client != nullptr && each->Runs(); };
-    size_t lost = 0, whole = 0;
-    bool tried = false, beside = false;
-    for (const auto& other : std::span(client.lines).first(client.lines.size() - 1)) {  // but this one
+    Server& server = *line.server;
+    Tell(server.name, " gets the scan of ", client.name);
+    bool tried = false;
+    for (const auto& other : client.lines) {
         const Time began = other->began - (other->server->named ? kConnecting : 0s);
         Never(other->Runs() && (client.ended == Time{} || line.began < std::max(client.ended, began) + kLate),
               "a second server gets the scan of ", client.name, " too early");
-        beside |= other->Runs() && other->server != line.server && other->server->up &&
-                  std::ranges::count_if(line.server->lines, scans) > 1 &&
-                  net.now > other->server->up_since + kConnecting;
-        lost += !other->replied;
-        whole += !other->replied && other->whole;
-        tried |= other->server == line.server && other->began >= line.server->listed_at;
+        tried |= other->server == &server && other->began >= server.listed_at;
     }
-    Never(whole >= 3 || (lost >= 5 && tried), "too many servers get the scan of ", client.name);
-    const auto lately = [this](Time at) { return at + 60s > net.now; };
-    client.beside_at = beside && client.beside_at == Time{} ? net.now : client.beside_at;
-    const auto share =
-        std::ranges::count_if(clients, [&](const auto& each) { return lately(each->beside_at); });
-    const auto all = std::ranges::count_if(clients, [&](const auto& each) { return lately(each->ended); });
-    Never(beside && share > 2 + all / 10, "more than one scan in ten gets a second server that is busy");
+    Never(client.IsUsedUp(tried), "too many servers get the scan of ", client.name);
+    client.asked += server.name;
+    server.scan_at = net.now;
+}
+
+// A further server is chosen for its scan.
+void World::Repeats(Client& client, const Server& server) {
+    const auto runs = [](const auto& line) {
+        return line->client != nullptr && line->Runs() && line->began > line->server->listed_at;
+    };
+    const bool beside = std::ranges::any_of(client.lines, [&](const auto& line) {
+        const Server& its = *line->server;
+        return runs(line) && its.up && its.told_at != net.now && line->began > its.up_since && !its.has_dead;
+    });
+    if (beside && client.beside_at == Time{} && std::ranges::any_of(server.lines, runs)) {
+        client.beside_at = net.now;
+        const auto lately = [this](Time at) { return at + 60s > net.now; };
+        const auto share = std::ranges::count_if(clients, lately, [](auto& each) { return each->beside_at; });
+        const auto all = std::ranges::count_if(clients, lately, [](auto& each) { return each->ended; });
+        Never(share > std::max<ptrdiff_t>(1, all / 10),
+              "more than one scan in ten gets a second server that is busy");
+    }
+    ++repeated;
+    ++client.repeats;
+    client.asked += server.name;
+    client.repeated_at = net.now;
 }
 
 void World::Logs(const std::string& message) {
@@ -52,21 +63,20 @@ void World::Logs(const std::string& message) {
         client = clients.at(std::strtoul(message.c_str() + peer + kPeer.size(), nullptr, 10)).get();
     }
     for (const auto& server : servers) {
-        const bool of_it = message.starts_with("upstream " + server->name);
-        server->told_at = of_it ? net.now : server->told_at;
-        Never(of_it && message.ends_with(" up") && !server->listed, server->name,
-              " is called up, but not in the list");
+        if (message.starts_with("scan of ") && message.ends_with("upstream " + server->name)) {
+            Repeats(*client, *server);
+        } else if (message.starts_with("upstream " + server->name)) {
+            server->told_at = net.now;
+            Never(message.ends_with(" up") && !server->listed, server->name,
+                  " is called up, but not in the list");
+        }
     }
     const bool refuses = message.starts_with("refused ");
     refused += refuses;
     if (refuses || message.starts_with("no reply to ")) {
         client->end = message.substr(message.find(" - ") + 3);
-    } else if (message.starts_with("scan of ")) {
-        ++repeated;
-        ++client->repeats;
-        client->asked += message;
-        client->repeated_at = net.now;
     }
+    Never(message.ends_with(" - "), "the log tells no reason");
     Never(message.find("out of step") != std::string::npos && !lacks, "an exception: ", message);
 }
 
@@ -76,13 +86,14 @@ void World::Replies(Client& client) {
     Tell(client.name, " gets \"", reply.substr(0, 60), "\"");
     Never(reply.size() + 1 != client.text.size(), client.name, " gets something after its reply");
     if (!client.Scans()) {
-        const bool fits = client.kind == Kind::kPing ? reply == "PONG"
-                          : client.kind == Kind::kVersion
-                              ? reply.starts_with("Engine")
-                              : client.kind == Kind::kStats && reply.starts_with("# HELP");
-        return Never(!fits, client.name, " gets a reply that is not to its question");
+        const std::string_view kReplies[] = {"PONG", "Engine", "# HELP", "none", "none"};
+        const auto question = static_cast<size_t>(client.kind) - static_cast<size_t>(Kind::kPing);
+        return Never(!reply.starts_with(kReplies[question]), client.name, " gets no reply to its question");
     }
     const bool verdict = ReadScanAnswer(reply) != ScanAnswer::kNoVerdict;
+    for (const auto& line : client.lines) {
+        line->server->failed += verdict && line->Erred() && line->replied_at > line->server->verdict_at;
+    }
     constexpr std::string_view kBefore = "no verdict: ";
     const bool marked = reply.starts_with(kBefore) && client.WasTold(reply.substr(kBefore.size()));
     Never(client.file != 0 && !client.WasTold(reply) && !marked, client.name,
@@ -110,18 +121,18 @@ void World::Closes(Client& client) {
     }
     const bool silent =
         net.now >= client.heard + std::chrono::seconds(settings.idle) && client.read == client.arrived;
-    const bool slow =
-        client.speed < 1100 || client.pauses_at < client.RequestSize() || net.now >= client.heard + 900ms;
+    const bool slow = client.speed < 1100 || (client.pauses_at < client.RequestSize() && client.read != 0) ||
+                      net.now >= client.heard + 900ms;
     const auto well = [&](const Server* server) {
         return server->IsWell() && std::max(server->fault_at, server->listed_at) < client.came;
     };
     const std::pair<std::string_view, bool> reasons[] = {
         {"left", false},
         {"it left", false},
-        {"the bridge ends", bridge->stopping && (client.ended == Time{} || client.lines.empty())},
+        {"the bridge ends", bridge.stopping && (client.ended == Time{} || client.lines.empty())},
         {"sent a chunk", client.kind == Kind::kTooLong},
         {"sent an unknown", client.kind == Kind::kNoise},
-        {"sent no", silent},
+        {"sent no", silent && (client.kind != Kind::kNoise || client.read != client.RequestSize())},
         {"too slow", crowd > settings.clients && slow},
         {"no upstream server answered", std::ranges::none_of(list, well)},
     };
@@ -132,7 +143,7 @@ void World::Closes(Client& client) {
         }
     }
     client.end.empty()
-        ? Never(client.came != Time{} || !bridge->stopping, client.name, " is closed without a word")
+        ? Never(client.came != Time{} || !bridge.stopping, client.name, " is closed without a word")
         : Loses(client, client.end);
 }
 
@@ -142,7 +153,7 @@ void World::Loses(Client& client, const std::string& reason) {
         return;
     }
     LookAtServers();
-    const bool used_up = client.IsUsedUp() || client.repeats >= 4;  // some may have broken at once
+    const bool used_up = client.IsUsedUp(true) || client.repeats >= 4;  // some may have broken at once
     const bool over_time =
         client.ended != Time{} && net.now >= client.ended + std::chrono::seconds(settings.verdict);
     const bool waited = down_since && net.now >= *down_since + std::chrono::seconds(settings.wait);
@@ -151,15 +162,12 @@ void World::Loses(Client& client, const std::string& reason) {
         all_sick &= !server->up && server->erred_at >= client.came;
         all_asked &= !server->up || client.HasAsked(*server);
         all_tried &= !server->known || server->busy_at >= client.came;
-        const bool tried = client.asked.find(server->name) != std::string::npos;
-        const bool excused = client.IsUsedUp() || (used_up && tried) || client.squeezed || over_time ||
-                             client.HasAsked(*server);
-        Never(server->up && server->IsWell() && !excused, client.name, " is lost (", reason, ") although ",
-              server->name, " is well and up, and was not asked");
+        Never(server->IsWell() && client.MayHave(*server) && !over_time, client.name, " is lost (", reason,
+              ") although ", server->name, " is well and up, and was not asked");
     }
     const std::pair<std::string_view, bool> reasons[] = {
         {"no verdict within", over_time},
-        {"not all of the data is kept", client.squeezed},
+        {"not all of the data is kept", client.IsSqueezed()},
         {"no further server may get it", used_up},
         {"no upstream server gave a verdict", all_asked},
         {"no upstream server calls a clean file clean", all_sick},
@@ -170,8 +178,7 @@ void World::Loses(Client& client, const std::string& reason) {
     });
     Never(!is_true, client.name, " is lost because '", reason, "', which is not true");
     for (const auto& line : client.lines) {
-        Never(line->replied && ReadScanAnswer(line->said) != ScanAnswer::kNoVerdict, client.name,
-              " is lost although its verdict was read");
+        Never(line->HasVerdict(), client.name, " is lost although its verdict was read");
     }
 }
 
@@ -180,19 +187,21 @@ void World::LookAtServers() {
     bool any_up = false;
     for (size_t i = 0; i < list.size(); ++i) {
         Server& server = *list[i];
-        const bool was_up = std::exchange(server.up, IsUp(*bridge->fleet.servers.at(i)));
+        const bool was_up = std::exchange(server.up, IsUp(*bridge.fleet.servers.at(i)));
         any_up |= server.up;
         if (server.up != was_up) {
             (server.up ? server.up_since : server.down_at) = net.now;
+            server.failed = 0;
         }
         const bool falls = was_up && !server.up && !lacks && server.erred_at != net.now;
         Never(falls && server.IsWell() && server.fault_at <= server.verdict_at, server.name,
               " is well, has given a verdict since it was, and is called down");
         Never(falls && server.fault == Fault::kBusy && net.now < server.verdict_at + 4s, server.name,
               " is busy, gives verdicts, and is called down");
-        Never(!server.known && !server.up && net.now > server.listed_at + 7s &&
+        Never(!server.known && !server.up && net.now > server.listed_at + 5900ms &&
                   server.told_at < server.listed_at && !lacks,
               server.name, " is not known, and nobody is told");
+        Never(server.up && server.failed >= 3, server.name, " fails scan after scan, and is not called down");
         std::erase_if(server.lines, [](const auto& line) { return !line->IsOpen(); });
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
         const Time ready = std::max(server.fault_at + (server.named ? kConnecting : 0s),
@@ -240,8 +249,7 @@ void World::LookAt(Client& client) {
     client.alone_since = runs || crowded ? now : std::max(client.alone_since, client.repeated_at);
     for (const Server* server : list) {
         const Time since = std::max({server->fault_at, server->up_since, server->listed_at}) + kConnecting;
-        if (!server->IsWell() || !server->up || now < since || client.HasAsked(*server) ||
-            client.IsUsedUp() || client.repeats >= 4 || client.squeezed) {
+        if (!server->IsWell() || !client.MayHave(*server) || now < since) {
             continue;
         }
         Never(now > client.alone_since + kConnecting, client.name, " is with no server, while ", server->name,
@@ -254,9 +262,7 @@ void World::LookAt(Client& client) {
 
 void World::CheckTheEnd() {
     g_memory.lacking = 0;
-    g_memory.inside = true;
-    const std::string stats = StatsText(*bridge, net.now);
-    g_memory.inside = false;
+    const std::string stats = StatsText(bridge, net.now);
     // The sum of all values of this name, or of those with this label.
     const auto sum = [&](const std::string& name) {
         double of_all = 0;

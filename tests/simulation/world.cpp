@@ -14,6 +14,7 @@ namespace {
 
 constexpr auto kCalm = 130s;      // after the faults, until each server must have its part of the scans
 constexpr auto kLongest = 1200s;  // until the last client ends
+constexpr auto kLateProbe = 25s;  // may find out until then how a server was before
 constexpr uint64_t kAll = UINT64_MAX;
 
 }  // namespace
@@ -62,23 +63,24 @@ World::World(uint64_t seed, bool the_tells) : tells(the_tells), net(seed) {
     net.After(dice.OneIn(8) ? dice.Time(1s, lasts) : 24h, [this] {
         Tell("the bridge is asked to end");
         arrivals.clear();
-        const Inside inside;
-        Stop(*bridge, net.now);
+        Stop(bridge, net.now);
     });
 }
 
 LinePtr World::Connect(const std::string& where) {
-    const size_t dot = where.rfind('.');
-    const auto last = static_cast<unsigned>(std::atoi(where.c_str() + dot + 1));
+    const auto last = static_cast<size_t>(std::atoi(where.c_str() + where.rfind('.') + 1));
     Never(where.starts_with("127."), "the bridge connects to itself");
-    Server& server =
-        *servers.at(static_cast<size_t>(std::atoi(where.c_str() + where.rfind('.', dot - 1) + 1)));
+    Server& server = *servers.at(last / 16);
+    const bool is_there = last % 16 == server.place;
+    Never(!is_there && server.IsWell() && server.verdict_at > server.fault_at + kLateProbe,
+          "the bridge forgets the good address of ", server.name);
     server.busy_at = net.now;
-    if (last == 1 + server.moves && server.fault != Fault::kMoved) {
-        server.lines.push_back(std::make_shared<ServerLine>(&server, false));
-        return server.lines.back();
+    const auto line = std::make_shared<ServerLine>(is_there ? &server : nullptr);
+    if (is_there) {
+        line->rate = server.rate;
+        server.lines.push_back(line);
     }
-    return std::make_shared<ServerLine>(nullptr, last == 99 ? server.dead_address == 1 : net.dice.OneIn(2));
+    return line;
 }
 
 void World::SetList(uint64_t which) {
@@ -97,21 +99,20 @@ void World::SetList(uint64_t which) {
             server->Know(false);
         }
     }
-    const Inside inside;
     g_memory.lacking = 0;
-    bridge->settings.upstreams = names;
-    Apply(*bridge, net.now);
+    bridge.settings.upstreams = names;
+    Apply(bridge, net.now);
 }
 
 void World::Step() {
     const uint64_t failed = g_memory.failed;
-    crowd = bridge->clients.size();
+    crowd = bridge.clients.size();
     g_memory.inside = true;
-    const bool ticked = loop->RunOnce([this] {
+    const bool ticked = loop.RunOnce([this] {
         const Outside outside;
-        if (bridge->stopping) {
+        if (bridge.stopping) {
             arrivals.clear();
-        } else if (!arrivals.empty() && bridge->clients.size() < size_t{2} * settings.clients) {
+        } else if (!arrivals.empty() && bridge.clients.size() < size_t{2} * settings.clients) {
             const std::shared_ptr<Client> client = arrivals.front();
             arrivals.pop_front();
             let_in.push_back(client);
@@ -119,7 +120,7 @@ void World::Step() {
             const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}),
                                                static_cast<uint16_t>(client->number));
             const Inside inside;
-            bridge::Client::Serve(*bridge, asio::ip::tcp::socket(client), peer);
+            bridge::Client::Serve(bridge, asio::ip::tcp::socket(client), peer);
         }
     });
     g_memory.inside = false;
@@ -134,30 +135,23 @@ void World::Step() {
 }
 
 std::string World::Run() {
-    {
-        const Inside inside;
-        bridge = std::make_unique<bridge::Bridge>();
-        loop = std::make_unique<bridge::Loop>(*bridge);
-        bridge->settings = settings;
-        bridge->metrics.started = net.now;
-    }
+    bridge.settings = settings;
+    bridge.metrics.started = net.now;
     const Time calm = net.now + lasts + kCalm;
-    while (broken.empty() && !bridge->io.stopped() &&
+    while (broken.empty() && !bridge.io.stopped() &&
            (net.now < calm || !let_in.empty() || !arrivals.empty())) {
         Step();
         Never(net.now > calm + kLongest, "some client never ends");
     }
-    if (!bridge->io.stopped()) {
+    if (!bridge.io.stopped()) {
         // When all servers have been well for long, each of them gets its part of the scans.
         const Time ready = net.now + 40s;
         const size_t first = clients.size();
+        for (size_t i = 0; i < 2 * list.size(); ++i) {
+            clients.push_back(std::make_shared<Client>(clients.size(), 40s, true));
+        }
         while (broken.empty() && net.now < ready + 60s) {
             Step();
-            if (net.now >= ready && clients.size() == first) {
-                for (size_t i = 0; i < 2 * list.size(); ++i) {
-                    clients.push_back(std::make_shared<Client>(clients.size(), 0s));
-                }
-            }
         }
         for (const auto& client : std::span(clients).subspan(first)) {
             Never(!client->WasTold(kCleanReply) || !client->answered, client->name,
@@ -165,20 +159,18 @@ std::string World::Run() {
         }
         for (const Server* server : list) {
             Never(server->scan_at < ready, server->name, " gets no scan although it is well");
+            const bool misses = server->versions == 0 && server->fault_at < server->listed_at && !lacks;
+            Never(misses || server->versions > clients.size() + 60, server->name,
+                  " is asked for its version ", server->versions, " times");
         }
-        const Inside inside;
-        Stop(*bridge, net.now);
+        Stop(bridge, net.now);
     }
     for (const Time end = net.now + 150s; broken.empty() && net.open + net.waking != 0;) {
         Step();
-        Never(net.now > end || !bridge->io.stopped(), "the bridge does not end although no client is left");
+        Never(net.now > end || !bridge.io.stopped(), "the bridge does not end although no client is left");
     }
     if (broken.empty()) {
         CheckTheEnd();
-        net.Clear();
-        loop.reset();
-        bridge.reset();
-        Never(g_memory.blocks != 0, "at the end ", g_memory.blocks, " blocks of memory are held");
     }
     return broken;
 }
@@ -189,7 +181,6 @@ std::string World::Run() {
 namespace kesto {
 
 using namespace simulation;
-using namespace std::string_literals;
 
 bridge::Time bridge::Clock::now() noexcept {
     return Network::It().now;
@@ -212,7 +203,7 @@ bool RunDetached(std::function<void()> work) {
     const Outside outside;
     Dice& dice = g_world->net.dice;
     const bool hangs = g_world->lookups_fail && dice.OneIn(4);
-    if (dice.OneIn(50)) {
+    if (g_world->lacks && dice.OneIn(50)) {
         return false;
     }
     g_world->net.After(hangs ? dice.Time(5s, 100s) : dice.Time(1ms, 300ms), std::move(work));
@@ -227,14 +218,12 @@ int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress
         return 11001;
     }
     server.Know(true);
-    const std::string prefix = "10.0." + std::to_string(server.number) + ".";
-    for (const auto& [is_found, host] : {std::pair(dice.OneIn(4), "127.0.0.1"s),
-                                         {server.dead_address != 0, prefix + "99"},
-                                         {true, prefix + std::to_string(1 + server.moves)}}) {
-        if (is_found) {
-            addresses.push_back(*ParseServerAddress(host + ":" + std::to_string(port)));
-        }
-    }
+    const auto add = [&, end = ":" + std::to_string(port)](bool is_found, const std::string& host) {
+        addresses.insert(addresses.end(), is_found, *ParseServerAddress(host + end));
+    };
+    add(dice.OneIn(4), "127.0.0.1");
+    add(server.has_dead, server.At(9, true));
+    add(true, server.At(server.place, false));
     return 0;
 }
 

@@ -16,55 +16,49 @@ struct Client;
 struct ServerLine;
 struct World;
 
-// Beside being well: it has died; nothing reaches it; nor does it do anything; connections are accepted, but
-// nothing is read; it takes all and replies nothing; it replies an error; it calls everything clean before
-// its end; it replies without an end; it is slow; it has one thread; each connection is reset in any moment;
-// somebody between forgets all connections; it has another address, or the bridge does not know any.
-enum class Fault {
-    kNone,
-    kRefuses,
-    kUnanswered,
-    kFrozen,
-    kStopped,
-    kDeaf,
-    kSick,
-    kHasty,
-    kGarbled,
-    kSlow,
-    kBusy,
-    kResets,
-    kForgets,
-    kMoved
-};
+// Beside being well: it has died; nothing reaches it, nor does it do anything; connections are accepted, but
+// nothing is read; it takes all and replies nothing; it replies errors, or without an end; it calls
+// everything clean before its end; it is slow; it has one thread; each connection is reset in any moment;
+// somebody between forgets all connections.
+enum class Fault { kNone, kDead, kFrozen, kStopped, kDeaf, kSick, kHasty, kSlow, kBusy, kResets, kForgets };
 
 struct Server {
     explicit Server(size_t number);
     void Begin(Fault next);
+    std::string At(size_t place, bool v6) const;
     void Know(bool its_address);
     void Pump();
-    bool IsWell() const { return fault == Fault::kNone; }
+    bool IsWell() const { return known && fault == Fault::kNone; }
     bool Serves(const ServerLine& line) const;
 
     const size_t number;
-    bool named;
-    uint64_t dead_address;  // its name has another address first, which 1: refuses, 2: does not answer
-    uint64_t largest;       // file
+    bool named, has_dead;  // the latter: its name has another address first, where nobody is
+    uint64_t largest;      // file
     Duration scan;
+    double rate;       // of its lines
     std::string name;  // as set
-    unsigned moves = 0;
+    size_t place = 1;  // of its address
     Fault fault = Fault::kNone;
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
     Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{}, told_at{};
     Time verdict_at{}, erred_at{}, scan_at{};  // read, read, written by the bridge
+    size_t versions = 0;                       // so many times it was asked for its version
+    unsigned failed = 0;                       // scans in a row, by errors where another one gave a verdict
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
 
+inline constexpr std::string_view kProbe("zINSTREAM\0\0\0\0\5clean\0\0\0\0", 23);
+
 // A connection of the bridge's to a server.
 struct ServerLine final : Line {
-    ServerLine(Server* server, bool refuses) : server(server), refuses(refuses) {}
+    explicit ServerLine(Server* server) : server(server) {}
     void Accept();
     void Resume();
     bool Runs() const { return IsOpen() && !replied; }
+    bool IsProbe() const { return head == kProbe; }
+    bool IsWhole() const { return given == size; }  // all of the scan was given to the system
+    bool HasVerdict() const { return replied && ReadScanAnswer(said) != ScanAnswer::kNoVerdict; }
+    bool Erred() const { return replied && !HasVerdict() && said != kSizeLimitReply; }
 
     void Begins() override;
     void Content(uint64_t at, std::span<uint8_t> to) override;
@@ -75,16 +69,14 @@ struct ServerLine final : Line {
     void Took() override;
     void Closed(bool ends) override;
     void Answer();
-    void Say(const std::string& text, bool whole_reply = true);
+    void Say(const std::string& text);
 
     Server* const server;  // null: nobody is there
-    const bool refuses;    // of nobody
     const Time began = net.now;
-    Client* client = nullptr;                 // whose scan it is
-    std::string head;                         // the first bytes of the request
-    uint64_t size = UINT64_MAX, checked = 0;  // bytes
+    Client* client = nullptr;    // whose scan it is
+    std::string head;            // the first bytes of the request
+    uint64_t size = UINT64_MAX;  // bytes
     bool accepted = false, answers = false;
-    bool whole = false;       // all of the scan was given to the system
     std::string reply, said;  // the latter was read
     bool replied = false;     // and the bridge takes notice of it
     Time replied_at{};
@@ -93,14 +85,16 @@ struct ServerLine final : Line {
 enum class Kind { kClean, kInfected, kLong, kKiller, kErrs, kPing, kVersion, kStats, kNoise, kTooLong };
 
 struct Client final : Line {
-    Client(size_t number, Duration arrives);
+    Client(size_t number, Duration arrives, bool is_ordinary = false);
     void Arrive();
     void Leave(const char* how, bool resets);
     uint64_t RequestSize() const;
     void Request(uint64_t at, std::span<uint8_t> to, bool shifted) const;
     bool Scans() const { return kind <= Kind::kErrs; }
-    bool IsUsedUp() const;
+    bool IsUsedUp(bool by_all) const;
+    bool IsSqueezed() const;
     bool HasAsked(const Server& server) const;
+    bool MayHave(const Server& server) const;
     bool WasTold(std::string_view text) const;  // by a server that has got all that matters
     void Step();
 
@@ -118,8 +112,8 @@ struct Client final : Line {
     double speed = 1e7;  // bytes a second
     uint64_t pauses_at = UINT64_MAX;
     Duration pause{};
-    bool finishes = false;  // closes its side after its request
-    std::string words;      // all it says, if that is no scan
+    bool finishes = false;   // closes its side after its request
+    std::string_view words;  // all it says, if that is no scan
     bool steps = false;
 
     std::vector<std::shared_ptr<ServerLine>> lines;  // of its scan
@@ -135,7 +129,6 @@ struct Client final : Line {
 
 struct World {
     World(uint64_t seed, bool tells);
-    ~World() { net.Clear(); }
     // The promise that was broken; empty: none.
     std::string Run();
 
@@ -163,6 +156,7 @@ struct World {
 
     // What the bridge does, held against its promises.
     void AttemptBegins(Client& client, ServerLine& line);
+    void Repeats(Client& client, const Server& server);
     void Logs(const std::string& message);
     void Replies(Client& client);
     void Closes(Client& client);
@@ -175,10 +169,10 @@ struct World {
     Network net;
     Duration lasts;  // then all are well
     BridgeSettings settings;
-    bool lookups_fail, lacks;
+    bool lookups_fail, lacks;  // the latter: memory
     uint64_t largest;
-    std::unique_ptr<bridge::Bridge> bridge;
-    std::unique_ptr<bridge::Loop> loop;
+    bridge::Bridge bridge;
+    bridge::Loop loop{bridge};
     std::vector<std::unique_ptr<Server>> servers;
     std::vector<Server*> list;
     std::vector<std::shared_ptr<Client>> clients, let_in;  // all, and those not closed

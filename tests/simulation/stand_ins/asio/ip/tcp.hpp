@@ -58,6 +58,7 @@ struct Line : std::enable_shared_from_this<Line> {
     uint64_t arrived = 0;    // from the other side
     uint64_t read = 0;       // of them
     uint64_t given = 0;      // to the system
+    uint64_t sent = 0;       // of these, in writes that have ended
     uint64_t delivered = 0;  // to the other side
 
     struct Reading {
@@ -159,11 +160,11 @@ inline void Line::Write(std::vector<std::span<const uint8_t>> pieces, Handler ha
 // The next bytes of the write under way leave the bridge's memory.
 inline void Line::Give(size_t size) {
     size_t at = writing->done;
-    given += size;
     writing->done += size;
     for (const auto& piece : writing->pieces) {
         const size_t part = at < piece.size() ? std::min(piece.size() - at, size) : 0;
         Gives(piece.subspan(std::min(at, piece.size()), part));
+        given += part;
         size -= part;
         at -= std::min(at, piece.size());
     }
@@ -174,6 +175,7 @@ inline void Line::PumpWriting() {
         Finish(writing, broken, 0);
     } else if (writing && net.system_takes && given - delivered < kSystemHolds) {
         Give(std::min(writing->size, kSystemHolds - static_cast<size_t>(given - delivered)));
+        sent = given;
         Finish(writing, {}, writing->done);
     }
     Flow();
@@ -205,6 +207,7 @@ inline void Line::Deliver(size_t size) {
     }
     delivered += std::min<uint64_t>(size, given - delivered);
     if (!net.system_takes && writing && writing->done == writing->size) {
+        sent = given;
         Finish(writing, {}, writing->size);
     }
     Took();
