@@ -93,10 +93,8 @@ constexpr Task kTasks[] = {
 
 Fault FindFiles(const Options& options, FileListing& files) {
     std::vector<std::wstring> from_list;
-    if (!options.file_list.empty()) {
-        if (Fault fault = ReadPathList(options.file_list, from_list)) {
-            return fault;
-        }
+    if (Fault fault = options.file_list.empty() ? Fault() : ReadPathList(options.file_list, from_list)) {
+        return fault;
     }
     const std::wstring& quarantine = options.scan.quarantine;
     const DWORD attributes = GetFileAttributesW(quarantine.c_str());

@@ -115,7 +115,7 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
 
  private:
     bool AllDone() const {
-        const auto scans = [](const auto& lane) { return lane->file && lane->scanning && !lane->given_up; };
+        const auto scans = [](const auto& lane) { return lane->file && lane->scanning; };
         return totals_.done == files_.size() || !stop_words_.empty() || OutputFault() ||
                (stopped_ && std::none_of(lanes_.begin(), lanes_.end(), scans));
     }

@@ -135,6 +135,7 @@ TEST_F(GuardTest, EndsWithItsWorkerAndIsTheOneThatHasThePort) {
                                             PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
     bridge.run.emplace(program);
     EXPECT_TRUE(WaitFor([&] { return Scan() == kFound; }));
+    EXPECT_THAT(bridge.Restart().err, HasSubstr(" answers in the guard's place"));
     pipe.reset();
     EXPECT_TRUE(bridge.Tells("restarts can be asked for"));
     EXPECT_EQ(bridge.Restart().out, "Restarted\n");

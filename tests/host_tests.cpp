@@ -114,6 +114,7 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         {L"-", "-: OK\n", 0, "", std::string(70'000, ' ')},
         {L"--file-list \"nul list\"", "", 2,
          "kestoscan: the list nul list holds NUL characters: save it as UTF-8, or all of it as UTF-16\n"},
+        {L"--file-list -", "clean: OK\n", 0, "", "clean\r\n"},
         {L"--file-list wide", "\u0436\u6F22" + found, 1},
     };
     for (const auto& it : cases) {
@@ -194,6 +195,15 @@ TEST_F(HostScan, StopsWhereNoScanCouldSucceed) {
                 StartsWith("2: kestoscan: the engine " + installed.engine.string() +
                            " ends at once\nfailed   bridge settings: bridge.ini line 2: idle=0 "));
     EXPECT_EQ(installed.Starts(installed.engine), starts + 1);
+    installed.PlaceStandIn(installed.engine, "release 3");
+    installed.WriteSettings(Servers(engine.Port()) + "connectwait=60");
+    const size_t logged = installed.LogMessages().size();
+    const ProgramRun ends(program, L"clean clean", samples);
+    ASSERT_TRUE(WaitFor([&] { return installed.LogMessages().size() > logged; }));
+    WriteFile(installed.engine.string() + ".release", "");
+    EXPECT_THAT(ends.Finish().out, HasSubstr("\nErrors: 0\nNot scanned: 2\n"));
+    EXPECT_EQ(ends.Finish().status, 2u);
+    Configure(engine.Port());
     DeleteFileW(installed.engine.c_str());
     installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);

@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <string_view>
 
 #include "common/file_bytes.h"
 #include "common/processes.h"
@@ -16,12 +15,11 @@ constexpr uint32_t kLogTail = 4096;  // bytes; holds the last line
 
 // The last line of the bridge's log, if it tells why the bridge did not start.
 std::string LastEnd(const std::wstring& log_path) {
-    const std::string tail = FileTail(log_path, kLogTail);
-    std::string_view text = tail;
-    text = text.substr(0, text.find_last_not_of("\r\n") + 1);
-    text.remove_prefix(text.find_last_of("\r\n") + 1);
-    const size_t at = text.find(kCannotStart);
-    return at == std::string_view::npos ? "" : Utf8FromAnsi(text.substr(at));
+    std::string line = FileTail(log_path, kLogTail);
+    line.erase(line.find_last_not_of("\r\n") + 1);
+    line.erase(0, line.find_last_of("\r\n") + 1);
+    const size_t at = line.find(kCannotStart);
+    return at == std::string::npos ? "" : Utf8FromAnsi(line.substr(at));
 }
 
 }  // namespace
