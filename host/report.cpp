@@ -43,8 +43,6 @@ Json SummaryJson(const ScanTotals& totals, bool interrupted) {
 
 }  // namespace
 
-Report::Report(const ReportOptions& options) : options_(options) {}
-
 void Report::Clean(const std::string& path, uint64_t size) {
     if (!options_.infected_only) {
         Tell({{"path", path}, {"result", "clean"}, {"size", size}}, path + ": OK", PrintOut);

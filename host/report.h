@@ -22,7 +22,7 @@ struct ReportOptions {
 // even when the run is interrupted. Texts are UTF-8.
 class Report {
  public:
-    explicit Report(const ReportOptions& options);
+    explicit Report(const ReportOptions& options) : options_(options) {}
 
     void Clean(const std::string& path, uint64_t size);
     void Infected(const std::string& path, uint64_t size, const std::string& virus,

@@ -9,12 +9,6 @@
 namespace kesto::host {
 namespace {
 
-// The file as the profile reader sees it, which also takes UTF-16.
-std::string IniText(const FileBytes& bytes) {
-    const std::string_view text(reinterpret_cast<const char*>(bytes.data.get()), bytes.size);
-    return text.starts_with("\xFF\xFE") ? AnsiFromWide(WideFromFile(text)) : std::string(text);
-}
-
 void CheckIni(Findings& findings, const std::wstring& path) {
     const FileBytes bytes = ReadWholeFile(path);
     if (bytes.fault.code == ERROR_FILE_NOT_FOUND) {
@@ -30,7 +24,9 @@ void CheckIni(Findings& findings, const std::wstring& path) {
                             : "give this account, and the mail server's, the right to read it");
         return;
     }
-    for (const IniFinding& finding : LintIni(IniText(bytes))) {
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data.get()), bytes.size);
+    const bool wide = text.starts_with("\xFF\xFE");  // which the profile reader also takes
+    for (const IniFinding& finding : LintIni(wide ? AnsiFromWide(WideFromFile(text)) : std::string(text))) {
         findings.Add(finding.misread ? CheckState::kFailed : CheckState::kWarning, "settings",
                      "kestoav.ini line " + std::to_string(finding.line) + ": " + Utf8FromAnsi(finding.text),
                      finding.remedy);
