@@ -37,7 +37,7 @@ struct BridgeProcess {
     std::string Scan(const std::string& data) const { return Ask(port, ScanRequestOf(data)); }
     std::string Command(const char* command) const { return Ask(port, WithNul(command)); }
     // Has another bridge take the place of this one.
-    RunResult Restart() const { return ProgramRun(home.folder / "kestoscan.exe", L"--restart").Finish(); }
+    std::string Restart() const { return ProgramRun(home.folder / "kestoscan.exe", L"--restart").Told(); }
 
     static constexpr char kProgram[] = "bridge_alone.exe";
     Installation home{L"bridge"};
@@ -53,7 +53,7 @@ TEST(BridgeEnd, ComesAfterTheRunningScans) {
     trickling.Send(WithNul("zINSTREAM"));
     EXPECT_TRUE(WaitFor([&] { return clamd.Requests().size() == 1; }));
     Wire late(ConnectToLoopback(bridge.port));
-    EXPECT_EQ(bridge.Restart().out, "Restarted\n");
+    EXPECT_EQ(bridge.Restart(), "0: Restarted\n");
     EXPECT_THAT(bridge.Command("zSTATS"), HasSubstr("\nkestoav_worker_starts_total 2\n"));
     clamd.Play(Realistic());
     EXPECT_TRUE(late.Send(ScanRequestOf("VIRUS")));
@@ -83,7 +83,7 @@ TEST(BridgeStart, WaitsForThePortAndOpensItsLogAnew) {
     second.WriteIni("[bridge]\nlogfile=own.log\nlisten=127.0.0.1:" + std::to_string(bridge.port));
     second.run.emplace(second.home.engine_folder / second.kProgram);
     EXPECT_TRUE(second.Tells("the port is in use (10048)", "own.log"));
-    EXPECT_EQ(bridge.Restart().status, 0u);
+    EXPECT_EQ(bridge.Restart(), "0: Restarted\n");
     EXPECT_TRUE(bridge.Tells("ending after", "own.log"));
     bridge.run.reset();
     EXPECT_TRUE(second.Tells("listening on 127.0.0.1:" + std::to_string(bridge.port), "own.log"));
@@ -110,7 +110,7 @@ TEST_F(GuardTest, StartsWorkersAnewAndHangsUpWhileNoneCanServe) {
     const auto ini = it.engine_folder / "bridge.ini";
     const std::string good = ReadFile(ini);
     WriteFile(ini, good + "idle=soon\r\n");
-    EXPECT_THAT(bridge.Restart().err,
+    EXPECT_THAT(bridge.Restart(),
                 AllOf(HasSubstr("not restarted - the new kestobridge.exe cannot follow its"),
                       HasSubstr("bridge settings: bridge.ini line 5: idle=soon")));
     EXPECT_EQ(Scan(), kFound);  // the old one goes on
@@ -126,8 +126,7 @@ TEST_F(GuardTest, StartsWorkersAnewAndHangsUpWhileNoneCanServe) {
 
 TEST_F(GuardTest, EndsWithItsWorkerAndIsTheOneThatHasThePort) {
     const auto program = it.engine_folder / bridge.kProgram;
-    const RunResult second = ProgramRun(program).Finish();
-    EXPECT_EQ(std::to_string(second.status) + second.err, "0");
+    EXPECT_EQ(ProgramRun(program).Told(), "0: ");
     bridge.run.reset();
     EXPECT_TRUE(WaitFor([&] { return it.ProcessesOf(it.worker).empty(); }, std::chrono::seconds(1)));
     // Another program has made the pipe before.
@@ -135,10 +134,10 @@ TEST_F(GuardTest, EndsWithItsWorkerAndIsTheOneThatHasThePort) {
                                             PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
     bridge.run.emplace(program);
     EXPECT_TRUE(WaitFor([&] { return Scan() == kFound; }));
-    EXPECT_THAT(bridge.Restart().err, HasSubstr(" answers in the guard's place"));
+    EXPECT_THAT(bridge.Restart(), HasSubstr(" answers in the guard's place"));
     pipe.reset();
     EXPECT_TRUE(bridge.Tells("restarts can be asked for"));
-    EXPECT_EQ(bridge.Restart().out, "Restarted\n");
+    EXPECT_EQ(bridge.Restart(), "0: Restarted\n");
 }
 
 TEST_F(GuardTest, KeepsTheOldWorkerWhereNoNewOneComesUp) {
@@ -148,14 +147,15 @@ TEST_F(GuardTest, KeepsTheOldWorkerWhereNoNewOneComesUp) {
                                        {offsetof(WorkerOrders, closed) - 1, 2u}}) {
         std::string orders(size, '\0');
         orders.replace(0, sizeof(uint32_t), reinterpret_cast<const char*>(&size), sizeof(uint32_t));
-        EXPECT_EQ(ProgramRun(it.worker, L"", it.top, orders).Finish().status, status) << size;
+        EXPECT_THAT(ProgramRun(it.worker, L"", it.top, orders).Told(),
+                    StartsWith(std::to_string(status) + ": "));
     }
     EXPECT_THAT(bridge.Log(), HasSubstr("cannot start - cannot take over the socket of kestoav.exe - "));
     std::filesystem::rename(it.worker, it.top / "kestobridge-old.exe");
     it.PlaceStandIn(it.worker, "wait");
-    EXPECT_THAT(bridge.Restart().err, HasSubstr("gave no sign of life for 10 s"));
+    EXPECT_THAT(bridge.Restart(), HasSubstr("gave no sign of life for 10 s"));
     EXPECT_TRUE(WaitFor([&] { return DeleteFileW(it.worker.c_str()); }));  // so it does not run
-    EXPECT_THAT(bridge.Restart().err, HasSubstr("cannot start kestobridge.exe - File not found (2)"));
+    EXPECT_THAT(bridge.Restart(), HasSubstr("cannot start kestobridge.exe - File not found (2)"));
     EXPECT_EQ(Scan(), kFound);
 }
 

@@ -46,12 +46,12 @@ class CheckTest : public Test {
         Configure();
     }
     void Configure(const std::string& more = "") { installed.WriteSettings(Servers(engine.Port()) + more); }
-    RunResult Check(const std::wstring& arguments = L"") const {
-        return ProgramRun(installed.folder / "kestoscan.exe", L"--check" + arguments).Finish();
+    std::string Check(const std::wstring& arguments = L"") const {
+        return ProgramRun(installed.folder / "kestoscan.exe", L"--check" + arguments).Told();
     }
 
     void Tells(const std::vector<std::string>& lines) const {
-        const std::string out = Check().out;
+        const std::string out = Check();
         for (const std::string& line : lines) {
             EXPECT_THAT(out, HasSubstr(line));
         }
@@ -94,9 +94,8 @@ TEST_F(CheckTest, NamesTheFaultOfEachInstallationAndNoOtherAndLeavesItAsItIs) {
     for (const auto& it : cases) {
         engine.Play(it.script);
         Configure(it.settings);
-        const RunResult result = Check(it.arguments);
-        EXPECT_EQ(result.status, it.line.starts_with(failed) ? 2u : 0u) << result.out;
-        EXPECT_THAT(result.out, AllOf(HasSubstr(it.line), HasSubstr(it.counts)));
+        EXPECT_THAT(Check(it.arguments), AllOf(StartsWith(it.line.starts_with(failed) ? "2: " : "0: "),
+                                               HasSubstr(it.line), HasSubstr(it.counts)));
     }
     EXPECT_FALSE(std::filesystem::exists(log));
     EXPECT_EQ(installed.Starts(installed.engine), 1u);
@@ -141,72 +140,70 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
     blind.Kill();
     // The files agree again, but the bridge still runs with what they said before.
     installed.WriteSettings(Servers(port) + "encrypt=0");
-    EXPECT_THAT(Check().out, AllOf(Not(HasSubstr("decrypt differs")),
-                                   HasSubstr("EICAR: found only with encrypt=1: plug-in and engine do not "
-                                             "agree, and every virus passes -> run kestoscan --restart")));
+    EXPECT_THAT(Check(), AllOf(Not(HasSubstr("decrypt differs")),
+                               HasSubstr("EICAR: found only with encrypt=1: plug-in and engine do not "
+                                         "agree, and every virus passes -> run kestoscan --restart")));
 }
 
 TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysTheSameAsJson) {
     engine.Play(ReplyingBytes("s", Then::kHolds));
     const ProgramRun text(installed.folder / "kestoscan.exe", L"--check");
-    const RunResult json = Check(L" --json");
+    const std::string json = Check(L" --json");
     const std::string line = "server " + engine.Address() + " zPING";
     const std::string answer = "no answer: no end came";
-    EXPECT_THAT(json.out, HasSubstr(R"({"check": ")" + line + R"(", "state": "failed", "text": ")" + answer));
-    EXPECT_THAT(json.out, HasSubstr(R"({"state": "failed", "ok": 7, "warnings": 0, "failed": 1}})"));
-    EXPECT_THAT(text.Finish().out, HasSubstr("failed   " + line + ": " + answer));
-    EXPECT_EQ(json.status, 2u);
+    EXPECT_THAT(json, HasSubstr(R"({"check": ")" + line + R"(", "state": "failed", "text": ")" + answer));
+    EXPECT_THAT(json, AllOf(StartsWith("2: "),
+                            HasSubstr(R"({"state": "failed", "ok": 7, "warnings": 0, "failed": 1}})")));
+    EXPECT_THAT(text.Told(), HasSubstr("failed   " + line + ": " + answer));
 }
 
 TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
-    const auto says = [&](const std::string& words) { Tells({words}); };
     const std::wstring folder = installed.folder.wstring();
     SetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FA;;;WD)").get());
-    says("failed   rights: Everyone may write to ");
+    Tells({"failed   rights: Everyone may write to "});
     SetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FRFX;;;WD)").get());
     installed.EndPrograms();
     // An old reason is none.
     WriteFile(installed.engine_folder / "bridge.log", "cannot start - old\r\nstopped\r\n");
     WriteFile(installed.engine_folder / "bridge.ini", "[bridge]\r\nlisten=" + engine.Address());
     const std::string taken = "before it does; its port " + engine.Address() + " is taken by ";
-    says("failed   engine process: kestoav.exe does not run: no scan connects " + taken);
+    Tells({"failed   engine process: kestoav.exe does not run: no scan connects " + taken});
     WriteFile(installed.engine_folder / "bridge.log", "old\r\ncannot start - new\r\n");
-    says("; the last line of its log is \"cannot start - new\"");
+    Tells({"; the last line of its log is \"cannot start - new\""});
     DeleteFileW((installed.engine_folder / "bridge.ini").c_str());
     DeleteFileW((installed.engine_folder / "bridge.log").c_str());
     Configure("autostart=0");
-    says("warning  engine process: kestoav.exe does not run: with autostart=0 the first scan starts it");
+    Tells({"warning  engine process: kestoav.exe does not run: with autostart=0 the first scan starts it"});
     installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
-    says("warning  engine process: kestoav.exe runs from elsewhere");
+    Tells({"warning  engine process: kestoav.exe runs from elsewhere"});
     installed.StartStandIn(installed.engine);
-    says("warning  engine process: 2 processes named kestoav.exe run");
+    Tells({"warning  engine process: 2 processes named kestoav.exe run"});
     installed.EndPrograms();
     WriteFile(installed.engine, "no program");
-    says("kestoav.exe is not a program, or is damaged: no engine can be started");
+    Tells({"kestoav.exe is not a program, or is damaged: no engine can be started"});
     WriteFile(installed.updater, "");
-    says("kestoavu.exe is not a program, or is damaged: no update can be started");
+    Tells({"kestoavu.exe is not a program, or is damaged: no update can be started"});
     DeleteFileW(installed.engine.c_str());
-    says("kestoav.exe is missing: no engine can be started");
+    Tells({"kestoav.exe is missing: no engine can be started"});
     std::string wide = "\xFF\xFE";
     for (const char c : "[kestoav]\r\n\r\nencrypt=yes\r\n"s) {
         wide += {c, '\0'};
     }
     WriteFile(installed.folder / "kestoav.ini", wide);
-    says("kestoav.ini line 3: encrypt=\"yes\" is not a number");
+    Tells({"kestoav.ini line 3: encrypt=\"yes\" is not a number"});
     WriteFile(installed.folder / "kestoav.ini", wide.substr(2));  // which the plug-in cannot read
-    says("-> save it as ANSI text");
+    Tells({"-> save it as ANSI text"});
 }
 
 TEST_F(CheckTest, WorksByTheShortNameAndWarnsOfBlanks) {
     const Installation odd(L"\u0436 mail");
     odd.PlaceStandIn(odd.engine, "wait");
     odd.WriteSettings("servers=" + engine.Address());
-    const auto check = [&] { return ProgramRun(odd.folder / "kestoscan.exe", L"--check").Finish(); };
-    EXPECT_EQ(check().status, 0u);
-    EXPECT_THAT(check().out, HasSubstr("warning  folder: its path holds a blank"));
+    const auto check = [&] { return ProgramRun(odd.folder / "kestoscan.exe", L"--check").Told(); };
+    EXPECT_THAT(check(), AllOf(StartsWith("0: "), HasSubstr("warning  folder: its path holds a blank")));
     WriteFile(odd.top / L"\u0436.exe", "not ours");
-    EXPECT_THAT(check().out, HasSubstr(".exe would be started in place of the engine"));
+    EXPECT_THAT(check(), HasSubstr(".exe would be started in place of the engine"));
 }
 
 TEST(EngineProcess, IsToldAsFarAsThisAccountMaySee) {

@@ -43,13 +43,8 @@ class HostTest : public Test {
                                    &startup, &undefined));
     }
 
-    // The exit status, and all that is said.
-    static std::string Told(const ProgramRun& run) {
-        const RunResult result = run.Finish();
-        return std::to_string(result.status) + ": " + result.out + result.err;
-    }
     std::string Told(const std::wstring& arguments, const std::string& input = "") const {
-        return Told(ProgramRun(program, arguments, samples, input));
+        return ProgramRun(program, arguments, samples, input).Told();
     }
 
     // Finds VIRUS, and never answers about "slow one".
@@ -187,7 +182,7 @@ TEST_F(HostScan, StopsWhereNoScanCouldSucceed) {
     const ProgramRun ends(program, L"clean clean", samples);
     ASSERT_TRUE(WaitFor([&] { return installed.LogMessages().size() > logged; }));
     WriteFile(installed.engine.string() + ".release", "");
-    EXPECT_THAT(Told(ends), AllOf(StartsWith("2: \n"), HasSubstr("\nErrors: 0\nNot scanned: 2\n")));
+    EXPECT_THAT(ends.Told(), AllOf(StartsWith("2: \n"), HasSubstr("\nErrors: 0\nNot scanned: 2\n")));
     Configure(engine.Port());
     DeleteFileW(installed.engine.c_str());
     installed.PlaceStandIn(installed.elsewhere, "wait");
@@ -209,15 +204,15 @@ TEST_F(HostTest, EndsWithWholeLinesAndWithTheEngineThatItStartedUnlessOthersScan
     ProgramRun alone(program, L"clean slow", samples);
     ASSERT_TRUE(WaitFor([&] { return engine.Requests().size() == 4 && engine.Requests()[3].whole; }));
     alone.PressCtrlC();
-    EXPECT_THAT(Told(alone), AllOf(StartsWith("2: clean: OK\n\nInterrupted\nScanned files: 1\n"),
-                                   HasSubstr("\nNot scanned: 1\n"), EndsWith(" s\n" + started)));
+    EXPECT_THAT(alone.Told(), AllOf(StartsWith("2: clean: OK\n\nInterrupted\nScanned files: 1\n"),
+                                    HasSubstr("\nNot scanned: 1\n"), EndsWith(" s\n" + started)));
     EXPECT_TRUE(gone());
     ProgramRun beside(program, L"slow", samples);
     ASSERT_TRUE(WaitFor([&] { return engine.Requests().size() == 5 && engine.Requests()[4].whole; }));
     EXPECT_EQ(Ask(port, ScanRequestOf("another")), WithNul("stream: OK"));
     beside.PressCtrlC();
-    EXPECT_THAT(Told(beside), EndsWith(started + "kestoscan: others scan with " + installed.engine.string() +
-                                       " as well, so it goes on running\n"));
+    EXPECT_THAT(beside.Told(), EndsWith(started + "kestoscan: others scan with " + installed.engine.string() +
+                                        " as well, so it goes on running\n"));
     EXPECT_THAT(Told(L"clean"), StartsWith("0: "));
     EXPECT_FALSE(gone());  // it ran before
     installed.EndPrograms();
@@ -264,7 +259,7 @@ TEST_F(HostTest, UpdatesOnceAtATimeByAnyProgramOrByACommandOrLooksAtTheSignature
     ASSERT_TRUE(WaitFor([&] { return installed.Starts(installed.updater) == 1; }));
     EXPECT_THAT(Told(L"--update"), HasSubstr("under way already"));
     WriteFile(installed.updater.string() + ".release", "");
-    EXPECT_EQ(Told(first), "0: Update finished\n");
+    EXPECT_EQ(first.Told(), "0: Update finished\n");
     EXPECT_EQ(installed.Starts(installed.updater), 1u);
     std::filesystem::rename(installed.updater, installed.top / "former.exe");  // it may still be in use
     std::filesystem::copy_file(BuiltFolder() / "kestoavu.exe", installed.updater);

@@ -76,11 +76,11 @@ void ProgramRun::PressCtrlC() const {
     CloseHandle(CreateRemoteThread(process_.get(), nullptr, 0, routine, CTRL_C_EVENT, 0, nullptr));
 }
 
-RunResult ProgramRun::Finish() const {
+std::string ProgramRun::Told() const {
     WaitForSingleObject(process_.get(), kLongestRunMs);
-    RunResult result = {.out = ReadFile(files_[1]), .err = ReadFile(files_[2])};
-    GetExitCodeProcess(process_.get(), &result.status);
-    return result;
+    DWORD status = 0;  // STILL_ACTIVE when it did not end
+    GetExitCodeProcess(process_.get(), &status);
+    return std::to_string(status) + ": " + ReadFile(files_[1]) + ReadFile(files_[2]);
 }
 
 }  // namespace kesto

@@ -16,12 +16,6 @@ std::string ReadFile(const std::filesystem::path& path);  // empty when there is
 std::string ReadText(const std::filesystem::path& path);  // with bare line feeds
 void WriteFile(const std::filesystem::path& path, std::string_view content);
 
-struct RunResult {
-    DWORD status = STILL_ACTIVE;  // when it did not end within the limit
-    std::string out;
-    std::string err;
-};
-
 class ProgramRun {
  public:
     // Starts `program` in a folder, with `arguments` taken literally and `input` as its standard input.
@@ -32,7 +26,8 @@ class ProgramRun {
     ProgramRun& operator=(const ProgramRun&) = delete;
 
     void PressCtrlC() const;  // as the system itself tells a single process
-    RunResult Finish() const;  // waits for the end
+    // Waits for the end, and tells the exit status and all that was said: "0: ", its output, then its errors.
+    std::string Told() const;
 
  private:
     // Its standard input, output and errors. Files, unlike pipes, take any amount without a thread to read
