@@ -17,7 +17,7 @@ constexpr unsigned kDefaultDynamic = 49152;           // first of the ports for 
 
 void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const InstalledBridge& bridge) {
     const BridgeSettings& settings = bridge.ini.settings;
-    const std::string check = "bridge settings";
+    const std::string check = "bridge settings", port = std::to_string(settings.listen.port);
     if (bridge.used && settings.decrypt != installed.settings.encrypt) {
         const std::string value = installed.settings.encrypt ? "1" : "0";
         findings.Failed(check,
@@ -28,12 +28,10 @@ void CheckMeaning(Findings& findings, const InstalledPlugin& installed, const In
         findings.Warning(check,
                          "listens on " + AddressText(settings.listen) +
                              ", where other machines reach it, and asks nobody for a password",
-                         "write listen=127.0.0.1:" + std::to_string(settings.listen.port) +
-                             ", or have the firewall keep others out");
+                         "write listen=127.0.0.1:" + port + ", or have the firewall keep others out");
     }
     const auto dynamic = DynamicPorts();
     if (dynamic && settings.listen.port - dynamic->first < dynamic->count) {
-        const std::string port = std::to_string(settings.listen.port);
         findings.Warning(check,
                          "port " + port +
                              " is one that Windows gives to outgoing connections: while the engine is down a "

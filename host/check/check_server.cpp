@@ -53,15 +53,16 @@ class ServerCheck {
     ServerCheck(const CheckedServer& server, ServerTalks& talks) : server_(server), talks_(talks) {
         talks_.Put({.server = server_.address, .as_the_plug_in = server_.of_plugin},
                    [this](const ServerAnswer& answer) {
+                       --open_;
                        if (TellConnection(answer)) {
                            AskAll();
                        }
-                       done = open_ == 0;
                    });
     }
 
+    bool Done() const { return open_ == 0; }
+
     Findings findings;
-    bool done = false;
 
  private:
     // All at the same time, since a server may take seconds for each.
@@ -106,7 +107,6 @@ class ServerCheck {
                 TellLongStream(answers_[kLong]);
             }
         }
-        done = true;
     }
 
     void Tell(CheckState state, const char* what, const std::string& text, const std::string& remedy) {
@@ -220,7 +220,7 @@ class ServerCheck {
     const CheckedServer server_;
     ServerTalks& talks_;
     std::array<ServerAnswer, kAllAsked> answers_;
-    int open_ = 0;  // questions without an answer
+    int open_ = 1;  // questions without an answer; the first is whether it can be connected to
 };
 
 }  // namespace
@@ -231,10 +231,10 @@ std::vector<Findings> AskServers(const std::vector<CheckedServer>& servers, Dead
     for (const CheckedServer& server : servers) {
         checks.emplace_back(server, talks);
     }
-    const auto done = [](const ServerCheck& check) { return check.done; };
     talks.Run([&] {
-        ShowStep("the servers: " + std::to_string(std::count_if(checks.begin(), checks.end(), done)) +
-                 " of " + std::to_string(checks.size()) + " done");
+        const auto done = std::count_if(checks.begin(), checks.end(),
+                                        [](const ServerCheck& check) { return check.Done(); });
+        ShowStep("the servers: " + std::to_string(done) + " of " + std::to_string(checks.size()) + " done");
     });
     std::vector<Findings> all;
     for (const ServerCheck& check : checks) {
