@@ -68,9 +68,6 @@ struct Parser {
     CLI::Option* Limited(TaskTakes kind, CLI::Option* option) {
         return limited.emplace_back(option, kind).first;
     }
-    CLI::Option* Flag(const char* name, bool& value, const char* description) {
-        return app.add_flag(name, value, description);
-    }
     CLI::Option* Text(const char* name, const char* kind, std::wstring& value, const char* description) {
         return app
             .add_option_function<std::string>(
@@ -106,16 +103,16 @@ Parser::Parser(std::span<const Task> all, Options& options) : tasks(all) {
     Limited(kFileOptions,
             Text("--file-list", "FILE", options.file_list,
                  "Scan the files that this file names, one path on each line; - reads standard input"));
-    Limited(kFileOptions,
-            Flag("-r,--recursive", options.list.recursive, "Scan the files in and below named folders"));
+    Limited(kFileOptions, app.add_flag("-r,--recursive", options.list.recursive,
+                                       "Scan the files in and below named folders"));
     Limited(kFileOptions, Texts("--exclude", "PATTERN", options.list.excluded_files,
                                 "Leave out files whose name matches; may be repeated"))
         ->allow_extra_args(false);
     Limited(kFileOptions, Texts("--exclude-dir", "PATTERN", options.list.excluded_folders,
                                 "Leave out folders whose name matches; may be repeated"))
         ->allow_extra_args(false);
-    Limited(kFileOptions, Flag("-i,--infected", options.report.infected_only,
-                               "Print infected files only; error messages go to standard error"));
+    Limited(kFileOptions, app.add_flag("-i,--infected", options.report.infected_only,
+                                       "Print infected files only; error messages go to standard error"));
     Limited(kFileOptions, Number("-j,--jobs", "N", options.scan.jobs, 1, kMostJobs,
                                  "Files scanned at a time, 1 (the default) to 16"));
     Limited(kFileOptions, Number("--timeout", "SECONDS", options.scan.timeout, 1, kLongestTime,
@@ -127,8 +124,9 @@ Parser::Parser(std::span<const Task> all, Options& options) : tasks(all) {
     Limited(kFileOptions,
             Text("--copy", "FOLDER", options.scan.quarantine, "Copy infected files into this folder"))
         ->excludes("--move");
-    Limited(kJson, Flag("--json", options.report.json, "Print one JSON document"));
-    Limited(kFileOptions, Flag("--no-summary", options.report.no_summary, "Print no totals at the end"));
+    Limited(kJson, app.add_flag("--json", options.report.json, "Print one JSON document"));
+    Limited(kFileOptions,
+            app.add_flag("--no-summary", options.report.no_summary, "Print no totals at the end"));
     Text("--log", "FILE", options.log, "Also append all output to this file");
     Text("--library", "PATH", options.library, "The plug-in (default: CLAMDLL.dll beside this program)");
     Text("--folder", "PATH", options.folder, "The plug-in's folder (default: the folder of this program)");
