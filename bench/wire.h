@@ -20,7 +20,7 @@ void SendAll(SOCKET connection, std::string_view bytes);
 void SendLength(SOCKET connection, size_t length);
 
 // What SCANFILE puts on the wire, in the same sends, and nothing else: blocking sends straight from
-// `data`, then one wait for the reply. Throws where that is not "stream: OK".
+// `data`, then a wait for the reply. Throws where that is not "stream: OK".
 void SendBare(uint16_t port, std::string_view data);
 
 }  // namespace kesto

@@ -35,7 +35,9 @@ DWORD Requests::Open(const std::wstring& folder) {
 
 void Requests::Wait() {
     waiting_ = true;
-    if (!ConnectNamedPipe(pipe_, &event_) && GetLastError() == ERROR_PIPE_CONNECTED) {
+    // Whoever has connected before this may have left already.
+    if (!ConnectNamedPipe(pipe_, &event_) &&
+        (GetLastError() == ERROR_PIPE_CONNECTED || GetLastError() == ERROR_NO_DATA)) {
         SetEvent(event_.hEvent);
     }
 }

@@ -21,12 +21,9 @@ constexpr size_t kMostLoggedReply = 900;  // characters
 
 // One pass over the servers: connects to the first that accepts.
 bool ConnectToAnyServer(SocketConnection& connection) {
-    for (const ServerEntry& server : Servers()) {
-        if (connection.Connect(server.host, server.port, false, kConnectMs)) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(Servers().begin(), Servers().end(), [&](const ServerEntry& server) {
+        return connection.Connect(server.host, server.port, false, kConnectMs);
+    });
 }
 
 // Makes passes without a pause until the limit is exceeded, but none when no engine process runs. That is

@@ -42,11 +42,8 @@ uint32_t FirstEngine(DWORD* ids) {
         return 0;
     }
     for (DWORD i = 0; i < bytes / sizeof ids[0]; ++i) {
-        if (ids[i] == 0) {
-            continue;
-        }
         // This right and not a weaker one: an engine that cannot be opened with it counts as not running.
-        HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, ids[i]);
+        HANDLE process = ids[i] != 0 ? OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, ids[i]) : nullptr;
         if (process == nullptr) {
             continue;
         }
