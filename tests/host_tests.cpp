@@ -171,10 +171,10 @@ TEST_F(HostScan, GivesUpAFileThatTakesTooLongAndGoesOn) {
               "2: slow: ERROR No verdict within 1 s (1460)\nclean: OK\n");
 }
 
-TEST_F(HostScan, JobsRestartAnEngineThatDoesNotAcceptOnce) {
-    const uint16_t port = FreePort();
-    Configure(port);
-    installed.PlaceStandIn(installed.engine, "engine " + std::to_string(port));
+TEST_F(HostTest, JobsRestartAnEngineThatDoesNotAcceptOnce) {
+    installed.PlaceStandIn(installed.elsewhere, "wait");
+    installed.StartStandIn(installed.elsewhere);
+    Configure(installed.PlaceBridge(engine.Address()));
     const RunResult result = Run(L"-j 8 clean clean clean clean clean clean clean clean");
     EXPECT_THAT(result.out, HasSubstr("\nScanned files: 8\nInfected files: 0\nErrors: 0\n"));
     const auto log = installed.LogMessages();

@@ -19,11 +19,13 @@ int WSAAPI SendHalf(SOCKET socket, const char* bytes, int size, int flags) {
 
 TEST_F(ScanTest, SendsTheFileInPrefixedChunksAndShiftedUnlessTheSettingIsOff) {
     const ImportPatch sends(plugin.module, "send", SendHalf);
+    const uint16_t closed = FreePort();
     const std::pair<const char*, bool> cases[] = {
         {"encrypt=0", false},  {"", true},  // the default, not what was in effect before
         {"encrypt=256", true}, {"encrypt=-1", true}, {"encrypt=abc", false}, {"ENCRYPT = 0x ", false}};
+    Start();
     for (const auto& [setting, shifted] : cases) {
-        Start(setting);
+        Start(Servers(closed) + setting);  // which adds its servers to those of the first start
         for (const size_t size : {1, 8191, 8192, 8193, 16384, 30'001}) {
             std::string data;
             while (data.size() < size) {

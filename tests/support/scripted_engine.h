@@ -28,17 +28,15 @@ struct EngineRequest {
 };
 
 // A connection, of a script or of a client; closed with the object. Calls after the other side has gone are
-// harmless. Everything waits by polling, since Wine keeps the sockets of a process that is ended while it
-// waits on them, and an engine may be ended at any moment. A client waits kTestLimit at most; a script's
-// waits end when its engine is killed, which it sees by `cut`.
+// harmless. A client waits kTestLimit at most for the next byte; a script's waits end when its engine is
+// killed, which it sees by `cut`.
 class Wire {
  public:
     explicit Wire(SOCKET connected, const std::atomic<bool>* cut = nullptr);
     ~Wire() { Close(); }
 
     bool Send(std::string_view bytes);
-    // Exactly this many bytes, or fewer when the other side ended or the limit passed before.
-    std::string Receive(size_t size = SIZE_MAX);
+    std::string Receive();                 // all that comes until the other side ends or the limit passes
     bool Ended() const { return ended_; }  // whether Receive has seen the other side end
     // For scripts: a whole request, or as much of one as came.
     EngineRequest ReceiveRequest();
@@ -53,8 +51,7 @@ class Wire {
     void Close(bool hard = false);  // hard: with a reset
 
  private:
-    int WhenReady(const std::function<int()>& call);
-    bool ReceiveSome(size_t most);
+    bool ReceiveSome();
 
     SOCKET socket_;
     const std::atomic<bool>* cut_;
