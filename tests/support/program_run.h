@@ -31,7 +31,7 @@ class ProgramRun {
     ProgramRun(const ProgramRun&) = delete;
     ProgramRun& operator=(const ProgramRun&) = delete;
 
-    void PressCtrlC() const;  // as the system itself tells a single process
+    void PressCtrlC() const;   // as the system itself tells a single process
     RunResult Finish() const;  // waits for the end
 
  private:

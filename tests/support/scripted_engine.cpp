@@ -29,16 +29,11 @@ bool Wire::Send(std::string_view bytes) {
 bool Wire::ReceiveSome() {
     char piece[65536];
     int got = 0;
-    bool late = false;
     do {
         got = recv(socket_, piece, sizeof piece, 0);
-        late = got < 0 && WSAGetLastError() == WSAETIMEDOUT;
-    } while (late && cut_ != nullptr && !*cut_);
-    ended_ = got <= 0 && !late;
-    if (got > 0) {
-        const std::lock_guard lock(guard_);
-        raw_.append(piece, static_cast<size_t>(got));
-    }
+    } while (got < 0 && WSAGetLastError() == WSAETIMEDOUT && cut_ != nullptr && !*cut_);
+    const std::lock_guard lock(guard_);
+    raw_.append(piece, static_cast<size_t>(std::max(got, 0)));
     return got > 0;
 }
 
@@ -197,8 +192,7 @@ std::string ScanRequestOf(const std::string& data, bool shifted) {
 std::string Ask(uint16_t port, const std::string& bytes) {
     Wire wire(ConnectToLoopback(port));
     wire.Send(bytes);
-    const std::string reply = wire.Receive();
-    return wire.Ended() ? reply : reply + "(no end)";
+    return wire.Receive();
 }
 
 }  // namespace kesto

@@ -36,8 +36,7 @@ class Wire {
     ~Wire() { Close(); }
 
     bool Send(std::string_view bytes);
-    std::string Receive();                 // all that comes until the other side ends or the limit passes
-    bool Ended() const { return ended_; }  // whether Receive has seen the other side end
+    std::string Receive();  // all that comes until the other side ends or the limit passes
     // For scripts: a whole request, or as much of one as came.
     EngineRequest ReceiveRequest();
     EngineRequest Request() const;  // what has come so far; any thread may ask
@@ -55,7 +54,6 @@ class Wire {
 
     SOCKET socket_;
     const std::atomic<bool>* cut_;
-    bool ended_ = false;
     mutable std::mutex guard_;  // of what has come
     std::string raw_;
 };
@@ -111,8 +109,7 @@ std::string WithNul(std::string_view text);
 std::string ShiftedDown(std::string data, int by = 1);  // 1: as the plug-in's encrypt setting does
 // All the bytes of a scan as the plug-in sends it.
 std::string ScanRequestOf(const std::string& data, bool shifted = true);
-// Sends bytes on a new connection and returns all that comes back until the end; "(no end)" is added when
-// the connection stays open past the limit.
+// Sends bytes on a new connection and returns all that comes back.
 std::string Ask(uint16_t port, const std::string& bytes);
 
 }  // namespace kesto
