@@ -83,7 +83,7 @@ TEST_F(CheckTest, NamesTheFaultOfEachInstallationAndNoOtherAndLeavesItAsItIs) {
          " 0 warnings, 2 failed\n"},  // and EICAR as well
         {failed + server + "2 MB stream: the reply was \"INST",
          ScansSaying(std::string(kSizeLimitReply), 2 << 20)},
-        {failed + server + "zPING: no answer: the connection ", [](Wire& wire) { wire.Receive(1); }},
+        {failed + server + "zPING: no answer: the connection ", [](Wire& wire) { wire.Close(true); }},
         {"warning  " + server + "zVERSION: \"Engine 1/27000/", Clamd(true, 8), "", warned},
         {"ok       " + server + "zVERSION: ", Clamd(true, 7), "", " 0 warnings, 0 failed\n"},
         {"warning  " + server + "zVERSION: \"E\": the age of", Realistic({.shifted = true, .version = "E"}),

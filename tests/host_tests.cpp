@@ -153,10 +153,10 @@ TEST_F(HostScan, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
     EXPECT_EQ(ReadFile(samples / "infected"), "another");
 }
 
-TEST_F(HostScan, JobsRestartAnEngineThatDoesNotAcceptOnce) {
-    const uint16_t port = FreePort();
-    Configure(port);
-    installed.PlaceStandIn(installed.engine, "engine " + std::to_string(port));
+TEST_F(HostTest, JobsRestartAnEngineThatDoesNotAcceptOnce) {
+    installed.PlaceStandIn(installed.elsewhere, "wait");
+    installed.StartStandIn(installed.elsewhere);
+    Configure(installed.PlaceBridge(engine.Address()));
     EXPECT_THAT(Told(L"-j 8 clean clean clean clean clean clean clean clean"),
                 HasSubstr("\nScanned files: 8\nInfected files: 0\nErrors: 0\n"));
     const auto log = installed.LogMessages();

@@ -3,9 +3,8 @@
 // start adds a byte to PROGRAM.started as soon as the program plays its role.
 #include <filesystem>
 #include <fstream>
-#include <optional>
 
-#include "tests/support/scripted_engine.h"
+#include "tests/loopback/loopback.h"
 // windows.h must come after winsock2.h.
 #include <windows.h>
 
@@ -15,19 +14,11 @@ int main() {
     const std::string program(path, GetModuleFileNameA(nullptr, path, sizeof path));
     std::ifstream file(program + ".role");
     std::string role;
-    uint16_t number = 0;
-    file >> role >> number;
-    try {
-        std::optional<ScriptedEngine> engine;
-        if (role == "engine") {
-            engine.emplace(Realistic({.shifted = true}), number);
-        }
-        std::ofstream(program + ".started", std::ios::app | std::ios::binary) << '1';
-        constexpr std::chrono::minutes kLongestLife{2};  // if nothing else ends it
-        const auto ends = [&] { return std::filesystem::exists(program + ".release"); };
-        WaitFor([&] { return role == "exit" || (role == "release" && ends()); }, kLongestLife);
-        return number;
-    } catch (const std::exception&) {
-        return 98;  // another engine has the port
-    }
+    int code = 0;
+    file >> role >> code;
+    std::ofstream(program + ".started", std::ios::app | std::ios::binary) << '1';
+    constexpr std::chrono::minutes kLongestLife{2};  // if nothing else ends it
+    const auto ends = [&] { return std::filesystem::exists(program + ".release"); };
+    WaitFor([&] { return role == "exit" || (role == "release" && ends()); }, kLongestLife);
+    return code;
 }

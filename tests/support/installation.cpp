@@ -12,15 +12,6 @@
 namespace kesto {
 namespace {
 
-// All programs that this process starts, and that those start, end with it, however it ends.
-[[maybe_unused]] const bool g_children_end_with_us = [] {
-    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
-    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
-    const HANDLE job = CreateJobObjectA(nullptr, nullptr);  // closed with the process
-    return SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits) &&
-           AssignProcessToJobObject(job, GetCurrentProcess());
-}();
-
 // A test that hangs ends its program, with its children, before the runner's limit passes: a signal from
 // outside has taken Wine's server along. The thread outlives the test framework, so it touches nothing of
 // that.
@@ -33,7 +24,13 @@ class Watch : public testing::EmptyTestEventListener {
     void OnTestEnd(const testing::TestInfo&) override { g_test_ends_by = ULLONG_MAX; }
 };
 
-[[maybe_unused]] const bool g_tests_end = [] {
+[[maybe_unused]] const bool g_watched = [] {
+    // All programs that this process starts, and that those start, end with it, however it ends.
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    const HANDLE job = CreateJobObjectA(nullptr, nullptr);  // closed with the process
+    SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits);
+    AssignProcessToJobObject(job, GetCurrentProcess());
     testing::UnitTest::GetInstance()->listeners().Append(new Watch);
     std::thread([] {
         while (GetTickCount64() < g_test_ends_by) {
@@ -107,11 +104,9 @@ std::vector<std::string> Installation::LogMessages() const {
     std::istringstream lines(ReadText(log));
     std::vector<std::string> messages;
     for (std::string line; std::getline(lines, line) && !lines.eof();) {
-        int stamp = 0;
-        sscanf(line.c_str(), "%*4d/%*2d/%*2d %*2d:%*2d:%*2d: %n", &stamp);
-        if (stamp > 0) {
-            messages.push_back(line.substr(static_cast<size_t>(stamp)));
-        } else if (!messages.empty()) {
+        if (line.starts_with("20")) {
+            messages.push_back(line.substr(line.find(": ") + 2));
+        } else {
             messages.back() += '\n' + line;
         }
     }

@@ -42,8 +42,7 @@ class Installation {
     std::vector<std::string> LogMessages() const;
 
     // Puts the stand-in there. Roles: "wait", "exit CODE", "release CODE" (ends once PROGRAM.release is
-    // there), "engine PORT" (a Realistic ScriptedEngine, to the plug-in). A program that is there already
-    // takes up the new role at its next start.
+    // there). A program that is there already takes up the new role at its next start.
     void PlaceStandIn(const std::filesystem::path& program, const std::string& role) const;
     // Puts the real bridge there as the engine, with an empty bridge.log and with a free port in bridge.ini,
     // which is returned.

@@ -24,7 +24,7 @@ std::string LoadedPlugin::VersionDetails() const {
     return text.back() == '\x5E' ? text.c_str() : "the buffer's last byte was written";
 }
 
-std::string ScanWith(const PluginLibrary& plugin, std::string_view data, std::string_view name) {
+std::string InstalledPlugin::Scan(std::string_view data, std::string_view name) const {
     ScanFileInput input = {"", static_cast<uint32_t>(data.size()),
                            reinterpret_cast<const uint8_t*>(data.data())};
     name.copy(input.name, sizeof input.name);

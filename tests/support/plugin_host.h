@@ -24,10 +24,6 @@ struct LoadedPlugin : PluginLibrary {
 
 inline constexpr uint32_t kUntouched = 0x5EED5EED;  // what the host's words hold before a call
 
-// Scans as the host does. A name of 256 characters or more fills its field without a NUL. Returns what the
-// scan left behind in the host's memory: "clean", "failed CODE" or "FILE NAME: VIRUS NAME".
-std::string ScanWith(const PluginLibrary& plugin, std::string_view data, std::string_view name = "mail.eml");
-
 // Expects that `fault` loses no handles, sockets among them, and no bytes of the heap that the process shares
 // with the plug-in: runs it once for what is made only once, and then often enough for a loss to show.
 void ExpectNothingLost(int rounds, const std::function<void()>& fault);
@@ -40,9 +36,9 @@ struct InstalledPlugin {
         installed.WriteSettings(settings);
         return plugin.Initialize(installed.folder);
     }
-    std::string Scan(std::string_view data, std::string_view name = "mail.eml") const {
-        return ScanWith(plugin, data, name);
-    }
+    // Scans as the host does. A name of 256 characters or more fills its field without a NUL. Returns what
+    // the scan left behind in the host's memory: "clean", "failed CODE" or "FILE NAME: VIRUS NAME".
+    std::string Scan(std::string_view data, std::string_view name = "mail.eml") const;
 
     Installation installed;
     LoadedPlugin plugin{installed};

@@ -10,90 +10,58 @@
 namespace kesto {
 using namespace host;
 
-namespace {
-
-void SetNonBlocking(SOCKET socket) {
-    u_long on = 1;
-    ioctlsocket(socket, FIONBIO, &on);
-}
-
-// What the bytes so far are.
-EngineRequest RequestIn(const std::string& raw) {
-    EngineRequest it = {raw, raw.c_str(), "", false};
-    size_t at = it.command.size() + 1;
-    it.whole = at <= raw.size() && it.command != "zINSTREAM";
-    while (!it.whole && at + 4 <= raw.size()) {
-        uint32_t length = 0;
-        std::copy_n(raw.data() + at, 4, reinterpret_cast<char*>(&length));
-        length = ntohl(length);
-        it.data.append(raw, at + 4, length);
-        at += 4 + size_t{length};
-        it.whole = length == 0;
-    }
-    return it;
-}
-
-}  // namespace
-
 Wire::Wire(SOCKET connected, const std::atomic<bool>* cut) : socket_(connected), cut_(cut) {
     // A child process that inherited the socket would keep it open after we have closed it.
     SetHandleInformation(reinterpret_cast<HANDLE>(socket_), HANDLE_FLAG_INHERIT, 0);
-    SetNonBlocking(socket_);
-    const BOOL at_once = TRUE;  // pieces go out as pieces
-    setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&at_once), sizeof at_once);
-}
-
-// The result of `call` once it no longer would block; -1 on failure, -2 when cut or past the limit.
-int Wire::WhenReady(const std::function<int()>& call) {
-    const auto until = std::chrono::steady_clock::now() + kTestLimit;
-    while (cut_ != nullptr ? !*cut_ : std::chrono::steady_clock::now() < until) {
-        const int result = call();
-        if (result >= 0 || WSAGetLastError() != WSAEWOULDBLOCK) {
-            return result;
-        }
-        Sleep(1);
-    }
-    return -2;
+    const auto set = [this](int level, int option, DWORD value) {
+        setsockopt(socket_, level, option, reinterpret_cast<const char*>(&value), sizeof value);
+    };
+    set(IPPROTO_TCP, TCP_NODELAY, TRUE);  // pieces go out as pieces
+    set(SOL_SOCKET, SO_SNDTIMEO, kTestLimit.count());
+    set(SOL_SOCKET, SO_RCVTIMEO, cut_ != nullptr ? 20 : kTestLimit.count());
 }
 
 bool Wire::Send(std::string_view bytes) {
-    for (int sent = 0; !bytes.empty(); bytes.remove_prefix(static_cast<size_t>(sent))) {
-        const int most = static_cast<int>(std::min<size_t>(bytes.size(), 1 << 20));
-        sent = WhenReady([&] { return send(socket_, bytes.data(), most, 0); });
-        if (sent <= 0) {
-            return false;
-        }
-    }
-    return true;
+    const int size = static_cast<int>(bytes.size());
+    return send(socket_, bytes.data(), size, 0) == size;
 }
 
-// Reads no byte more than wanted, so that a script that ends early ends exactly where it means to.
-bool Wire::ReceiveSome(size_t most) {
+bool Wire::ReceiveSome() {
     char piece[65536];
-    const int size = static_cast<int>(std::min(most, sizeof piece));
-    const int got = WhenReady([&] { return recv(socket_, piece, size, 0); });
-    ended_ = got == 0 || got == -1;
-    if (got > 0) {
-        const std::lock_guard lock(guard_);
-        raw_.append(piece, static_cast<size_t>(got));
-    }
+    int got = 0;
+    do {
+        got = recv(socket_, piece, sizeof piece, 0);
+    } while (got < 0 && WSAGetLastError() == WSAETIMEDOUT && cut_ != nullptr && !*cut_);
+    const std::lock_guard lock(guard_);
+    raw_.append(piece, static_cast<size_t>(std::max(got, 0)));
     return got > 0;
 }
 
-std::string Wire::Receive(size_t size) {
+std::string Wire::Receive() {
     const size_t before = raw_.size();
-    while (raw_.size() - before < size && ReceiveSome(size - (raw_.size() - before))) {
+    while (ReceiveSome()) {
     }
     return raw_.substr(before);
 }
 
 EngineRequest Wire::Request() const {
     const std::lock_guard lock(guard_);
-    return RequestIn(raw_);
+    EngineRequest it = {raw_, raw_.c_str(), "", false};
+    size_t at = it.command.size() + 1;
+    it.whole = at <= raw_.size() && it.command != "zINSTREAM";
+    while (!it.whole && at + 4 <= raw_.size()) {
+        uint32_t length = 0;
+        std::copy_n(raw_.data() + at, 4, reinterpret_cast<char*>(&length));
+        length = ntohl(length);
+        it.data.append(raw_, at + 4, length);
+        at += 4 + size_t{length};
+        it.whole = length == 0;
+    }
+    return it;
 }
 
 EngineRequest Wire::ReceiveRequest() {
-    while (!Request().whole && ReceiveSome(SIZE_MAX)) {
+    while (!Request().whole && ReceiveSome()) {
     }
     return Request();
 }
@@ -157,7 +125,6 @@ ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port) : script_(std
     if (listener == INVALID_SOCKET) {
         throw std::runtime_error("port " + std::to_string(port_) + " is taken");
     }
-    SetNonBlocking(listener);
     accepting_ = std::jthread([this, listener] { Accept(listener); });
 }
 
@@ -167,7 +134,9 @@ void ScriptedEngine::Play(EngineScript script) {
 }
 
 void ScriptedEngine::Kill() {
-    killed_ = true;
+    if (!killed_.exchange(true)) {
+        closesocket(ConnectToLoopback(port_));  // ends the wait in Accept
+    }
     accepting_ = {};
     for (Connection& each : connections_) {
         each.thread = {};
@@ -175,17 +144,16 @@ void ScriptedEngine::Kill() {
 }
 
 void ScriptedEngine::Accept(SOCKET listener) {
-    for (; !killed_; Sleep(1)) {
-        SOCKET accepted = INVALID_SOCKET;
-        while ((accepted = accept(listener, nullptr, nullptr)) != INVALID_SOCKET) {
-            const std::lock_guard lock(guard_);
-            Connection& it = connections_.emplace_back(accepted, &killed_);
-            it.thread = std::jthread([this, &it, play = script_] {
-                play(it);
-                it.Close(killed_);
-            });
-        }
+    SOCKET accepted = accept(listener, nullptr, nullptr);
+    for (; !killed_; accepted = accept(listener, nullptr, nullptr)) {
+        const std::lock_guard lock(guard_);
+        Connection& it = connections_.emplace_back(accepted, &killed_);
+        it.thread = std::jthread([this, &it, play = script_] {
+            play(it);
+            it.Close(killed_);
+        });
     }
+    closesocket(accepted);
     closesocket(listener);
 }
 
@@ -224,8 +192,7 @@ std::string ScanRequestOf(const std::string& data, bool shifted) {
 std::string Ask(uint16_t port, const std::string& bytes) {
     Wire wire(ConnectToLoopback(port));
     wire.Send(bytes);
-    const std::string reply = wire.Receive();
-    return wire.Ended() ? reply : reply + "(no end)";
+    return wire.Receive();
 }
 
 }  // namespace kesto

@@ -28,18 +28,15 @@ struct EngineRequest {
 };
 
 // A connection, of a script or of a client; closed with the object. Calls after the other side has gone are
-// harmless. Everything waits by polling, since Wine keeps the sockets of a process that is ended while it
-// waits on them, and an engine may be ended at any moment. A client waits kTestLimit at most; a script's
-// waits end when its engine is killed, which it sees by `cut`.
+// harmless. A client waits kTestLimit at most for the next byte; a script's waits end when its engine is
+// killed, which it sees by `cut`.
 class Wire {
  public:
     explicit Wire(SOCKET connected, const std::atomic<bool>* cut = nullptr);
     ~Wire() { Close(); }
 
     bool Send(std::string_view bytes);
-    // Exactly this many bytes, or fewer when the other side ended or the limit passed before.
-    std::string Receive(size_t size = SIZE_MAX);
-    bool Ended() const { return ended_; }  // whether Receive has seen the other side end
+    std::string Receive();  // all that comes until the other side ends or the limit passes
     // For scripts: a whole request, or as much of one as came.
     EngineRequest ReceiveRequest();
     EngineRequest Request() const;  // what has come so far; any thread may ask
@@ -53,12 +50,10 @@ class Wire {
     void Close(bool hard = false);  // hard: with a reset
 
  private:
-    int WhenReady(const std::function<int()>& call);
-    bool ReceiveSome(size_t most);
+    bool ReceiveSome();
 
     SOCKET socket_;
     const std::atomic<bool>* cut_;
-    bool ended_ = false;
     mutable std::mutex guard_;  // of what has come
     std::string raw_;
 };
@@ -114,8 +109,7 @@ std::string WithNul(std::string_view text);
 std::string ShiftedDown(std::string data, int by = 1);  // 1: as the plug-in's encrypt setting does
 // All the bytes of a scan as the plug-in sends it.
 std::string ScanRequestOf(const std::string& data, bool shifted = true);
-// Sends bytes on a new connection and returns all that comes back until the end; "(no end)" is added when
-// the connection stays open past the limit.
+// Sends bytes on a new connection and returns all that comes back.
 std::string Ask(uint16_t port, const std::string& bytes);
 
 }  // namespace kesto
