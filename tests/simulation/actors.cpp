@@ -148,10 +148,10 @@ void ServerLine::WasRead() {
     said = reply.substr(0, nul);
     replied = ReadScanAnswer(said) != ScanAnswer::kClean || IsWhole();  // one too early is none
     replied_at = net.now;
-    if (HasVerdict()) {
+    if (HasVerdict() && began >= server->listed_at) {
         server->verdict_at = net.now;
         server->failed = IsProbe() ? server->failed : 0;
-    } else if (replied) {
+    } else if (Erred()) {
         server->erred_at = net.now;
     }
     g_world->Tell("the bridge reads \"", said, "\" of ", server->name);
@@ -166,7 +166,13 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
     head.assign(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(std::min<size_t>(bytes.size(), 32)));
     size = head.size();  // of a question, or an empty file
     server->versions += head.starts_with("zVERSION");
-    if (head.starts_with(kScanCommand) && !IsProbe() && size >= 18) {
+    if (IsProbe()) {
+        const auto probes = [](const auto& line) {
+            return line->IsProbe() && line->Runs() && line->began > line->server->listed_at;
+        };
+        g_world->Never(std::ranges::count_if(server->lines, probes) > 1, server->name,
+                       " gets two probes at a time");
+    } else if (head.starts_with(kScanCommand) && size >= 18) {
         uint32_t number = 0;
         std::memcpy(&number, head.data() + 14, sizeof number);
         if (number >= g_world->clients.size() || !g_world->clients[number]->Scans()) {
@@ -402,7 +408,8 @@ void Client::Writes(std::span<const uint8_t> bytes) {
     g_world->Never(answered, name, " gets something after its reply");
     text.append(bytes.begin(), bytes.end());
     answered = text.find('\0') != std::string::npos;
-    g_world->Never(!answered && !finishes && !left && net.now < ended + 15s * text.size(), name,
+    const size_t early = finishes ? std::min<size_t>(text.size(), 2) : 0;
+    g_world->Never(!answered && !left && net.now < ended + 3s * early + 15s * (text.size() - early), name,
                    " gets a byte too early");
     if (answered) {
         answered_at = net.now;

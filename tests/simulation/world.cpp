@@ -75,6 +75,7 @@ LinePtr World::Connect(const std::string& where) {
     Never(!is_there && server.IsWell() && server.verdict_at > server.fault_at + kLateProbe,
           "the bridge forgets the good address of ", server.name);
     server.busy_at = net.now;
+    ++attempts;
     const auto line = std::make_shared<ServerLine>(is_there ? &server : nullptr);
     if (is_there) {
         line->rate = server.rate;

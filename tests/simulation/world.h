@@ -160,7 +160,7 @@ struct World {
     void Logs(const std::string& message);
     void Replies(Client& client);
     void Closes(Client& client);
-    void Loses(Client& client, const std::string& reason);
+    void GivesUp(const Client& client);
     void LookAtServers();
     void LookAt(Client& client);
     void CheckTheEnd();
@@ -178,7 +178,7 @@ struct World {
     std::vector<std::shared_ptr<Client>> clients, let_in;  // all, and those not closed
     std::deque<std::shared_ptr<Client>> arrivals;
     size_t reading = 0, crowd = 0;  // bytes of all scans under way, clients before this step
-    size_t refused = 0, repeated = 0;
+    double refused = 0, repeated = 0, attempts = 0, replies[3] = {};  // the last by their kinds
     std::optional<Time> down_since;
     Time lacked_at{};
     std::string broken;
