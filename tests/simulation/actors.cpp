@@ -1,6 +1,7 @@
 // What servers and clients do.
 #include <cstring>
 
+#include "base/byte_shift.h"
 #include "tests/simulation/world.h"
 
 namespace kesto::simulation {
@@ -13,15 +14,11 @@ constexpr const char* kFaultNames[] = {
     "becomes sick",         "becomes hasty", "becomes slow", "becomes busy", "begins to reset",
     "loses all connections"};
 
-// The data of all files: a part of one table, with the client's number before it, by which it is known again.
-constexpr size_t kTable = 65521;
-const std::array<std::array<uint8_t, 2 * kTable>, 2> kBytes = [] {
-    std::array<std::array<uint8_t, 2 * kTable>, 2> bytes;  // the second with the shift
+// The data of all files: parts of one table, with the client's number before it, by which it is known again.
+const std::array<uint8_t, 65521> kBytes = [] {
+    std::array<uint8_t, 65521> bytes;
     Dice dice(1);
-    for (size_t i = 0; i < kTable; ++i) {
-        bytes[0][i] = bytes[0][i + kTable] = static_cast<uint8_t>(dice.Below(256));
-        bytes[1][i] = bytes[1][i + kTable] = static_cast<uint8_t>(bytes[0][i] - 1);
-    }
+    std::ranges::generate(bytes, [&] { return static_cast<uint8_t>(dice.Below(256)); });
     return bytes;
 }();
 
@@ -105,21 +102,15 @@ bool Server::Serves(const ServerLine& line) const {
 }
 
 void ServerLine::Begins() {
-    net.After(delay, [self = shared_from_this(), this] {
-        if (server != nullptr) {
-            Accept();
-        } else if (net.dice.OneIn(2)) {
-            Connected(asio::error::connection_refused);
-        }
-    });
+    net.After(delay, [self = shared_from_this(), this] { Accept(); });
 }
 
 void ServerLine::Accept() {
-    if (accepted || !IsOpen() || server->fault == Fault::kFrozen) {
+    if (accepted || !IsOpen() || (is_there ? server->fault == Fault::kFrozen : net.dice.OneIn(2))) {
         return;
     }
-    accepted = true;
-    Connected(server->fault == Fault::kDead ? asio::error::connection_refused : asio::error_code());
+    accepted = is_there && server->fault != Fault::kDead;
+    Connected(accepted ? asio::error_code() : asio::error::connection_refused);
     if (server->fault == Fault::kResets) {
         net.After(net.dice.Time(1us, 300ms), [self = shared_from_this()] { self->Reset(); });
     }
@@ -134,10 +125,6 @@ void ServerLine::Resume() {
     if (delivered >= size && !std::exchange(answers, true)) {
         Answer();
     }
-}
-
-void ServerLine::Content(uint64_t at, std::span<uint8_t> to) {
-    std::memcpy(to.data(), reply.data() + at, to.size());
 }
 
 void ServerLine::WasRead() {
@@ -195,24 +182,17 @@ void ServerLine::Gives(std::span<const uint8_t> bytes) {
     }
 }
 
+// Some reply before all has come.
 void ServerLine::Took() {
-    const bool early = client != nullptr && delivered < size;
-    const bool found = early && delivered > size / 2 && client->kind == Kind::kInfected &&
-                       client->number % 4 == 0 && server->IsWell();
-    const bool hasty = early && server->fault == Fault::kHasty && delivered > 20;
-    const bool too_large = client != nullptr && delivered > server->largest;
-    if ((!found && !hasty && !too_large && delivered < size) || std::exchange(answers, true)) {
+    const bool finds = client != nullptr && client->kind == Kind::kInfected && client->number % 4 == 0;
+    const bool hurries = client != nullptr && server->fault == Fault::kHasty;
+    const uint64_t enough = std::min(hurries ? 20 : finds ? size / 2 : size, server->largest);
+    if (delivered <= std::min(enough, size - 1) || std::exchange(answers, true)) {
         return;
     }
-    if (found) {
-        Answer();
-    } else if (hasty || too_large) {
-        Say(std::string(hasty ? kCleanReply : kSizeLimitReply) + '\0');
-    } else {
-        Duration takes = net.dice.Time(100us, server->scan) * (server->fault == Fault::kSlow ? 20 : 1);
-        takes += client != nullptr && client->kind == Kind::kLong ? net.dice.Time(8s, 40s) : 0s;
-        net.After(takes, [self = shared_from_this(), this] { Answer(); });
-    }
+    Duration takes = net.dice.Time(100us, server->scan) * (server->fault == Fault::kSlow ? 20 : 1);
+    takes += client != nullptr && client->kind == Kind::kLong ? net.dice.Time(8s, 40s) : 0s;
+    net.After(delivered < size ? 0s : takes, [self = shared_from_this(), this] { Answer(); });
 }
 
 void ServerLine::Answer() {
@@ -220,7 +200,8 @@ void ServerLine::Answer() {
         answers = false;  // Resume will
         return;
     }
-    const Kind kind = client != nullptr ? client->kind : Kind::kClean;
+    const bool hurries = server->fault == Fault::kHasty && delivered < size;
+    const Kind kind = client != nullptr && !hurries ? client->kind : Kind::kClean;
     const bool spares_probes = server->number % 2 == 1 && client == nullptr;
     if (!head.starts_with(kScanCommand)) {
         Say(head.starts_with("zPING") ? "PONG\0"s : "Engine 1/27000/Fri Nov 20 09:12:31 2026\0"s);
@@ -234,9 +215,11 @@ void ServerLine::Answer() {
         });
         server->Begin(Fault::kDead);
     } else {
-        Say(kind == Kind::kInfected ? "stream: Evil." + std::to_string(client->number) + " FOUND\0"s
-            : kind == Kind::kErrs   ? "stream: cannot open ERROR\0"s
-                                    : std::string(kCleanReply) + '\0');
+        Say(std::string(delivered > server->largest ? kSizeLimitReply
+                        : kind == Kind::kErrs       ? "stream: cannot open ERROR"
+                        : kind == Kind::kInfected   ? client->found
+                                                    : kCleanReply) +
+            '\0');
     }
 }
 
@@ -308,8 +291,10 @@ void Client::Request(uint64_t at, std::span<uint8_t> to, bool shifted) const {
         } else if (data < 4) {
             to[0] = static_cast<uint8_t>((number >> (8 * data)) - shifted);
         } else {
-            size = std::min({to.size(), kTable, static_cast<size_t>(length + 4 - in_chunk)});
-            std::copy_n(&kBytes[shifted][(number * 977 + data) % kTable], size, to.data());
+            const size_t from = (number * 977 + data) % kBytes.size();
+            size = std::min({to.size(), kBytes.size() - from, static_cast<size_t>(length + 4 - in_chunk)});
+            std::copy_n(&kBytes[from], size, to.data());
+            shifted ? ShiftBytesDown(to.data(), size) : void();
         }
         to = to.subspan(size);
         at += size;

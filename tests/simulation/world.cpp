@@ -71,16 +71,13 @@ LinePtr World::Connect(const std::string& where) {
     const auto last = static_cast<size_t>(std::atoi(where.c_str() + where.rfind('.') + 1));
     Never(where.starts_with("127."), "the bridge connects to itself");
     Server& server = *servers.at(last / 16);
-    const bool is_there = last % 16 == server.place;
-    Never(!is_there && server.IsWell() && server.verdict_at > server.fault_at + kLateProbe,
+    const auto line = std::make_shared<ServerLine>(&server, last % 16 == server.place);
+    Never(!line->is_there && server.IsWell() && server.verdict_at > server.fault_at + kLateProbe,
           "the bridge forgets the good address of ", server.name);
+    line->rate = server.rate;
+    line->is_there ? server.lines.push_back(line) : void();
     server.busy_at = net.now;
     ++attempts;
-    const auto line = std::make_shared<ServerLine>(is_there ? &server : nullptr);
-    if (is_there) {
-        line->rate = server.rate;
-        server.lines.push_back(line);
-    }
     return line;
 }
 
@@ -138,12 +135,14 @@ void World::Step() {
 std::string World::Run() {
     bridge.settings = settings;
     bridge.metrics.started = net.now;
+    const auto run = [&](Time at_least, Time at_most) {
+        while (broken.empty() && (net.now < at_least || !arrivals.empty() || net.open + net.waking != 0)) {
+            Step();
+            Never(net.now > at_most, "some client never ends");
+        }
+    };
     const Time calm = net.now + lasts + kCalm;
-    while (broken.empty() && !bridge.io.stopped() &&
-           (net.now < calm || !let_in.empty() || !arrivals.empty())) {
-        Step();
-        Never(net.now > calm + kLongest, "some client never ends");
-    }
+    run(calm, calm + kLongest);
     if (!bridge.io.stopped()) {
         // When all servers have been well for long, each of them gets its part of the scans.
         const Time ready = net.now + 40s;
@@ -151,9 +150,7 @@ std::string World::Run() {
         for (size_t i = 0; i < 2 * list.size(); ++i) {
             clients.push_back(std::make_shared<Client>(clients.size(), 40s, true));
         }
-        while (broken.empty() && net.now < ready + 60s) {
-            Step();
-        }
+        run(ready + 60s, ready + kLongest);
         for (const auto& client : std::span(clients).subspan(first)) {
             Never(!client->WasTold(kCleanReply) || !client->answered, client->name,
                   " is not served by servers that are well");
@@ -166,10 +163,8 @@ std::string World::Run() {
         }
         Stop(bridge, net.now);
     }
-    for (const Time end = net.now + 150s; broken.empty() && net.open + net.waking != 0;) {
-        Step();
-        Never(net.now > end || !bridge.io.stopped(), "the bridge does not end although no client is left");
-    }
+    run(net.now, net.now + 150s);
+    Never(!bridge.io.stopped(), "the bridge does not end although no client is left");
     if (broken.empty()) {
         CheckTheEnd();
     }

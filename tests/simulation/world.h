@@ -51,7 +51,7 @@ inline constexpr std::string_view kProbe("zINSTREAM\0\0\0\0\5clean\0\0\0\0", 23)
 
 // A connection of the bridge's to a server.
 struct ServerLine final : Line {
-    explicit ServerLine(Server* server) : server(server) {}
+    ServerLine(Server* server, bool is_there) : server(server), is_there(is_there) {}
     void Accept();
     void Resume();
     bool Runs() const { return IsOpen() && !replied; }
@@ -61,7 +61,9 @@ struct ServerLine final : Line {
     bool Erred() const { return replied && !HasVerdict() && said != kSizeLimitReply; }
 
     void Begins() override;
-    void Content(uint64_t at, std::span<uint8_t> to) override;
+    void Content(uint64_t at, std::span<uint8_t> to) override {
+        reply.copy(reinterpret_cast<char*>(to.data()), to.size(), at);
+    }
     void WasRead() override;
     void Writes(std::span<const uint8_t> bytes) override;
     void Gives(std::span<const uint8_t> bytes) override;
@@ -71,7 +73,8 @@ struct ServerLine final : Line {
     void Answer();
     void Say(const std::string& text);
 
-    Server* const server;  // null: nobody is there
+    Server* const server;
+    const bool is_there;  // at the address
     const Time began = net.now;
     Client* client = nullptr;    // whose scan it is
     std::string head;            // the first bytes of the request
@@ -105,7 +108,7 @@ struct Client final : Line {
     void Closed(bool /*ends*/) override { left = true; }
 
     const size_t number;
-    const std::string name = "client " + std::to_string(number);
+    const std::string name = "client " + std::to_string(number), found = "stream: " + name + " FOUND";
     Kind kind = Kind::kClean;
     uint64_t file = 1000;  // bytes
     uint32_t chunk = 8192;
