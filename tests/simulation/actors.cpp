@@ -101,10 +101,6 @@ bool Server::Serves(const ServerLine& line) const {
            (fault != Fault::kBusy || (first != lines.end() && first->get() == &line));
 }
 
-void ServerLine::Begins() {
-    net.After(delay, [self = shared_from_this(), this] { Accept(); });
-}
-
 void ServerLine::Accept() {
     if (accepted || !IsOpen() || (is_there ? server->fault == Fault::kFrozen : net.dice.OneIn(2))) {
         return;
@@ -162,10 +158,7 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
     } else if (head.starts_with(kScanCommand) && size >= 18) {
         uint32_t number = 0;
         std::memcpy(&number, head.data() + 14, sizeof number);
-        if (number >= g_world->clients.size() || !g_world->clients[number]->Scans()) {
-            return g_world->Never(true, "bytes that nobody sent go to ", server->name);
-        }
-        client = g_world->clients[number].get();
+        client = g_world->clients.at(number).get();
         size = client->RequestSize();
         g_world->AttemptBegins(*client, *this);
         client->lines.push_back(std::static_pointer_cast<ServerLine>(shared_from_this()));

@@ -59,13 +59,12 @@ void World::Logs(const std::string& message) {
     Never(message.find("out of step") != std::string::npos && !lacks, "an exception: ", message);
     constexpr std::string_view kPeer = "10.9.0.1:";
     const size_t peer = message.find(kPeer);
-    Client* const client =
-        peer == std::string::npos
-            ? nullptr
-            : clients.at(std::strtoul(message.c_str() + peer + kPeer.size(), nullptr, 10)).get();
+    const size_t number =
+        peer == std::string::npos ? 0 : std::strtoul(&message[peer + kPeer.size()], nullptr, 10);
+    Client& client = *clients.at(number);
     for (const auto& server : servers) {
         if (message.starts_with("scan of ") && message.ends_with("upstream " + server->name)) {
-            Repeats(*client, *server);
+            Repeats(client, *server);
         } else if (message.starts_with("upstream " + server->name)) {
             server->told_at = net.now;
             Never(message.ends_with(" up") && !server->listed, server->name,
@@ -74,7 +73,7 @@ void World::Logs(const std::string& message) {
     }
     refused += message.starts_with("refused ");
     if (message.starts_with("refused ") || message.starts_with("no reply to ")) {
-        client->end = message.substr(message.find(" - ") + 3);
+        client.end = message.substr(message.find(" - ") + 3);
     }
 }
 

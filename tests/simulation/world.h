@@ -52,7 +52,6 @@ inline constexpr std::string_view kProbe("zINSTREAM\0\0\0\0\5clean\0\0\0\0", 23)
 // A connection of the bridge's to a server.
 struct ServerLine final : Line {
     ServerLine(Server* server, bool is_there) : server(server), is_there(is_there) {}
-    void Accept();
     void Resume();
     bool Runs() const { return IsOpen() && !replied; }
     bool IsProbe() const { return head == kProbe; }
@@ -60,7 +59,7 @@ struct ServerLine final : Line {
     bool HasVerdict() const { return replied && ReadScanAnswer(said) != ScanAnswer::kNoVerdict; }
     bool Erred() const { return replied && !HasVerdict() && said != kSizeLimitReply; }
 
-    void Begins() override;
+    void Accept() override;
     void Content(uint64_t at, std::span<uint8_t> to) override {
         reply.copy(reinterpret_cast<char*>(to.data()), to.size(), at);
     }
