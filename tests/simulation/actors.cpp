@@ -287,7 +287,7 @@ void Client::Request(uint64_t at, std::span<uint8_t> to, bool shifted) const {
             const size_t from = (number * 977 + data) % kBytes.size();
             size = std::min({to.size(), kBytes.size() - from, static_cast<size_t>(length + 4 - in_chunk)});
             std::copy_n(&kBytes[from], size, to.data());
-            shifted ? ShiftBytesDown(to.data(), size) : void();
+            shifted ? ShiftBytes(to.data(), size, -1) : void();
         }
         to = to.subspan(size);
         at += size;

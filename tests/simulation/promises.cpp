@@ -221,7 +221,7 @@ void World::LookAt(Client& client) {
     if (crowded && client.lines.empty()) {
         client.due = client.told = now;  // it may wait for a place
     }
-    const Time idle_since = bridge.stopping ? bridge.stopped_at : std::max(client.heard, client.due);
+    const Time idle_since = bridge.stopping.value_or(std::max(client.heard, client.due));
     Never(client.ended == Time{} && client.reading && now > idle_since + seconds(settings.idle), client.name,
           " has been silent for long, or the bridge is to end, and it is not closed");
     if (client.ended == Time{} || !client.Scans() || client.file == 0) {
