@@ -65,7 +65,7 @@ void Server::Begin(Fault next) {
     for (const auto& line : lines) {
         next == Fault::kDead ? line->Reset() : next == Fault::kForgets ? line->Forget() : void();
     }
-    if (named && next == Fault::kDead && g_world->net.dice.OneIn(4)) {
+    if (named && next == Fault::kDead && !g_world->calm && g_world->net.dice.OneIn(4)) {
         place = place % 4 + 1;  // where it comes back
         Know(false);
     }
@@ -317,9 +317,10 @@ bool Client::HasAsked(const Server& server) const {
     });
 }
 
-// As far as the bridge may know. Attempts may have broken before they were noticed here.
+// As far as the bridge may know. Attempts may have broken before they were noticed here, the first one with
+// any server.
 bool Client::MayHave(const Server& server) const {
-    const bool tried = asked.find(server.name) != std::string::npos;
+    const bool tried = lines.size() <= repeats || asked.find(server.name) != std::string::npos;
     return server.up && !HasAsked(server) && !IsSqueezed() && !IsUsedUp(tried) && !(tried && repeats >= 4);
 }
 
@@ -335,7 +336,7 @@ void Client::Arrive() {
     g_world->arrivals.push_back(std::static_pointer_cast<Client>(shared_from_this()));
     net.Wake([](auto...) {}, {}, 0);
     heard = net.now;
-    Step();
+    net.After(pauses_at == 0 ? pause : 0s, [this] { Step(); });
 }
 
 void Client::Leave(const char* how, bool resets) {
@@ -350,20 +351,17 @@ void Client::Step() {
     const uint64_t all = RequestSize(), until = arrived < pauses_at ? std::min(pauses_at, all) : all;
     const auto piece = static_cast<uint64_t>(std::clamp(speed / 5, 1.0, 65536.0));
     const uint64_t part = std::min({until - arrived, piece, kSystemHolds - (arrived - read)});
-    if (steps || left || !IsOpen() || (part == 0 && arrived != until) || arrived == all) {
+    if (left || !IsOpen()) {
         return;
     }
     Arrives(part);
     if (arrived == all) {
         return finishes ? Ends() : void();
     }
-    steps = true;
     const auto takes = std::chrono::duration<double>(static_cast<double>(part) / speed);
-    net.After(std::chrono::duration_cast<Duration>(takes) + 1us + (arrived == pauses_at ? pause : 0s),
-              [this] {
-                  steps = false;
-                  Step();
-              });
+    net.After(std::chrono::duration_cast<Duration>(takes) + (part == 0 ? 50ms : 1us) +
+                  (arrived == pauses_at ? pause : 0s),
+              [this] { Step(); });
 }
 
 void Client::Content(uint64_t at, std::span<uint8_t> to) {
@@ -379,7 +377,6 @@ void Client::WasRead() {
     if (read == RequestSize()) {
         ended = due = told = alone_since = net.now;
     }
-    net.After(0s, [this] { Step(); });
 }
 
 void Client::Writes(std::span<const uint8_t> bytes) {

@@ -153,7 +153,7 @@ void World::GivesUp(const Client& client) {
         {"the bridge ends", bridge.stopping && (!all_came || client.lines.empty()), false},
         {"sent a chunk", client.kind == Kind::kTooLong, false},
         {"sent an unknown", client.kind == Kind::kNoise, false},
-        {"sent no command", silent && !began && client.read != client.words.size(), false},
+        {"sent no command", silent && !began && client.read != client.RequestSize(), false},
         {"sent nothing", silent && began, false},
         {"too slow", crowd > settings.clients && slow, false},
         {"no upstream server answered", none_well, false},

@@ -55,6 +55,7 @@ World::World(uint64_t seed, bool the_tells) : tells(the_tells), net(seed) {
     }
     net.After(lasts, [this] {
         Tell("all are well from now on");
+        calm = true;
         for (const auto& server : servers) {
             server->Begin(Fault::kNone);
         }
@@ -111,9 +112,8 @@ void World::Step() {
         if (bridge.stopping) {
             arrivals.clear();
         } else if (!arrivals.empty() && bridge.clients.size() < size_t{2} * settings.clients) {
-            const std::shared_ptr<Client> client = arrivals.front();
-            arrivals.pop_front();
-            let_in.push_back(client);
+            const std::shared_ptr<Client> client = let_in.emplace_back(arrivals.front());
+            arrivals.erase(arrivals.begin());
             client->heard = net.now;
             const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}),
                                                static_cast<uint16_t>(client->number));
@@ -141,8 +141,7 @@ std::string World::Run() {
             Never(net.now > at_most, "some client never ends");
         }
     };
-    const Time calm = net.now + lasts + kCalm;
-    run(calm, calm + kLongest);
+    run(net.now + lasts + kCalm, net.now + lasts + kCalm + kLongest);
     if (!bridge.io.stopped()) {
         // When all servers have been well for long, each of them gets its part of the scans.
         const Time ready = net.now + 40s;
@@ -210,7 +209,7 @@ int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress
     World& world = *g_world;
     Dice& dice = world.net.dice;
     Server& server = *world.servers.at(static_cast<size_t>(std::atoi(name.c_str() + 1)));
-    if (world.lookups_fail && dice.OneIn(2) && world.net.now < Time(24h) + world.lasts) {
+    if (world.lookups_fail && dice.OneIn(2) && !world.calm) {
         return 11001;
     }
     server.Know(true);

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <asio/ip/tcp.hpp>
-#include <deque>
 #include <iostream>
 #include <sstream>
 
@@ -14,7 +13,6 @@ namespace kesto::simulation {
 
 struct Client;
 struct ServerLine;
-struct World;
 
 // Beside being well: it has died; nothing reaches it, nor does it do anything; connections are accepted, but
 // nothing is read; it takes all and replies nothing; it replies errors, or without an end; it calls
@@ -116,7 +114,6 @@ struct Client final : Line {
     Duration pause{};
     bool finishes = false;   // closes its side after its request
     std::string_view words;  // all it says, if that is no scan
-    bool steps = false;
 
     std::vector<std::shared_ptr<ServerLine>> lines;  // of its scan
     bool squeezed = false, lacked = false;  // there may have been no room for its stream, or no memory
@@ -171,14 +168,13 @@ struct World {
     Network net;
     Duration lasts;  // then all are well
     BridgeSettings settings;
-    bool lookups_fail, lacks;  // the latter: memory
+    bool lookups_fail, lacks, calm = false;  // the latter: memory; all are well from now on
     uint64_t largest;
     bridge::Bridge bridge;
     bridge::Loop loop{bridge};
     std::vector<std::unique_ptr<Server>> servers;
     std::vector<Server*> list;
-    std::vector<std::shared_ptr<Client>> clients, let_in;  // all, and those not closed
-    std::deque<std::shared_ptr<Client>> arrivals;
+    std::vector<std::shared_ptr<Client>> clients, arrivals, let_in;  // all, those that wait, those not closed
     size_t reading = 0, crowd = 0;  // bytes of all scans under way, clients before this step
     double refused = 0, repeated = 0, attempts = 0, replies[3] = {};  // the last by their kinds
     std::optional<Time> down_since;
