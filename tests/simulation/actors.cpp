@@ -131,7 +131,7 @@ void ServerLine::WasRead() {
     said = reply.substr(0, nul);
     replied = ReadScanAnswer(said) != ScanAnswer::kClean || IsWhole();  // one too early is none
     replied_at = net.now;
-    if (HasVerdict() && began >= server->listed_at) {
+    if (HasVerdict() && IsCurrent()) {
         server->verdict_at = net.now;
         server->failed = IsProbe() ? server->failed : 0;
     } else if (Erred()) {
@@ -151,7 +151,7 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
     server->versions += head.starts_with("zVERSION");
     if (IsProbe()) {
         const auto probes = [](const auto& line) {
-            return line->IsProbe() && line->Runs() && line->began > line->server->listed_at;
+            return line->IsProbe() && line->Runs() && line->IsCurrent();
         };
         g_world->Never(std::ranges::count_if(server->lines, probes) > 1, server->name,
                        " gets two probes at a time");

@@ -23,7 +23,7 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
         const Time began = other->began - (other->server->named ? kConnecting : 0s);
         Never(other->Runs() && (client.ended == Time{} || line.began < std::max(client.ended, began) + kLate),
               "a second server gets the scan of ", client.name, " too early");
-        tried |= other->server == &server && other->began >= server.listed_at;
+        tried |= other->server == &server && other->IsCurrent();
     }
     Never(client.IsUsedUp(tried), "too many servers get the scan of ", client.name);
     client.asked += server.name;
@@ -33,7 +33,7 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
 // A further server is chosen for its scan.
 void World::Repeats(Client& client, const Server& server) {
     const auto runs = [](const auto& line) {
-        return line->client != nullptr && line->Runs() && line->began > line->server->listed_at;
+        return line->client != nullptr && line->Runs() && line->IsCurrent();
     };
     const bool beside = std::ranges::any_of(client.lines, [&](const auto& line) {
         const Server& its = *line->server;
@@ -91,7 +91,8 @@ void World::Replies(Client& client) {
     const bool verdict = answer != ScanAnswer::kNoVerdict;
     ++replies[static_cast<size_t>(answer)];
     for (const auto& line : client.lines) {
-        line->server->failed += verdict && line->Erred() && line->replied_at > line->server->verdict_at;
+        line->server->failed +=
+            verdict && line->Erred() && line->IsCurrent() && line->replied_at > line->server->verdict_at;
     }
     constexpr std::string_view kBefore = "no verdict: ";
     const bool marked = reply.starts_with(kBefore) && client.WasTold(reply.substr(kBefore.size()));

@@ -53,7 +53,8 @@ struct ServerLine final : Line {
     void Resume();
     bool Runs() const { return IsOpen() && !replied; }
     bool IsProbe() const { return head == kProbe; }
-    bool IsWhole() const { return given == size; }  // all of the scan was given to the system
+    bool IsCurrent() const { return began >= server->listed_at; }  // which may be the second time
+    bool IsWhole() const { return given == size; }                 // all of the scan was given to the system
     bool HasVerdict() const { return replied && ReadScanAnswer(said) != ScanAnswer::kNoVerdict; }
     bool Erred() const { return replied && !HasVerdict() && said != kSizeLimitReply; }
 
