@@ -312,7 +312,7 @@ bool Client::IsSqueezed() const {
 // Since the bridge took it for up last. For some servers a file is too large for ever.
 bool Client::HasAsked(const Server& server) const {
     return std::ranges::any_of(lines, [&](const auto& line) {
-        const bool still = line->replied_at >= server.up_since || line->said == kSizeLimitReply;
+        const bool still = line->replied_at >= server.turned_at || line->said == kSizeLimitReply;
         return line->server == &server && (line->Runs() || (line->replied && still));
     });
 }

@@ -37,7 +37,7 @@ void World::Repeats(Client& client, const Server& server) {
     };
     const bool beside = std::ranges::any_of(client.lines, [&](const auto& line) {
         const Server& its = *line->server;
-        return runs(line) && its.up && its.told_at != net.now && line->began > its.up_since && !its.has_dead;
+        return runs(line) && its.up && its.told_at != net.now && line->began > its.turned_at && !its.has_dead;
     });
     if (beside && client.beside_at == Time{} && std::ranges::any_of(server.lines, runs)) {
         client.beside_at = net.now;
@@ -184,14 +184,13 @@ void World::LookAtServers() {
         const bool was_up = std::exchange(server.up, IsUp(*bridge.fleet.servers.at(i)));
         any_up |= server.up;
         if (server.up != was_up) {
-            (server.up ? server.up_since : server.down_at) = net.now;
+            server.turned_at = net.now;
             server.failed = 0;
         }
-        const bool falls = was_up && !server.up && !lacks && server.erred_at != net.now;
-        Never(falls && server.IsWell() && server.fault_at <= server.verdict_at, server.name,
-              " is well, has given a verdict since it was, and is called down");
-        Never(falls && server.fault == Fault::kBusy && net.now < server.verdict_at + 4s, server.name,
-              " is busy, gives verdicts, and is called down");
+        const bool works = server.IsWell() ? server.fault_at <= server.verdict_at
+                                           : server.fault == Fault::kBusy && net.now < server.verdict_at + 4s;
+        Never(works && was_up && !server.up && !lacks && server.erred_at != net.now, server.name,
+              " gives verdicts, and is called down");
         Never(!server.known && !server.up && net.now > server.listed_at + 5900ms &&
                   server.told_at < server.listed_at && !lacks,
               server.name, " is not known, and nobody is told");
@@ -236,11 +235,11 @@ void World::LookAt(Client& client) {
     for (const auto& line : client.lines) {
         runs |= line->Runs();
         late &= !line->Runs() || now > std::max(client.due, line->began) + kLate + 2 * kTick;
-        forsaken &= !line->Runs() || (!line->server->up && now > line->server->down_at + 2 * kTick);
+        forsaken &= !line->Runs() || (!line->server->up && now > line->server->turned_at + 2 * kTick);
     }
     client.alone_since = runs || crowded ? now : std::max(client.alone_since, client.repeated_at);
     for (const Server* server : list) {
-        const Time since = std::max({server->fault_at, server->up_since, server->listed_at}) + kConnecting;
+        const Time since = std::max({server->fault_at, server->turned_at, server->listed_at}) + kConnecting;
         if (!server->IsWell() || !client.MayHave(*server) || now < since) {
             continue;
         }

@@ -38,10 +38,10 @@ struct Server {
     size_t place = 1;  // of its address
     Fault fault = Fault::kNone;
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
-    Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{}, told_at{};
-    Time verdict_at{}, erred_at{}, scan_at{};  // read, read, written by the bridge
-    size_t versions = 0;                       // so many times it was asked for its version
-    unsigned failed = 0;                       // scans in a row, by errors where another one gave a verdict
+    Time fault_at{}, listed_at{}, turned_at{}, busy_at{}, told_at{};  // the third: came up, or went down
+    Time verdict_at{}, erred_at{}, scan_at{};                         // read, read, written by the bridge
+    size_t versions = 0;  // so many times it was asked for its version
+    unsigned failed = 0;  // scans in a row, by errors where another one gave a verdict
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
 
