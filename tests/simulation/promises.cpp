@@ -69,6 +69,11 @@ void World::Logs(const std::string& message) {
             server->told_at = net.now;
             Never(message.ends_with(" up") && !server->listed, server->name,
                   " is called up, but not in the list");
+            const size_t again = message.find("again in ");
+            const int pause = again == std::string::npos ? 0 : std::atoi(&message[again + 9]);
+            Never(!lacks && pause > 1 << std::min(server->pauses, 5), server->name,
+                  " is tried again too late");
+            server->pauses += pause != 0;
         }
     }
     refused += message.starts_with("refused ");
@@ -188,7 +193,8 @@ void World::LookAtServers() {
             server.failed = 0;
         }
         const bool works = server.IsWell() ? server.fault_at <= server.verdict_at
-                                           : server.fault == Fault::kBusy && net.now < server.verdict_at + 4s;
+                                           : server.known && server.fault == Fault::kBusy &&
+                                                 net.now < server.verdict_at + 4s;
         Never(works && was_up && !server.up && !lacks && server.erred_at != net.now, server.name,
               " gives verdicts, and is called down");
         Never(!server.known && !server.up && net.now > server.listed_at + 5900ms &&
@@ -238,6 +244,9 @@ void World::LookAt(Client& client) {
         forsaken &= !line->Runs() || (!line->server->up && now > line->server->turned_at + 2 * kTick);
     }
     client.alone_since = runs || crowded ? now : std::max(client.alone_since, client.repeated_at);
+    Never(down_since &&
+              now > std::max(*down_since + seconds(settings.wait), client.alone_since + kConnecting) + 6s,
+          client.name, " waits for a server for too long");
     for (const Server* server : list) {
         const Time since = std::max({server->fault_at, server->turned_at, server->listed_at}) + kConnecting;
         if (!server->IsWell() || !client.MayHave(*server) || now < since) {

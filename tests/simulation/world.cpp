@@ -144,10 +144,10 @@ std::string World::Run() {
     run(net.now + lasts + kCalm, net.now + lasts + kCalm + kLongest);
     if (!bridge.io.stopped()) {
         // When all servers have been well for long, each of them gets its part of the scans.
-        const Time ready = net.now + 40s;
+        const Time ready = net.now + 60s;
         const size_t first = clients.size();
         for (size_t i = 0; i < 2 * list.size(); ++i) {
-            clients.push_back(std::make_shared<Client>(clients.size(), 40s, true));
+            clients.push_back(std::make_shared<Client>(clients.size(), 60s, true));
         }
         run(ready + 60s, ready + kLongest);
         for (const auto& client : std::span(clients).subspan(first)) {
@@ -157,7 +157,7 @@ std::string World::Run() {
         for (const Server* server : list) {
             Never(server->scan_at < ready, server->name, " gets no scan although it is well");
             const bool misses = server->versions == 0 && server->fault_at < server->listed_at && !lacks;
-            Never(misses || server->versions > clients.size() + 60, server->name,
+            Never(misses || server->versions > std::ssize(clients) + 60, server->name,
                   " is asked for its version ", server->versions, " times");
         }
         Stop(bridge, net.now);
@@ -213,6 +213,7 @@ int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress
         return 11001;
     }
     server.Know(true);
+    world.Never(++server.lookups > 60 + (world.net.now - Time(24h)) / 1s, name, " is looked up too often");
     const auto add = [&, end = ":" + std::to_string(port)](bool is_found, const std::string& host) {
         addresses.insert(addresses.end(), is_found, *ParseServerAddress(host + end));
     };

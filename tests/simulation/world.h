@@ -40,8 +40,9 @@ struct Server {
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
     Time fault_at{}, listed_at{}, turned_at{}, busy_at{}, told_at{};  // the third: came up, or went down
     Time verdict_at{}, erred_at{}, scan_at{};                         // read, read, written by the bridge
-    size_t versions = 0;  // so many times it was asked for its version
-    unsigned failed = 0;  // scans in a row, by errors where another one gave a verdict
+    int lookups = 0, versions = 0;  // so many times its name was looked up, its version asked for
+    int pauses = 0;                 // so many times it was called down with a pause
+    unsigned failed = 0;            // scans in a row, by errors where another one gave a verdict
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
 
