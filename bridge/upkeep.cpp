@@ -82,6 +82,7 @@ bool Upkeep::IsOver(const Errand& errand, Time now) {
         }
     } catch (const std::exception&) {
         LogException();
+        errand.attempt->Cancel();
         if (errand.is_probe) {
             CallProbeOff(server);
         }
@@ -109,7 +110,6 @@ void Upkeep::Tick(Time now) {
             reason = "its name is the bridge's own";
         }
         at = lookups_.erase(at);
-        bridge_.news = true;
         NoteAddresses(bridge_.fleet, *lookup->server, std::move(lookup->addresses), reason, now);
     }
     for (const ServerPtr& server : bridge_.fleet.servers) {

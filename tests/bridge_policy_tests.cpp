@@ -56,6 +56,8 @@ TEST(BridgeFleet, AServerIsDownAfterThreeFailuresInARowAndSuspectedAloneForSilen
     EXPECT_TRUE(ProbeIsDue(fleet, server, kStart));
     EXPECT_FALSE(ProbeIsDue(fleet, *fleet.servers.back(), kStart));
     EXPECT_TRUE(fails());
+    NoteProbe(fleet, server, EndOfReply("stream: OK"), kStart);
+    EXPECT_FALSE(fails() || fails());
 }
 
 TEST(BridgeMetrics, TellWhatIsCounted) {

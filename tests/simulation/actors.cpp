@@ -1,6 +1,7 @@
 // What servers and clients do.
 #include <cstring>
 
+#include "base/byte_shift.h"
 #include "tests/simulation/world.h"
 
 namespace kesto::simulation {
@@ -13,15 +14,11 @@ constexpr const char* kFaultNames[] = {
     "becomes sick",         "becomes hasty", "becomes slow", "becomes busy", "begins to reset",
     "loses all connections"};
 
-// The data of all files: a part of one table, with the client's number before it, by which it is known again.
-constexpr size_t kTable = 65521;
-const std::array<std::array<uint8_t, 2 * kTable>, 2> kBytes = [] {
-    std::array<std::array<uint8_t, 2 * kTable>, 2> bytes;  // the second with the shift
+// The data of all files: parts of one table, with the client's number before it, by which it is known again.
+const std::array<uint8_t, 65521> kBytes = [] {
+    std::array<uint8_t, 65521> bytes;
     Dice dice(1);
-    for (size_t i = 0; i < kTable; ++i) {
-        bytes[0][i] = bytes[0][i + kTable] = static_cast<uint8_t>(dice.Below(256));
-        bytes[1][i] = bytes[1][i + kTable] = static_cast<uint8_t>(bytes[0][i] - 1);
-    }
+    std::ranges::generate(bytes, [&] { return static_cast<uint8_t>(dice.Below(256)); });
     return bytes;
 }();
 
@@ -68,7 +65,7 @@ void Server::Begin(Fault next) {
     for (const auto& line : lines) {
         next == Fault::kDead ? line->Reset() : next == Fault::kForgets ? line->Forget() : void();
     }
-    if (named && next == Fault::kDead && g_world->net.dice.OneIn(4)) {
+    if (named && next == Fault::kDead && !g_world->calm && g_world->net.dice.OneIn(4)) {
         place = place % 4 + 1;  // where it comes back
         Know(false);
     }
@@ -104,22 +101,12 @@ bool Server::Serves(const ServerLine& line) const {
            (fault != Fault::kBusy || (first != lines.end() && first->get() == &line));
 }
 
-void ServerLine::Begins() {
-    net.After(delay, [self = shared_from_this(), this] {
-        if (server != nullptr) {
-            Accept();
-        } else if (net.dice.OneIn(2)) {
-            Connected(asio::error::connection_refused);
-        }
-    });
-}
-
 void ServerLine::Accept() {
-    if (accepted || !IsOpen() || server->fault == Fault::kFrozen) {
+    if (accepted || !IsOpen() || (is_there ? server->fault == Fault::kFrozen : net.dice.OneIn(2))) {
         return;
     }
-    accepted = true;
-    Connected(server->fault == Fault::kDead ? asio::error::connection_refused : asio::error_code());
+    accepted = is_there && server->fault != Fault::kDead;
+    Connected(accepted ? asio::error_code() : asio::error::connection_refused);
     if (server->fault == Fault::kResets) {
         net.After(net.dice.Time(1us, 300ms), [self = shared_from_this()] { self->Reset(); });
     }
@@ -136,10 +123,6 @@ void ServerLine::Resume() {
     }
 }
 
-void ServerLine::Content(uint64_t at, std::span<uint8_t> to) {
-    std::memcpy(to.data(), reply.data() + at, to.size());
-}
-
 void ServerLine::WasRead() {
     const size_t nul = reply.find('\0');
     if (replied || nul == std::string::npos || read <= nul || !head.starts_with(kScanCommand)) {
@@ -148,10 +131,10 @@ void ServerLine::WasRead() {
     said = reply.substr(0, nul);
     replied = ReadScanAnswer(said) != ScanAnswer::kClean || IsWhole();  // one too early is none
     replied_at = net.now;
-    if (HasVerdict()) {
+    if (HasVerdict() && IsCurrent()) {
         server->verdict_at = net.now;
         server->failed = IsProbe() ? server->failed : 0;
-    } else if (replied) {
+    } else if (Erred()) {
         server->erred_at = net.now;
     }
     g_world->Tell("the bridge reads \"", said, "\" of ", server->name);
@@ -166,13 +149,16 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
     head.assign(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(std::min<size_t>(bytes.size(), 32)));
     size = head.size();  // of a question, or an empty file
     server->versions += head.starts_with("zVERSION");
-    if (head.starts_with(kScanCommand) && !IsProbe() && size >= 18) {
+    if (IsProbe()) {
+        const auto probes = [](const auto& line) {
+            return line->IsProbe() && line->Runs() && line->IsCurrent();
+        };
+        g_world->Never(std::ranges::count_if(server->lines, probes) > 1, server->name,
+                       " gets two probes at a time");
+    } else if (head.starts_with(kScanCommand) && size >= 18) {
         uint32_t number = 0;
         std::memcpy(&number, head.data() + 14, sizeof number);
-        if (number >= g_world->clients.size() || !g_world->clients[number]->Scans()) {
-            return g_world->Never(true, "bytes that nobody sent go to ", server->name);
-        }
-        client = g_world->clients[number].get();
+        client = g_world->clients.at(number).get();
         size = client->RequestSize();
         g_world->AttemptBegins(*client, *this);
         client->lines.push_back(std::static_pointer_cast<ServerLine>(shared_from_this()));
@@ -189,24 +175,17 @@ void ServerLine::Gives(std::span<const uint8_t> bytes) {
     }
 }
 
+// Some reply before all has come.
 void ServerLine::Took() {
-    const bool early = client != nullptr && delivered < size;
-    const bool found = early && delivered > size / 2 && client->kind == Kind::kInfected &&
-                       client->number % 4 == 0 && server->IsWell();
-    const bool hasty = early && server->fault == Fault::kHasty && delivered > 20;
-    const bool too_large = client != nullptr && delivered > server->largest;
-    if ((!found && !hasty && !too_large && delivered < size) || std::exchange(answers, true)) {
+    const bool finds = client != nullptr && client->kind == Kind::kInfected && client->number % 4 == 0;
+    const bool hurries = client != nullptr && server->fault == Fault::kHasty;
+    const uint64_t enough = std::min(hurries ? 20 : finds ? size / 2 : size, server->largest);
+    if (delivered <= std::min(enough, size - 1) || std::exchange(answers, true)) {
         return;
     }
-    if (found) {
-        Answer();
-    } else if (hasty || too_large) {
-        Say(std::string(hasty ? kCleanReply : kSizeLimitReply) + '\0');
-    } else {
-        Duration takes = net.dice.Time(100us, server->scan) * (server->fault == Fault::kSlow ? 20 : 1);
-        takes += client != nullptr && client->kind == Kind::kLong ? net.dice.Time(8s, 40s) : 0s;
-        net.After(takes, [self = shared_from_this(), this] { Answer(); });
-    }
+    Duration takes = net.dice.Time(100us, server->scan) * (server->fault == Fault::kSlow ? 20 : 1);
+    takes += client != nullptr && client->kind == Kind::kLong ? net.dice.Time(8s, 40s) : 0s;
+    net.After(delivered < size ? 0s : takes, [self = shared_from_this(), this] { Answer(); });
 }
 
 void ServerLine::Answer() {
@@ -214,7 +193,8 @@ void ServerLine::Answer() {
         answers = false;  // Resume will
         return;
     }
-    const Kind kind = client != nullptr ? client->kind : Kind::kClean;
+    const bool hurries = server->fault == Fault::kHasty && delivered < size;
+    const Kind kind = client != nullptr && !hurries ? client->kind : Kind::kClean;
     const bool spares_probes = server->number % 2 == 1 && client == nullptr;
     if (!head.starts_with(kScanCommand)) {
         Say(head.starts_with("zPING") ? "PONG\0"s : "Engine 1/27000/Fri Nov 20 09:12:31 2026\0"s);
@@ -228,9 +208,11 @@ void ServerLine::Answer() {
         });
         server->Begin(Fault::kDead);
     } else {
-        Say(kind == Kind::kInfected ? "stream: Evil." + std::to_string(client->number) + " FOUND\0"s
-            : kind == Kind::kErrs   ? "stream: cannot open ERROR\0"s
-                                    : std::string(kCleanReply) + '\0');
+        Say(std::string(delivered > server->largest ? kSizeLimitReply
+                        : kind == Kind::kErrs       ? "stream: cannot open ERROR"
+                        : kind == Kind::kInfected   ? client->found
+                                                    : kCleanReply) +
+            '\0');
     }
 }
 
@@ -302,8 +284,10 @@ void Client::Request(uint64_t at, std::span<uint8_t> to, bool shifted) const {
         } else if (data < 4) {
             to[0] = static_cast<uint8_t>((number >> (8 * data)) - shifted);
         } else {
-            size = std::min({to.size(), kTable, static_cast<size_t>(length + 4 - in_chunk)});
-            std::copy_n(&kBytes[shifted][(number * 977 + data) % kTable], size, to.data());
+            const size_t from = (number * 977 + data) % kBytes.size();
+            size = std::min({to.size(), kBytes.size() - from, static_cast<size_t>(length + 4 - in_chunk)});
+            std::copy_n(&kBytes[from], size, to.data());
+            shifted ? ShiftBytes(to.data(), size, -1) : void();
         }
         to = to.subspan(size);
         at += size;
@@ -328,14 +312,15 @@ bool Client::IsSqueezed() const {
 // Since the bridge took it for up last. For some servers a file is too large for ever.
 bool Client::HasAsked(const Server& server) const {
     return std::ranges::any_of(lines, [&](const auto& line) {
-        const bool still = line->replied_at >= server.up_since || line->said == kSizeLimitReply;
+        const bool still = line->replied_at >= server.turned_at || line->said == kSizeLimitReply;
         return line->server == &server && (line->Runs() || (line->replied && still));
     });
 }
 
-// As far as the bridge may know. Attempts may have broken before they were noticed here.
+// As far as the bridge may know. Attempts may have broken before they were noticed here, the first one with
+// any server.
 bool Client::MayHave(const Server& server) const {
-    const bool tried = asked.find(server.name) != std::string::npos;
+    const bool tried = lines.size() <= repeats || asked.find(server.name) != std::string::npos;
     return server.up && !HasAsked(server) && !IsSqueezed() && !IsUsedUp(tried) && !(tried && repeats >= 4);
 }
 
@@ -351,7 +336,7 @@ void Client::Arrive() {
     g_world->arrivals.push_back(std::static_pointer_cast<Client>(shared_from_this()));
     net.Wake([](auto...) {}, {}, 0);
     heard = net.now;
-    Step();
+    net.After(pauses_at == 0 ? pause : 0s, [this] { Step(); });
 }
 
 void Client::Leave(const char* how, bool resets) {
@@ -366,20 +351,17 @@ void Client::Step() {
     const uint64_t all = RequestSize(), until = arrived < pauses_at ? std::min(pauses_at, all) : all;
     const auto piece = static_cast<uint64_t>(std::clamp(speed / 5, 1.0, 65536.0));
     const uint64_t part = std::min({until - arrived, piece, kSystemHolds - (arrived - read)});
-    if (steps || left || !IsOpen() || (part == 0 && arrived != until) || arrived == all) {
+    if (left || !IsOpen()) {
         return;
     }
     Arrives(part);
     if (arrived == all) {
         return finishes ? Ends() : void();
     }
-    steps = true;
     const auto takes = std::chrono::duration<double>(static_cast<double>(part) / speed);
-    net.After(std::chrono::duration_cast<Duration>(takes) + 1us + (arrived == pauses_at ? pause : 0s),
-              [this] {
-                  steps = false;
-                  Step();
-              });
+    net.After(std::chrono::duration_cast<Duration>(takes) + (part == 0 ? 50ms : 1us) +
+                  (arrived == pauses_at ? pause : 0s),
+              [this] { Step(); });
 }
 
 void Client::Content(uint64_t at, std::span<uint8_t> to) {
@@ -395,14 +377,14 @@ void Client::WasRead() {
     if (read == RequestSize()) {
         ended = due = told = alone_since = net.now;
     }
-    net.After(0s, [this] { Step(); });
 }
 
 void Client::Writes(std::span<const uint8_t> bytes) {
     g_world->Never(answered, name, " gets something after its reply");
     text.append(bytes.begin(), bytes.end());
     answered = text.find('\0') != std::string::npos;
-    g_world->Never(!answered && !finishes && !left && net.now < ended + 15s * text.size(), name,
+    const size_t early = finishes ? std::min<size_t>(text.size(), 2) : 0;
+    g_world->Never(!answered && !left && net.now < ended + 3s * early + 15s * (text.size() - early), name,
                    " gets a byte too early");
     if (answered) {
         answered_at = net.now;

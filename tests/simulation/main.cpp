@@ -50,19 +50,17 @@ extern "C" const char* __asan_default_options() {
 }
 
 int main(int count, char** words) {
-    uint64_t numbers[] = {1, 0, 1u << 30};  // the first seed, the last one, seconds
-    for (int i = 1; i < std::min(count, 4); ++i) {
-        numbers[i - 1] = std::strtoull(words[i], nullptr, 10);
-    }
-    const auto& [first, last, seconds] = numbers;
+    const auto number = [&](int at, uint64_t otherwise) {
+        return at < count ? std::strtoull(words[at], nullptr, 10) : otherwise;
+    };
+    const uint64_t first = number(1, 1), last = number(2, first), seconds = number(3, 1 << 30);
     g_program = words[0];
     for (const int signal : {SIGALRM, SIGABRT, SIGSEGV, SIGILL}) {
         std::signal(signal, Crashed);
     }
     const std::time_t end = std::time(nullptr) + static_cast<std::time_t>(seconds);
     uint64_t broken = 0;
-    for (g_seed = first; g_seed <= std::max(first, last) && broken < 5 && std::time(nullptr) < end;
-         ++g_seed) {
+    for (g_seed = first; g_seed <= last && broken < 5 && std::time(nullptr) < end; ++g_seed) {
         alarm(kLongest);
         g_memory = {};
         std::string promise = World(g_seed, count == 2).Run();

@@ -8,7 +8,6 @@ namespace {
 
 constexpr auto kTick = 300ms;  // the bridge looks at its time limits four times a second
 constexpr auto kKnowsAgain = 36s;
-constexpr auto kLongestStill = 16s;
 constexpr auto kLate = 10s;
 constexpr auto kConnecting = 8s;  // to all addresses of a server
 constexpr auto kLookedUp = 100s;  // a name, at the latest
@@ -24,7 +23,7 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
         const Time began = other->began - (other->server->named ? kConnecting : 0s);
         Never(other->Runs() && (client.ended == Time{} || line.began < std::max(client.ended, began) + kLate),
               "a second server gets the scan of ", client.name, " too early");
-        tried |= other->server == &server && other->began >= server.listed_at;
+        tried |= other->server == &server && other->IsCurrent();
     }
     Never(client.IsUsedUp(tried), "too many servers get the scan of ", client.name);
     client.asked += server.name;
@@ -34,11 +33,11 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
 // A further server is chosen for its scan.
 void World::Repeats(Client& client, const Server& server) {
     const auto runs = [](const auto& line) {
-        return line->client != nullptr && line->Runs() && line->began > line->server->listed_at;
+        return line->client != nullptr && line->Runs() && line->IsCurrent();
     };
     const bool beside = std::ranges::any_of(client.lines, [&](const auto& line) {
         const Server& its = *line->server;
-        return runs(line) && its.up && its.told_at != net.now && line->began > its.up_since && !its.has_dead;
+        return runs(line) && its.up && its.told_at != net.now && line->began > its.turned_at && !its.has_dead;
     });
     if (beside && client.beside_at == Time{} && std::ranges::any_of(server.lines, runs)) {
         client.beside_at = net.now;
@@ -56,28 +55,31 @@ void World::Repeats(Client& client, const Server& server) {
 
 void World::Logs(const std::string& message) {
     Tell("log: ", message);
+    Never(message.ends_with(" - "), "the log tells no reason");
+    Never(message.find("out of step") != std::string::npos && !lacks, "an exception: ", message);
     constexpr std::string_view kPeer = "10.9.0.1:";
     const size_t peer = message.find(kPeer);
-    Client* client = nullptr;
-    if (peer != std::string::npos) {
-        client = clients.at(std::strtoul(message.c_str() + peer + kPeer.size(), nullptr, 10)).get();
-    }
+    const size_t number =
+        peer == std::string::npos ? 0 : std::strtoul(&message[peer + kPeer.size()], nullptr, 10);
+    Client& client = *clients.at(number);
     for (const auto& server : servers) {
         if (message.starts_with("scan of ") && message.ends_with("upstream " + server->name)) {
-            Repeats(*client, *server);
+            Repeats(client, *server);
         } else if (message.starts_with("upstream " + server->name)) {
             server->told_at = net.now;
             Never(message.ends_with(" up") && !server->listed, server->name,
                   " is called up, but not in the list");
+            const size_t again = message.find("again in ");
+            const int pause = again == std::string::npos ? 0 : std::atoi(&message[again + 9]);
+            Never(!lacks && pause > 1 << std::min(server->pauses, 5), server->name,
+                  " is tried again too late");
+            server->pauses += pause != 0;
         }
     }
-    const bool refuses = message.starts_with("refused ");
-    refused += refuses;
-    if (refuses || message.starts_with("no reply to ")) {
-        client->end = message.substr(message.find(" - ") + 3);
+    refused += message.starts_with("refused ");
+    if (message.starts_with("refused ") || message.starts_with("no reply to ")) {
+        client.end = message.substr(message.find(" - ") + 3);
     }
-    Never(message.ends_with(" - "), "the log tells no reason");
-    Never(message.find("out of step") != std::string::npos && !lacks, "an exception: ", message);
 }
 
 // The client is given a whole reply.
@@ -90,9 +92,12 @@ void World::Replies(Client& client) {
         const auto question = static_cast<size_t>(client.kind) - static_cast<size_t>(Kind::kPing);
         return Never(!reply.starts_with(kReplies[question]), client.name, " gets no reply to its question");
     }
-    const bool verdict = ReadScanAnswer(reply) != ScanAnswer::kNoVerdict;
+    const ScanAnswer answer = ReadScanAnswer(reply);
+    const bool verdict = answer != ScanAnswer::kNoVerdict;
+    ++replies[static_cast<size_t>(answer)];
     for (const auto& line : client.lines) {
-        line->server->failed += verdict && line->Erred() && line->replied_at > line->server->verdict_at;
+        line->server->failed +=
+            verdict && line->Erred() && line->IsCurrent() && line->replied_at > line->server->verdict_at;
     }
     constexpr std::string_view kBefore = "no verdict: ";
     const bool marked = reply.starts_with(kBefore) && client.WasTold(reply.substr(kBefore.size()));
@@ -100,8 +105,8 @@ void World::Replies(Client& client) {
           " gets a reply that no server gave to all of it");
     Never(!verdict && reply.starts_with(kVerdictBeginning), client.name,
           " gets an error that looks like a verdict");
-    if (!verdict && net.now > client.ended + kTick) {  // otherwise it was lost before
-        Loses(client, "");
+    if (!verdict && net.now > client.ended + kTick) {  // otherwise it was given up before
+        GivesUp(client);
     }
 }
 
@@ -115,71 +120,65 @@ void World::Closes(Client& client) {
         return;
     }
     if (client.answered) {
-        Never(client.given != client.text.size(), client.name, " is closed before its reply has gone out");
-        return Never(!client.finishes && net.now < client.answered_at + 2s, client.name,
-                     " is closed before it had time to read its reply");
-    }
-    const bool silent =
-        net.now >= client.heard + std::chrono::seconds(settings.idle) && client.read == client.arrived;
-    const bool slow = client.speed < 1100 || (client.pauses_at < client.RequestSize() && client.read != 0) ||
-                      net.now >= client.heard + 900ms;
-    const auto well = [&](const Server* server) {
-        return server->IsWell() && std::max(server->fault_at, server->listed_at) < client.came;
-    };
-    const std::pair<std::string_view, bool> reasons[] = {
-        {"left", false},
-        {"it left", false},
-        {"the bridge ends", bridge.stopping && (client.ended == Time{} || client.lines.empty())},
-        {"sent a chunk", client.kind == Kind::kTooLong},
-        {"sent an unknown", client.kind == Kind::kNoise},
-        {"sent no", silent && (client.kind != Kind::kNoise || client.read != client.RequestSize())},
-        {"too slow", crowd > settings.clients && slow},
-        {"no upstream server answered", std::ranges::none_of(list, well)},
-    };
-    for (const auto& [reason, is_true] : reasons) {
-        if (client.end.starts_with(reason)) {
-            return Never(!is_true, client.name, " is closed because it '", client.end,
-                         "', which is not true");
-        }
+        const bool has_read =
+            client.given == client.text.size() && (client.finishes || net.now >= client.answered_at + 2s);
+        return Never(!has_read, client.name, " is closed before it had time to read its reply");
     }
     client.end.empty()
         ? Never(client.came != Time{} || !bridge.stopping, client.name, " is closed without a word")
-        : Loses(client, client.end);
+        : GivesUp(client);
 }
 
-// A scan has ended without a verdict, while its client was there. The reason is empty if it got some reply.
-void World::Loses(Client& client, const std::string& reason) {
+// There is no verdict for a client, for a reason that must be true; none is told: it has got some other
+// reply.
+void World::GivesUp(const Client& client) {
     if (client.lacked || client.file == 0) {
         return;
     }
     LookAtServers();
-    const bool used_up = client.IsUsedUp(true) || client.repeats >= 4;  // some may have broken at once
-    const bool over_time =
-        client.ended != Time{} && net.now >= client.ended + std::chrono::seconds(settings.verdict);
-    const bool waited = down_since && net.now >= *down_since + std::chrono::seconds(settings.wait);
-    bool all_asked = !down_since, all_sick = true, all_tried = true;
-    for (const Server* server : list) {
-        all_sick &= !server->up && server->erred_at >= client.came;
-        all_asked &= !server->up || client.HasAsked(*server);
-        all_tried &= !server->known || server->busy_at >= client.came;
-        Never(server->IsWell() && client.MayHave(*server) && !over_time, client.name, " is lost (", reason,
-              ") although ", server->name, " is well and up, and was not asked");
-    }
-    const std::pair<std::string_view, bool> reasons[] = {
-        {"no verdict within", over_time},
-        {"not all of the data is kept", client.IsSqueezed()},
-        {"no further server may get it", used_up},
-        {"no upstream server gave a verdict", all_asked},
-        {"no upstream server calls a clean file clean", all_sick},
-        {"no upstream server could be reached", all_tried && waited},
+    const auto over = [this](Time since, unsigned setting) {
+        return net.now >= since + std::chrono::seconds(setting);
     };
-    const bool is_true = std::ranges::any_of(reasons, [&](const auto& each) {
-        return each.second && reason.find(reason.empty() ? "" : each.first) != std::string::npos;
-    });
-    Never(!is_true, client.name, " is lost because '", reason, "', which is not true");
-    for (const auto& line : client.lines) {
-        Never(line->HasVerdict(), client.name, " is lost although its verdict was read");
+    const bool all_came = client.ended != Time{}, began = client.came != Time{};
+    const bool silent = over(client.heard, settings.idle) && client.read == client.arrived;
+    const bool slow = client.speed < 1100 || (client.pauses_at < client.RequestSize() && client.read != 0) ||
+                      net.now >= client.heard + 900ms;
+    const bool over_time = all_came && over(client.ended, settings.verdict);
+    const auto has_verdict = [](const auto& line) { return line->HasVerdict(); };
+    bool missed = std::ranges::any_of(client.lines, has_verdict);
+    bool none_well = true, all_asked = !down_since, all_sick = true, all_tried = true;
+    for (const Server* server : list) {
+        none_well &= !server->IsWell() || std::max(server->fault_at, server->listed_at) >= client.came;
+        all_asked &= !server->up || client.HasAsked(*server);
+        all_sick &= !server->up && server->erred_at >= client.came;
+        all_tried &= !server->known || server->busy_at >= client.came;
+        missed |= server->IsWell() && client.MayHave(*server) && !over_time;
     }
+    const std::tuple<std::string_view, bool, bool> reasons[] = {
+        // with whether it is true, and whether a scan has been given up
+        {"the bridge ends", bridge.stopping && (!all_came || client.lines.empty()), false},
+        {"sent a chunk", client.kind == Kind::kTooLong, false},
+        {"sent an unknown", client.kind == Kind::kNoise, false},
+        {"sent no command", silent && !began && client.read != client.RequestSize(), false},
+        {"sent nothing", silent && began, false},
+        {"too slow", crowd > settings.clients && slow, false},
+        {"no upstream server answered", none_well, false},
+        {"no verdict within", over_time, true},
+        {"not all of the data is kept", client.IsSqueezed(), true},
+        {"no further server may get it", client.IsUsedUp(true) || client.repeats >= 4, true},
+        {"no upstream server gave a verdict", all_asked, true},
+        {"no upstream server calls a clean file clean", all_sick, true},
+        {"no upstream server could be reached", all_tried && down_since && over(*down_since, settings.wait),
+         true},
+    };
+    bool is_true = false;
+    for (const auto& [reason, holds, loses] : reasons) {
+        const bool is_told = client.end.empty() ? loses : client.end.find(reason) != std::string::npos;
+        is_true |= is_told && holds;
+        Never(is_told && loses && missed, client.name,
+              " is given up although it has a verdict, or a server is well and up, and was not asked");
+    }
+    Never(!is_true, client.name, " is given up because it '", client.end, "', which is not true");
 }
 
 // Whom the bridge takes for up.
@@ -190,14 +189,14 @@ void World::LookAtServers() {
         const bool was_up = std::exchange(server.up, IsUp(*bridge.fleet.servers.at(i)));
         any_up |= server.up;
         if (server.up != was_up) {
-            (server.up ? server.up_since : server.down_at) = net.now;
+            server.turned_at = net.now;
             server.failed = 0;
         }
-        const bool falls = was_up && !server.up && !lacks && server.erred_at != net.now;
-        Never(falls && server.IsWell() && server.fault_at <= server.verdict_at, server.name,
-              " is well, has given a verdict since it was, and is called down");
-        Never(falls && server.fault == Fault::kBusy && net.now < server.verdict_at + 4s, server.name,
-              " is busy, gives verdicts, and is called down");
+        const bool works = server.IsWell() ? server.fault_at <= server.verdict_at
+                                           : server.known && server.fault == Fault::kBusy &&
+                                                 net.now < server.verdict_at + 4s;
+        Never(works && was_up && !server.up && !lacks && server.erred_at != net.now, server.name,
+              " gives verdicts, and is called down");
         Never(!server.known && !server.up && net.now > server.listed_at + 5900ms &&
                   server.told_at < server.listed_at && !lacks,
               server.name, " is not known, and nobody is told");
@@ -225,30 +224,31 @@ void World::LookAt(Client& client) {
         return;
     }
     const bool crowded = crowd >= settings.clients;
-    if (crowded && client.ended == Time{}) {
-        client.due = now;  // it may have waited for a place
+    if (crowded && client.lines.empty()) {
+        client.due = client.told = now;  // it may wait for a place
     }
-    Never(client.ended == Time{} && client.reading &&
-              now > std::max(client.heard, client.due) + seconds(settings.idle),
-          client.name, " has been silent for long and is not closed");
+    const Time idle_since = bridge.stopping.value_or(std::max(client.heard, client.due));
+    Never(client.ended == Time{} && client.reading && now > idle_since + seconds(settings.idle), client.name,
+          " has been silent for long, or the bridge is to end, and it is not closed");
     if (client.ended == Time{} || !client.Scans() || client.file == 0) {
         return;
     }
-    if (client.lines.empty() && crowded) {
-        client.due = client.told = now;  // it may wait for a place
-    }
-    Never(now > client.told + kLongestStill && client.text.size() < kVerdictBeginning.size(), client.name,
+    const auto longest_still = client.finishes && client.text.size() < 2 ? 4s : 16s;
+    Never(now > client.told + longest_still && client.text.size() < kVerdictBeginning.size(), client.name,
           " has waited for long without a byte");
     Never(now > client.due + seconds(settings.verdict), client.name, " is not told in time");
     bool runs = false, late = true, forsaken = true;
     for (const auto& line : client.lines) {
         runs |= line->Runs();
         late &= !line->Runs() || now > std::max(client.due, line->began) + kLate + 2 * kTick;
-        forsaken &= !line->Runs() || (!line->server->up && now > line->server->down_at + 2 * kTick);
+        forsaken &= !line->Runs() || (!line->server->up && now > line->server->turned_at + 2 * kTick);
     }
     client.alone_since = runs || crowded ? now : std::max(client.alone_since, client.repeated_at);
+    Never(down_since &&
+              now > std::max(*down_since + seconds(settings.wait), client.alone_since + kConnecting) + 6s,
+          client.name, " waits for a server for too long");
     for (const Server* server : list) {
-        const Time since = std::max({server->fault_at, server->up_since, server->listed_at}) + kConnecting;
+        const Time since = std::max({server->fault_at, server->turned_at, server->listed_at}) + kConnecting;
         if (!server->IsWell() || !client.MayHave(*server) || now < since) {
             continue;
         }
@@ -271,35 +271,32 @@ void World::CheckTheEnd() {
         }
         return of_all;
     };
-    size_t least = 0, most = 0, clean = 0, infected = 0, data = 0, most_data = 0, left = 0;
-    for (const auto& client : clients) {
-        if (client->came == Time{} || !(client->Scans() || client->kind == Kind::kTooLong)) {
-            continue;
-        }
-        ++most;
-        least += client->answered || !client->lines.empty();
-        left += client->left;
-        clean += client->answered && client->text.ends_with(std::string("OK\0", 3));
-        infected += client->answered && client->text.ends_with(std::string(kFoundEnding) + '\0');
-        data += client->answered ? client->file : 0;
-        most_data += client->read;
-    }
-    const auto lost = static_cast<size_t>(sum("scans_total{outcome=\"no_"));
     for (const char* const name : {"clients ", "scans_waiting ", "kept_bytes ", "upstream_scans{"}) {
         Never(sum(name) != 0, "at the end ", name, " is ", sum(name));
     }
-    const std::tuple<const char*, size_t, size_t> numbers[] = {
+    double least = 0, most = 0, data = 0, most_data = 0;
+    for (const auto& client : clients) {
+        const bool scans = client->came != Time{} && (client->Scans() || client->kind == Kind::kTooLong);
+        most += scans;
+        least += scans && (client->answered || !client->lines.empty());
+        data += scans && client->answered ? client->file : 0;
+        most_data += scans ? client->read : 0;
+    }
+    const double given_up = sum("scans_lost_total{");
+    const std::tuple<const char*, double, double> numbers[] = {
         {"scans_total{", least, most},
-        {"scans_total{outcome=\"clean", clean, clean + left},
-        {"scans_total{outcome=\"infected", infected, infected + left},
-        {"scans_lost_total{", lost, lost},
+        {"scans_total{outcome=\"clean", replies[0], replies[0]},
+        {"scans_total{outcome=\"infected", replies[1], replies[1]},
+        {"scans_total{outcome=\"no_verdict", replies[2], replies[2]},
+        {"scans_total{outcome=\"no_", given_up, given_up},
         {"bytes_total ", data, most_data},
         {"refused_total ", refused, refused},
-        {"repeats_total ", repeated, repeated}};
+        {"repeats_total ", repeated, repeated},
+        {"upstream_failures_total{", 0, attempts}};
     for (const auto& [name, low, high] : numbers) {
         const double is = sum(name);
-        Never(!lacks && (is < static_cast<double>(low) || is > static_cast<double>(high)), "at the end ",
-              name, " is ", is, ", and not ", low, " to ", high);
+        Never(!lacks && (is < low || is > high), "at the end ", name, " is ", is, ", and not ", low, " to ",
+              high);
     }
 }
 

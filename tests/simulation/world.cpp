@@ -55,6 +55,7 @@ World::World(uint64_t seed, bool the_tells) : tells(the_tells), net(seed) {
     }
     net.After(lasts, [this] {
         Tell("all are well from now on");
+        calm = true;
         for (const auto& server : servers) {
             server->Begin(Fault::kNone);
         }
@@ -71,15 +72,13 @@ LinePtr World::Connect(const std::string& where) {
     const auto last = static_cast<size_t>(std::atoi(where.c_str() + where.rfind('.') + 1));
     Never(where.starts_with("127."), "the bridge connects to itself");
     Server& server = *servers.at(last / 16);
-    const bool is_there = last % 16 == server.place;
-    Never(!is_there && server.IsWell() && server.verdict_at > server.fault_at + kLateProbe,
+    const auto line = std::make_shared<ServerLine>(&server, last % 16 == server.place);
+    Never(!line->is_there && server.IsWell() && server.verdict_at > server.fault_at + kLateProbe,
           "the bridge forgets the good address of ", server.name);
+    line->rate = server.rate;
+    line->is_there ? server.lines.push_back(line) : void();
     server.busy_at = net.now;
-    const auto line = std::make_shared<ServerLine>(is_there ? &server : nullptr);
-    if (is_there) {
-        line->rate = server.rate;
-        server.lines.push_back(line);
-    }
+    ++attempts;
     return line;
 }
 
@@ -113,9 +112,8 @@ void World::Step() {
         if (bridge.stopping) {
             arrivals.clear();
         } else if (!arrivals.empty() && bridge.clients.size() < size_t{2} * settings.clients) {
-            const std::shared_ptr<Client> client = arrivals.front();
-            arrivals.pop_front();
-            let_in.push_back(client);
+            const std::shared_ptr<Client> client = let_in.emplace_back(arrivals.front());
+            arrivals.erase(arrivals.begin());
             client->heard = net.now;
             const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}),
                                                static_cast<uint16_t>(client->number));
@@ -137,22 +135,21 @@ void World::Step() {
 std::string World::Run() {
     bridge.settings = settings;
     bridge.metrics.started = net.now;
-    const Time calm = net.now + lasts + kCalm;
-    while (broken.empty() && !bridge.io.stopped() &&
-           (net.now < calm || !let_in.empty() || !arrivals.empty())) {
-        Step();
-        Never(net.now > calm + kLongest, "some client never ends");
-    }
+    const auto run = [&](Time at_least, Time at_most) {
+        while (broken.empty() && (net.now < at_least || !arrivals.empty() || net.open + net.waking != 0)) {
+            Step();
+            Never(net.now > at_most, "some client never ends");
+        }
+    };
+    run(net.now + lasts + kCalm, net.now + lasts + kCalm + kLongest);
     if (!bridge.io.stopped()) {
         // When all servers have been well for long, each of them gets its part of the scans.
-        const Time ready = net.now + 40s;
+        const Time ready = net.now + 60s;
         const size_t first = clients.size();
         for (size_t i = 0; i < 2 * list.size(); ++i) {
-            clients.push_back(std::make_shared<Client>(clients.size(), 40s, true));
+            clients.push_back(std::make_shared<Client>(clients.size(), 60s, true));
         }
-        while (broken.empty() && net.now < ready + 60s) {
-            Step();
-        }
+        run(ready + 60s, ready + kLongest);
         for (const auto& client : std::span(clients).subspan(first)) {
             Never(!client->WasTold(kCleanReply) || !client->answered, client->name,
                   " is not served by servers that are well");
@@ -160,15 +157,13 @@ std::string World::Run() {
         for (const Server* server : list) {
             Never(server->scan_at < ready, server->name, " gets no scan although it is well");
             const bool misses = server->versions == 0 && server->fault_at < server->listed_at && !lacks;
-            Never(misses || server->versions > clients.size() + 60, server->name,
+            Never(misses || server->versions > std::ssize(clients) + 60, server->name,
                   " is asked for its version ", server->versions, " times");
         }
         Stop(bridge, net.now);
     }
-    for (const Time end = net.now + 150s; broken.empty() && net.open + net.waking != 0;) {
-        Step();
-        Never(net.now > end || !bridge.io.stopped(), "the bridge does not end although no client is left");
-    }
+    run(net.now, net.now + 150s);
+    Never(!bridge.io.stopped(), "the bridge does not end although no client is left");
     if (broken.empty()) {
         CheckTheEnd();
     }
@@ -214,10 +209,11 @@ int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress
     World& world = *g_world;
     Dice& dice = world.net.dice;
     Server& server = *world.servers.at(static_cast<size_t>(std::atoi(name.c_str() + 1)));
-    if (world.lookups_fail && dice.OneIn(2) && world.net.now < Time(24h) + world.lasts) {
+    if (world.lookups_fail && dice.OneIn(2) && !world.calm) {
         return 11001;
     }
     server.Know(true);
+    world.Never(++server.lookups > 60 + (world.net.now - Time(24h)) / 1s, name, " is looked up too often");
     const auto add = [&, end = ":" + std::to_string(port)](bool is_found, const std::string& host) {
         addresses.insert(addresses.end(), is_found, *ParseServerAddress(host + end));
     };

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <asio/ip/tcp.hpp>
-#include <deque>
 #include <iostream>
 #include <sstream>
 
@@ -14,7 +13,6 @@ namespace kesto::simulation {
 
 struct Client;
 struct ServerLine;
-struct World;
 
 // Beside being well: it has died; nothing reaches it, nor does it do anything; connections are accepted, but
 // nothing is read; it takes all and replies nothing; it replies errors, or without an end; it calls
@@ -40,10 +38,11 @@ struct Server {
     size_t place = 1;  // of its address
     Fault fault = Fault::kNone;
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
-    Time fault_at{}, listed_at{}, up_since{}, down_at{}, busy_at{}, told_at{};
-    Time verdict_at{}, erred_at{}, scan_at{};  // read, read, written by the bridge
-    size_t versions = 0;                       // so many times it was asked for its version
-    unsigned failed = 0;                       // scans in a row, by errors where another one gave a verdict
+    Time fault_at{}, listed_at{}, turned_at{}, busy_at{}, told_at{};  // the third: came up, or went down
+    Time verdict_at{}, erred_at{}, scan_at{};                         // read, read, written by the bridge
+    int lookups = 0, versions = 0;  // so many times its name was looked up, its version asked for
+    int pauses = 0;                 // so many times it was called down with a pause
+    unsigned failed = 0;            // scans in a row, by errors where another one gave a verdict
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
 
@@ -51,17 +50,19 @@ inline constexpr std::string_view kProbe("zINSTREAM\0\0\0\0\5clean\0\0\0\0", 23)
 
 // A connection of the bridge's to a server.
 struct ServerLine final : Line {
-    explicit ServerLine(Server* server) : server(server) {}
-    void Accept();
+    ServerLine(Server* server, bool is_there) : server(server), is_there(is_there) {}
     void Resume();
     bool Runs() const { return IsOpen() && !replied; }
     bool IsProbe() const { return head == kProbe; }
-    bool IsWhole() const { return given == size; }  // all of the scan was given to the system
+    bool IsCurrent() const { return began >= server->listed_at; }  // which may be the second time
+    bool IsWhole() const { return given == size; }                 // all of the scan was given to the system
     bool HasVerdict() const { return replied && ReadScanAnswer(said) != ScanAnswer::kNoVerdict; }
     bool Erred() const { return replied && !HasVerdict() && said != kSizeLimitReply; }
 
-    void Begins() override;
-    void Content(uint64_t at, std::span<uint8_t> to) override;
+    void Accept() override;
+    void Content(uint64_t at, std::span<uint8_t> to) override {
+        reply.copy(reinterpret_cast<char*>(to.data()), to.size(), at);
+    }
     void WasRead() override;
     void Writes(std::span<const uint8_t> bytes) override;
     void Gives(std::span<const uint8_t> bytes) override;
@@ -71,7 +72,8 @@ struct ServerLine final : Line {
     void Answer();
     void Say(const std::string& text);
 
-    Server* const server;  // null: nobody is there
+    Server* const server;
+    const bool is_there;  // at the address
     const Time began = net.now;
     Client* client = nullptr;    // whose scan it is
     std::string head;            // the first bytes of the request
@@ -105,7 +107,7 @@ struct Client final : Line {
     void Closed(bool /*ends*/) override { left = true; }
 
     const size_t number;
-    const std::string name = "client " + std::to_string(number);
+    const std::string name = "client " + std::to_string(number), found = "stream: " + name + " FOUND";
     Kind kind = Kind::kClean;
     uint64_t file = 1000;  // bytes
     uint32_t chunk = 8192;
@@ -114,7 +116,6 @@ struct Client final : Line {
     Duration pause{};
     bool finishes = false;   // closes its side after its request
     std::string_view words;  // all it says, if that is no scan
-    bool steps = false;
 
     std::vector<std::shared_ptr<ServerLine>> lines;  // of its scan
     bool squeezed = false, lacked = false;  // there may have been no room for its stream, or no memory
@@ -160,7 +161,7 @@ struct World {
     void Logs(const std::string& message);
     void Replies(Client& client);
     void Closes(Client& client);
-    void Loses(Client& client, const std::string& reason);
+    void GivesUp(const Client& client);
     void LookAtServers();
     void LookAt(Client& client);
     void CheckTheEnd();
@@ -169,16 +170,15 @@ struct World {
     Network net;
     Duration lasts;  // then all are well
     BridgeSettings settings;
-    bool lookups_fail, lacks;  // the latter: memory
+    bool lookups_fail, lacks, calm = false;  // the latter: memory; all are well from now on
     uint64_t largest;
     bridge::Bridge bridge;
     bridge::Loop loop{bridge};
     std::vector<std::unique_ptr<Server>> servers;
     std::vector<Server*> list;
-    std::vector<std::shared_ptr<Client>> clients, let_in;  // all, and those not closed
-    std::deque<std::shared_ptr<Client>> arrivals;
+    std::vector<std::shared_ptr<Client>> clients, arrivals, let_in;  // all, those that wait, those not closed
     size_t reading = 0, crowd = 0;  // bytes of all scans under way, clients before this step
-    size_t refused = 0, repeated = 0;
+    double refused = 0, repeated = 0, attempts = 0, replies[3] = {};  // the last by their kinds
     std::optional<Time> down_since;
     Time lacked_at{};
     std::string broken;

@@ -42,7 +42,7 @@ struct Line : std::enable_shared_from_this<Line> {
     bool IsOpen() const { return !closed && !broken; }
 
     // What the other side is told, and asked.
-    virtual void Begins() {}  // the bridge connects
+    virtual void Accept() {}  // the bridge's connect has come
     virtual void Content(uint64_t at, std::span<uint8_t> bytes) = 0;
     virtual void WasRead() = 0;
     virtual void Writes(std::span<const uint8_t> /*bytes*/) {}  // the beginning of what it begins to write
@@ -104,7 +104,7 @@ void Line::Finish(std::optional<Operation>& operation, asio::error_code error, s
 inline void Line::Connect(Handler handler) {
     connecting = {{}, std::move(handler)};
     Open();
-    Begins();
+    net.After(delay, [self = shared_from_this()] { self->Accept(); });
 }
 
 inline void Line::Connected(asio::error_code error) {
