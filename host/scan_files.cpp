@@ -83,14 +83,15 @@ class ScanRun : public std::enable_shared_from_this<ScanRun> {
         while (!AllDone()) {
             changed_.wait_for(guard, kWatchInterval);
             const auto now = Clock::now();
-            if (GiveUpLateLanes(now) && stop_words_.empty()) {
+            const bool late = GiveUpLateLanes(now);
+            if (!engine_answered_ && stop_words_.empty()) {
                 guard.unlock();
-                const std::string words = NoServerAccepts(installed_);
+                std::string words = late ? NoServerAccepts(installed_) : "";
+                if (words.empty() && StartedEngineIsGone()) {
+                    words = WhyUnusable(installed_);
+                }
                 guard.lock();
-                stop_words_ = words;
-            }
-            if (!engine_answered_ && stop_words_.empty() && StartedEngineIsGone()) {
-                stop_words_ = WhyUnusable(installed_);
+                stop_words_ = stop_words_.empty() ? words : stop_words_;
             }
             if (ProgressShown() && !AllDone() && now - drawn >= kWatchInterval) {
                 drawn = now;
