@@ -98,12 +98,14 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         {L"\\\\.\\NUL", "2: \\\\.\\NUL: ERROR Is a device, not a file (123)\n"},
         {L"-r o?d -i", "1: odd\\blank " + found + "odd\\dot." + found + "odd\\sub.\\in" + found},
         {L"-r --exclude BLANK* --exclude-dir *dd\\sub*\\ --exclude C:/*/dot odd", "1: odd\\dot." + found},
+        {L"-i missing clean", "2: ! missing: ERROR File not found (2)\n"},
         {L"-r deep", "1: " + narrow_deep + found},
         {L"-r loop", "0: loop\\clean: OK\n"},
         {L"huge", "2: huge: ERROR File too large for a 32-bit process (223)\n"},
         {L"-", "0: -: OK\n", std::string(70'000, ' ')},
         {L"--file-list \"nul list\"",
-         "2: kestoscan: the list nul list holds NUL characters: save it as UTF-8, or all of it as UTF-16\n"},
+         "2: ! kestoscan: the list nul list holds NUL characters: save it as UTF-8, or all of it as "
+         "UTF-16\n"},
         {L"--file-list -", "0: clean: OK\n", "clean\r\n"},
         {L"--file-list wide", "1: \u0436\u6F22" + found},
         {L"--timeout 1 slow clean", "2: slow: ERROR No verdict within 1 s (1460)\nclean: OK\n"},
@@ -166,14 +168,14 @@ TEST_F(HostTest, JobsRestartAnEngineThatDoesNotAcceptOnce) {
 TEST_F(HostScan, StopsWhereNoScanCouldSucceed) {
     engine.Kill();
     EXPECT_THAT(Told(L"--timeout 1 clean clean"),
-                HasSubstr("\nkestoscan: no server accepts a connection - " + engine.Address()));
+                HasSubstr("\n! kestoscan: no server accepts a connection - " + engine.Address()));
 
     installed.EndPrograms();
     const size_t starts = installed.Starts(installed.engine);
     installed.PlaceStandIn(installed.engine, "exit 1");
     WriteFile(installed.engine_folder / "bridge.ini", "[bridge]\r\nidle=0\r\n");
     EXPECT_THAT(Told(L"clean clean"),
-                StartsWith("2: kestoscan: the engine " + installed.engine.string() +
+                StartsWith("2: ! kestoscan: the engine " + installed.engine.string() +
                            " ends at once\nfailed   bridge settings: bridge.ini line 2: idle=0 "));
     EXPECT_EQ(installed.Starts(installed.engine), starts + 1);
     installed.PlaceStandIn(installed.engine, "release 3");
@@ -198,7 +200,7 @@ TEST_F(HostTest, EndsWithWholeLinesAndWithTheEngineThatItStartedUnlessOthersScan
     const uint16_t port = installed.PlaceBridge(engine.Address());
     Configure(port);
     const std::string started =
-        "kestoscan: started " + installed.engine.string() + ", which ends with kestoscan\n";
+        "! kestoscan: started " + installed.engine.string() + ", which ends with kestoscan\n";
     EXPECT_THAT(Told(L"clean clean"), EndsWith(" s\n" + started));
     EXPECT_TRUE(gone());
     ProgramRun alone(program, L"clean slow", samples);
@@ -245,17 +247,17 @@ TEST_F(HostTest, VersionWaitsForAnEngineThatItStartedAndNoPlugInIsNeededToAskIt)
     installed.WriteSettings(Servers(FreePort(), engine.Port()));
     EXPECT_THAT(Told(L"--ping"), StartsWith("0: " + server + "answers, in "));
     EXPECT_EQ(Told(L"--stats"),
-              "2: kestoscan: no counters - " + server + "the reply was \"UNKNOWN COMMAND\"\n");
+              "2: ! kestoscan: no counters - " + server + "the reply was \"UNKNOWN COMMAND\"\n");
     engine.Play(Replying("kestoav_clients 3\n"));
     EXPECT_EQ(Told(L"--stats"), "0: kestoav_clients 3\n");
     engine.Kill();
-    EXPECT_THAT(Told(L"--wait 1"), StartsWith("2: kestoscan: the engine does not answer - " + server));
+    EXPECT_THAT(Told(L"--wait 1"), StartsWith("2: ! kestoscan: the engine does not answer - " + server));
 }
 
 TEST_F(HostTest, UpdatesOnceAtATimeByAnyProgramOrByACommandOrLooksAtTheSignatures) {
     Configure(engine.Port(), "autostart=0");
     EXPECT_EQ(Told(L"--update"),
-              "2: KESTO Antivirus Update Failed\nThe KESTO Antivirus Update attempt failed with error 2\n");
+              "2: ! KESTO Antivirus Update Failed\nThe KESTO Antivirus Update attempt failed with error 2\n");
     installed.PlaceStandIn(installed.updater, "release 0");
     const ProgramRun first(program, L"--update", samples);
     ASSERT_TRUE(WaitFor([&] { return installed.Starts(installed.updater) == 1; }));

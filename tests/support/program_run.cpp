@@ -80,7 +80,8 @@ std::string ProgramRun::Told() const {
     WaitForSingleObject(process_.get(), kLongestRunMs);
     DWORD status = 0;  // STILL_ACTIVE when it did not end
     GetExitCodeProcess(process_.get(), &status);
-    return std::to_string(status) + ": " + ReadFile(files_[1]) + ReadFile(files_[2]);
+    const std::string errors = ReadFile(files_[2]);
+    return std::to_string(status) + ": " + ReadFile(files_[1]) + (errors.empty() ? "" : "! " + errors);
 }
 
 }  // namespace kesto

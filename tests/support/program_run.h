@@ -26,7 +26,8 @@ class ProgramRun {
     ProgramRun& operator=(const ProgramRun&) = delete;
 
     void PressCtrlC() const;  // as the system itself tells a single process
-    // Waits for the end, and tells the exit status and all that was said: "0: ", its output, then its errors.
+    // Waits for the end, and tells the exit status and all that was said: "0: ", its output, "! " and its
+    // errors.
     std::string Told() const;
 
  private:
