@@ -54,7 +54,8 @@ const std::string kLogged = ": Scan file - mail.eml - 0\r\n";
 TEST_F(LogTest, IsWrittenWhereTheSettingSaysOrElseIfItExists) {
     const std::string folder = installed.folder.string(), other = folder + "\\other.log";
     // Where the one that is set cannot be opened, the default is not used.
-    for (const std::string& setting : {std::string(), folder, std::string(500, 'x'), other}) {
+    for (const std::string& setting :
+         {std::string(), folder, std::string(500, 'x'), std::string("Z:\\dev\\full"), other}) {
         setting.empty() ? void(std::filesystem::remove(installed.log)) : installed.CreateLog();
         Start("logfile=" + setting);
         EXPECT_EQ(Scan(""), "clean");
