@@ -15,8 +15,8 @@ using ScanTest = PluginTest;
 uint32_t* g_clock;
 
 // As when the engine scans for long, and the bridge sends a byte now and then.
-int WSAAPI ReceiveByteInTwoSeconds(SOCKET socket, char* bytes, int, int flags) {
-    *g_clock += 2000;
+int WSAAPI ReceiveByteInThreeSeconds(SOCKET socket, char* bytes, int, int flags) {
+    *g_clock += 3000;
     return recv(socket, bytes, 1, flags);
 }
 
@@ -27,7 +27,7 @@ int WSAAPI SendHalf(SOCKET socket, const char* bytes, int size, int flags) {
 
 TEST_F(ScanTest, SendsTheFileInPrefixedChunksAndShiftedUnlessTheSettingIsOff) {
     const ImportPatch sends(plugin.module, "send", SendHalf);
-    const ImportPatch receives(plugin.module, "recv", ReceiveByteInTwoSeconds);
+    const ImportPatch receives(plugin.module, "recv", ReceiveByteInThreeSeconds);
     g_clock = &system.clock;
     const uint16_t closed = FreePort();
     const std::pair<const char*, bool> cases[] = {
