@@ -184,7 +184,6 @@ TEST_F(ConnectionTest, ConnectOnLoopbackAsksOnceAndProgramsOfTheHostInheritNothi
     EXPECT_THAT(g_asked, ElementsAre(once, once));
 }
 
-uint32_t* g_clock;
 uint32_t g_lookup_ms;  // time that the next lookup takes
 
 // The name has endlessly many addresses, of which the first refuses.
@@ -196,7 +195,7 @@ int WSAAPI SlowLookup(const char*, const char*, const addrinfo*, addrinfo** resu
     others.ai_addr = reinterpret_cast<sockaddr*>(&serves);
     first.ai_next = others.ai_next = &others;
     *result = &first;
-    *g_clock += std::exchange(g_lookup_ms, 0);
+    g_system->clock += std::exchange(g_lookup_ms, 0);
     return 0;
 }
 void WSAAPI KeepAnswer(addrinfo*) {}
@@ -209,7 +208,6 @@ TEST_F(ConnectionTest, AnswerOfALookupThatCannotBeCancelledComesInTimeOrNotAtAll
     const ImportPatch resolver(plugin.module, "getaddrinfo", SlowLookup);
     const ImportPatch freeing(plugin.module, "freeaddrinfo", KeepAnswer);
     const ImportPatch system7(plugin.module, "GetProcAddress", HideCancelling);
-    g_clock = &system.clock;
     Start("servers=mail.test:" + std::to_string(engine.Port()));
     for (const uint32_t ms : {999, 1000}) {
         g_lookup_ms = ms;

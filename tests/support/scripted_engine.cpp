@@ -83,8 +83,6 @@ EngineScript ReplyingBytes(std::string bytes, Then then) {
         wire.Send(bytes);
         if (then == Then::kHangsUp) {
             wire.FinishSending();
-        } else if (then == Then::kResets) {
-            wire.Close(true);
         }
         wire.Receive();
     };

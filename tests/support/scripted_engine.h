@@ -62,7 +62,7 @@ class Wire {
 // thread of its own, so that what it shares with the test must be atomic.
 using EngineScript = std::function<void(Wire&)>;
 
-enum class Then { kHangsUp, kResets, kHolds };
+enum class Then { kHangsUp, kHolds };
 // Replies to each request with exactly these bytes.
 EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp);
 EngineScript Replying(std::string_view text);  // the same with a NUL behind it
