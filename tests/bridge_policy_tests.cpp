@@ -94,13 +94,15 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
           "upstreams=127.0.0.2:3313\n[updater]"}},
         {"line 2: upstreams: '127.0.0.1:7' is the bridge itself until it is restarted",
          {"upstreams=127.0.0.1:7"}},
-        {"names no server", {"upstreams="}},
+        {"names no server", {"upstreams=", "upstreams=\"\""}},
         {"is not an IPv4 address and port", {"listen=localhost:3313", "listen=127.0.0.1:0", "listen="}},
         {"is neither 0 nor 1", {"decrypt=yes"}},
         {"is not a number", {"idle=0", "idle=3601", "idle=30 ; s", "keep=1025", "wait="}},
         {"holds a comment", {"logfile=a ;b"}},
         {"unknown setting 'upsteams'", {"upsteams=a:1"}},
         {"is neither the section", {"[other]"}},
+        {"is not a setting", {"just words"}},
+        {"bridge.ini upstreams: '127.0.0.1:3310' is the bridge itself", {"listen=127.0.0.1:3310"}},
     };
     const std::vector own{*ParseHost("10.1.2.9")};
     const auto listens = ParseServerAddress("127.0.0.1:7");

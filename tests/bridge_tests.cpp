@@ -120,6 +120,8 @@ TEST_F(GuardTest, StartsWorkersAnewAndHangsUpWhileNoneCanServe) {
     EXPECT_TRUE(large.Send(ScanRequestOf(std::string(3'000'000, 'd'))));
     const std::string log = bridge.Log(), told = "cannot start - bridge.ini line 5: idle=soon";
     EXPECT_EQ(log.find(told), log.rfind(told));
+    WriteFile(ini, good + "idle=later\r\n");
+    EXPECT_TRUE(bridge.Tells("cannot start - bridge.ini line 5: idle=later"));
     WriteFile(ini, good);
     EXPECT_TRUE(WaitFor([&] { return Scan() == kFound; }));
 }

@@ -13,7 +13,6 @@ namespace {
 using namespace testing;
 
 using StartUpTest = PluginTest;
-using LogTest = PluginTest;
 
 int WINAPI NoSockets(WORD, WSADATA*) {
     return WSASYSNOTREADY;
@@ -51,10 +50,11 @@ TEST_F(StartUpTest, KeepsItsOwnCopyOf259CharactersOfTheFolder) {
 // The line that scanning an empty file writes, which needs no engine.
 const std::string kLogged = ": Scan file - mail.eml - 0\r\n";
 
-TEST_F(LogTest, IsWrittenWhereTheSettingSaysOrElseIfItExists) {
+TEST_F(StartUpTest, LogIsWrittenWhereTheSettingSaysOrElseIfItExists) {
     const std::string folder = installed.folder.string(), other = folder + "\\other.log";
     // Where the one that is set cannot be opened, the default is not used.
-    for (const std::string& setting : {std::string(), folder, std::string(500, 'x'), other}) {
+    for (const std::string& setting :
+         {std::string(), folder, std::string(500, 'x'), std::string("Z:\\dev\\full"), other}) {
         setting.empty() ? void(std::filesystem::remove(installed.log)) : installed.CreateLog();
         Start("logfile=" + setting);
         EXPECT_EQ(Scan(""), "clean");
@@ -77,7 +77,7 @@ __time64_t g_now;
 __time64_t Now(__time64_t*) {
     return g_now;
 }
-TEST_F(LogTest, AppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
+TEST_F(StartUpTest, LogAppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
     const ImportPatch clock(plugin.module, "_time64", Now), flush(plugin.module, "fflush", Flush);
     WriteFile(installed.log, "kept\r\n");
     _putenv("TZ=KST-5");

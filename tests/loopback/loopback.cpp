@@ -10,13 +10,6 @@ namespace {
     return WSAStartup(MAKEWORD(2, 2), &data) == 0;
 }();
 
-// A child process that inherited a socket would keep it open after we have closed it.
-SOCKET OwnSocket() {
-    const SOCKET made = socket(AF_INET, SOCK_STREAM, 0);
-    SetHandleInformation(reinterpret_cast<HANDLE>(made), HANDLE_FLAG_INHERIT, 0);
-    return made;
-}
-
 }  // namespace
 
 sockaddr_in LoopbackAddress(uint16_t port) {
@@ -28,7 +21,9 @@ sockaddr_in LoopbackAddress(uint16_t port) {
 }
 
 SOCKET ListenOnLoopback(uint16_t& port) {
-    const SOCKET bound = OwnSocket();
+    const SOCKET bound = socket(AF_INET, SOCK_STREAM, 0);
+    // A child process that inherited it would keep it open after we have closed it.
+    SetHandleInformation(reinterpret_cast<HANDLE>(bound), HANDLE_FLAG_INHERIT, 0);
     sockaddr_in address = LoopbackAddress(port);
     int size = sizeof address;
     if (bind(bound, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
@@ -48,7 +43,7 @@ uint16_t FreePort() {
 }
 
 SOCKET ConnectToLoopback(uint16_t port) {
-    const SOCKET client = OwnSocket();
+    const SOCKET client = socket(AF_INET, SOCK_STREAM, 0);
     const sockaddr_in address = LoopbackAddress(port);
     if (connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         return client;

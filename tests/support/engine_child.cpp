@@ -17,8 +17,8 @@ int main() {
     int code = 0;
     file >> role >> code;
     std::ofstream(program + ".started", std::ios::app | std::ios::binary) << '1';
-    constexpr std::chrono::minutes kLongestLife{2};  // if nothing else ends it
     const auto ends = [&] { return std::filesystem::exists(program + ".release"); };
-    WaitFor([&] { return role == "exit" || (role == "release" && ends()); }, kLongestLife);
+    // It lives so long if nothing else ends it.
+    WaitFor([&] { return role == "exit" || (role == "release" && ends()); }, std::chrono::minutes(2));
     return code;
 }

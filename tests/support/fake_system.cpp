@@ -11,8 +11,6 @@ namespace {
 constexpr uint32_t kTickBase = 0xFFFFF000;
 constexpr uint32_t kHandleBase = 0x10000000;  // above the system's own
 
-FakeSystem* g_system;
-
 FakeProcess* ProcessOf(HANDLE handle) {
     const uint32_t id = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(handle)) - kHandleBase;
     return id / 4 - 1 < g_system->processes.size() ? &g_system->processes[id / 4 - 1] : nullptr;

@@ -66,6 +66,7 @@ struct FakeSystem : SystemState {  // one at a time
     int open_handles = 0;
     const ImportPatch patches_[11];
 };
+inline FakeSystem* g_system;  // the latest
 
 // A plug-in with a log, to which an engine process only seems to run. Its server is `engine`, unless its
 // settings name others; ports are real.

@@ -42,17 +42,15 @@ class Watch : public testing::EmptyTestEventListener {
     return true;
 }();
 
-std::filesystem::path NewFolder() {
-    static int number = 0;
-    auto folder = std::filesystem::temp_directory_path() /
-                  ("kesto" + std::to_string(GetCurrentProcessId()) + "." + std::to_string(++number));
-    std::filesystem::remove_all(folder);  // left by a process that had the same ID
-    return folder;
-}
+int g_installations = 0;
 
 }  // namespace
 
-Installation::Installation(const std::wstring& name) : top(NewFolder()), folder(top / name) {
+Installation::Installation(const std::wstring& name)
+    : top(std::filesystem::temp_directory_path() /
+          ("kesto" + std::to_string(GetCurrentProcessId()) + "." + std::to_string(++g_installations))),
+      folder(top / name) {
+    std::filesystem::remove_all(top);  // left by a process that had the same ID
     std::filesystem::create_directories(engine_folder);
     for (const char* each : {"CLAMDLL.dll", "kestoscan.exe"}) {
         std::filesystem::copy_file(BuiltFolder() / each, folder / each);

@@ -13,12 +13,11 @@ using namespace host;
 Wire::Wire(SOCKET connected, const std::atomic<bool>* cut) : socket_(connected), cut_(cut) {
     // A child process that inherited the socket would keep it open after we have closed it.
     SetHandleInformation(reinterpret_cast<HANDLE>(socket_), HANDLE_FLAG_INHERIT, 0);
-    const auto set = [this](int level, int option, DWORD value) {
-        setsockopt(socket_, level, option, reinterpret_cast<const char*>(&value), sizeof value);
+    const auto limit = [this](int of, DWORD ms) {
+        setsockopt(socket_, SOL_SOCKET, of, reinterpret_cast<const char*>(&ms), sizeof ms);
     };
-    set(IPPROTO_TCP, TCP_NODELAY, TRUE);  // pieces go out as pieces
-    set(SOL_SOCKET, SO_SNDTIMEO, kTestLimit.count());
-    set(SOL_SOCKET, SO_RCVTIMEO, cut_ != nullptr ? 20 : kTestLimit.count());
+    limit(SO_SNDTIMEO, kTestLimit.count());
+    limit(SO_RCVTIMEO, cut_ != nullptr ? 20 : kTestLimit.count());
 }
 
 bool Wire::Send(std::string_view bytes) {
@@ -78,16 +77,12 @@ void Wire::Close(bool hard) {
     closesocket(std::exchange(socket_, INVALID_SOCKET));
 }
 
-EngineScript ReplyingBytes(std::string bytes, Then then, size_t piece) {
+EngineScript ReplyingBytes(std::string bytes, Then then) {
     return [=](Wire& wire) {
         wire.ReceiveRequest();
-        for (size_t sent = 0; sent < bytes.size(); sent += piece) {
-            wire.Send(bytes.substr(sent, piece));
-        }
+        wire.Send(bytes);
         if (then == Then::kHangsUp) {
             wire.FinishSending();
-        } else if (then == Then::kResets) {
-            wire.Close(true);
         }
         wire.Receive();
     };

@@ -62,9 +62,9 @@ class Wire {
 // thread of its own, so that what it shares with the test must be atomic.
 using EngineScript = std::function<void(Wire&)>;
 
-enum class Then { kHangsUp, kResets, kHolds };
-// Replies to each request with exactly these bytes, in pieces of this size.
-EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp, size_t piece = 1 << 20);
+enum class Then { kHangsUp, kHolds };
+// Replies to each request with exactly these bytes.
+EngineScript ReplyingBytes(std::string bytes, Then then = Then::kHangsUp);
 EngineScript Replying(std::string_view text);  // the same with a NUL behind it
 // As clamd does: PONG, its version, and to a scan FOUND when the data is the EICAR string or holds VIRUS,
 // "what?" when it holds GARBLE, else OK.
