@@ -175,7 +175,7 @@ void ServerLine::Gives(std::span<const uint8_t> bytes) {
     }
 }
 
-// Some reply before all has come.
+// Some files, and some servers, need less than all of it for a reply.
 void ServerLine::Took() {
     const bool finds = client != nullptr && client->kind == Kind::kInfected && client->number % 4 == 0;
     const bool hurries = client != nullptr && server->fault == Fault::kHasty;

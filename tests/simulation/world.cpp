@@ -115,8 +115,7 @@ void World::Step() {
             const std::shared_ptr<Client> client = let_in.emplace_back(arrivals.front());
             arrivals.erase(arrivals.begin());
             client->heard = net.now;
-            const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}),
-                                               static_cast<uint16_t>(client->number));
+            const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}), client->number);
             const Inside inside;
             bridge::Client::Serve(bridge, asio::ip::tcp::socket(client), peer);
         }
