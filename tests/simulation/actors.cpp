@@ -60,8 +60,9 @@ void Server::Begin(Fault next) {
         return;
     }
     g_world->Tell(name, " ", kFaultNames[static_cast<size_t>(next)]);
+    const bool lasts_on = next == Fault::kForgets || fault == Fault::kSlow;  // for connections that there are
     fault = next;
-    fault_at = std::max(fault_at, g_world->net.now + (next == Fault::kForgets ? 20s : 0s));
+    fault_at = std::max(fault_at, g_world->net.now + (lasts_on ? 20s : 0s));
     for (const auto& line : lines) {
         next == Fault::kDead ? line->Reset() : next == Fault::kForgets ? line->Forget() : void();
     }

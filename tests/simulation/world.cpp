@@ -13,7 +13,7 @@ namespace kesto::simulation {
 namespace {
 
 constexpr auto kCalm = 130s;      // after the faults, until each server must have its part of the scans
-constexpr auto kLongest = 1200s;  // until the last client ends
+constexpr auto kLongest = 3600s;  // until the last client ends
 constexpr auto kLateProbe = 25s;  // may find out until then how a server was before
 constexpr uint64_t kAll = UINT64_MAX;
 
@@ -63,7 +63,6 @@ World::World(uint64_t seed, bool the_tells) : tells(the_tells), net(seed) {
     });
     net.After(dice.OneIn(8) ? dice.Time(1s, lasts) : 24h, [this] {
         Tell("the bridge is asked to end");
-        arrivals.clear();
         Stop(bridge, net.now);
     });
 }
