@@ -211,12 +211,15 @@ int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress
     if (world.lookups_fail && dice.OneIn(2) && !world.calm) {
         return 11001;
     }
-    server.Know(true);
     world.Never(++server.lookups > 60 + (world.net.now - Time(24h)) / 1s, name, " is looked up too often");
     const auto add = [&, end = ":" + std::to_string(port)](bool is_found, const std::string& host) {
         addresses.insert(addresses.end(), is_found, *ParseServerAddress(host + end));
     };
     add(dice.OneIn(4), "127.0.0.1");
+    if (!addresses.empty() && !world.calm && dice.OneIn(2)) {
+        return 0;  // no other one
+    }
+    server.Know(true);
     add(server.has_dead, server.At(9, true));
     add(true, server.At(server.place, false));
     return 0;
