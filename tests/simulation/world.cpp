@@ -122,6 +122,7 @@ void World::Step() {
     g_memory.inside = false;
     Never(net.at_this_moment > 1'000'000, "the bridge goes on for ever in one moment");
     Never(bridge.room.used > size_t{settings.keep} << 20, "more is kept than may be");
+    Never(bridge.scans > settings.clients, "more scans are under way than may be");
     lacked_at = failed != g_memory.failed ? net.now : lacked_at;
     LookAtServers();
     for (const auto& client : let_in) {
