@@ -60,8 +60,9 @@ void Server::Begin(Fault next) {
         return;
     }
     g_world->Tell(name, " ", kFaultNames[static_cast<size_t>(next)]);
+    const bool lasts_on = next == Fault::kForgets || fault == Fault::kSlow;  // for connections that there are
     fault = next;
-    fault_at = std::max(fault_at, g_world->net.now + (next == Fault::kForgets ? 20s : 0s));
+    fault_at = std::max(fault_at, g_world->net.now + (lasts_on ? 20s : 0s));
     for (const auto& line : lines) {
         next == Fault::kDead ? line->Reset() : next == Fault::kForgets ? line->Forget() : void();
     }
@@ -175,7 +176,7 @@ void ServerLine::Gives(std::span<const uint8_t> bytes) {
     }
 }
 
-// Some reply before all has come.
+// Some files, and some servers, need less than all of it for a reply.
 void ServerLine::Took() {
     const bool finds = client != nullptr && client->kind == Kind::kInfected && client->number % 4 == 0;
     const bool hurries = client != nullptr && server->fault == Fault::kHasty;

@@ -13,7 +13,7 @@ namespace kesto::simulation {
 namespace {
 
 constexpr auto kCalm = 130s;      // after the faults, until each server must have its part of the scans
-constexpr auto kLongest = 1200s;  // until the last client ends
+constexpr auto kLongest = 3600s;  // until the last client ends
 constexpr auto kLateProbe = 25s;  // may find out until then how a server was before
 constexpr uint64_t kAll = UINT64_MAX;
 
@@ -63,7 +63,6 @@ World::World(uint64_t seed, bool the_tells) : tells(the_tells), net(seed) {
     });
     net.After(dice.OneIn(8) ? dice.Time(1s, lasts) : 24h, [this] {
         Tell("the bridge is asked to end");
-        arrivals.clear();
         Stop(bridge, net.now);
     });
 }
@@ -115,14 +114,15 @@ void World::Step() {
             const std::shared_ptr<Client> client = let_in.emplace_back(arrivals.front());
             arrivals.erase(arrivals.begin());
             client->heard = net.now;
-            const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}),
-                                               static_cast<uint16_t>(client->number));
+            const asio::ip::tcp::endpoint peer(asio::ip::address_v4({10, 9, 0, 1}), client->number);
             const Inside inside;
             bridge::Client::Serve(bridge, asio::ip::tcp::socket(client), peer);
         }
     });
     g_memory.inside = false;
     Never(net.at_this_moment > 1'000'000, "the bridge goes on for ever in one moment");
+    Never(bridge.room.used > size_t{settings.keep} << 20, "more is kept than may be");
+    Never(bridge.scans > settings.clients, "more scans are under way than may be");
     lacked_at = failed != g_memory.failed ? net.now : lacked_at;
     LookAtServers();
     for (const auto& client : let_in) {
@@ -212,12 +212,15 @@ int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress
     if (world.lookups_fail && dice.OneIn(2) && !world.calm) {
         return 11001;
     }
-    server.Know(true);
     world.Never(++server.lookups > 60 + (world.net.now - Time(24h)) / 1s, name, " is looked up too often");
     const auto add = [&, end = ":" + std::to_string(port)](bool is_found, const std::string& host) {
         addresses.insert(addresses.end(), is_found, *ParseServerAddress(host + end));
     };
     add(dice.OneIn(4), "127.0.0.1");
+    if (!addresses.empty() && !world.calm && dice.OneIn(2)) {
+        return 0;  // no other one
+    }
+    server.Know(true);
     add(server.has_dead, server.At(9, true));
     add(true, server.At(server.place, false));
     return 0;

@@ -54,14 +54,14 @@ struct ServerLine final : Line {
     void Resume();
     bool Runs() const { return IsOpen() && !replied; }
     bool IsProbe() const { return head == kProbe; }
-    bool IsCurrent() const { return began >= server->listed_at; }  // which may be the second time
+    bool IsCurrent() const { return began >= server->listed_at; }  // and was not unlisted since
     bool IsWhole() const { return given == size; }                 // all of the scan was given to the system
     bool HasVerdict() const { return replied && ReadScanAnswer(said) != ScanAnswer::kNoVerdict; }
     bool Erred() const { return replied && !HasVerdict() && said != kSizeLimitReply; }
 
     void Accept() override;
     void Content(uint64_t at, std::span<uint8_t> to) override {
-        reply.copy(reinterpret_cast<char*>(to.data()), to.size(), at);
+        std::copy_n(&reply[at], to.size(), to.data());
     }
     void WasRead() override;
     void Writes(std::span<const uint8_t> bytes) override;
