@@ -1,13 +1,10 @@
 // What the bridge decides, with events and times handed in: no sockets, no clocks.
 #include <gmock/gmock.h>
 
-#include "bridge/metrics.h"
-#include "bridge/scan_policy.h"
+#include "bridge/fleet.h"
 #include "common/bridge_settings.h"
 
-namespace kesto {
-using namespace bridge;
-
+namespace kesto::bridge {
 namespace {
 
 using namespace std::literals;
@@ -21,28 +18,6 @@ struct TwoServers : Fleet {
         SetServers(*this, {*ParseServerAddress("10.0.0.1:1"), *ParseServerAddress("10.0.0.1:2")}, kStart);
     }
 };
-
-TEST(BridgeScan, AsksASecondServerBesideASilentOne) {
-    TwoServers fleet;
-    ScanPolicy scan(fleet, {60s, 120s});
-    // The port of the server that is asked, or what the client gets.
-    const auto next = [&](std::chrono::milliseconds at) {
-        const ScanStep step = scan.Next(kStart + at);
-        return step.server ? std::to_string(step.server->name.port) : step.answer.text;
-    };
-    EXPECT_EQ(next(0s), "");
-    scan.EnoughCame();
-    EXPECT_EQ(next(0s), "1");
-    scan.StreamEnded(kStart);
-    EXPECT_EQ(next(9900ms), "");
-    EXPECT_EQ(next(10s), "2");
-    scan.Ended(0, EndOfReply("stream: no memory ERROR"), kStart + 14s);
-    EXPECT_EQ(next(14900ms), "");
-    EXPECT_EQ(next(15s), "s");
-    scan.Ended(1, EndOfReply("stream: Evil FOUND"), kStart + 16s);
-    EXPECT_EQ(next(16s), "tream: Evil FOUND");
-    EXPECT_EQ(next(200s), "");
-}
 
 TEST(BridgeFleet, AServerIsDownAfterThreeFailuresInARowAndSuspectedAloneForSilence) {
     TwoServers fleet;
@@ -58,26 +33,6 @@ TEST(BridgeFleet, AServerIsDownAfterThreeFailuresInARowAndSuspectedAloneForSilen
     EXPECT_TRUE(fails());
     NoteProbe(fleet, server, EndOfReply("stream: OK"), kStart);
     EXPECT_FALSE(fails() || fails());
-}
-
-TEST(BridgeMetrics, TellWhatIsCounted) {
-    TwoServers fleet;
-    fleet.servers.front()->numbers.signatures = ReadSignatures("ClamAV 1.4.3/27000/Thu Jan  1 00:01:00 1970");
-    Metrics metrics;
-    for (size_t i = 0; i < kOutcomes; ++i) {
-        for (size_t count = 0; count <= i; ++count) {
-            CountScan(metrics, {static_cast<Outcome::Kind>(i)}, 0.3);
-        }
-    }
-    const std::string text = MetricsText(metrics, {1, 2, 3, 4, 5}, fleet, kStart);
-    for (const char* line : {"scans_total{outcome=\"clean\"} 1", "scans_total{outcome=\"infected\"} 2",
-                             "scans_total{outcome=\"no_verdict\"} 3", "scans_total{outcome=\"no_reply\"} 4",
-                             "scan_seconds_bucket{le=\"0.25\"} 0", "scan_seconds_bucket{le=\"0.5\"} 6",
-                             "clients_limit 2", "keep_bytes 5", "upstream_up{upstream=\"10.0.0.1:1\"} 1",
-                             "upstream_signatures_version{upstream=\"10.0.0.1:1\"} 27000",
-                             "upstream_signatures_timestamp_seconds{upstream=\"10.0.0.1:1\"} 60"}) {
-        EXPECT_THAT(text, HasSubstr(std::string("\nkestoav_") + line + "\n"));
-    }
 }
 
 TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
@@ -133,4 +88,4 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
 }
 
 }  // namespace
-}  // namespace kesto
+}  // namespace kesto::bridge

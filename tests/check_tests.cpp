@@ -9,9 +9,7 @@
 // It needs windows.h before it.
 #include <sddl.h>
 
-namespace kesto {
-using namespace host;
-
+namespace kesto::host {
 namespace {
 
 using namespace testing;
@@ -251,4 +249,4 @@ TEST(DynamicPorts, AreTheLastTwoNumbersInAnyLanguage) {
 }
 
 }  // namespace
-}  // namespace kesto
+}  // namespace kesto::host

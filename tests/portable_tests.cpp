@@ -5,11 +5,8 @@
 #include "common/log_limit.h"
 #include "common/signatures.h"
 #include "host/check/ini_lint.h"
-#include "host/progress.h"
 
-namespace kesto {
-using namespace host;
-
+namespace kesto::host {
 namespace {
 
 TEST(ServerList, SplitsAtSingleBlanksAndReadsPortsAsNumbersOf16Bits) {
@@ -98,14 +95,5 @@ TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
               (Lines{"15 more such lines left out, the last: a", "c"}));
 }
 
-TEST(ProgressText, TellsCountBytesRateAndTimeLeft) {
-    ScanTotals totals = {
-        .files = 40, .done = 12, .bytes = 3'140'000, .bytes_listed = 10'140'000, .seconds = 2};
-    EXPECT_EQ(ProgressLine(totals), "12/40 files, 3.1 MB, 1.6 MB/s, 0:04 left");
-    totals.bytes_listed = 10'000'000'000;
-    EXPECT_EQ(ProgressLine(totals), "12/40 files, 3.1 MB, 1.6 MB/s, 1:46:07 left");
-    EXPECT_EQ(ByteText(999'960), "1.0 MB");
-}
-
 }  // namespace
-}  // namespace kesto
+}  // namespace kesto::host

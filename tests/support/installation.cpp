@@ -9,6 +9,8 @@
 #include <sstream>
 #include <thread>
 
+#include "common/processes.h"
+
 namespace kesto {
 namespace {
 
@@ -73,12 +75,7 @@ std::vector<DWORD> Installation::ProcessesOf(const std::wstring& program) {
     DWORD ids[4096], bytes = 0;
     EnumProcesses(ids, sizeof ids, &bytes);
     for (const DWORD id : std::span(ids, bytes / sizeof *ids)) {
-        const HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id);
-        wchar_t path[MAX_PATH] = L"";
-        DWORD size = MAX_PATH;
-        QueryFullProcessImageNameW(process, 0, path, &size);
-        CloseHandle(process);
-        if (std::wstring_view(path).starts_with(program)) {
+        if (ProgramOf(id).starts_with(program)) {
             found.push_back(id);
         }
     }
@@ -87,10 +84,7 @@ std::vector<DWORD> Installation::ProcessesOf(const std::wstring& program) {
 
 void Installation::EndPrograms(const std::wstring& program) const {
     for (const DWORD id : ProcessesOf(program.empty() ? top.wstring() + L"\\" : program)) {
-        const HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
-        TerminateProcess(process, 1);
-        WaitForSingleObject(process, static_cast<DWORD>(kTestLimit.count()));
-        CloseHandle(process);
+        EndProcess(id);
     }
 }
 
