@@ -60,7 +60,8 @@ void Server::Begin(Fault next) {
         return;
     }
     g_world->Tell(name, " ", kFaultNames[static_cast<size_t>(next)]);
-    const bool lasts_on = next == Fault::kForgets || fault == Fault::kSlow;  // for connections that there are
+    // Connections that there are may still have the fault.
+    const bool lasts_on = next == Fault::kForgets || fault == Fault::kSlow || fault == Fault::kSick;
     fault = next;
     fault_at = std::max(fault_at, g_world->net.now + (lasts_on ? 20s : 0s));
     for (const auto& line : lines) {

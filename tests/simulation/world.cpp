@@ -75,7 +75,7 @@ LinePtr World::Connect(const std::string& where) {
     Never(!line->is_there && server.IsWell() && server.verdict_at > server.fault_at + kLateProbe,
           "the bridge forgets the good address of ", server.name);
     line->rate = server.rate;
-    line->is_there ? server.lines.push_back(line) : void();
+    server.lines.push_back(line);
     server.busy_at = net.now;
     ++attempts;
     return line;

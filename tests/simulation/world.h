@@ -52,7 +52,7 @@ inline constexpr std::string_view kProbe("zINSTREAM\0\0\0\0\5clean\0\0\0\0", 23)
 struct ServerLine final : Line {
     ServerLine(Server* server, bool is_there) : server(server), is_there(is_there) {}
     void Resume();
-    bool Runs() const { return IsOpen() && !replied; }
+    bool Runs() const { return is_there && IsOpen() && !replied; }
     bool IsProbe() const { return head == kProbe; }
     bool IsCurrent() const { return began >= server->listed_at; }  // and was not unlisted since
     bool IsWhole() const { return given == size; }                 // all of the scan was given to the system
