@@ -22,15 +22,8 @@ const std::array<uint8_t, 65521> kBytes = [] {
     return bytes;
 }();
 
-constexpr std::string_view kWords[] = {"",
-                                       "",
-                                       "",
-                                       "",
-                                       "",
-                                       kPingCommand,
-                                       kVersionCommand,
-                                       kStatsCommand,
-                                       "zPINGS",
+// What those say that do not scan.
+constexpr std::string_view kWords[] = {kPingCommand, kVersionCommand, kStatsCommand, "zPINGS",
                                        std::string_view("zINSTREAM\0\4\0\0\1dddddddddddddddddd", 32)};
 constexpr const char* kKindNames[] = {
     "clean",           "infected",       "takes long",       "kills its server", "an error",
@@ -250,7 +243,7 @@ Client::Client(size_t the_number, Duration arrives, bool is_ordinary) : number(t
     kind = dice.OneIn(4)   ? static_cast<Kind>(dice.Between(2, 9))
            : dice.OneIn(3) ? Kind::kInfected
                            : Kind::kClean;
-    words = kWords[static_cast<size_t>(kind)];
+    words = Scans() ? "" : kWords[static_cast<size_t>(kind) - static_cast<size_t>(Kind::kPing)];
     file = dice.OneIn(20) ? 0 : dice.Wide(4, g_world->largest);
     chunk = dice.OneIn(4) ? static_cast<uint32_t>(dice.Wide(50, 1 << 20)) : 8192;
     speed = static_cast<double>(dice.Wide(400, 100'000'000));

@@ -282,7 +282,8 @@ void World::CheckTheEnd() {
         data += scans && client->answered ? client->file : 0;
         most_data += scans ? client->read : 0;
     }
-    const double given_up = sum("scans_lost_total{");
+    const double given_up = sum("scans_lost_total{"), told = replies[0] + replies[1] + replies[2];
+    const auto up = static_cast<double>(std::ranges::count_if(list, &Server::up));
     const std::tuple<const char*, double, double> numbers[] = {
         {"scans_total{", least, most},
         {"scans_total{outcome=\"clean", replies[0], replies[0]},
@@ -293,6 +294,9 @@ void World::CheckTheEnd() {
         {"refused_total ", refused, refused},
         {"repeats_total ", repeated, repeated},
         {"upstream_replies_total{", 0, attempts},
+        {"scan_seconds_count ", told, told},
+        {"clients_limit ", settings.clients, settings.clients},
+        {"upstream_up{", up, up},
         {"upstream_failures_total{", 0, attempts}};
     for (const auto& [name, low, high] : numbers) {
         const double is = sum(name);
