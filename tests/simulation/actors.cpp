@@ -294,7 +294,7 @@ bool Client::IsUsedUp(bool by_all) const {
     size_t begun = 0, whole = 0;
     for (const auto& line : lines) {
         begun += !line->replied && (by_all || line->sent != 0);
-        whole += !line->replied && (line->IsWhole() || line->Runs());
+        whole += !line->replied && (line->sent == line->size || line->Runs());
     }
     return begun >= 5 || whole >= 3;
 }

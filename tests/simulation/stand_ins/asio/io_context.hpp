@@ -46,7 +46,7 @@ class Network {
     // Something of the world's happens.
     void After(Duration delay, std::function<void()> event) { queue_.insert({now + delay, {event, false}}); }
     // An operation of the bridge's has ended.
-    void Wake(Handler handler, asio::error_code error, size_t size);
+    void Wake(Handler handler, asio::error_code error, size_t size, Duration told_after = {});
     // Lets one handler of the bridge's run, and all that happens before.
     void RunOne(Time until);
     void Clear() { queue_.clear(); }
@@ -89,9 +89,10 @@ inline Duration Dice::Time(Duration low, Duration high) {
         Wide(static_cast<uint64_t>(low.count()), static_cast<uint64_t>(high.count()))));
 }
 
-inline void Network::Wake(Handler handler, asio::error_code error, size_t size) {
+inline void Network::Wake(Handler handler, asio::error_code error, size_t size, Duration told_after) {
     ++waking;
-    queue_.insert({now, {[handler = std::move(handler), error, size] { handler(error, size); }, true}});
+    queue_.insert(
+        {now + told_after, {[handler = std::move(handler), error, size] { handler(error, size); }, true}});
 }
 
 inline void Network::RunOne(Time until) {

@@ -207,8 +207,14 @@ inline void Line::Deliver(size_t size) {
     }
     delivered += std::min<uint64_t>(size, given - delivered);
     if (!net.system_takes && writing && writing->done == writing->size) {
-        sent = given;
-        Finish(writing, {}, writing->size);
+        // A reply may be there before the bridge is told of it.
+        const Writing whole = *std::exchange(writing, std::nullopt);
+        const auto told = [self = shared_from_this(), handler = whole.handler](const auto& error,
+                                                                               size_t all) {
+            self->sent = self->closed ? self->sent : self->given;
+            handler(error, all);
+        };
+        net.Wake(told, {}, whole.size, net.dice.OneIn(4) ? net.dice.Time(1us, 200ms) : 0s);
     }
     Took();
     PumpWriting();
