@@ -145,6 +145,7 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
     size = head.size();  // of a question, or an empty file
     server->versions += head.starts_with("zVERSION");
     if (IsProbe()) {
+        server->probed_at = net.now;
         const auto probes = [](const auto& line) {
             return line->IsProbe() && line->Runs() && line->IsCurrent();
         };

@@ -55,7 +55,7 @@ void World::Repeats(Client& client, const Server& server) {
 
 void World::Logs(const std::string& message) {
     Tell("log: ", message);
-    Never(message.ends_with(" - ") && !lacks, "the log tells no reason");
+    Never((message.ends_with(" - ") || message.ends_with("within ")) && !lacks, "the log tells no reason");
     Never(message.find("out of step") != std::string::npos && !lacks, "an exception: ", message);
     constexpr std::string_view kPeer = "10.9.0.1:";
     const size_t peer = message.find(kPeer);
@@ -165,7 +165,7 @@ void World::GivesUp(const Client& client) {
         {"no upstream server answered", none_well, false},
         {"no verdict within", over_time, true},
         {"not all of the data is kept", client.IsSqueezed(), true},
-        {"no further server may get it", client.IsUsedUp(true) || client.repeats >= 4, true},
+        {"; no further server may get it", client.IsUsedUp(true) || client.repeats >= 4, true},
         {"no upstream server gave a verdict", all_asked, true},
         {"no upstream server calls a clean file clean", all_sick, true},
         {"no upstream server could be reached", all_tried && down_since && over(*down_since, settings.wait),
@@ -200,6 +200,10 @@ void World::LookAtServers() {
         Never(!server.known && !server.up && net.now > server.listed_at + 5900ms &&
                   server.told_at < server.listed_at && !lacks,
               server.name, " is not known, and nobody is told");
+        const bool is_sick = server.fault == Fault::kSick && server.number % 2 == 0;
+        const Time erred = std::max(server.probed_at + 20s, server.fault_at);
+        Never(server.up && is_sick && server.erred_at > erred && net.now > server.erred_at + 25s && !lacks,
+              server.name, " errs, and nobody asks why");
         Never(server.up && server.failed >= 3, server.name, " fails scan after scan, and is not called down");
         std::erase_if(server.lines, [](const auto& line) { return !line->IsOpen(); });
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
@@ -230,6 +234,9 @@ void World::LookAt(Client& client) {
     const Time idle_since = bridge.stopping.value_or(std::max(client.heard, client.due));
     Never(client.ended == Time{} && client.reading && now > idle_since + seconds(settings.idle), client.name,
           " has been silent for long, or the bridge is to end, and it is not closed");
+    client.gated = client.reading ? client.gated : now;
+    Never(client.ended == Time{} && now > std::max({client.heard, client.gated, crowded_since}) + 12s,
+          client.name, " says nothing while others wait, and is not closed");
     if (client.ended == Time{} || !client.Scans() || client.file == 0) {
         return;
     }

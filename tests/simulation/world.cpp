@@ -105,6 +105,7 @@ void World::SetList(uint64_t which) {
 void World::Step() {
     const uint64_t failed = g_memory.failed;
     crowd = bridge.clients.size();
+    crowded_since = crowd > settings.clients ? crowded_since : net.now;
     g_memory.inside = true;
     const bool ticked = loop.RunOnce([this] {
         const Outside outside;
@@ -201,7 +202,11 @@ bool RunDetached(std::function<void()> work) {
     if (g_world->lacks && dice.OneIn(50)) {
         return false;
     }
-    g_world->net.After(hangs ? dice.Time(5s, 100s) : dice.Time(1ms, 300ms), std::move(work));
+    g_world->net.After(hangs ? dice.Time(5s, 100s) : dice.Time(1ms, 300ms),
+                       [began = g_world->net.now, work = std::move(work)] {
+                           g_world->lookup_began = began;
+                           work();
+                       });
     return true;
 }
 
@@ -220,7 +225,7 @@ int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress
     if (!addresses.empty() && !world.calm && dice.OneIn(2)) {
         return 0;  // no other one
     }
-    server.Know(true);
+    server.Know(server.known || world.lookup_began >= server.listed_at);
     add(server.has_dead, server.At(9, true));
     add(true, server.At(server.place, false));
     return 0;

@@ -39,7 +39,7 @@ struct Server {
     Fault fault = Fault::kNone;
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
     Time fault_at{}, listed_at{}, turned_at{}, busy_at{}, told_at{};  // the third: came up, or went down
-    Time verdict_at{}, erred_at{}, scan_at{};                         // read, read, written by the bridge
+    Time verdict_at{}, erred_at{}, scan_at{}, probed_at{};  // two were read, two written by the bridge
     int lookups = 0, versions = 0;  // so many times its name was looked up, its version asked for
     int pauses = 0;                 // so many times it was called down with a pause
     unsigned failed = 0;            // scans in a row, by errors where another one gave a verdict
@@ -122,6 +122,7 @@ struct Client final : Line {
     bool left = false, answered = false;    // nobody is there any more; it was given a whole reply
     size_t repeats = 0;
     Time repeated_at{}, came{}, ended{}, heard{}, told{}, answered_at{};
+    Time gated{};               // until then the bridge read nothing of it
     Time beside_at{};           // when a busy server got it beside another one
     Time due{}, alone_since{};  // the latest time at which its stream may have ended, no server had it
     std::string text, end;      // what the bridge tells it, and why it was closed
@@ -180,7 +181,7 @@ struct World {
     size_t reading = 0, crowd = 0;  // bytes of all scans under way, clients before this step
     double refused = 0, repeated = 0, attempts = 0, replies[3] = {};  // the last by their kinds
     std::optional<Time> down_since;
-    Time lacked_at{};
+    Time lacked_at{}, crowded_since{}, lookup_began{};
     std::string broken;
 };
 
