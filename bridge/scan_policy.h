@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "base/clamd_words.h"
 #include "bridge/fleet.h"
 #include "bridge/outcome.h"
 #include "bridge/reply.h"

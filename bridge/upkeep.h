@@ -4,7 +4,6 @@
 
 #include <list>
 #include <memory>
-#include <string_view>
 
 #include "bridge/attempt.h"
 #include "bridge/bridge.h"
