@@ -111,6 +111,8 @@ Task<Attempt> Attempt::Converse(std::shared_ptr<Attempt> self) {
         self->Finish(std::move(failure));
         co_return;
     }
+    asio::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
     KeepAlive(socket.native_handle());
     self->More();
     while (self->state_ == State::kTalking) {
@@ -161,10 +163,6 @@ Task<Attempt> Attempt::Send(std::shared_ptr<Attempt> self) {
         if (size_of_all == 0) {
             co_return;
         }
-        if (self->sent_ != 0 && !std::exchange(self->no_delay_, true)) {
-            asio::error_code ignored;
-            self->socket_.set_option(tcp::no_delay(true), ignored);
-        }
         self->step_until_ = Clock::now() + self->idle_;
         self->sending_ = size_of_all;
         auto write = WriteSome(self->socket_, pieces);
@@ -194,10 +192,8 @@ Task<Attempt> Attempt::Send(std::shared_ptr<Attempt> self) {
 const AttemptEnd* Attempt::End(Time now) {
     if (state_ == State::kConnecting && now >= step_until_) {
         asio::error_code ignored;
-        socket_.close(ignored);  // which ends the connect
-    } else if (now >= step_until_ && now < server_->health.worked + idle_) {
-        step_until_ = server_->health.worked + idle_;  // it is busy
-    } else if (now >= step_until_) {
+        socket_.close(ignored);                                                 // which ends the connect
+    } else if (now >= std::max(step_until_, server_->health.worked + idle_)) {  // until then it is busy
         Finish({AttemptEnd::Kind::kSilent, "took no data for " + std::to_string(idle_.count()) + " s"});
     } else if (now >= reply_until_) {
         Finish({AttemptEnd::Kind::kSilent, "gave no reply"});

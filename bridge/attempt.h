@@ -61,7 +61,6 @@ class Attempt final : public std::enable_shared_from_this<Attempt> {
     uint64_t sent_ = 0;
     uint64_t sending_ = 0;  // bytes of the send under way
     Time moved_ = Clock::now();
-    bool no_delay_ = false;          // turned on with the second send, which many scans do not need
     Time step_until_ = Time::max();  // time limit of the connect or send under way
     Time reply_until_;
     std::optional<AttemptEnd> end_;

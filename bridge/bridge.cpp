@@ -35,7 +35,6 @@ Bridge::Bridge() {
 void Apply(Bridge& bridge, Time now) {
     bridge.room.SetLimit(static_cast<size_t>(bridge.settings.keep) << 20);
     SetServers(bridge.fleet, bridge.settings.upstreams, now);
-    bridge.news = true;
 }
 
 bool IsFull(const Bridge& bridge) {

@@ -81,21 +81,16 @@ std::string ScanPolicy::WordsOf(Loss loss) const {
                                                       "no upstream server gave a verdict",
                                                       "no upstream server calls a clean file clean",
                                                       "no upstream server could be reached"};
-    const std::string words = kWords[static_cast<size_t>(loss)];
-    if (loss == Loss::kOverTime) {
-        return words + std::to_string(limits_.verdict.count()) + " s";
-    }
-    const bool by_failure = loss == Loss::kNotRepeatable || loss == Loss::kUsedUp || loss == Loss::kSick;
-    return by_failure && !last_failure_.empty() ? last_failure_ + "; " + words : words;
+    const std::string seconds = loss == Loss::kOverTime ? std::to_string(limits_.verdict.count()) + " s" : "";
+    return last_failure_ + (last_failure_.empty() ? "" : "; ") + kWords[static_cast<size_t>(loss)] + seconds;
 }
 
 // The client gets the last reply without a verdict, if there is one and it has seen nothing else.
 void ScanPolicy::GiveUp(Loss loss, Time now) {
-    for (Try& attempt : tries_) {
+    for (const Try& attempt : tries_) {
         if (attempt.state == Try::State::kRunning && IsSilent(attempt, now)) {
             NoteFailure(fleet_, *attempt.server, attempt.progressed, now);
         }
-        Release(attempt, Try::State::kLost);
     }
     if (last_reply_ && trickled_ == 0) {
         Decide({Outcome::Kind::kNoVerdict, loss}, ReplyForClient(*last_reply_));
@@ -115,19 +110,18 @@ void ScanPolicy::TakeVerdict(Try& attempt, const AttemptEnd& end, Time now) {
     Decide({clean ? Outcome::Kind::kClean : Outcome::Kind::kInfected}, end.text);
     NoteVerdict(*attempt.server, now);
     Release(attempt, Try::State::kLost);
-    for (Try& other : tries_) {
+    for (const Try& other : tries_) {
         if (other.state == Try::State::kErred ||
             (other.state == Try::State::kRunning && IsSilent(other, now))) {
             NoteFailure(fleet_, *other.server, other.progressed, now);
         }
-        Release(other, Try::State::kLost);
     }
 }
 
 void ScanPolicy::Ended(size_t number, const AttemptEnd& end, Time now) {
     Try& attempt = tries_[number];
     Server& server = *attempt.server;
-    if (attempt.state != Try::State::kRunning) {
+    if (Decided()) {
         return;
     }
     if (end.Replied()) {
