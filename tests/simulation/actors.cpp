@@ -24,7 +24,9 @@ const std::array<uint8_t, 65521> kBytes = [] {
 
 // What those say that do not scan.
 constexpr std::string_view kWords[] = {kPingCommand, kVersionCommand, kStatsCommand, "zPINGS",
-                                       std::string_view("zINSTREAM\0\4\0\0\1dddddddddddddddddd", 32)};
+                                       std::string_view("zINSTREAM\0\4\0\0\1dddddddddddddddddd", 32),
+                                       // the longest that there may be, of which not all comes
+                                       std::string_view("zINSTREAM\0\4\0\0\0eeeeeeeeeeeeeeeeee", 32)};
 constexpr const char* kKindNames[] = {
     "clean",           "infected",       "takes long",       "kills its server", "an error",
     "asks for a PONG", "asks a version", "asks for numbers", "talks noise",      "sends a long chunk"};
@@ -35,7 +37,8 @@ Server::Server(size_t the_number) : number(the_number) {
     Network& net = g_world->net;
     Dice& dice = net.dice;
     named = dice.OneIn(3);
-    has_dead = named && dice.OneIn(3);
+    has_other = named && dice.OneIn(3);
+    other_errs = has_other && dice.OneIn(2);
     largest = dice.OneIn(4) ? dice.Wide(2000, 1'000'000) : UINT64_MAX;
     scan = dice.Time(1ms, 2s);
     rate = dice.OneIn(4) && g_world->settings.idle >= 30 ? 1e5 : 1e8;
@@ -90,17 +93,18 @@ void Server::Pump() {
 
 // One that is busy has a thread for the first one alone.
 bool Server::Serves(const ServerLine& line) const {
-    const auto first =
-        std::ranges::find_if(lines, &ServerLine::Runs, &std::shared_ptr<ServerLine>::operator*);
-    return fault != Fault::kFrozen && fault != Fault::kStopped &&
-           (fault != Fault::kBusy || (first != lines.end() && first->get() == &line));
+    const auto runs = [](const auto& each) { return each->is_there && each->Runs(); };
+    const auto first = std::ranges::find_if(lines, runs);
+    return !line.is_there || (fault != Fault::kFrozen && fault != Fault::kStopped &&
+                              (fault != Fault::kBusy || (first != lines.end() && first->get() == &line)));
 }
 
 void ServerLine::Accept() {
-    if (accepted || !IsOpen() || (is_there ? server->fault == Fault::kFrozen : net.dice.OneIn(2))) {
+    const bool nobody = is_there ? server->fault == Fault::kFrozen : !server->other_errs && net.dice.OneIn(2);
+    if (accepted || !IsOpen() || nobody) {
         return;
     }
-    accepted = is_there && server->fault != Fault::kDead;
+    accepted = is_there ? server->fault != Fault::kDead : server->other_errs;
     Connected(accepted ? asio::error_code() : asio::error::connection_refused);
     if (server->fault == Fault::kResets) {
         net.After(net.dice.Time(1us, 300ms), [self = shared_from_this()] { self->Reset(); });
@@ -138,6 +142,7 @@ void ServerLine::WasRead() {
 
 // Tells whose it is.
 void ServerLine::Writes(std::span<const uint8_t> bytes) {
+    g_world->Never(!keeps_alive, "a connection to ", server->name, " is not kept alive");
     if (!head.empty()) {
         return;
     }
@@ -181,11 +186,11 @@ void ServerLine::Took() {
     }
     Duration takes = net.dice.Time(100us, server->scan) * (server->fault == Fault::kSlow ? 20 : 1);
     takes += client != nullptr && client->kind == Kind::kLong ? net.dice.Time(8s, 40s) : 0s;
-    net.After(delivered < size ? 0s : takes, [self = shared_from_this(), this] { Answer(); });
+    net.After(delivered < size || !is_there ? 0s : takes, [self = shared_from_this(), this] { Answer(); });
 }
 
 void ServerLine::Answer() {
-    if (!IsOpen() || server->fault == Fault::kDeaf || !server->Serves(*this)) {
+    if (!IsOpen() || (is_there && server->fault == Fault::kDeaf) || !server->Serves(*this)) {
         answers = false;  // Resume will
         return;
     }
@@ -194,7 +199,7 @@ void ServerLine::Answer() {
     const bool spares_probes = server->number % 2 == 1 && client == nullptr;
     if (!head.starts_with(kScanCommand)) {
         Say(head.starts_with("zPING") ? "PONG\0"s : "Engine 1/27000/Fri Nov 20 09:12:31 2026\0"s);
-    } else if (server->fault == Fault::kSick && !spares_probes) {
+    } else if (!is_there || (server->fault == Fault::kSick && !spares_probes)) {
         const std::string errors[] = {"stream: no memory ERROR\0"s, "UNKNOWN COMMAND\0"s, "stream: OK \0"s,
                                       "stream: OK"s, std::string(9000, 'x')};
         Say(errors[net.dice.Below(5)]);
@@ -244,7 +249,8 @@ Client::Client(size_t the_number, Duration arrives, bool is_ordinary) : number(t
     kind = dice.OneIn(4)   ? static_cast<Kind>(dice.Between(2, 9))
            : dice.OneIn(3) ? Kind::kInfected
                            : Kind::kClean;
-    words = Scans() ? "" : kWords[static_cast<size_t>(kind) - static_cast<size_t>(Kind::kPing)];
+    const size_t other = static_cast<size_t>(kind) - static_cast<size_t>(Kind::kPing);
+    words = Scans() ? "" : kWords[other + (kind == Kind::kTooLong && dice.OneIn(2))];
     file = dice.OneIn(20) ? 0 : dice.Wide(4, g_world->largest);
     chunk = dice.OneIn(4) ? static_cast<uint32_t>(dice.Wide(50, 1 << 20)) : 8192;
     speed = static_cast<double>(dice.Wide(400, 100'000'000));
@@ -256,7 +262,7 @@ Client::Client(size_t the_number, Duration arrives, bool is_ordinary) : number(t
     if (dice.OneIn(8)) {
         net.After(arrives + dice.Time(1ms, 40s), [this, resets = dice.OneIn(2)] { Leave("leaves", resets); });
     }
-    finishes = dice.OneIn(8);
+    finishes = dice.OneIn(8) && kind != Kind::kTooLong;
 }
 
 uint64_t Client::RequestSize() const {

@@ -20,7 +20,7 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
     Tell(server.name, " gets the scan of ", client.name);
     bool tried = false;
     for (const auto& other : client.lines) {
-        const Time began = other->began - (other->server->has_dead ? kConnecting : 0s);
+        const Time began = other->began - (other->server->has_other ? kConnecting : 0s);
         Never(other->Runs() && (client.ended == Time{} || line.began < std::max(client.ended, began) + kLate),
               "a second server gets the scan of ", client.name, " too early");
         tried |= other->server == &server && other->IsCurrent();
@@ -37,7 +37,8 @@ void World::Repeats(Client& client, const Server& server) {
     };
     const bool beside = std::ranges::any_of(client.lines, [&](const auto& line) {
         const Server& its = *line->server;
-        return runs(line) && its.up && its.told_at != net.now && line->began > its.turned_at && !its.has_dead;
+        return runs(line) && its.up && its.told_at != net.now && line->began > its.turned_at &&
+               !its.has_other;
     });
     if (beside && client.repeats == 0 && std::ranges::any_of(server.lines, runs)) {
         client.beside_at = net.now;
@@ -55,7 +56,9 @@ void World::Repeats(Client& client, const Server& server) {
 
 void World::Logs(const std::string& message) {
     Tell("log: ", message);
-    Never((message.ends_with(" - ") || message.ends_with("within ")) && !lacks, "the log tells no reason");
+    const bool no_words = message.find("error 2") != std::string::npos;  // of the end of a connection
+    Never((message.ends_with(" - ") || message.ends_with("within ") || no_words) && !lacks,
+          "the log tells no reason");
     Never(message.find("out of step") != std::string::npos && !lacks, "an exception: ", message);
     constexpr std::string_view kPeer = "10.9.0.1:";
     const size_t peer = message.find(kPeer);
@@ -67,13 +70,18 @@ void World::Logs(const std::string& message) {
             Repeats(client, *server);
         } else if (message.starts_with("upstream " + server->name)) {
             server->told_at = net.now;
+            server->told_down = !message.ends_with(" up") &&
+                                (server->told_down || message.find(" down - ") != std::string::npos);
             Never(message.ends_with(" up") && !server->listed, server->name,
                   " is called up, but not in the list");
             const size_t again = message.find("again in ");
             const int pause = again == std::string::npos ? 0 : std::atoi(&message[again + 9]);
-            Never(!lacks && pause > 1 << std::min(server->pauses, 5), server->name,
-                  " is tried again too late");
+            Never(!lacks && pause > (server->listed ? 1 << std::min(server->pauses, 5) : 0), server->name,
+                  " is tried again too late, or although it is not in the list");
             server->pauses += pause != 0;
+            Never(message.find(" down - gave no reply") != std::string::npos && server->up &&
+                      bridge.fleet.down_since,
+                  server->name, " is the last one that is up, and is called down for its silence");
         }
     }
     refused += message.starts_with("refused ");
@@ -147,26 +155,32 @@ void World::GivesUp(const Client& client) {
     const auto has_verdict = [](const auto& line) { return line->HasVerdict(); };
     bool missed = std::ranges::any_of(client.lines, has_verdict);
     bool none_well = true, all_asked = !down_since, all_sick = true, all_tried = true;
+    size_t untried = 0;
     for (const Server* server : list) {
         none_well &= !server->IsWell() || std::max(server->fault_at, server->listed_at) >= client.came;
         all_asked &= !server->up || client.HasAsked(*server);
         all_sick &= !server->up && server->erred_at >= client.came;
         all_tried &= !server->known || server->busy_at >= client.came;
+        untried += !server->up && server->known && !client.HasAsked(*server) &&
+                   client.asked.find(server->name) == std::string::npos &&
+                   std::ranges::any_of(client.lines,
+                                       [&](const auto& line) { return line->replied_at > server->busy_at; });
         missed |= server->IsWell() && client.MayHave(*server) && !over_time;
     }
+    const size_t first = client.lines.size() <= client.repeats;  // that was tried, which is not told
     const std::tuple<std::string_view, bool, bool> reasons[] = {
         // with whether it is true, and whether a scan has been given up
         {"the bridge ends", bridge.stopping && (!all_came || client.lines.empty()), false},
-        {"sent a chunk", client.kind == Kind::kTooLong, false},
+        {"sent a chunk", client.words.ends_with('d'), false},
         {"sent an unknown", client.kind == Kind::kNoise, false},
         {"sent no command", silent && !began && client.read != client.RequestSize(), false},
         {"sent nothing", silent && began, false},
-        {"too slow", crowd > settings.clients && slow, false},
+        {"too slow", crowd > settings.clients && slow && net.now >= client.gated + 4s, false},
         {"no upstream server answered", none_well, false},
         {"no verdict within", over_time, true},
         {"not all of the data is kept", client.IsSqueezed(), true},
         {"; no further server may get it", client.IsUsedUp(true) || client.repeats >= 4, true},
-        {"no upstream server gave a verdict", all_asked, true},
+        {"no upstream server gave a verdict", all_asked && untried <= first, true},
         {"no upstream server calls a clean file clean", all_sick, true},
         {"no upstream server could be reached", all_tried && down_since && over(*down_since, settings.wait),
          true},
@@ -195,8 +209,10 @@ void World::LookAtServers() {
         const bool works = server.IsWell() ? server.fault_at < server.verdict_at
                                            : server.known && server.fault == Fault::kBusy &&
                                                  net.now < server.verdict_at + 4s;
-        Never(works && was_up && !server.up && !lacks && server.erred_at < server.verdict_at, server.name,
-              " gives verdicts, and is called down");
+        Never(server.up && server.told_down && !lacks, server.name, " is up, and the log calls it down");
+        Never(works && was_up && !server.up && !lacks && !server.other_errs &&
+                  server.erred_at < server.verdict_at,
+              server.name, " gives verdicts, and is called down");
         Never(!server.known && !server.up && net.now > server.listed_at + 5900ms &&
                   server.told_at < server.listed_at && !lacks,
               server.name, " is not known, and nobody is told");
@@ -209,8 +225,20 @@ void World::LookAtServers() {
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
         const Time ready = std::max(server.fault_at + (server.named ? kConnecting : 0s),
                                     server.listed_at + (server.named ? kLookedUp : 0s));
-        Never(!server.up && server.IsWell() && net.now > std::max(ready, lacked_at) + kKnowsAgain,
+        const Time down_at = server.other_errs ? std::max(ready + kKnowsAgain, server.turned_at) : ready;
+        Never(!server.up && server.IsWell() && net.now > std::max(down_at, lacked_at) + kKnowsAgain,
               server.name, " has been well for long and is not up");
+        const Time since = std::max(server.turned_at, server.listed_at);
+        Never(server.named && !server.up && !lookups_fail && !lacks && net.now > since + 1s &&
+                  server.looked_up + 400ms < since,
+              server.name, " is down, and its name is not looked up at once");
+        const Time silent_since = std::max(server.fault_at, server.listed_at);
+        const auto others = [&](const Server* other) {
+            return other != &server && other->up && other->turned_at < silent_since;
+        };
+        Never(server.up && server.fault == Fault::kDeaf && net.now > silent_since + 82s && !lacks &&
+                  std::ranges::any_of(list, others),
+              server.name, " has been silent for long, and is not called down");
     }
     down_since = any_up ? std::nullopt : std::optional(down_since.value_or(net.now));
 }
@@ -234,7 +262,7 @@ void World::LookAt(Client& client) {
     const Time idle_since = bridge.stopping.value_or(std::max(client.heard, client.due));
     Never(client.ended == Time{} && client.reading && now > idle_since + seconds(settings.idle), client.name,
           " has been silent for long, or the bridge is to end, and it is not closed");
-    client.gated = client.reading ? client.gated : now;
+    client.gated = client.reading || client.heard == now ? client.gated : now;
     Never(client.ended == Time{} && now > std::max({client.heard, client.gated, crowded_since}) + 12s,
           client.name, " says nothing while others wait, and is not closed");
     if (client.ended == Time{} || !client.Scans() || client.file == 0) {
@@ -273,6 +301,7 @@ void World::CheckTheEnd() {
     // The sum of all values of this name, or of those with this label.
     const auto sum = [&](const std::string& name) {
         double of_all = 0;
+        Never(stats.find("\nkestoav_" + name) == std::string::npos, "there is no number ", name);
         for (size_t at = 0; (at = stats.find("\nkestoav_" + name, at)) != std::string::npos; ++at) {
             of_all += std::atof(stats.c_str() + stats.find(' ', at));
         }

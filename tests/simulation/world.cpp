@@ -93,7 +93,7 @@ void World::SetList(uint64_t which) {
         if (listed != std::exchange(server->listed, listed)) {
             Tell(server->name, listed ? " is in the list" : " is taken out of the list");
             server->listed_at = net.now;
-            server->up = false;
+            server->up = server->told_down = false;
             server->Know(false);
         }
     }
@@ -123,7 +123,10 @@ void World::Step() {
     g_memory.inside = false;
     Never(net.at_this_moment > 1'000'000, "the bridge goes on for ever in one moment");
     Never(bridge.room.used > size_t{settings.keep} << 20, "more is kept than may be");
-    Never(bridge.scans > settings.clients, "more scans are under way than may be");
+    const auto answered =
+        std::ranges::count_if(let_in, &Client::answered, &std::shared_ptr<Client>::operator*);
+    Never(bridge.scans > std::min<size_t>(settings.clients, let_in.size() - static_cast<size_t>(answered)),
+          "more scans are under way than may be");
     lacked_at = failed != g_memory.failed ? net.now : lacked_at;
     LookAtServers();
     for (const auto& client : let_in) {
@@ -214,6 +217,7 @@ int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress
     World& world = *g_world;
     Dice& dice = world.net.dice;
     Server& server = *world.servers.at(static_cast<size_t>(std::atoi(name.c_str() + 1)));
+    server.looked_up = world.lookup_began;
     if (world.lookups_fail && dice.OneIn(2) && !world.calm) {
         return 11001;
     }
@@ -226,7 +230,7 @@ int LookUpName(const std::string& name, uint16_t port, std::vector<ServerAddress
         return 0;  // no other one
     }
     server.Know(server.known || world.lookup_began >= server.listed_at);
-    add(server.has_dead, server.At(9, true));
+    add(server.has_other, server.At(9, true));
     add(true, server.At(server.place, false));
     return 0;
 }

@@ -30,16 +30,19 @@ struct Server {
     bool Serves(const ServerLine& line) const;
 
     const size_t number;
-    bool named, has_dead;  // the latter: its name has another address first, where nobody is
-    uint64_t largest;      // file
+    bool named, has_other, other_errs;  // the second: its name has another address first, where nobody is,
+                                        // or somebody who only errs
+    uint64_t largest;                   // file
     Duration scan;
     double rate;       // of its lines
     std::string name;  // as set
     size_t place = 1;  // of its address
     Fault fault = Fault::kNone;
     bool known = true, listed = false, up = false;  // to the bridge: where it is, that it is, that it works
+    bool told_down = false;                         // by the log
     Time fault_at{}, listed_at{}, turned_at{}, busy_at{}, told_at{};  // the third: came up, or went down
     Time verdict_at{}, erred_at{}, scan_at{}, probed_at{};  // two were read, two written by the bridge
+    Time looked_up{};                                       // when the last lookup of its name began
     int lookups = 0, versions = 0;  // so many times its name was looked up, its version asked for
     int pauses = 0;                 // so many times it was called down with a pause
     unsigned failed = 0;            // scans in a row, by errors where another one gave a verdict
@@ -52,7 +55,7 @@ inline constexpr std::string_view kProbe("zINSTREAM\0\0\0\0\5clean\0\0\0\0", 23)
 struct ServerLine final : Line {
     ServerLine(Server* server, bool is_there) : server(server), is_there(is_there) {}
     void Resume();
-    bool Runs() const { return is_there && IsOpen() && !replied; }
+    bool Runs() const { return (is_there || server->other_errs) && IsOpen() && !replied; }
     bool IsProbe() const { return head == kProbe; }
     bool IsCurrent() const { return began >= server->listed_at; }  // and was not unlisted since
     bool IsWhole() const { return given == size; }                 // all of the scan was given to the system
