@@ -376,6 +376,12 @@ void Client::WasRead() {
     came = came == Time{} && read >= kScanCommand.size() ? net.now : came;
     squeezed |= g_world->reading + (g_world->bridge.clients.size() << 18) > size_t{g_world->settings.keep}
                                                                                 << 20;
+    uint64_t sent = 0;
+    for (const auto& line : lines) {
+        sent = std::max(sent, line->replied ? read : line->sent);
+    }
+    g_world->Never(Scans() && g_world->settings.keep == 0 && read > sent + (128 << 10), name,
+                   " has given more than a window holds");
     if (read == RequestSize()) {
         ended = due = told = alone_since = net.now;
     }

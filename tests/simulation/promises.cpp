@@ -255,6 +255,8 @@ void World::LookAt(Client& client) {
     if (client.answered || client.left || client.lacked) {
         return;
     }
+    Never(bridge.stopping && client.read == 0 && now > *bridge.stopping + kTick, client.name,
+          " has asked nothing, and keeps the bridge from its end");
     const bool crowded = crowd >= settings.clients;
     if (crowded && client.lines.empty()) {
         client.due = client.told = now;  // it may wait for a place
@@ -268,7 +270,7 @@ void World::LookAt(Client& client) {
     if (client.ended == Time{} || !client.Scans() || client.file == 0) {
         return;
     }
-    const auto longest_still = client.finishes && client.text.size() < 2 ? 4s : 16s;
+    const auto longest_still = client.finishes && client.text.size() < 2 ? 3s + 2 * kTick : 16s;
     Never(now > client.told + longest_still && client.text.size() < kVerdictBeginning.size(), client.name,
           " has waited for long without a byte");
     Never(now > client.due + seconds(settings.verdict), client.name, " is not told in time");
@@ -331,6 +333,7 @@ void World::CheckTheEnd() {
         {"repeats_total ", repeated, repeated},
         {"upstream_replies_total{", 0, attempts},
         {"scan_seconds_count ", told, told},
+        {"scan_seconds_sum ", told * 1e-6, told * 1e6},
         {"clients_limit ", settings.clients, settings.clients},
         {"upstream_up{", up, up},
         {"upstream_failures_total{", 0, attempts}};
