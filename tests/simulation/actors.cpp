@@ -133,6 +133,7 @@ void ServerLine::WasRead() {
     if (HasVerdict() && IsCurrent()) {
         server->verdict_at = net.now;
         server->failed = IsProbe() ? server->failed : 0;
+        server->pauses = IsProbe() || !server->up || sent != size ? server->pauses : 0;
     } else if (Erred()) {
         server->erred_at = net.now;
     }

@@ -48,6 +48,11 @@ void World::Repeats(Client& client, const Server& server) {
         Never(share > std::max<ptrdiff_t>(1, all / 10),
               "more than one scan in ten gets a second server that is busy");
     }
+    for (const auto& line : client.lines) {
+        const bool waits = line->closed && !line->broken && !line->forgotten && line->reply.empty();
+        Never(waits && line->sent == line->size && !lacks, client.name, " is taken from ", line->server->name,
+              ", which has got all of it");
+    }
     ++repeated;
     ++client.repeats;
     client.asked += server.name;
@@ -79,6 +84,9 @@ void World::Logs(const std::string& message) {
             Never(!lacks && pause > (server->listed ? 1 << std::min(server->pauses, 5) : 0), server->name,
                   " is tried again too late, or although it is not in the list");
             server->pauses += pause != 0;
+            Never(message.find(" down - ") != std::string::npos && pause == 0 && server->listed &&
+                      !server->named,
+                  server->name, " is never tried again");
             Never(message.find(" down - gave no reply") != std::string::npos && server->up &&
                       bridge.fleet.down_since,
                   server->name, " is the last one that is up, and is called down for its silence");

@@ -44,7 +44,7 @@ struct Server {
     Time verdict_at{}, erred_at{}, scan_at{}, probed_at{};  // two were read, two written by the bridge
     Time looked_up{};                                       // when the last lookup of its name began
     int lookups = 0, versions = 0;  // so many times its name was looked up, its version asked for
-    int pauses = 0;                 // so many times it was called down with a pause
+    int pauses = 0;                 // so many times it was called down with a pause since a scan's verdict
     unsigned failed = 0;            // scans in a row, by errors where another one gave a verdict
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
