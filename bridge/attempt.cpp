@@ -117,18 +117,16 @@ Task<Attempt> Attempt::Converse(std::shared_ptr<Attempt> self) {
     self->More();
     while (self->state_ == State::kTalking) {
         auto read = ReadSome(socket, asio::buffer(self->bytes_));
-        auto [failed, size] = co_await read;
-        if (self->state_ == State::kOver) {
-            break;
-        }
-        if (failed) {
-            size = LastBytes(socket, asio::buffer(self->bytes_));
-        }
-        self->TakeReply({self->bytes_.data(), size}, failed);
+        const auto [error, size] = co_await read;
+        self->TakeReply(error, size);
     }
 }
 
-void Attempt::TakeReply(std::string_view bytes, const asio::error_code& error) {
+void Attempt::TakeReply(const asio::error_code& error, size_t size) {
+    if (state_ == State::kOver) {
+        return;
+    }
+    const std::string_view bytes(bytes_.data(), error ? LastBytes(socket_, asio::buffer(bytes_)) : size);
     const size_t nul = bytes.find('\0');
     reply_.append(bytes.substr(0, nul));
     if (nul == std::string_view::npos) {
@@ -169,9 +167,6 @@ Task<Attempt> Attempt::Send(std::shared_ptr<Attempt> self) {
         const auto [error, size] = co_await write;
         self->step_until_ = Time::max();
         self->sending_ = 0;
-        if (self->state_ == State::kOver) {
-            co_return;
-        }
         if (error && self->state_ == State::kTalking) {
             // Reading will tell why, and may still find a reply.
             self->reply_until_ = std::min(self->reply_until_, Clock::now() + kLastWords);

@@ -44,7 +44,7 @@ class Attempt final : public std::enable_shared_from_this<Attempt> {
 
     static Task<Attempt> Converse(std::shared_ptr<Attempt> self);
     static Task<Attempt> Send(std::shared_ptr<Attempt> self);
-    void TakeReply(std::string_view bytes, const asio::error_code& error);
+    void TakeReply(const asio::error_code& error, size_t size);
     void CalledCleanTooEarly() {
         Finish({AttemptEnd::Kind::kBroken, "called the file clean before its end"});
     }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <exception>
 #include <new>
-#include <utility>
 
 #include "bridge/client.h"
 #include "common/bridge_log.h"
@@ -56,19 +55,12 @@ void Stop(Bridge& bridge, Time now) {
     }
 }
 
-void TakeUpNews(Bridge& bridge, Time now) {
+void GoOn(Bridge& bridge, Time now) {
     Sleeper::LetGoOn(bridge.woken, now);
     while (!bridge.queue.empty() && !IsFull(bridge)) {
         const std::shared_ptr<Client> first = bridge.queue.front();
         bridge.queue.pop_front();
         first->BeginQueued();
-    }
-    if (std::exchange(bridge.news, false)) {
-        ForEachClient(bridge, [](Client& client) {
-            if (client.Waits()) {
-                client.Wake();
-            }
-        });
     }
     Sleeper::LetGoOn(bridge.woken, now);
 }

@@ -31,7 +31,6 @@ struct Bridge {
     KeepRoom room;
     Metrics metrics;
     Sleeper::Woken woken;
-    bool news = false;                                    // waiting scans may find a server now
     std::map<uint64_t, std::shared_ptr<Client>> clients;  // by their numbers, in the order in which they came
     uint64_t arrived = 0;                                 // clients so far
     size_t scans = 0;                                     // under way
@@ -51,10 +50,10 @@ void Remove(Bridge& bridge, uint64_t number);
 // No client is let in any more: runs to the end of those that have asked something.
 void Stop(Bridge& bridge, Time now);
 
-// To be called when a handler has ended: whoever was woken goes on, and scans that waited for a server or a
-// place.
-void TakeUpNews(Bridge& bridge, Time now);
-void Tick(Bridge& bridge, Time now);  // every now and then
+// To be called when a handler has ended: whoever was woken goes on, and scans that waited for a place.
+void GoOn(Bridge& bridge, Time now);
+// Every now and then: time limits, and scans that wait for a server.
+void Tick(Bridge& bridge, Time now);
 
 // Of the exception that is handled; leaves out what there is no memory for.
 void LogException() noexcept;

@@ -78,9 +78,6 @@ Task<Client> Client::Read(std::shared_ptr<Client> self) {
         }
         auto read = ReadSome(self->socket_, asio::buffer(space.data(), space.size()));
         const auto [error, size] = co_await read;
-        if (self->phase_ == Phase::kClosed) {
-            break;
-        }
         if (error) {
             self->ReadingFailed(error);
             break;

@@ -44,7 +44,7 @@ KeptStream::~KeptStream() {
     }
 }
 
-bool KeptStream::AddBlock() {
+void KeptStream::AddBlock() {
     const bool first = size_ == 0;
     size_t capacity = first ? kFirstBlock : std::min(next_block_, kLargestBlock);
     const bool in_room = !first && !window_ && room_.used + capacity <= room_.limit;
@@ -52,19 +52,18 @@ bool KeptStream::AddBlock() {
         window_ = true;
         capacity = std::min(capacity, kWindow - std::min(held_, kWindow));
         if (capacity < kSmallestOfWindow) {
-            return false;
+            return;
         }
     }
     auto bytes = room_.NewBlock(capacity);
     if (!bytes) {
         window_ = true;
-        return false;
+        return;
     }
     blocks_.push_back({std::move(bytes), capacity, 0, in_room});
     room_.used += in_room ? capacity : 0;
     held_ += capacity;
     next_block_ = capacity * kGrowth;
-    return true;
 }
 
 void KeptStream::DropFirst() {
@@ -77,7 +76,10 @@ void KeptStream::DropFirst() {
 }
 
 std::span<uint8_t> KeptStream::Space() {
-    if ((blocks_.empty() || blocks_.back().size == blocks_.back().capacity) && !AddBlock()) {
+    if (blocks_.empty() || blocks_.back().size == blocks_.back().capacity) {
+        AddBlock();
+    }
+    if (blocks_.empty()) {
         return {};
     }
     Block& last = blocks_.back();

@@ -52,7 +52,7 @@ class KeptStream {
         size_t size;
         bool in_room;
     };
-    bool AddBlock();
+    void AddBlock();
     void DropFirst();
 
     KeepRoom& room_;

@@ -19,7 +19,7 @@ bool Loop::RunOnce(const std::function<void()>& let_in) {
         Tick(bridge_, now);
         bridge_.room.ShrinkSpare();
     }
-    TakeUpNews(bridge_, now);
+    GoOn(bridge_, now);
     Contain(let_in);
     return tick;
 }

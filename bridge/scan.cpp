@@ -106,7 +106,6 @@ void Scan::HearAttempts(Time now) {
                                                  " gave no verdict to " + name_ + " - " + end->text);
         }
         policy_.Ended(number, *end, now);
-        bridge_.news = true;
         attempts_[number].reset();
     }
 }

@@ -76,7 +76,6 @@ bool Upkeep::IsOver(const Errand& errand, Time now) {
             return false;
         }
         if (errand.is_probe) {
-            bridge_.news = true;
             NoteProbe(bridge_.fleet, server, *end, now);
         } else if (end->Replied()) {
             server.numbers.signatures = ReadSignatures(end->text);

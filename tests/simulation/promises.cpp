@@ -275,6 +275,9 @@ void World::LookAt(Client& client) {
     client.gated = client.reading || client.heard == now ? client.gated : now;
     Never(client.ended == Time{} && now > std::max({client.heard, client.gated, crowded_since}) + 12s,
           client.name, " says nothing while others wait, and is not closed");
+    const bool asks = client.kind == Kind::kPing || client.kind == Kind::kVersion;
+    Never(asks && client.ended != Time{} && now > client.ended + 5s * (servers.size() + 1) + 2 * kTick,
+          client.name, " waits for long for the reply to its question");
     if (client.ended == Time{} || !client.Scans() || client.file == 0) {
         return;
     }
