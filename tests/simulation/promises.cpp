@@ -61,35 +61,30 @@ void World::Repeats(Client& client, const Server& server) {
 
 void World::Logs(const std::string& message) {
     Tell("log: ", message);
-    const bool no_words = message.find("error 2") != std::string::npos;  // of the end of a connection
-    Never((message.ends_with(" - ") || message.ends_with("within ") || no_words) && !lacks,
-          "the log tells no reason");
-    Never(message.find("out of step") != std::string::npos && !lacks, "an exception: ", message);
-    constexpr std::string_view kPeer = "10.9.0.1:";
-    const size_t peer = message.find(kPeer);
-    const size_t number =
-        peer == std::string::npos ? 0 : std::strtoul(&message[peer + kPeer.size()], nullptr, 10);
-    Client& client = *clients.at(number);
+    const auto has = [&](const char* text) { return message.find(text) != std::string::npos; };
+    // The end of a connection, error 2, has words of its own.
+    const bool is_odd = message.ends_with(" - ") || message.ends_with("within ") || has("error 2");
+    Never((is_odd || has("out of step")) && !lacks, "a line without a reason, or of an exception: ", message);
+    const size_t peer = message.find("10.9.0.1:");
+    Client& client =
+        *clients.at(peer == std::string::npos ? 0 : std::strtoul(&message[peer + 9], nullptr, 10));
     for (const auto& server : servers) {
-        if (message.starts_with("scan of ") && message.ends_with("upstream " + server->name)) {
+        const std::string upstream = "upstream " + server->name;
+        if (message.starts_with("scan of ") && message.ends_with(upstream)) {
             Repeats(client, *server);
-        } else if (message.starts_with("upstream " + server->name)) {
+        } else if (message.starts_with(upstream)) {
+            const bool up = message.ends_with(" up"), down = has(" down - ");
             server->told_at = net.now;
-            server->told_down = !message.ends_with(" up") &&
-                                (server->told_down || message.find(" down - ") != std::string::npos);
-            Never(message.ends_with(" up") && !server->listed, server->name,
-                  " is called up, but not in the list");
+            server->told_down = !up && (server->told_down || down);
             const size_t again = message.find("again in ");
             const int pause = again == std::string::npos ? 0 : std::atoi(&message[again + 9]);
-            Never(!lacks && pause > (server->listed ? 1 << std::min(server->pauses, 5) : 0), server->name,
-                  " is tried again too late, or although it is not in the list");
+            const bool never = down && pause == 0 && !server->named;
+            Never(
+                !lacks && (server->listed ? never || pause > 1 << std::min(server->pauses, 5) : up || pause),
+                server->name, " is tried again too late or never, or is not in the list");
             server->pauses += pause != 0;
-            Never(message.find(" down - ") != std::string::npos && pause == 0 && server->listed &&
-                      !server->named,
-                  server->name, " is never tried again");
-            Never(message.find(" down - gave no reply") != std::string::npos && server->up &&
-                      bridge.fleet.down_since,
-                  server->name, " is the last one that is up, and is called down for its silence");
+            Never(has(" down - gave no reply") && server->up && bridge.fleet.down_since, server->name,
+                  " is the last one that is up, and is called down for its silence");
         }
     }
     refused += message.starts_with("refused ");
@@ -214,41 +209,45 @@ void World::LookAtServers() {
             server.turned_at = net.now;
             server.failed = 0;
         }
-        const bool works = server.IsWell() ? server.fault_at < server.verdict_at
-                                           : server.known && server.fault == Fault::kBusy &&
-                                                 net.now < server.verdict_at + 4s;
-        Never(server.up && server.told_down && !lacks, server.name, " is up, and the log calls it down");
-        Never(works && was_up && !server.up && !lacks && !server.other_errs &&
-                  server.erred_at < server.verdict_at,
-              server.name, " gives verdicts, and is called down");
-        Never(!server.known && !server.up && net.now > server.listed_at + 5900ms &&
-                  server.told_at < server.listed_at && !lacks,
-              server.name, " is not known, and nobody is told");
-        const bool is_sick = server.fault == Fault::kSick && server.number % 2 == 0;
-        const Time erred = std::max(server.probed_at + 20s, server.fault_at);
-        Never(server.up && is_sick && server.erred_at > erred && net.now > server.erred_at + 25s && !lacks,
-              server.name, " errs, and nobody asks why");
-        Never(server.up && server.failed >= 3, server.name, " fails scan after scan, and is not called down");
         std::erase_if(server.lines, [](const auto& line) { return !line->IsOpen(); });
         server.busy_at = !server.lines.empty() ? net.now : server.busy_at;
-        const Time ready = std::max(server.fault_at + (server.named ? kConnecting : 0s),
-                                    server.listed_at + (server.named ? kLookedUp : 0s));
-        const Time down_at = server.other_errs ? std::max(ready + kKnowsAgain, server.turned_at) : ready;
-        Never(!server.up && server.IsWell() && net.now > std::max(down_at, lacked_at) + kKnowsAgain,
-              server.name, " has been well for long and is not up");
-        const Time since = std::max(server.turned_at, server.listed_at);
-        Never(server.named && !server.up && !lookups_fail && !lacks && net.now > since + 1s &&
-                  server.looked_up + 400ms < since,
-              server.name, " is down, and its name is not looked up at once");
-        const Time silent_since = std::max(server.fault_at, server.listed_at);
-        const auto others = [&](const Server* other) {
-            return other != &server && other->up && other->turned_at < silent_since;
-        };
-        Never(server.up && server.fault == Fault::kDeaf && net.now > silent_since + 82s && !lacks &&
-                  std::ranges::any_of(list, others),
-              server.name, " has been silent for long, and is not called down");
+        LookAt(server, was_up);
     }
     down_since = any_up ? std::nullopt : std::optional(down_since.value_or(net.now));
+}
+
+void World::LookAt(const Server& server, bool was_up) {
+    const Time now = net.now;
+    const Time ready = std::max(server.fault_at + (server.named ? kConnecting : 0s),
+                                server.listed_at + (server.named ? kLookedUp : 0s));
+    const Time down_at = server.other_errs ? std::max(ready + kKnowsAgain, server.turned_at) : ready;
+    Never(!server.up && server.IsWell() && now > std::max(down_at, lacked_at) + kKnowsAgain, server.name,
+          " has been well for long and is not up");
+    if (lacks) {
+        return;
+    }
+    Never(server.up && server.told_down, server.name, " is up, and the log calls it down");
+    const bool is_busy = server.known && server.fault == Fault::kBusy && now < server.verdict_at + 4s;
+    const bool works = server.IsWell() ? server.fault_at < server.verdict_at : is_busy;
+    Never(works && was_up && !server.up && !server.other_errs && server.erred_at < server.verdict_at,
+          server.name, " gives verdicts, and is called down");
+    Never(!server.known && !server.up && now > server.listed_at + 5900ms && server.told_at < server.listed_at,
+          server.name, " is not known, and nobody is told");
+    const bool is_sick = server.fault == Fault::kSick && server.number % 2 == 0;
+    const Time erred = std::max(server.probed_at + 20s, server.fault_at);
+    Never(server.up && is_sick && server.erred_at > erred && now > server.erred_at + 25s, server.name,
+          " errs, and nobody asks why");
+    Never(server.up && server.failed >= 3, server.name, " fails scan after scan, and is not called down");
+    const Time since = std::max(server.turned_at, server.listed_at);
+    Never(server.named && !server.up && !lookups_fail && now > since + 1s && server.looked_up + 400ms < since,
+          server.name, " is down, and its name is not looked up at once");
+    const Time silent = std::max(server.fault_at, server.listed_at);
+    const auto works_on = [&](const Server* other) {
+        return other != &server && other->up && other->turned_at < silent;
+    };
+    Never(server.up && server.fault == Fault::kDeaf && now > silent + 82s &&
+              std::ranges::any_of(list, works_on),
+          server.name, " has been silent for long, and is not called down");
 }
 
 void World::LookAt(Client& client) {

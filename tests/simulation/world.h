@@ -167,6 +167,7 @@ struct World {
     void Closes(Client& client);
     void GivesUp(const Client& client);
     void LookAtServers();
+    void LookAt(const Server& server, bool was_up);
     void LookAt(Client& client);
     void CheckTheEnd();
 
