@@ -42,7 +42,6 @@ class KeptStream {
     std::span<const uint8_t> Piece(uint64_t position) const;
 
     // There was no room: bytes go as they are released.
-    bool IsWindow() const { return window_; }
     void Release(uint64_t position);  // of a window, those before the position
 
  private:

@@ -88,7 +88,6 @@ void Scan::Begin(const ServerPtr& server) {
 }
 
 void Scan::HearAttempts(Time now) {
-    FreeWindow();
     for (size_t number = 0; number < attempts_.size(); ++number) {
         const std::shared_ptr<Attempt>& attempt = attempts_[number];
         if (!attempt) {
@@ -110,13 +109,9 @@ void Scan::HearAttempts(Time now) {
     }
 }
 
-// A window releases what its server has received. From then on no other server can take over. It has one
-// attempt at a time: a second one begins only when the stream has ended, and then nothing is released any
-// more.
+// A window that is full releases what its server has received. From then on no other server can take over.
+// It has one attempt at a time: a second one begins only when the stream has ended.
 void Scan::FreeWindow() {
-    if (!stream_->IsWindow() || stream_->Ended()) {
-        return;
-    }
     for (const auto& attempt : attempts_) {
         if (attempt && attempt->Sent() != 0) {
             policy_.NotRepeatable();

@@ -374,7 +374,7 @@ void Client::Content(uint64_t at, std::span<uint8_t> to) {
 
 void Client::WasRead() {
     heard = net.now;
-    came = came == Time{} && read >= kScanCommand.size() ? net.now : came;
+    came = came == Time{} && read >= std::min(kScanCommand.size(), RequestSize()) ? net.now : came;
     squeezed |= g_world->reading + (g_world->bridge.clients.size() << 18) > size_t{g_world->settings.keep}
                                                                                 << 20;
     uint64_t sent = 0;
