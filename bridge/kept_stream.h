@@ -41,8 +41,8 @@ class KeptStream {
     // The bytes from this position on as far as they lie together; empty when there are none yet, or no more.
     std::span<const uint8_t> Piece(uint64_t position) const;
 
-    // There was no room: bytes go as they are released.
-    void Release(uint64_t position);  // of a window, those before the position
+    // When there was no room for all of it: the bytes before this position may go.
+    void Release(uint64_t position);
 
  private:
     struct Block {
