@@ -79,9 +79,10 @@ void World::Logs(const std::string& message) {
             const size_t again = message.find("again in ");
             const int pause = again == std::string::npos ? 0 : std::atoi(&message[again + 9]);
             const bool never = down && pause == 0 && !server->named;
-            Never(
-                !lacks && (server->listed ? never || pause > 1 << std::min(server->pauses, 5) : up || pause),
-                server->name, " is tried again too late or never, or is not in the list");
+            const bool hurries = bridge.fleet.down_since && bridge.fleet.scans_wait();
+            Never(!lacks && (server->listed ? never || pause > 1 << std::min(server->pauses, hurries ? 1 : 5)
+                                            : up || pause),
+                  server->name, " is tried again too late or never, or is not in the list");
             server->pauses += pause != 0;
             Never(has(" down - gave no reply") && server->up && bridge.fleet.down_since, server->name,
                   " is the last one that is up, and is called down for its silence");
