@@ -16,6 +16,7 @@
 #include <asio/use_awaitable.hpp>
 #include <cstdio>
 #include <map>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -67,7 +68,7 @@ struct ServerTalks::Loop {
     explicit Loop(Deadline end) : deadline(end) {}
     const Deadline deadline;
     asio::io_context io{1};
-    std::map<std::string, Addresses> known;  // names that have been looked up
+    std::map<std::string, std::pair<int, Addresses>> known;  // results of the lookups so far, by names
 };
 
 class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
@@ -144,13 +145,10 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
     // Returns the system's error code.
     awaitable<int> FindAddresses(Addresses& addresses) {
         const std::string& host = question_.server.host;
-        const auto number = asio::ip::make_address(host, error_);
+        asio::error_code is_name;
+        addresses = {asio::ip::make_address(host, is_name)};
         int error = 0;
-        if (!error_) {
-            addresses = {number};
-        } else if (loop_->known.contains(host)) {
-            addresses = loop_->known[host];
-        } else {
+        if (is_name && !loop_->known.contains(host)) {
             const bool runs = RunDetached([talk = weak_from_this(), loop = loop_, host] {
                 std::vector<ServerAddress> named;
                 const int failed = LookUpName(host, 0, named);
@@ -171,8 +169,10 @@ class ServerTalks::Talk : public std::enable_shared_from_this<Talk> {
             } else {
                 lookup_.first = WSA_NOT_ENOUGH_MEMORY;
             }
-            error = lookup_.first;
-            addresses = loop_->known[host] = lookup_.second;
+            loop_->known[host] = lookup_;
+        }
+        if (is_name) {
+            std::tie(error, addresses) = loop_->known[host];
         }
         if (question_.as_the_plug_in) {
             std::erase_if(addresses, [](const auto& address) { return !address.is_v4(); });
