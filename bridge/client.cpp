@@ -141,7 +141,6 @@ void Client::TakeStream(uint8_t* bytes, size_t size) {
 void Client::BeginQueued() {
     if (phase_ == Phase::kQueued) {
         Try([this] {
-            phase_ = Phase::kOpening;
             heard_ = Clock::now();
             TakeOpening(opening_->Space().data(), opened_);
             space_.Open();
