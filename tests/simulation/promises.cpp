@@ -108,7 +108,10 @@ void World::Replies(Client& client) {
     const ScanAnswer answer = ReadScanAnswer(reply);
     const bool verdict = answer != ScanAnswer::kNoVerdict;
     ++replies[static_cast<size_t>(answer)];
-    verdict ? CountFailures(client) : void();
+    for (const auto& line : client.lines) {
+        line->server->failed +=
+            verdict && line->Erred() && line->IsCurrent() && line->replied_at > line->server->verdict_at;
+    }
     constexpr std::string_view kBefore = "no verdict: ";
     const bool marked = reply.starts_with(kBefore) && client.WasTold(reply.substr(kBefore.size()));
     Never(client.file != 0 && !client.WasTold(reply) && !marked, client.name,
@@ -117,16 +120,6 @@ void World::Replies(Client& client) {
           " gets an error that looks like a verdict");
     if (!verdict && net.now > client.ended + kTick) {  // otherwise it was given up before
         GivesUp(client);
-    }
-}
-
-// Whose errors were not the file's fault, and who was silent all the time.
-void World::CountFailures(const Client& client) const {
-    for (const auto& line : client.lines) {
-        const Time since = std::max(client.ended, line->began) + 2 * kLate + kTick,
-                   seen = line->server->verdict_at;
-        const bool silent = line->Runs() && line->sent == line->size && net.now > since && seen < line->began;
-        line->server->failed += line->IsCurrent() && (silent || (line->Erred() && line->replied_at > seen));
     }
 }
 
@@ -172,7 +165,6 @@ void World::GivesUp(const Client& client) {
         all_asked &= !line->Erred() || !line->server->up || lacks || client.IsUsedUp(true) ||
                      line->replied_at < std::max(line->server->probed_at + 20s, net.now - 5s);
     }
-    over_time ? CountFailures(client) : void();
     for (const Server* server : list) {
         none_well &= !server->IsWell() || std::max(server->fault_at, server->listed_at) >= client.came;
         all_asked &= !server->up || client.HasAsked(*server);

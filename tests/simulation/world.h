@@ -164,7 +164,6 @@ struct World {
     void Repeats(Client& client, const Server& server);
     void Logs(const std::string& message);
     void Replies(Client& client);
-    void CountFailures(const Client& client) const;
     void Closes(Client& client);
     void GivesUp(const Client& client);
     void LookAtServers();
