@@ -48,11 +48,11 @@ struct BridgeProcess {
 TEST(BridgeEnd, ComesAfterTheRunningScans) {
     ScriptedEngine clamd(ReplyingBytes("", Then::kHolds));
     BridgeProcess bridge(clamd.Address(), "idle=1");
-    Wire scanning(ConnectToLoopback(bridge.port)), trickling(ConnectToLoopback(bridge.port));
+    Wire scanning(bridge.port), trickling(bridge.port);
     scanning.Send(ScanRequestOf("data"));
     trickling.Send(WithNul("zINSTREAM"));
     EXPECT_TRUE(WaitFor([&] { return clamd.Requests().size() == 1; }));
-    Wire late(ConnectToLoopback(bridge.port));
+    Wire late(bridge.port);
     EXPECT_EQ(bridge.Restart(), "0: Restarted\n");
     EXPECT_THAT(bridge.Command("zSTATS"), HasSubstr("\nkestoav_worker_starts_total 2\n"));
     clamd.Play(Realistic());
@@ -103,7 +103,7 @@ TEST_F(GuardTest, StartsWorkersAnewAndHangsUpWhileNoneCanServe) {
         EXPECT_EQ(Scan(), kFound);  // waits for the next worker
     }
     for (int i = 0; i < 300; ++i) {
-        Wire(ConnectToLoopback(bridge.port)).Close(true);
+        Wire(bridge.port).Close(true);
     }
     EXPECT_EQ(bridge.Command("zPING"), WithNul("PONG"));
     EXPECT_THAT(bridge.Command("zSTATS"), HasSubstr("\nkestoav_worker_starts_total 4\n"));
@@ -116,7 +116,7 @@ TEST_F(GuardTest, StartsWorkersAnewAndHangsUpWhileNoneCanServe) {
     EXPECT_EQ(Scan(), kFound);  // the old one goes on
     it.EndPrograms(it.worker);
     EXPECT_TRUE(WaitFor([&] { return Scan().empty(); }));
-    Wire large(ConnectToLoopback(bridge.port));  // is let finish, which a reset would not
+    Wire large(bridge.port);  // is let finish, which a reset would not
     EXPECT_TRUE(large.Send(ScanRequestOf(std::string(3'000'000, 'd'))));
     const std::string log = bridge.Log(), told = "cannot start - bridge.ini line 5: idle=soon";
     EXPECT_EQ(log.find(told), log.rfind(told));

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "common/processes.h"
+#include "tests/support/scripted_engine.h"
 
 namespace kesto {
 namespace {

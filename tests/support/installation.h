@@ -13,9 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/loopback/loopback.h"
-// windows.h, in what follows, must come after winsock2.h.
 #include "tests/support/program_run.h"
+#include "tests/support/wait_for.h"
 
 namespace kesto {
 
