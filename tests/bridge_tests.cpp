@@ -6,6 +6,7 @@
 
 #include "common/guard_words.h"
 #include "common/owned_handle.h"
+#include "common/processes.h"
 #include "common/worker_orders.h"
 #include "tests/support/plugin_host.h"
 
@@ -28,7 +29,7 @@ struct BridgeProcess {
         EXPECT_TRUE(WaitFor([this] { return !Command("zSTATS").empty(); })) << Log();
     }
     void WriteIni(const std::string& text) const { WriteFile(home.engine_folder / "bridge.ini", text); }
-    std::string Log(const char* name = "bridge.log") const { return ReadText(home.engine_folder / name); }
+    std::string Log(const char* name = "bridge.log") const { return ReadFile(home.engine_folder / name); }
     // Whether its log holds the text, or will.
     bool Tells(const std::string& text, const char* log = "bridge.log") const {
         return WaitFor([&] { return Log(log).find(text) != std::string::npos; });
@@ -130,7 +131,7 @@ TEST_F(GuardTest, EndsWithItsWorkerAndIsTheOneThatHasThePort) {
     const auto program = it.engine_folder / bridge.kProgram;
     EXPECT_EQ(ProgramRun(program).Told(), "0: ");
     bridge.run.reset();
-    EXPECT_TRUE(WaitFor([&] { return it.ProcessesOf(it.worker).empty(); }, std::chrono::seconds(1)));
+    EXPECT_TRUE(WaitFor([&] { return ProcessesOf(it.worker).empty(); }, std::chrono::seconds(1)));
     // Another program has made the pipe before.
     OwnedHandle pipe = Own(CreateNamedPipeW(GuardPipe(it.engine_folder).c_str(), PIPE_ACCESS_DUPLEX,
                                             PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
@@ -154,7 +155,7 @@ TEST_F(GuardTest, KeepsTheOldWorkerWhereNoNewOneComesUp) {
     }
     EXPECT_THAT(bridge.Log(), HasSubstr("cannot start - cannot take over the socket of kestoav.exe - "));
     std::filesystem::rename(it.worker, it.top / "kestobridge-old.exe");
-    it.PlaceStandIn(it.worker, "wait");
+    it.PlaceStandIn(it.worker);
     EXPECT_THAT(bridge.Restart(), HasSubstr("gave no sign of life for 10 s"));
     EXPECT_TRUE(WaitFor([&] { return DeleteFileW(it.worker.c_str()); }));  // so it does not run
     EXPECT_THAT(bridge.Restart(), HasSubstr("cannot start kestobridge.exe - File not found (2)"));

@@ -126,13 +126,6 @@ void** ImportPatch::FindSlot(void* module, const char* name) {
     throw std::runtime_error(std::string(name) + " is not imported");
 }
 
-void ImportPatch::Write(void* function) {
-    DWORD before;
-    VirtualProtect(slot_, sizeof *slot_, PAGE_READWRITE, &before);
-    *slot_ = function;
-    VirtualProtect(slot_, sizeof *slot_, before, &before);
-}
-
 FakeSystem::FakeSystem(void* plugin)
     : patches_{{plugin, "GetTickCount", TickCount},
                {plugin, "Sleep", Pause},

@@ -23,12 +23,6 @@ std::string ReadFile(const std::filesystem::path& path) {
     return content.str();
 }
 
-std::string ReadText(const std::filesystem::path& path) {
-    std::string text = ReadFile(path);
-    std::erase(text, '\r');
-    return text;
-}
-
 void WriteFile(const std::filesystem::path& path, std::string_view content) {
     std::ofstream(path, std::ios::binary) << content;
 }

@@ -13,7 +13,6 @@ namespace kesto {
 // Where the programs were built: kestoscan.exe, CLAMDLL.dll, kestoav.exe, tests\engine_child.exe.
 std::filesystem::path BuiltFolder();
 std::string ReadFile(const std::filesystem::path& path);  // empty when there is none
-std::string ReadText(const std::filesystem::path& path);  // with bare line feeds
 void WriteFile(const std::filesystem::path& path, std::string_view content);
 
 class ProgramRun {

@@ -11,15 +11,6 @@
 namespace kesto {
 using namespace host;
 
-namespace {
-
-// A child process that inherited a socket would keep it open after we have closed it.
-void KeepFromChildren(SOCKET socket) {
-    SetHandleInformation(reinterpret_cast<HANDLE>(socket), HANDLE_FLAG_INHERIT, 0);
-}
-
-}  // namespace
-
 uint16_t FreePort() {
     asio::io_context sockets;
     return tcp::acceptor(sockets, Loopback(0), false).local_endpoint().port();
@@ -27,7 +18,8 @@ uint16_t FreePort() {
 
 Wire::Wire(tcp::acceptor& listener) {
     listener.accept(socket_, gone_);
-    KeepFromChildren(socket_.native_handle());
+    // A child process that inherited the socket would keep it open after we have closed it.
+    SetHandleInformation(reinterpret_cast<HANDLE>(SOCKET{socket_.native_handle()}), HANDLE_FLAG_INHERIT, 0);
 }
 
 bool Wire::Send(std::string_view bytes) {
@@ -72,12 +64,6 @@ EngineRequest Wire::ReceiveRequest() {
     return Request();
 }
 
-void Wire::ReplyAndHangUp(std::string_view text) {
-    Send(WithNul(text));
-    FinishSending();
-    Receive();
-}
-
 void Wire::Close(bool hard) {
     socket_.set_option(tcp::socket::linger(hard, 0), gone_);
     socket_.close(gone_);
@@ -104,12 +90,12 @@ EngineScript Realistic(ClamdTraits traits) {
         const std::string data = traits.shifted ? ShiftedDown(request.data, -1) : request.data;
         const auto holds = [&](const char* word) { return data.find(word) != std::string::npos; };
         if (request.whole) {
-            wire.ReplyAndHangUp(request.command == "zPING"                    ? "PONG"
-                                : request.command == "zVERSION"               ? traits.version
-                                : request.command != "zINSTREAM"              ? "UNKNOWN COMMAND"
-                                : holds("GARBLE")                             ? "what?"
-                                : data == EicarTestString() || holds("VIRUS") ? "stream: Test.Virus FOUND"
-                                                                              : "stream: OK");
+            Replying(request.command == "zPING"                    ? "PONG"
+                     : request.command == "zVERSION"               ? traits.version
+                     : request.command != "zINSTREAM"              ? "UNKNOWN COMMAND"
+                     : holds("GARBLE")                             ? "what?"
+                     : data == EicarTestString() || holds("VIRUS") ? "stream: Test.Virus FOUND"
+                                                                   : "stream: OK")(wire);
         }
     };
 }
@@ -123,7 +109,7 @@ std::string VersionOfDaysAgo(int days) {
 
 ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port)
     : script_(std::move(script)), listener_(sockets_, Loopback(port), false) {
-    KeepFromChildren(listener_.native_handle());
+    SetHandleInformation(reinterpret_cast<HANDLE>(SOCKET{listener_.native_handle()}), HANDLE_FLAG_INHERIT, 0);
     accepting_ = std::jthread([this](std::stop_token killed) { Accept(killed); });
 }
 

@@ -46,8 +46,6 @@ class Wire {
     // For scripts: a whole request, or as much of one as came.
     EngineRequest ReceiveRequest();
     EngineRequest Request() const;  // what has come so far; any thread may ask
-    // For scripts: sends a text with its NUL, then waits for the client to close.
-    void ReplyAndHangUp(std::string_view text);
     // For scripts: neither reads nor writes until the end.
     void Hold() { waits_.run(); }
     void FinishSending() { socket_.shutdown(tcp::socket::shutdown_send, gone_); }
