@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
@@ -24,7 +23,6 @@ class ImportPatch {
     }
     ~ImportPatch() { *slot_ = original_; }
     ImportPatch(const ImportPatch&) = delete;
-    ImportPatch& operator=(const ImportPatch&) = delete;
 
  private:
     // Where the loader has put the function's address. The compiler's linker lets it be written.

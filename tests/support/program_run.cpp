@@ -7,11 +7,6 @@
 #include "common/program_folder.h"
 
 namespace kesto {
-namespace {
-
-constexpr DWORD kLongestRunMs = 40'000;  // longer than a check may take
-
-}  // namespace
 
 std::filesystem::path BuiltFolder() {
     return std::filesystem::path(ProgramFolder()).parent_path();

@@ -13,13 +13,11 @@ constexpr std::chrono::milliseconds kTestLimit{10000};
 // Asks until the condition holds; false when the limit passes first.
 inline bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = kTestLimit) {
     const auto until = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > until) {
-            return false;
-        }
+    bool holds = condition();
+    for (; !holds && std::chrono::steady_clock::now() < until; holds = condition()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    return true;
+    return holds;
 }
 
 }  // namespace kesto
