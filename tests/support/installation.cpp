@@ -4,6 +4,7 @@
 #include <psapi.h>
 
 #include <fstream>
+#include <iostream>
 #include <span>
 #include <thread>
 
@@ -20,7 +21,7 @@ class Watch : public testing::Environment {
         const auto limit = 10 * kTestLimit * testing::UnitTest::GetInstance()->test_to_run_count();
         std::thread([limit] {
             std::this_thread::sleep_for(limit);
-            fputs("the test hangs\n", stderr);
+            std::cerr << "the test hangs\n";
             TerminateProcess(GetCurrentProcess(), 1);
         }).detach();
     }
