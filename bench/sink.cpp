@@ -39,9 +39,9 @@ void ServeConnections(SOCKET listener) {
 void ServeSink(uint16_t port) {
     asio::io_context sockets;
     tcp::acceptor listener(sockets, Loopback(port), false);
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 16; ++i) {
-        threads.emplace_back(ServeConnections, listener.native_handle());
+    std::jthread threads[16];
+    for (std::jthread& each : threads) {
+        each = std::jthread(ServeConnections, listener.native_handle());
     }
 }
 

@@ -1,7 +1,5 @@
 #include "tests/support/fake_system.h"
 
-#include <psapi.h>
-
 #include <cstring>
 #include <stdexcept>
 

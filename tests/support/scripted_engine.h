@@ -58,7 +58,7 @@ class Wire {
 
     mutable std::mutex guard_;  // of what has come
     std::string raw_;
-    char piece_[65536];
+    char piece_[65536] = {};
     asio::error_code gone_;
     asio::io_context waits_;
     asio::executor_work_guard<asio::io_context::executor_type> lasting_{waits_.get_executor()};
