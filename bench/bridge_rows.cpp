@@ -26,7 +26,7 @@ void MeasureOpenScans(Bench& bench, const StartedBridge& bridge) {
     constexpr double kKeptKilobytes = 128 * 1024, kBesideKilobytes = 10 * 1024;
     const double before = bridge.WorkingSetKilobytes();
     const double all_taken = BytesTaken(bridge.port) + double{kScans} * kSize;
-    std::vector<SOCKET> connections;
+    std::vector<tcp::socket> connections;
     for (size_t i = 0; i < kScans; ++i) {
         connections.push_back(ConnectTo(bridge.port));
         SendAll(connections.back(), kScanCommand);
@@ -40,9 +40,6 @@ void MeasureOpenScans(Bench& bench, const StartedBridge& bridge) {
                           .unit = "KB",
                           .value = bridge.WorkingSetKilobytes() - before,
                           .most = kKeptKilobytes + kBesideKilobytes});
-    for (SOCKET connection : connections) {
-        closesocket(connection);
-    }
 }
 
 void MeasureBridgeThroughput(Bench& bench, const StartedPlugin& through, const StartedPlugin& direct) {

@@ -70,10 +70,7 @@ int main(int argc, char** argv) {
         CLI::App* sink = app.add_subcommand("sink", "Serves as the sink");
         sink->add_option("port", port)->required();
         CLI11_PARSE(app, argc, argv);
-        if (sink->parsed()) {
-            return kesto::ServeSink(port);
-        }
-        kesto::Measure(options);
+        sink->parsed() ? kesto::ServeSink(port) : kesto::Measure(options);
         return 0;
     } catch (const std::exception& failure) {
         std::cerr << "bench: " << failure.what() << '\n';

@@ -1,12 +1,14 @@
 #include "bench/sink.h"
 
 #include <algorithm>
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "base/clamd_words.h"
-#include "tests/loopback/loopback.h"
+#include "tests/support/scripted_engine.h"
 
 namespace kesto {
 namespace {
@@ -34,13 +36,13 @@ void ServeConnections(SOCKET listener) {
 
 }  // namespace
 
-int ServeSink(uint16_t port) {
-    const SOCKET listener = ListenOnLoopback(port);
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 16 && listener != INVALID_SOCKET; ++i) {
-        threads.emplace_back(ServeConnections, listener);
+void ServeSink(uint16_t port) {
+    asio::io_context sockets;
+    tcp::acceptor listener(sockets, Loopback(port), false);
+    std::jthread threads[16];
+    for (std::jthread& each : threads) {
+        each = std::jthread(ServeConnections, listener.native_handle());
     }
-    return 1;
 }
 
 }  // namespace kesto

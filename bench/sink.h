@@ -5,7 +5,7 @@
 
 namespace kesto {
 
-// Serves the loopback port until the process is ended; returns 1 when it cannot listen there.
-int ServeSink(uint16_t port);
+// Serves the loopback port until the process is ended; throws when it cannot listen there.
+void ServeSink(uint16_t port);
 
 }  // namespace kesto

@@ -1,46 +1,52 @@
 #include "bench/wire.h"
 
 #include <algorithm>
+#include <asio/buffer.hpp>
+#include <asio/io_context.hpp>
+#include <asio/read_until.hpp>
+#include <asio/write.hpp>
 #include <stdexcept>
 #include <string>
 
 #include "base/clamd_words.h"
-#include "tests/loopback/loopback.h"
+#include "tests/support/scripted_engine.h"
+#include "tests/support/wait_for.h"
 
 namespace kesto {
+namespace {
 
-SOCKET ConnectTo(uint16_t port) {
-    const SOCKET connection = ConnectToLoopback(port);
-    if (connection == INVALID_SOCKET) {
-        throw std::runtime_error("port " + std::to_string(port) + " does not accept");
-    }
+asio::io_context g_sockets;
+
+}  // namespace
+
+tcp::socket ConnectTo(uint16_t port) {
+    tcp::socket connection(g_sockets);
+    connection.connect(Loopback(port));
     return connection;
 }
 
 void WaitForListener(uint16_t port) {
     const auto listens = [port] {
-        const SOCKET connection = ConnectToLoopback(port);
-        return connection != INVALID_SOCKET && closesocket(connection) == 0;
+        asio::error_code refused;
+        tcp::socket(g_sockets).connect(Loopback(port), refused);
+        return !refused;
     };
     if (!WaitFor(listens)) {
         throw std::runtime_error("nothing listens on port " + std::to_string(port));
     }
 }
 
-void SendAll(SOCKET connection, std::string_view bytes) {
-    const int count = static_cast<int>(bytes.size());
-    if (send(connection, bytes.data(), count, 0) != count) {
-        throw std::runtime_error("a send failed: error " + std::to_string(WSAGetLastError()));
-    }
+void SendAll(tcp::socket& connection, std::string_view bytes) {
+    asio::write(connection, asio::buffer(bytes));
 }
 
-void SendLength(SOCKET connection, size_t length) {
+void SendLength(tcp::socket& connection, size_t length) {
     const uint32_t prefix = htonl(static_cast<u_long>(length));
     SendAll(connection, {reinterpret_cast<const char*>(&prefix), sizeof prefix});
 }
 
 void SendBare(uint16_t port, std::string_view data) {
-    const SOCKET connection = ConnectTo(port);
+    tcp::socket connection = ConnectTo(port);
     SendAll(connection, kScanCommand);
     for (; !data.empty(); data.remove_prefix(std::min<size_t>(kChunkSize, data.size()))) {
         const std::string_view chunk = data.substr(0, kChunkSize);
@@ -50,11 +56,7 @@ void SendBare(uint16_t port, std::string_view data) {
     SendLength(connection, 0);
     // On a busy machine the bridge sends a verdict's beginning first.
     std::string reply;
-    char part[20];
-    for (int count = 1; count > 0 && !reply.ends_with('\0'); reply.append(part, static_cast<size_t>(count))) {
-        count = std::max(recv(connection, part, sizeof part, 0), 0);
-    }
-    closesocket(connection);
+    asio::read_until(connection, asio::dynamic_buffer(reply), '\0');
     if (reply != std::string(kCleanReply) + '\0') {
         throw std::runtime_error("the sink did not reply to a bare sender");
     }

@@ -6,6 +6,7 @@
 
 #include "common/guard_words.h"
 #include "common/owned_handle.h"
+#include "common/processes.h"
 #include "common/worker_orders.h"
 #include "tests/support/plugin_host.h"
 
@@ -28,7 +29,7 @@ struct BridgeProcess {
         EXPECT_TRUE(WaitFor([this] { return !Command("zSTATS").empty(); })) << Log();
     }
     void WriteIni(const std::string& text) const { WriteFile(home.engine_folder / "bridge.ini", text); }
-    std::string Log(const char* name = "bridge.log") const { return ReadText(home.engine_folder / name); }
+    std::string Log(const char* name = "bridge.log") const { return ReadFile(home.engine_folder / name); }
     // Whether its log holds the text, or will.
     bool Tells(const std::string& text, const char* log = "bridge.log") const {
         return WaitFor([&] { return Log(log).find(text) != std::string::npos; });
@@ -48,11 +49,11 @@ struct BridgeProcess {
 TEST(BridgeEnd, ComesAfterTheRunningScans) {
     ScriptedEngine clamd(ReplyingBytes("", Then::kHolds));
     BridgeProcess bridge(clamd.Address(), "idle=1");
-    Wire scanning(ConnectToLoopback(bridge.port)), trickling(ConnectToLoopback(bridge.port));
+    Wire scanning(bridge.port), trickling(bridge.port);
     scanning.Send(ScanRequestOf("data"));
     trickling.Send(WithNul("zINSTREAM"));
     EXPECT_TRUE(WaitFor([&] { return clamd.Requests().size() == 1; }));
-    Wire late(ConnectToLoopback(bridge.port));
+    Wire late(bridge.port);
     EXPECT_EQ(bridge.Restart(), "0: Restarted\n");
     EXPECT_THAT(bridge.Command("zSTATS"), HasSubstr("\nkestoav_worker_starts_total 2\n"));
     clamd.Play(Realistic());
@@ -103,7 +104,7 @@ TEST_F(GuardTest, StartsWorkersAnewAndHangsUpWhileNoneCanServe) {
         EXPECT_EQ(Scan(), kFound);  // waits for the next worker
     }
     for (int i = 0; i < 300; ++i) {
-        Wire(ConnectToLoopback(bridge.port)).Close(true);
+        Wire(bridge.port).Close(true);
     }
     EXPECT_EQ(bridge.Command("zPING"), WithNul("PONG"));
     EXPECT_THAT(bridge.Command("zSTATS"), HasSubstr("\nkestoav_worker_starts_total 4\n"));
@@ -116,7 +117,7 @@ TEST_F(GuardTest, StartsWorkersAnewAndHangsUpWhileNoneCanServe) {
     EXPECT_EQ(Scan(), kFound);  // the old one goes on
     it.EndPrograms(it.worker);
     EXPECT_TRUE(WaitFor([&] { return Scan().empty(); }));
-    Wire large(ConnectToLoopback(bridge.port));  // is let finish, which a reset would not
+    Wire large(bridge.port);  // is let finish, which a reset would not
     EXPECT_TRUE(large.Send(ScanRequestOf(std::string(3'000'000, 'd'))));
     const std::string log = bridge.Log(), told = "cannot start - bridge.ini line 5: idle=soon";
     EXPECT_EQ(log.find(told), log.rfind(told));
@@ -130,7 +131,7 @@ TEST_F(GuardTest, EndsWithItsWorkerAndIsTheOneThatHasThePort) {
     const auto program = it.engine_folder / bridge.kProgram;
     EXPECT_EQ(ProgramRun(program).Told(), "0: ");
     bridge.run.reset();
-    EXPECT_TRUE(WaitFor([&] { return it.ProcessesOf(it.worker).empty(); }, std::chrono::seconds(1)));
+    EXPECT_TRUE(WaitFor([&] { return ProcessesOf(it.worker).empty(); }, std::chrono::seconds(1)));
     // Another program has made the pipe before.
     OwnedHandle pipe = Own(CreateNamedPipeW(GuardPipe(it.engine_folder).c_str(), PIPE_ACCESS_DUPLEX,
                                             PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
@@ -154,7 +155,7 @@ TEST_F(GuardTest, KeepsTheOldWorkerWhereNoNewOneComesUp) {
     }
     EXPECT_THAT(bridge.Log(), HasSubstr("cannot start - cannot take over the socket of kestoav.exe - "));
     std::filesystem::rename(it.worker, it.top / "kestobridge-old.exe");
-    it.PlaceStandIn(it.worker, "wait");
+    it.PlaceStandIn(it.worker);
     EXPECT_THAT(bridge.Restart(), HasSubstr("gave no sign of life for 10 s"));
     EXPECT_TRUE(WaitFor([&] { return DeleteFileW(it.worker.c_str()); }));  // so it does not run
     EXPECT_THAT(bridge.Restart(), HasSubstr("cannot start kestobridge.exe - File not found (2)"));

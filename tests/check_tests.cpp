@@ -23,7 +23,7 @@ EngineScript Clamd(bool shifted, int days = 0) {
 EngineScript ScansSaying(const std::string& reply, size_t least = 0) {
     return [=, other = Clamd(true)](Wire& wire) {
         if (wire.ReceiveRequest().command == "zINSTREAM" && wire.ReceiveRequest().data.size() >= least) {
-            wire.ReplyAndHangUp(reply);
+            Replying(reply)(wire);
         }
         other(wire);
     };
@@ -39,7 +39,6 @@ class CheckTest : public Test {
  protected:
     CheckTest() {
         installed.CreateLog();
-        installed.PlaceStandIn(installed.engine, "wait");
         installed.StartStandIn(installed.engine);
         Configure();
     }
@@ -118,7 +117,7 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
     Tells({"warning  engine worker: kestobridge.exe has been started 3 times, "});
     std::filesystem::rename(installed.worker, installed.top / "old");
     Tells({"kestobridge.exe is missing: every scan ends with error 1003"});
-    installed.PlaceStandIn(installed.worker, "wait");
+    installed.PlaceStandIn(installed.worker);
     Tells({"kestobridge.exe is damaged"});
     std::string newer = ReadFile(installed.top / "old");
     newer.replace(newer.find("P\0r\0o\0d\0u\0c\0t\0V\0e\0r\0s\0i\0o\0n"s) + 30, 1, "9");
@@ -171,7 +170,6 @@ TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     DeleteFileW((installed.engine_folder / "bridge.log").c_str());
     Configure("autostart=0");
     Tells({"warning  engine process: kestoav.exe does not run: with autostart=0 the first scan starts it"});
-    installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
     Tells({"warning  engine process: kestoav.exe runs from elsewhere"});
     installed.StartStandIn(installed.engine);
@@ -195,7 +193,7 @@ TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
 
 TEST_F(CheckTest, WorksByTheShortNameAndWarnsOfBlanks) {
     const Installation odd(L"\u0436 mail");
-    odd.PlaceStandIn(odd.engine, "wait");
+    odd.PlaceStandIn(odd.engine);
     odd.WriteSettings("servers=" + engine.Address());
     const auto check = [&] { return ProgramRun(odd.folder / "kestoscan.exe", L"--check").Told(); };
     EXPECT_THAT(check(), AllOf(StartsWith("0: "), HasSubstr("warning  folder: its path holds a blank")));

@@ -1,8 +1,6 @@
 // Finding an engine to scan with, on a made-up clock: its process, the restarts and their times, the servers,
 // and what connecting to one waits for, loses and tells.
 #include "tests/support/fake_system.h"
-// This must come after winsock2.h, in what is above.
-#include <ws2tcpip.h>
 
 namespace kesto {
 namespace {
@@ -188,11 +186,11 @@ uint32_t g_lookup_ms;  // time that the next lookup takes
 
 // The name has endlessly many addresses, of which the first refuses.
 int WSAAPI SlowLookup(const char*, const char*, const addrinfo*, addrinfo** result) {
-    static sockaddr_in refuses = {}, serves = LoopbackAddress(0);
+    static tcp::endpoint refuses, serves = Loopback(0);
     static addrinfo first, others;
     first.ai_family = others.ai_family = AF_INET;
-    first.ai_addr = reinterpret_cast<sockaddr*>(&refuses);
-    others.ai_addr = reinterpret_cast<sockaddr*>(&serves);
+    first.ai_addr = refuses.data();
+    others.ai_addr = serves.data();
     first.ai_next = others.ai_next = &others;
     *result = &first;
     g_system->clock += std::exchange(g_lookup_ms, 0);

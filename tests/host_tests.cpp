@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "common/processes.h"
 #include "tests/support/plugin_host.h"
 
 namespace kesto {
@@ -17,7 +18,7 @@ class HostTest : public Test {
         CreateDirectoryW(samples.c_str(), nullptr);
         Sample(L"clean", "nothing");
         Sample(L"slow", "slow one");
-        installed.PlaceStandIn(installed.engine, "wait");
+        installed.PlaceStandIn(installed.engine);
         installed.CreateLog();
         Configure(engine.Port());
     }
@@ -156,7 +157,6 @@ TEST_F(HostScan, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
 }
 
 TEST_F(HostTest, JobsRestartAnEngineThatDoesNotAcceptOnce) {
-    installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
     Configure(installed.PlaceBridge(engine.Address()));
     EXPECT_THAT(Told(L"-j 8 clean clean clean clean clean clean clean clean"),
@@ -172,22 +172,21 @@ TEST_F(HostScan, StopsWhereNoScanCouldSucceed) {
 
     installed.EndPrograms();
     const size_t starts = installed.Starts(installed.engine);
-    installed.PlaceStandIn(installed.engine, "exit 1");
+    installed.PlaceStandIn(installed.engine, "1");
     WriteFile(installed.engine_folder / "bridge.ini", "[bridge]\r\nidle=0\r\n");
     EXPECT_THAT(Told(L"clean clean"),
                 StartsWith("2: ! kestoscan: the engine " + installed.engine.string() +
                            " ends at once\nfailed   bridge settings: bridge.ini line 2: idle=0 "));
     EXPECT_EQ(installed.Starts(installed.engine), starts + 1);
-    installed.PlaceStandIn(installed.engine, "release 3");
+    installed.PlaceStandIn(installed.engine);
     installed.WriteSettings(Servers(engine.Port()) + "connectwait=60");
     const size_t logged = installed.LogMessages().size();
     const ProgramRun ends(program, L"clean clean", samples);
     ASSERT_TRUE(WaitFor([&] { return installed.LogMessages().size() > logged; }));
-    WriteFile(installed.engine.string() + ".release", "");
+    installed.PlaceStandIn(installed.engine, "3");
     EXPECT_THAT(ends.Told(), AllOf(StartsWith("2: \n"), HasSubstr("\nErrors: 0\nNot scanned: 2\n")));
     Configure(engine.Port());
     DeleteFileW(installed.engine.c_str());
-    installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
     EXPECT_THAT(Told(L"clean clean"),
                 AllOf(StartsWith("2: clean: ERROR Error connecting to AV server (1001)\n\n"),
@@ -195,7 +194,7 @@ TEST_F(HostScan, StopsWhereNoScanCouldSucceed) {
 }
 
 TEST_F(HostTest, EndsWithWholeLinesAndWithTheEngineThatItStartedUnlessOthersScanThere) {
-    const auto gone = [&] { return installed.ProcessesOf(installed.engine_folder).empty(); };
+    const auto gone = [&] { return EngineIn(installed.engine_folder).empty(); };
     DeleteFileW(installed.engine.c_str());
     const uint16_t port = installed.PlaceBridge(engine.Address());
     Configure(port);
@@ -258,17 +257,17 @@ TEST_F(HostTest, UpdatesOnceAtATimeByAnyProgramOrByACommandOrLooksAtTheSignature
     Configure(engine.Port(), "autostart=0");
     EXPECT_EQ(Told(L"--update"),
               "2: ! KESTO Antivirus Update Failed\nThe KESTO Antivirus Update attempt failed with error 2\n");
-    installed.PlaceStandIn(installed.updater, "release 0");
+    installed.PlaceStandIn(installed.updater);
     const ProgramRun first(program, L"--update", samples);
     ASSERT_TRUE(WaitFor([&] { return installed.Starts(installed.updater) == 1; }));
     EXPECT_THAT(Told(L"--update"), HasSubstr("under way already"));
-    WriteFile(installed.updater.string() + ".release", "");
+    installed.PlaceStandIn(installed.updater, "0");
     EXPECT_EQ(first.Told(), "0: Update finished\n");
     EXPECT_EQ(installed.Starts(installed.updater), 1u);
     std::filesystem::rename(installed.updater, installed.top / "former.exe");  // it may still be in use
     std::filesystem::copy_file(BuiltFolder() / "kestoavu.exe", installed.updater);
     const std::filesystem::path slow = installed.top / "slow.exe";
-    installed.PlaceStandIn(slow, "wait");
+    installed.PlaceStandIn(slow);
     const auto version = [](int days) { return Realistic({.version = VersionOfDaysAgo(days)}); };
     WriteFile(installed.engine_folder / "output", "10%\r20%\r\n\033[2Jnext");
     ScriptedEngine young(version(0)), old(version(1)), odd(Realistic({.version = "ClamAV"})), silent;

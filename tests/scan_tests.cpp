@@ -171,7 +171,7 @@ TEST(ScanMemory, LackOfItIsAnErrorAndNoMore) {
         it.system.Become({.starts = false, .look_takes = 1000});
         const ImportPatch patch(it.plugin.module, function, NoMemory);
         EXPECT_EQ(it.Scan("x"), outcome);
-        EXPECT_THAT(ReadText(it.installed.log), HasSubstr(logged));
+        EXPECT_THAT(ReadFile(it.installed.log), HasSubstr(logged));
         EXPECT_EQ(it.Start("servers=a b:1"), *function == 'c' ? 0 : ERROR_NOT_ENOUGH_MEMORY);
     }
 }

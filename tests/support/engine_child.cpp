@@ -1,24 +1,18 @@
 // The stand-in for the engine and the updater: a program that is copied under whatever name a test needs.
-// PROGRAM.role beside it says what to do (see Installation::PlaceStandIn); it runs until it is ended. Every
-// start adds a byte to PROGRAM.started as soon as the program plays its role.
+// It runs until it is ended, or until PROGRAM.status beside it holds its exit status. Every start adds a byte
+// to PROGRAM.started.
+#include <windows.h>
+
 #include <filesystem>
 #include <fstream>
 
-#include "tests/loopback/loopback.h"
-// windows.h must come after winsock2.h.
-#include <windows.h>
-
 int main() {
-    using namespace kesto;
     char path[MAX_PATH];
     const std::string program(path, GetModuleFileNameA(nullptr, path, sizeof path));
-    std::ifstream file(program + ".role");
-    std::string role;
-    int code = 0;
-    file >> role >> code;
     std::ofstream(program + ".started", std::ios::app | std::ios::binary) << '1';
-    const auto ends = [&] { return std::filesystem::exists(program + ".release"); };
-    // It lives so long if nothing else ends it.
-    WaitFor([&] { return role == "exit" || (role == "release" && ends()); }, std::chrono::minutes(2));
-    return code;
+    int status = 0;
+    while (!(std::ifstream(program + ".status") >> status)) {
+        Sleep(5);
+    }
+    return status;
 }

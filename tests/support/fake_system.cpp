@@ -1,7 +1,5 @@
 #include "tests/support/fake_system.h"
 
-#include <psapi.h>
-
 #include <cstring>
 #include <stdexcept>
 
@@ -124,13 +122,6 @@ void** ImportPatch::FindSlot(void* module, const char* name) {
         }
     }
     throw std::runtime_error(std::string(name) + " is not imported");
-}
-
-void ImportPatch::Write(void* function) {
-    DWORD before;
-    VirtualProtect(slot_, sizeof *slot_, PAGE_READWRITE, &before);
-    *slot_ = function;
-    VirtualProtect(slot_, sizeof *slot_, before, &before);
 }
 
 FakeSystem::FakeSystem(void* plugin)

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
@@ -20,19 +19,17 @@ class ImportPatch {
     // imports none. Both must be declared alike.
     template <class Function>
     ImportPatch(void* module, const char* name, Function* replacement) : slot_(FindSlot(module, name)) {
-        original_ = *slot_;
-        Write(reinterpret_cast<void*>(replacement));
+        *slot_ = reinterpret_cast<void*>(replacement);
     }
-    ~ImportPatch() { Write(original_); }
+    ~ImportPatch() { *slot_ = original_; }
     ImportPatch(const ImportPatch&) = delete;
-    ImportPatch& operator=(const ImportPatch&) = delete;
 
  private:
+    // Where the loader has put the function's address. The compiler's linker lets it be written.
     static void** FindSlot(void* module, const char* name);
-    void Write(void* function);
 
-    void** slot_;
-    void* original_;
+    void** const slot_;
+    void* const original_ = *slot_;
 };
 
 inline constexpr uint32_t kNever = UINT32_MAX;

@@ -3,45 +3,38 @@
 #include <gtest/gtest.h>
 #include <psapi.h>
 
-#include <atomic>
 #include <fstream>
+#include <iostream>
 #include <span>
-#include <sstream>
 #include <thread>
 
 #include "common/processes.h"
+#include "tests/support/scripted_engine.h"
 
 namespace kesto {
 namespace {
 
 // A test that hangs ends its program, with its children, before the runner's limit passes: a signal from
-// outside has taken Wine's server along. The thread outlives the test framework, so it touches nothing of
-// that.
-std::atomic<ULONGLONG> g_test_ends_by = ULLONG_MAX;
-
-class Watch : public testing::EmptyTestEventListener {
-    void OnTestStart(const testing::TestInfo&) override {
-        g_test_ends_by = GetTickCount64() + 10 * kTestLimit.count();
+// outside has taken Wine's server along. The runner starts each test in a program of its own.
+class Watch : public testing::Environment {
+    void SetUp() override {
+        const auto limit = 10 * kTestLimit * testing::UnitTest::GetInstance()->test_to_run_count();
+        std::thread([limit] {
+            std::this_thread::sleep_for(limit);
+            std::cerr << "the test hangs\n";
+            TerminateProcess(GetCurrentProcess(), 1);
+        }).detach();
     }
-    void OnTestEnd(const testing::TestInfo&) override { g_test_ends_by = ULLONG_MAX; }
 };
 
-[[maybe_unused]] const bool g_watched = [] {
+[[maybe_unused]] const auto* const g_watched = [] {
     // All programs that this process starts, and that those start, end with it, however it ends.
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
     const HANDLE job = CreateJobObjectA(nullptr, nullptr);  // closed with the process
     SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits);
     AssignProcessToJobObject(job, GetCurrentProcess());
-    testing::UnitTest::GetInstance()->listeners().Append(new Watch);
-    std::thread([] {
-        while (GetTickCount64() < g_test_ends_by) {
-            Sleep(250);
-        }
-        fputs("the test hangs\n", stderr);
-        TerminateProcess(GetCurrentProcess(), 1);
-    }).detach();
-    return true;
+    return testing::AddGlobalTestEnvironment(new Watch);
 }();
 
 int g_installations = 0;
@@ -70,21 +63,14 @@ Installation::~Installation() {
     })) << error.message();
 }
 
-std::vector<DWORD> Installation::ProcessesOf(const std::wstring& program) {
-    std::vector<DWORD> found;
+void Installation::EndPrograms(const std::wstring& program) const {
+    const std::wstring beginning = program.empty() ? top.wstring() + L"\\" : program;
     DWORD ids[4096], bytes = 0;
     EnumProcesses(ids, sizeof ids, &bytes);
     for (const DWORD id : std::span(ids, bytes / sizeof *ids)) {
-        if (ProgramOf(id).starts_with(program)) {
-            found.push_back(id);
+        if (ProgramOf(id).starts_with(beginning)) {
+            EndProcess(id);
         }
-    }
-    return found;
-}
-
-void Installation::EndPrograms(const std::wstring& program) const {
-    for (const DWORD id : ProcessesOf(program.empty() ? top.wstring() + L"\\" : program)) {
-        EndProcess(id);
     }
 }
 
@@ -93,7 +79,7 @@ void Installation::WriteSettings(std::string_view lines) const {
 }
 
 std::vector<std::string> Installation::LogMessages() const {
-    std::istringstream lines(ReadText(log));
+    std::ifstream lines(log);
     std::vector<std::string> messages;
     for (std::string line; std::getline(lines, line) && !lines.eof();) {
         if (line.starts_with("20")) {
@@ -105,8 +91,8 @@ std::vector<std::string> Installation::LogMessages() const {
     return messages;
 }
 
-void Installation::PlaceStandIn(const std::filesystem::path& program, const std::string& role) const {
-    WriteFile(program.native() + L".role", role);
+void Installation::PlaceStandIn(const std::filesystem::path& program, const std::string& status) const {
+    WriteFile(program.native() + L".status", status);
     // A program that runs cannot be overwritten, and need not be.
     CopyFileW((BuiltFolder() / "tests" / "engine_child.exe").c_str(), program.c_str(), TRUE);
 }
@@ -124,6 +110,7 @@ uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::stri
 
 void Installation::StartStandIn(const std::filesystem::path& program) {
     const size_t starts = Starts(program);
+    PlaceStandIn(program);
     started_.emplace_back(program);
     EXPECT_TRUE(WaitFor([&] { return Starts(program) > starts; }));
 }

@@ -13,9 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/loopback/loopback.h"
-// windows.h, in what follows, must come after winsock2.h.
 #include "tests/support/program_run.h"
+#include "tests/support/wait_for.h"
 
 namespace kesto {
 
@@ -41,18 +40,15 @@ class Installation {
     // above them.
     std::vector<std::string> LogMessages() const;
 
-    // Puts the stand-in there. Roles: "wait", "exit CODE", "release CODE" (ends once PROGRAM.release is
-    // there). A program that is there already takes up the new role at its next start.
-    void PlaceStandIn(const std::filesystem::path& program, const std::string& role) const;
+    // Puts the stand-in there. It runs until it is ended or given an exit status, by this function as well.
+    void PlaceStandIn(const std::filesystem::path& program, const std::string& status = "") const;
     // Puts the real bridge there as the engine, with an empty bridge.log and with a free port in bridge.ini,
     // which is returned.
     uint16_t PlaceBridge(const std::string& upstreams, const std::string& more_lines = "",
                          const char* program = "kestoav.exe") const;
-    // Starts a stand-in from the test itself and waits until it has taken up its role.
+    // Places a stand-in, starts it from the test itself and waits until it runs.
     void StartStandIn(const std::filesystem::path& program);
     size_t Starts(const std::filesystem::path& program) const;  // of a stand-in, so far
-    // The processes of a program, or of all whose paths begin so.
-    static std::vector<DWORD> ProcessesOf(const std::wstring& program);
     // Ends all programs that run from below `top`, or one of them, and waits for it.
     void EndPrograms(const std::wstring& program = L"") const;
 

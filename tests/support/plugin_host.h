@@ -5,10 +5,9 @@
 #include <string>
 #include <string_view>
 
+#include "host/common/plugin_library.h"
 #include "tests/support/installation.h"
 #include "tests/support/scripted_engine.h"
-// windows.h, in what follows, must come after winsock2.h.
-#include "host/common/plugin_library.h"
 
 namespace kesto {
 using namespace host;

@@ -7,11 +7,6 @@
 #include "common/program_folder.h"
 
 namespace kesto {
-namespace {
-
-constexpr DWORD kLongestRunMs = 40'000;  // longer than a check may take
-
-}  // namespace
 
 std::filesystem::path BuiltFolder() {
     return std::filesystem::path(ProgramFolder()).parent_path();
@@ -21,12 +16,6 @@ std::string ReadFile(const std::filesystem::path& path) {
     std::ostringstream content;
     content << std::ifstream(path, std::ios::binary).rdbuf();
     return content.str();
-}
-
-std::string ReadText(const std::filesystem::path& path) {
-    std::string text = ReadFile(path);
-    std::erase(text, '\r');
-    return text;
 }
 
 void WriteFile(const std::filesystem::path& path, std::string_view content) {

@@ -13,7 +13,6 @@ namespace kesto {
 // Where the programs were built: kestoscan.exe, CLAMDLL.dll, kestoav.exe, tests\engine_child.exe.
 std::filesystem::path BuiltFolder();
 std::string ReadFile(const std::filesystem::path& path);  // empty when there is none
-std::string ReadText(const std::filesystem::path& path);  // with bare line feeds
 void WriteFile(const std::filesystem::path& path, std::string_view content);
 
 class ProgramRun {
@@ -22,8 +21,6 @@ class ProgramRun {
     explicit ProgramRun(const std::filesystem::path& program, const std::wstring& arguments = L"",
                         const std::filesystem::path& folder = L"C:\\", const std::string& input = "");
     ~ProgramRun();  // ends it if it still runs
-    ProgramRun(const ProgramRun&) = delete;
-    ProgramRun& operator=(const ProgramRun&) = delete;
 
     void PressCtrlC() const;  // as the system itself tells a single process
     // Waits for the end, and tells the exit status and all that was said: "0: ", its output, "! " and its
@@ -31,6 +28,8 @@ class ProgramRun {
     std::string Told() const;
 
  private:
+    static constexpr DWORD kLongestRunMs = 40'000;  // longer than a check may take
+
     // Its standard input, output and errors. Files, unlike pipes, take any amount without a thread to read
     // it.
     std::filesystem::path files_[3];

@@ -1,46 +1,45 @@
 #include "tests/support/scripted_engine.h"
 
 #include <algorithm>
+#include <asio/buffer.hpp>
+#include <asio/write.hpp>
 #include <ctime>
-#include <stdexcept>
-#include <utility>
 
 #include "host/check/test_samples.h"
+#include "tests/support/wait_for.h"
 
 namespace kesto {
 using namespace host;
 
-Wire::Wire(SOCKET connected, const std::atomic<bool>* cut) : socket_(connected), cut_(cut) {
+uint16_t FreePort() {
+    asio::io_context sockets;
+    return tcp::acceptor(sockets, Loopback(0), false).local_endpoint().port();
+}
+
+Wire::Wire(tcp::acceptor& listener) {
+    listener.accept(socket_, gone_);
     // A child process that inherited the socket would keep it open after we have closed it.
-    SetHandleInformation(reinterpret_cast<HANDLE>(socket_), HANDLE_FLAG_INHERIT, 0);
-    const auto limit = [this](int of, DWORD ms) {
-        setsockopt(socket_, SOL_SOCKET, of, reinterpret_cast<const char*>(&ms), sizeof ms);
-    };
-    limit(SO_SNDTIMEO, kTestLimit.count());
-    limit(SO_RCVTIMEO, cut_ != nullptr ? 20 : kTestLimit.count());
+    SetHandleInformation(reinterpret_cast<HANDLE>(SOCKET{socket_.native_handle()}), HANDLE_FLAG_INHERIT, 0);
 }
 
 bool Wire::Send(std::string_view bytes) {
-    const int size = static_cast<int>(bytes.size());
-    return send(socket_, bytes.data(), size, 0) == size;
+    return asio::write(socket_, asio::buffer(bytes), gone_) == bytes.size();
 }
 
 bool Wire::ReceiveSome() {
-    char piece[65536];
-    int got = 0;
-    do {
-        got = recv(socket_, piece, sizeof piece, 0);
-    } while (got < 0 && WSAGetLastError() == WSAETIMEDOUT && cut_ != nullptr && !*cut_);
-    const std::lock_guard lock(guard_);
-    raw_.append(piece, static_cast<size_t>(std::max(got, 0)));
-    return got > 0;
+    const size_t before = raw_.size();
+    socket_.async_receive(asio::buffer(piece_), [this](asio::error_code, size_t count) {
+        const std::lock_guard lock(guard_);
+        raw_.append(piece_, count);
+    });
+    waits_.run_one_for(3 * kTestLimit);
+    return raw_.size() > before;
 }
 
 std::string Wire::Receive() {
-    const size_t before = raw_.size();
     while (ReceiveSome()) {
     }
-    return raw_.substr(before);
+    return raw_;
 }
 
 EngineRequest Wire::Request() const {
@@ -65,16 +64,9 @@ EngineRequest Wire::ReceiveRequest() {
     return Request();
 }
 
-void Wire::ReplyAndHangUp(std::string_view text) {
-    Send(WithNul(text));
-    FinishSending();
-    Receive();
-}
-
 void Wire::Close(bool hard) {
-    const linger how = {hard, 0};
-    setsockopt(socket_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&how), sizeof how);
-    closesocket(std::exchange(socket_, INVALID_SOCKET));
+    socket_.set_option(tcp::socket::linger(hard, 0), gone_);
+    socket_.close(gone_);
 }
 
 EngineScript ReplyingBytes(std::string bytes, Then then) {
@@ -98,12 +90,12 @@ EngineScript Realistic(ClamdTraits traits) {
         const std::string data = traits.shifted ? ShiftedDown(request.data, -1) : request.data;
         const auto holds = [&](const char* word) { return data.find(word) != std::string::npos; };
         if (request.whole) {
-            wire.ReplyAndHangUp(request.command == "zPING"                    ? "PONG"
-                                : request.command == "zVERSION"               ? traits.version
-                                : request.command != "zINSTREAM"              ? "UNKNOWN COMMAND"
-                                : holds("GARBLE")                             ? "what?"
-                                : data == EicarTestString() || holds("VIRUS") ? "stream: Test.Virus FOUND"
-                                                                              : "stream: OK");
+            Replying(request.command == "zPING"                    ? "PONG"
+                     : request.command == "zVERSION"               ? traits.version
+                     : request.command != "zINSTREAM"              ? "UNKNOWN COMMAND"
+                     : holds("GARBLE")                             ? "what?"
+                     : data == EicarTestString() || holds("VIRUS") ? "stream: Test.Virus FOUND"
+                                                                   : "stream: OK")(wire);
         }
     };
 }
@@ -115,12 +107,10 @@ std::string VersionOfDaysAgo(int days) {
     return text;
 }
 
-ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port) : script_(std::move(script)), port_(port) {
-    const SOCKET listener = ListenOnLoopback(port_);
-    if (listener == INVALID_SOCKET) {
-        throw std::runtime_error("port " + std::to_string(port_) + " is taken");
-    }
-    accepting_ = std::jthread([this, listener] { Accept(listener); });
+ScriptedEngine::ScriptedEngine(EngineScript script, uint16_t port)
+    : script_(std::move(script)), listener_(sockets_, Loopback(port), false) {
+    SetHandleInformation(reinterpret_cast<HANDLE>(SOCKET{listener_.native_handle()}), HANDLE_FLAG_INHERIT, 0);
+    accepting_ = std::jthread([this](std::stop_token killed) { Accept(killed); });
 }
 
 void ScriptedEngine::Play(EngineScript script) {
@@ -129,33 +119,37 @@ void ScriptedEngine::Play(EngineScript script) {
 }
 
 void ScriptedEngine::Kill() {
-    if (!killed_.exchange(true)) {
-        closesocket(ConnectToLoopback(port_));  // ends the wait in Accept
+    if (accepting_.request_stop()) {
+        Wire ends_accept(port_);
     }
     accepting_ = {};
-    for (Connection& each : connections_) {
-        each.thread = {};
+    listener_.close();
+    for (Wire& each : connections_) {
+        each.EndWaits();
     }
+    threads_.clear();
 }
 
-void ScriptedEngine::Accept(SOCKET listener) {
-    SOCKET accepted = accept(listener, nullptr, nullptr);
-    for (; !killed_; accepted = accept(listener, nullptr, nullptr)) {
+void ScriptedEngine::Accept(std::stop_token killed) {
+    for (;;) {
+        std::list<Wire> accepted;
+        Wire& it = accepted.emplace_back(listener_);
+        if (killed.stop_requested()) {
+            return;
+        }
         const std::lock_guard lock(guard_);
-        Connection& it = connections_.emplace_back(accepted, &killed_);
-        it.thread = std::jthread([this, &it, play = script_] {
+        connections_.splice(connections_.end(), accepted);
+        threads_.emplace_back([killed, &it, play = script_] {
             play(it);
-            it.Close(killed_);
+            it.Close(killed.stop_requested());
         });
     }
-    closesocket(accepted);
-    closesocket(listener);
 }
 
 std::vector<EngineRequest> ScriptedEngine::Requests() const {
     const std::lock_guard lock(guard_);
     std::vector<EngineRequest> requests;
-    for (const Connection& each : connections_) {
+    for (const Wire& each : connections_) {
         requests.push_back(each.Request());
     }
     return requests;
@@ -185,7 +179,7 @@ std::string ScanRequestOf(const std::string& data, bool shifted) {
 }
 
 std::string Ask(uint16_t port, const std::string& bytes) {
-    Wire wire(ConnectToLoopback(port));
+    Wire wire(port);
     wire.Send(bytes);
     return wire.Receive();
 }

@@ -1,12 +1,14 @@
-// The scripted engine, which all tests use: a clamd that does what a test tells it, in the test's own process
-// or in that of a stand-in (see installation.h), and keeps what it was sent.
+// The scripted engine, which all tests use: a clamd that does what a test tells it, and keeps what it was
+// sent.
 //
 //     ScriptedEngine engine(Replying("stream: Evil FOUND"));
 //     ... scan with engine.Port() ...
 //     EXPECT_EQ(engine.Requests().at(0).data, "as sent");
 #pragma once
 
-#include <atomic>
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
 #include <functional>
 #include <list>
 #include <mutex>
@@ -15,9 +17,14 @@
 #include <thread>
 #include <vector>
 
-#include "tests/loopback/loopback.h"
-
 namespace kesto {
+
+using asio::ip::tcp;
+
+inline tcp::endpoint Loopback(uint16_t port) {
+    return {asio::ip::address_v4::loopback(), port};
+}
+uint16_t FreePort();
 
 // One connection as the engine saw it.
 struct EngineRequest {
@@ -28,34 +35,34 @@ struct EngineRequest {
 };
 
 // A connection, of a script or of a client; closed with the object. Calls after the other side has gone are
-// harmless. A client waits kTestLimit at most for the next byte; a script's waits end when its engine is
-// killed, which it sees by `cut`.
+// harmless. A wait for the next byte ends after half a minute.
 class Wire {
  public:
-    explicit Wire(SOCKET connected, const std::atomic<bool>* cut = nullptr);
-    ~Wire() { Close(); }
+    explicit Wire(uint16_t port) { socket_.connect(Loopback(port), gone_); }
+    explicit Wire(tcp::acceptor& listener);  // waits for a client
 
     bool Send(std::string_view bytes);
     std::string Receive();  // all that comes until the other side ends or the limit passes
     // For scripts: a whole request, or as much of one as came.
     EngineRequest ReceiveRequest();
     EngineRequest Request() const;  // what has come so far; any thread may ask
-    // For scripts: sends a text with its NUL, then waits for the client to close.
-    void ReplyAndHangUp(std::string_view text);
     // For scripts: neither reads nor writes until the end.
-    void Hold() {
-        WaitFor([this] { return cut_->load(); }, std::chrono::minutes(2));
-    }
-    void FinishSending() { shutdown(socket_, SD_SEND); }
+    void Hold() { waits_.run(); }
+    void FinishSending() { socket_.shutdown(tcp::socket::shutdown_send, gone_); }
     void Close(bool hard = false);  // hard: with a reset
+    // Ends every wait, now and later; any thread may call it.
+    void EndWaits() { waits_.stop(); }
 
  private:
     bool ReceiveSome();
 
-    SOCKET socket_;
-    const std::atomic<bool>* cut_;
     mutable std::mutex guard_;  // of what has come
     std::string raw_;
+    char piece_[65536] = {};
+    asio::error_code gone_;
+    asio::io_context waits_;
+    asio::executor_work_guard<asio::io_context::executor_type> lasting_{waits_.get_executor()};
+    tcp::socket socket_{waits_};
 };
 
 // What an engine does with a connection, which is closed when it returns. Runs for each connection in a
@@ -90,18 +97,16 @@ class ScriptedEngine {
     std::vector<EngineRequest> Requests() const;  // of all connections so far, as accepted
 
  private:
-    struct Connection : Wire {
-        using Wire::Wire;
-        std::jthread thread;
-    };
-    void Accept(SOCKET listener);
+    void Accept(std::stop_token killed);
 
     mutable std::mutex guard_;  // of the script and of the list, not of what is in it
     EngineScript script_;
-    std::list<Connection> connections_;
-    uint16_t port_;
-    std::atomic<bool> killed_ = false;
+    asio::io_context sockets_;
+    tcp::acceptor listener_;
+    const uint16_t port_ = listener_.local_endpoint().port();
+    std::list<Wire> connections_;
     std::jthread accepting_;
+    std::list<std::jthread> threads_;
 };
 
 // What clients say.
