@@ -9,9 +9,9 @@
 // It needs windows.h before it.
 #include <sddl.h>
 
-namespace kesto::host {
 namespace {
 
+using namespace kesto;
 using namespace testing;
 using namespace std::literals;
 
@@ -249,4 +249,3 @@ TEST(DynamicPorts, AreTheLastTwoNumbersInAnyLanguage) {
 }
 
 }  // namespace
-}  // namespace kesto::host

@@ -4,9 +4,9 @@
 // This must come after winsock2.h, in what is above.
 #include <ws2tcpip.h>
 
-namespace kesto {
 namespace {
 
+using namespace kesto;
 using namespace testing;
 
 // The first lines of the log; repeated ones stand once, with their number.
@@ -238,4 +238,3 @@ TEST_F(ConnectionTest, LookupThatDoesNotEndInTimeIsCancelledAndLeftBehindUntilIt
 }
 
 }  // namespace
-}  // namespace kesto

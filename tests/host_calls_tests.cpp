@@ -7,9 +7,9 @@
 
 #include "tests/support/fake_system.h"
 
-namespace kesto {
 namespace {
 
+using namespace kesto;
 using namespace testing;
 
 using StartUpTest = PluginTest;
@@ -229,4 +229,3 @@ TEST_F(VersionTest, ErrorTextsAreBoundedAndTerminated) {
 }
 
 }  // namespace
-}  // namespace kesto

@@ -6,9 +6,9 @@
 
 #include "tests/support/plugin_host.h"
 
-namespace kesto {
 namespace {
 
+using namespace kesto;
 using namespace testing;
 
 class HostTest : public Test {
@@ -304,4 +304,3 @@ TEST_F(HostTest, UpdatesOnceAtATimeByAnyProgramOrByACommandOrLooksAtTheSignature
 }
 
 }  // namespace
-}  // namespace kesto

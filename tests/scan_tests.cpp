@@ -4,9 +4,9 @@
 #include "host/check/test_samples.h"
 #include "tests/support/fake_system.h"
 
-namespace kesto {
 namespace {
 
+using namespace kesto;
 using namespace testing;
 using namespace std::literals;
 
@@ -199,4 +199,3 @@ TEST(Road, LeadsToARealClamd) {
 }
 
 }  // namespace
-}  // namespace kesto
