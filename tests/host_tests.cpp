@@ -14,7 +14,6 @@ using namespace testing;
 class HostTest : public Test {
  protected:
     HostTest() {
-        CreateDirectoryW(samples.c_str(), nullptr);
         Sample(L"clean", "nothing");
         Sample(L"slow", "slow one");
         installed.PlaceStandIn(installed.engine, "wait");
@@ -27,22 +26,15 @@ class HostTest : public Test {
     }
     // Names are taken as they stand, and may be of any length.
     void Sample(const std::wstring& name, std::string_view content) {
-        const std::wstring exact = L"\\\\?\\" + (samples / "").wstring();
-        for (size_t end = name.find(L'\\'); end != std::wstring::npos; end = name.find(L'\\', end + 1)) {
-            CreateDirectoryW((exact + name.substr(0, end)).c_str(), nullptr);
-        }
-        WriteFile(exact + name, content);
+        const std::filesystem::path exact = L"\\\\?\\" + (samples / name).wstring();
+        std::filesystem::create_directories(exact.parent_path());
+        WriteFile(exact, content);
     }
-    // Starts a program of the system below Wine, which leaves such a one's handles undefined.
+    // Starts a program of the system below Wine.
     void RunBelow(const std::wstring& command) const {
-        std::wstring line = L"Z:\\bin\\" + command;
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION undefined;
-        EXPECT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, samples.c_str(),
-                                   &startup, &undefined));
+        ProgramRun("C:\\windows\\system32\\start.exe", L"/d " + samples.wstring() + L" /unix /bin/" + command)
+            .Told();
     }
-
     std::string Told(const std::wstring& arguments, const std::string& input = "") const {
         return ProgramRun(program, arguments, samples, input).Told();
     }
@@ -60,12 +52,8 @@ class HostTest : public Test {
     const std::filesystem::path program = installed.folder / "kestoscan.exe";
 };
 
-class HostScan : public HostTest {
- protected:
-    HostScan() { installed.StartStandIn(installed.engine); }
-};
-
-TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
+TEST_F(HostTest, TellsEachFilesVerdictAndTheWorstByItsStatus) {
+    installed.StartStandIn(installed.engine);
     const std::wstring part(100, L'x');
     const std::wstring deep = L"deep\\" + part + L"\\" + part + L"\\" + part;
     for (const wchar_t* name : {L"odd\\dot", L"odd\\blank", L"odd\\sub\\in", L"in folder\\clean",
@@ -84,11 +72,7 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
     ASSERT_TRUE(WaitFor([this] { return std::filesystem::exists(samples / "loop\\again\\clean"); }));
     const std::string found = ": Test.Virus FOUND\n";
     const std::string narrow_deep(deep.begin(), deep.end());
-    const struct {
-        std::wstring arguments;
-        std::string told;
-        std::string input = "";
-    } cases[] = {
+    const std::pair<std::wstring, std::string> cases[] = {
         {L"missing infected", "1: missing: ERROR File not found (2)\ninfected" + found},
         {L"garble clean", "2: garble: ERROR Unexpected response from KESTOAV - what? (1003)\nclean: OK\n"},
         {L"clea* loo*", "0: clean: OK\nloop: SKIPPED Is a folder (--recursive scans it)\n"},
@@ -102,18 +86,18 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         {L"-r deep", "1: " + narrow_deep + found},
         {L"-r loop", "0: loop\\clean: OK\n"},
         {L"huge", "2: huge: ERROR File too large for a 32-bit process (223)\n"},
-        {L"-", "0: -: OK\n", std::string(70'000, ' ')},
         {L"--file-list \"nul list\"",
          "2: ! kestoscan: the list nul list holds NUL characters: save it as UTF-8, or all of it as "
          "UTF-16\n"},
-        {L"--file-list -", "0: clean: OK\n", "clean\r\n"},
         {L"--file-list wide", "1: \u0436\u6F22" + found},
         {L"--timeout 1 slow clean", "2: slow: ERROR No verdict within 1 s (1460)\nclean: OK\n"},
     };
     installed.WriteSettings(Servers(FreePort(), engine.Port()));  // a server is asked whether it accepts
-    for (const auto& it : cases) {
-        EXPECT_EQ(Told(L"--no-summary " + it.arguments, it.input), it.told);
+    for (const auto& [arguments, told] : cases) {
+        EXPECT_EQ(Told(L"--no-summary " + arguments), told);
     }
+    EXPECT_EQ(Told(L"--no-summary -", std::string(70'000, ' ')), "0: -: OK\n");
+    EXPECT_EQ(Told(L"--no-summary --file-list -", "clean\r\n"), "0: clean: OK\n");
     EXPECT_THAT(Told(L"--exclude infe* missing infected clean in*d"),
                 HasSubstr("\n\nScanned files: 2\nInfected files: 1\nErrors: 1\nLeft out: 1\n"
                           "Data scanned: 14 B\nTime: "));
@@ -122,7 +106,8 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
     EXPECT_TRUE(WaitFor([this] { return !std::filesystem::exists(samples / "deep"); }));
 }
 
-TEST_F(HostScan, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
+TEST_F(HostTest, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
+    installed.StartStandIn(installed.engine);
     CreateDirectoryW((samples / "away").c_str(), nullptr);
     Sample(L"infected", "a VIRUS");
     EXPECT_THAT(Told(L"--log log --copy away infected"), StartsWith("1: "));
@@ -165,7 +150,8 @@ TEST_F(HostTest, JobsRestartAnEngineThatDoesNotAcceptOnce) {
     EXPECT_EQ(std::count(log.begin(), log.end(), "restarting kestoav process"), 1);
 }
 
-TEST_F(HostScan, StopsWhereNoScanCouldSucceed) {
+TEST_F(HostTest, StopsWhereNoScanCouldSucceed) {
+    installed.StartStandIn(installed.engine);
     engine.Kill();
     EXPECT_THAT(Told(L"--timeout 1 clean clean"),
                 HasSubstr("\n! kestoscan: no server accepts a connection - " + engine.Address()));
@@ -219,7 +205,6 @@ TEST_F(HostTest, EndsWithWholeLinesAndWithTheEngineThatItStartedUnlessOthersScan
                                         " as well, so it goes on running\n"));
     EXPECT_THAT(Told(L"clean"), StartsWith("0: "));
     EXPECT_FALSE(gone());  // it ran before
-    installed.EndPrograms();
 }
 
 TEST_F(HostTest, RefusesWhatIsNotThePlugInOrNotUnderstood) {
@@ -277,11 +262,8 @@ TEST_F(HostTest, UpdatesOnceAtATimeByAnyProgramOrByACommandOrLooksAtTheSignature
         return "[bridge]\nupstreams=" + young.Address() + " " + servers + "\n[updater]\nsignatures=1\n";
     };
     const std::string command = "[bridge]\n[updater]\n";
-    const struct {
-        std::string ini;
-        int error;         // 0: updated
-        const char* told;  // by the updater's log
-    } cases[] = {
+    // the file, the error (0: updated), and what the updater's log tells
+    const std::tuple<std::string, int, const char*> cases[] = {
         {asked(silent.Address()), 0, " does not answer: "},
         {asked(old.Address() + " " + odd.Address()), 1,
          "2 of 3 clamds have no signatures younger than signatures=1 days"},
