@@ -139,16 +139,13 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
                                          "agree, and every virus passes -> run kestoscan --restart")));
 }
 
-TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysTheSameAsJson) {
+TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysSoAsJson) {
     engine.Play(ReplyingBytes("s", Then::kHolds));
-    const ProgramRun text(installed.folder / "kestoscan.exe", L"--check");
-    const std::string json = Check(L" --json");
-    const std::string line = "server " + engine.Address() + " zPING";
-    const std::string answer = "no answer: no end came";
-    EXPECT_THAT(json, HasSubstr(R"({"check": ")" + line + R"(", "state": "failed", "text": ")" + answer));
-    EXPECT_THAT(json, AllOf(StartsWith("2: "),
-                            HasSubstr(R"({"state": "failed", "ok": 7, "warnings": 0, "failed": 1}})")));
-    EXPECT_THAT(text.Told(), HasSubstr("failed   " + line + ": " + answer));
+    EXPECT_THAT(Check(L" --json"),
+                AllOf(StartsWith("2: "),
+                      HasSubstr(R"({"check": "server )" + engine.Address() +
+                                R"( zPING", "state": "failed", "text": "no answer: no end came)"),
+                      HasSubstr(R"({"state": "failed", "ok": 7, "warnings": 0, "failed": 1}})")));
 }
 
 TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {

@@ -21,7 +21,6 @@ std::string InShort(const std::vector<std::string>& messages) {
 
 TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
     constexpr uint32_t kLate = 1'000'000'000;
-    const std::vector<FakeProcess> two(2);
     const std::string scan = "Scan file - mail.eml - 1; ", start = "starting kestoav process; ";
     const std::string restart = "restarting kestoav process; stopping kestoav; ";
     const std::string couldnt = "Couldn't connect to kestoav process - Connect_Socket",
@@ -49,7 +48,7 @@ TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
         {"startwait=0", {.enumerates = false}, missing + starting + "11" + dead},
         {"connectwait=0", {.accepts_from = 1001, .end_takes = 250}, ending + "3; " + start},
         // Of two engines only one is ended, and none is started.
-        {brief, {.processes = two, .accepts_from = kLate}, alive},
+        {brief, {.processes = std::vector<FakeProcess>(2), .accepts_from = kLate}, alive},
         {brief, {.accepts_from = kLate, .end_takes = kNever}, alive},
         // An engine is not seen without the right to ask for its name.
         {"", {.processes = {{.refused = PROCESS_QUERY_INFORMATION}}}, missing},

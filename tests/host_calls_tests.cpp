@@ -74,11 +74,11 @@ int Flush(FILE* file) {
 }
 
 __time64_t g_now;
-__time64_t Now(__time64_t*) {
-    return g_now;
-}
+
 TEST_F(HostCalls, LogAppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
-    const ImportPatch clock(plugin.module, "_time64", Now), flush(plugin.module, "fflush", Flush);
+    const ImportPatch clock(
+        plugin.module, "_time64", +[](__time64_t*) { return g_now; });
+    const ImportPatch flush(plugin.module, "fflush", Flush);
     WriteFile(installed.log, "kept\r\n");
     _putenv("TZ=KST-5");
     _tzset();

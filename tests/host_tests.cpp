@@ -56,9 +56,8 @@ TEST_F(HostTest, TellsEachFilesVerdictAndTheWorstByItsStatus) {
     installed.StartStandIn(installed.engine);
     const std::wstring part(100, L'x');
     const std::wstring deep = L"deep\\" + part + L"\\" + part + L"\\" + part;
-    for (const wchar_t* name : {L"odd\\dot", L"odd\\blank", L"odd\\sub\\in", L"in folder\\clean",
-                                L"loop\\clean", L"empty", L"huge"}) {
-        Sample(name, wcschr(L"eh", *name) == nullptr ? "nothing" : "");
+    for (const wchar_t* name : {L"odd\\dot", L"odd\\blank", L"odd\\sub\\in", L"loop\\clean", L"huge"}) {
+        Sample(name, "nothing");
     }
     for (const wchar_t* name : {L"infected", L"[clean]", L"NUL.txt", L"odd\\dot.", L"odd\\blank ",
                                 L"odd\\sub.\\in", L"\u0436\u6F22", deep.c_str()}) {
@@ -146,8 +145,7 @@ TEST_F(HostTest, JobsRestartAnEngineThatDoesNotAcceptOnce) {
     Configure(installed.PlaceBridge(engine.Address()));
     EXPECT_THAT(Told(L"-j 8 clean clean clean clean clean clean clean clean"),
                 HasSubstr("\nScanned files: 8\nInfected files: 0\nErrors: 0\n"));
-    const auto log = installed.LogMessages();
-    EXPECT_EQ(std::count(log.begin(), log.end(), "restarting kestoav process"), 1);
+    EXPECT_THAT(installed.LogMessages(), Contains("restarting kestoav process").Times(1));
 }
 
 TEST_F(HostTest, StopsWhereNoScanCouldSucceed) {

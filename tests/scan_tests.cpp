@@ -145,10 +145,6 @@ TEST_F(ScanTest, GivesUpAnEngineThatStandsStillForTwentySeconds) {
     EXPECT_EQ(g_waits, " connect 1.0 read 20.0 connect 1.0 send 20.0 connect 20.0 read 20.0");
 }
 
-void* NoMemory() {
-    return nullptr;
-}
-
 TEST(ScanMemory, LackOfItIsAnErrorAndNoMore) {
     const std::tuple<const char*, const char*, const char*> cases[] = {
         {"malloc", "failed 1001", "restarting kestoav process"},  // for the IDs of processes
@@ -159,7 +155,8 @@ TEST(ScanMemory, LackOfItIsAnErrorAndNoMore) {
         DrivenPlugin it;
         it.Start("servers=localhost:" + std::to_string(it.engine.Port()));
         it.system.Become({.starts = false, .look_takes = 1000});
-        const ImportPatch patch(it.plugin.module, function, NoMemory);
+        const ImportPatch patch(
+            it.plugin.module, function, +[]() -> void* { return nullptr; });
         EXPECT_EQ(it.Scan("x"), outcome);
         EXPECT_THAT(ReadText(it.installed.log), HasSubstr(logged));
         EXPECT_EQ(it.Start("servers=a b:1"), *function == 'c' ? 0 : ERROR_NOT_ENOUGH_MEMORY);
