@@ -39,7 +39,6 @@ class CheckTest : public Test {
  protected:
     CheckTest() {
         installed.CreateLog();
-        installed.PlaceStandIn(installed.engine, "wait");
         installed.StartStandIn(installed.engine);
         Configure();
     }
@@ -165,7 +164,6 @@ TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     DeleteFileW((installed.engine_folder / "bridge.log").c_str());
     Configure("autostart=0");
     Tells({"warning  engine process: kestoav.exe does not run: with autostart=0 the first scan starts it"});
-    installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
     Tells({"warning  engine process: kestoav.exe runs from elsewhere"});
     installed.StartStandIn(installed.engine);

@@ -140,7 +140,6 @@ TEST_F(HostTest, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
 }
 
 TEST_F(HostTest, JobsRestartAnEngineThatDoesNotAcceptOnce) {
-    installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
     Configure(installed.PlaceBridge(engine.Address()));
     EXPECT_THAT(Told(L"-j 8 clean clean clean clean clean clean clean clean"),
@@ -171,7 +170,6 @@ TEST_F(HostTest, StopsWhereNoScanCouldSucceed) {
     EXPECT_THAT(ends.Told(), AllOf(StartsWith("2: \n"), HasSubstr("\nErrors: 0\nNot scanned: 2\n")));
     Configure(engine.Port());
     DeleteFileW(installed.engine.c_str());
-    installed.PlaceStandIn(installed.elsewhere, "wait");
     installed.StartStandIn(installed.elsewhere);
     EXPECT_THAT(Told(L"clean clean"),
                 AllOf(StartsWith("2: clean: ERROR Error connecting to AV server (1001)\n\n"),

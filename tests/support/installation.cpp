@@ -123,6 +123,7 @@ uint16_t Installation::PlaceBridge(const std::string& upstreams, const std::stri
 }
 
 void Installation::StartStandIn(const std::filesystem::path& program) {
+    PlaceStandIn(program, "wait");
     const size_t starts = Starts(program);
     started_.emplace_back(program);
     EXPECT_TRUE(WaitFor([&] { return Starts(program) > starts; }));

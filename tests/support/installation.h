@@ -48,7 +48,8 @@ class Installation {
     // which is returned.
     uint16_t PlaceBridge(const std::string& upstreams, const std::string& more_lines = "",
                          const char* program = "kestoav.exe") const;
-    // Starts a stand-in from the test itself and waits until it has taken up its role.
+    // Puts a stand-in that waits there, unless there is one, starts it from the test itself, and waits until
+    // it has taken up its role.
     void StartStandIn(const std::filesystem::path& program);
     size_t Starts(const std::filesystem::path& program) const;  // of a stand-in, so far
     // The processes of a program, or of all whose paths begin so.
