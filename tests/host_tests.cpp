@@ -72,7 +72,7 @@ TEST_F(HostTest, TellsEachFilesVerdictAndTheWorstByItsStatus) {
     const std::string found = ": Test.Virus FOUND\n";
     const std::string narrow_deep(deep.begin(), deep.end());
     const std::pair<std::wstring, std::string> cases[] = {
-        {L"missing infected", "1: missing: ERROR File not found (2)\ninfected" + found},
+        {L"missing odd\\dot.", "1: missing: ERROR File not found (2)\nodd\\dot." + found},
         {L"garble clean", "2: garble: ERROR Unexpected response from KESTOAV - what? (1003)\nclean: OK\n"},
         {L"clea* loo*", "0: clean: OK\nloop: SKIPPED Is a folder (--recursive scans it)\n"},
         {L"--json --exclude \u0416* \u0436*", "0: {\"files\": [\n]}\n"},
