@@ -145,11 +145,11 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
 }
 
 TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
-    const std::wstring folder = installed.folder.wstring();
-    SetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FA;;;WD)").get());
+    SetFileSecurityW(installed.folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FA;;;WD)").get());
     Tells({"failed   rights: Everyone may write to "});
-    SetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FRFX;;;WD)").get());
     installed.EndPrograms();
+    Configure("autostart=0");
+    Tells({"warning  engine process: kestoav.exe does not run: with autostart=0 the first scan starts it"});
     // An old reason is none.
     WriteFile(installed.engine_folder / "bridge.log", "cannot start - old\r\nstopped\r\n");
     WriteFile(installed.engine_folder / "bridge.ini", "[bridge]\r\nlisten=" + engine.Address());
@@ -157,10 +157,6 @@ TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     Tells({"failed   engine process: kestoav.exe does not run: no scan connects " + taken});
     WriteFile(installed.engine_folder / "bridge.log", "old\r\ncannot start - new\r\n");
     Tells({"; the last line of its log is \"cannot start - new\""});
-    DeleteFileW((installed.engine_folder / "bridge.ini").c_str());
-    DeleteFileW((installed.engine_folder / "bridge.log").c_str());
-    Configure("autostart=0");
-    Tells({"warning  engine process: kestoav.exe does not run: with autostart=0 the first scan starts it"});
     installed.StartStandIn(installed.elsewhere);
     Tells({"warning  engine process: kestoav.exe runs from elsewhere"});
     installed.StartStandIn(installed.engine);

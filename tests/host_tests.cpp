@@ -178,7 +178,6 @@ TEST_F(HostTest, StopsWhereNoScanCouldSucceed) {
 
 TEST_F(HostTest, EndsWithWholeLinesAndWithTheEngineThatItStartedUnlessOthersScanThere) {
     const auto gone = [&] { return installed.ProcessesOf(installed.engine_folder).empty(); };
-    DeleteFileW(installed.engine.c_str());
     const uint16_t port = installed.PlaceBridge(engine.Address());
     Configure(port);
     const std::string started =
