@@ -32,7 +32,8 @@ class HostTest : public Test {
     }
     // Starts a program of the system below Wine.
     void RunBelow(const std::wstring& command) const {
-        ProgramRun("C:\\windows\\system32\\start.exe", L"/d " + samples.wstring() + L" /unix /bin/" + command)
+        ProgramRun("C:\\windows\\system32\\start.exe",
+                   L"/d \"" + samples.wstring() + L"\" /unix /bin/" + command)
             .Told();
     }
     std::string Told(const std::wstring& arguments, const std::string& input = "") const {
@@ -253,14 +254,12 @@ TEST_F(HostTest, UpdatesOnceAtATimeByAnyProgramOrByACommandOrLooksAtTheSignature
     WriteFile(installed.engine_folder / "output", "10%\r20%\r\n\033[2Jnext");
     ScriptedEngine young(version(0)), old(version(1)), odd(Realistic({.version = "ClamAV"})), silent;
     silent.Kill();
-    const auto asked = [&](const std::string& servers) {
-        return "[bridge]\nupstreams=" + young.Address() + " " + servers + "\n[updater]\nsignatures=1\n";
-    };
+    const std::string asked = "[updater]\nsignatures=1\n[bridge]\nupstreams=" + young.Address() + " ";
     const std::string command = "[bridge]\n[updater]\n";
     // the file, the error (0: updated), and what the updater's log tells
     const std::tuple<std::string, int, const char*> cases[] = {
-        {asked(silent.Address()), 0, " does not answer: "},
-        {asked(old.Address() + " " + odd.Address()), 1,
+        {asked + silent.Address(), 0, " does not answer: "},
+        {asked + old.Address() + " " + odd.Address(), 1,
          "2 of 3 clamds have no signatures younger than signatures=1 days"},
         {"[bridge]\nupstreams=" + silent.Address(), 1, "no clamd answers"},
         {command + "command=cmd /c type output", 0, "\n?[2Jnext\n2"},
