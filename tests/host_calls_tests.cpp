@@ -103,9 +103,10 @@ TEST_F(HostCalls, LogAppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
 
 const std::string kFirstLine = "KESTOAV Version 1.0.4\n";
 
-TEST_F(HostCalls, VersionShowsTheFirstServersReplyInOneOfTwoForms) {
+TEST_F(HostCalls, VersionShowsTheFirstServersReplyAndNeverTouchesTheLastByteOfTheBuffer) {
     const uint16_t port = FreePort();
-    Start("servers=localhost:" + std::to_string(port) + " " + engine.Address());
+    EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");  // before the start
+    Start(Servers(port, engine.Port()));
     EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");
     system.calls.clear();
     const std::pair<EngineScript, std::string> cases[] = {
@@ -124,15 +125,7 @@ TEST_F(HostCalls, VersionShowsTheFirstServersReplyInOneOfTwoForms) {
             EXPECT_EQ(first.Requests().at(0).raw, WithNul("zVERSION"));
         });
     }
-    EXPECT_EQ(engine.Requests().size(), 0u);
-    EXPECT_THAT(system.calls, IsEmpty());  // no engine is looked for
-    EXPECT_THAT(installed.LogMessages(), IsEmpty());
-}
-
-TEST_F(HostCalls, VersionNeverTouchesTheLastByteOfTheBuffer) {
-    engine.Play(Replying("a/1/2"));
-    EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");  // before the start
-    Start();
+    const ScriptedEngine first(Replying("a/1/2"), port);
     const std::string whole = kFirstLine + "AV Database 1 - Updated 2";
     for (size_t size = 0; size < whole.size() + 4; ++size) {
         std::string buffer(64, '\x5E');
@@ -141,6 +134,9 @@ TEST_F(HostCalls, VersionNeverTouchesTheLastByteOfTheBuffer) {
         EXPECT_EQ(buffer, text + std::string(64 - text.size(), '\x5E')) << size;
     }
     plugin.get_version_details(nullptr, 100);
+    EXPECT_EQ(engine.Requests().size(), 0u);
+    EXPECT_THAT(system.calls, IsEmpty());  // no engine is looked for
+    EXPECT_THAT(installed.LogMessages(), IsEmpty());
 }
 
 const std::string kFailed = "The KESTO Antivirus Update attempt failed ";
