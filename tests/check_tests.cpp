@@ -20,7 +20,7 @@ EngineScript Clamd(bool shifted, int days = 0) {
 }
 
 // Answers scans of so many bytes with this and everything else as a clamd does.
-EngineScript ScansSaying(const std::string& reply, size_t least = 0) {
+EngineScript ScansSaying(std::string_view reply, size_t least = 0) {
     return [=, other = Clamd(true)](Wire& wire) {
         if (wire.ReceiveRequest().command == "zINSTREAM" && wire.ReceiveRequest().data.size() >= least) {
             wire.ReplyAndHangUp(reply);
@@ -71,8 +71,7 @@ TEST_F(CheckTest, NamesTheFaultOfEachInstallationAndNoOtherAndLeavesItAsItIs) {
         {failed + server + "EICAR: found only with encrypt=0", Clamd(false), ""},
         {failed + server + "EICAR: found clean -> check that", ScansSaying("stream: OK"), ""},
         {failed + server + "clean sample: found infected with X", ScansSaying("stream: X FOUND"), ""},
-        {failed + server + "2 MB stream: the reply was \"INST",
-         ScansSaying(std::string(kSizeLimitReply), 2 << 20), ""},
+        {failed + server + "2 MB stream: the reply was \"INST", ScansSaying(kSizeLimitReply, 2 << 20), ""},
         {failed + server + "zPING: no answer: the connection ", [](Wire& wire) { wire.Close(true); }, ""},
         {failed + server + "zPING: no answer: no end came", ReplyingBytes("s", Then::kHolds), ""},
         {"warning  " + server + "zVERSION: \"Engine 1/27000/", Clamd(true, 8), ""},

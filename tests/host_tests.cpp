@@ -65,7 +65,7 @@ TEST_F(HostTest, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         Sample(name, "a VIRUS");
     }
     Sample(L"garble", "GARBLE");
-    Sample(L"nul list", std::string_view("clean\n\0infected\0infected", 24));
+    Sample(L"zeros", std::string_view("clean\n\0infected\0infected", 24));
     Sample(L"wide", std::string_view("\xFF\xFE\x36\x04\x22\x6F\r\0\n\0", 10));
     std::filesystem::resize_file(samples / "huge", 5'000'000'000);
     RunBelow(L"ln -s . loop/again");
@@ -86,9 +86,8 @@ TEST_F(HostTest, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         {L"-r deep", "1: " + narrow_deep + found},
         {L"-r loop", "0: loop\\clean: OK\n"},
         {L"huge", "2: huge: ERROR File too large for a 32-bit process (223)\n"},
-        {L"--file-list \"nul list\"",
-         "2: ! kestoscan: the list nul list holds NUL characters: save it as UTF-8, or all of it as "
-         "UTF-16\n"},
+        {L"--file-list zeros",
+         "2: ! kestoscan: the list zeros holds NUL characters: save it as UTF-8, or all of it as UTF-16\n"},
         {L"--file-list wide", "1: \u0436\u6F22" + found},
         {L"--timeout 1 slow clean", "2: slow: ERROR No verdict within 1 s (1460)\nclean: OK\n"},
     };
