@@ -4,12 +4,12 @@
 #include "bridge/fleet.h"
 #include "common/bridge_settings.h"
 
-namespace kesto::bridge {
 namespace {
 
+using namespace kesto;
+using namespace kesto::bridge;
 using namespace std::literals;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace testing;
 
 const Time kStart{24h};
 
@@ -88,4 +88,3 @@ TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
 }
 
 }  // namespace
-}  // namespace kesto::bridge

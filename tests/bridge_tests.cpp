@@ -10,9 +10,9 @@
 #include "common/worker_orders.h"
 #include "tests/support/plugin_host.h"
 
-namespace kesto {
 namespace {
 
+using namespace kesto;
 using namespace std::literals;
 using namespace testing;
 
@@ -163,4 +163,3 @@ TEST_F(GuardTest, KeepsTheOldWorkerWhereNoNewOneComesUp) {
 }
 
 }  // namespace
-}  // namespace kesto

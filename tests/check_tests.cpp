@@ -9,9 +9,9 @@
 // It needs windows.h before it.
 #include <sddl.h>
 
-namespace kesto::host {
 namespace {
 
+using namespace kesto;
 using namespace testing;
 using namespace std::literals;
 
@@ -20,7 +20,7 @@ EngineScript Clamd(bool shifted, int days = 0) {
 }
 
 // Answers scans of so many bytes with this and everything else as a clamd does.
-EngineScript ScansSaying(const std::string& reply, size_t least = 0) {
+EngineScript ScansSaying(std::string_view reply, size_t least = 0) {
     return [=, other = Clamd(true)](Wire& wire) {
         if (wire.ReceiveRequest().command == "zINSTREAM" && wire.ReceiveRequest().data.size() >= least) {
             Replying(reply)(wire);
@@ -62,36 +62,38 @@ TEST_F(CheckTest, NamesTheFaultOfEachInstallationAndNoOtherAndLeavesItAsItIs) {
     const auto log = installed.top / "new.log";
     const std::string failed = "failed   ", server = "server " + engine.Address() + " ";
     const EngineScript well = Clamd(true);
-    const char* const warned = " 1 warning, 0 failed\n";
-    const struct {
-        std::string line;  // its beginning
-        EngineScript script;
-        std::string settings = "";
-        const char* counts = " 0 warnings, 1 failed\n";
-    } cases[] = {
-        {"ok       log: ", well, "logfile=" + log.string(), "\n11 ok, 0 warnings, 0 failed\n"},
+    // the beginning of the line that is told, the server behind it, and the settings
+    const std::tuple<std::string, EngineScript, std::string> cases[] = {
+        {"\n11 ok, ", well, "logfile=" + log.string()},
         {failed + "settings: kestoav.ini line 3: the key \"encrpyt\" is not", well, "encrpyt=0"},
         {failed + "log: C:\\missing\\av.log cannot be written: Path", well, "logfile=C:\\missing\\av.log"},
         {failed + server + "EICAR: found only with encrypt=1", well, "encrypt=0"},
-        {failed + server + "EICAR: found only with encrypt=0", Clamd(false)},
-        {failed + server + "EICAR: found clean -> check that", ScansSaying("stream: OK")},
-        {failed + server + "clean sample: found infected with X", ScansSaying("stream: X FOUND")},
-        {failed + server + "clean sample: the reply was \"stream: disk\"", ScansSaying("stream: disk"), "",
-         " 0 warnings, 2 failed\n"},  // and EICAR as well
-        {failed + server + "2 MB stream: the reply was \"INST",
-         ScansSaying(std::string(kSizeLimitReply), 2 << 20)},
-        {failed + server + "zPING: no answer: the connection ", [](Wire& wire) { wire.Close(true); }},
-        {"warning  " + server + "zVERSION: \"Engine 1/27000/", Clamd(true, 8), "", warned},
-        {"ok       " + server + "zVERSION: ", Clamd(true, 7), "", " 0 warnings, 0 failed\n"},
+        {failed + server + "EICAR: found only with encrypt=0", Clamd(false), ""},
+        {failed + server + "EICAR: found clean -> check that", ScansSaying("stream: OK"), ""},
+        {failed + server + "clean sample: found infected with X", ScansSaying("stream: X FOUND"), ""},
+        {failed + server + "2 MB stream: the reply was \"INST", ScansSaying(kSizeLimitReply, 2 << 20), ""},
+        {failed + server + "zPING: no answer: the connection ", [](Wire& wire) { wire.Close(true); }, ""},
+        {failed + server + "zPING: no answer: no end came", ReplyingBytes("s", Then::kHolds), ""},
+        {"warning  " + server + "zVERSION: \"Engine 1/27000/", Clamd(true, 8), ""},
+        {"ok       " + server + "zVERSION: ", Clamd(true, 7), ""},
         {"warning  " + server + "zVERSION: \"E\": the age of", Realistic({.shifted = true, .version = "E"}),
-         "", warned},
+         ""},
     };
-    for (const auto& it : cases) {
-        engine.Play(it.script);
-        Configure(it.settings);
-        EXPECT_THAT(Check(), AllOf(StartsWith(it.line.starts_with(failed) ? "2: " : "0: "),
-                                   HasSubstr(it.line), HasSubstr(it.counts)));
+    for (const auto& [line, script, settings] : cases) {
+        engine.Play(script);
+        Configure(settings);
+        const bool fails = line.starts_with(failed), warns = line.starts_with("warning");
+        EXPECT_THAT(Check(), AllOf(StartsWith(fails ? "2: " : "0: "), HasSubstr(line),
+                                   HasSubstr(warns ? " 1 warning, " : " 0 warnings, "),
+                                   HasSubstr(fails ? " 1 failed\n" : " 0 failed\n")));
     }
+    engine.Play(ScansSaying("stream: disk"));
+    EXPECT_THAT(
+        Check(L" --json"),
+        AllOf(StartsWith("2: "),
+              HasSubstr(R"({"check": ")" + server +
+                        R"(clean sample", "state": "failed", "text": "the reply was \"stream: disk\")"),
+              HasSubstr(R"({"state": "failed", "ok": 9, "warnings": 0, "failed": 2}})")));  // and EICAR
     EXPECT_THAT(Check(L" --library C:\\windows\\system32\\version.dll"), HasSubstr("failed   library: "));
     EXPECT_FALSE(std::filesystem::exists(log));
     EXPECT_EQ(installed.Starts(installed.engine), 1u);
@@ -141,24 +143,12 @@ TEST_F(CheckTest, AsksEachServerOfTheBridge) {
                                          "agree, and every virus passes -> run kestoscan --restart")));
 }
 
-TEST_F(CheckTest, EndsWhateverTheServerDoesAndSaysTheSameAsJson) {
-    engine.Play(ReplyingBytes("s", Then::kHolds));
-    const ProgramRun text(installed.folder / "kestoscan.exe", L"--check");
-    const std::string json = Check(L" --json");
-    const std::string line = "server " + engine.Address() + " zPING";
-    const std::string answer = "no answer: no end came";
-    EXPECT_THAT(json, HasSubstr(R"({"check": ")" + line + R"(", "state": "failed", "text": ")" + answer));
-    EXPECT_THAT(json, AllOf(StartsWith("2: "),
-                            HasSubstr(R"({"state": "failed", "ok": 7, "warnings": 0, "failed": 1}})")));
-    EXPECT_THAT(text.Told(), HasSubstr("failed   " + line + ": " + answer));
-}
-
 TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
-    const std::wstring folder = installed.folder.wstring();
-    SetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FA;;;WD)").get());
+    SetFileSecurityW(installed.folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FA;;;WD)").get());
     Tells({"failed   rights: Everyone may write to "});
-    SetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, Descriptor("D:(A;;FRFX;;;WD)").get());
     installed.EndPrograms();
+    Configure("autostart=0");
+    Tells({"warning  engine process: kestoav.exe does not run: with autostart=0 the first scan starts it"});
     // An old reason is none.
     WriteFile(installed.engine_folder / "bridge.log", "cannot start - old\r\nstopped\r\n");
     WriteFile(installed.engine_folder / "bridge.ini", "[bridge]\r\nlisten=" + engine.Address());
@@ -166,10 +156,6 @@ TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     Tells({"failed   engine process: kestoav.exe does not run: no scan connects " + taken});
     WriteFile(installed.engine_folder / "bridge.log", "old\r\ncannot start - new\r\n");
     Tells({"; the last line of its log is \"cannot start - new\""});
-    DeleteFileW((installed.engine_folder / "bridge.ini").c_str());
-    DeleteFileW((installed.engine_folder / "bridge.log").c_str());
-    Configure("autostart=0");
-    Tells({"warning  engine process: kestoav.exe does not run: with autostart=0 the first scan starts it"});
     installed.StartStandIn(installed.elsewhere);
     Tells({"warning  engine process: kestoav.exe runs from elsewhere"});
     installed.StartStandIn(installed.engine);
@@ -181,10 +167,8 @@ TEST_F(CheckTest, TellsWhatIsWrongWithTheEngine) {
     Tells({"kestoavu.exe is not a program, or is damaged: no update can be started"});
     DeleteFileW(installed.engine.c_str());
     Tells({"kestoav.exe is missing: no engine can be started"});
-    std::string wide = "\xFF\xFE";
-    for (const char c : "[kestoav]\r\n\r\nencrypt=yes\r\n"s) {
-        wide += {c, '\0'};
-    }
+    const std::u16string text = u"\uFEFF[kestoav]\r\n\r\nencrypt=yes\r\n";
+    const std::string wide(reinterpret_cast<const char*>(text.data()), 2 * text.size());
     WriteFile(installed.folder / "kestoav.ini", wide);
     Tells({"kestoav.ini line 3: encrypt=\"yes\" is not a number"});
     WriteFile(installed.folder / "kestoav.ini", wide.substr(2));  // which the plug-in cannot read
@@ -247,4 +231,3 @@ TEST(DynamicPorts, AreTheLastTwoNumbersInAnyLanguage) {
 }
 
 }  // namespace
-}  // namespace kesto::host

@@ -2,9 +2,9 @@
 // and what connecting to one waits for, loses and tells.
 #include "tests/support/fake_system.h"
 
-namespace kesto {
 namespace {
 
+using namespace kesto;
 using namespace testing;
 
 // The first lines of the log; repeated ones stand once, with their number.
@@ -19,7 +19,6 @@ std::string InShort(const std::vector<std::string>& messages) {
 
 TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
     constexpr uint32_t kLate = 1'000'000'000;
-    const std::vector<FakeProcess> two(2);
     const std::string scan = "Scan file - mail.eml - 1; ", start = "starting kestoav process; ";
     const std::string restart = "restarting kestoav process; stopping kestoav; ";
     const std::string couldnt = "Couldn't connect to kestoav process - Connect_Socket",
@@ -47,7 +46,7 @@ TEST(Engine, IsFoundRestartedAndGivenUpInTime) {
         {"startwait=0", {.enumerates = false}, missing + starting + "11" + dead},
         {"connectwait=0", {.accepts_from = 1001, .end_takes = 250}, ending + "3; " + start},
         // Of two engines only one is ended, and none is started.
-        {brief, {.processes = two, .accepts_from = kLate}, alive},
+        {brief, {.processes = std::vector<FakeProcess>(2), .accepts_from = kLate}, alive},
         {brief, {.accepts_from = kLate, .end_takes = kNever}, alive},
         // An engine is not seen without the right to ask for its name.
         {"", {.processes = {{.refused = PROCESS_QUERY_INFORMATION}}}, missing},
@@ -125,9 +124,7 @@ TEST(Connection, TellsOfTheServerOfTheSettingsThatFailedLastAndLosesNothing) {
              "refused it."},
         {to_closed + "127.0.0.1:65537", "127.0.0.1", silent, numeric + failed + late},
         {to_closed + "localhost:1", "localhost", silent, failed + late},
-        {to_closed + "no-such-host.invalid", "no-such-host.invalid", 3313, "DNS "},
         {to_closed + "256.0.0.1", "256.0.0.1", 3313, "DNS "},  // a name
-        {"", "127.0.0.1", 3313, numeric},
         {"[other]\nservers=127.0.0.2\n[kestoav]\n", "127.0.0.1", 3313, numeric},
         {"[KestoAV]\r\nSERVERS =  \"127.0.0.3:7\"  \r\n", "127.0.0.3", 7, numeric},
         {"[kestoav]\nservers=\n", "", 3313, "Cannot connect, hostname is zero length"},
@@ -236,4 +233,3 @@ TEST_F(ConnectionTest, LookupThatDoesNotEndInTimeIsCancelledAndLeftBehindUntilIt
 }
 
 }  // namespace
-}  // namespace kesto

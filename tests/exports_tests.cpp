@@ -4,8 +4,9 @@
 
 #include "tests/support/fake_system.h"
 
-namespace kesto {
 namespace {
+
+using namespace kesto;
 
 // Calls with so many zeros as arguments, and the stack `misalignment` bytes below a multiple of 16 before
 // they are pushed. `bytes_left` is how many bytes of them are still on the stack after the return.
@@ -73,4 +74,3 @@ TEST(Exports, LosesNothingByLoadingThePlugIn1300Times) {
 }
 
 }  // namespace
-}  // namespace kesto

@@ -9,10 +9,9 @@
 #include "common/guard_words.h"
 #include "guard/policy.h"
 
-namespace kesto {
 namespace {
 
-using namespace guard;
+using namespace kesto::guard;
 using namespace std::literals;
 
 // A guard that looks four times a second. Its story is told in events "SECONDS EVENT NUMBER"; what it does is
@@ -50,7 +49,7 @@ std::string Trace(const std::string& story) {
             policy.ClientsWait(false, now);
         }
     };
-    const std::map<std::string, uint32_t> codes = {{"ends", 1}, {"left", 0}, {"wrong", kCannotFollow}};
+    const std::map<std::string, uint32_t> codes = {{"ends", 1}, {"left", 0}, {"wrong", kesto::kCannotFollow}};
     look();
     std::istringstream words(story);
     double seconds = 0;
@@ -119,4 +118,3 @@ TEST(GuardPolicy, Stories) {
 }
 
 }  // namespace
-}  // namespace kesto

@@ -7,17 +7,17 @@
 
 #include "tests/support/fake_system.h"
 
-namespace kesto {
 namespace {
 
+using namespace kesto;
 using namespace testing;
 
-using StartUpTest = PluginTest;
+using HostCalls = PluginTest;
 
 int WINAPI NoSockets(WORD, WSADATA*) {
     return WSASYSNOTREADY;
 }
-TEST_F(StartUpTest, FillsTheHostsBuffersWhateverTheVersionAndIsRefusedWithoutSockets) {
+TEST_F(HostCalls, StartUpFillsTheHostsBuffersWhateverTheVersionAndIsRefusedWithoutSockets) {
     const ImportPatch patch(plugin.module, "WSAStartup", NoSockets);
     for (const int32_t version : {2, -1, 1}) {
         std::string short_name(kShortNameSize, 'x'), long_name(kLongNameSize, 'x');
@@ -35,7 +35,7 @@ TEST_F(StartUpTest, FillsTheHostsBuffersWhateverTheVersionAndIsRefusedWithoutSoc
     EXPECT_THAT(system.calls, IsEmpty());
 }
 
-TEST_F(StartUpTest, KeepsItsOwnCopyOf259CharactersOfTheFolder) {
+TEST_F(HostCalls, StartUpKeepsItsOwnCopyOf259CharactersOfTheFolder) {
     plugin.get_expiry(0, 0, 0);
     for (const size_t length : {0, 1, 259, 260, 100'000}) {  // the empty one counts, too
         std::string hosts_text = ("C:\\" + std::string(length, 'x')).substr(0, length);
@@ -50,7 +50,7 @@ TEST_F(StartUpTest, KeepsItsOwnCopyOf259CharactersOfTheFolder) {
 // The line that scanning an empty file writes, which needs no engine.
 const std::string kLogged = ": Scan file - mail.eml - 0\r\n";
 
-TEST_F(StartUpTest, LogIsWrittenWhereTheSettingSaysOrElseIfItExists) {
+TEST_F(HostCalls, LogIsWrittenWhereTheSettingSaysOrElseIfItExists) {
     const std::string folder = installed.folder.string(), other = folder + "\\other.log";
     // Where the one that is set cannot be opened, the default is not used.
     for (const std::string& setting :
@@ -74,11 +74,11 @@ int Flush(FILE* file) {
 }
 
 __time64_t g_now;
-__time64_t Now(__time64_t*) {
-    return g_now;
-}
-TEST_F(StartUpTest, LogAppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
-    const ImportPatch clock(plugin.module, "_time64", Now), flush(plugin.module, "fflush", Flush);
+
+TEST_F(HostCalls, LogAppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
+    const ImportPatch clock(
+        plugin.module, "_time64", +[](__time64_t*) { return g_now; });
+    const ImportPatch flush(plugin.module, "fflush", Flush);
     WriteFile(installed.log, "kept\r\n");
     _putenv("TZ=KST-5");
     _tzset();
@@ -103,15 +103,13 @@ TEST_F(StartUpTest, LogAppendsWholeLinesWithTheLocalTimeAndFlushesEach) {
 
 const std::string kFirstLine = "KESTOAV Version 1.0.4\n";
 
-using VersionTest = PluginTest;
-
-TEST_F(VersionTest, ShowsTheFirstServersReplyInOneOfTwoForms) {
+TEST_F(HostCalls, VersionShowsTheFirstServersReplyAndNeverTouchesTheLastByteOfTheBuffer) {
     const uint16_t port = FreePort();
-    Start("servers=localhost:" + std::to_string(port) + " " + engine.Address());
+    EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");  // before the start
+    Start(Servers(port, engine.Port()));
     EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");
     system.calls.clear();
     const std::pair<EngineScript, std::string> cases[] = {
-        {Replying("Engine 9.8/27000/Mon Jan  5 2026"), "AV Database 27000 - Updated Mon Jan  5 2026"},
         {Replying("%s/%n/%d"), "AV Database %n - Updated %d"},
         {Replying("a/b/c/d"), "a/b/c/d"},
         {Replying(""), ""},
@@ -127,15 +125,7 @@ TEST_F(VersionTest, ShowsTheFirstServersReplyInOneOfTwoForms) {
             EXPECT_EQ(first.Requests().at(0).raw, WithNul("zVERSION"));
         });
     }
-    EXPECT_EQ(engine.Requests().size(), 0u);
-    EXPECT_THAT(system.calls, IsEmpty());  // no engine is looked for
-    EXPECT_THAT(installed.LogMessages(), IsEmpty());
-}
-
-TEST_F(VersionTest, NeverTouchesTheLastByteOfTheBuffer) {
-    engine.Play(Replying("a/1/2"));
-    EXPECT_EQ(plugin.VersionDetails(), kFirstLine + "AV Engine version unknown");  // before the start
-    Start();
+    const ScriptedEngine first(Replying("a/1/2"), port);
     const std::string whole = kFirstLine + "AV Database 1 - Updated 2";
     for (size_t size = 0; size < whole.size() + 4; ++size) {
         std::string buffer(64, '\x5E');
@@ -144,24 +134,25 @@ TEST_F(VersionTest, NeverTouchesTheLastByteOfTheBuffer) {
         EXPECT_EQ(buffer, text + std::string(64 - text.size(), '\x5E')) << size;
     }
     plugin.get_version_details(nullptr, 100);
+    EXPECT_EQ(engine.Requests().size(), 0u);
+    EXPECT_THAT(system.calls, IsEmpty());  // no engine is looked for
+    EXPECT_THAT(installed.LogMessages(), IsEmpty());
 }
 
-class UpdateTest : public PluginTest {
- protected:
-    // The message of a failure whose title is right, or "done" if nothing was written.
-    std::string Update() const {
-        const std::string untouched(kUpdateMessageSize + 8, '\x5E');  // 8 after the agreed sizes
-        std::string title = untouched.substr(0, kUpdateTitleSize + 8), message = untouched;
-        const int32_t done = plugin.do_simple_update(title.data(), message.data());
-        EXPECT_EQ(title.starts_with(WithNul("KESTO Antivirus Update Failed")), done == 0);
-        EXPECT_THAT(title + message, AllOf(EndsWith("^^^^^^^^"), HasSubstr("^^^^^^^^" + message)));
-        return message == untouched ? "done" : message.c_str();
-    }
-    const std::string failed = "The KESTO Antivirus Update attempt failed ";
-};
+const std::string kFailed = "The KESTO Antivirus Update attempt failed ";
 
-TEST_F(UpdateTest, IsRefusedWithoutALicence) {
-    EXPECT_EQ(Update(), failed + "because you do not have a valid licence");
+// The message of a failure whose title is right, or "done" if nothing was written.
+std::string Update(const PluginLibrary& plugin) {
+    const std::string untouched(kUpdateMessageSize + 8, '\x5E');  // 8 after the agreed sizes
+    std::string title = untouched.substr(0, kUpdateTitleSize + 8), message = untouched;
+    const int32_t done = plugin.do_simple_update(title.data(), message.data());
+    EXPECT_EQ(title.starts_with(WithNul("KESTO Antivirus Update Failed")), done == 0);
+    EXPECT_THAT(title + message, AllOf(EndsWith("^^^^^^^^"), HasSubstr("^^^^^^^^" + message)));
+    return message == untouched ? "done" : message.c_str();
+}
+
+TEST_F(HostCalls, UpdateIsRefusedWithoutALicence) {
+    EXPECT_EQ(Update(plugin), kFailed + "because you do not have a valid licence");
     EXPECT_THAT(system.calls, IsEmpty());
 }
 
@@ -175,11 +166,10 @@ DWORD WINAPI UpdateMeanwhile(HANDLE, DWORD ms) {
     return WAIT_OBJECT_0;
 }
 
-TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
+TEST_F(HostCalls, UpdateRunsTheUpdaterToItsEndAndTellsHowItEnded) {
     g_plugin = &plugin;
     const ImportPatch waiting(plugin.module, "WaitForSingleObject", UpdateMeanwhile);
     const std::tuple<SystemState, std::string> cases[] = {
-        {{.exit_code = 0}, "done"},
         {{.exit_code = 259}, "with error 259"},  // what a running process reports as well
         {{.exit_code = 0xFFFFFFFF}, "with error 4294967295"},
         {{.starts = false, .start_error = 2}, "with error 2"},
@@ -189,7 +179,7 @@ TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
     // The arguments mean something to the host only, and must never be dereferenced.
     reinterpret_cast<int32_t(__stdcall*)(int, int, int, int, int)>(reinterpret_cast<void*>(
         GetProcAddress(static_cast<HMODULE>(plugin.module), "_GetExpiry2@20")))(1, 2, 3, 4, 5);
-    EXPECT_EQ(Update(), failed + "with error 3");  // without a folder
+    EXPECT_EQ(Update(plugin), kFailed + "with error 3");  // without a folder
     Start("autostart=0");
     const std::string folder = installed.engine_folder.string();
     const std::string start = "start " + folder + "\\kestoavu.exe in " + folder;
@@ -201,7 +191,7 @@ TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
         WriteFile(mirrors, "");
         system.Become(state);
         system.calls.clear();
-        EXPECT_EQ(Update(), done ? outcome : failed + outcome);
+        EXPECT_EQ(Update(plugin), done ? outcome : kFailed + outcome);
         EXPECT_EQ(std::filesystem::exists(mirrors), done);
         EXPECT_EQ(system.calls, std::vector{start});
         EXPECT_EQ(std::exchange(g_waits, 0), state.starts ? 1 : 0);
@@ -210,7 +200,7 @@ TEST_F(UpdateTest, RunsTheUpdaterToItsEndAndTellsHowItEnded) {
     EXPECT_EQ(plugin.do_simple_update(nullptr, nullptr), 1);
 }
 
-TEST_F(VersionTest, ErrorTextsAreBoundedAndTerminated) {
+TEST_F(HostCalls, ErrorTextsAreBoundedAndTerminated) {
     // the text includes its NUL; an empty one means that the buffer is untouched
     const std::tuple<uint32_t, int32_t, std::string> cases[] = {
         {1001, 30, WithNul("Error connecting to AV server")},
@@ -229,4 +219,3 @@ TEST_F(VersionTest, ErrorTextsAreBoundedAndTerminated) {
 }
 
 }  // namespace
-}  // namespace kesto

@@ -7,15 +7,14 @@
 #include "common/processes.h"
 #include "tests/support/plugin_host.h"
 
-namespace kesto {
 namespace {
 
+using namespace kesto;
 using namespace testing;
 
 class HostTest : public Test {
  protected:
     HostTest() {
-        CreateDirectoryW(samples.c_str(), nullptr);
         Sample(L"clean", "nothing");
         Sample(L"slow", "slow one");
         installed.PlaceStandIn(installed.engine);
@@ -28,22 +27,16 @@ class HostTest : public Test {
     }
     // Names are taken as they stand, and may be of any length.
     void Sample(const std::wstring& name, std::string_view content) {
-        const std::wstring exact = L"\\\\?\\" + (samples / "").wstring();
-        for (size_t end = name.find(L'\\'); end != std::wstring::npos; end = name.find(L'\\', end + 1)) {
-            CreateDirectoryW((exact + name.substr(0, end)).c_str(), nullptr);
-        }
-        WriteFile(exact + name, content);
+        const std::filesystem::path exact = L"\\\\?\\" + (samples / name).wstring();
+        std::filesystem::create_directories(exact.parent_path());
+        WriteFile(exact, content);
     }
-    // Starts a program of the system below Wine, which leaves such a one's handles undefined.
+    // Starts a program of the system below Wine.
     void RunBelow(const std::wstring& command) const {
-        std::wstring line = L"Z:\\bin\\" + command;
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION undefined;
-        EXPECT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, samples.c_str(),
-                                   &startup, &undefined));
+        ProgramRun("C:\\windows\\system32\\start.exe",
+                   L"/d \"" + samples.wstring() + L"\" /unix /bin/" + command)
+            .Told();
     }
-
     std::string Told(const std::wstring& arguments, const std::string& input = "") const {
         return ProgramRun(program, arguments, samples, input).Told();
     }
@@ -61,36 +54,27 @@ class HostTest : public Test {
     const std::filesystem::path program = installed.folder / "kestoscan.exe";
 };
 
-class HostScan : public HostTest {
- protected:
-    HostScan() { installed.StartStandIn(installed.engine); }
-};
-
-TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
+TEST_F(HostTest, TellsEachFilesVerdictAndTheWorstByItsStatus) {
+    installed.StartStandIn(installed.engine);
     const std::wstring part(100, L'x');
     const std::wstring deep = L"deep\\" + part + L"\\" + part + L"\\" + part;
-    for (const wchar_t* name : {L"odd\\dot", L"odd\\blank", L"odd\\sub\\in", L"in folder\\clean",
-                                L"loop\\clean", L"empty", L"huge"}) {
-        Sample(name, wcschr(L"eh", *name) == nullptr ? "nothing" : "");
+    for (const wchar_t* name : {L"odd\\dot", L"odd\\blank", L"odd\\sub\\in", L"loop\\clean", L"huge"}) {
+        Sample(name, "nothing");
     }
     for (const wchar_t* name : {L"infected", L"[clean]", L"NUL.txt", L"odd\\dot.", L"odd\\blank ",
                                 L"odd\\sub.\\in", L"\u0436\u6F22", deep.c_str()}) {
         Sample(name, "a VIRUS");
     }
     Sample(L"garble", "GARBLE");
-    Sample(L"nul list", std::string_view("clean\n\0infected\0infected", 24));
+    Sample(L"zeros", std::string_view("clean\n\0infected\0infected", 24));
     Sample(L"wide", std::string_view("\xFF\xFE\x36\x04\x22\x6F\r\0\n\0", 10));
     std::filesystem::resize_file(samples / "huge", 5'000'000'000);
     RunBelow(L"ln -s . loop/again");
     ASSERT_TRUE(WaitFor([this] { return std::filesystem::exists(samples / "loop\\again\\clean"); }));
     const std::string found = ": Test.Virus FOUND\n";
     const std::string narrow_deep(deep.begin(), deep.end());
-    const struct {
-        std::wstring arguments;
-        std::string told;
-        std::string input = "";
-    } cases[] = {
-        {L"missing infected", "1: missing: ERROR File not found (2)\ninfected" + found},
+    const std::pair<std::wstring, std::string> cases[] = {
+        {L"missing odd\\dot.", "1: missing: ERROR File not found (2)\nodd\\dot." + found},
         {L"garble clean", "2: garble: ERROR Unexpected response from KESTOAV - what? (1003)\nclean: OK\n"},
         {L"clea* loo*", "0: clean: OK\nloop: SKIPPED Is a folder (--recursive scans it)\n"},
         {L"--json --exclude \u0416* \u0436*", "0: {\"files\": [\n]}\n"},
@@ -103,18 +87,17 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
         {L"-r deep", "1: " + narrow_deep + found},
         {L"-r loop", "0: loop\\clean: OK\n"},
         {L"huge", "2: huge: ERROR File too large for a 32-bit process (223)\n"},
-        {L"-", "0: -: OK\n", std::string(70'000, ' ')},
-        {L"--file-list \"nul list\"",
-         "2: ! kestoscan: the list nul list holds NUL characters: save it as UTF-8, or all of it as "
-         "UTF-16\n"},
-        {L"--file-list -", "0: clean: OK\n", "clean\r\n"},
+        {L"--file-list zeros",
+         "2: ! kestoscan: the list zeros holds NUL characters: save it as UTF-8, or all of it as UTF-16\n"},
         {L"--file-list wide", "1: \u0436\u6F22" + found},
         {L"--timeout 1 slow clean", "2: slow: ERROR No verdict within 1 s (1460)\nclean: OK\n"},
     };
     installed.WriteSettings(Servers(FreePort(), engine.Port()));  // a server is asked whether it accepts
-    for (const auto& it : cases) {
-        EXPECT_EQ(Told(L"--no-summary " + it.arguments, it.input), it.told);
+    for (const auto& [arguments, told] : cases) {
+        EXPECT_EQ(Told(L"--no-summary " + arguments), told);
     }
+    EXPECT_EQ(Told(L"--no-summary -", std::string(70'000, ' ')), "0: -: OK\n");
+    EXPECT_EQ(Told(L"--no-summary --file-list -", "clean\r\n"), "0: clean: OK\n");
     EXPECT_THAT(Told(L"--exclude infe* missing infected clean in*d"),
                 HasSubstr("\n\nScanned files: 2\nInfected files: 1\nErrors: 1\nLeft out: 1\n"
                           "Data scanned: 14 B\nTime: "));
@@ -123,7 +106,8 @@ TEST_F(HostScan, TellsEachFilesVerdictAndTheWorstByItsStatus) {
     EXPECT_TRUE(WaitFor([this] { return !std::filesystem::exists(samples / "deep"); }));
 }
 
-TEST_F(HostScan, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
+TEST_F(HostTest, PrintsOneJsonDocumentAndPutsAwayWithoutOverwriting) {
+    installed.StartStandIn(installed.engine);
     CreateDirectoryW((samples / "away").c_str(), nullptr);
     Sample(L"infected", "a VIRUS");
     EXPECT_THAT(Told(L"--log log --copy away infected"), StartsWith("1: "));
@@ -161,11 +145,11 @@ TEST_F(HostTest, JobsRestartAnEngineThatDoesNotAcceptOnce) {
     Configure(installed.PlaceBridge(engine.Address()));
     EXPECT_THAT(Told(L"-j 8 clean clean clean clean clean clean clean clean"),
                 HasSubstr("\nScanned files: 8\nInfected files: 0\nErrors: 0\n"));
-    const auto log = installed.LogMessages();
-    EXPECT_EQ(std::count(log.begin(), log.end(), "restarting kestoav process"), 1);
+    EXPECT_THAT(installed.LogMessages(), Contains("restarting kestoav process").Times(1));
 }
 
-TEST_F(HostScan, StopsWhereNoScanCouldSucceed) {
+TEST_F(HostTest, StopsWhereNoScanCouldSucceed) {
+    installed.StartStandIn(installed.engine);
     engine.Kill();
     EXPECT_THAT(Told(L"--timeout 1 clean clean"),
                 HasSubstr("\n! kestoscan: no server accepts a connection - " + engine.Address()));
@@ -195,7 +179,6 @@ TEST_F(HostScan, StopsWhereNoScanCouldSucceed) {
 
 TEST_F(HostTest, EndsWithWholeLinesAndWithTheEngineThatItStartedUnlessOthersScanThere) {
     const auto gone = [&] { return EngineIn(installed.engine_folder).empty(); };
-    DeleteFileW(installed.engine.c_str());
     const uint16_t port = installed.PlaceBridge(engine.Address());
     Configure(port);
     const std::string started =
@@ -218,7 +201,6 @@ TEST_F(HostTest, EndsWithWholeLinesAndWithTheEngineThatItStartedUnlessOthersScan
                                         " as well, so it goes on running\n"));
     EXPECT_THAT(Told(L"clean"), StartsWith("0: "));
     EXPECT_FALSE(gone());  // it ran before
-    installed.EndPrograms();
 }
 
 TEST_F(HostTest, RefusesWhatIsNotThePlugInOrNotUnderstood) {
@@ -272,17 +254,12 @@ TEST_F(HostTest, UpdatesOnceAtATimeByAnyProgramOrByACommandOrLooksAtTheSignature
     WriteFile(installed.engine_folder / "output", "10%\r20%\r\n\033[2Jnext");
     ScriptedEngine young(version(0)), old(version(1)), odd(Realistic({.version = "ClamAV"})), silent;
     silent.Kill();
-    const auto asked = [&](const std::string& servers) {
-        return "[bridge]\nupstreams=" + young.Address() + " " + servers + "\n[updater]\nsignatures=1\n";
-    };
+    const std::string asked = "[updater]\nsignatures=1\n[bridge]\nupstreams=" + young.Address() + " ";
     const std::string command = "[bridge]\n[updater]\n";
-    const struct {
-        std::string ini;
-        int error;         // 0: updated
-        const char* told;  // by the updater's log
-    } cases[] = {
-        {asked(silent.Address()), 0, " does not answer: "},
-        {asked(old.Address() + " " + odd.Address()), 1,
+    // the file, the error (0: updated), and what the updater's log tells
+    const std::tuple<std::string, int, const char*> cases[] = {
+        {asked + silent.Address(), 0, " does not answer: "},
+        {asked + old.Address() + " " + odd.Address(), 1,
          "2 of 3 clamds have no signatures younger than signatures=1 days"},
         {"[bridge]\nupstreams=" + silent.Address(), 1, "no clamd answers"},
         {command + "command=cmd /c type output", 0, "\n?[2Jnext\n2"},
@@ -303,4 +280,3 @@ TEST_F(HostTest, UpdatesOnceAtATimeByAnyProgramOrByACommandOrLooksAtTheSignature
 }
 
 }  // namespace
-}  // namespace kesto

@@ -14,9 +14,7 @@ pack() { # UMASK
   (umask "$1" && "$top/scripts/package") >"$work/packed" 2>&1 || fail "$(cat "$work/packed")"
   cat "$top"/build/release/kestoav-*-{win32.zip,setup.exe} | sha256sum
 }
-first=$(pack 022)
-second=$(pack 077)
-[ "$first" = "$second" ] || fail "two packings of one commit differ"
+[ "$(pack 022)" = "$(pack 077)" ] || fail "two packings of one commit differ"
 
 (cd "$work" && openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=KESTO -addext extendedKeyUsage=codeSigning \
   -keyout key.pem -out certificate.pem && echo 'pass word' >password &&
@@ -65,8 +63,7 @@ start_wine package
 cd "$work"
 start_engine "$installed"
 run_to 1 "$installed/kestoscan.exe" clean.txt eicar.com
-said=$(tr -d '\r' <said)
-[[ $said = *"clean.txt: OK"*"eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND"* ]] || fail "the scan says $said"
+[[ $(<said) = *"clean.txt: OK"*"eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND"* ]] || fail "the scan says $(<said)"
 if grep restarting "$installed/kestoav.log"; then fail "the engine was restarted"; fi
 
 run_to 0 "$installed/kestoscan.exe" --check
@@ -127,8 +124,7 @@ touch kestoscan.exe.old  # by an earlier set-up program
 setup 0
 if listens "$port"; then fail "an upgrade leaves the engine"; fi
 sha256sum -c --quiet "$work/settings" || fail "an upgrade changes what is the administrator's"
-files=$(find . -name '*.old*' -o -name '*_' | xargs)
-[ -z "$files" ] || fail "an upgrade leaves $files"
+[ -z "$(find . -name '*.old*' -o -name '*_')" ] || fail "an upgrade leaves $(find . -type f | xargs)"
 mkfifo "$work/pipe"
 exec 4<>"$work/pipe"
 "$top/scripts/wine" kestoscan.exe - <"$work/pipe" >"$work/scanned" 2>&1 4>&- &

@@ -6,8 +6,9 @@
 #include "common/signatures.h"
 #include "host/check/ini_lint.h"
 
-namespace kesto::host {
 namespace {
+
+using namespace kesto;
 
 TEST(ServerList, SplitsAtSingleBlanksAndReadsPortsAsNumbersOf16Bits) {
     const std::pair<const char*, const char*> cases[] = {
@@ -57,19 +58,19 @@ TEST(IniLint, FindsExactlyTheFaultOfEachFile) {
         {"logfile=C:\\" + std::string(300, 'a'), "cut", true},
     };
     for (const auto& [lines, expected, misread] : cases) {
-        const auto findings = LintIni("[kestoav]\r\n" + lines);
+        const auto findings = host::LintIni("[kestoav]\r\n" + lines);
         ASSERT_EQ(findings.size(), *expected == '\0' ? 0u : 1u) << lines;
-        for (const IniFinding& each : findings) {
+        for (const host::IniFinding& each : findings) {
             EXPECT_THAT(each.text + " -> " + each.remedy, testing::HasSubstr(expected));
             EXPECT_EQ(each.misread, misread) << lines;
             EXPECT_EQ(each.line, 2 + std::count(lines.begin(), lines.end() - 1, '\n')) << lines;
         }
     }
     // In ours as well, it is not told.
-    EXPECT_EQ(LintIni("[kestoav]\nencrypt=1\n[other]\nencrypt=0").size(), 0u);
-    EXPECT_THAT(LintIni(std::string_view("[\0k\0", 4)).at(0).remedy, testing::HasSubstr("ANSI"));
-    EXPECT_THAT(LintIni("").at(0).text, testing::HasSubstr("no section [kestoav]"));
-    EXPECT_THAT(LintIni("\xEF\xBB\xBF[kestoav]\n").at(0).text, testing::HasSubstr("byte order mark"));
+    EXPECT_EQ(host::LintIni("[kestoav]\nencrypt=1\n[other]\nencrypt=0").size(), 0u);
+    EXPECT_THAT(host::LintIni(std::string_view("[\0k\0", 4)).at(0).remedy, testing::HasSubstr("ANSI"));
+    EXPECT_THAT(host::LintIni("").at(0).text, testing::HasSubstr("no section [kestoav]"));
+    EXPECT_THAT(host::LintIni("\xEF\xBB\xBF[kestoav]\n").at(0).text, testing::HasSubstr("byte order mark"));
 }
 
 TEST(Signatures, AreReadOfThreeFieldsOnlyAndAgeByTheCalendar) {
@@ -96,4 +97,3 @@ TEST(LogLimit, WritesTenOfAKindAMinuteAndTellsWhatItLeftOut) {
 }
 
 }  // namespace
-}  // namespace kesto::host

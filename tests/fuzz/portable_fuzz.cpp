@@ -1,4 +1,4 @@
-// The fuzz targets, one for each part. PART names the function that gets the inputs.
+// The fuzz target: what is said of any text by the parts that read what others write.
 #include <algorithm>
 #include <cstdlib>
 #include <string>
@@ -6,29 +6,19 @@
 #include "base/clamd_words.h"
 #include "host/check/ini_lint.h"
 
-namespace kesto {
-using namespace host;
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string text(data, data + size);
+    const auto expect = [](bool holds) { return holds ? void() : abort(); };
 
-const auto Expect = [](bool holds) { return holds ? void() : abort(); };
-
-// Every finding is about a line of the file, and has a text.
-void ini_lint(const std::string& text) {
+    // Every finding is about a line of the file, and has a text.
     const auto ends_line = [](char c) { return c == '\n' || c == '\r'; };
     const int lines = static_cast<int>(std::count_if(text.begin(), text.end(), ends_line)) + 1;
-    for (const IniFinding& each : LintIni(text)) {
+    for (const kesto::host::IniFinding& each : kesto::host::LintIni(text)) {
         const int line = static_cast<int>(each.line);
-        Expect(line >= 1 && line <= lines && !each.text.empty() && !each.remedy.empty());
+        expect(line >= 1 && line <= lines && !each.text.empty() && !each.remedy.empty());
     }
-}
 
-// The verdict's text is a part of the reply.
-void reply_verdict(const std::string& reply) {
-    Expect(reply.find(VerdictOfReply(reply).text) != reply.npos);
-}
-
-}  // namespace kesto
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    kesto::PART(std::string(data, data + size));
+    // The verdict's text is a part of the reply.
+    expect(text.find(kesto::VerdictOfReply(text).text) != text.npos);
     return 0;
 }
