@@ -106,7 +106,6 @@ void SetServers(Fleet& fleet, const std::vector<ServerAddress>& names, Time now)
         }
         const auto server = std::make_shared<Server>();
         server->name = name;
-        server->lookup.at = now;
         server->health.worked = now;
         server->ask_version_at = now + kFirstVersion;
         if (name.kind != HostKind::kName) {

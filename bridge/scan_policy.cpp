@@ -88,7 +88,7 @@ std::string ScanPolicy::WordsOf(Loss loss) const {
 // The client gets the last reply without a verdict, if there is one and it has seen nothing else.
 void ScanPolicy::GiveUp(Loss loss, Time now) {
     for (const Try& attempt : tries_) {
-        if (attempt.state == Try::State::kRunning && IsSilent(attempt, now)) {
+        if (IsSilent(attempt, now)) {
             NoteFailure(fleet_, *attempt.server, attempt.progressed, now);
         }
     }
@@ -111,8 +111,7 @@ void ScanPolicy::TakeVerdict(Try& attempt, const AttemptEnd& end, Time now) {
     NoteVerdict(*attempt.server, now);
     Release(attempt, Try::State::kLost);
     for (const Try& other : tries_) {
-        if (other.state == Try::State::kErred ||
-            (other.state == Try::State::kRunning && IsSilent(other, now))) {
+        if (other.state == Try::State::kErred || IsSilent(other, now)) {
             NoteFailure(fleet_, *other.server, other.progressed, now);
         }
     }
@@ -160,7 +159,7 @@ bool ScanPolicy::TakesLong(const Try& attempt, Time now) const {
 
 // And it takes no data either, which over a slow line could be the reason, and the server works for nobody.
 bool ScanPolicy::IsSilent(const Try& attempt, Time now) const {
-    return TakesLong(attempt, now) &&
+    return attempt.state == Try::State::kRunning && TakesLong(attempt, now) &&
            now >= std::max(attempt.progressed, attempt.server->health.worked) + kSilence;
 }
 
@@ -289,7 +288,7 @@ Answer ScanPolicy::Trickle(Time now) {
 ScanStep ScanPolicy::Next(Time now) {
     if (stage_ == Stage::kSeeking) {
         for (const Try& attempt : tries_) {
-            if (attempt.state == Try::State::kRunning && IsSilent(attempt, now)) {
+            if (IsSilent(attempt, now)) {
                 SuspectForSilence(fleet_, *attempt.server, now);
             }
         }
@@ -308,10 +307,9 @@ ScanStep ScanPolicy::Next(Time now) {
         return {nullptr, Trickle(now), {}};
     }
     const bool replies = end_.answer.kind == Answer::Kind::kReply;
-    if (stage_ != Stage::kDecided || (replies && !ended_)) {
+    if (replies && !ended_) {
         return {};
     }
-    stage_ = Stage::kTold;
     end_.answer.text.erase(0, replies ? trickled_ : 0);
     return std::exchange(end_, {});
 }

@@ -47,7 +47,7 @@ class ScanPolicy {
     ScanStep Next(Time now);
 
     // No more of the stream is needed, although the reply is not sent before its end.
-    bool Decided() const { return stage_ >= Stage::kDecided; }
+    bool Decided() const { return stage_ == Stage::kDecided; }
     bool StreamHasEnded() const { return ended_.has_value(); }
     // No server has the scan, and none can take it.
     bool Waits() const { return stage_ == Stage::kSeeking && waits_since_; }
@@ -57,7 +57,6 @@ class ScanPolicy {
         kFilling,  // too little of the stream has come to choose a server
         kSeeking,  // it seeks a verdict
         kDecided,  // the outcome is known
-        kTold,     // the client has been told
     };
     // What is known of an attempt.
     struct Try {

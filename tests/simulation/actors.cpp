@@ -136,6 +136,7 @@ void ServerLine::WasRead() {
         server->pauses = IsProbe() || !server->up || sent != size ? server->pauses : 0;
     } else if (Erred()) {
         server->erred_at = net.now;
+        server->sick_at = IsProbe() ? net.now : server->sick_at;
     }
     g_world->Tell("the bridge reads \"", said, "\" of ", server->name);
     net.After(0s, [server = server] { server->Pump(); });
@@ -152,6 +153,8 @@ void ServerLine::Writes(std::span<const uint8_t> bytes) {
     server->versions += head.starts_with("zVERSION");
     if (IsProbe()) {
         server->probed_at = net.now;
+        g_world->Never(++server->probes > 60 + (net.now - Time(24h)) / 1s, server->name,
+                       " is probed too often");
         const auto probes = [](const auto& line) {
             return line->IsProbe() && line->Runs() && line->IsCurrent();
         };

@@ -85,6 +85,7 @@ void World::Logs(const std::string& message) {
                                             : up || pause),
                   server->name, " is tried again too late or never, or is not in the list");
             server->pauses += pause != 0;
+            Never(has("takes long") && net.now < server->listed_at + 5s, server->name, " is not waited for");
             Never(has(" down - gave no reply") && server->up && bridge.fleet.down_since, server->name,
                   " is the last one that is up, and is called down for its silence");
         }
@@ -290,6 +291,10 @@ void World::LookAt(Client& client) {
     Never(now > client.told + longest_still && client.text.size() < kVerdictBeginning.size(), client.name,
           " has waited for long without a byte");
     Never(now > client.due + seconds(settings.verdict), client.name, " is not told in time");
+    const Server& only = *list.front();
+    const bool sick = only.sick_at > only.probed_at && only.probed_at > client.alone_since + kTick;
+    Never(list.size() == 1 && sick && !only.up && !only.has_other && now > only.sick_at + 2 * kTick && !lacks,
+          client.name, " waits although the only server is sick");
     bool runs = false, late = true, forsaken = true;
     for (const auto& line : client.lines) {
         runs |= line->Runs();
@@ -350,6 +355,7 @@ void World::CheckTheEnd() {
         {"upstream_replies_total{", 0, attempts},
         {"scan_seconds_count ", told, told},
         {"scan_seconds_sum ", told * 1e-6, told * 1e6},
+        {"upstream_seconds_total{", 0, 1e9},
         {"clients_limit ", settings.clients, settings.clients},
         {"upstream_up{", up, up},
         {"upstream_failures_total{", 0, attempts}};

@@ -42,10 +42,10 @@ struct Server {
     bool told_down = false;                         // by the log
     Time fault_at{}, listed_at{}, turned_at{}, busy_at{}, told_at{};  // the third: came up, or went down
     Time verdict_at{}, erred_at{}, scan_at{}, probed_at{};  // two were read, two written by the bridge
-    Time looked_up{};                                       // when the last lookup of its name began
-    int lookups = 0, versions = 0;  // so many times its name was looked up, its version asked for
-    int pauses = 0;                 // so many times it was called down with a pause since a scan's verdict
-    unsigned failed = 0;            // scans in a row, by errors where another one gave a verdict
+    Time looked_up{}, sick_at{};  // when the last lookup of its name began, when a probe read an error last
+    int lookups = 0, versions = 0, probes = 0;  // so often its name was looked up, its version asked for
+    int pauses = 0;       // so many times it was called down with a pause since a scan's verdict
+    unsigned failed = 0;  // scans in a row, by errors where another one gave a verdict
     std::vector<std::shared_ptr<ServerLine>> lines;
 };
 
