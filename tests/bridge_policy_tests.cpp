@@ -35,6 +35,19 @@ TEST(BridgeFleet, AServerIsDownAfterThreeFailuresInARowAndSuspectedAloneForSilen
     EXPECT_FALSE(fails() || fails());
 }
 
+TEST(BridgeFleet, OneScanInTenOfTheLastMinuteMayHaveABusySecondServer) {
+    Fleet fleet;
+    for (int i = 0; i < 20; ++i) {
+        fleet.scans.Add(kStart);
+    }
+    for (const bool may : {true, true, false}) {
+        EXPECT_EQ(MayAskBeside(fleet, kStart + 59s), may);
+        fleet.beside.Add(kStart + 1s);
+    }
+    EXPECT_FALSE(MayAskBeside(fleet, kStart + 60s));
+    EXPECT_TRUE(MayAskBeside(fleet, kStart + 61s));
+}
+
 TEST(BridgeSettings, WhatCannotBeFollowedIsRefused) {
     const std::pair<const char*, std::vector<const char*>> cases[] = {
         // the problem, and lines that have it

@@ -32,22 +32,6 @@ void World::AttemptBegins(Client& client, ServerLine& line) {
 
 // A further server is chosen for its scan.
 void World::Repeats(Client& client, const Server& server) {
-    const auto runs = [](const auto& line) {
-        return line->client != nullptr && line->Runs() && line->IsCurrent();
-    };
-    const bool beside = std::ranges::any_of(client.lines, [&](const auto& line) {
-        const Server& its = *line->server;
-        return runs(line) && its.up && its.told_at != net.now && line->began > its.turned_at &&
-               !its.has_other;
-    });
-    if (beside && client.repeats == 0 && std::ranges::any_of(server.lines, runs)) {
-        client.beside_at = net.now;
-        const auto lately = [this](Time at) { return at + 60s > net.now; };
-        const auto share = std::ranges::count_if(clients, lately, [](auto& each) { return each->beside_at; });
-        const auto all = std::ranges::count_if(clients, lately, [](auto& each) { return each->ended; });
-        Never(share > std::max<ptrdiff_t>(1, all / 10),
-              "more than one scan in ten gets a second server that is busy");
-    }
     for (const auto& line : client.lines) {
         const bool waits = line->closed && !line->broken && !line->forgotten && line->reply.empty();
         Never(waits && line->sent == line->size && !lacks, client.name, " is taken from ", line->server->name,

@@ -126,7 +126,6 @@ struct Client final : Line {
     size_t repeats = 0;
     Time repeated_at{}, came{}, ended{}, heard{}, told{}, answered_at{};
     Time gated{};               // until then the bridge read nothing of it
-    Time beside_at{};           // when a busy server got it beside another one
     Time due{}, alone_since{};  // the latest time at which its stream may have ended, no server had it
     std::string text, end;      // what the bridge tells it, and why it was closed
     std::string asked;          // names of servers, among others
