@@ -49,7 +49,7 @@ ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bo
             used += run;
             continue;
         }
-        stream.length = stream.length << 8 | bytes[used++];
+        stream.length = stream.length << 8 | bytes[used++];  // four of them shift the former length out
         if (++stream.length_bytes < 4) {
             continue;
         }
@@ -60,7 +60,6 @@ ChunksFollowed FollowChunks(ChunkStream& stream, uint8_t* bytes, size_t size, bo
             return {used, StreamState::kEnded};
         }
         stream.data_left = stream.length;
-        stream.length = 0;
         stream.length_bytes = 0;
     }
     return {used, StreamState::kGoesOn};

@@ -53,6 +53,11 @@ void World::Logs(const std::string& message) {
     const size_t peer = message.find("10.9.0.1:");
     Client& client =
         *clients.at(peer == std::string::npos ? 0 : std::strtoul(&message[peer + 9], nullptr, 10));
+    made_way = {net.now, (made_way.first == net.now ? made_way.second : 0) + has("too slow while")};
+    Never(made_way.second > 1 + settings.clients / 4, "too many clients make way at once");
+    const auto erred = [](const auto& line) { return line->replied && !line->HasVerdict(); };
+    Never(has(" gave no verdict to ") && client.file != 0 && std::ranges::none_of(client.lines, erred),
+          "no error was read");
     for (const auto& server : servers) {
         const std::string upstream = "upstream " + server->name;
         if (message.starts_with("scan of ") && message.ends_with(upstream)) {
@@ -164,11 +169,13 @@ void World::GivesUp(const Client& client) {
     const size_t first = client.lines.size() <= client.repeats;  // that was tried, which is not told
     const std::tuple<std::string_view, bool, bool> reasons[] = {
         // with whether it is true, and whether a scan has been given up
-        {"the bridge ends", bridge.stopping && (!all_came || client.lines.empty()), false},
+        {"the bridge ends",
+         bridge.stopping && over(*bridge.stopping, settings.idle) && (!all_came || client.lines.empty()),
+         false},
         {"sent a chunk", client.words.ends_with('d'), false},
         {"sent an unknown", client.kind == Kind::kNoise, false},
         {"sent no command", silent && !began && client.read != client.RequestSize(), false},
-        {"sent nothing", silent && began, false},
+        {"sent nothing", silent && began && !client.words.ends_with('d'), false},
         {"too slow", crowd > settings.clients && slow && net.now >= client.gated + 4s, false},
         {"no upstream server answered", none_well, false},
         {"no verdict within", over_time, true},

@@ -181,7 +181,8 @@ struct World {
     std::vector<std::unique_ptr<Server>> servers;
     std::vector<Server*> list;
     std::vector<std::shared_ptr<Client>> clients, arrivals, let_in;  // all, those that wait, those not closed
-    size_t reading = 0, crowd = 0;  // bytes of all scans under way, clients before this step
+    size_t reading = 0, crowd = 0;       // bytes of all scans under way, clients before this step
+    std::pair<Time, unsigned> made_way;  // when clients did last, and how many
     double refused = 0, repeated = 0, attempts = 0, replies[3] = {};  // the last by their kinds
     std::optional<Time> down_since;
     Time lacked_at{}, crowded_since{}, lookup_began{};
