@@ -185,10 +185,11 @@ Task<Attempt> Attempt::Send(std::shared_ptr<Attempt> self) {
 }
 
 const AttemptEnd* Attempt::End(Time now) {
+    const Time takes_data_by = std::max(step_until_, server_->health.worked + idle_);  // it may be busy
     if (state_ == State::kConnecting && now >= step_until_) {
         asio::error_code ignored;
-        socket_.close(ignored);                                                 // which ends the connect
-    } else if (now >= std::max(step_until_, server_->health.worked + idle_)) {  // until then it is busy
+        socket_.close(ignored);  // which ends the connect
+    } else if (now >= takes_data_by) {
         Finish({AttemptEnd::Kind::kSilent, "took no data for " + std::to_string(idle_.count()) + " s"});
     } else if (now >= reply_until_) {
         Finish({AttemptEnd::Kind::kSilent, "gave no reply"});

@@ -114,6 +114,7 @@ void Client::TakeOpening(uint8_t* bytes, size_t size) {
         case Command::kVersion:
         case Command::kPing:
             opening_->Append(used);
+            opening_->End();
             request_ = std::make_unique<Query>(bridge_, *this, std::move(opening_), heard_);
             phase_ = Phase::kBusy;
             Wake();
