@@ -151,6 +151,11 @@ std::string Update(const PluginLibrary& plugin) {
     return message == untouched ? "done" : message.c_str();
 }
 
+TEST_F(HostCalls, UpdateIsRefusedWithoutALicence) {
+    EXPECT_EQ(Update(plugin), kFailed + "because you do not have a valid licence");
+    EXPECT_THAT(system.calls, IsEmpty());
+}
+
 const PluginLibrary* g_plugin;
 int g_waits;
 
@@ -171,7 +176,6 @@ TEST_F(HostCalls, UpdateRunsTheUpdaterToItsEndAndTellsHowItEnded) {
         {{.starts = false, .start_error = 0}, "done"},  // but there is nothing to wait for
         {{.start_error = 5, .exit_code = 0}, "done"},
     };
-    EXPECT_EQ(Update(plugin), kFailed + "because you do not have a valid licence");
     // The arguments mean something to the host only, and must never be dereferenced.
     reinterpret_cast<int32_t(__stdcall*)(int, int, int, int, int)>(reinterpret_cast<void*>(
         GetProcAddress(static_cast<HMODULE>(plugin.module), "_GetExpiry2@20")))(1, 2, 3, 4, 5);

@@ -124,6 +124,9 @@ void ScriptedEngine::Kill() {
     }
     accepting_ = {};
     listener_.close();
+    listener_.open(tcp::v4());
+    asio::error_code taken;
+    listener_.bind(Loopback(port_), taken);  // so that nobody else gets the port, and serves there
     for (Wire& each : connections_) {
         each.EndWaits();
     }
