@@ -30,9 +30,9 @@ struct Server {
     bool Serves(const ServerLine& line) const;
 
     const size_t number;
-    bool named, has_other, other_errs;  // the second: its name has another address first, where nobody is,
-                                        // or somebody who only errs
-    uint64_t largest;                   // file
+    // The second: its name has another address first, where nobody is, or (the third) somebody who only errs.
+    bool named, has_other, other_errs;
+    uint64_t largest;  // file
     Duration scan;
     double rate;       // of its lines
     std::string name;  // as set
@@ -43,7 +43,8 @@ struct Server {
     Time fault_at{}, listed_at{}, turned_at{}, busy_at{}, told_at{};  // the third: came up, or went down
     Time verdict_at{}, erred_at{}, scan_at{}, probed_at{};  // two were read, two written by the bridge
     Time looked_up{}, sick_at{};  // when the last lookup of its name began, when a probe read an error last
-    int lookups = 0, versions = 0, probes = 0;  // so often its name was looked up, its version asked for
+    // So often its name was looked up, its version asked for, and it was probed.
+    int lookups = 0, versions = 0, probes = 0;
     int pauses = 0;       // so many times it was called down with a pause since a scan's verdict
     unsigned failed = 0;  // scans in a row, by errors where another one gave a verdict
     std::vector<std::shared_ptr<ServerLine>> lines;
