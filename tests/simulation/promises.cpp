@@ -146,6 +146,7 @@ void World::GivesUp(const Client& client) {
     const bool silent = over(client.heard, settings.idle) && client.read == client.arrived;
     const bool slow = client.speed < 1100 || (client.pauses_at < client.RequestSize() && client.read != 0) ||
                       net.now >= client.heard + 900ms;
+    const bool sent_all = client.read == client.RequestSize();
     const bool over_time = all_came && over(client.ended, settings.verdict);
     const auto has_verdict = [](const auto& line) { return line->HasVerdict(); };
     bool missed = std::ranges::any_of(client.lines, has_verdict);
@@ -156,7 +157,8 @@ void World::GivesUp(const Client& client) {
                      line->replied_at < std::max(line->server->probed_at + 20s, net.now - 5s);
     }
     for (const Server* server : list) {
-        none_well &= !server->IsWell() || std::max(server->fault_at, server->listed_at) >= client.came;
+        none_well &=
+            !server->IsWell() || std::max(server->fault_at, server->listed_at) + kTick >= client.came;
         all_asked &= !server->up || client.HasAsked(*server);
         all_sick &= !server->up && server->erred_at >= client.came;
         all_tried &= !server->known || server->busy_at >= client.came;
@@ -174,8 +176,8 @@ void World::GivesUp(const Client& client) {
          false},
         {"sent a chunk", client.words.ends_with('d'), false},
         {"sent an unknown", client.kind == Kind::kNoise, false},
-        {"sent no command", silent && !began && client.read != client.RequestSize(), false},
-        {"sent nothing", silent && began && !client.words.ends_with('d'), false},
+        {"sent no command", silent && !began && !sent_all, false},
+        {"sent nothing", silent && began && !(sent_all && client.words.ends_with('d')), false},
         {"too slow", crowd > settings.clients && slow && net.now >= client.gated + 4s, false},
         {"no upstream server answered", none_well, false},
         {"no verdict within", over_time, true},
@@ -283,7 +285,8 @@ void World::LookAt(Client& client) {
           " has waited for long without a byte");
     Never(now > client.due + seconds(settings.verdict), client.name, " is not told in time");
     const Server& only = *list.front();
-    const bool sick = only.sick_at > only.probed_at && only.probed_at > client.alone_since + kTick;
+    const Time waits_since = std::max(client.alone_since, client.repeated_at) + kConnecting;
+    const bool sick = only.sick_at > only.probed_at && only.probed_at > waits_since;
     Never(list.size() == 1 && sick && !only.up && !only.has_other && now > only.sick_at + 2 * kTick && !lacks,
           client.name, " waits although the only server is sick");
     bool runs = false, late = true, forsaken = true;
