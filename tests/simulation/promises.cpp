@@ -227,8 +227,9 @@ void World::LookAt(const Server& server, bool was_up) {
         return;
     }
     Never(server.up && server.told_down, server.name, " is up, and the log calls it down");
-    const bool is_busy = server.known && server.fault == Fault::kBusy && now < server.verdict_at + 4s;
-    const bool works = server.IsWell() ? server.fault_at < server.verdict_at : is_busy;
+    const bool is_busy = server.known && server.fault == Fault::kBusy && now < server.verdict_at + 2s;
+    const bool works =
+        server.IsWell() ? server.fault_at < server.verdict_at && now > server.verdict_at + kTick : is_busy;
     Never(works && was_up && !server.up && !server.other_errs && server.erred_at < server.verdict_at,
           server.name, " gives verdicts, and is called down");
     Never(!server.known && !server.up && now > server.listed_at + 5900ms && server.told_at < server.listed_at,
