@@ -235,7 +235,7 @@ void World::LookAt(const Server& server, bool was_up) {
     Never(!server.known && !server.up && now > server.listed_at + 5900ms && server.told_at < server.listed_at,
           server.name, " is not known, and nobody is told");
     const bool is_sick = server.fault == Fault::kSick && server.number % 2 == 0;
-    const Time erred = std::max(server.probed_at + 20s, server.fault_at);
+    const Time erred = std::max({server.probed_at + 20s, server.fault_at, server.listed_at});
     Never(server.up && is_sick && server.erred_at > erred && now > server.erred_at + 25s, server.name,
           " errs, and nobody asks why");
     Never(server.up && server.failed >= 3, server.name, " fails scan after scan, and is not called down");
